@@ -1,0 +1,255 @@
+"""Backups and restores on a booted host with its real tools, against the same tools without the agent."""
+
+import json
+import os
+import pathlib
+import statistics
+import subprocess
+import sys
+
+TREE = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(TREE / "tests" / "host"))
+
+from hostfloor import Host  # noqa: E402
+
+ROUNDS = int(os.environ.get("CORV_BENCH_ROUNDS", "3"))
+ACCOUNTS = 20
+MEBIBYTES = 2048 // ACCOUNTS
+STATUS_ROUNDS = 15
+
+# Runs inside the host. Times are taken there, so that getting in and out does not count.
+INSIDE = r'''
+import glob, json, os, resource, shutil, socket, statistics, subprocess, sys, time
+
+AGENT = "/usr/libexec/corvane/corv-agent"
+DESTINATION = "/srv/backup"
+TOOLS = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}
+
+
+def seconds(work):
+    began = time.perf_counter()
+    work()
+    return time.perf_counter() - began
+
+
+def sh(script, *words):
+    subprocess.run(["sh", "-ec", script, "sh", *words], check=True, env=TOOLS, cwd="/", stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL)
+
+
+def request(command, **args):
+    with socket.socket(socket.AF_UNIX) as client:
+        client.connect("/run/corvane/agent.sock")
+        client.sendall(json.dumps({"cmd": command, "args": args}).encode() + b"\n")
+        reply = b""
+        while not reply.endswith(b"\n"):
+            reply += client.recv(1 << 20)
+    return json.loads(reply)
+
+
+def backup_by_agent():
+    global peak
+    process = subprocess.Popen([AGENT, "--backup"], env=TOOLS, cwd="/", stdout=subprocess.DEVNULL)
+    while process.poll() is None:
+        try:
+            for line in open(f"/proc/{process.pid}/status"):
+                if line.startswith("VmHWM:"):
+                    peak = max(peak, int(line.split()[1]))
+        except (FileNotFoundError, ProcessLookupError):
+            pass
+        time.sleep(0.02)
+    assert process.returncode == 0, process.returncode
+
+
+SCRIPT = r"""
+new=$1/.partial-x
+mkdir -p "$new/accounts"
+runuser -u postgres -- pg_dump -Fc corvane >"$new/panel.dump"
+tar -czf "$new/config.tar.gz" -C / etc/corvane
+for user in $(getent passwd | sed -n 's/^\([a-z0-9]*\):.*:Corvane account,.*/\1/p'); do
+    tar -czf "$new/accounts/$user-home.tar.gz" --exclude="$user/tmp" -C /home "$user"
+    runuser -u postgres -- pg_dump -Fc "$user" >"$new/accounts/$user-db.dump"
+done
+find "$new" -type f -exec chmod 600 {} +
+mv "$new" "$1/x"
+"""
+
+
+def clear():
+    for path in glob.glob(DESTINATION + "/*"):
+        shutil.rmtree(path)
+
+
+def backup(rounds):
+    global peak
+    peak = 0
+    ours, reference = [], []
+    for _ in range(rounds):
+        clear()
+        ours.append(seconds(backup_by_agent))
+        clear()
+        reference.append(seconds(lambda: sh(SCRIPT, DESTINATION)))
+    return ours, reference, [], peak
+
+
+def files(rounds, user, name):
+    archive = f"{DESTINATION}/{name}/accounts/{user}-home.tar.gz"
+    shutil.copy(archive, "/srv/copy.tar.gz")
+    os.chmod("/srv/copy.tar.gz", 0o644)
+    target = f"/home/{user}/restored-{name}"
+    ours, reference = [], []
+    for _ in range(rounds):
+        ours.append(seconds(lambda: check(request("backup.restore", username=user, backup=name, what="files"))))
+        shutil.rmtree(target)
+        reference.append(seconds(lambda: sh(
+            'runuser -u "$1" -- mkdir "$2"; '
+            'runuser -u "$1" -- tar -xzf /srv/copy.tar.gz -C "$2" --strip-components=1 --no-same-owner', user, target)))
+        shutil.rmtree(target)
+    return ours, reference, []
+
+
+def database(rounds, user, name):
+    """The second reference drops a database of the same size too, as the swap does: that makes the server write it all out."""
+    dump = f"{DESTINATION}/{name}/accounts/{user}-db.dump"
+    ours, bare, whole = [], [], []
+    load = 'cat "$1" | runuser -u postgres -- pg_restore -d scratch'
+    for _ in range(rounds):
+        sh("runuser -u postgres -- psql -qc CHECKPOINT")
+        ours.append(seconds(lambda: check(request("backup.restore", username=user, backup=name, what="database"))))
+        sh("runuser -u postgres -- createdb scratch; runuser -u postgres -- psql -qc CHECKPOINT")
+        bare.append(seconds(lambda: sh(load, dump)))
+        sh("runuser -u postgres -- dropdb scratch; runuser -u postgres -- createdb -T \"$1\" old;"
+           "runuser -u postgres -- psql -qc CHECKPOINT", user)
+        whole.append(seconds(lambda: sh("runuser -u postgres -- createdb scratch;" + load +
+                                        "; runuser -u postgres -- dropdb old", dump)))
+        sh("runuser -u postgres -- dropdb scratch")
+    return ours, bare, whole
+
+
+def status(rounds):
+    clear()
+    for day in range(60):
+        folder = f"{DESTINATION}/2025-{1 + day // 28:02}-{1 + day % 28:02}_031500"
+        os.makedirs(folder + "/accounts")
+        accounts = [{"username": f"account{i}", "domain": f"account{i}.example.org", "homeBytes": 123456789 + i,
+                     "dbBytes": 98765 + i} for i in range(200)]
+        for i in range(200):
+            for end in ("home.tar.gz", "db.dump"):
+                with open(f"{folder}/accounts/account{i}-{end}", "w") as file:
+                    file.write("x")
+        for name in ("panel.dump", "config.tar.gz"):
+            open(f"{folder}/{name}", "w").close()
+        with open(folder + "/manifest.json", "w") as file:
+            json.dump({"name": os.path.basename(folder), "created": 1741490105, "seconds": 5, "accounts": accounts,
+                       "panelBytes": 7, "errors": []}, file, indent=4)
+    ours, bare, whole = [], [], []
+    for _ in range(rounds):
+        ours.append(seconds(lambda: check(request("backup.status"))))
+        bare.append(seconds(lambda: tool("du", "-s", DESTINATION)))
+        whole.append(seconds(lambda: [tool(*argv) for argv in STATUS_TOOLS]))
+    return ours, bare, whole
+
+
+def tool(*argv):
+    subprocess.run(argv, stdout=subprocess.DEVNULL, check=True)
+
+
+STATUS_TOOLS = [
+    ["du", "-s", DESTINATION],
+    ["systemctl", "show", "-p", "ActiveState", "--value", "corv-backup.service"],
+    ["systemctl", "show", "-p", "NextElapseUSecRealtime", "--value", "corv-backup.timer"],
+    ["journalctl", "-u", "corv-backup.service", "-n", "30", "-o", "cat", "--no-pager"],
+]
+
+
+def check(reply):
+    assert reply["ok"] is True, reply
+
+
+function, rounds, *words = sys.argv[1:]
+print(json.dumps(globals()[function](int(rounds), *words)))
+'''
+
+
+def measure(host, what, references, limit, function, rounds, *words, unit="s"):
+    """Prints a row for each reference, and returns what else the function measured."""
+    times = host.ok(["python3", "/srv/inside.py", function, str(rounds), *words], timeout=3600)
+    ours, *others = json.loads(times.splitlines()[-1])
+    factor = 1000 if unit == "ms" else 1
+    mine = statistics.median(ours) * factor
+    for reference, spent in zip(references, others):
+        theirs = statistics.median(spent) * factor
+        print(f"| {what}, against {reference} | {mine:.1f} {unit} | {theirs:.1f} {unit} | {mine / theirs:.3f} | {limit} |",
+              flush=True)
+    return others[-1]
+
+
+def prepare(host, count):
+    """So many accounts with 2 GiB in all, and /home and the destination in memory."""
+    host.ok(["sh", "-ec", "mount -t tmpfs -o size=6g tmpfs /srv; mkdir /srv/backup; mount -t tmpfs -o size=6g tmpfs /home"])
+    host.put("/srv/inside.py", INSIDE)
+    host.ok(["sed", "-i", "s|^;destination=.*|destination=/srv/backup|", "/etc/corvane/corvane.ini"])
+    host.ok(["systemctl", "restart", "corv-agent"])
+    host.wait_for_unit("corv-agent")
+    accounts = [host.account() for _ in range(count)]
+    for account in accounts:
+        fill(host, account, MEBIBYTES)
+        sql(host, account, "CREATE TABLE t AS SELECT i, md5(i::text) FROM generate_series(1, 20000) AS i")
+    return accounts
+
+
+def fill(host, account, mebibytes):
+    """Puts that many files of 1 MiB into the home: one eighth random, the rest easy to compress."""
+    host.ok(["sh", "-ec", 'head -c 16384 /dev/urandom >"$1/b"; head -c 114688 /dev/zero >>"$1/b";'
+             'for k in 1 2 3 4 5 6 7 8; do cat "$1/b"; done >"$1/c"; for i in $(seq "$2"); do cp "$1/c" "$1/$i"; done', "sh",
+             f"{account.home}/public_html", str(mebibytes)], user=account.name, timeout=600)
+
+
+def sql(host, account, statement):
+    done = host.run(["psql", "-qX", "-v", "ON_ERROR_STOP=1", "-h", "127.0.0.1", "-U", account.name, "-w", "-c", statement,
+                     account.name], env={"PGPASSWORD": account.password}, timeout=1200)
+    assert done.code == 0, done.err
+
+
+def measure_run(host):
+    peak = measure(host, f"backup run, {ACCOUNTS} accounts, 2 GiB", ["a shell script"], 1.02, "backup", ROUNDS)
+    print(f"| its own peak memory | {peak / 1024:.1f} MiB | | | 20 MiB |", flush=True)
+
+
+def measure_restores(host, account):
+    fill(host, account, 1024)
+    sql(host, account, "CREATE TABLE large AS SELECT i, md5(i::text) || md5((i * 7)::text) AS text"
+        " FROM generate_series(1, 1500000) AS i; ALTER TABLE large ADD PRIMARY KEY (i); CREATE INDEX ON large (text)")
+    assert host.run(["/usr/libexec/corvane/corv-agent", "--backup"], timeout=3600).code == 0
+    name = host.request("backup.status")["backups"][0]["name"]
+    measure(host, "restore of files, 1 GiB", ["tar -xzf"], 1.03, "files", ROUNDS, account.name, name)
+    measure(host, "restore of a database", ["cat, pg_restore", "createdb, cat, pg_restore, dropdb"], 1.03, "database", ROUNDS,
+            account.name, name)
+
+
+def measure_status(host):
+    measure(host, "backup.status, 60 backups of 200 accounts", ["du -s", "du -s and its three tools"], 1.5, "status",
+            STATUS_ROUNDS, unit="ms")
+
+
+def main(parts):
+    """All parts, or those named: run, restores, status."""
+    package = os.environ.get("CORV_PACKAGE") or subprocess.run(
+        [TREE / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()[-1]
+    host = Host(f"bench-{os.getpid()}")
+    try:
+        host.install(package)
+        accounts = prepare(host, ACCOUNTS if not parts or "run" in parts else 1)
+        if not parts or "run" in parts:
+            measure_run(host)
+        for account in accounts[1:]:
+            host.ok(["userdel", "--remove", "--force", account.name])
+        if not parts or "restores" in parts:
+            measure_restores(host, accounts[0])
+        if not parts or "status" in parts:
+            measure_status(host)
+    finally:
+        host.stop()
+
+
+main(sys.argv[1:])

@@ -1,0 +1,209 @@
+#include "agent/Agent.h"
+
+#include "agent/AgentHost.h"
+#include "agent/Connection.h"
+#include "agent/Files.h"
+#include "agent/Hosting.h"
+#include "agent/Quota.h"
+#include "agent/Security.h"
+#include "common/Fd.h"
+#include "common/Json.h"
+#include "common/System.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QLocalSocket>
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv {
+namespace {
+
+// Many clients may knock while a handler waits for apt-get.
+constexpr int kBacklog = 4096;
+constexpr mode_t kSocketMode = 0660;
+constexpr qsizetype kLoggedNameLength = 64;
+constexpr int kSendRestMs = 2'000;
+
+Reply ping(const QJsonObject &)
+{
+    return {{u"ok"_s, true}, {u"version"_s, QCoreApplication::applicationVersion()}};
+}
+
+Reply disks(const QJsonObject &)
+{
+    return {{u"ok"_s, true}, {u"disks"_s, system::disks()}};
+}
+
+Reply serviceStatus(const QStringList &services)
+{
+    return {{u"ok"_s, true}, {u"services"_s, system::serviceStatus(services)}};
+}
+
+// Both halves keep an ok of their own: one that cannot be told does not hide the other.
+Reply securityStatus(const QJsonObject &)
+{
+    return {
+        {u"ok"_s, true}, {u"firewall"_s, security::firewallStatus({})}, {u"fail2ban"_s, security::fail2banStatus({})}};
+}
+
+// The file manager. It starts the executable at self again as its helper; a replaced one is found under the same path.
+auto filesWith(const QString &self)
+{
+    return [self](const QJsonObject &args) { return files::command(args, self); };
+}
+
+// The uid of the process at the other end, -1 when the kernel does not tell it.
+qint64 peerUid(qintptr socket)
+{
+    ucred peer = {};
+    socklen_t size = sizeof peer;
+    if (::getsockopt(static_cast<int>(socket), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+        return -1;
+    return peer.uid;
+}
+
+// A name as a client sent it, fit for one log line: whatever could end the line or steer a terminal is shown escaped.
+QString printable(const QString &name)
+{
+    QString text;
+    for (const QChar c : name) {
+        switch (c.category()) {
+        case QChar::Other_Control:
+        case QChar::Other_Format:
+        case QChar::Separator_Line:
+        case QChar::Separator_Paragraph:
+            text.append(u"\\u%1"_s.arg(c.unicode(), 4, 16, QChar(u'0')));
+            break;
+        default:
+            text.append(c);
+        }
+    }
+    return text;
+}
+
+} // namespace
+
+Agent::Agent(quint32 allowedUid, QStringList services, backup::Config backups, QObject *parent)
+    : QObject(parent), m_allowedUid(allowedUid), m_services(std::move(services)), m_backups(std::move(backups)),
+      m_commands({
+          {u"ping"_s, ping},
+          {u"system.info"_s, systemInfo},
+          {u"system.disks"_s, disks},
+          {u"services.status"_s, [this](const QJsonObject &) { return serviceStatus(m_services); }},
+          {u"services.restart"_s, [this](const QJsonObject &args) { return restartService(m_services, args); }},
+          {u"hosting.create"_s, hosting::create},
+          {u"hosting.suspend"_s, hosting::suspend},
+          {u"hosting.resume"_s, hosting::resume},
+          {u"hosting.delete"_s, hosting::remove},
+          {u"hosting.usage"_s, hosting::usage},
+          {u"hosting.getKeys"_s, hosting::getKeys},
+          {u"quota.status"_s, quota::status},
+          {u"quota.enable"_s, quota::enable},
+          {u"quota.set"_s, quota::set},
+          {u"firewall.status"_s, security::firewallStatus},
+          {u"firewall.enable"_s, security::firewallEnable},
+          {u"firewall.disable"_s, security::firewallDisable},
+          {u"firewall.allow"_s, security::firewallAllow},
+          {u"firewall.delete"_s, security::firewallDelete},
+          {u"fail2ban.status"_s, security::fail2banStatus},
+          {u"fail2ban.enable"_s, security::fail2banEnable},
+          {u"fail2ban.unban"_s, security::fail2banUnban},
+          {u"updates.status"_s, security::updatesStatus},
+          {u"updates.refresh"_s, security::updatesRefresh},
+          {u"updates.install"_s, security::updatesInstall},
+          {u"updates.automatic"_s, security::updatesAutomatic},
+          {u"system.reboot"_s, security::reboot},
+          {u"security.status"_s, securityStatus},
+          {u"backup.status"_s, [this](const QJsonObject &) { return backup::status(m_backups); }},
+          {u"backup.start"_s, [](const QJsonObject &) { return backup::start(); }},
+          {u"backup.restore"_s, [this](const QJsonObject &args) { return backup::restore(m_backups, args); }},
+          {u"files"_s, filesWith(QCoreApplication::applicationFilePath())},
+          {u"hosting.setKeys"_s, hosting::setKeys},
+          {u"hosting.resetDbPassword"_s, hosting::resetDbPassword},
+          {u"hosting.dbReadOnly"_s, hosting::dbReadOnly},
+      })
+{
+    connect(&m_server, &QLocalServer::newConnection, this, &Agent::onNewConnection);
+}
+
+bool Agent::listen(const QString &path, const QString &group)
+{
+    QLocalServer::removeServer(path);
+    m_server.setSocketOptions(QLocalServer::UserAccessOption | QLocalServer::GroupAccessOption);
+    m_server.setListenBacklogSize(kBacklog);
+    m_server.setMaxPendingConnections(kBacklog);
+    if (!m_server.listen(path)) {
+        qCritical("agent: cannot listen on %s: %s", qUtf8Printable(path), qUtf8Printable(m_server.errorString()));
+        return false;
+    }
+
+    // The framework lets owner and group execute the socket too, which means nothing but reads as a slip.
+    const QByteArray file = QFile::encodeName(m_server.fullServerName());
+    (void)::chmod(file.constData(), kSocketMode);
+    if (!group.isEmpty()) {
+        const struct group *entry = ::getgrnam(group.toLocal8Bit().constData());
+        if (!entry || ::chown(file.constData(), static_cast<uid_t>(-1), entry->gr_gid) != 0) {
+            qCritical("agent: cannot give %s to group %s", qUtf8Printable(path), qUtf8Printable(group));
+            return false;
+        }
+    }
+
+    qInfo("agent: listening on %s", qUtf8Printable(path));
+    return true;
+}
+
+void Agent::onNewConnection()
+{
+    while (QLocalSocket *socket = m_server.nextPendingConnection()) {
+        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
+        const qint64 uid = peerUid(socket->socketDescriptor());
+        if (uid < 0 || (uid != 0 && uid != m_allowedUid && uid != ::getuid())) {
+            qWarning("agent: refused connection from uid %ld", static_cast<long>(uid));
+            socket->abort();
+            continue;
+        }
+
+        Fd descriptor(::fcntl(static_cast<int>(socket->socketDescriptor()), F_DUPFD_CLOEXEC, 0));
+        delete socket;
+        if (!descriptor)
+            continue;
+        const auto answer = [this, uid](const QByteArray &line) {
+            return compactJson(dispatch(line, static_cast<quint32>(uid))) + '\n';
+        };
+        new Connection(std::move(descriptor), answer, this);
+    }
+}
+
+Reply Agent::dispatch(const QByteArray &request, quint32 uid)
+{
+    const QJsonObject object = parseObject(request);
+    const QString name = object.value("cmd"_L1).toString();
+    const auto command = m_commands.constFind(name);
+    if (command == m_commands.cend()) {
+        qWarning("agent: uid %u sent unknown command '%s'", uid,
+                 qUtf8Printable(printable(name.left(kLoggedNameLength))));
+        return fail(u"unknown command"_s);
+    }
+
+    const Reply reply = (*command)(object.value("args"_L1).toObject());
+    const bool ok = reply.value("ok"_L1).toBool();
+    qInfo("agent: uid %u ran %s -> %s", uid, qUtf8Printable(name), ok ? "ok" : "failed");
+    return reply;
+}
+
+void Agent::sendRest()
+{
+    const QDeadlineTimer deadline(kSendRestMs);
+    for (Connection *connection : findChildren<Connection *>(Qt::FindDirectChildrenOnly))
+        connection->sendRest(deadline);
+}
+
+} // namespace corv

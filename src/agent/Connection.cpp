@@ -1,0 +1,166 @@
+#include "agent/Connection.h"
+
+#include "agent/Stop.h"
+
+#include <QDeadlineTimer>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace corv {
+namespace {
+
+constexpr qsizetype kMaxLine = 4'194'304; // bytes, the line feed included
+constexpr qsizetype kReadSize = 65'536;
+// A client that sends requests and never reads has them wait beyond this, so that replies do not pile up in memory.
+constexpr qsizetype kMaxUnsent = 1'048'576;
+
+} // namespace
+
+Connection::Connection(Fd socket, Answerer answerer, QObject *parent)
+    : QObject(parent), m_socket(std::move(socket)), m_answerer(std::move(answerer)),
+      m_readable(m_socket.get(), QSocketNotifier::Read), m_writable(m_socket.get(), QSocketNotifier::Write)
+{
+    m_writable.setEnabled(false);
+    connect(&m_readable, &QSocketNotifier::activated, this, &Connection::onReadable);
+    connect(&m_writable, &QSocketNotifier::activated, this, &Connection::onWritable);
+}
+
+void Connection::onReadable()
+{
+    std::array<char, kReadSize> chunk; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by recv
+    const ssize_t count = ::recv(m_socket.get(), chunk.data(), chunk.size(), MSG_DONTWAIT);
+    if (count < 0) {
+        if (errno != EAGAIN && errno != EINTR)
+            drop();
+        return;
+    }
+    if (count == 0)
+        m_peerFinished = true;
+    m_received.append(chunk.data(), count);
+    serve();
+}
+
+void Connection::onWritable()
+{
+    if (flush())
+        serve();
+}
+
+// Answers the lines that are complete, one after the other, then forgets them.
+void Connection::serve()
+{
+    bool lineLeft = true;
+    while (lineLeft && mayServe()) {
+        const qsizetype length = nextLineLength();
+        lineLeft = length > 0;
+        if (!lineLeft)
+            break;
+        const QByteArray line = m_received.sliced(m_start, length);
+        m_start += length;
+        send(m_answerer(line));
+    }
+    if (m_dropped)
+        return;
+
+    m_received.remove(0, m_start);
+    m_scanned = std::max<qsizetype>(0, m_scanned - m_start);
+    m_start = 0;
+    if (m_received.isEmpty())
+        m_received.clear(); // gives back what a long line took
+
+    if (!lineLeft && m_received.size() > kMaxLine) {
+        drop();
+        return;
+    }
+    listenAsNeeded();
+}
+
+bool Connection::mayServe() const
+{
+    return !m_dropped && !stopRequested() && unsent() <= kMaxUnsent;
+}
+
+qsizetype Connection::unsent() const
+{
+    return m_unsent.size() - m_sent;
+}
+
+// The length of the next line with its line feed, 0 while it is not complete. A line over the limit is handed out in
+// pieces of the limit's size. What has been searched for a line feed is never searched again: a client that dribbles
+// megabytes byte by byte must not cost quadratic time.
+qsizetype Connection::nextLineLength()
+{
+    m_scanned = std::max(m_scanned, m_start);
+    const qsizetype lineFeed = m_received.indexOf('\n', m_scanned);
+    if (lineFeed < 0) {
+        m_scanned = m_received.size();
+        return 0;
+    }
+    m_scanned = lineFeed;
+    return std::min(lineFeed + 1 - m_start, kMaxLine);
+}
+
+void Connection::send(const QByteArray &reply)
+{
+    m_unsent.append(reply);
+    flush();
+}
+
+// Sends as much as the client takes now. False when the client has gone.
+bool Connection::flush()
+{
+    while (m_sent < m_unsent.size()) {
+        const ssize_t count = ::send(m_socket.get(), m_unsent.constData() + m_sent,
+                                     static_cast<size_t>(m_unsent.size() - m_sent), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count >= 0) {
+            m_sent += count;
+            continue;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN) {
+            m_unsent.remove(0, m_sent);
+            m_sent = 0;
+            return true;
+        }
+        drop();
+        return false;
+    }
+    m_unsent.clear();
+    m_sent = 0;
+    return true;
+}
+
+void Connection::listenAsNeeded()
+{
+    if (m_peerFinished && unsent() == 0) {
+        drop();
+        return;
+    }
+    m_writable.setEnabled(unsent() > 0);
+    m_readable.setEnabled(!m_peerFinished && unsent() <= kMaxUnsent);
+}
+
+void Connection::drop()
+{
+    m_dropped = true;
+    m_readable.setEnabled(false);
+    m_writable.setEnabled(false);
+    deleteLater();
+}
+
+void Connection::sendRest(const QDeadlineTimer &deadline)
+{
+    while (!m_dropped && flush() && unsent() > 0 && !deadline.hasExpired()) {
+        pollfd waiting = {m_socket.get(), POLLOUT, 0};
+        ::poll(&waiting, 1, static_cast<int>(deadline.remainingTime()));
+    }
+}
+
+} // namespace corv

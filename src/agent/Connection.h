@@ -1,0 +1,58 @@
+#pragma once
+
+#include "common/Fd.h"
+
+#include <QByteArray>
+#include <QObject>
+#include <QSocketNotifier>
+
+#include <functional>
+
+class QDeadlineTimer;
+
+namespace corv {
+
+// One accepted client: reads request lines, hands each to the answerer and sends the reply line as soon as it is there.
+//
+// It works on the descriptor itself because a local socket object closes at end of file with the unsent rest of a
+// reply, and a client may well shut down its sending side right after its request. Deletes itself when the client has
+// gone.
+class Connection : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Takes a request line (with its line feed) and returns the reply line (with one).
+    using Answerer = std::function<QByteArray(const QByteArray &line)>;
+
+    Connection(Fd socket, Answerer answerer, QObject *parent);
+
+    // Waits until the client has taken what is unsent, at most until the deadline.
+    void sendRest(const QDeadlineTimer &deadline);
+
+private:
+    void onReadable();
+    void onWritable();
+    void serve();
+    [[nodiscard]] bool mayServe() const;
+    [[nodiscard]] qsizetype unsent() const;
+    qsizetype nextLineLength();
+    void send(const QByteArray &reply);
+    bool flush();
+    void listenAsNeeded();
+    void drop();
+
+    Fd m_socket;
+    Answerer m_answerer;
+    QSocketNotifier m_readable;
+    QSocketNotifier m_writable;
+    QByteArray m_received;   // bytes before m_start have been served
+    qsizetype m_start = 0;   // where the next line begins
+    qsizetype m_scanned = 0; // no line feed stands between m_start and here
+    QByteArray m_unsent;     // bytes before m_sent have been sent
+    qsizetype m_sent = 0;
+    bool m_peerFinished = false; // the client sends nothing more, but may still read
+    bool m_dropped = false;
+};
+
+} // namespace corv

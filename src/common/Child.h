@@ -1,0 +1,14 @@
+#pragma once
+
+class QProcess;
+
+namespace corv {
+
+// Gives every tool that the agent starts through process a session of its own (so that it can be killed with all that
+// it started), no blocked signals, and none of the agent's descriptors. Call it before the process is started.
+void prepareChild(QProcess &process);
+
+// Kills the process and whatever it started that stayed in its session's first group, and waits for its end.
+void killGroup(QProcess &process);
+
+} // namespace corv

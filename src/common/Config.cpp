@@ -1,0 +1,41 @@
+#include "common/Config.h"
+
+#include <QCommandLineParser>
+#include <QFileInfo>
+#include <QSettings>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv {
+
+void addConfigOption(QCommandLineParser &parser)
+{
+    parser.addOption({{u"c"_s, u"config"_s}, u"Configuration file."_s, u"file"_s});
+}
+
+QString configPath(const QCommandLineParser &parser)
+{
+    QString path = parser.value(u"config"_s);
+    if (path.isEmpty())
+        path = qEnvironmentVariable("CORV_CONFIG");
+    if (path.isEmpty())
+        path = u"/etc/corvane/corvane.ini"_s;
+
+    // A named file that is missing is never passed over for the next source: the agent would run as root with settings
+    // that nobody chose.
+    if (!QFileInfo(path).isFile()) {
+        qCritical("config file not found: %s", qUtf8Printable(path));
+        return {};
+    }
+    return path;
+}
+
+QString textSetting(const QSettings &settings, const QString &key, const QString &defaultText)
+{
+    const QVariant value = settings.value(key, defaultText);
+    if (value.typeId() == QMetaType::QStringList)
+        return value.toStringList().join(u',');
+    return value.toString();
+}
+
+} // namespace corv

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <functional>
+
+namespace corv {
+
+// Work on whole folder trees through descriptors. No link is followed, whatever is swapped meanwhile; names may hold
+// any bytes; however deep the tree is, only a few descriptors are open.
+
+// Called with the folder that holds an entry and the entry's name in it; false when it could not do its work.
+using EntryVisitor = std::function<bool(int folder, const char *name)>;
+
+// Visits every entry below the folder name in the folder parent: what is not a folder with onFile, each folder, and at
+// the very end the named one itself, with onFolderEnd once all that is in it has been visited. Either may delete its
+// entry. Goes on after a failure; false when a visitor failed or something could not be read.
+bool walkTree(int parent, const char *name, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd);
+
+// Deletes the entry name of the folder parent, with all below it when it is a folder. False when any of it is left, or
+// when there was none.
+bool removeTree(int parent, const char *name);
+
+} // namespace corv
