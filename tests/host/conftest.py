@@ -1,0 +1,98 @@
+"""One host for the whole run, with the package installed; tests keep out of each other's way by accounts of their own."""
+
+import os
+import pathlib
+import signal
+import subprocess
+
+import pytest
+from hostfloor import ROOT, Host, HostError
+
+# Seconds for the body of one test; a module whose tools take their time has a LIMIT of its own.
+LIMIT = 40
+
+_hosts = []
+
+
+def pytest_configure(config):
+    if os.geteuid() != 0:
+        raise pytest.UsageError("the host floor boots hosts: run it as root")
+
+
+@pytest.fixture(scope="session")
+def package():
+    """The path of the package under test: built from this tree, or the one that CORV_PACKAGE names."""
+    if os.environ.get("CORV_PACKAGE"):
+        return pathlib.Path(os.environ["CORV_PACKAGE"])
+    built = subprocess.run([ROOT / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=False)
+    if built.returncode != 0:
+        pytest.exit("scripts/package failed", 1)
+    return pathlib.Path(built.stdout.splitlines()[-1])
+
+
+@pytest.fixture(scope="session")
+def boot(package):
+    """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the run, or
+    by their stop(). CORV_SUITE names the Debian release for those that do not ask for one."""
+
+    def boot_host(*, suite=os.environ.get("CORV_SUITE", "bookworm"), bare=False):
+        host = Host(f"test-{os.getpid()}-{len(_hosts) + 1}", suite)
+        _hosts.append(host)
+        if not bare:
+            host.install(package)
+        return host
+
+    yield boot_host
+    for host in _hosts:
+        host.stop()
+
+
+@pytest.fixture(scope="session")
+def running_host(boot):
+    try:
+        return boot()
+    except HostError as error:
+        pytest.exit(f"the host is not ready: {error}", 1)
+
+
+@pytest.fixture(autouse=True)
+def time_limit(request):
+    """A request that is never answered fails its test instead of holding up the run; no test needs anything like it."""
+    limit = getattr(request.module, "LIMIT", LIMIT)
+
+    def give_up(number, frame):
+        raise HostError(f"the test took longer than {limit} s")
+
+    before = signal.signal(signal.SIGALRM, give_up)
+    signal.alarm(limit)
+    yield
+    signal.alarm(0)
+    signal.signal(signal.SIGALRM, before)
+
+
+@pytest.fixture
+def host(running_host):
+    """The host of the run. What the test makes through host.account() and host.free_name() is gone after it."""
+    yield running_host
+    running_host.remove_accounts()
+
+
+@pytest.fixture
+def account(host):
+    """One fresh account on the host of the run."""
+    return host.account()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    host = item.funcargs.get("host") if hasattr(item, "funcargs") else None
+    if call.when == "call" and call.excinfo is not None and host is not None:
+        lines = host.journal("corv-agent").splitlines()[-30:]
+        outcome.get_result().sections.append(("the agent's journal", "\n".join(lines)))
+
+
+def pytest_terminal_summary(terminalreporter):
+    for host in _hosts:
+        terminalreporter.write_line(f"{host.name}: booted in {host.boot_seconds:.1f} s, package installed in "
+                                    f"{host.install_seconds:.1f} s")

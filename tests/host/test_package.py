@@ -1,0 +1,78 @@
+"""The package's life on a host: accounts outlive it, a request outlives its upgrade."""
+
+import pytest
+
+NONINTERACTIVE = {"DEBIAN_FRONTEND": "noninteractive"}
+
+
+@pytest.fixture(scope="module")
+def own_host(boot):
+    """A host that may be left without the package."""
+    host = boot()
+    yield host
+    host.stop()
+
+
+def works(host, account):
+    assert host.fetch(account.domain).status == 200
+    host.put(f"{account.home}/public_html/p.php", "<?php echo get_current_user();", owner=account.name)
+    assert host.fetch(account.domain, "/p.php").body == account.name
+    assert host.ssh(account, "whoami").out == f"{account.name}\n"
+    assert host.sql("SELECT 1", database=account.name, role=account.name, password=account.password).out == "1\n"
+    assert host.ok(["apache2ctl", "configtest"]) == ""
+
+
+def test_an_upgrade_lets_the_request_in_hand_finish_and_then_restarts(own_host, package):
+    host = own_host
+    name = host.free_name()
+    began = host.main_process("corv-agent")
+    with host.stand_in("useradd", 'hold; exec /usr/sbin/useradd "$@"'), host.connection() as client:
+        running = host.main_process("corv-agent")
+        assert running != began
+        host.send(client, "hosting.create", username=name, domain=f"{name}.example")
+        host.wait_for_hold()
+        # Must come back although the agent cannot be restarted yet.
+        host.ok(["apt-get", "-q", "install", "--reinstall", "--yes", f"/root/{package.name}"], env=NONINTERACTIVE)
+        assert host.main_process("corv-agent") == running
+        host.release()
+        assert host.receive(client)["ok"] is True
+        host.wait_for(lambda: host.main_process("corv-agent") not in ("0", running), "the restart after the upgrade")
+        host.wait_for_unit("corv-agent")
+    host.wait_until_served(name, f"{name}.example")
+    assert host.fetch(f"{name}.example").status == 200
+    assert host.request("ping") == {"ok": True, "version": "0.1"}
+
+
+def test_an_upgrade_keeps_edited_settings(own_host, package):
+    host = own_host
+    settings = host.get("/etc/corvane/corvane.ini")
+    host.put("/etc/corvane/corvane.ini", settings + "\n[health]\nservices=apache2\n")
+    host.install(package)
+    assert host.get("/etc/corvane/corvane.ini") == settings + "\n[health]\nservices=apache2\n"
+    host.put("/etc/corvane/corvane.ini", settings)
+
+
+def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, package):
+    host = own_host
+    account = host.account()
+    host.put("/var/backups/corvane/auto/kept", "a backup")
+
+    host.ok(["apt-get", "-q", "remove", "--yes", "corv-agent"], env=NONINTERACTIVE)
+    assert not host.exists("/run/corvane/agent.sock")
+    assert not host.exists("/usr/libexec/corvane/corv-agent")
+    assert host.exists("/etc/corvane/corvane.ini")
+    works(host, account)
+
+    host.ok(["apt-get", "-q", "purge", "--yes", "corv-agent"], env=NONINTERACTIVE)
+    for path in ("/etc/corvane", "/var/log/corvane", "/etc/apache2/conf-available/corv-logformat.conf",
+                 "/etc/apache2/conf-enabled/corv-logformat.conf"):
+        assert not host.exists(path), path
+    assert host.get("/var/backups/corvane/auto/kept") == "a backup"
+    host.ok(["systemctl", "reload", "apache2"])
+    works(host, account)
+
+    host.install(package)
+    works(host, account)
+    reply = host.request("hosting.create", username=account.name, domain="again.example")
+    assert reply == {"ok": False, "error": f"a user or group named '{account.name}' already exists on this server"}
+    works(host, host.account())
