@@ -89,7 +89,7 @@ void exchange(int fd, const std::string &requests, size_t replies)
     for (size_t left = replies * kReply.size(); left > 0;) {
         const ssize_t count = ::read(fd, buffer, sizeof buffer);
         if (count <= 0) {
-            std::fprintf(stderr, "the server hung up\n");
+            (void)std::fprintf(stderr, "the server hung up\n");
             std::exit(1);
         }
         left -= static_cast<size_t>(count);
@@ -101,7 +101,7 @@ DBusConnection *sessionBus()
     DBusError error = DBUS_ERROR_INIT;
     DBusConnection *bus = dbus_bus_get_private(DBUS_BUS_SESSION, &error);
     if (!bus)
-        std::fprintf(stderr, "no D-Bus session: %s\n", error.message);
+        (void)std::fprintf(stderr, "no D-Bus session: %s\n", error.message);
     return bus;
 }
 
@@ -187,13 +187,14 @@ int main(int argc, char **argv)
     const int toAgent = connectTo(folder + "/agent.sock");
     const int toBare = connectTo(folder + "/bare.sock");
     DBusConnection *bus = sessionBus();
-    const char *broker = std::getenv("DBUS_SESSION_BUS_PID");
+    const char *named = std::getenv("DBUS_SESSION_BUS_PID");
+    const pid_t broker = named ? static_cast<pid_t>(std::strtol(named, nullptr, 10)) : 0;
 
     for (const int core : {1, 0}) {
         runOn(0, 0);
         runOn(agent, core);
         runOn(bare, core);
-        runOn(broker ? std::atoi(broker) : 0, broker ? core : 0);
+        runOn(broker, broker != 0 ? core : 0);
         report(measure(toAgent, toBare, bus), core == 0 ? "one core" : "two cores", core == 0 ? "none" : "1.5");
     }
 

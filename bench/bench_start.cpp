@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -34,11 +35,8 @@ double startUntilListening(const std::vector<const char *> &command, const std::
     std::vector<const char *> arguments = command;
     arguments.push_back(nullptr);
     return bench::microseconds([&] {
-        *child = ::vfork();
-        if (*child == 0) {
-            ::execv(arguments[0], const_cast<char **>(arguments.data()));
-            ::_exit(127);
-        }
+        if (::posix_spawn(child, arguments[0], nullptr, nullptr, const_cast<char **>(arguments.data()), environ) != 0)
+            std::exit(1);
         while (!answers(path))
             ::usleep(50);
     });

@@ -46,7 +46,7 @@ static void reap(const char *root, int ready)
     for (;;) {
         while (waitpid(-1, NULL, WNOHANG) > 0)
             ;
-        int number;
+        int number = 0;
         sigwait(&children, &number);
     }
 }
@@ -90,7 +90,7 @@ int main(int argc, char **argv)
         die("sethostname");
 
     int ready[2];
-    char byte;
+    char byte = 0;
     if (pipe2(ready, O_CLOEXEC) != 0)
         die("pipe");
     const pid_t first = fork();
@@ -108,7 +108,7 @@ int main(int argc, char **argv)
         die("fork");
     dprintf(status, "pid %d\n", (int)child);
 
-    int code;
+    int code = 0;
     while (waitpid(child, &code, 0) != child)
         ;
     if (WIFEXITED(code))

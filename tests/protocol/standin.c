@@ -143,7 +143,7 @@ static void describeFiles(struct bytes *to)
 {
     append(to, "{", 1);
     DIR *folder = opendir("/proc/self/fd");
-    const struct dirent *entry;
+    const struct dirent *entry = NULL;
     int first = 1;
     while (folder && (entry = readdir(folder))) {
         char target[4096];
@@ -298,7 +298,7 @@ static void passOn(char **argv)
     /* tar looks for gzip on PATH; what runuser starts shall meet stand-ins only. */
     const char *search = getenv("PATH");
     if (search && strcmp(name, "runuser") != 0 && !strstr(search, standard)) {
-        char *longer;
+        char *longer = NULL;
         if (asprintf(&longer, "%s%s", search, standard) < 0)
             fail("memory");
         setenv("PATH", longer, 1);

@@ -42,7 +42,7 @@ class SizeLimit
 public:
     explicit SizeLimit(rlim_t bytes)
     {
-        std::signal(SIGXFSZ, SIG_IGN);
+        (void)std::signal(SIGXFSZ, SIG_IGN);
         (void)::getrlimit(RLIMIT_FSIZE, &m_before);
         const rlimit limit = {bytes, m_before.rlim_max};
         (void)::setrlimit(RLIMIT_FSIZE, &limit);

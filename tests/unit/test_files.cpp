@@ -296,7 +296,7 @@ private:
     {
         QStringList found;
         const QJsonArray entries = list(folder()).value("entries"_L1).toArray();
-        for (const QJsonValue &entry : entries)
+        for (const auto &entry : entries)
             found.append(entry.toObject().value("name"_L1).toString());
         return found;
     }
