@@ -49,6 +49,13 @@ Mount homeMount()
     return parseMount(output);
 }
 
+QString unsupportedReason(const QString &type)
+{
+    if (type == "xfs"_L1)
+        return u"XFS needs the uquota mount option, which on the root filesystem means a reboot; not automated yet"_s;
+    return u"hard quotas are automated for ext4 only so far"_s;
+}
+
 bool enabled()
 {
     QByteArray output;
@@ -66,12 +73,8 @@ Reply status(const QJsonObject &)
                    {u"fsType"_s, home.type},
                    {u"supported"_s, supported},
                    {u"enabled"_s, installed(kQuotaPackage) && enabled()}};
-    if (home.type == "xfs"_L1) {
-        reply.insert("reason"_L1, u"XFS needs the uquota mount option, which on the root filesystem means a reboot; "
-                                  "not automated yet"_s);
-    } else if (!supported) {
-        reply.insert("reason"_L1, u"hard quotas are automated for ext4 only so far"_s);
-    }
+    if (!supported)
+        reply.insert("reason"_L1, unsupportedReason(home.type));
     return reply;
 }
 

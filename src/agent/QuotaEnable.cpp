@@ -78,8 +78,10 @@ void restoreFstab(const QString &backup)
 Reply enable(const QJsonObject &)
 {
     const Mount home = homeMount();
-    if (home.type != kSupportedType)
-        return fail(status({}).value("reason"_L1).toString());
+    if (home.type != kSupportedType) {
+        // Asked once more, findmnt may tell of the supported type: then there is a reason no longer.
+        return fail(status({}).value("reason"_L1).toString(unsupportedReason(home.type)));
+    }
     if (installed(kQuotaPackage) && enabled())
         return {{u"ok"_s, true}, {u"already"_s, true}};
 

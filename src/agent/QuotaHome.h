@@ -15,4 +15,7 @@ inline const QString kQuotaPackage = QStringLiteral("quota");
 // The file system that holds /home, as findmnt tells it; empty fields when it does not.
 Mount homeMount();
 
+// Why quotas are not switched on by the agent on a file system of this type, which is not the supported one.
+QString unsupportedReason(const QString &type);
+
 } // namespace corv::quota

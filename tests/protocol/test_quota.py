@@ -259,6 +259,12 @@ def test_enabling_changes_nothing_on_other_file_systems(sandbox, kind, reason):
     assert sandbox.read("/etc/fstab") == OLD
 
 
+def test_enabling_has_a_reason_also_when_findmnt_fails_only_at_first(server):
+    server.answer("findmnt", exit=1, call=1)
+    assert enable(server) == {"ok": False, "error": OTHERS}
+    assert server.read("/etc/fstab") == OLD
+
+
 @pytest.mark.parametrize("how, message", [
     (dict(exit=1, err=" modprobe: FATAL: Module quota_v2 not found\n"),
      "modprobe failed: modprobe: FATAL: Module quota_v2 not found"),
