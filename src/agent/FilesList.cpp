@@ -106,7 +106,7 @@ void setKind(Entry &entry, int folder, unsigned char type)
 {
     struct stat status = {};
     if (type == DT_UNKNOWN && ::fstatat(folder, entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
-        type = IFTODT(status.st_mode);
+        type = static_cast<unsigned char>(IFTODT(status.st_mode));
     entry.isLink = type == DT_LNK;
     entry.isFolder = entry.isLink ? leadsToFolder(folder, entry.name.c_str()) : type == DT_DIR;
 }
