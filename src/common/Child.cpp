@@ -1,10 +1,15 @@
 #include "common/Child.h"
 
+#include "common/FolderStream.h"
+
 #include <QProcess>
 
 #include <csignal>
+#include <cstdlib>
 
+#include <fcntl.h>
 #include <linux/close_range.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace corv {
@@ -13,10 +18,29 @@ namespace {
 // A killed process is gone at once, but for one that the kernel holds in a device.
 constexpr int kKilledMs = 5'000;
 
+// Closes the end of a pipe that a process object (Qt 6.4) leaves open when its program cannot be executed. Between two
+// programs this process has no pipe of its own making, and those that it was given are not closed in children.
+void closeLostPipes()
+{
+    const FolderStream descriptors(::opendir("/proc/self/fd"));
+    while (const dirent *entry = descriptors ? ::readdir(descriptors.get()) : nullptr) {
+        const int descriptor = std::atoi(entry->d_name); // NOLINT(cert-err34-c): the kernel's own numbers, and "." as 0
+        struct stat status = {};
+        if (descriptor > STDERR_FILENO && ::fstat(descriptor, &status) == 0 && S_ISFIFO(status.st_mode) &&
+            (::fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0)
+            ::close(descriptor);
+    }
+}
+
 } // namespace
 
 void prepareChild(QProcess &process)
 {
+    QObject::connect(&process, &QProcess::errorOccurred, &process, [&process](QProcess::ProcessError error) {
+        // Emitted last of all, when the object has closed what it knows of.
+        if (error == QProcess::FailedToStart)
+            QObject::connect(&process, &QObject::destroyed, closeLostPipes);
+    });
     process.setChildProcessModifier([] { // between fork and exec
         ::setsid();
         sigset_t none;

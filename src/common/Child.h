@@ -5,7 +5,8 @@ class QProcess;
 namespace corv {
 
 // Gives every tool that the agent starts through process a session of its own (so that it can be killed with all that
-// it started), no blocked signals, and none of the agent's descriptors. Call it before the process is started.
+// it started), no blocked signals, and none of the agent's descriptors; sees to it that one that cannot be executed
+// leaves none behind either. Call it before the process is started.
 void prepareChild(QProcess &process);
 
 // Kills the process and whatever it started that stayed in its session's first group, and waits for its end.

@@ -244,5 +244,8 @@ def test_many_failures_leave_nothing(sandbox):
     sandbox.remove_standin("useradd")
     for _ in range(5):
         assert error(sandbox) == "useradd: cannot start"
+    sandbox.write("/standins/bin/useradd", b"\0\1\2", mode=0o755)
+    for _ in range(5):
+        assert error(sandbox) == "useradd: cannot start"
     nothing_is_left(sandbox, fds)
     assert sandbox.exists(SOCKET)
