@@ -3,39 +3,12 @@ from pathlib import Path
 import pytest
 
 import described
-import ground as shared
-from sandbox import Sandbox
+from fixtures import ground, impatient, sandbox  # noqa: F401
 
 # What the description of the protocol has been proven by, in a process of the run; whether that ran all tests.
 SELECTED = pytest.StashKey()
 RUNS = pytest.StashKey()
 UNPROVEN = pytest.StashKey()
-
-
-@pytest.fixture(scope="session")
-def ground():
-    common = shared.Ground()
-    yield common
-    common.close()
-
-
-@pytest.fixture
-def sandbox(ground):
-    """A fresh sandbox; the agent starts with the first request, or by start()."""
-    box = Sandbox(ground)
-    try:
-        yield box
-        wrong = box.finish()
-    finally:
-        box.close()
-    assert not wrong, "\n".join(wrong)
-
-
-@pytest.fixture
-def impatient(sandbox):
-    """The sandbox with the agent that waits 0.5 s for a program's start and 2 s for its end."""
-    sandbox.executable = shared.short_agent_executable()
-    return sandbox
 
 
 # A run of all tests ends with what they have not shown of the protocol's description; a run of some cannot tell.

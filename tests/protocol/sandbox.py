@@ -216,7 +216,9 @@ class Sandbox:
         exists inside), unread=True (standard input closed unread), ignore_input=True (left open, unread),
         flood_out/flood_err=BYTES (negative for ever), write={PATH: CONTENT}, child=PATH (leaves a child with the pipes
         until PATH exists), session_child=PATH (the same in a session of its own), shell=TEXT (run by sh, with the call's
-        name and arguments as $0 and $@; its exit code is the answer).
+        name and arguments as $0 and $@; its exit code is the answer), noise=BYTES (so many bytes of every value to both
+        outputs), tell=SIGNAL (to the parent, first of all), rest=True (the rules made before this one answer in a process
+        of its own; what is said here beside it comes after their end), remove=PATH, tell_after=SIGNAL.
         """
         if program not in REAL_TOOLS + OTHER_TOOLS:
             self.add_standin(program)
@@ -236,6 +238,11 @@ class Sandbox:
         order = {
             "unread": lambda value: ["unread"] * value,
             "ignore_input": lambda value: ["ignoreinput"] * value,
+            "tell": lambda value: [f"tell {int(value)}"],
+            "noise": lambda value: [f"noise {value}"],
+            "rest": lambda value: ["rest"] * value,
+            "remove": lambda value: [f"remove {raw(value)}"],
+            "tell_after": lambda value: [f"tell {int(value)}"],
             "wait": lambda value: [f"wait {raw(value)}"],
             "write": lambda value: [f"write {raw(path)} {raw(content)}" for path, content in value.items()],
             "child": lambda value: [f"child group {raw(value)}"],

@@ -334,6 +334,35 @@ static void flood(int fd, long long size)
     }
 }
 
+/* Bytes of every value, also line feeds and what is no UTF-8; the same ones in every run. */
+static void makeNoise(int fd, long long size)
+{
+    uint32_t state = 2463534242U;
+    char block[65536];
+    while (size > 0) {
+        for (size_t i = 0; i < sizeof block; ++i) {
+            state ^= state << 13;
+            state ^= state >> 17;
+            state ^= state << 5;
+            block[i] = (char)state;
+        }
+        const size_t part = size > (long long)sizeof block ? sizeof block : (size_t)size;
+        if (writeAll(fd, block, part) != 0)
+            _exit(1);
+        size -= (long long)part;
+    }
+}
+
+/* The code of a process as a shell tells it. */
+static int codeOf(pid_t child)
+{
+    int status = 0;
+    while (waitpid(child, &status, 0) != child)
+        ;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+/* Does not return, but in the child that leaves the answer to the rules after this one. */
 static void answer(const struct rule *rule, char **argv)
 {
     int code = 0;
@@ -348,6 +377,20 @@ static void answer(const struct rule *rule, char **argv)
             reads = 0;
         } else if (strcmp(word, "real") == 0) {
             passOn(argv);
+        } else if (strcmp(word, "tell") == 0) {
+            kill(getppid(), atoi(line));
+        } else if (strcmp(word, "noise") == 0) {
+            makeNoise(1, atoll(line));
+            makeNoise(2, atoll(line));
+        } else if (strcmp(word, "rest") == 0) {
+            const pid_t child = fork();
+            if (child == 0)
+                return;
+            code = codeOf(child);
+            reads = 0;
+        } else if (strcmp(word, "remove") == 0) {
+            if (unlink(unhex(line).data) != 0)
+                fail("remove");
         } else if (strcmp(word, "wait") == 0) {
             if (reads)
                 readInput();

@@ -1,0 +1,34 @@
+"""What the tests of the hostile floor share: the sandboxes of the protocol floor, and the figures that a run ends with."""
+
+import os
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "protocol"))
+
+from fixtures import ground, sandbox  # noqa: E402, F401
+from figures import FIGURES, table  # noqa: E402
+
+
+def pytest_addoption(parser):
+    parser.addoption("--long", action="store_true", help="every case, and ten minutes of load: takes hours")
+
+
+def pytest_configure(config):
+    if not hasattr(config, "workerinput"):
+        FIGURES.unlink(missing_ok=True)
+        FIGURES.parent.mkdir(parents=True, exist_ok=True)
+
+
+@pytest.fixture(scope="session")
+def is_long(pytestconfig):
+    """Whether there is time for everything."""
+    return pytestconfig.getoption("--long")
+
+
+def pytest_terminal_summary(terminalreporter, config):
+    if FIGURES.exists():
+        terminalreporter.section("what happens when")
+        terminalreporter.write(table(FIGURES.read_text()))

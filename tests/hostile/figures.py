@@ -1,0 +1,36 @@
+"""The figures of a run of this floor: how often each thing was made to go wrong, and how often all held.
+
+Tests count() what they tried; table() makes of it the table that docs/reliability.md holds.
+"""
+
+import json
+import os
+from collections import Counter
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+FIGURES = Path(os.environ.get("CORV_HOSTILE_FIGURES") or ROOT / "build/hostile/figures.jsonl")
+
+
+def count(when, then, cases, held):
+    """Notes that so many cases of something that goes wrong were tried, and how many of them held what is promised."""
+    line = json.dumps({"when": when, "then": then, "cases": cases, "held": held}) + "\n"
+    descriptor = os.open(FIGURES, os.O_WRONLY | os.O_APPEND | os.O_CREAT, 0o644)
+    try:
+        os.write(descriptor, line.encode())  # in one piece: several processes of a run write here
+    finally:
+        os.close(descriptor)
+
+
+def table(text):
+    """The table in Markdown, in alphabetical order."""
+    cases, held, then = Counter(), Counter(), {}
+    for line in text.splitlines():
+        entry = json.loads(line)
+        cases[entry["when"]] += entry["cases"]
+        held[entry["when"]] += entry["held"]
+        then[entry["when"]] = entry["then"]
+    rows = ["| what happens when ... | then ... | tried | held |", "| --- | --- | --- | --- |"]
+    rows += [f"| {when} | {then[when]} | {cases[when]} | {held[when]} |" for when in sorted(cases)]
+    rows.append(f"| **all** | | **{sum(cases.values())}** | **{sum(held.values())}** |")
+    return "\n".join(rows) + "\n"

@@ -1,0 +1,99 @@
+"""The agent itself killed or stopped in the middle of a request, and how what it leaves is mended."""
+
+import json
+import signal
+
+from matrix import leftovers, record
+from programs import wait_until
+from sandbox import Sandbox
+from server import GONE, NAME, account, remove_by_hand
+
+# What the call does about the agent. A program that the agent is killed before has not been started.
+MOMENTS = {
+    "killed before": {"tell": signal.SIGKILL, "exit": 0},
+    "killed after": {"rest": True, "tell_after": signal.SIGKILL},
+    "stopped before": {"tell": signal.SIGTERM, "rest": True},
+    "stopped after": {"rest": True, "tell_after": signal.SIGTERM},
+}
+
+
+def _ask(box, scenario):
+    """Sends the request and returns what came back before the agent's end, as bytes."""
+    box.keep_secrets(scenario.args)
+    with box.connect() as client:
+        client.send(json.dumps({"cmd": scenario.command, "args": scenario.args}).encode() + b"\n")
+        return client.rest()
+
+
+def _wrong_after_stop(box, scenario, recording, target, answer):
+    """A stopped agent finishes the request, whatever it was doing."""
+    if not answer.endswith(b"\n"):
+        return [f"the agent ended with {answer!r} and no reply"]
+    reply = box.took(scenario.command, json.loads(answer))
+    wrong = [] if reply["ok"] is scenario.ok else [f"the reply is {reply}"]
+    if account(box) != scenario.after:
+        wrong.append(f"the account is {account(box)}")
+    if (code := box.agent.wait()) != 0:
+        wrong.append(f"the agent ended with {code}")
+    return wrong + leftovers(box, scenario, recording, target)
+
+
+def _mend_account(box, scenario):
+    """Brings the account back to where the request can be made: (how, what went wrong)."""
+    found = account(box)
+    if found == scenario.before:
+        return "nothing had to be done", []
+    if scenario.command not in ("hosting.create", "hosting.delete"):
+        return "the same request finished it", []
+    if found["user"] is not None and box.request("hosting.delete", username=NAME, confirm=NAME)["ok"]:
+        how = "hosting.delete took it away"
+    else:
+        remove_by_hand(box)
+        how = "the operator took it away"
+    return how, [] if account(box) == GONE else [f"taken away, the account is {account(box)}"]
+
+
+def _wrong_after_kill(box, scenario, recording, answer):
+    """(how the account was mended, what is wrong): a killed agent starts again, and the request can be repeated."""
+    if answer:
+        return "", [f"a killed agent replied {answer!r}"]
+    wait_until(lambda: not box.agent.others(), "the end of what the agent had started")
+    box.agent.wait()
+    found = account(box)
+    wrong = [
+        f"the account's {part} is {found[part]!r}"
+        for part in found
+        if part != "home" and found[part] not in (scenario.before[part], scenario.after[part])
+    ]
+    box.start()
+    if box.request("ping")["ok"] is not True:
+        wrong.append("the agent that was started again does not answer")
+
+    how, problems = _mend_account(box, scenario)
+    wrong += problems
+    if scenario.command == "hosting.delete" and account(box) == GONE:
+        return how, wrong
+    if scenario.again:
+        scenario.again(box)
+    reply = box.request(scenario.command, scenario.args)
+    if reply["ok"] is not scenario.ok:
+        wrong.append(f"repeated, the request is answered {reply}")
+    if account(box) != scenario.after:
+        wrong.append(f"after the repetition the account is {account(box)}")
+    return how, wrong
+
+
+def cut_off(ground, scenario, target, moment):
+    """Runs a scenario in which the agent is killed or stopped at a call: (how the account was mended, what is wrong)."""
+    recording = record(ground, scenario)
+    box = Sandbox(ground)
+    try:
+        scenario.lay(box)
+        box.answer(target.name, call=target.number, **MOMENTS[moment])
+        answer = _ask(box, scenario)
+        if moment.startswith("stopped"):
+            return "", _wrong_after_stop(box, scenario, recording, target, answer) + box.finish()
+        how, wrong = _wrong_after_kill(box, scenario, recording, answer)
+        return how, wrong + box.finish()
+    finally:
+        box.close()

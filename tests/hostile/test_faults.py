@@ -1,0 +1,44 @@
+"""Every program that a command runs goes wrong in every way, one at a time."""
+
+from concurrent.futures import ThreadPoolExecutor
+
+import pytest
+
+from described import COMMANDS
+from figures import count
+from matrix import FATES, faulty_run, record
+from scenarios import SCENARIOS
+from server import ACTIVE, account, furnish
+
+PROMISE = "one reply; the account is there, gone, or as documented; nothing is left; the next request works"
+
+
+def test_every_command_has_a_scenario():
+    assert {scenario.command for scenario in SCENARIOS} == set(COMMANDS)
+
+
+def test_the_account_of_the_scenarios_is_what_creation_makes(sandbox):
+    furnish(sandbox)
+    assert sandbox.request("hosting.create", username="alice", domain="example.org")["ok"]
+    assert account(sandbox) == ACTIVE
+
+
+# Without --long every call meets some fates, and every fate some calls: one case in so many.
+SHARE = 6
+
+
+def chosen(scenario, fate, targets, is_long):
+    """The calls that meet a fate in this run."""
+    first = SCENARIOS.index(scenario) + list(FATES).index(fate)
+    return [target for i, target in enumerate(targets) if is_long or (first + i) % SHARE == 0]
+
+
+@pytest.mark.parametrize("fate", FATES)
+@pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda scenario: scenario.name)
+def test_program_that_goes_wrong(ground, is_long, scenario, fate):
+    targets = chosen(scenario, fate, record(ground, scenario).targets, is_long)
+    # What never ends takes its time, but no processor: several at once.
+    with ThreadPoolExecutor(8 if fate == "never ends" else 1) as pool:
+        found = list(pool.map(lambda target: faulty_run(ground, scenario, target, fate), targets))
+    count(f"a program {fate}", PROMISE, len(found), sum(not wrong for wrong in found))
+    assert not any(found), "\n".join(f"{target}: {wrong}" for target, wrong in zip(targets, found) if wrong)
