@@ -35,21 +35,19 @@ void Connection::onReadable()
 {
     std::array<char, kReadSize> chunk; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by recv
     const ssize_t count = ::recv(m_socket.get(), chunk.data(), chunk.size(), MSG_DONTWAIT);
-    if (count < 0) {
-        if (errno != EAGAIN && errno != EINTR)
-            drop();
+    if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
-    }
-    if (count == 0)
+    if (count > 0)
+        m_received.append(chunk.data(), count);
+    else
         m_peerFinished = true;
-    m_received.append(chunk.data(), count);
     serve();
 }
 
 void Connection::onWritable()
 {
-    if (flush())
-        serve();
+    flush();
+    serve();
 }
 
 // Answers the lines that are complete, one after the other, then forgets them.
@@ -112,8 +110,9 @@ void Connection::send(const QByteArray &reply)
     flush();
 }
 
-// Sends as much as the client takes now. False when the client has gone.
-bool Connection::flush()
+// Sends as much as the client takes now. What nobody is there to read is thrown away: whatever was asked for before is
+// still carried out.
+void Connection::flush()
 {
     while (m_sent < m_unsent.size()) {
         const ssize_t count = ::send(m_socket.get(), m_unsent.constData() + m_sent,
@@ -127,14 +126,12 @@ bool Connection::flush()
         if (errno == EAGAIN) {
             m_unsent.remove(0, m_sent);
             m_sent = 0;
-            return true;
+            return;
         }
-        drop();
-        return false;
+        break;
     }
     m_unsent.clear();
     m_sent = 0;
-    return true;
 }
 
 void Connection::listenAsNeeded()
@@ -157,9 +154,10 @@ void Connection::drop()
 
 void Connection::sendRest(const QDeadlineTimer &deadline)
 {
-    while (!m_dropped && flush() && unsent() > 0 && !deadline.hasExpired()) {
+    while (!m_dropped && unsent() > 0 && !deadline.hasExpired()) {
         pollfd waiting = {m_socket.get(), POLLOUT, 0};
         ::poll(&waiting, 1, static_cast<int>(deadline.remainingTime()));
+        flush();
     }
 }
 

@@ -38,7 +38,7 @@ private:
     [[nodiscard]] qsizetype unsent() const;
     qsizetype nextLineLength();
     void send(const QByteArray &reply);
-    bool flush();
+    void flush();
     void listenAsNeeded();
     void drop();
 

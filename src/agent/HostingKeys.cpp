@@ -1,5 +1,6 @@
 #include "agent/Hosting.h"
 
+#include "agent/FilesNames.h"
 #include "agent/HostingHome.h"
 #include "agent/HostingNames.h"
 
@@ -66,7 +67,7 @@ Reply getKeys(const QJsonObject &args)
         // An unreadable file reads as far as it goes, like an absent one.
         (void)asUser(user, {u"head"_s, u"-c"_s, kMaxFileBytes, keyPath(user)}, {}, &text);
     }
-    return {{u"ok"_s, true}, {u"keys"_s, QString::fromUtf8(text)}};
+    return {{u"ok"_s, true}, {u"keys"_s, files::shown(text)}};
 }
 
 Reply setKeys(const QJsonObject &args)

@@ -52,7 +52,8 @@ std::optional<quint32> allowedUid(const QSettings &settings)
     const QString name = textSetting(settings, u"agent/allowed_user"_s);
     if (name.isEmpty())
         return ::getuid();
-    const passwd *user = ::getpwnam(name.toLocal8Bit().constData());
+    // A name is not looked up by what stands before a NUL in it.
+    const passwd *user = name.contains(QChar(u'\0')) ? nullptr : ::getpwnam(name.toLocal8Bit().constData());
     if (!user) {
         qCritical("agent: no such user: %s", qUtf8Printable(name));
         return {};

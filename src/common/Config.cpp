@@ -30,12 +30,16 @@ QString configPath(const QCommandLineParser &parser)
     return path;
 }
 
+bool isList(const QVariant &value)
+{
+    // The second is what becomes of a list with a part that begins with "@", where that format keeps its own values.
+    return value.typeId() == QMetaType::QStringList || value.typeId() == QMetaType::QVariantList;
+}
+
 QString textSetting(const QSettings &settings, const QString &key, const QString &defaultText)
 {
     const QVariant value = settings.value(key, defaultText);
-    if (value.typeId() == QMetaType::QStringList)
-        return value.toStringList().join(u',');
-    return value.toString();
+    return isList(value) ? value.toStringList().join(u',') : value.toString();
 }
 
 } // namespace corv

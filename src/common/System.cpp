@@ -1,5 +1,6 @@
 #include "common/System.h"
 
+#include "common/Config.h"
 #include "common/TimedRun.h"
 
 #include <QDateTime>
@@ -65,8 +66,7 @@ QStringList monitoredServices(const QSettings &settings)
 {
     // An unquoted value with commas arrives as a list already; its parts are names as they stand.
     const QVariant value = settings.value(u"health/services"_s, u"apache2,postgresql"_s);
-    const QStringList entries =
-        value.typeId() == QMetaType::QStringList ? value.toStringList() : value.toString().split(u',');
+    const QStringList entries = isList(value) ? value.toStringList() : value.toString().split(u',');
 
     QStringList services;
     for (const QString &entry : entries) {

@@ -170,6 +170,12 @@ def test_watches_apache_and_postgresql_unless_told_otherwise(sandbox):
     assert sandbox.argvs() == [[*SHOW, "apache2", "postgresql"]]
 
 
+def test_service_names_may_begin_with_an_at_sign(sandbox):
+    sandbox.settings(health_services="apache2,@x")
+    sandbox.answer("systemctl", out="SubState=a\n\nSubState=b\n")
+    assert sandbox.request("services.status")["services"] == [{"name": "apache2", "sub": "a"}, {"name": "@x", "sub": "b"}]
+
+
 def test_asks_nothing_without_services(sandbox):
     sandbox.settings(health_services="")
     assert sandbox.request("services.status") == {"ok": True, "services": []}

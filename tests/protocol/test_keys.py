@@ -58,6 +58,11 @@ def test_gives_the_file_as_it_stands(alice):
     assert call.uid == alice.uid("alice")
 
 
+def test_keeps_a_byte_order_mark(alice):
+    alice.write(FILE, f"\ufeff{KEY}\n", owner="alice:alice")
+    assert get(alice) == {"ok": True, "keys": f"\ufeff{KEY}\n"}
+
+
 def test_gives_nothing_and_runs_nothing_without_a_file(alice):
     assert get(alice) == {"ok": True, "keys": ""}
     alice.path(FOLDER).rmdir()
