@@ -11,6 +11,8 @@
 #include <QProcess>
 #include <QStandardPaths>
 
+#include <csignal>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::backup {
@@ -34,10 +36,7 @@ enum class Complaints { Fail, Pass };
 // Waits for the end of a program that has been started. False when it takes longer or could not be started.
 bool hasFinished(QProcess &process, int milliseconds)
 {
-    // A program whose end is known already cannot be waited for.
-    if (process.state() == QProcess::NotRunning)
-        return process.error() != QProcess::FailedToStart;
-    return process.waitForFinished(milliseconds);
+    return waitForEnd(process, milliseconds) && process.error() != QProcess::FailedToStart;
 }
 
 bool succeeded(const QProcess &process)
@@ -74,9 +73,13 @@ QString pipe(const QString &file, const QStringList &args, Complaints complaints
 
     reader.start(u"cat"_s, {file});
     consumer.start(u"runuser"_s, args);
+    const auto group = static_cast<pid_t>(consumer.processId());
     if (!hasFinished(consumer, kConsumerMs) || !hasFinished(reader, kReaderMs)) {
         killGroup(consumer);
         killGroup(reader);
+        // What the consumer started may hold the stream open after its own end, which took its number from the object.
+        if (group > 0)
+            ::kill(-group, SIGKILL);
         return u"took too long"_s;
     }
 

@@ -104,8 +104,7 @@ QString execute(const QString &program, const QStringList &args, const Streams &
     if (!streams.input.isEmpty())
         process.write(streams.input);
     process.closeWriteChannel();
-    // A program that has ended by now cannot be waited for.
-    if (process.state() != QProcess::NotRunning && !process.waitForFinished(kFinishMs)) {
+    if (!waitForEnd(process, kFinishMs)) {
         killGroup(process);
         return program + ": took too long"_L1;
     }

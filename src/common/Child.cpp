@@ -2,14 +2,17 @@
 
 #include "common/FolderStream.h"
 
+#include <QDeadlineTimer>
 #include <QProcess>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace corv {
@@ -17,6 +20,7 @@ namespace {
 
 // A killed process is gone at once, but for one that the kernel holds in a device.
 constexpr int kKilledMs = 5'000;
+constexpr int kStoppedMs = 500; // how often a process is looked at whether it is stopped
 
 // Closes the end of a pipe that a process object (Qt 6.4) leaves open when its program cannot be executed. Between two
 // programs this process has no pipe of its own making, and those that it was given are not closed in children.
@@ -30,6 +34,12 @@ void closeLostPipes()
             (::fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0)
             ::close(descriptor);
     }
+}
+
+bool isStopped(qint64 pid)
+{
+    siginfo_t state = {};
+    return ::waitid(P_PID, static_cast<id_t>(pid), &state, WSTOPPED | WNOHANG | WNOWAIT) == 0 && state.si_pid == pid;
 }
 
 } // namespace
@@ -48,6 +58,22 @@ void prepareChild(QProcess &process)
         sigprocmask(SIG_SETMASK, &none, nullptr);
         ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     });
+}
+
+bool waitForEnd(QProcess &process, int milliseconds)
+{
+    const QDeadlineTimer deadline(milliseconds);
+    // A program that has ended by now cannot be waited for.
+    while (process.state() != QProcess::NotRunning) {
+        const qint64 rest = deadline.remainingTime();
+        if (process.waitForFinished(static_cast<int>(std::min<qint64>(rest, kStoppedMs))))
+            break;
+        if (deadline.hasExpired())
+            return false;
+        if (process.processId() > 0 && isStopped(process.processId()))
+            ::kill(static_cast<pid_t>(-process.processId()), SIGKILL);
+    }
+    return true;
 }
 
 void killGroup(QProcess &process)

@@ -478,6 +478,16 @@ def test_child_that_keeps_the_stream_open_unread(hasty, what, consumer, prefix):
     hasty.write("/tmp/go")
 
 
+@kinds
+def test_child_of_the_consumer_that_keeps_the_stream_open_is_killed(hasty, what, consumer, prefix):
+    hasty.write(ARCHIVE, b"x" * MEBIBYTE)
+    hasty.write(DUMP, b"x" * MEBIBYTE)
+    hasty.answer(consumer, shell="exec 3<&0; sleep 1000 <&3 & exit 0")
+    fds = started(hasty)
+    assert error(hasty, what) == prefix + "took too long"
+    nothing_is_left(hasty, fds)
+
+
 def own_io(process):
     """The bytes that a process has read and written itself; its own file would count its ended children's too."""
     lines = Path(f"/proc/{process.pid}/task/{process.pid}/io").read_text().splitlines()

@@ -1,5 +1,6 @@
 """How programs are run: what they are given, how each of their ends reads, and what stays behind. Creation drives it."""
 
+import os
 import signal
 
 import pytest
@@ -181,6 +182,20 @@ def test_background_child_that_holds_the_pipes_is_not_waited_for(sandbox, kind):
     assert sandbox.agent.children() == []
     assert len(sandbox.agent.others()) == 1
     sandbox.write("/tmp/never")
+
+
+def test_program_that_is_stopped_holds_nobody_up(sandbox):
+    sandbox.start()
+    fds = sandbox.agent.fds()
+    sandbox.answer("useradd", hang=True)
+    with sandbox.connect() as client:
+        client.send(b'{"cmd":"hosting.create","args":{"username":"alice","domain":"example.org"}}\n')
+        sandbox.wait_for_call("useradd")
+        (program,) = sandbox.agent.children()
+        os.kill(program, signal.SIGSTOP)
+        assert client.reply()["error"].startswith("useradd failed: exit code ")
+    sandbox.logs("agent: uid 0 ran hosting.create -> failed")
+    nothing_is_left(sandbox, fds)
 
 
 # Time-outs, with the agent that waits 2 s
