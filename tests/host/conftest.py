@@ -1,17 +1,14 @@
 """One host for the whole run, with the package installed; tests keep out of each other's way by accounts of their own."""
 
 import os
-import pathlib
 import signal
-import subprocess
 
 import pytest
-from hostfloor import ROOT, Host, HostError
+from booted import package, pytest_runtest_makereport, pytest_terminal_summary, servers  # noqa: F401 (pytest finds them here)
+from hostfloor import Host, HostError
 
 # Seconds for the body of one test; a module whose tools take their time has a LIMIT of its own.
-LIMIT = 40
-
-_hosts = []
+LIMIT = 120
 
 
 def pytest_configure(config):
@@ -20,30 +17,19 @@ def pytest_configure(config):
 
 
 @pytest.fixture(scope="session")
-def package():
-    """The path of the package under test: built from this tree, or the one that CORV_PACKAGE names."""
-    if os.environ.get("CORV_PACKAGE"):
-        return pathlib.Path(os.environ["CORV_PACKAGE"])
-    built = subprocess.run([ROOT / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=False)
-    if built.returncode != 0:
-        pytest.exit("scripts/package failed", 1)
-    return pathlib.Path(built.stdout.splitlines()[-1])
-
-
-@pytest.fixture(scope="session")
 def boot(package):
     """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the run, or
     by their stop(). CORV_SUITE names the Debian release for those that do not ask for one."""
 
     def boot_host(*, suite=os.environ.get("CORV_SUITE", "bookworm"), bare=False):
-        host = Host(f"test-{os.getpid()}-{len(_hosts) + 1}", suite)
-        _hosts.append(host)
+        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", suite)
+        servers.append(host)
         if not bare:
             host.install(package)
         return host
 
     yield boot_host
-    for host in _hosts:
+    for host in servers:
         host.stop()
 
 
@@ -81,18 +67,3 @@ def host(running_host):
 def account(host):
     """One fresh account on the host of the run."""
     return host.account()
-
-
-@pytest.hookimpl(hookwrapper=True)
-def pytest_runtest_makereport(item, call):
-    outcome = yield
-    host = item.funcargs.get("host") if hasattr(item, "funcargs") else None
-    if call.when == "call" and call.excinfo is not None and host is not None:
-        lines = host.journal("corv-agent").splitlines()[-30:]
-        outcome.get_result().sections.append(("the agent's journal", "\n".join(lines)))
-
-
-def pytest_terminal_summary(terminalreporter):
-    for host in _hosts:
-        terminalreporter.write_line(f"{host.name}: booted in {host.boot_seconds:.1f} s, package installed in "
-                                    f"{host.install_seconds:.1f} s")
