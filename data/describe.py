@@ -1,9 +1,10 @@
 #!/usr/bin/python3
-"""Writes the protocol's documentation from its description.
+"""Writes what is made of the protocol's description.
 
-describe.py markdown|man DESCRIPTION OUTPUT
+describe.py markdown|man|table DESCRIPTION OUTPUT
 
-markdown gives docs/protocol.md, man the manual page corv-protocol(7). Both are written whole, from the description alone.
+markdown gives docs/protocol.md, man the manual page corv-protocol(7), table the C++ source with the commands that corvctl
+knows. Each is written whole, from the description alone.
 """
 
 import json
@@ -224,10 +225,46 @@ def man(description):
     return "\n".join(lines) + "\n"
 
 
+# The client's table
+
+
+def table_of_commands(description):
+    rows = []
+    for command in description["commands"]:
+        more = command.get("more", {"seconds": 0})["seconds"]
+        rows.append(f'    {{"{command["name"]}", {command["seconds"]}, {more}}},')
+    return "\n".join([
+        "// Written by data/describe.py from data/protocol.json; change it there.",
+        '#include "ctl/Described.h"',
+        "",
+        "namespace corv::ctl {",
+        "",
+        "constexpr Described kDescribed[] = {",
+        *rows,
+        "};",
+        "",
+        "std::span<const Described> described()",
+        "{",
+        "    return kDescribed;",
+        "}",
+        "",
+        "const char *version()",
+        "{",
+        f'    return "{description["version"]}";',
+        "}",
+        "",
+        "} // namespace corv::ctl",
+        "",
+    ])
+
+
+WRITERS = {"markdown": markdown, "man": man, "table": table_of_commands}
+
+
 def main():
-    if len(sys.argv) != 4 or sys.argv[1] not in ("markdown", "man"):
+    if len(sys.argv) != 4 or sys.argv[1] not in WRITERS:
         sys.exit(__doc__.strip())
-    write = {"markdown": markdown, "man": man}[sys.argv[1]]
+    write = WRITERS[sys.argv[1]]
     description = json.loads(Path(sys.argv[2]).read_text(encoding="utf-8"))
     Path(sys.argv[3]).write_text(write(description), encoding="utf-8")
 

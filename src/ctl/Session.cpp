@@ -1,0 +1,132 @@
+#include "ctl/Session.h"
+
+#include "common/Json.h"
+#include "ctl/Escape.h"
+
+#include <cstdio>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+// A sentence that is longer than this is no sentence.
+constexpr qsizetype kLongestSentence = 4000;
+
+// What to do next about what the agent said.
+struct Advice
+{
+    QLatin1StringView beginning; // of the agent's sentence
+    QLatin1StringView next;
+};
+constexpr Advice kAdvice[] = {
+    {"no Corvane account named"_L1, "corvctl account list shows the accounts"_L1},
+    {"hard quotas are off"_L1, "corvctl quota enable switches them on"_L1},
+    {"no such rule"_L1, "corvctl firewall status shows the rules with their numbers"_L1},
+    {"that rule lets you reach this server over SSH"_L1, "ufw on the server itself deletes it"_L1},
+    {"no such backup"_L1, "corvctl backup list shows the backups"_L1},
+    {"that service is not on the [health] services list"_L1, "corvctl service status shows the services"_L1},
+    {"Apache's configuration has an error"_L1, "apachectl configtest shows all of it"_L1},
+    {"an update is"_L1, "corvctl update status shows how far it is"_L1},
+    {"too big for the editor"_L1, "corvctl file get fetches it"_L1},
+    {"not a text file"_L1, "corvctl file get fetches it"_L1},
+    {"unknown command"_L1, "man corv-protocol lists the commands"_L1},
+};
+
+QString adviceFor(const QString &sentence)
+{
+    for (const Advice &advice : kAdvice) {
+        if (sentence.startsWith(advice.beginning))
+            return advice.next;
+    }
+    return {};
+}
+
+void complain(const QString &sentence, const QString &hint)
+{
+    QString text = u"corvctl: "_s + escaped(sentence.left(kLongestSentence)) + u'\n';
+    if (sentence.size() > kLongestSentence)
+        text.insert(text.size() - 1, u'…');
+    if (!hint.isEmpty())
+        text += u"  "_s + escaped(hint) + u'\n';
+    std::fflush(stdout);
+    std::fputs(text.toUtf8().constData(), stderr);
+}
+
+int statusOf(Answer::Fate fate)
+{
+    switch (fate) {
+    case Answer::Fate::Replied:
+    case Answer::Fate::Printed:
+        return kDone;
+    case Answer::Fate::TooLarge:
+        return kWrongUsage;
+    case Answer::Fate::NoConnect:
+        return kNoConnection;
+    case Answer::Fate::TimedOut:
+        return kTimedOut;
+    }
+    return kNoConnection;
+}
+
+} // namespace
+
+Answer ask(Session &session, const QString &command, const QJsonObject &args)
+{
+    QJsonObject request = {{u"cmd"_s, command}};
+    if (!args.isEmpty())
+        request.insert(u"args"_s, args);
+    const QByteArray line = compactJson(request);
+    if (session.options.printOnly) {
+        print((session.terminal.out ? escapedJson(line) : line) + '\n');
+        return {Answer::Fate::Printed, {}, {}, {}, {}};
+    }
+
+    Spinner spinner(session.terminal);
+    const int seconds = session.options.timeout > 0 ? session.options.timeout : patience(command);
+    return session.client.request(line, seconds, [&](const Waiting &waiting) { spinner.show(waiting); });
+}
+
+std::optional<int> settled(const Session &session, const Answer &answer)
+{
+    if (answer.fate == Answer::Fate::Printed)
+        return kDone;
+    if (answer.fate != Answer::Fate::Replied)
+        return fail(statusOf(answer.fate), answer.problem, answer.hint);
+
+    if (session.options.json)
+        print((session.terminal.out ? escapedJson(answer.line) : answer.line) + '\n');
+    if (!answer.ok()) {
+        const QString sentence = answer.reply.value("error"_L1).toString();
+        return fail(kRefused, sentence.isEmpty() ? u"the agent refused, and did not say why"_s : sentence,
+                    adviceFor(sentence));
+    }
+    return session.options.json ? std::optional<int>(kDone) : std::nullopt;
+}
+
+int settledWith(const Session &session, const Answer &answer, const QString &sentence)
+{
+    if (const std::optional<int> end = settled(session, answer))
+        return *end;
+    if (!session.options.plain)
+        printLine(escaped(sentence));
+    return kDone;
+}
+
+int fail(int status, const QString &sentence, const QString &hint)
+{
+    complain(sentence, hint);
+    return status;
+}
+
+void print(const QByteArray &text)
+{
+    (void)std::fwrite(text.constData(), 1, static_cast<size_t>(text.size()), stdout);
+}
+
+void printLine(const QString &text)
+{
+    print(text.toUtf8() + '\n');
+}
+
+} // namespace corv::ctl
