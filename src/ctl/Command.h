@@ -69,6 +69,16 @@ struct Command
 };
 
 // The topics, one function each; main lists them.
+Command accountCommand();
+Command backupCommand();
+Command banCommand();
 Command callCommand();
+Command completionCommand();
+Command fileCommand();
+Command firewallCommand();
+Command hostCommand();
+Command quotaCommand();
+Command serviceCommand();
+Command updateCommand();
 
 } // namespace corv::ctl

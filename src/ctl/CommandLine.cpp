@@ -5,10 +5,12 @@
 #include <CLI/CLI.hpp>
 
 #include <cstring>
-#include <memory>
+#include <set>
 
 namespace corv::ctl {
 namespace {
+
+constexpr auto kHost = "--host";
 
 // The name under which a parameter is given to its handler: a word's own, an option's last one.
 std::string key(const Parameter &parameter)
@@ -37,38 +39,19 @@ void addParameter(CLI::App &app, const Parameter &parameter)
         option->check(CLI::IsMember(std::vector<std::string>(parameter.choices.begin(), parameter.choices.end())));
 }
 
-// Adds a command with all below it, those that the line does not name by name and help only.
-void addCommand(CLI::App &parent, const Command &command, const char *wanted, const char *wantedBelow)
+// Adds a command with all below it. What the line does not name is added by name and help alone: most of a run's time
+// would go into the parameters of commands that nobody asked for.
+void addCommand(CLI::App &parent, const Command &command, const std::set<std::string> &words)
 {
     CLI::App *app = parent.add_subcommand(command.name, command.help);
-    if (wanted && std::strcmp(wanted, command.name) != 0)
+    if (!words.contains(command.name))
         return;
     for (const Parameter &parameter : command.parameters)
         addParameter(*app, parameter);
     for (const Command &below : command.commands)
-        addCommand(*app, below, wantedBelow, nullptr);
+        addCommand(*app, below, words);
     if (!command.commands.empty())
         app->require_subcommand(1);
-}
-
-void addOptions(CLI::App &app, Options *options)
-{
-    app.set_version_flag("--version", std::string("corvctl ") + version());
-    app.add_flag("--json", options->json, "Print the reply line unchanged");
-    app.add_flag("--plain", options->plain, "Print tab-separated values without titles");
-    app.add_flag("-n,--print-only", options->printOnly, "Print the request instead of sending it");
-    app.add_option("--confirm", options->confirm, "Confirm a dangerous step with the name that it asks for")
-        ->type_name("NAME");
-    app.add_option("--timeout", options->timeout, "Wait so many seconds for a reply")
-        ->check(CLI::Range(1, 1'000'000))
-        ->type_name("SECONDS");
-    app.add_option("--socket", options->socket, "Where the agent listens")->type_name("PATH");
-    app.add_option("-c,--config", options->config, "The agent's settings file")->type_name("FILE");
-    app.add_option("-H,--host", options->hosts, "Run on another server; may be given several times")
-        ->type_name("[USER@]HOST")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)
-        ->allow_extra_args(false);
 }
 
 // The command that was named, and its app.
@@ -84,10 +67,10 @@ const Command *chosen(const std::vector<Command> &commands, const CLI::App &app,
     return nullptr;
 }
 
-Given givenTo(const Command &command, const CLI::App &app)
+Given givenTo(const std::vector<Parameter> &parameters, const CLI::App &app)
 {
     std::map<std::string, std::string> values;
-    for (const Parameter &parameter : command.parameters) {
+    for (const Parameter &parameter : parameters) {
         const std::string name = key(parameter);
         const CLI::Option *option = app.get_option(name);
         if (option->count() > 0)
@@ -96,16 +79,50 @@ Given givenTo(const Command &command, const CLI::App &app)
     return Given(std::move(values));
 }
 
+void readCommonOptions(const CLI::App &app, Options *options)
+{
+    const Given given = givenTo(commonOptions(), app);
+    options->json = given.has("--json");
+    options->plain = given.has("--plain");
+    options->printOnly = given.has("--print-only");
+    if (given.has("--confirm"))
+        options->confirm = given.bytes("--confirm");
+    options->timeout = given.text("--timeout").toInt();
+    options->socket = given.bytes("--socket");
+    options->config = given.bytes("--config");
+    options->hosts = app.get_option(kHost)->results();
+}
+
 } // namespace
+
+const std::vector<Parameter> &commonOptions()
+{
+    static const std::vector<Parameter> options = {
+        {"--json", "Print the reply line unchanged", Kind::Flag},
+        {"--plain", "Print tab-separated values without titles", Kind::Flag},
+        {"-n,--print-only", "Print the request instead of sending it", Kind::Flag},
+        {"--confirm", "Confirm a dangerous step with the NAME that it asks for", Kind::Value},
+        {"--timeout", "Wait so many seconds for a reply", Kind::Value},
+        {"--socket", "The PATH of the agent's socket", Kind::Value, Names::File},
+        {"-c,--config", "The agent's settings FILE", Kind::Value, Names::File},
+        {"-H,--host", "Run on another server, [USER@]HOST; may be given several times", Kind::Value},
+    };
+    return options;
+}
 
 Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const char *const *argv, Options *options)
 {
     CLI::App app("Administers the Corvane hosting agent of this or another server.", "corvctl");
-    addOptions(app, options);
+    app.set_version_flag("--version", std::string("corvctl ") + version());
+    for (const Parameter &option : commonOptions())
+        addParameter(app, option);
+    app.get_option("--timeout")->check(CLI::Range(1, 1'000'000));
+    app.get_option(kHost)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)->allow_extra_args(false);
     app.require_subcommand(1);
     app.fallthrough();
+    const std::set<std::string> words(argv + 1, argv + argc);
     for (const Command &command : commands)
-        addCommand(app, command, nullptr, nullptr);
+        addCommand(app, command, words);
 
     try {
         app.parse(argc, argv);
@@ -114,11 +131,12 @@ Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const ch
         return {nullptr, Given({}), code == 0 ? kDone : kWrongUsage};
     }
 
+    readCommonOptions(app, options);
     const CLI::App *its = nullptr;
     const Command *command = chosen(commands, app, &its);
     if (!command)
         return {nullptr, Given({}), kWrongUsage};
-    return {command->handler, givenTo(*command, *its), kDone};
+    return {command->handler, givenTo(command->parameters, *its), kDone};
 }
 
 } // namespace corv::ctl

@@ -16,6 +16,9 @@ struct Parsed
     int status = 0;
 };
 
+// The options that every command takes.
+const std::vector<Parameter> &commonOptions();
+
 // Reads a command line: the options for all commands into options, the rest into the result.
 Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const char *const *argv, Options *options);
 

@@ -22,10 +22,10 @@ struct Advice
 constexpr Advice kAdvice[] = {
     {"no Corvane account named"_L1, "corvctl account list shows the accounts"_L1},
     {"hard quotas are off"_L1, "corvctl quota enable switches them on"_L1},
-    {"no such rule"_L1, "corvctl firewall status shows the rules with their numbers"_L1},
+    {"no such rule"_L1, "corvctl firewall list shows the rules with their numbers"_L1},
     {"that rule lets you reach this server over SSH"_L1, "ufw on the server itself deletes it"_L1},
     {"no such backup"_L1, "corvctl backup list shows the backups"_L1},
-    {"that service is not on the [health] services list"_L1, "corvctl service status shows the services"_L1},
+    {"that service is not on the [health] services list"_L1, "corvctl service list shows the services"_L1},
     {"Apache's configuration has an error"_L1, "apachectl configtest shows all of it"_L1},
     {"an update is"_L1, "corvctl update status shows how far it is"_L1},
     {"too big for the editor"_L1, "corvctl file get fetches it"_L1},
@@ -113,10 +113,22 @@ int settledWith(const Session &session, const Answer &answer, const QString &sen
     return kDone;
 }
 
+std::optional<int> refusedElsewhere(const Session &session)
+{
+    if (session.options.hosts.empty())
+        return {};
+    return fail(kWrongUsage, u"this works on the server itself only"_s, u"log in there by ssh and run corvctl"_s);
+}
+
 int fail(int status, const QString &sentence, const QString &hint)
 {
     complain(sentence, hint);
     return status;
+}
+
+void note(const QString &sentence)
+{
+    complain(sentence, {});
 }
 
 void print(const QByteArray &text)

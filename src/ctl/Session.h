@@ -33,9 +33,12 @@ struct Options
     std::vector<std::string> hosts; // other servers, as ssh takes them; none: this one
 };
 
+struct Command;
+
 // What a run of corvctl works with.
 struct Session
 {
+    const std::vector<Command> *commands = nullptr; // all that there are
     Options options;
     Terminal terminal;
     Client client;
@@ -53,8 +56,15 @@ std::optional<int> settled(const Session &session, const Answer &answer);
 // settled() for commands whose success has nothing to show but this sentence.
 int settledWith(const Session &session, const Answer &answer, const QString &sentence);
 
+// For what is not asked of the agent but looked up on its server: why it cannot be had with -H, as an exit status after
+// a word on standard error; nothing on this server.
+std::optional<int> refusedElsewhere(const Session &session);
+
 // Says on standard error what is wrong, escaped, and gives the status back.
 int fail(int status, const QString &sentence, const QString &hint = {});
+
+// Says something on standard error that is neither a result nor a failure, escaped.
+void note(const QString &sentence);
 
 // Writes to standard output; strings from replies have to be escaped before.
 void print(const QByteArray &text);

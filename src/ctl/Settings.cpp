@@ -6,9 +6,26 @@
 #include <QFile>
 #include <QSettings>
 
+#include <algorithm>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
+namespace {
+
+// Whether the settings file has a line that sets the socket. Reading it as settings costs more time than a whole
+// request, and hardly any file has one.
+bool namesSocket(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QList<QByteArray> lines = file.readAll().split('\n');
+    return std::any_of(lines.begin(), lines.end(),
+                       [](const QByteArray &line) { return line.left(line.indexOf('=')).trimmed() == "socket"; });
+}
+
+} // namespace
 
 QByteArray socketPath(const Options &options)
 {
@@ -21,6 +38,8 @@ QByteArray socketPath(const Options &options)
         path = qEnvironmentVariable("CORV_CONFIG");
     if (path.isEmpty())
         path = u"/etc/corvane/corvane.ini"_s;
+    if (!namesSocket(path))
+        return QFile::encodeName(usual);
     const QSettings settings(path, QSettings::IniFormat);
     return QFile::encodeName(textSetting(settings, u"agent/socket"_s, usual));
 }

@@ -106,6 +106,17 @@ Cell span(qint64 seconds)
     return {humanSeconds(seconds), QString::number(seconds), Colour::None, true};
 }
 
+Cell nothing()
+{
+    return {u"-"_s, {}, Colour::None, false};
+}
+
+Cell timeIn(const QJsonObject &object, QLatin1StringView member)
+{
+    const QJsonValue value = object.value(member);
+    return value.isDouble() ? time(value.toInteger()) : nothing();
+}
+
 Cell yesNo(bool value, Colour whenTrue, Colour whenFalse)
 {
     return text(value ? u"yes"_s : u"no"_s, value ? whenTrue : whenFalse);

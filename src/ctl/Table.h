@@ -2,6 +2,7 @@
 
 #include "ctl/Terminal.h"
 
+#include <QJsonObject>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -24,7 +25,11 @@ Cell number(qint64 number);
 Cell bytes(qint64 bytes);           // for programs: as a number
 Cell time(qint64 secondsSince1970); // likewise
 Cell span(qint64 seconds);          // likewise
+Cell nothing();                     // for what is not known or not there
 Cell yesNo(bool value, Colour whenTrue = Colour::None, Colour whenFalse = Colour::None);
+
+// The time, in seconds since 1970, that a member of an object holds; nothing() where it holds none.
+Cell timeIn(const QJsonObject &object, QLatin1StringView member);
 
 using Row = QList<Cell>;
 

@@ -8,17 +8,21 @@ using namespace corv::ctl;
 
 namespace {
 
+// One function for each topic.
 std::vector<Command> allCommands()
 {
-    return {callCommand()};
+    return {accountCommand(), fileCommand(),   serviceCommand(), firewallCommand(), banCommand(),       updateCommand(),
+            quotaCommand(),   backupCommand(), hostCommand(),    callCommand(),     completionCommand()};
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    const std::vector<Command> commands = allCommands();
     Session session;
-    const Parsed parsed = parseCommandLine(allCommands(), argc, argv, &session.options);
+    session.commands = &commands;
+    const Parsed parsed = parseCommandLine(commands, argc, argv, &session.options);
     if (!parsed.handler)
         return parsed.status;
 

@@ -1,0 +1,30 @@
+#pragma once
+
+#include "common/Fd.h"
+
+#include <QString>
+
+#include <optional>
+
+namespace corv::ctl {
+
+struct Terminal;
+
+// The largest file that goes through the transfer directory, in bytes.
+constexpr qint64 kLargestTransfer = 268'435'456;
+
+// A random name for an upload.
+QString transferName();
+
+// Copies what source holds into the transfer directory under a name, with a bar on the terminal that speaks of what
+// (escaped). Nothing is left there when that fails. Empty, or what went wrong as a sentence.
+QString putIntoTransfer(const Terminal &terminal, const Fd &source, const QString &name, const QString &what);
+
+// Takes a file out of the transfer directory, likewise: copies it to target and removes it, also where that fails. The
+// name may be any text: one that leads elsewhere is refused.
+QString takeFromTransfer(const Terminal &terminal, const QString &name, const Fd &target, const QString &what);
+
+// Removes a file from the transfer directory, if it is there.
+void removeFromTransfer(const QString &name);
+
+} // namespace corv::ctl
