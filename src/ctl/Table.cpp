@@ -50,14 +50,15 @@ void fit(QList<int> &widths, int columns)
     }
 }
 
-QString lineOf(const Terminal &terminal, const Row &row, const QList<int> &widths, int first = 0)
+// A column with numbers stands at the right.
+QString lineOf(const Terminal &terminal, const Row &row, const QList<int> &widths, const QList<bool> &numbers)
 {
     QString line;
-    for (qsizetype i = first; i < row.size(); ++i) {
+    for (qsizetype i = 0; i < row.size(); ++i) {
         const Cell &cell = row[i];
         const QString shown = terminal.columns > 0 ? shortened(cell.shown, widths[i]) : cell.shown;
-        const bool last = i + 1 == row.size() && !cell.number;
-        const QString in = last ? shown : padded(shown, widths[i], cell.number);
+        const bool last = i + 1 == row.size() && !numbers[i];
+        const QString in = last ? shown : padded(shown, widths[i], numbers[i]);
         line += coloured(terminal, cell.colour, in);
         if (i + 1 < row.size())
             line += QString(kGap, u' ');
@@ -125,23 +126,25 @@ Cell yesNo(bool value, Colour whenTrue, Colour whenFalse)
 QString tableText(const Terminal &terminal, const QStringList &titles, const QList<Row> &rows)
 {
     QList<int> widths;
+    QList<bool> numbers;
     Row head;
     for (qsizetype i = 0; i < titles.size(); ++i) {
         int width = displayWidth(titles[i]);
-        bool number = !rows.isEmpty();
+        bool number = false;
         for (const Row &row : rows) {
             width = std::max(width, widthOf(row[i].shown));
-            number = number && row[i].number;
+            number = number || row[i].number;
         }
         widths.append(width);
+        numbers.append(number);
         head.append({titles[i], {}, Colour::Strong, number});
     }
     if (terminal.columns > 0)
         fit(widths, terminal.columns);
 
-    QString result = lineOf(terminal, head, widths);
+    QString result = lineOf(terminal, head, widths, numbers);
     for (const Row &row : rows)
-        result += lineOf(terminal, row, widths);
+        result += lineOf(terminal, row, widths, numbers);
     return result;
 }
 

@@ -112,6 +112,8 @@ QString takeFromTransfer(const Terminal &terminal, const QString &name, const Fd
 
 void removeFromTransfer(const QString &name)
 {
+    if (!files::validTransferName(name))
+        return;
     const Fd folder = openFolder();
     (void)::unlinkat(folder.get(), name.toLatin1().constData(), 0); // the agent takes an upload out itself
 }

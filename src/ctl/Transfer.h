@@ -24,7 +24,7 @@ QString putIntoTransfer(const Terminal &terminal, const Fd &source, const QStrin
 // name may be any text: one that leads elsewhere is refused.
 QString takeFromTransfer(const Terminal &terminal, const QString &name, const Fd &target, const QString &what);
 
-// Removes a file from the transfer directory, if it is there.
+// Removes a file from the transfer directory, if it is there. Nothing happens to one that the name leads to elsewhere.
 void removeFromTransfer(const QString &name);
 
 } // namespace corv::ctl

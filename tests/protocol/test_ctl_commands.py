@@ -1,0 +1,360 @@
+"""corvctl against the agent: what each command prints for people and for programs, and what it asks for."""
+
+import json
+import os
+import re
+import shlex
+from pathlib import Path
+
+import pytest
+
+from corvctl import corvctl
+from recorded import recorded
+
+KEY = "ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIJx0m0nV1bqvfXzYv4hS2Yw3sLkqF5oYzZ8dQ2mWm1aB alice@home"
+DISK = "/srv/disk/auto"
+SECTION = re.compile(r"^\$ corvctl (.*?)  #(.*)\n", re.MULTILINE)
+NOW = 1767610800  # 2026-01-05 11:00:00 UTC
+
+SERVICES = """\
+Id=apache2.service
+LoadState=loaded
+ActiveState=active
+SubState=running
+MemoryCurrent=52428800
+ActiveEnterTimestamp=Mon 2026-01-05 10:00:00 UTC
+
+Id=postgresql.service
+LoadState=loaded
+ActiveState=inactive
+SubState=dead
+MemoryCurrent=[not set]
+ActiveEnterTimestamp=
+
+Id=nosuch.service
+LoadState=not-found
+ActiveState=inactive
+SubState=dead
+MemoryCurrent=[not set]
+ActiveEnterTimestamp=
+"""
+INSTALL_LOG = "== 2026-01-05T04:05:06 installing security updates\nReading package lists...\n== finished (exit 0)\n"
+
+
+def backup(sandbox, name, manifest):
+    sandbox.mkdir(f"{DISK}/{name}")
+    sandbox.write(f"{DISK}/{name}/manifest.json", json.dumps(manifest))
+    sandbox.write(f"{DISK}/{name}/accounts/alice-home.tar.gz", b"x" * 70000)
+
+
+@pytest.fixture
+def server(sandbox):
+    """A server with two accounts and something of everything."""
+    sandbox.settings("[health]\nservices=apache2,postgresql,nosuch\n[backup]\ndestination=/srv/disk/auto\n")
+    sandbox.small_disk("/srv/disk", "4m")
+    for name in ("carol", "alice"):
+        sandbox.add_account(name, f"{name}.example.org")
+    sandbox.write("/home/alice/.ssh/authorized_keys", f"# work\n{KEY}\nfrom=\"10.0.0.1\" {KEY}\n", 0o600, "alice:alice")
+    sandbox.write("/home/alice/public_html/index.html", "<h1>hello</h1>\n", 0o644, "alice:www-data")
+    sandbox.write("/home/alice/public_html/big.bin", b"\0" * 1500000, 0o600, "alice:alice")
+    sandbox.write("/home/alice/public_html/\x1b[2J\u202egpj.exe", "x", 0o644, "alice:alice")
+    sandbox.symlink("/home/alice/public_html/link", "index.html")
+    for entry in sandbox.path("/home/alice/public_html").iterdir():
+        os.utime(entry, (NOW, NOW), follow_symlinks=False)
+    sandbox.answer("du", out="1500000\t/home/carol\n5000000000\t/home/alice\n")
+    sandbox.answer("findmnt", out="/ ext4\n")
+    sandbox.answer("systemctl", "show", "--no-pager", ..., out=SERVICES)
+    sandbox.answer("systemctl", "is-active", ..., **recorded("bookworm", "systemctl-is-active-unknown"))
+    sandbox.answer("sshd", "-T", **recorded("bookworm", "sshd"))
+    sandbox.answer("dpkg-query", ..., **recorded("bookworm", "dpkg-installed"))
+    sandbox.answer("ufw", "status", "numbered", **recorded("bookworm", "ufw-rules"))
+    sandbox.answer("fail2ban-client", "status", **recorded("bookworm", "fail2ban-two-jails"))
+    sandbox.answer("fail2ban-client", "status", "sshd", **recorded("bookworm", "fail2ban-jail-banned"))
+    sandbox.answer("fail2ban-client", "status", "recidive", **recorded("bookworm", "fail2ban-jail-empty"))
+    sandbox.answer("apt", "list", "--upgradable", **recorded("bookworm", "apt-upgradable"))
+    sandbox.write("/var/log/corvane/upgrade.log", INSTALL_LOG)
+    sandbox.write("/run/reboot-required.pkgs", "linux-image-amd64\nlibc6\n")
+    sandbox.write("/run/reboot-required", "")
+    stamp = sandbox.write("/var/lib/apt/periodic/update-success-stamp", "")
+    os.utime(stamp, (NOW, NOW))
+    saved = [{"username": "alice", "domain": "alice.example.org", "homeBytes": 70000, "dbBytes": 3000000}]
+    backup(sandbox, "2026-01-04_031500", {"created": NOW - 90000, "seconds": 4000, "accounts": saved, "panelBytes": 0,
+                                          "errors": []})
+    backup(sandbox, "2026-01-05_031500", {"created": NOW, "seconds": 75, "accounts": saved, "panelBytes": 0,
+                                          "errors": ["carol: tar failed: exit code 2"]})
+    sandbox.mkdir(f"{DISK}/2026-01-03_031500")
+    sandbox.answer("systemctl", "show", "-p", "NextElapseUSecRealtime", ..., out="Tue 2026-01-06 03:42:10 UTC\n")
+    sandbox.answer("journalctl", out="backup 2026-01-05_031500 -> /srv/disk/auto\n  carol: \x1b[31mtar failed\x1b[0m\n")
+    for name in ("env", "touch"):
+        sandbox.add_standin(name)
+    return sandbox
+
+
+def sections():
+    text = (Path(__file__).parent / "corvctl.txt").read_text()
+    found = list(SECTION.finditer(text))
+    ends = [section.start() for section in found[1:]] + [len(text)]
+    return [(section[1], section[2].split(), text[section.end() : end]) for section, end in zip(found, ends)]
+
+
+def written(sandbox, line, environment=None):
+    """What a command prints, in the form of corvctl.txt."""
+    code, out, err = corvctl(sandbox, *shlex.split(line), env={"COLUMNS": "80", **(environment or {})}, input=f"{KEY}\n")
+    for password in re.findall(r"(?<![\w-])[\w-]{24}$", out, re.MULTILINE):
+        if "password" in line or "create" in line:
+            sandbox.secret(password)
+            out = out.replace(password, "PASSWORD")
+    out = re.sub(r"\b20\d{6}-\d{6}\b", "DATE", out)
+    text = out + "".join(f"! {part}\n" for part in err.splitlines())
+    return text + (f"= {code}\n" if code else "")
+
+
+def declare(sandbox, requests):
+    """Declares the lines of the agent's log for requests: names, with a minus behind those that it refused."""
+    for request in requests:
+        unknown = {"ok": False, "error": "unknown command"} if request == "nosuch-" else None
+        sandbox.took(request.rstrip("-"), unknown or {"ok": not request.endswith("-")})
+
+
+@pytest.mark.parametrize("line, requests, expected", sections(), ids=[line for line, _, _ in sections()])
+def test_prints(server, line, requests, expected):
+    assert written(server, line) == expected
+    declare(server, requests)
+
+
+def test_no_line_of_a_table_is_wider_than_80_columns():
+    for line, _, expected in sections():
+        if not {"--plain", "--json", "-n", "--text"} & set(line.split()):
+            for part in expected.splitlines():
+                assert len(part) <= 80 or part.startswith("! "), part
+
+
+READING = ["system.info", "system.disks", "services.status", "quota.status", "firewall.status", "fail2ban.status",
+           "updates.status", "backup.status", "hosting.usage"]
+COMMANDS = {
+    "host info": "system.info", "host disks": "system.disks", "service list": "services.status", "quota status": "quota.status",
+    "firewall status": "firewall.status", "firewall list": "firewall.status", "ban list": "fail2ban.status",
+    "ban jails": "fail2ban.status", "update status": "updates.status", "update list": "updates.status",
+    "update log": "updates.status", "backup status": "backup.status", "backup list": "backup.status",
+    "backup log": "backup.status", "backup show 2026-01-05_031500": "backup.status", "account usage": "hosting.usage",
+    "call services.status": "services.status",
+}
+
+
+@pytest.mark.parametrize("line, command", COMMANDS.items(), ids=COMMANDS)
+def test_json_is_the_reply_line_unchanged(server, line, command):
+    code, out, err = corvctl(server, "--json", *line.split())
+    with server.connect() as client:
+        client.send(json.dumps({"cmd": command}).encode() + b"\n")
+        reply = client.line().decode()
+    if command == "system.info":  # its age may have grown meanwhile
+        out, reply = (re.sub(r'"uptimeSeconds":\d+', "", text) for text in (out, reply))
+    assert (code, out, err) == (0, reply, "")
+    declare(server, [command, command])
+
+
+def test_information_on_the_host(server):
+    code, out, err = corvctl(server, "host", "info")
+    kernel = os.uname().release
+    assert re.fullmatch(rf"Name         sandbox\nSystem       Debian GNU/Linux 12 \(bookworm\)\nKernel       {kernel}\n"
+                        rf"Processors   \d+\nRunning for  [\dhdmins ]+\n", out), out
+    assert (code, err) == (0, "")
+    declare(server, ["system.info"])
+
+
+def test_a_file_travels_there_and_back(server):
+    content = os.urandom(3_000_000)
+    server.write("/root/picture.png", content)
+    assert written(server, "file put alice /root/picture.png public_html/") == "public_html/picture.png: 2.9 MiB\n"
+    assert server.path("/home/alice/public_html/picture.png").read_bytes() == content
+    assert written(server, "file get alice public_html/picture.png /root/back") == "/root/back: 2.9 MiB\n"
+    assert server.path("/root/back").read_bytes() == content
+    assert os.listdir(server.path("/var/lib/corvane/transfer")) == []
+    assert sorted(os.listdir(server.path("/root"))) == ["back", "picture.png"]
+    declare(server, ["files", "files"])
+
+
+def test_a_file_comes_and_goes_by_the_standard_streams(server):
+    code, out, err = corvctl(server, "file", "put", "alice", "-", "a.txt", input="from a pipe\n")
+    assert (code, out, err) == (0, "a.txt: 12 B\n", "")
+    assert corvctl(server, "file", "get", "alice", "a.txt", "-") == (0, "from a pipe\n", "")
+    assert written(server, "file put alice -") == "! corvctl: standard input has no name: give a PATH\n= 2\n"
+    declare(server, ["files", "files"])
+
+
+def test_a_file_that_is_fetched_takes_no_device_away(server):
+    server.write("/home/alice/a.txt", "hello\n", 0o644, "alice:alice")
+    assert written(server, "file get alice a.txt /dev/null") == "/dev/null: 6 B\n"
+    assert server.entry("/dev/null") == "0666 root:root"
+    assert server.path("/dev/null").is_char_device()
+    declare(server, ["files"])
+
+
+def test_a_file_that_cannot_be_fetched_leaves_nothing(server):
+    server.write("/root/old", "old")
+    assert written(server, "file get alice nosuch /root/old").startswith("! corvctl: ")
+    assert server.read("/root/old") == "old"
+    assert written(server, "file get alice public_html/index.html /nosuch/x") == \
+        "! corvctl: /nosuch/x: cannot write: No such file or directory\n= 1\n"
+    assert os.listdir(server.path("/var/lib/corvane/transfer")) == []
+    declare(server, ["files-", "files"])
+
+
+def test_a_file_that_is_too_large_is_not_sent(server):
+    server.start()
+    with server.write("/root/huge").open("wb") as file:
+        file.truncate(268_435_457)
+    assert written(server, "file put alice /root/huge") == "! corvctl: /root/huge: over 256 MiB; use SFTP for big files\n= 1\n"
+    assert os.listdir(server.path("/var/lib/corvane/transfer")) == []
+
+
+def test_an_upload_that_is_refused_leaves_nothing(server):
+    server.write("/root/a", "x")
+    assert written(server, "file put alice /root/a public_html") == "! corvctl: a folder has that name\n= 1\n"
+    assert os.listdir(server.path("/var/lib/corvane/transfer")) == []
+    declare(server, ["files-"])
+
+
+def test_a_key_comes_from_a_file_or_standard_input(server):
+    server.write("/root/key.pub", KEY + "\n")
+    assert written(server, "account keys carol --set -") == "carol has 1 key(s) now\n"
+    assert written(server, "account keys carol --set /root/key.pub") == "carol has 1 key(s) now\n"
+    assert server.read("/home/carol/.ssh/authorized_keys") == KEY + "\n"
+    assert written(server, "account keys carol --set /root/nosuch") == \
+        "! corvctl: cannot read /root/nosuch: No such file or directory\n= 2\n"
+    declare(server, ["hosting.setKeys", "hosting.setKeys"])
+
+
+def test_the_printed_request_is_what_is_sent(server):
+    server.start()
+    for line in ("firewall allow 8080 --from 10.0.0.0/8", "update automatic on", "account limit alice 2G"):
+        request = json.loads(written(server, f"-n {line}"))
+        written(server, line)
+        with server.connect() as client:
+            client.send(json.dumps(request).encode() + b"\n")
+            reply = client.reply()
+        declare(server, [request["cmd"] + "-" * (not reply["ok"])] * 2)
+
+
+# Confirmation
+
+
+@pytest.mark.parametrize("line", ["account delete alice", "file rm alice public_html", "host restart",
+                                  "backup restore alice 2026-01-05_031500 database"])
+def test_a_dangerous_step_is_not_taken_without_a_confirmation(server, line):
+    server.start()
+    for more in ("", " -n", " --plain"):
+        assert written(server, line + more) == \
+            "! corvctl: this has to be confirmed\n!   give --confirm NAME where nobody can be asked\n= 2\n"
+    assert server.has_user("alice")
+    assert server.argvs() == []
+
+
+@pytest.mark.parametrize("line, complaint", [
+    ("account delete alice", "that is not the account's name, so nothing was deleted"),
+    ("file rm alice public_html", "that is not the name, so nothing was deleted"),
+    ("backup restore alice 2026-01-05_031500 database", "that is not the account's name, so nothing was restored"),
+])
+def test_a_wrong_name_confirms_nothing(server, line, complaint):
+    server.start()
+    for name in ("carol", "ALICE", "''", "'alice '"):
+        assert written(server, f"{line} --confirm {name}") == f"! corvctl: {complaint}\n= 2\n"
+    assert server.argvs() == []
+
+
+# The firewall and the administrator's own way in
+
+
+@pytest.mark.parametrize("connection, goes_on", [
+    ("192.0.2.1 50000 192.0.2.2 22", True),
+    ("2001:db8::1 50000 2001:db8::2 22", True),
+    ("192.0.2.1 50000 192.0.2.2 2222", False),
+    ("192.0.2.1 50000 192.0.2.2 2", False),
+    ("", True),
+])
+def test_the_firewall_is_not_switched_on_in_front_of_ones_own_connection(server, connection, goes_on):
+    shown = written(server, "firewall enable", {"SSH_CONNECTION": connection})
+    if goes_on:
+        assert shown == "the firewall is on; open: 22/tcp, 80/tcp, 443/tcp\n"
+        declare(server, ["firewall.status"] * bool(connection) + ["firewall.enable"])
+        return
+    port = connection.split()[3]
+    assert shown == (
+        f"! corvctl: you are logged in by SSH on port {port}, but the agent sees sshd on port 22 only: the firewall would lock you "
+        f"out, so it was not switched on\n!   name the port in sshd's settings (sshd -T shows what holds), or log in on port 22\n= 1\n")
+    assert ["ufw", "--force", "enable"] not in server.argvs()
+    declare(server, ["firewall.status"])
+
+
+def test_ones_own_connection_is_known_behind_sudo(server):
+    corvctl(server, "--version")
+    shell = "SSH_CONNECTION='1.2.3.4 5 6.7.8.9 2222' sh -c '/usr/bin/env -u SSH_CONNECTION corvctl firewall enable; echo $?'"
+    code, out, err = server.run("/usr/bin/env", "--chdir=/", "sh", "-c", shell, env={"PATH": "/standins/bin:/usr/bin:/bin"})
+    assert (code, out) == (0, "1\n")
+    assert err.startswith("corvctl: you are logged in by SSH on port 2222, but the agent sees sshd on port 22 only")
+    declare(server, ["firewall.status"])
+
+
+# Work that goes on behind the reply
+
+
+def running(server, *states):
+    """Lets updates be installed, and the installation be seen running in these looks, one after the other."""
+    for number, state in enumerate(states, 1):
+        server.answer("systemctl", "is-active", "--quiet", "corv-upgrade", call=number, exit=0 if state else 3)
+
+
+@pytest.mark.parametrize("code, status, last", [
+    (0, 0, "the updates are installed\n"),
+    (100, 1, "! corvctl: the installation failed with exit code 100\n!   /var/log/corvane/upgrade.log holds what it printed\n= 1\n"),
+])
+def test_an_installation_is_followed_to_its_end(server, code, status, last):
+    running(server, False, False, True, False)
+    server.answer("systemd-run", shell="echo Unpacking >>/var/log/corvane/upgrade.log; "
+                  f"echo '== finished (exit {code})' >>/var/log/corvane/upgrade.log")
+    shown = written(server, "update install all --wait")
+    head, _, rest = shown.partition("\n")
+    assert re.fullmatch(r"== \S+ installing all updates", head)
+    assert rest == f"Unpacking\n== finished (exit {code})\n" + last
+    declare(server, ["updates.status", "updates.install", "updates.status", "updates.status"])
+
+
+def test_an_installation_that_is_cut_off_is_no_success(server):
+    running(server, False, False, False)
+    assert written(server, "update install security --wait").endswith(
+        "! corvctl: the installation ended without telling how\n!   /var/log/corvane/upgrade.log holds what it printed\n= 1\n")
+    declare(server, ["updates.status", "updates.install", "updates.status"])
+
+
+def test_an_installation_that_is_refused_is_not_waited_for(server):
+    running(server, False, True)
+    assert written(server, "update install all --wait") == \
+        "! corvctl: an update is already running\n!   corvctl update status shows how far it is\n= 1\n"
+    declare(server, ["updates.status", "updates.install-"])
+
+
+@pytest.mark.parametrize("errors, last", [
+    ([], "the backup 2026-01-06_120000 was made\n"),
+    (["a: b"], "! corvctl: the backup 2026-01-06_120000 was made with 1 error(s)\n"
+               "!   corvctl backup show 2026-01-06_120000 tells them\n= 1\n"),
+])
+def test_a_backup_is_followed_to_its_end(server, errors, last):
+    state = ["systemctl", "show", "-p", "ActiveState", "--value", "corv-backup.service"]
+    for number, text in enumerate(("inactive", "activating", "activating", "inactive"), 1):
+        server.answer(*state, call=number, out=text + "\n")
+    server.answer("journalctl", call=1, out="old\n")
+    server.answer("journalctl", call=2, out="old\nbackup begins\n")
+    server.answer("journalctl", call=3, out="old\nbackup begins\nalice\n")
+    server.answer("journalctl", call=4, out="backup begins\nalice\ndone\n")
+    server.answer("systemctl", "start", ..., shell=f"mkdir -p {DISK}/2026-01-06_120000; printf '%s' '{json.dumps({'errors': errors})}' "
+                        f">{DISK}/2026-01-06_120000/manifest.json")
+    assert written(server, "backup start --wait") == "backup begins\nalice\ndone\n" + last
+    declare(server, ["backup.status", "backup.start"] + ["backup.status"] * 3)
+
+
+def test_a_backup_that_leaves_nothing_is_no_success(server):
+    server.answer("journalctl", call=1, out="old\n")
+    server.answer("journalctl", calls=(2, 99), out="old\nno space\n")
+    assert written(server, "backup start --wait") == \
+        "no space\n! corvctl: no backup was made\n!   journalctl -u corv-backup tells why\n= 1\n"
+    declare(server, ["backup.status", "backup.start", "backup.status"])
