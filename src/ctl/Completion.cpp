@@ -336,10 +336,9 @@ QString fishOption(const Parameter &option)
     QString text;
     for (const QString &spelling : spellings(option))
         text += spelling.startsWith("--"_L1) ? u" -l "_s + spelling.sliced(2) : u" -s "_s + spelling.sliced(1);
+    // Without -x, or -F, fish offers files for whatever an option's value is.
     if (option.kind == Kind::Value)
-        text += u" -r"_s;
-    if (option.names == Names::File)
-        text += u" -F"_s;
+        text += option.names == Names::File ? u" -r -F"_s : u" -x"_s;
     if (const QList<QStringList> words = wordsFor(option); !words.isEmpty())
         text += u" -a "_s + quoted(namesOf(words, false));
     return text.sliced(1);

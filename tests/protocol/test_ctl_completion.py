@@ -34,7 +34,7 @@ _corvctl | grep -- "^${words[CURRENT]}" || true
 """
 FISH = r"""
 source $argv[1]
-complete -C (string join ' ' -- $argv[2..]) | string replace -r '\t.*' ''
+complete -C (string join ' ' -- $argv[2..]) | string replace -r '\t.*' ''; or true
 """
 SHELLS = {"bash": ["bash", "-c", BASH, "bash"], "zsh": ["zsh", "-f", "-c", ZSH, "zsh"], "fish": ["fish", "-N", "-c", FISH]}
 
