@@ -3,6 +3,7 @@
 import pytest
 
 NONINTERACTIVE = {"DEBIAN_FRONTEND": "noninteractive"}
+PANEL_SQL = ["runuser", "-u", "corv-web", "--", "psql", "-qtAX", "-v", "ON_ERROR_STOP=1", "-d", "corvane", "-c"]
 
 
 @pytest.fixture(scope="module")
@@ -56,6 +57,7 @@ def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, pa
     host = own_host
     account = host.account()
     host.put("/var/backups/corvane/auto/kept", "a backup")
+    host.ok([*PANEL_SQL, "CREATE TABLE kept AS SELECT 'the panel' AS owner"])
 
     host.ok(["apt-get", "-q", "remove", "--yes", "corv-agent"], env=NONINTERACTIVE)
     assert not host.exists("/run/corvane/agent.sock")
@@ -68,10 +70,12 @@ def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, pa
                  "/etc/apache2/conf-enabled/corv-logformat.conf"):
         assert not host.exists(path), path
     assert host.get("/var/backups/corvane/auto/kept") == "a backup"
+    assert host.ok([*PANEL_SQL, "SELECT owner FROM kept"]) == "the panel\n"
     host.ok(["systemctl", "reload", "apache2"])
     works(host, account)
 
     host.install(package)
+    assert host.ok([*PANEL_SQL, "SELECT owner FROM kept"]) == "the panel\n"
     works(host, account)
     reply = host.request("hosting.create", username=account.name, domain="again.example")
     assert reply == {"ok": False, "error": f"a user or group named '{account.name}' already exists on this server"}
