@@ -34,7 +34,8 @@ _corvctl | grep -- "^${words[CURRENT]}" || true
 """
 FISH = r"""
 source $argv[1]
-complete -C (string join ' ' -- $argv[2..]) | string replace -r '\t.*' ''; or true
+complete -C (string join ' ' -- $argv[2..]) | string replace -r '\t.*' ''
+true
 """
 SHELLS = {"bash": ["bash", "-c", BASH, "bash"], "zsh": ["zsh", "-f", "-c", ZSH, "zsh"], "fish": ["fish", "-N", "-c", FISH]}
 
