@@ -7,19 +7,10 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
+// Not so: controls, direction overrides and whatever else has no sign of its own, and what ends a line.
 bool isHarmless(char32_t character)
 {
-    switch (QChar::category(character)) {
-    case QChar::Other_Control:
-    case QChar::Other_Format: // direction overrides, zero-width characters
-    case QChar::Other_Surrogate:
-    case QChar::Other_NotAssigned:
-    case QChar::Separator_Line:
-    case QChar::Separator_Paragraph:
-        return false;
-    default:
-        return true;
-    }
+    return QChar::isPrint(character) && character != U'\u2028' && character != U'\u2029';
 }
 
 QString hexadecimal(char32_t character, int digits)

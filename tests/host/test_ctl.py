@@ -1,0 +1,120 @@
+"""corvctl on a real host: the whole life of an account, and files that are put and fetched, as an administrator does it."""
+
+import hashlib
+import re
+
+LIMIT = 120
+
+
+def corvctl(host, *args, input=None):
+    """Its output, once it has done its work without a complaint."""
+    done = host.run(["corvctl", *args], input=input)
+    assert (done.code, done.err) == (0, ""), (args, done)
+    return done.out
+
+
+def refused(host, *args):
+    """What it complains of when it cannot do its work."""
+    done = host.run(["corvctl", *args])
+    assert done.code == 1 and done.out == "", (args, done)
+    return done.err
+
+
+def test_the_whole_life_of_an_account(host):
+    name = host.free_name()
+    domain = f"{name}.example"
+    made = corvctl(host, "--plain", "account", "create", name, domain, "--key-file", "-", input=host.key.public + "\n")
+    facts = dict(line.split("\t") for line in made.splitlines())
+    assert facts["Account"] == name and facts["Domain"] == domain
+    password = facts["Database password"]
+    host.wait_until_served(name, domain)
+    assert f"{name}\t{domain}\t/home/{name}\t" in corvctl(host, "--plain", "account", "list")
+    assert host.sql("SELECT 1", database=name, role=name, password=password).out == "1\n"
+    assert host.ssh(name, "id -un").out == f"{name}\n"
+
+    # Its site, its keys, its database.
+    corvctl(host, "file", "write", name, "public_html/index.html", input="<h1>made by corvctl</h1>\n")
+    assert host.fetch(domain).body == "<h1>made by corvctl</h1>\n"
+    assert corvctl(host, "--plain", "account", "keys", name).startswith("key@test\tssh-ed25519\tSHA256:")
+    assert corvctl(host, "account", "keys", name, "--set", "/dev/null") == f"{name} has 0 key(s) now\n"
+    assert host.ssh(name, "true").code != 0
+    corvctl(host, "account", "keys", name, "--set", "-", input=host.key.public)
+    assert host.ssh(name, "true").code == 0
+    fresh = corvctl(host, "account", "password", name)
+    assert re.fullmatch(r"[\w-]{24}\n", fresh) and fresh.strip() != password
+    assert host.sql("SELECT 1", database=name, role=name, password=password).code != 0
+    login = {"database": name, "role": name, "password": fresh.strip()}
+    corvctl(host, "account", "read-only", name, "on")
+    assert "read-only transaction" in host.sql("CREATE TABLE a (b int)", **login).err
+    corvctl(host, "account", "read-only", name, "off")
+    assert host.sql("CREATE TABLE a (b int)", **login).code == 0
+    assert int(dict(line.split("\t") for line in corvctl(host, "--plain", "account", "usage").splitlines())[name]) > 0
+
+    # Off-line and back.
+    corvctl(host, "account", "suspend", name)
+    host.wait_for(lambda: host.fetch(domain).status == 503, "the site going off-line")
+    assert host.ssh(name, "true").code != 0
+    corvctl(host, "account", "resume", name)
+    host.wait_for(lambda: host.fetch(domain).status == 200, "the site coming back")
+
+    # The end.
+    done = host.run(["corvctl", "account", "delete", name])
+    assert (done.code, done.out) == (2, "") and "this has to be confirmed" in done.err
+    archives = dict(line.split("\t") for line in corvctl(host, "--plain", "account", "delete", name, "--confirm", name).splitlines())
+    assert archives["Deleted"] == name
+    assert len(host.ok(["sh", "-c", f"ls {archives['Archives']}"]).split()) == 2
+    assert name not in corvctl(host, "account", "list")
+    assert refused(host, "account", "suspend", name) == \
+        f"corvctl: no Corvane account named '{name}'\n  corvctl account list shows the accounts\n"
+
+
+def test_files_are_put_and_fetched(host):
+    account = host.account()
+    host.ok(["sh", "-c", "head -c 100000000 /dev/urandom >/root/big"])
+    corvctl(host, "file", "mkdir", account.name, "public_html/down loads")
+    corvctl(host, "file", "put", account.name, "/root/big", "public_html/down loads/")
+    path = f"{account.home}/public_html/down loads/big"
+    assert host.mode(path) == f"644 {account.name} www-data"
+    assert corvctl(host, "--plain", "file", "ls", account.name, "public_html/down loads").startswith("big\tfile\t100000000\t")
+    corvctl(host, "file", "mv", account.name, "public_html/down loads/big", "moved")
+    corvctl(host, "file", "get", account.name, "moved", "/root/back")
+    sums = host.ok(["sha256sum", "/root/big", "/root/back", f"{account.home}/moved"]).split()[::2]
+    assert len(set(sums)) == 1 and len(sums) == 3
+    assert host.ok(["ls", "-A", "/var/lib/corvane/transfer"]) == ""
+    text = "äöü\n" * 1000
+    corvctl(host, "file", "write", account.name, "notes.txt", input=text)
+    assert hashlib.sha256(corvctl(host, "file", "cat", account.name, "notes.txt").encode()).digest() == \
+        hashlib.sha256(text.encode()).digest()
+    corvctl(host, "file", "rm", account.name, "public_html/down loads", "--confirm", "down loads")
+    assert not host.exists(f"{account.home}/public_html/down loads")
+    host.ok(["rm", "/root/big", "/root/back"])
+
+
+def test_a_backup_is_made_and_brought_back(host):
+    account = host.account()
+    host.put(f"{account.home}/a.txt", "kept", owner=f"{account.name}:{account.name}")
+    done = host.run(["corvctl", "backup", "start", "--wait"])
+    assert done.code == 0, done
+    backup = re.search(r"^the backup (\S+) was made$", done.out, re.MULTILINE)[1]
+    assert f"{backup}\t" in corvctl(host, "--plain", "backup", "list")
+    assert f"{account.name}\t{account.domain}\t" in corvctl(host, "--plain", "backup", "show", backup)
+    corvctl(host, "backup", "restore", account.name, backup, "files")
+    assert host.get(f"{account.home}/restored-{backup}/a.txt") == "kept"
+    host.sql("CREATE TABLE later (a int)", database=account.name)
+    corvctl(host, "backup", "restore", account.name, backup, "database", "--confirm", account.name)
+    assert host.sql("SELECT * FROM later", database=account.name).code != 0
+    host.ok(["rm", "-rf", f"/var/backups/corvane/auto/{backup}"])
+
+
+def test_the_panels_user_may_use_it_and_others_may_not(host):
+    assert host.run(["corvctl", "call", "ping"], user="corv-web").out == '{"ok":true,"version":"0.1"}\n'
+    done = host.run(["corvctl", "call", "ping"], user="nobody")
+    assert done.code == 3 and done.err.startswith("corvctl: no permission to use /run/corvane/agent.sock\n")
+
+
+def test_what_comes_with_it_is_in_its_place(host):
+    for page in ("1/corvctl.1", "5/corvane.ini.5", "8/corv-agent.8"):
+        assert host.exists(f"/usr/share/man/man{page}.gz")
+    for shell, path in (("bash", "bash-completion/completions/corvctl"), ("zsh", "zsh/vendor-completions/_corvctl"),
+                        ("fish", "fish/vendor_completions.d/corvctl.fish")):
+        assert host.get(f"/usr/share/{path}") == corvctl(host, "completion", shell)
