@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <thread>
 
 #include <csignal>
 #include <fcntl.h>
@@ -41,7 +42,7 @@ int connectTo(const std::string &path)
         if (::connect(fd, reinterpret_cast<sockaddr *>(&to), sizeof to) == 0)
             return fd;
         ::close(fd);
-        ::usleep(1000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     std::perror("connect");
     std::exit(1);
@@ -123,7 +124,7 @@ pid_t startAgent(const char *executable, const std::string &folder)
         return child;
     ::dup2(::open("/dev/null", O_WRONLY), STDERR_FILENO);
     ::execl(executable, executable, "--config", (folder + "/settings").c_str(), nullptr);
-    ::_exit(127);
+    _exit(127);
 }
 
 // A wake-up across cores costs several times what a server does for a ping, so where the scheduler happens to put

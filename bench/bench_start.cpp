@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <spawn.h>
@@ -38,7 +39,7 @@ double startUntilListening(const std::vector<const char *> &command, const std::
         if (::posix_spawn(child, arguments[0], nullptr, nullptr, const_cast<char **>(arguments.data()), environ) != 0)
             std::exit(1);
         while (!answers(path))
-            ::usleep(50);
+            std::this_thread::sleep_for(std::chrono::microseconds(50));
     });
 }
 

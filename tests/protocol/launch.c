@@ -56,8 +56,8 @@ static void become(const char *root, uid_t uid, gid_t gid, int blocked, char **p
     if (chroot(root) != 0 || chdir("/") != 0)
         die("chroot");
     setsid();
-    close(0);
-    if (open("/dev/null", O_RDONLY) != 0)
+    const int null = open("/dev/null", O_RDONLY);
+    if (null < 0 || dup2(null, 0) != 0)
         die("/dev/null");
     close_range(3, ~0U, 0);
     for (int number = 1; number < 32; ++number)

@@ -421,7 +421,7 @@ static void answer(const struct rule *rule, char **argv)
             words[0] = "/bin/sh";
             words[1] = "-c";
             words[2] = (char *)script;
-            for (int w = 0; argv[w] && w < maxWords - 4; ++w)
+            for (int w = 0; w < maxWords - 4 && argv[w]; ++w)
                 words[3 + w] = argv[w];
             execv("/bin/sh", words);
             fail("/bin/sh");

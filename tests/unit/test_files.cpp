@@ -13,8 +13,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <array>
+
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <utime.h>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace corv;
@@ -156,8 +158,8 @@ private Q_SLOTS:
     void tellsAllOfAnEntry()
     {
         make("file", "12345", 04751);
-        const utimbuf times = {1'000'000'000, 1'234'567'890};
-        QVERIFY(::utime(bytesAt("file").constData(), &times) == 0);
+        const std::array<timespec, 2> times = {{{1'000'000'000, 0}, {1'234'567'890, 0}}};
+        QVERIFY(::utimensat(AT_FDCWD, bytesAt("file").constData(), times.data(), 0) == 0);
         QVERIFY(QFile::link(u"file"_s, at(u"link"_s)));
         QVERIFY(QFile::link(u"gone"_s, at(u"nowhere"_s)));
         const QJsonObject file{{u"name"_s, u"file"_s}, {u"dir"_s, false},           {u"link"_s, false},
