@@ -131,8 +131,7 @@ def _kind_of_site(sandbox):
 
 def account(sandbox):
     """What there is of the account: each of its parts with its state, None for a part that is missing."""
-    fake = lambda kind: sandbox.read(f"{DATABASES}/{kind}.{NAME}") if sandbox.exists(f"{DATABASES}/{kind}.{NAME}") else None
-    role = fake("role")
+    role = f"{DATABASES}/role.{NAME}"
     expires = _field(sandbox, "/etc/shadow", 7)
     pool = "active" if sandbox.exists(POOL) else "parked" if sandbox.exists(POOL + ".suspended") else None
     folders = [sandbox.entry(f"{HOME}/{name}") for name in ("", "public_html", "logs", "tmp", ".ssh")]
@@ -141,8 +140,8 @@ def account(sandbox):
         "group": None if _field(sandbox, "/etc/group", 2) is None else "there",
         "login": None if expires is None else "expired" if expires == "1" else "open",
         "home": None if not sandbox.exists(HOME) else " ".join(folders),
-        "role": role and role.strip(),
-        "database": None if fake("db") is None else "there",
+        "role": sandbox.read(role).strip() if sandbox.exists(role) else None,
+        "database": "there" if sandbox.exists(f"{DATABASES}/db.{NAME}") else None,
         "site": _kind_of_site(sandbox),
         "enabled": sandbox.entry(ENABLED) if sandbox.exists(ENABLED) else None,
         "pool": pool,

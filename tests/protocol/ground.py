@@ -206,6 +206,7 @@ class Ground:
         os.chown(layer / "var/lib/corvane/transfer", 990, 990)
         os.chown(layer / "var/lib/postgresql", 115, 115)
 
+        shutil.copy(HERE / "valgrind.supp", layer / "standins")
         first = layer / "standins/standin"
         shutil.copy(build_tool("standin"), first)
         for name in REAL_TOOLS + OTHER_TOOLS:

@@ -30,6 +30,9 @@ AGENT_PATH = "/usr/libexec/corvane/corv-agent"
 SOCKET = "/run/corvane/agent.sock"
 LISTENING = "agent: listening on %s"
 
+# A program, with its options, that the agent runs under: valgrind.
+CHECKER = os.environ.get("CORV_TEST_WRAPPER", "").split()
+
 
 class Sandbox:
     """A private root with the agent in it. Attributes that tests read: root, agent (the Process), log_lines."""
@@ -338,8 +341,8 @@ class Sandbox:
 
     @property
     def sanitized(self):
-        """Whether the agent carries a sanitizer, which takes memory of its own."""
-        return b"__asan_init" in self.executable.read_bytes()
+        """Whether the agent carries a sanitizer or runs under a checker, which takes memory of its own."""
+        return bool(CHECKER) or b"__asan_init" in self.executable.read_bytes()
 
     def environment(self, **extra):
         """The environment that programs in the sandbox get; a value of None removes a variable."""
@@ -368,7 +371,7 @@ class Sandbox:
             mount(source, target, None, MS_BIND)
             self._installed = source
         with self._log.open("ab") as log, self._out.open("ab") as out:
-            argv = [*wrapper, AGENT_PATH, *args]
+            argv = [*(wrapper or CHECKER), AGENT_PATH, *args]
             self.agent = Process(self, argv, self.environment(**(env or {})), out, log, **how)
         return self.agent
 

@@ -1,0 +1,144 @@
+"""Many clients at a time, most of them up to no good, while one goes through the lives of accounts."""
+
+import json
+import resource
+import statistics
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+from figures import count, note
+from programs import wait_until
+from sandbox import SOCKET
+from server import GONE, KEY, NAME, account, furnish
+
+LOAD = Path(__file__).with_name("load.py")
+NOBODY = "65534"
+CLIENTS = {
+    "idle": ("1000", "are connected and silent"),
+    "dribble": ("200", "send their requests byte by byte"),
+    "long": ("50", "send lines of 4 MiB, and longer ones"),
+    "cut": ("20", "hang up in the middle of replies"),
+    "knock": ("10", "are of a user who may not connect"),
+}
+PINGS = 500
+SHORT, LONG = 45, 600  # seconds
+MEBIBYTE = 1 << 20
+
+LIFE = [
+    ("hosting.create", {"domain": "example.org", "sshKey": KEY}),
+    ("hosting.getKeys", {}),
+    ("files", {"op": "write", "path": "public_html/a.txt", "content": "text"}),
+    ("files", {"op": "read", "path": "public_html/a.txt"}),
+    ("hosting.suspend", {}),
+    ("hosting.resume", {}),
+    ("hosting.resetDbPassword", {}),
+    ("hosting.delete", {"confirm": NAME}),
+]
+
+
+def start(box, kind):
+    """Starts the clients of a kind, and returns the process when all are there."""
+    command = [sys.executable, LOAD, box.path(SOCKET), kind, CLIENTS[kind][0], *([NOBODY] if kind == "knock" else [])]
+    process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    assert process.stdout.readline() == "ready\n", kind
+    return process
+
+
+def finish(process):
+    """Lets the clients come to their end, and returns what they say."""
+    out, _ = process.communicate(timeout=300)
+    return json.loads(out)
+
+
+def median_ping(box):
+    """Microseconds."""
+    times = []
+    with box.connect() as client:
+        for _ in range(PINGS):
+            began = time.perf_counter()
+            client.send(b'{"cmd":"ping"}\n')
+            client.reply()
+            times.append((time.perf_counter() - began) * 1e6)
+    return statistics.median(times)
+
+
+def live(box):
+    """One life of an account: what was wrong with it."""
+    wrong = []
+    for command, args in LIFE:
+        with box.connect() as client:
+            client.send(json.dumps({"cmd": command, "args": {"username": NAME, **args}}).encode() + b"\n")
+            reply = client.reply()
+        if reply["ok"] is not True:
+            wrong.append(f"{command}: {reply}")
+    if account(box) != GONE:
+        wrong.append(f"something is left: {account(box)}")
+    return wrong
+
+
+def press(box, seconds, processes):
+    """Lives accounts for so long, and returns the lives, what was wrong, and what the agent took meanwhile."""
+    lives, wrong, samples = 0, [], []
+    began = time.monotonic()
+    while (now := time.monotonic() - began) < seconds:
+        wrong += live(box)
+        lives += 1
+        samples.append((now, box.agent.memory(), len(box.agent.fds())))
+        assert all(process.poll() is None for process in processes), "a client came to its end"
+        for archive in box.path("/var/backups/corvane").iterdir():
+            archive.unlink()
+    return lives, wrong, samples
+
+
+def growth(samples, since, column):
+    """The greatest values in the two halves of the time from since on."""
+    late = [sample for sample in samples if sample[0] >= since]
+    middle = (late[0][0] + late[-1][0]) / 2
+    halves = [sample[column] for sample in late if sample[0] < middle], [sample[column] for sample in late if sample[0] >= middle]
+    return max(halves[0]), max(halves[1])
+
+
+def test_load(sandbox, is_long):
+    limit = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
+    furnish(sandbox)
+    sandbox.check_log = False  # looked at below: there are too many lines to declare
+    sandbox.start()
+    fds = len(sandbox.agent.fds())
+    quiet = median_ping(sandbox)
+
+    seconds = LONG if is_long else SHORT
+    processes = {kind: start(sandbox, kind) for kind in CLIENTS}
+    try:
+        lives, wrong, samples = press(sandbox, seconds, processes.values())
+        results = {kind: finish(processes[kind]) for kind in CLIENTS if kind != "idle"}
+        crowded = median_ping(sandbox)
+        results["idle"] = finish(processes["idle"])
+    finally:
+        for process in processes.values():
+            process.kill()
+            process.wait()
+    wait_until(lambda: len(sandbox.agent.fds()) == fds, "the end of all connections")
+
+    for kind, (number, what) in CLIENTS.items():
+        result = results[kind]
+        wrong += result["wrong"]
+        count(f"{number} clients {what}", "each is answered as if it were alone", result["done"] + len(result["wrong"]),
+              result["done"])
+    count("accounts are made and deleted meanwhile", "no reply is wrong", lives, lives - bool(wrong))
+    memory = growth(samples, 60 if is_long else seconds / 3, 1)
+    descriptors = growth(samples, 60 if is_long else seconds / 3, 2)
+    note(
+        f"Load of {seconds} s, {lives} lives of an account: memory at most {memory[0] // MEBIBYTE} MiB and then"
+        f" {memory[1] // MEBIBYTE} MiB, descriptors at most {descriptors[0]} and then {descriptors[1]}; median of ping"
+        f" {quiet:.0f} µs alone, {crowded:.0f} µs with 1000 silent clients."
+    )
+    kinds = ("agent: listening on ", "agent: refused connection from uid " + NOBODY, "agent: uid 0 ran ")
+    wrong += [line for line in sandbox.log_lines if not line.startswith(kinds) or line.endswith("failed")][:5]
+    assert wrong == []
+    assert lives >= 4 and all(result["done"] > 0 for result in results.values())
+    assert sandbox.sanitized or memory[1] <= memory[0] * 1.1 + 16 * MEBIBYTE
+    assert descriptors[1] <= descriptors[0] + 64
+    assert crowded <= 2 * quiet
