@@ -68,7 +68,7 @@ int list(Session &session, const Given &)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QList<Row> rows;
-    for (const QJsonValue &value : backupsIn(answer.reply)) {
+    for (const QJsonValue value : backupsIn(answer.reply)) {
         const QJsonObject backup = value.toObject();
         rows.append({text(backup.value("name"_L1).toString()), bytes(backup.value("bytes"_L1).toInteger()),
                      backup.contains("accounts"_L1) ? number(backup.value("accounts"_L1).toArray().size()) : nothing(),
@@ -85,17 +85,17 @@ int show(Session &session, const Given &given)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QJsonObject backup;
-    for (const QJsonValue &value : backupsIn(answer.reply)) {
+    for (const QJsonValue value : backupsIn(answer.reply)) {
         if (value.toObject().value("name"_L1).toString() == given.text("BACKUP"))
             backup = value.toObject();
     }
     if (backup.isEmpty())
         return fail(kRefused, u"no such backup"_s, u"corvctl backup list shows the backups"_s);
 
-    for (const QJsonValue &error : backup.value("errors"_L1).toArray())
+    for (const QJsonValue error : backup.value("errors"_L1).toArray())
         note(error.toString());
     QList<Row> rows;
-    for (const QJsonValue &value : backup.value("accounts"_L1).toArray()) {
+    for (const QJsonValue value : backup.value("accounts"_L1).toArray()) {
         const QJsonObject account = value.toObject();
         rows.append({text(account.value("username"_L1).toString()), text(account.value("domain"_L1).toString()),
                      bytes(account.value("homeBytes"_L1).toInteger()), bytes(account.value("dbBytes"_L1).toInteger())});

@@ -24,7 +24,7 @@ int jails(Session &session, const Given &)
         return *end;
     noteState(answer.reply);
     QList<Row> rows;
-    for (const QJsonValue &value : answer.reply.value("jails"_L1).toArray()) {
+    for (const QJsonValue value : answer.reply.value("jails"_L1).toArray()) {
         const QJsonObject jail = value.toObject();
         rows.append({text(jail.value("name"_L1).toString()), number(jail.value("banned"_L1).toArray().size()),
                      number(jail.value("totalBanned"_L1).toInteger()), number(jail.value("failed"_L1).toInteger())});
@@ -40,9 +40,9 @@ int list(Session &session, const Given &)
         return *end;
     noteState(answer.reply);
     QList<Row> rows;
-    for (const QJsonValue &value : answer.reply.value("jails"_L1).toArray()) {
+    for (const QJsonValue value : answer.reply.value("jails"_L1).toArray()) {
         const QJsonObject jail = value.toObject();
-        for (const QJsonValue &address : jail.value("banned"_L1).toArray())
+        for (const QJsonValue address : jail.value("banned"_L1).toArray())
             rows.append({text(jail.value("name"_L1).toString()), text(address.toString())});
     }
     printTable(session, {u"JAIL"_s, u"ADDRESS"_s}, rows);

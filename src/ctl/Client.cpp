@@ -25,7 +25,7 @@ namespace {
 // The agent drops a connection that sends more than this before a line feed.
 constexpr qsizetype kLongestRequest = 4'194'304;
 // Far over any reply that there is: a text of 2 MiB whose every byte is escaped is 12 MiB.
-constexpr qsizetype kLongestReply = 64 * 1'048'576;
+constexpr qsizetype kLongestReply = qsizetype(64) * 1'048'576;
 constexpr qsizetype kChunk = 65'536;
 // How often the wait is looked at, in milliseconds.
 constexpr int kTick = 100;

@@ -41,7 +41,7 @@ int list(Session &session, const Given &given)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QList<Row> rows;
-    for (const QJsonValue &value : answer.reply.value("entries"_L1).toArray()) {
+    for (const QJsonValue value : answer.reply.value("entries"_L1).toArray()) {
         const QJsonObject entry = value.toObject();
         const bool folder = entry.value("dir"_L1).toBool();
         const bool link = entry.value("link"_L1).toBool();
@@ -114,20 +114,20 @@ int put(Session &session, const Given &given)
 }
 
 // Copies a download that waits in the transfer directory to where the user wants it.
-int fetch(Session &session, const QString &transfer, const QString &local, const QString &shownName)
+int fetch(Session &session, const QString &name, const QString &local, const QString &what)
 {
     // A device or a pipe must not be replaced by a file.
     const bool inPlace = QFileInfo::exists(local) && !QFileInfo(local).isFile();
     if (local == "-"_L1 || inPlace) {
         const Fd target(inPlace ? ::open(QFile::encodeName(local).constData(), O_WRONLY | O_CLOEXEC)
                                 : ::dup(STDOUT_FILENO));
-        const QString problem = takeFromTransfer(session.terminal, transfer, target, shownName);
+        const QString problem = takeFromTransfer(session.terminal, name, target, what);
         return problem.isEmpty() ? kDone : fail(kRefused, problem);
     }
     NewFile file(local);
-    const QString problem = file.isOpen() ? takeFromTransfer(session.terminal, transfer, file.descriptor(), shownName)
+    const QString problem = file.isOpen() ? takeFromTransfer(session.terminal, name, file.descriptor(), what)
                                           : u"cannot write: %1"_s.arg(QString::fromLocal8Bit(std::strerror(errno)));
-    removeFromTransfer(transfer);
+    removeFromTransfer(name);
     if (!problem.isEmpty() || !file.keep())
         return fail(kRefused, u"%1: %2"_s.arg(local, problem.isEmpty() ? u"cannot be replaced"_s : problem));
     return kDone;

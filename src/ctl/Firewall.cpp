@@ -37,7 +37,7 @@ int list(Session &session, const Given &)
         note(u"the firewall is off"_s);
 
     QList<Row> rows;
-    for (const QJsonValue &value : answer.reply.value("rules"_L1).toArray()) {
+    for (const QJsonValue value : answer.reply.value("rules"_L1).toArray()) {
         const QJsonObject rule = value.toObject();
         rows.append({text(rule.value("to"_L1).toString()), text(rule.value("action"_L1).toString()),
                      text(rule.value("from"_L1).toString()), number(rule.value("number"_L1).toInteger()),
@@ -75,7 +75,7 @@ int enable(Session &session, const Given &)
         return *end;
     const Answer answer = ask(session, u"firewall.enable"_s);
     QStringList opened;
-    for (const QJsonValue &port : answer.reply.value("allowed"_L1).toArray())
+    for (const QJsonValue port : answer.reply.value("allowed"_L1).toArray())
         opened.append(port.toString());
     return settledWith(session, answer, u"the firewall is on; open: %1"_s.arg(opened.join(u", "_s)));
 }

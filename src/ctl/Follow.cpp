@@ -47,8 +47,8 @@ QStringList LogFollower::take(const QString &log)
     m_seen = now;
     FILE *stream = m_session.options.json ? stderr : stdout;
     for (const QString &line : fresh)
-        std::fputs((escapedLines(line) + u'\n').toUtf8().constData(), stream);
-    std::fflush(stream);
+        (void)std::fputs((escapedLines(line) + u'\n').toUtf8().constData(), stream);
+    (void)std::fflush(stream);
     return fresh;
 }
 

@@ -40,7 +40,7 @@ int disks(Session &session, const Given &)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QList<Row> rows;
-    for (const QJsonValue &value : answer.reply.value("disks"_L1).toArray()) {
+    for (const QJsonValue value : answer.reply.value("disks"_L1).toArray()) {
         const QJsonObject disk = value.toObject();
         const qint64 total = disk.value("total"_L1).toInteger();
         const qint64 avail = disk.value("avail"_L1).toInteger();

@@ -18,7 +18,7 @@ std::optional<QByteArray> readSource(const Session &session, const QString &path
     bool open = false;
     if (path == "-"_L1) {
         if (session.terminal.in && session.terminal.error)
-            std::fputs("corvctl: reading from the terminal; end with Ctrl-D\n", stderr);
+            (void)std::fputs("corvctl: reading from the terminal; end with Ctrl-D\n", stderr);
         open = file.open(stdin, QIODevice::ReadOnly);
     } else {
         file.setFileName(path);
@@ -44,10 +44,10 @@ std::optional<QString> confirmation(const Session &session, const QString &quest
         (void)fail(kWrongUsage, u"this has to be confirmed"_s, u"give --confirm NAME where nobody can be asked"_s);
         return {};
     }
-    std::fputs((question + u' ').toUtf8().constData(), stderr);
+    (void)std::fputs((question + u' ').toUtf8().constData(), stderr);
     std::string line;
     if (!std::getline(std::cin, line)) {
-        std::fputs("\n", stderr);
+        (void)std::fputs("\n", stderr);
         return QString();
     }
     return QString::fromStdString(line);

@@ -15,6 +15,8 @@ public:
     explicit NewFile(const QString &path);
     NewFile(const NewFile &) = delete;
     NewFile &operator=(const NewFile &) = delete;
+    NewFile(NewFile &&) = delete;
+    NewFile &operator=(NewFile &&) = delete;
     ~NewFile();
 
     [[nodiscard]] bool isOpen() const

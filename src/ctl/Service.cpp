@@ -25,7 +25,7 @@ int list(Session &session, const Given &)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QList<Row> rows;
-    for (const QJsonValue &value : answer.reply.value("services"_L1).toArray()) {
+    for (const QJsonValue value : answer.reply.value("services"_L1).toArray()) {
         const QJsonObject service = value.toObject();
         const qint64 memory = service.value("memory"_L1).toInteger();
         rows.append({text(service.value("name"_L1).toString()), stateOf(service),

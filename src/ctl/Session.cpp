@@ -49,8 +49,8 @@ void complain(const QString &sentence, const QString &hint)
         text.insert(text.size() - 1, u'…');
     if (!hint.isEmpty())
         text += u"  "_s + escaped(hint) + u'\n';
-    std::fflush(stdout);
-    std::fputs(text.toUtf8().constData(), stderr);
+    (void)std::fflush(stdout);
+    (void)std::fputs(text.toUtf8().constData(), stderr);
 }
 
 int statusOf(Answer::Fate fate)

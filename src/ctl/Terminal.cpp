@@ -36,9 +36,9 @@ int columnsOf(int descriptor)
 
 void draw(const QString &line)
 {
-    std::fputs(kClearLine, stderr);
-    std::fputs(line.toUtf8().constData(), stderr);
-    std::fflush(stderr);
+    (void)std::fputs(kClearLine, stderr);
+    (void)std::fputs(line.toUtf8().constData(), stderr);
+    (void)std::fflush(stderr);
 }
 
 int widthOf(char32_t character)

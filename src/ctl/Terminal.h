@@ -40,6 +40,8 @@ public:
     explicit Spinner(const Terminal &terminal) : m_terminal(terminal) {}
     Spinner(const Spinner &) = delete;
     Spinner &operator=(const Spinner &) = delete;
+    Spinner(Spinner &&) = delete;
+    Spinner &operator=(Spinner &&) = delete;
     ~Spinner();
 
     void show(const Waiting &waiting);
@@ -57,6 +59,8 @@ public:
     Progress(const Terminal &terminal, const QString &what, qint64 total);
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
+    Progress(Progress &&) = delete;
+    Progress &operator=(Progress &&) = delete;
     ~Progress();
 
     // So many bytes are done.

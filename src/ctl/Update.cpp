@@ -19,7 +19,7 @@ int status(Session &session, const Given &)
         return *end;
     const QJsonObject &reply = answer.reply;
     QStringList reasons;
-    for (const QJsonValue &package : reply.value("rebootPackages"_L1).toArray())
+    for (const QJsonValue package : reply.value("rebootPackages"_L1).toArray())
         reasons.append(package.toString());
     const bool restart = reply.value("rebootRequired"_L1).toBool();
 
@@ -41,7 +41,7 @@ int list(Session &session, const Given &)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QList<Row> rows;
-    for (const QJsonValue &value : answer.reply.value("packages"_L1).toArray()) {
+    for (const QJsonValue value : answer.reply.value("packages"_L1).toArray()) {
         const QJsonObject package = value.toObject();
         rows.append({text(package.value("name"_L1).toString()), text(package.value("from"_L1).toString()),
                      text(package.value("to"_L1).toString()),
