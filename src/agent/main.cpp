@@ -4,6 +4,7 @@
 #include "agent/FilesNames.h"
 #include "agent/Stop.h"
 #include "common/Config.h"
+#include "common/Environment.h"
 #include "common/Fd.h"
 #include "common/System.h"
 
@@ -26,24 +27,6 @@ using namespace corv;
 namespace {
 
 constexpr int kFailure = 1;
-
-// Settles what the tools inherit: English messages whatever the server's locale, for their output is parsed, and none
-// of the variables that would turn psql or a dynamic loader elsewhere. PATH and the time zone stay with whoever started
-// us.
-void cleanEnvironment()
-{
-    qputenv("LC_ALL", "C.UTF-8");
-    qunsetenv("LANGUAGE"); // gettext prefers it to LC_ALL
-    for (char **entry = environ; *entry;) {
-        const QByteArray name(*entry, static_cast<qsizetype>(std::strcspn(*entry, "=")));
-        if (name.startsWith("PG") || name.startsWith("LD_")) {
-            qunsetenv(name.constData());
-            entry = environ; // unsetting moves the entries
-        } else {
-            ++entry;
-        }
-    }
-}
 
 // The uid of agent/allowed_user, the agent's own where none is set; nothing, with a log line, where there is no such
 // user.
