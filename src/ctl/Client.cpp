@@ -99,6 +99,28 @@ Answer readReply(const QByteArray &line)
 
 } // namespace
 
+std::optional<Answer> Client::open(int seconds, Fd *socket)
+{
+    if (m_way.open) {
+        const QString problem = m_way.open(socket);
+        return problem.isEmpty() ? std::nullopt : std::optional(failed(Answer::Fate::NoConnect, problem));
+    }
+    const int error = connectTo(m_path, socket, QDeadlineTimer(seconds * 1000LL));
+    if (error == 0)
+        return {};
+    socket->reset();
+    return error == EAGAIN ? timedOut(seconds) : cannotConnect(m_path, error);
+}
+
+// The connection was closed without a reply.
+Answer Client::ended() const
+{
+    if (m_way.explain)
+        return failed(Answer::Fate::NoConnect, m_way.explain());
+    return failed(Answer::Fate::NoConnect, u"the agent closed the connection without a reply"_s,
+                  u"it lets in root and the user of the setting agent/allowed_user; or it was stopped"_s);
+}
+
 Answer Client::request(const QByteArray &line, int seconds, const OnWaiting &onWaiting)
 {
     if (line.size() >= kLongestRequest)
@@ -109,10 +131,8 @@ Answer Client::request(const QByteArray &line, int seconds, const OnWaiting &onW
     clock.start();
     const QDeadlineTimer end(seconds * 1000LL);
     if (!m_socket) {
-        if (const int error = connectTo(m_path, &m_socket, end); error != 0) {
-            m_socket.reset();
-            return error == EAGAIN ? timedOut(seconds) : cannotConnect(m_path, error);
-        }
+        if (const std::optional<Answer> failure = open(seconds, &m_socket))
+            return *failure;
     }
     // Whatever ends this early leaves a connection whose next reply would be that to this request.
     Fd socket = std::move(m_socket);
@@ -147,8 +167,7 @@ Answer Client::request(const QByteArray &line, int seconds, const OnWaiting &onW
         if (count < 0 && (errno == EAGAIN || errno == EINTR))
             continue;
         if (count <= 0 && received.isEmpty())
-            return failed(Answer::Fate::NoConnect, u"the agent closed the connection without a reply"_s,
-                          u"it lets in root and the user of the setting agent/allowed_user; or it was stopped"_s);
+            return ended();
         if (count <= 0)
             return failed(Answer::Fate::NoConnect, u"the connection was cut off in the middle of the reply"_s);
         if (const qsizetype feed = received.indexOf('\n', before); feed >= 0) {

@@ -7,6 +7,7 @@
 #include <QString>
 
 #include <functional>
+#include <optional>
 
 namespace corv::ctl {
 
@@ -44,6 +45,13 @@ struct Waiting
 // Called several times a second while a reply is waited for.
 using OnWaiting = std::function<void(const Waiting &)>;
 
+// A way to an agent that does not listen on a socket of this server.
+struct Way
+{
+    std::function<QString(Fd *)> open; // gives a stream to it; returns why there is none, empty when there is
+    std::function<QString()> explain;  // why that stream ended before a reply
+};
+
 // A connection to the agent, made with the first request.
 class Client
 {
@@ -58,11 +66,23 @@ public:
         return m_path;
     }
 
+    // A way to go instead.
+    void setWay(const Way &way)
+    {
+        m_way = way;
+    }
+
+    // Makes a connection that the caller owns. Returns why that cannot be, as the answer to any request.
+    std::optional<Answer> open(int seconds, Fd *socket);
+
     // Sends one line, which must not hold a line feed, and waits at most so many seconds for the reply to it.
     Answer request(const QByteArray &line, int seconds, const OnWaiting &onWaiting);
 
 private:
+    [[nodiscard]] Answer ended() const;
+
     QByteArray m_path;
+    Way m_way;
     Fd m_socket;
 };
 

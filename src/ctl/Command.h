@@ -77,6 +77,7 @@ Command completionCommand();
 Command fileCommand();
 Command firewallCommand();
 Command hostCommand();
+Command proxyCommand();
 Command quotaCommand();
 Command serviceCommand();
 Command updateCommand();

@@ -1,4 +1,6 @@
 #include "ctl/CommandLine.h"
+#include "ctl/Hosts.h"
+#include "ctl/Remote.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
 
@@ -11,8 +13,26 @@ namespace {
 // One function for each topic.
 std::vector<Command> allCommands()
 {
-    return {accountCommand(), fileCommand(),   serviceCommand(), firewallCommand(), banCommand(),       updateCommand(),
-            quotaCommand(),   backupCommand(), hostCommand(),    callCommand(),     completionCommand()};
+    return {accountCommand(), fileCommand(),   serviceCommand(), firewallCommand(),  banCommand(),
+            updateCommand(),  quotaCommand(),  backupCommand(),  hostCommand(),      callCommand(),
+            proxyCommand(),   completionCommand()};
+}
+
+// Does the command here, or, where another server was named, there.
+int run(Session &session, const Parsed &parsed)
+{
+    Remote remote;
+    if (session.options.hosts.empty())
+        session.client.setSocket(socketPath(session.options));
+    else
+        session.client.setWay(wayTo(QString::fromStdString(session.options.hosts.front()), &remote));
+
+    session.terminal = findTerminal();
+    const int status = parsed.handler(session, parsed.given);
+    // What a full disk or a closed pipe swallowed was not done.
+    if (std::fflush(stdout) != 0 && status == kDone)
+        return fail(kRefused, QStringLiteral("cannot write to standard output"));
+    return status;
 }
 
 } // namespace
@@ -26,11 +46,15 @@ int main(int argc, char **argv)
     if (!parsed.handler)
         return parsed.status;
 
-    session.terminal = findTerminal();
-    session.client.setSocket(socketPath(session.options));
-    const int status = parsed.handler(session, parsed.given);
-    // What a full disk or a closed pipe swallowed was not done.
-    if (std::fflush(stdout) != 0 && status == kDone)
-        return fail(kRefused, QStringLiteral("cannot write to standard output"));
-    return status;
+    const std::vector<std::string> hosts = session.options.hosts;
+    for (const std::string &host : hosts) {
+        if (const QString problem = hostProblem(QString::fromStdString(host)); !problem.isEmpty())
+            return fail(kWrongUsage, problem);
+    }
+    if (hosts.size() < 2)
+        return run(session, parsed);
+    return onEachHost(hosts, [&](const std::string &host) {
+        session.options.hosts = {host};
+        return run(session, parsed);
+    });
 }

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "common/Fd.h"
+#include "ctl/Client.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+#include <sys/types.h>
+
+namespace corv::ctl {
+
+// Why ssh must not be given this text as [USER@]HOST, in a sentence; empty when it may.
+QString hostProblem(const QString &host);
+
+// A command that runs on another server, reached by the system's own ssh with the user's own settings and keys.
+class Remote
+{
+public:
+    Remote() = default;
+    Remote(const Remote &) = delete;
+    Remote &operator=(const Remote &) = delete;
+    Remote(Remote &&) = delete;
+    Remote &operator=(Remote &&) = delete;
+    // Ends an ssh that still runs.
+    ~Remote();
+
+    // Starts "ssh -T -- HOST COMMAND...". The command's words are plain: the shell over there takes them as they stand.
+    // Returns why that cannot be, empty when it runs.
+    QString start(const QString &host, const QStringList &command);
+
+    // The stream to the command's standard input, and from its standard output. It does not block.
+    Fd takeStream();
+
+    // All that the command writes to its standard output, at most limit bytes of it; nothing when it has not ended
+    // after so many seconds.
+    std::optional<QByteArray> readAll(int seconds, qsizetype limit);
+
+    // Waits for the end of ssh, which must be near: at most five seconds, then it is ended. Returns its exit status,
+    // 255 where ssh itself failed, and keeps what it and the command complained of.
+    int wait();
+
+    // Why nothing came from there, after wait: a sentence with the host's name, and with the words of the other server
+    // as they came.
+    [[nodiscard]] QString explain() const;
+
+private:
+    QString m_host;
+    Fd m_stream;
+    Fd m_errors;
+    pid_t m_process = -1;
+    int m_status = 0;
+    QByteArray m_complaints;
+};
+
+// The way to the agent of another server, through remote, which must outlive its use.
+Way wayTo(const QString &host, Remote *remote);
+
+// Copies between standard input and output and the socket until the agent closes it: the end of standard input is
+// passed on, so that all replies to what came before still arrive. False when either could not be written to any more.
+bool copyStreams(const Fd &socket);
+
+} // namespace corv::ctl

@@ -1,0 +1,142 @@
+"""corvctl on other servers, through an ssh that is a stand-in: it goes no further than this sandbox."""
+
+import json
+
+import pytest
+from corvctl import corvctl
+
+PONG = '{"ok":true,"version":"0.1"}\n'
+# What ssh does with its words: -T -- HOST COMMAND...
+REMOTE = 'shift 3; exec "$@"'
+
+
+@pytest.fixture
+def ssh(sandbox):
+    """A sandbox whose ssh runs the command here, whatever the host."""
+    sandbox.answer("ssh", shell=REMOTE)
+    sandbox.allows_loose_calls("ssh")
+    sandbox.start()
+    return sandbox
+
+
+def test_runs_the_same_through_ssh(ssh):
+    ssh.logs("agent: uid 0 ran ping -> ok")
+    assert corvctl(ssh, "call", "ping", "-H", "admin@web1.example") == (0, PONG, "")
+    assert ssh.argvs("ssh") == [["ssh", "-T", "--", "admin@web1.example", "corvctl", "proxy"]]
+
+
+def test_a_refusal_over_there_is_one_here(ssh):
+    ssh.logs("agent: uid 0 ran quota.set -> failed")
+    code, out, err = corvctl(ssh, "call", "quota.set", "-H", "web1")
+    assert (code, out) == (1, "")
+    assert err.startswith("corvctl: no Corvane account named ''\n")
+
+
+@pytest.mark.parametrize("host", ["-oProxyCommand=x", "a@-x", "web 1", "web1\n", "web\t1", "web\x1b1", "web\u00a01", "web\u009b1",
+                                  "@web1", "root@", "$(x)", "a;b", "`x`"])
+def test_refuses_what_is_no_name_of_a_host(ssh, host):
+    code, out, err = corvctl(ssh, "call", "ping", f"--host={host}")
+    assert (code, out) == (2, "")
+    assert err.startswith("corvctl: a host")
+    assert ssh.argvs("ssh") == []
+
+
+@pytest.mark.parametrize("answer, words", [
+    ({"exit": 255, "err": "ssh: Could not resolve hostname web1\r\n"}, "web1: ssh: Could not resolve hostname web1"),
+    ({"exit": 127, "err": "bash: corvctl: command not found\n"}, "web1: corvctl is not installed there"),
+    ({"exit": 3, "err": "corvctl: there is no \x1b[31msocket\n"}, r"web1: corvctl: there is no \x1b[31msocket"),
+    ({"exit": 1}, "web1: ssh ended with exit code 1"),
+    ({"out": "Welcome to web1!\n"}, "what answers there does not speak the agent's protocol"),
+])
+def test_says_why_a_host_gives_no_reply(ssh, answer, words):
+    ssh.answer("ssh", ignore_input=True, **answer)
+    code, out, err = corvctl(ssh, "call", "ping", "-H", "web1")
+    assert (code, out) == (3, "")
+    assert err.splitlines()[0] == f"corvctl: {words}"
+
+
+def test_a_host_that_hangs_is_given_up(ssh):
+    ssh.answer("ssh", hang=True)
+    code, out, err = corvctl(ssh, "--timeout", "1", "call", "ping", "-H", "web1")
+    assert (code, out) == (4, "")
+    assert err.startswith("corvctl: no reply within 1 s\n")
+
+
+def test_ssh_is_not_to_be_found(sandbox):
+    sandbox.start()
+    sandbox.path("/usr/bin/ssh").unlink(missing_ok=True)
+    code, _, err = corvctl(sandbox, "call", "ping", "-H", "web1")
+    assert code == 3
+    assert err.startswith("corvctl: ssh: cannot start\n")
+
+
+def test_a_flood_of_complaints_holds_nothing_up(ssh):
+    ssh.logs("agent: uid 0 ran ping -> ok")
+    ssh.answer("ssh", shell='shift 3; yes >&2 & "$@"; kill $!')
+    assert corvctl(ssh, "call", "ping", "-H", "web1") == (0, PONG, "")
+
+
+def test_several_hosts_each_with_its_name(ssh):
+    hosts = [f"web{number}" for number in range(1, 7)]
+    ssh.logs(*["agent: uid 0 ran ping -> ok"] * 6)
+    code, out, err = corvctl(ssh, "call", "ping", *(word for host in hosts for word in ("-H", host)))
+    assert (code, err) == (0, "6 hosts: 6 done\n")
+    assert sorted(out.splitlines()) == [f"{host}: {PONG.strip()}" for host in hosts]
+
+
+def test_the_summary_names_those_that_failed(ssh):
+    ssh.logs("agent: uid 0 ran ping -> ok")
+    ssh.answer("ssh", "-T", "--", "web2", ..., ignore_input=True, exit=255, err="ssh: no route\n")
+    code, out, err = corvctl(ssh, "call", "ping", "-H", "web1", "-H", "web2")
+    assert (code, out) == (3, f"web1: {PONG}")
+    assert err == "web2: corvctl: web2: ssh: no route\n2 hosts: 1 done, 1 no connection (web2)\n"
+
+
+def test_four_hosts_at_a_time(ssh):
+    """The fifth begins when one of the first four has ended, and not before."""
+    ssh.logs(*["agent: uid 0 ran ping -> ok"] * 5)
+    ssh.answer("ssh", shell='trap "rmdir /tmp/$3" EXIT; trap exit TERM; mkdir /tmp/$3; ls -d /tmp/web* | wc -l >>/tmp/count; '
+                            'echo >>/tmp/begun; while [ "$(wc -l </tmp/begun)" -lt 4 ]; do :; done; shift 3; "$@"')
+    code, _, err = corvctl(ssh, "call", "ping", *(word for number in range(5) for word in ("-H", f"web{number}")))
+    assert (code, err) == (0, "5 hosts: 5 done\n")
+    assert max(int(line) for line in ssh.read("/tmp/count").split()) == 4
+
+
+def test_hosts_ask_for_nothing(ssh):
+    ssh.answer("ssh", shell="cat; (: </dev/tty) 2>/dev/null && echo terminal >&2; exit 255")
+    code, out, err = corvctl(ssh, "call", "x", "-", "-H", "web1", "-H", "web2", input="{}")
+    assert "terminal" not in out + err
+    assert code != 0
+
+
+def test_refuses_a_bad_host_among_good_ones_before_anything_is_done(ssh):
+    code, out, err = corvctl(ssh, "call", "ping", "-H", "web1", "--host=-x")
+    assert (code, out, err) == (2, "", "corvctl: a host's name does not begin with a dash\n")
+    assert ssh.argvs("ssh") == []
+
+
+# The other end
+
+
+def test_the_proxy_passes_everything_on(sandbox):
+    sandbox.start()
+    sandbox.logs("agent: uid 0 ran ping -> ok", "agent: uid 0 sent unknown command 'x'")
+    request = '{"cmd":"ping"}\n{"cmd":"x"}\n'
+    assert corvctl(sandbox, "proxy", input=request) == (0, PONG + '{"error":"unknown command","ok":false}\n', "")
+
+
+def test_the_proxy_passes_much_on(sandbox):
+    sandbox.start()
+    sandbox.logs(*["agent: uid 0 ran ping -> ok"] * 3)
+    request = json.dumps({"cmd": "ping", "args": {"x": "y" * 3_000_000}}) + "\n"
+    assert corvctl(sandbox, "proxy", input=request * 3) == (0, PONG * 3, "")
+
+
+def test_the_proxy_says_why_it_cannot_connect(sandbox):
+    code, out, err = corvctl(sandbox, "proxy", start=False, input="")
+    assert (code, out) == (3, "")
+    assert err.startswith("corvctl: there is no socket /run/corvane/agent.sock\n")
+
+
+def test_the_proxy_takes_no_host(sandbox):
+    assert corvctl(sandbox, "proxy", "-H", "web1")[0] == 2
