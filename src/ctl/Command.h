@@ -74,12 +74,14 @@ Command backupCommand();
 Command banCommand();
 Command callCommand();
 Command completionCommand();
+Command doctorCommand();
 Command fileCommand();
 Command firewallCommand();
 Command hostCommand();
 Command proxyCommand();
 Command quotaCommand();
 Command serviceCommand();
+Command statusCommand();
 Command updateCommand();
 
 } // namespace corv::ctl

@@ -27,17 +27,21 @@ bool namesSocket(const QString &path)
 
 } // namespace
 
+QString settingsPath(const Options &options)
+{
+    QString path = QString::fromStdString(options.config);
+    if (path.isEmpty())
+        path = qEnvironmentVariable("CORV_CONFIG");
+    return path.isEmpty() ? u"/etc/corvane/corvane.ini"_s : path;
+}
+
 QByteArray socketPath(const Options &options)
 {
     const QString usual = u"/run/corvane/agent.sock"_s;
     if (!options.socket.empty())
         return QByteArray::fromStdString(options.socket);
 
-    QString path = QString::fromStdString(options.config);
-    if (path.isEmpty())
-        path = qEnvironmentVariable("CORV_CONFIG");
-    if (path.isEmpty())
-        path = u"/etc/corvane/corvane.ini"_s;
+    const QString path = settingsPath(options);
     if (!namesSocket(path))
         return QFile::encodeName(usual);
     const QSettings settings(path, QSettings::IniFormat);

@@ -15,7 +15,7 @@ std::vector<Command> allCommands()
 {
     return {accountCommand(), fileCommand(),   serviceCommand(), firewallCommand(),  banCommand(),
             updateCommand(),  quotaCommand(),  backupCommand(),  hostCommand(),      callCommand(),
-            proxyCommand(),   completionCommand()};
+            statusCommand(),  doctorCommand(), proxyCommand(),   completionCommand()};
 }
 
 // Does the command here, or, where another server was named, there.

@@ -140,3 +140,27 @@ def test_the_proxy_says_why_it_cannot_connect(sandbox):
 
 def test_the_proxy_takes_no_host(sandbox):
     assert corvctl(sandbox, "proxy", "-H", "web1")[0] == 2
+
+
+# What is not of the socket
+
+
+def test_the_doctor_works_over_there(ssh):
+    report = {"ok": False, "host": "web1", "faults": 1, "notes": 0, "checks": [
+        {"check": "agent", "seen": "answers", "findings": []},
+        {"check": "apt", "seen": "\x1b", "findings": [{"level": "fault", "problem": "a\tb", "mend": "c"}]}]}
+    ssh.answer("ssh", out=json.dumps(report) + "\n", exit=1)
+    assert corvctl(ssh, "doctor", "-H", "web1") == (1, """\
+ok      agent       answers
+        apt         \\x1b
+FAULT   a\\tb
+        # c
+
+web1: 1 fault, 0 notes
+""", "")
+    assert ssh.argvs("ssh") == [["ssh", "-T", "--", "web1", "corvctl", "doctor", "--json"]]
+
+
+def test_a_doctor_that_is_not_there(ssh):
+    ssh.answer("ssh", exit=127, err="bash: corvctl: command not found\n")
+    assert corvctl(ssh, "doctor", "-H", "web1") == (3, "", "corvctl: web1: corvctl is not installed there\n")

@@ -1,0 +1,334 @@
+"""corvctl where the system is real: the doctor finds each fault and its command mends it; other servers over real ssh."""
+
+import json
+import re
+import subprocess
+
+import pytest
+from hostfloor import ADDRESS
+
+LIMIT = 240
+SETTINGS = "/etc/corvane/corvane.ini"
+AUTO = "/var/backups/corvane/auto"
+POOLS = "/etc/php/8.2/fpm/pool.d"
+OTHER_POOLS = "/etc/php/8.1/fpm/pool.d"
+SITES = "/etc/apache2/sites-available"
+PSQL = "runuser -u postgres -- psql -qc"
+# The newest backup, whose manifest a test replaces.
+NEWEST = f"$(ls -d {AUTO}/2* | tail -n 1)"
+HOLES = "a dump can carry commands of a tenant that its restore runs as the superuser (CVE-2025-8714, CVE-2025-8715)"
+
+
+@pytest.fixture(scope="module")
+def well(boot):
+    """A host of its own with one account and a backup, of which the doctor finds nothing wrong."""
+    host = boot()
+    host.tenant = host.account()
+    host.ok(["corvctl", "backup", "start", "--wait"])
+    return host
+
+
+def examine(host):
+    """The doctor's exit code, its problems and its commands, each in order."""
+    done = host.run(["corvctl", "doctor", "--json"])
+    assert done.err == ""
+    findings = [finding for check in json.loads(done.out)["checks"] for finding in check["findings"]]
+    return done.code, [finding["problem"] for finding in findings], [finding["mend"] for finding in findings]
+
+
+def sh(host, script):
+    return host.ok(["sh", "-ec", script])
+
+
+def test_finds_nothing_wrong_with_a_host_that_is_well(well):
+    assert examine(well) == (0, [], [])
+
+
+def test_changes_nothing(well):
+    script = "find /etc /home /run/corvane /var/backups /var/lib/corvane /var/lib/postgresql -xdev ! -path '*/pg_*' " \
+             "! -path '*/base/*' ! -path '*/global/*' -printf '%p %m %u %g %s %C@\\n' | sort"
+    before = sh(well, script)
+    assert examine(well)[0] == 0
+    assert sh(well, script) == before
+
+
+# Name: what plants it, what the doctor says then (@ stands for the account, 8.2 for its PHP version); what undoes it where the
+# doctor's own commands only show more of it, and what is to be done once it is mended.
+FAULTS = {
+    "the agent is stopped": ("systemctl stop corv-agent", ["the agent does not run"]),
+    "the agent has failed": (
+        "mkdir -p /run/systemd/system/corv-agent.service.d; "
+        "printf '[Service]\\nRestart=no\\nExecStartPre=/bin/false\\n' >/run/systemd/system/corv-agent.service.d/x.conf; "
+        "systemctl daemon-reload; systemctl restart corv-agent || rm -r /run/systemd/system/corv-agent.service.d; "
+        "systemctl daemon-reload",
+        ["the agent has failed; journalctl -u corv-agent says why"]),
+    "the agent is disabled": (
+        "systemctl -q disable corv-agent", ["the agent will not come up with the server, its service is disabled"]),
+    "a service is down": ("systemctl stop php8.2-fpm", ["the service php8.2-fpm does not run: it is dead"]),
+    "Apache's configuration is broken": (
+        "echo Nonsense >/etc/apache2/conf-enabled/x.conf",
+        ["Apache's configuration has an error, so that no site can be changed: AH00526: Syntax error on line 1 of "
+         "/etc/apache2/conf-enabled/x.conf: Invalid command 'Nonsense', perhaps misspelled or defined by a module not included "
+         "in the server configuration"],
+        "rm /etc/apache2/conf-enabled/x.conf"),
+    "a module is off": ("a2dismod -q -f proxy_fcgi", ["Apache lacks what the sites of accounts need: proxy_fcgi"]),
+    "the log format is off": (
+        "a2disconf -q corv-logformat",
+        ["Apache knows no log format 'corv', so the access logs of all accounts hold that word alone"]),
+    "sshd -T fails": (
+        "rmdir /run/sshd",
+        ["sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: Missing privilege separation "
+         "directory: /run/sshd"]),
+    "PostgreSQL is down": (
+        "systemctl stop postgresql",
+        ["the service postgresql does not run: it is dead", "PostgreSQL cannot be asked: psql: error: connection to server on "
+         "socket \"/var/run/postgresql/.s.PGSQL.5432\" failed: No such file or directory Is the server running locally and "
+         "accepting connections on that socket?"]),
+    "pg_dump has holes": (
+        "printf '#!/bin/sh\\necho pg_dump \\\\(PostgreSQL\\\\) 15.13\\n' >/usr/local/bin/pg_dump; chmod 755 /usr/local/bin/pg_dump",
+        [f"pg_dump is of PostgreSQL 15.13; before 15.14 {HOLES}"], "rm /usr/local/bin/pg_dump"),
+    "the panel's database is missing": ("runuser -u postgres -- dropdb corvane", ["the panel's database corvane is missing"]),
+    "the panel's database is not the panel's": (
+        f"{PSQL} 'ALTER DATABASE corvane OWNER TO postgres'",
+        ["the panel's database corvane belongs to postgres, not to corv-web"]),
+    "an account is only a user": (
+        "useradd --create-home --comment 'Corvane account,half.example' half1",
+        ["the account half1 is only half there: its user has no site, no pool, no role and no database"]),
+    "the mark is on another user": (
+        "useradd --comment 'Corvane account,x.example' not-ours",
+        ["the user 'not-ours' is marked as an account, but no account can have that name"]),
+    "an account has no domain": (
+        "usermod --comment 'Corvane account' @", ["the user database has no valid domain for the account @, only ''"]),
+    "an account has no role": (
+        f"{PSQL} 'ALTER DATABASE @ OWNER TO postgres' && runuser -u postgres -- dropuser @",
+        ["the account @ has no role in PostgreSQL", "the database of the account @ belongs to postgres, not to @"]),
+    "an account has no database": ("runuser -u postgres -- dropdb @", ["the account @ has no database"]),
+    "a database is open to all": (
+        f"{PSQL} 'GRANT CONNECT ON DATABASE @ TO PUBLIC'", ["every role may connect to the database of the account @"]),
+    "a restore was cut off in its swap": (
+        f"{PSQL} 'ALTER DATABASE @ RENAME TO @__old'",
+        ["the database of the account @ is missing; a restore that was cut off left it as @__old"]),
+    "a restore was cut off": (
+        "runuser -u postgres -- createdb @__restore; runuser -u postgres -- createdb @__old",
+        ["a restore that was cut off left the database @__old", "a restore that was cut off left the database @__restore"]),
+    "a user is locked": (
+        "usermod --expiredate 1 @",
+        ["the account @ is only half suspended: its site is on, its user is locked, its role is not locked"],
+        None, "corvctl account resume @"),
+    "a suspended account's pool runs": (
+        f"corvctl account suspend @; mv {POOLS}/corv-@.conf.suspended {POOLS}/corv-@.conf",
+        ["the account @ is suspended, but its PHP pool still runs"], None, "corvctl account resume @"),
+    "an account has no pool": (
+        f"rm {POOLS}/corv-@.conf", ["the account @ has no pool in PHP 8.2, the version in force"]),
+    "an account's pool is in another version": (
+        f"mkdir -p {OTHER_POOLS}; mv {POOLS}/corv-@.conf {OTHER_POOLS}",
+        ["the account @ has its pool in PHP 8.1, not in 8.2, the version in force"]),
+    "an account has two pools": (
+        f"mkdir -p {OTHER_POOLS}; cp {POOLS}/corv-@.conf {OTHER_POOLS}", ["the account @ has a second pool in PHP 8.1"]),
+    "an account's pool is put aside": (
+        f"mv {POOLS}/corv-@.conf {POOLS}/corv-@.conf.suspended",
+        ["the PHP pool of the account @ is put aside as if it were suspended"]),
+    "a pool was put aside and made anew": (
+        f"cp {POOLS}/corv-@.conf {POOLS}/corv-@.conf.suspended",
+        ["the account @ has a pool that was put aside beside the one in use"]),
+    "an account has no site": (f"rm {SITES}/corv-@.conf", ["the account @ has no Apache site"]),
+    "a site is not enabled": ("a2dissite -q corv-@", ["the Apache site of the account @ is not enabled"]),
+    "a site shows its source": (
+        f"sed -i '/FilesMatch/,/FilesMatch/d' {SITES}/corv-@.conf",
+        ["the site of the account @ runs no PHP, but shows the source of its pages"]),
+    "a site is left over": (
+        f"touch {SITES}/corv-gone1.conf; a2ensite -q corv-gone1", ["an Apache site is left of gone1, which is no account"]),
+    "a pool is left over": (
+        f"touch {POOLS}/corv-gone1.conf", ["a PHP pool is left of gone1, which is no account"]),
+    "a home is left over": (
+        "mkdir /home/gone1; chown 4711:4711 /home/gone1", ["the folder /home/gone1 belongs to no user"]),
+    "a role and a database are left over": (
+        f"runuser -u postgres -- createuser gone1; runuser -u postgres -- createdb -O gone1 gone1; "
+        f"{PSQL} 'REVOKE ALL ON DATABASE gone1 FROM PUBLIC'", ["the role and database gone1 belong to no account"]),
+    "quotas are asked for and off": (
+        "cp /etc/fstab /root/fstab; echo 'x / ext4 usrjquota=aquota.user 0 1' >>/etc/fstab",
+        ["/etc/fstab asks for disk quotas on /, but the package quota is missing"], "mv /root/fstab /etc/fstab"),
+    "apt does not wait": (
+        "rm /etc/apt/apt.conf.d/60corv-agent",
+        ["apt-get does not wait for the package lock, so that whatever else installs packages makes requests fail"]),
+    "apt waits for ever": (
+        "echo 'DPkg::Lock::Timeout \"-1\";' >/etc/apt/apt.conf.d/99forever",
+        ["apt-get waits for the package lock for longer than the ten minutes that the agent gives it"]),
+    "the run folder is open to all": (
+        "chmod 777 /run/corvane", ["the folder /run/corvane is root:root 0777 instead of root:root 0755"]),
+    "the socket is open to all": (
+        "chmod 666 /run/corvane/agent.sock",
+        ["the agent's /run/corvane/agent.sock is root:corv-web 0666 instead of root:corv-web 0660"]),
+    "the transfer folder is another's": (
+        "chown @ /var/lib/corvane/transfer",
+        ["the folder /var/lib/corvane/transfer is @:corv-web 0700 instead of corv-web:corv-web 0700"]),
+    "the transfer folder is a link": (
+        "rmdir /var/lib/corvane/transfer; ln -s /tmp /var/lib/corvane/transfer",
+        ["/var/lib/corvane/transfer is no folder of its own, but a link or a file"]),
+    "the transfer folder is missing": (
+        "rmdir /var/lib/corvane/transfer", ["the folder /var/lib/corvane/transfer is missing"]),
+    "backups are open to all": (
+        f"chmod 755 {AUTO}", [f"the folder {AUTO} is root:root 0755 instead of root:root 0700"]),
+    "no backup is planned": (
+        "systemctl stop corv-backup.timer", ["no nightly backup is planned: its timer is off"]),
+    "the last backup is old": (
+        f"rm -r {AUTO}; mkdir -m 700 -p {AUTO}/2026-01-05_031500; echo '{{\"errors\":[]}}' >{AUTO}/2026-01-05_031500/manifest.json",
+        ["the last backup, 2026-01-05_031500, is N hours old"]),
+    "there is no backup": (f"rm -r {AUTO}/*", ["there is no backup yet"]),
+    "the last backup has errors": (
+        f"sed -i 's/\"errors\": \\[/&\"@ files: tar: took too long\"/' {NEWEST}/manifest.json",
+        ["the last backup, NAME: @ files: tar: took too long",
+         "the home of the account @, 0.0 GiB, is too large to be archived within ten minutes; the last backup cut it off"],
+        "corvctl backup start --wait"),
+    "a home is too large": (
+        f"truncate -s 13G /home/@/large; echo '{{\"errors\":[]}}' >{NEWEST}/manifest.json",
+        ["the home of the account @, 12.1 GiB, is too large to be archived within ten minutes"],
+        "rm /home/@/large; corvctl backup start --wait"),
+    "the destination is full": (
+        f"mkdir /srv/small; mount -t tmpfs -o size=16m,mode=700 small /srv/small; cp -r {NEWEST} /srv/small; "
+        f"cp {SETTINGS} /root/; printf '[backup]\\ndestination=/srv/small\\n' >>{SETTINGS}",
+        ["only 0.0 GiB are free at /srv/small, and the next backup needs 1.0 GiB"],
+        f"mv /root/corvane.ini {SETTINGS}; umount /srv/small"),
+}
+
+
+# Faults that do not hide each other are planted side by side: an examination takes most of a second.
+ROUNDS = [
+    ["the agent is stopped", "a service is down", "Apache's configuration is broken", "sshd -T fails", "PostgreSQL is down",
+     "a home is left over", "apt does not wait", "the transfer folder is missing", "no backup is planned"],
+    ["the agent has failed", "a module is off", "the log format is off", "pg_dump has holes", "an account is only a user",
+     "an account has no domain", "the run folder is open to all", "apt waits for ever", "backups are open to all",
+     "quotas are asked for and off"],
+    ["the agent is disabled", "the panel's database is missing", "an account has no role", "a site is not enabled",
+     "an account has no pool", "a site is left over", "a pool is left over", "the socket is open to all",
+     "the transfer folder is a link", "the last backup is old"],
+    ["the panel's database is not the panel's", "an account has no database", "an account's pool is in another version",
+     "an account has no site", "the transfer folder is another's", "there is no backup"],
+    ["a database is open to all", "an account's pool is put aside", "a site shows its source",
+     "a role and a database are left over", "the last backup has errors", "the mark is on another user"],
+    ["a restore was cut off in its swap", "an account has two pools", "the destination is full"],
+    ["a restore was cut off", "a user is locked"],
+    ["a suspended account's pool runs"],
+    ["a pool was put aside and made anew", "a home is too large"],
+]
+
+
+@pytest.mark.parametrize("names", ROUNDS, ids=lambda names: names[0])
+def test_finds_and_mends(well, names):
+    def here(text):
+        return text.replace("8.2", well.tenant.php).replace("@", well.tenant.name)
+    faults = [(*FAULTS[name], None, None)[:4] for name in names]
+    for plant, *_ in faults:
+        sh(well, here(plant))
+
+    newest = (well.run(["ls", AUTO]).out.split() or [""])[-1]
+    code, found, commands = examine(well)
+    assert sorted(re.sub(r"is \d+ hours old", "is N hours old", problem) for problem in found) == sorted(
+        here(problem).replace("NAME", newest) for _, problems, *_ in faults for problem in problems)
+    assert code == 1
+
+    for _, problems, undo, _ in faults:
+        if undo:
+            sh(well, here(undo))
+            shown = [here(problem).replace("NAME", newest) for problem in problems]
+            commands = [command for problem, command in zip(found, commands, strict=True) if problem not in shown]
+            found = [problem for problem in found if problem not in shown]
+    for command in commands:
+        sh(well, command)
+    for *_, after in faults:
+        sh(well, here(after or ":"))
+    assert examine(well) == (0, [], [])
+
+
+def test_every_fault_is_planted():
+    assert sorted(name for names in ROUNDS for name in names) == sorted(FAULTS)
+
+
+def test_notes_what_may_be_meant(well):
+    name = well.tenant.name
+    sh(well, f"runuser -u postgres -- createuser gone2; echo '# by hand' >>{SITES}/corv-{name}.conf")
+    code, found, commands = examine(well)
+    assert (code, found) == (0, [
+        f"the site file of the account {name} is not what the agent writes; it will be overwritten",
+        "PostgreSQL has a role gone2, but the server has no such user"])
+    for command in commands:
+        sh(well, command)
+    assert examine(well) == (0, [], [])
+
+
+def test_shows_on_one_screen_how_the_server_is(well):
+    done = well.run(["corvctl", "status"])
+    assert (done.code, done.err) == (0, "")
+    lines = done.out.splitlines()
+    assert lines[0] == "web1 needs attention in 3 places"
+    assert [line.split()[:2] for line in lines if line.startswith("!")] == [["!", "Firewall"], ["!", "Bans"], ["!", "Updates"]]
+    assert "  Services  apache2, postgresql running" in lines
+    assert "  Accounts  1" in lines
+    assert len(lines) < 24
+
+
+# Other servers: two hosts, reached by this machine's own ssh.
+
+
+@pytest.fixture(scope="module")
+def client(well, running_host, package, tmp_path_factory):
+    """corvctl of the package on this machine: a function that runs it. one and two are the hosts, through an ssh that is told
+    where they are; three is nowhere."""
+    folder = tmp_path_factory.mktemp("client")
+    subprocess.run(["dpkg-deb", "-x", package, folder / "package"], check=True)
+    hosts = {"one": well, "two": running_host}
+    for host in hosts.values():
+        host.put("/root/.ssh/authorized_keys", f"{well.key.public}\n", mode="0600")
+    (folder / "config").write_text(
+        f"Host one two\n HostName {ADDRESS}\n User root\n IdentityFile {well.key.private}\n"
+        "Host *\n IdentitiesOnly yes\n StrictHostKeyChecking no\n UserKnownHostsFile /dev/null\n LogLevel ERROR\n")
+    # All hosts have the same address, each in a network of its own.
+    cases = "".join(f"{name}) in='nsenter -t {host._process.pid} -n --' ;;\n" for name, host in hosts.items())
+    (folder / "ssh").write_text(f"#!/bin/sh\ncase $3 in\n{cases}esac\nexec $in /usr/bin/ssh -F {folder}/config \"$@\"\n")
+    (folder / "ssh").chmod(0o755)
+
+    def run(*args):
+        done = subprocess.run([folder / "package/usr/bin/corvctl", *args], stdin=subprocess.DEVNULL, capture_output=True,
+                              text=True, check=False, env={"PATH": f"{folder}:/usr/bin:/bin", "HOME": "/root"})
+        return done.returncode, done.stdout, done.stderr
+
+    yield run
+    for host in hosts.values():
+        host.ok(["rm", "/root/.ssh/authorized_keys"])
+
+
+def test_a_command_runs_on_another_server(client):
+    assert client("-H", "one", "call", "ping") == (0, '{"ok":true,"version":"0.1"}\n', "")
+
+
+def test_two_servers_side_by_side(client):
+    code, out, err = client("-H", "one", "-H", "two", "call", "ping")
+    assert (code, err) == (0, "2 hosts: 2 done\n")
+    assert sorted(out.splitlines()) == ['one: {"ok":true,"version":"0.1"}', 'two: {"ok":true,"version":"0.1"}']
+
+
+def test_a_server_that_is_nowhere_does_not_hold_up_the_others(client):
+    code, out, err = client("-H", "one", "-H", "nowhere.invalid", "call", "ping")
+    assert (code, out) == (3, 'one: {"ok":true,"version":"0.1"}\n')
+    assert err.splitlines()[-1] == "2 hosts: 1 done, 1 no connection (nowhere.invalid)"
+    assert err.startswith("nowhere.invalid: corvctl: nowhere.invalid: ssh: Could not resolve hostname nowhere.invalid")
+
+
+def test_an_agent_that_is_stopped_is_told_from_over_there(client, well):
+    well.ok(["systemctl", "stop", "corv-agent"])
+    try:
+        code, out, err = client("-H", "one", "call", "ping")
+        assert (code, out) == (3, "")
+        assert err.startswith("corvctl: one: corvctl: ")
+        assert "/run/corvane/agent.sock" in err
+    finally:
+        well.ok(["systemctl", "start", "corv-agent"])
+
+
+def test_status_and_doctor_of_another_server(client):
+    code, out, err = client("-H", "one", "status")
+    assert (code, err) == (0, "")
+    assert out.startswith("web1 needs attention in 3 places\n")
+    assert "\n  Accounts  1 at the last backup\n" in out
+    code, out, err = client("-H", "one", "doctor", "--plain")
+    assert (code, out, err) == (0, "", "")

@@ -1,0 +1,123 @@
+"""corvctl status: one screen that answers whether the server is well."""
+
+import json
+import time
+
+import pytest
+from corvctl import corvctl, on_terminal
+from recorded import recorded
+
+COMMANDS = ("system.info", "services.status", "system.disks", "security.status", "updates.status", "backup.status",
+            "quota.status")
+BACKUPS = "/var/backups/corvane/auto"
+
+
+@pytest.fixture
+def server(sandbox):
+    """A sandbox whose stand-ins tell of a server that is well, with one account."""
+    block = "LoadState=loaded\nActiveState=active\nSubState=running\n"
+    sandbox.answer("systemctl", "show", "--no-pager", ..., out=f"{block}\n{block}")
+    sandbox.answer("systemctl", "show", "-p", "NextElapseUSecRealtime", ..., out="Mon 2026-01-05 03:30:00 UTC\n")
+    sandbox.answer("systemctl", "is-active", ..., exit=3)
+    sandbox.answer("dpkg-query", out="install ok installed")
+    sandbox.answer("ufw", "status", "numbered", **recorded("bookworm", "ufw-rules"))
+    sandbox.answer("sshd", "-T", out="port 22\n")
+    sandbox.answer("fail2ban-client", "status", **recorded("bookworm", "fail2ban-one-jail"))
+    sandbox.answer("fail2ban-client", "status", "sshd", **recorded("bookworm", "fail2ban-jail-banned"))
+    sandbox.answer("apt", **recorded("bookworm", "apt-none"))
+    sandbox.answer("findmnt", out="/home xfs\n")
+    sandbox.write("/var/lib/apt/periodic/update-success-stamp")
+    sandbox.write("/etc/apt/apt.conf.d/20auto-upgrades", 'APT::Periodic::Unattended-Upgrade "1";\n')
+    sandbox.add_account("alice")
+    back_up(sandbox)
+    sandbox.start()
+    return sandbox
+
+
+def back_up(sandbox, **manifest):
+    began = time.time() - 7200
+    name = time.strftime("%Y-%m-%d_%H%M%S", time.gmtime(began))
+    content = {"name": name, "created": int(began), "seconds": 5, "accounts": [{"username": "alice"}], "errors": [], **manifest}
+    sandbox.write(f"{BACKUPS}/{name}/manifest.json", json.dumps(content))
+
+
+def status(sandbox, *args, commands=COMMANDS):
+    """Its tab-separated lines as a dictionary: topic -> list of (state, text)."""
+    sandbox.logs(*(f"agent: uid 0 ran {command} -> ok" for command in commands))
+    code, out, err = corvctl(sandbox, "status", "--plain", *args)
+    assert (code, err) == (0, "")
+    found = {}
+    for line in out.splitlines():
+        topic, state, text = line.split("\t")
+        found.setdefault(topic, []).append((state, text))
+    return found
+
+
+def test_tells_of_a_server_that_is_well(server):
+    found = status(server)
+    assert {topic: {state for state, _ in lines} for topic, lines in found.items()} == dict.fromkeys(
+        ("server", "services", "disks", "accounts", "firewall", "bans", "updates", "backup"), {"ok"})
+    assert found["services"] == [("ok", "apache2, postgresql running")]
+    assert found["accounts"] == [("ok", "1")]
+    assert found["updates"] == [("ok", "none, automatic")]
+    assert found["backup"][0][1].startswith("2 h 0 min ago, 1 account, ")
+    assert found["backup"][0][1].endswith(", no errors")
+
+
+def test_fits_a_terminal(server):
+    server.logs(*(f"agent: uid 0 ran {command} -> ok" for command in COMMANDS))
+    code, text = on_terminal(server, "status")
+    assert code == 0
+    assert text.startswith("sandbox is well\n\n  Server    Debian GNU/Linux 12 (bookworm), kernel ")
+    assert max(len(line) for line in text.splitlines()) <= 80
+
+
+def test_says_what_needs_attention(server):
+    dead = "LoadState=loaded\nActiveState=failed\nSubState=failed\n"
+    server.answer("systemctl", "show", "--no-pager", ..., out=f"{dead}\nLoadState=not-found\nActiveState=inactive\n")
+    server.answer("systemctl", "show", "-p", "NextElapseUSecRealtime", ..., out="\n")
+    server.answer("ufw", "status", "numbered", out="Status: inactive\n")
+    server.answer("fail2ban-client", exit=255)
+    server.answer("apt", **recorded("bookworm", "apt-upgradable"))
+    server.write("/run/reboot-required")
+    back_up(server, errors=["alice files: \x1b]0;x\x07"])
+    found = status(server)
+    assert found["services"] == [("attention", "apache2 is failed; postgresql is not installed")]
+    assert found["firewall"] == [("attention", "off: corvctl firewall enable")]
+    assert found["bans"] == [("attention", "fail2ban does not run: corvctl ban enable")]
+    assert found["updates"] == [("attention", "3, 2 of them for security, a restart is due, automatic")]
+    assert [state for state, _ in found["backup"]] == ["attention"] * 3
+    assert [text for _, text in found["backup"][1:]] == [
+        r"alice files: \x1b]0;x\x07", "no next one is planned: systemctl enable --now corv-backup.timer"]
+
+
+def test_a_refusal_is_part_of_the_picture(server):
+    server.answer("ufw", exit=1, err="ERROR: problem running\n")
+    assert status(server)["firewall"] == [("attention", "ufw failed: ERROR: problem running")]
+
+
+def test_sums_up_the_homes_where_quotas_tell_their_sizes(server):
+    server.answer("quotaon", out="user quota on /home (/dev/sda1) is on\n")
+    server.answer("repquota", out=f"#{server.uid('alice')} -- 2048 0 0 1 0 0\n")
+    assert status(server, commands=(*COMMANDS, "hosting.usage"))["accounts"] == [("ok", "1, 2.0 MiB together")]
+
+
+def test_gives_all_replies_as_they_are(server):
+    server.logs(*(f"agent: uid 0 ran {command} -> ok" for command in COMMANDS))
+    code, out, _ = corvctl(server, "status", "--json")
+    assert code == 0
+    assert out.count("\n") == 1
+    replies = json.loads(out)
+    assert sorted(replies) == sorted(COMMANDS)
+    assert replies["services.status"] == server.request("services.status")
+
+
+def test_prints_its_requests(server):
+    assert corvctl(server, "status", "-n") == (0, "".join(f'{{"cmd":"{command}"}}\n' for command in COMMANDS), "")
+
+
+def test_says_why_there_is_no_picture(sandbox):
+    code, out, err = corvctl(sandbox, "status", start=False)
+    assert (code, out) == (3, "")
+    assert err == ("corvctl: there is no socket /run/corvane/agent.sock\n"
+                   "  is corv-agent installed and running? systemctl status corv-agent\n")

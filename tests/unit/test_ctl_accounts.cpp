@@ -1,0 +1,313 @@
+#include "agent/HostingSite.h"
+#include "ctl/DoctorAccounts.h"
+#include "ctl/DoctorDatabase.h"
+
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace corv;
+using namespace corv::ctl;
+
+namespace {
+
+// One line of text for each finding, so that a whole list is compared at once.
+QStringList asText(const QList<Finding> &findings)
+{
+    QStringList lines;
+    for (const Finding &finding : findings)
+        lines.append(
+            u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem, finding.mend));
+    return lines;
+}
+
+// The problems alone.
+QStringList problems(const QList<Finding> &findings)
+{
+    QStringList lines;
+    for (const Finding &finding : findings)
+        lines.append(finding.problem);
+    return lines;
+}
+
+const auto kPhp = u"8.2"_s;
+
+// An account as creation leaves it.
+AccountParts whole()
+{
+    AccountParts account;
+    account.name = u"alice"_s;
+    account.domain = u"example.org"_s;
+    account.site = hosting::vhost(account.name, account.domain, true, false).toUtf8();
+    account.siteEnabled = true;
+    account.pools = {kPhp};
+    return account;
+}
+
+// The same as a suspension leaves it.
+AccountParts suspended()
+{
+    AccountParts account = whole();
+    account.site = hosting::vhost(account.name, account.domain, false, true).toUtf8();
+    account.expired = true;
+    account.pools = {};
+    account.parkedPools = {kPhp};
+    return account;
+}
+
+Databases databases(bool mayLogIn = true)
+{
+    return {150014, {{u"alice"_s, mayLogIn, true}, {u"postgres"_s, true, false}}, {{u"alice"_s, u"alice"_s, false}}};
+}
+
+} // namespace
+
+class TestCtlAccounts : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void findsNothingWithAWholeAccount()
+    {
+        QCOMPARE(asText(checkAccount(whole(), kPhp, databases())), QStringList());
+        QCOMPARE(asText(checkAccount(suspended(), kPhp, databases(false))), QStringList());
+    }
+
+    void findsNothingWithAnAccountOnAServerWithoutPhp()
+    {
+        AccountParts account = whole();
+        account.site = hosting::vhost(account.name, account.domain, false, false).toUtf8();
+        account.pools = {};
+        QCOMPARE(asText(checkAccount(account, {}, databases())), QStringList());
+    }
+
+    void saysNothingOfDatabasesThatItCouldNotAsk()
+    {
+        QCOMPARE(asText(checkAccount(whole(), kPhp, {})), QStringList());
+    }
+
+    void findsAnAccountThatIsOnlyAUser()
+    {
+        AccountParts account;
+        account.name = u"alice"_s;
+        account.domain = u"example.org"_s;
+        QCOMPARE(
+            asText(checkAccount(account, kPhp, Databases{150014, {}, {}})),
+            QStringList({u"fault|the account alice is only half there: its user has no site, no pool, no role and no "
+                         "database|tar -czf /root/alice-home.tar.gz -C /home alice && userdel --remove alice"_s}));
+    }
+
+    void findsAMarkOnAUserThatCanBeNoAccount()
+    {
+        AccountParts account = whole();
+        account.name = u"Al'ice"_s;
+        QCOMPARE(asText(checkAccount(account, kPhp, databases())),
+                 QStringList({u"fault|the user 'Al'ice' is marked as an account, but no account can have that "
+                              u"name|usermod --comment '' "
+                              "'Al'\"'\"'ice'"_s}));
+    }
+
+    void findsADomainThatIsNone_data()
+    {
+        QTest::addColumn<QString>("domain");
+        QTest::newRow("none") << QString();
+        QTest::newRow("line feed") << u"example.org\n"_s;
+        QTest::newRow("capitals") << u"Example.org"_s;
+    }
+    void findsADomainThatIsNone()
+    {
+        QFETCH(QString, domain);
+        AccountParts account = whole();
+        account.domain = domain;
+        QCOMPARE(asText(checkAccount(account, kPhp, databases())),
+                 QStringList(
+                     {u"fault|the user database has no valid domain for the account alice, only '%1'|usermod --comment "
+                      "'Corvane account,example.org' alice"_s.arg(domain)}));
+    }
+
+    void findsWhatIsMissingInPostgres()
+    {
+        QCOMPARE(asText(checkAccount(whole(), kPhp, Databases{150014, {}, {}})),
+                 QStringList(
+                     {u"fault|the account alice has no role in PostgreSQL|runuser -u postgres -- createuser alice && "
+                      "corvctl account password alice"_s,
+                      u"fault|the account alice has no database|runuser -u postgres -- createdb -O alice alice && "
+                      "runuser -u postgres -- psql -c 'REVOKE ALL ON DATABASE alice FROM PUBLIC'"_s}));
+    }
+
+    void findsADatabaseOfTheWrongOwnerThatIsOpenToAll()
+    {
+        Databases all = databases();
+        all.databases = {{u"alice"_s, u"postgres"_s, true}};
+        QCOMPARE(
+            asText(checkAccount(whole(), kPhp, all)),
+            QStringList(
+                {u"fault|the database of the account alice belongs to postgres, not to alice|runuser -u postgres -- "
+                 "psql -c 'ALTER DATABASE alice OWNER TO alice'"_s,
+                 u"fault|every role may connect to the database of the account alice|runuser -u postgres -- psql -c "
+                 "'REVOKE ALL ON DATABASE alice FROM PUBLIC'"_s}));
+    }
+
+    void findsTheLiveDatabaseThatARestorePutAside()
+    {
+        Databases all = databases();
+        all.databases = {{u"alice__old"_s, u"alice"_s, false}};
+        QCOMPARE(
+            asText(checkAccount(whole(), kPhp, all)),
+            QStringList({u"fault|the database of the account alice is missing; a restore that was cut off left it as "
+                         "alice__old|runuser -u postgres -- psql -c 'ALTER DATABASE alice__old RENAME TO alice'"_s}));
+        // Its drop must not be proposed.
+        QCOMPARE(asText(checkLeftovers({}, all, {u"alice"_s}, {u"alice"_s})), QStringList());
+    }
+
+    void findsAHalfSuspendedAccount()
+    {
+        QCOMPARE(
+            asText(checkAccount(suspended(), kPhp, databases(true))),
+            QStringList(
+                {u"fault|the account alice is only half suspended: its site is off, its user is locked, its role is "
+                 "not locked|corvctl account suspend alice"_s}));
+        AccountParts account = whole();
+        account.expired = true;
+        QCOMPARE(problems(checkAccount(account, kPhp, databases())),
+                 QStringList(
+                     {u"the account alice is only half suspended: its site is on, its user is locked, its role is not "
+                      "locked"_s}));
+    }
+
+    void findsPoolsThatAreNotWhereTheyBelong_data()
+    {
+        QTest::addColumn<QStringList>("pools");
+        QTest::addColumn<QStringList>("parked");
+        QTest::addColumn<QString>("finding");
+        const auto pool = [](const char *version) {
+            return u"/etc/php/%1/fpm/pool.d/corv-alice.conf"_s.arg(QLatin1StringView(version));
+        };
+        QTest::newRow("none")
+            << QStringList() << QStringList()
+            << u"fault|the account alice has no pool in PHP 8.2, the version in force|corvctl doctor --pool "
+               "alice >%1 && systemctl reload php8.2-fpm"_s.arg(pool("8.2"));
+        QTest::newRow("another version")
+            << QStringList{u"8.1"_s} << QStringList()
+            << u"fault|the account alice has its pool in PHP 8.1, not in 8.2, the version in force|mv %1 %2; systemctl "
+               "try-reload-or-restart php8.1-fpm; systemctl reload php8.2-fpm"_s.arg(pool("8.1"), pool("8.2"));
+        QTest::newRow("two versions") << QStringList{u"8.1"_s, u"8.2"_s} << QStringList()
+                                      << u"fault|the account alice has a second pool in PHP 8.1|rm %1; systemctl "
+                                         u"try-reload-or-restart php8.1-fpm; "
+                                         "systemctl reload php8.2-fpm"_s.arg(pool("8.1"));
+        QTest::newRow("put aside")
+            << QStringList() << QStringList{u"8.2"_s}
+            << u"fault|the PHP pool of the account alice is put aside as if it were suspended|corvctl "
+               "account resume alice"_s;
+        QTest::newRow("both") << QStringList{u"8.2"_s} << QStringList{u"8.2"_s}
+                              << u"fault|the account alice has a pool that was put aside beside the one in use|rm "
+                                 "%1.suspended"_s.arg(pool("8.2"));
+    }
+    void findsPoolsThatAreNotWhereTheyBelong()
+    {
+        QFETCH(QStringList, pools);
+        QFETCH(QStringList, parked);
+        QFETCH(QString, finding);
+        AccountParts account = whole();
+        account.pools = pools;
+        account.parkedPools = parked;
+        QCOMPARE(asText(checkAccount(account, kPhp, databases())), QStringList({finding}));
+    }
+
+    void findsThePoolOfASuspendedAccountThatStillRuns()
+    {
+        AccountParts account = suspended();
+        account.pools = {kPhp};
+        QCOMPARE(problems(checkAccount(account, kPhp, databases(false))),
+                 QStringList({u"the account alice is suspended, but its PHP pool still runs"_s}));
+    }
+
+    void findsWhatIsWrongWithASite()
+    {
+        AccountParts account = whole();
+        account.site.reset();
+        QCOMPARE(
+            asText(checkAccount(account, kPhp, databases())),
+            QStringList(
+                {u"fault|the account alice has no Apache site|corvctl account resume alice && a2ensite -q corv-alice "
+                 "&& systemctl reload apache2"_s}));
+        account = whole();
+        account.siteEnabled = false;
+        QCOMPARE(asText(checkAccount(account, kPhp, databases())),
+                 QStringList(
+                     {u"fault|the Apache site of the account alice is not enabled|a2ensite -q corv-alice && systemctl "
+                      "reload apache2"_s}));
+        account = whole();
+        account.site = hosting::vhost(account.name, account.domain, false, false).toUtf8();
+        QCOMPARE(
+            asText(checkAccount(account, kPhp, databases())),
+            QStringList(
+                {u"fault|the site of the account alice runs no PHP, but shows the source of its pages|corvctl account "
+                 "resume alice"_s}));
+        account = whole();
+        *account.site += "# by hand\n";
+        QCOMPARE(asText(checkAccount(account, kPhp, databases())),
+                 QStringList({u"note|the site file of the account alice is not what the agent writes; it will be "
+                              "overwritten|corvctl account resume alice"_s}));
+    }
+
+    void findsLeftovers()
+    {
+        const NamedParts parts = {
+            {u"corv-alice.conf"_s, u"corv-bob.conf"_s, u"corv-Bob.conf"_s, u"000-default.conf"_s},
+            {u"/etc/php/8.2/fpm/pool.d/corv-alice.conf"_s, u"/etc/php/8.2/fpm/pool.d/corv-bob.conf.suspended"_s},
+            {u"/home/old one"_s}};
+        QCOMPARE(
+            asText(checkLeftovers(parts, databases(), {u"root"_s, u"alice"_s}, {u"alice"_s})),
+            QStringList(
+                {u"fault|a PHP pool is left of bob, which is no account|rm "
+                 "/etc/php/8.2/fpm/pool.d/corv-bob.conf.suspended; systemctl try-reload-or-restart php8.2-fpm"_s,
+                 u"fault|an Apache site is left of bob, which is no account|rm -f "
+                 "/etc/apache2/sites-*/corv-bob.conf && systemctl reload apache2"_s,
+                 u"fault|the folder /home/old one belongs to no user|tar -czf /root/left-over-home.tar.gz '/home/old "
+                 "one' && rm -rf '/home/old one'"_s}));
+    }
+
+    void findsLeftoversInPostgres()
+    {
+        Databases all = databases();
+        all.roles.append(
+            {{u"bob"_s, true, true}, {u"carol"_s, true, true}, {u"dave"_s, true, false}, {u"erin"_s, true, true}});
+        all.databases.append({{u"bob"_s, u"bob"_s, false},
+                              {u"erin"_s, u"erin"_s, true},
+                              {u"alice__restore"_s, u"alice"_s, false},
+                              {u"alice__old"_s, u"alice"_s, false},
+                              {u"X__old"_s, u"postgres"_s, false}});
+        QCOMPARE(
+            asText(checkLeftovers({}, all, {u"root"_s, u"alice"_s, u"postgres"_s}, {u"alice"_s})),
+            QStringList(
+                {u"fault|a restore that was cut off left the database alice__restore|runuser -u postgres -- dropdb "
+                 "alice__restore"_s,
+                 u"fault|a restore that was cut off left the database alice__old|runuser -u postgres -- dropdb "
+                 "alice__old"_s,
+                 u"fault|the role and database bob belong to no account|runuser -u postgres -- pg_dump -Fc bob "
+                 ">/root/bob-db.dump && runuser -u postgres -- dropdb bob && runuser -u postgres -- dropuser bob"_s,
+                 u"note|PostgreSQL has a role carol, but the server has no such user|runuser -u postgres -- dropuser "
+                 "carol"_s}));
+    }
+
+    void knowsTheAccountOfAFile_data()
+    {
+        QTest::addColumn<QString>("file");
+        QTest::addColumn<QString>("account");
+        QTest::newRow("site") << u"corv-alice.conf"_s << u"alice"_s;
+        QTest::newRow("parked pool") << u"corv-alice.conf.suspended"_s << u"alice"_s;
+        QTest::newRow("short") << u"corv-al.conf"_s << QString();
+        QTest::newRow("capital") << u"corv-Alice.conf"_s << QString();
+        QTest::newRow("line feed") << u"corv-alice.conf\n"_s << QString();
+        QTest::newRow("panel") << u"corvane.conf"_s << QString();
+        QTest::newRow("copy") << u"corv-alice.conf.bak"_s << QString();
+    }
+    void knowsTheAccountOfAFile()
+    {
+        QFETCH(QString, file);
+        QTEST(accountOfFile(file), "account");
+    }
+};
+
+QTEST_APPLESS_MAIN(TestCtlAccounts)
+#include "test_ctl_accounts.moc"

@@ -1,0 +1,396 @@
+#include "ctl/DoctorBackup.h"
+#include "ctl/DoctorDatabase.h"
+#include "ctl/DoctorReport.h"
+#include "ctl/DoctorSystem.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QTest>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace corv::ctl;
+
+namespace {
+
+// One line of text for each finding, so that a whole list is compared at once.
+QStringList asText(const QList<Finding> &findings)
+{
+    QStringList lines;
+    for (const Finding &finding : findings)
+        lines.append(
+            u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem, finding.mend));
+    return lines;
+}
+
+// The problems alone.
+QStringList problems(const QList<Finding> &findings)
+{
+    QStringList lines;
+    for (const Finding &finding : findings)
+        lines.append(finding.problem);
+    return lines;
+}
+
+} // namespace
+
+class TestCtlDoctor : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void readsWhatPostgresHas()
+    {
+        const std::optional<Databases> found =
+            parseDatabases(R"({"version" : 150014, "roles" : [{"name" : "bob", "login" : false, "plain" : true}], )"
+                           R"("databases" : [{"name" : "a\nb", "owner" : "bob", "open" : true}]})"
+                           "\n");
+        QVERIFY(found);
+        QCOMPARE(found->version, 150014);
+        QCOMPARE(found->roles.size(), 1);
+        QCOMPARE(found->roles[0].mayLogIn, false);
+        QCOMPARE(found->roles[0].isPlain, true);
+        QCOMPARE(found->databases[0].name, u"a\nb"_s);
+        QCOMPARE(found->databases[0].isOpen, true);
+        QVERIFY(!parseDatabases({}));
+        QVERIFY(!parseDatabases("{}"));
+        QVERIFY(!parseDatabases("psql: error: connection refused"));
+    }
+
+    void readsAVersionOfPostgres_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<QString>("version");
+        QTest::newRow("Debian") << QByteArray("pg_dump (PostgreSQL) 15.14 (Debian 15.14-0+deb12u1)\n")
+                                << u"pg_dump 15.14"_s;
+        QTest::newRow("plain") << QByteArray("psql (PostgreSQL) 17.6") << u"psql 17.6"_s;
+        QTest::newRow("before its release") << QByteArray("psql (PostgreSQL) 18beta1\n") << u"psql 18.0"_s;
+        QTest::newRow("none") << QByteArray("Error: no client\n") << QString();
+        QTest::newRow("too large") << QByteArray("psql (PostgreSQL) 99999999999.1") << QString();
+    }
+    void readsAVersionOfPostgres()
+    {
+        QFETCH(QByteArray, text);
+        const std::optional<PostgresVersion> found = parsePostgresVersion(text);
+        QTEST(found ? u"%1 %2.%3"_s.arg(found->program).arg(found->major).arg(found->minor) : QString(), "version");
+    }
+
+    void knowsWhichVersionsHaveHoles_data()
+    {
+        QTest::addColumn<int>("major");
+        QTest::addColumn<int>("minor");
+        QTest::addColumn<bool>("isSafe");
+        for (const auto &[major, minor] : {std::pair(13, 22), {14, 19}, {15, 14}, {16, 10}, {17, 6}}) {
+            QTest::addRow("%d.%d", major, minor) << major << minor << true;
+            QTest::addRow("%d.%d", major, minor - 1) << major << minor - 1 << false;
+        }
+        QTest::newRow("18.0") << 18 << 0 << true;
+        QTest::newRow("12.99") << 12 << 99 << false;
+    }
+    void knowsWhichVersionsHaveHoles()
+    {
+        QFETCH(int, major);
+        QFETCH(int, minor);
+        QTEST(checkPostgresVersions({{u"pg_dump"_s, major, minor}}).isEmpty(), "isSafe");
+    }
+
+    void saysHowToMendAVersion()
+    {
+        QCOMPARE(
+            asText(checkPostgresVersions({{u"pg_dump"_s, 15, 13}, {u"psql"_s, 15, 14}})),
+            QStringList(
+                {u"fault|pg_dump is of PostgreSQL 15.13; before 15.14 a dump can carry commands of a tenant that its "
+                 "restore runs as the superuser (CVE-2025-8714, CVE-2025-8715)|apt-get update && apt-get install "
+                 "--only-upgrade postgresql-15 postgresql-client-15"_s}));
+    }
+
+    void findsAPanelDatabaseThatIsNotInOrder()
+    {
+        QCOMPARE(asText(checkPanelDatabase({150014, {}, {{u"corvane"_s, u"corv-web"_s, false}}})), QStringList());
+        QCOMPARE(problems(checkPanelDatabase({150014, {}, {}})),
+                 QStringList({u"the panel's database corvane is missing"_s}));
+        QCOMPARE(problems(checkPanelDatabase({150014, {}, {{u"corvane"_s, u"postgres"_s, false}}})),
+                 QStringList({u"the panel's database corvane belongs to postgres, not to corv-web"_s}));
+    }
+
+    void judgesTheAgentsUnit_data()
+    {
+        QTest::addColumn<QByteArray>("unit");
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<QStringList>("expected");
+        QTest::newRow("well") << QByteArray(
+                                     "LoadState=loaded\nActiveState=active\nSubState=running\nUnitFileState=enabled\n")
+                              << QString() << QStringList();
+        QTest::newRow("silent") << QByteArray("LoadState=loaded\nActiveState=active\nUnitFileState=enabled\n")
+                                << u"no permission"_s
+                                << QStringList({u"the agent runs but does not answer: no permission"_s});
+        QTest::newRow("failed") << QByteArray("LoadState=loaded\nActiveState=failed\nUnitFileState=enabled\n")
+                                << u"no"_s
+                                << QStringList({u"the agent has failed; journalctl -u corv-agent says why"_s});
+        QTest::newRow("not ready") << QByteArray("LoadState=loaded\nActiveState=activating\nUnitFileState=enabled\n")
+                                   << u"no"_s << QStringList({u"the agent is not ready, its service is activating"_s});
+        QTest::newRow("stopped and disabled")
+            << QByteArray("LoadState=loaded\nActiveState=inactive\nUnitFileState=disabled\n") << u"no"_s
+            << QStringList({u"the agent does not run"_s,
+                            u"the agent will not come up with the server, its service is disabled"_s});
+        QTest::newRow("not there") << QByteArray("LoadState=not-found\nActiveState=inactive\nUnitFileState=\n")
+                                   << u"no"_s << QStringList({u"the agent is not installed as a service"_s});
+    }
+    void judgesTheAgentsUnit()
+    {
+        QFETCH(QByteArray, unit);
+        QFETCH(QString, answer);
+        QTEST(problems(checkAgent(parseProperties(unit), answer)), "expected");
+    }
+
+    void readsApachesModulesAndFiles()
+    {
+        QCOMPARE(parseModules("Loaded Modules:\n core_module (static)\n proxy_fcgi_module (shared)\n"),
+                 QStringList({u"core"_s, u"proxy_fcgi"_s}));
+        QCOMPARE(parseIncludes("Included configuration files:\n  (*) /etc/apache2/apache2.conf\n"
+                               "    (146) /etc/apache2/conf-enabled/corv-logformat.conf\n"),
+                 QStringList({u"/etc/apache2/apache2.conf"_s, u"/etc/apache2/conf-enabled/corv-logformat.conf"_s}));
+    }
+
+    void knowsALogFormat_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<bool>("expected");
+        QTest::newRow("the package's") << QByteArray("# c\nLogFormat \"%h \\\"%r\\\" %v %D\" corv\n") << true;
+        QTest::newRow("any case, no quotes") << QByteArray("\tlogformat %h  corv") << true;
+        QTest::newRow("another") << QByteArray("LogFormat \"%h\" combined\n") << false;
+        QTest::newRow("a comment") << QByteArray("#LogFormat \"%h\" corv\n") << false;
+        QTest::newRow("its name within the format") << QByteArray("LogFormat \"corv\" x\n") << false;
+    }
+    void knowsALogFormat()
+    {
+        QFETCH(QByteArray, text);
+        QTEST(definesLogFormat(text, u"corv"_s), "expected");
+    }
+
+    void findsWhatApacheLacks()
+    {
+        QCOMPARE(asText(checkApache({u"rewrite"_s, u"proxy"_s, u"proxy_fcgi"_s}, true)), QStringList());
+        QCOMPARE(
+            asText(checkApache({u"proxy"_s}, true)),
+            QStringList({u"fault|Apache lacks what the sites of accounts need: rewrite proxy_fcgi|a2enmod -q rewrite "
+                         "proxy_fcgi && systemctl restart apache2"_s}));
+        QCOMPARE(problems(checkApache({u"rewrite"_s, u"proxy"_s, u"proxy_fcgi"_s}, false)).size(), 1);
+    }
+
+    void judgesAptsPatience_data()
+    {
+        QTest::addColumn<QString>("value");
+        QTest::addColumn<int>("findings");
+        QTest::newRow("the package's") << u"120"_s << 0;
+        QTest::newRow("least") << u"1"_s << 0;
+        QTest::newRow("most") << u"599"_s << 0;
+        QTest::newRow("as long as the agent waits") << u"600"_s << 1;
+        QTest::newRow("for ever") << u"-1"_s << 1;
+        QTest::newRow("none") << u"0"_s << 1;
+        QTest::newRow("not set") << QString() << 1;
+        QTest::newRow("no number") << u"long"_s << 1;
+    }
+    void judgesAptsPatience()
+    {
+        QFETCH(QString, value);
+        QTEST(static_cast<int>(checkLockTimeout(value).size()), "findings");
+    }
+
+    void judgesQuotas()
+    {
+        QuotaState state = {u"/"_s, u"ext4"_s, true, true, true, true, true, u"linux-modules-extra-6.1"_s};
+        QCOMPARE(asText(checkQuota(state)), QStringList());
+        state.enabled = false;
+        QCOMPARE(asText(checkQuota(state)),
+                 QStringList(
+                     {u"fault|/etc/fstab asks for disk quotas on /, but they are off: no limit holds|quotaon -u /"_s}));
+        state.hasPackage = false;
+        QCOMPARE(
+            asText(checkQuota(state)),
+            QStringList(
+                {u"fault|/etc/fstab asks for disk quotas on /, but the package quota is missing|apt-get install -y "
+                 "quota && quotaon -u /"_s}));
+        state.isInFstab = false;
+        QCOMPARE(asText(checkQuota(state)),
+                 QStringList({u"note|disk quotas are off: nothing keeps one account from filling the "
+                              "disk|corvctl quota enable"_s}));
+        state.hasModules = false;
+        QCOMPARE(problems(checkQuota(state)),
+                 QStringList({u"disk quotas are off, and they cannot be switched on: there is no package "
+                              "linux-modules-extra-6.1"_s}));
+        state.supported = false;
+        QCOMPARE(asText(checkQuota(state)), QStringList());
+    }
+
+    void readsFstab()
+    {
+        const QByteArray fstab =
+            "#UUID=1 / ext4 usrjquota=x 0 1\nUUID=1 /\text4 defaults,usrjquota=aquota.user,jqfmt=vfsv1 0 1\n"
+            "UUID=2 /home ext4 defaults 0 1\n";
+        QVERIFY(asksForQuotas(fstab, u"/"_s));
+        QVERIFY(!asksForQuotas(fstab, u"/home"_s));
+        QVERIFY(!asksForQuotas(fstab, u"/srv"_s));
+    }
+
+    void judgesSshd()
+    {
+        QCOMPARE(asText(checkSshd({true, true, {}, true})), QStringList());
+        QCOMPARE(asText(checkSshd({false, false, {}, false})),
+                 QStringList({u"fault|there is no SSH daemon|apt-get install -y openssh-server"_s}));
+        QCOMPARE(
+            asText(checkSshd({true, false, "Missing privilege separation directory: /run/sshd\n", false})),
+            QStringList(
+                {u"fault|sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: "
+                 "Missing privilege separation directory: /run/sshd|install -d -o root -g root -m 0755 /run/sshd"_s}));
+    }
+
+    void judgesFolders()
+    {
+        const Place place = {u"/var/lib/corvane/transfer"_s, u"corv-web"_s, u"corv-web"_s, 0700};
+        const auto mend = u"install -d -o corv-web -g corv-web -m 0700 /var/lib/corvane/transfer"_s;
+        QCOMPARE(asText(checkFolder(place, {true, true, false, u"corv-web"_s, u"corv-web"_s, 0700})), QStringList());
+        QCOMPARE(asText(checkFolder(place, {})),
+                 QStringList({u"fault|the folder /var/lib/corvane/transfer is missing|"_s + mend}));
+        QCOMPARE(asText(checkFolder(place, {true, true, false, u"root"_s, u"corv-web"_s, 02777})),
+                 QStringList(
+                     {u"fault|the folder /var/lib/corvane/transfer is root:corv-web 2777 instead of corv-web:corv-web "
+                      "0700|"_s +
+                      mend}));
+        QCOMPARE(asText(checkFolder(place, {true, false, false, u"corv-web"_s, u"corv-web"_s, 0777})),
+                 QStringList({u"fault|/var/lib/corvane/transfer is no folder of its own, but a link or a file|mv "
+                              "/var/lib/corvane/transfer /var/lib/corvane/transfer.moved && "_s +
+                              mend}));
+    }
+
+    void judgesTheSocket()
+    {
+        const Place place = {u"/run/corvane/agent.sock"_s, u"root"_s, u"corv-web"_s, 0660};
+        QCOMPARE(asText(checkSocket(place, {})), QStringList());
+        QCOMPARE(asText(checkSocket(place, {true, false, true, u"root"_s, u"corv-web"_s, 0660})), QStringList());
+        QCOMPARE(
+            asText(checkSocket(place, {true, false, true, u"root"_s, u"corv-web"_s, 0666})),
+            QStringList({u"fault|the agent's /run/corvane/agent.sock is root:corv-web 0666 instead of root:corv-web "
+                         "0660|systemctl restart corv-agent"_s}));
+        QCOMPARE(problems(checkSocket(place, {true, false, false, u"root"_s, u"corv-web"_s, 0660})),
+                 QStringList({u"the agent's /run/corvane/agent.sock is no socket"_s}));
+    }
+
+    void judgesBackups_data()
+    {
+        QTest::addColumn<QJsonObject>("backup");
+        QTest::addColumn<qint64>("free");
+        QTest::addColumn<QStringList>("expected");
+        const qint64 enough = 10'000'000'000;
+        const QJsonObject well = {
+            {u"name"_s, u"2026-01-05_031500"_s}, {u"bytes"_s, 2'000'000'000}, {u"errors"_s, QJsonArray()}};
+        const auto with = [&well](const QString &key, const QJsonValue &value) {
+            QJsonObject backup = well;
+            backup.insert(key, value);
+            return backup;
+        };
+        QTest::newRow("well") << well << enough << QStringList();
+        QTest::newRow("old") << with(u"name"_s, u"2026-01-03_031500"_s) << enough
+                             << QStringList(
+                                    {u"fault|the last backup, 2026-01-03_031500, is 55 hours old|corvctl backup start "
+                                     "--wait"_s});
+        QTest::newRow("with an error")
+            << with(u"errors"_s, QJsonArray{u"alice files: tar failed: tar: x: Cannot open"_s}) << enough
+            << QStringList(
+                   {u"fault|the last backup, 2026-01-05_031500: alice files: tar failed: tar: x: Cannot open|corvctl "
+                    "backup start --wait"_s});
+        QTest::newRow("with a file that was written to")
+            << with(u"errors"_s, QJsonArray{u"alice files: tar failed: tar: alice/x: file changed as we read it"_s})
+            << enough
+            << QStringList(
+                   {u"note|the last backup, 2026-01-05_031500: alice files: tar failed: tar: alice/x: file changed as "
+                    "we read it|corvctl backup start --wait"_s});
+        QJsonObject bare = well;
+        bare.remove(u"errors"_s);
+        QTest::newRow("without a manifest") << bare << enough
+                                            << QStringList({u"fault|the last backup, 2026-01-05_031500, has no "
+                                                            u"manifest that could be read|corvctl backup start "
+                                                            "--wait"_s});
+        QTest::newRow("no room for the next")
+            << well << qint64(1'900'000'000)
+            << QStringList(
+                   {u"fault|only 1.8 GiB are free at /srv/b, and the next backup needs 1.9 GiB|df -h /srv/b"_s});
+    }
+    void judgesBackups()
+    {
+        QFETCH(QJsonObject, backup);
+        QFETCH(qint64, free);
+        const QJsonObject status = {
+            {u"destination"_s, u"/srv/b"_s}, {u"freeBytes"_s, free}, {u"backups"_s, QJsonArray{backup}}};
+        const qint64 now = backupTime(u"2026-01-05_110000"_s);
+        QTEST(asText(checkBackups(status, now, true)), "expected");
+    }
+
+    void findsThatNoBackupIsMade()
+    {
+        const QJsonObject status = {{u"destination"_s, u"/srv/b"_s}, {u"freeBytes"_s, qint64(10'000'000'000)}};
+        QCOMPARE(
+            asText(checkBackups(status, 0, false)),
+            QStringList(
+                {u"fault|no nightly backup is planned: its timer is off|systemctl enable --now corv-backup.timer"_s,
+                 u"fault|there is no backup yet|corvctl backup start --wait"_s}));
+        QJsonObject running = status;
+        running.insert(u"running"_s, true);
+        QCOMPARE(asText(checkBackups(running, 0, true)), QStringList());
+    }
+
+    void knowsATimeByABackupsName()
+    {
+        QCOMPARE(backupTime(u"2026-01-05_031500"_s), QDateTime(QDate(2026, 1, 5), QTime(3, 15)).toSecsSinceEpoch());
+        QCOMPARE(backupTime(u"2026-13-05_031500"_s), 0);
+        QCOMPARE(backupTime(u"x"_s), 0);
+    }
+
+    void judgesHomes()
+    {
+        const QHash<QString, qint64> sizes = {
+            {u"alice"_s, 12'000'000'001}, {u"bob"_s, 12'000'000'000}, {u"carol"_s, 1}};
+        const auto mend = u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail"_s;
+        const auto large =
+            u"fault|the home of the account alice, 11.2 GiB, is too large to be archived within ten minutes|"_s +
+            mend.arg(u"alice"_s);
+        QCOMPARE(asText(checkHomes(sizes, {})), QStringList({large}));
+
+        const auto last = [](const QJsonArray &errors, qint64 seconds) {
+            return QJsonObject{
+                {u"backups"_s,
+                 QJsonArray{QJsonObject{{u"seconds"_s, seconds},
+                                        {u"errors"_s, errors},
+                                        {u"accounts"_s, QJsonArray{QJsonObject{{u"username"_s, u"alice"_s}}}}}}}};
+        };
+        QCOMPARE(asText(checkHomes(sizes, last({}, 599))), QStringList());
+        QCOMPARE(asText(checkHomes(sizes, last({}, 600))), QStringList({large}));
+        QCOMPARE(asText(checkHomes(sizes, last({u"alice files: tar failed: x"_s}, 599))), QStringList({large}));
+        QCOMPARE(
+            asText(checkHomes(sizes, last({u"carol files: tar: took too long"_s}, 10))),
+            QStringList(
+                {u"fault|the home of the account carol, 0.0 GiB, is too large to be archived within ten minutes; the "
+                 "last backup cut it off|"_s +
+                 mend.arg(u"carol"_s)}));
+    }
+
+    void aReportSurvivesItsLine()
+    {
+        const Report report = {
+            u"web1"_s,
+            {{u"agent"_s, u"answers"_s, {}},
+             {u"accounts"_s, u"2"_s, {{Level::Fault, u"a\x1b"_s, u"b"_s}, {Level::Note, u"c"_s, u"d"_s}}}}};
+        const QByteArray line = reportLine(report);
+        QCOMPARE(
+            line,
+            QByteArray(R"({"checks":[{"check":"agent","findings":[],"seen":"answers"},{"check":"accounts","findings":[)"
+                       R"({"level":"fault","mend":"b","problem":"a\u001b"},{"level":"note","mend":"d","problem":"c"}],)"
+                       R"("seen":"2"}],"faults":1,"host":"web1","notes":1,"ok":false})"));
+        const std::optional<Report> read = parseReport(line);
+        QVERIFY(read);
+        QCOMPARE(reportLine(*read), line);
+        QVERIFY(!parseReport("bash: corvctl: command not found\n"));
+    }
+};
+
+QTEST_APPLESS_MAIN(TestCtlDoctor)
+#include "test_ctl_doctor.moc"
