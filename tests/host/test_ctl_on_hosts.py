@@ -205,9 +205,9 @@ ROUNDS = [
     ["the panel's database is not the panel's", "an account has no database", "an account's pool is in another version",
      "an account has no site", "the transfer folder is another's", "there is no backup"],
     ["a database is open to all", "an account's pool is put aside", "a site shows its source",
-     "a role and a database are left over", "the last backup has errors", "the mark is on another user"],
+     "a role and a database are left over", "the last backup has errors"],
     ["a restore was cut off in its swap", "an account has two pools", "the destination is full"],
-    ["a restore was cut off", "a user is locked"],
+    ["a restore was cut off", "a user is locked", "the mark is on another user"],
     ["a suspended account's pool runs"],
     ["a pool was put aside and made anew", "a home is too large"],
 ]
