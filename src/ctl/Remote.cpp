@@ -188,7 +188,7 @@ int Remote::wait()
     const Fd process(static_cast<int>(::syscall(SYS_pidfd_open, m_process, 0)));
     const QDeadlineTimer end(kEndMs);
     bool hasEnded = false;
-    while (!hasEnded) {
+    while (!hasEnded && !end.hasExpired()) {
         std::array<pollfd, 2> waiting = {pollfd{m_errors.get(), POLLIN, 0}, pollfd{process.get(), POLLIN, 0}};
         if (::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime())) <= 0)
             break;
