@@ -182,7 +182,7 @@ FAULTS = {
         "corvctl backup start --wait"),
     "a home is too large": (
         f"truncate -s 13G /home/@/large; echo '{{\"errors\":[]}}' >{NEWEST}/manifest.json",
-        ["the home of the account @, 12.1 GiB, is too large to be archived within ten minutes"],
+        ["the home of the account @, 13.0 GiB, is too large to be archived within ten minutes"],
         "rm /home/@/large; corvctl backup start --wait"),
     "the destination is full": (
         f"mkdir /srv/small; mount -t tmpfs -o size=16m,mode=700 small /srv/small; cp -r {NEWEST} /srv/small; "
