@@ -213,7 +213,9 @@ def wrong_settings(scenario, recording, before, reply, found):
     for path, text in found.items():
         if text not in (before[path], *(texts[path] for texts in recording.settings)):
             wrong.append(f"{path} is neither the old nor the new one")
-    if scenario.command == "quota.enable" and not reply["ok"] and found["/etc/fstab"] != before["/etc/fstab"]:
+    # Only a second failure, of the file that puts it back, may leave it changed; the reply then does not say otherwise.
+    is_told = not reply["ok"] and (scenario.ok or "restored" in reply["error"])
+    if scenario.command == "quota.enable" and is_told and found["/etc/fstab"] != before["/etc/fstab"]:
         wrong.append("/etc/fstab was not put back")
     return wrong
 
