@@ -1,0 +1,241 @@
+#!/usr/bin/python3
+"""Tests the tests: changes one thing at a time in the agent's sources and sees whether a test fails.
+
+Usage: tests/hostile/mutate.py [--count N] [--seed N] [--only TEXT] [--under COMMAND] [--list]
+
+A mutant is one changed operator, bound, truth value, text or left-out call in src/agent. N of all that there are (all of
+them with 0) are drawn with a fixed seed, built in a copy of the tree in the cache folder, and tried with the unit tests and
+the protocol tests that concern the source; the first failure ends a mutant. What does not compile is not counted. Survivors
+stand in the report with what was changed; those that cannot be seen from outside are in mutants.txt beside this file, with
+the reason. Prints the share that was killed. As root; a mutant takes some 20 to 30 s while the machine does other things.
+
+The mutants run as root, and a mutant may well delete what it should not: unit tests run in a throw-away copy of the root,
+protocol tests in the root of their sandbox.
+"""
+
+import argparse
+import os
+import random
+import re
+import shutil
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+TREE = Path(__file__).resolve().parents[2]
+CACHE = Path(os.environ.get("CORV_CACHE", "/var/cache/corv-agent-dev")) / "mutate"
+COPY = CACHE / "tree"
+BUILD = CACHE / "build"
+EXCUSES = Path(__file__).with_name("mutants.txt")
+PATIENCE = 600
+UNDER = []  # what every command is run by
+
+# What a source's name begins with -> the unit tests and the protocol tests that concern it. The first that fits counts.
+CONCERNS = (
+    ("FilesHelper", "files", "files_helper files_fence files"),
+    ("Files", "files tree", "files files_helper files_fence stage"),
+    ("BackupManifest", "backup", "backup_status backup_run"),
+    ("BackupFolders", "backup", "backup_status backup_run"),
+    ("BackupRestore", "", "backup_restore"),
+    ("BackupStatus", "", "backup_status"),
+    ("Backup", "backup", "backup_run backup_status backup_restore startup"),
+    ("HostingRun", "run run_too_long", "runner"),
+    ("HostingNames", "names accounts", "names create suspend"),
+    ("HostingKeys", "", "keys"),
+    ("HostingUsage", "accounts", "usage quota"),
+    ("HostingDelete", "", "delete"),
+    ("HostingSuspend", "", "suspend"),
+    ("HostingDatabase", "", "database create"),
+    ("Hosting", "", "create delete suspend keys names"),
+    ("Quota", "quota_text", "quota usage delete"),
+    ("Packages", "", "firewall fail2ban quota"),
+    ("SecurityFirewall", "", "firewall security_status"),
+    ("SecurityFail2ban", "", "fail2ban security_status"),
+    ("SecurityUpdates", "", "updates"),
+    ("Security", "security", "firewall fail2ban updates"),
+    ("Stop", "", "stop"),
+    ("AgentHost", "", "host"),
+    ("", "", "socket dispatch startup stop host description"),
+)
+
+OPERATORS = (
+    (r"(?<=\s)==(?=\s)", "!="), (r"(?<=\s)!=(?=\s)", "=="), (r"(?<=\s)<(?=\s)", "<="), (r"(?<=\s)<=(?=\s)", "<"),
+    (r"(?<=\s)>(?=\s)", ">="), (r"(?<=\s)>=(?=\s)", ">"), (r"&&", "||"), (r"(?<=\w\s)\|\|", "&&"),
+    (r"(?<=[(\s])!(?=[\w(:])", ""), (r"\btrue\b", "false"), (r"\bfalse\b", "true"), (r"(?<=\s)\+(?=\s)", "-"),
+    (r"(?<=\s)-(?=\s\w)", "+"),
+)
+NUMBER = re.compile(r"(?<![\w.\"'{%])\d[\d']*(?![\w.\"])")
+TEXT = re.compile(r'"([^"\\]|\\.)*"')
+CALL = re.compile(r"^\s+(\(void\))?[\w:.>-]+\(.*\);( //.*)?$")
+
+
+def mutants():
+    """All of them: (source, number of the line from 0, the line, the changed line)."""
+    found = []
+    for source in sorted((TREE / "src/agent").glob("*.cpp")):
+        raw = False
+        for number, line in enumerate(source.read_text().splitlines()):
+            raw = raw or 'R"(' in line
+            code = line.split("//")[0] if "://" not in line else line
+            if raw:
+                # A template: its text is changed, nothing else.
+                if line.strip() and ')"' not in line and 'R"(' not in line:
+                    found.append((source.name, number, line, line + "x"))
+                raw = ')"' not in line
+                continue
+            if not code.strip() or code.lstrip().startswith(("#", "using", "namespace", "static_assert", "*")):
+                continue
+            texts = [match.span() for match in TEXT.finditer(code)]
+            inside = lambda at: any(begin <= at < end for begin, end in texts)  # noqa: E731
+            for pattern, other in OPERATORS:
+                for match in re.finditer(pattern, code):
+                    if not inside(match.start()):
+                        found.append((source.name, number, line, line[:match.start()] + other + line[match.end():]))
+            for match in NUMBER.finditer(code):
+                if not inside(match.start()):
+                    other = str(int(match[0].replace("'", "")) + 1)
+                    if match[0].startswith("0") and len(match[0]) > 1:
+                        other = "0" + oct(int(match[0].replace("'", ""), 8) + 1)[2:]
+                    found.append((source.name, number, line, line[:match.start()] + other + line[match.end():]))
+            for begin, end in texts:
+                if end - begin > 2:
+                    found.append((source.name, number, line, line[:begin] + '"x' + line[begin + 1:]))
+            if CALL.match(line) and not re.match(r"\s+(return|delete|using)\b", line):
+                found.append((source.name, number, line, ""))
+    return found
+
+
+class TooLong(Exception):
+    """A command did not end in time."""
+
+
+def run(argv, log, patience=PATIENCE, **how):
+    """Whether the command ends well."""
+    with log.open("ab") as file:
+        process = subprocess.Popen([*UNDER, *argv], stdin=subprocess.DEVNULL, stdout=file, stderr=file, start_new_session=True,
+                                   **how)
+        try:
+            return process.wait(patience) == 0
+        except subprocess.TimeoutExpired:
+            raise TooLong from None
+        finally:
+            # What a mutant left behind must not disturb the next one.
+            try:
+                os.killpg(process.pid, 9)
+            except ProcessLookupError:
+                pass
+            process.wait()
+
+
+# A root in which everything can be deleted, and processes of which all can be killed.
+JAIL = r"""
+mount -t tmpfs none /mnt && mkdir /mnt/upper /mnt/work /mnt/root
+mount -t overlay none -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work /mnt/root
+mount -t proc none /mnt/root/proc && mount -t tmpfs none /mnt/root/dev && mount -t tmpfs none /mnt/root/tmp
+mknod -m 666 /mnt/root/dev/null c 1 3 && mknod -m 666 /mnt/root/dev/zero c 1 5
+mknod -m 666 /mnt/root/dev/urandom c 1 9 && mknod -m 666 /mnt/root/dev/full c 1 7 && mkdir -m 1777 /mnt/root/dev/shm
+ln -s /proc/self/fd /mnt/root/dev/fd
+cd / && exec chroot /mnt/root sh -c 'ulimit -v 8000000; for test; do "$test" || exit 1; done' sh "$@"
+"""
+UNSHARE = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--ipc", "sh", "-ec", JAIL, "sh"]
+
+
+def concern(source):
+    for prefix, units, protocols in CONCERNS:
+        if source.startswith(prefix):
+            return [f"test_{name}" for name in units.split()], [f"test_{name}.py" for name in protocols.split()]
+    raise AssertionError(source)
+
+
+def test(source, log):
+    """What failed: "build", "unit", "protocol", or nothing."""
+    units, protocols = concern(source)
+    targets = ["corv-agent", "corv-agent-short", *units]
+    if not run(["cmake", "--build", BUILD, "-j", "2", "--target", *targets], log):
+        return "build"
+    if units and not run([*UNSHARE, *(str(BUILD / "bin" / unit) for unit in units)], log):
+        return "unit"
+    env = os.environ | {"CORV_AGENT": str(BUILD / "bin/corv-agent")}
+    files = [f"tests/protocol/{name}" for name in protocols]
+    argv = ["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-n", "2", "-p", "no:cacheprovider", *files]
+    return "" if run(argv, log, cwd=COPY, env=env) else "protocol"
+
+
+def prepare(log):
+    shutil.rmtree(COPY, ignore_errors=True)
+    COPY.mkdir(parents=True)
+    files = subprocess.run(["git", "ls-files", "-z"], cwd=TREE, check=True, capture_output=True).stdout
+    packed = subprocess.run(["tar", "-c", "--null", "-T", "-"], cwd=TREE, input=files, check=True, capture_output=True).stdout
+    subprocess.run(["tar", "-x", "-C", COPY], input=packed, check=True)
+    configure = ["cmake", "-S", COPY, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=-g0"]
+    if shutil.which("ccache"):
+        configure.append("-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
+    if not run(configure, log) or not run(["cmake", "--build", BUILD, "-j", "2"], log, patience=3600):
+        sys.exit(f"the unchanged tree cannot be built, see {log}")
+
+
+def excuses():
+    """The mutants that cannot be seen: (source, line, changed line), both without the blanks around. In the file a tab stands
+    between these and before the reason."""
+    known = set()
+    for line in EXCUSES.read_text().splitlines():
+        fields = line.split("\t")
+        if len(fields) == 4:
+            known.add(tuple(field.strip() for field in fields[:3]))
+    return known
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--count", type=int, default=300)
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--only", default="", help="sources whose name holds this")
+    parser.add_argument("--under", default="", help="what to run every command by, such as 'nice -n 10'")
+    parser.add_argument("--list", action="store_true", help="show what would be tried")
+    options = parser.parse_args()
+    UNDER.extend(options.under.split())
+    everything = [mutant for mutant in mutants() if options.only in mutant[0]]
+    chosen = list(everything)
+    if options.count:
+        random.Random(options.seed).shuffle(chosen)
+        chosen = chosen[:options.count]
+    print(f"{len(everything)} mutants, {len(chosen)} of them drawn with seed {options.seed}", flush=True)
+    if options.list:
+        for source, number, line, other in chosen:
+            print(f"{source}:{number + 1}: {line.strip()} -> {other.strip()}")
+        return
+
+    CACHE.mkdir(parents=True, exist_ok=True)
+    log = CACHE / "log"
+    log.write_bytes(b"")
+    prepare(log)
+    excused = excuses()
+    killed = {"too long": 0, "build": 0, "unit": 0, "protocol": 0, "": 0, "excused": 0}
+    for index, (source, number, line, other) in enumerate(chosen, 1):
+        path = COPY / "src/agent" / source
+        original = path.read_text()
+        lines = original.splitlines()
+        assert lines[number] == line
+        lines[number] = other
+        path.write_text("\n".join(lines) + "\n")
+        began = time.monotonic()
+        try:
+            by = test(source, log)
+        except TooLong:
+            by = "too long"
+        path.write_text(original)
+        if not by and (source, line.strip(), other.strip()) in excused:
+            by = "excused"
+        killed[by] += 1
+        change = f"{source}:{number + 1}\t{line.strip()}\t{other.strip()}"
+        print(f"{index:4} {time.monotonic() - began:4.0f} s {by or 'SURVIVED':8} {change}", flush=True)
+
+    tried = len(chosen) - killed["build"] - killed["excused"]
+    dead = killed["unit"] + killed["protocol"] + killed["too long"]
+    print(f"{tried} tried: {killed['unit']} killed by unit tests, {killed['protocol']} by protocol tests, "
+          f"{killed['too long']} by the clock, {killed['']} survived; "
+          f"{killed['build']} did not compile, {killed['excused']} cannot be seen. {100 * dead / max(tried, 1):.1f} % killed")
+
+
+main()
