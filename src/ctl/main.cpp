@@ -29,6 +29,7 @@ int run(Session &session, const Parsed &parsed)
 
     session.terminal = findTerminal();
     const int status = parsed.handler(session, parsed.given);
+    session.client = {}; // its end is what the other server waits for, and ssh with it
     // What a full disk or a closed pipe swallowed was not done.
     if (std::fflush(stdout) != 0 && status == kDone)
         return fail(kRefused, QStringLiteral("cannot write to standard output"));
