@@ -92,6 +92,16 @@ def test_the_summary_names_those_that_failed(ssh):
     assert err == "web2: corvctl: web2: ssh: no route\n2 hosts: 1 done, 1 no connection (web2)\n"
 
 
+def test_four_hosts_at_a_time(ssh):
+    """The fifth begins when one of the first four has ended, and not before."""
+    ssh.logs(*["agent: uid 0 ran ping -> ok"] * 5)
+    ssh.answer("ssh", shell='trap "rmdir /tmp/$3" EXIT; trap exit TERM; mkdir /tmp/$3; ls -d /tmp/web* | wc -l >>/tmp/count; '
+                            'echo >>/tmp/begun; while [ "$(wc -l </tmp/begun)" -lt 4 ]; do :; done; shift 3; "$@"')
+    code, _, err = corvctl(ssh, "call", "ping", *(word for number in range(5) for word in ("-H", f"web{number}")))
+    assert (code, err) == (0, "5 hosts: 5 done\n")
+    assert max(int(line) for line in ssh.read("/tmp/count").split()) == 4
+
+
 def test_hosts_ask_for_nothing(ssh):
     ssh.answer("ssh", shell="cat; (: </dev/tty) 2>/dev/null && echo terminal >&2; exit 255")
     code, out, err = corvctl(ssh, "call", "x", "-", "-H", "web1", "-H", "web2", input="{}")

@@ -105,9 +105,9 @@ private Q_SLOTS:
     void judgesDisksByWhatIsFree()
     {
         const auto disk = [](qint64 avail) {
-            return one(u"system.disks"_s,
-                       {{u"disks"_s, QJsonArray{QJsonObject{
-                                         {u"mount"_s, u"/"_s}, {u"total"_s, qint64(107'374'182'400)}, {u"avail"_s, avail}}}}});
+            return one(u"system.disks"_s, {{u"disks"_s, QJsonArray{QJsonObject{{u"mount"_s, u"/"_s},
+                                                                               {u"total"_s, qint64(107'374'182'400)},
+                                                                               {u"avail"_s, avail}}}}});
         };
         QCOMPARE(linesOf(u"Disks"_s, disk(10'737'418'240)), QStringList({u"/: 10.0 GiB of 100.0 GiB free"_s}));
         QCOMPARE(linesOf(u"Disks"_s, disk(10'737'418'239)).first().left(2), u"! "_s);
