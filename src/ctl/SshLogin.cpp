@@ -10,7 +10,7 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-constexpr auto kVariable = "SSH_CONNECTION=";
+constexpr QByteArrayView kVariable = "SSH_CONNECTION=";
 // No chain of processes is longer; one that seems to be was changed while it was read.
 constexpr int kMostAncestors = 64;
 
@@ -33,7 +33,7 @@ QByteArray connectionOf(int process)
     const QList<QByteArray> variables = content(process, "environ").split('\0');
     for (const QByteArray &variable : variables) {
         if (variable.startsWith(kVariable))
-            return variable.mid(qstrlen(kVariable));
+            return variable.mid(kVariable.size());
     }
     return {};
 }

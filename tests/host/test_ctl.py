@@ -113,8 +113,10 @@ def test_the_panels_user_may_use_it_and_others_may_not(host):
 
 
 def test_what_comes_with_it_is_in_its_place(host):
+    # The image's dpkg leaves manual pages out, but knows of them.
+    files = host.ok(["dpkg", "-L", "corv-agent"]).splitlines()
     for page in ("1/corvctl.1", "5/corvane.ini.5", "8/corv-agent.8"):
-        assert host.exists(f"/usr/share/man/man{page}.gz")
+        assert f"/usr/share/man/man{page}.gz" in files
     for shell, path in (("bash", "bash-completion/completions/corvctl"), ("zsh", "zsh/vendor-completions/_corvctl"),
                         ("fish", "fish/vendor_completions.d/corvctl.fish")):
         assert host.get(f"/usr/share/{path}") == corvctl(host, "completion", shell)
