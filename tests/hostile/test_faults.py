@@ -6,6 +6,7 @@ import pytest
 
 from described import COMMANDS
 from figures import count
+from ground import short_agent_executable
 from matrix import FATES, faulty_run, record
 from scenarios import SCENARIOS
 from server import ACTIVE, account, furnish
@@ -37,6 +38,7 @@ def chosen(scenario, fate, targets, is_long):
 @pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda scenario: scenario.name)
 def test_program_that_goes_wrong(ground, is_long, scenario, fate):
     targets = chosen(scenario, fate, record(ground, scenario).targets, is_long)
+    ground.agent(short_agent_executable())  # copied before there are threads: what is being written cannot be run
     # What never ends takes its time, but no processor: several at once.
     with ThreadPoolExecutor(8 if fate == "never ends" else 1) as pool:
         found = list(pool.map(lambda target: faulty_run(ground, scenario, target, fate), targets))
