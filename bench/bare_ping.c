@@ -11,16 +11,19 @@ int main(int argc, char **argv)
     strncpy(address.sun_path, argc > 1 ? argv[1] : "/run/corvane/agent.sock", sizeof address.sun_path - 1);
     const int agent = socket(AF_UNIX, SOCK_STREAM, 0);
     if (connect(agent, (const struct sockaddr *)&address, sizeof address) != 0 ||
-        write(agent, request, sizeof request - 1) != (ssize_t)(sizeof request - 1))
+        write(agent, request, sizeof request - 1) != (ssize_t)(sizeof request - 1)) {
+        close(agent);
         return 1;
+    }
 
-    char reply[4096];
+    char reply[4096] = "";
     size_t size = 0;
     while (size < sizeof reply && !memchr(reply, '\n', size)) {
         const ssize_t count = read(agent, reply + size, sizeof reply - size);
         if (count <= 0)
-            return 1;
+            break;
         size += (size_t)count;
     }
-    return write(STDOUT_FILENO, reply, size) == (ssize_t)size ? 0 : 1;
+    close(agent);
+    return size > 0 && write(STDOUT_FILENO, reply, size) == (ssize_t)size ? 0 : 1;
 }

@@ -114,7 +114,7 @@ int put(Session &session, const Given &given)
 }
 
 // Copies a download that waits in the transfer directory to where the user wants it.
-int fetch(Session &session, const QString &name, const QString &local, const QString &what)
+int fetch(const Session &session, const QString &name, const QString &local, const QString &what)
 {
     // A device or a pipe must not be replaced by a file.
     const bool inPlace = QFileInfo::exists(local) && !QFileInfo(local).isFile();
