@@ -23,7 +23,7 @@ void run(char **program)
     int status = 0;
     if (posix_spawnp(&process, program[0], &actions, nullptr, program, environ) != 0 ||
         ::waitpid(process, &status, 0) != process || status != 0) {
-        std::fprintf(stderr, "%s failed\n", program[0]);
+        (void)std::fprintf(stderr, "%s failed\n", program[0]);
         std::exit(1);
     }
     posix_spawn_file_actions_destroy(&actions);
@@ -42,7 +42,7 @@ int main(int argc, char **argv)
         }
     }
 
-    const int rounds = std::atoi(argv[1]);
+    const int rounds = static_cast<int>(std::strtol(argv[1], nullptr, 10));
     std::vector<std::vector<double>> times(programs.size());
     for (int round = 0; round < rounds; ++round) {
         for (size_t i = 0; i < programs.size(); ++i)
