@@ -9,7 +9,7 @@ int main(int argc, char **argv)
 {
     static const char request[] = "{\"cmd\":\"ping\"}\n";
     struct sockaddr_un address = {.sun_family = AF_UNIX};
-    snprintf(address.sun_path, sizeof address.sun_path, "%s", argc > 1 ? argv[1] : "/run/corvane/agent.sock");
+    (void)snprintf(address.sun_path, sizeof address.sun_path, "%s", argc > 1 ? argv[1] : "/run/corvane/agent.sock");
     const int agent = socket(AF_UNIX, SOCK_STREAM, 0);
     if (connect(agent, (const struct sockaddr *)&address, sizeof address) != 0 ||
         write(agent, request, sizeof request - 1) != (ssize_t)(sizeof request - 1)) {
