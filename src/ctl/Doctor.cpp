@@ -47,7 +47,7 @@ Check checkServices(const QSettings &settings, const QString &php)
         services.append(u"php%1-fpm"_s.arg(php));
 
     Check check = {u"services"_s, services.join(u' '), {}};
-    for (const QJsonValue &value : system::serviceStatus(services)) {
+    for (const auto &value : system::serviceStatus(services)) {
         const QJsonObject service = value.toObject();
         if (service.value("active"_L1).toBool())
             continue;

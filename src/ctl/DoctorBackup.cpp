@@ -30,7 +30,7 @@ constexpr auto kCutOff = "took too long"_L1;
 QStringList errorsOf(const QJsonObject &backup)
 {
     QStringList errors;
-    for (const QJsonValue &error : backup.value("errors"_L1).toArray())
+    for (const auto &error : backup.value("errors"_L1).toArray())
         errors.append(error.toString());
     return errors;
 }

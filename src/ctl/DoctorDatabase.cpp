@@ -61,12 +61,12 @@ std::optional<Databases> parseDatabases(const QByteArray &answer)
 
     Databases found;
     found.version = object.value("version"_L1).toInt();
-    for (const QJsonValue &value : object.value("roles"_L1).toArray()) {
+    for (const auto &value : object.value("roles"_L1).toArray()) {
         const QJsonObject role = value.toObject();
         found.roles.append(
             {role.value("name"_L1).toString(), role.value("login"_L1).toBool(), role.value("plain"_L1).toBool()});
     }
-    for (const QJsonValue &value : object.value("databases"_L1).toArray()) {
+    for (const auto &value : object.value("databases"_L1).toArray()) {
         const QJsonObject database = value.toObject();
         found.databases.append({database.value("name"_L1).toString(), database.value("owner"_L1).toString(),
                                 database.value("open"_L1).toBool()});

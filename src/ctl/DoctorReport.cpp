@@ -40,7 +40,7 @@ QJsonObject objectOf(const Check &check)
 Check checkIn(const QJsonObject &object)
 {
     Check check = {object.value("check"_L1).toString(), object.value("seen"_L1).toString(), {}};
-    for (const QJsonValue &value : object.value("findings"_L1).toArray()) {
+    for (const auto &value : object.value("findings"_L1).toArray()) {
         const QJsonObject finding = value.toObject();
         check.findings.append({finding.value("level"_L1).toString() == nameOf(Level::Note) ? Level::Note : Level::Fault,
                                finding.value("problem"_L1).toString(), finding.value("mend"_L1).toString()});
@@ -111,7 +111,7 @@ std::optional<Report> parseReport(const QByteArray &line)
     if (!object.value("checks"_L1).isArray())
         return {};
     Report report = {object.value("host"_L1).toString(), {}};
-    for (const QJsonValue &check : object.value("checks"_L1).toArray())
+    for (const auto &check : object.value("checks"_L1).toArray())
         report.checks.append(checkIn(check.toObject()));
     return report;
 }

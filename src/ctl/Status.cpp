@@ -59,7 +59,7 @@ StatusLine servicesLine(const QJsonObject &reply)
 
     QStringList down;
     QStringList up;
-    for (const QJsonValue &value : services) {
+    for (const auto &value : services) {
         const QJsonObject service = value.toObject();
         const QString name = service.value("name"_L1).toString();
         if (service.value("active"_L1).toBool())
@@ -79,7 +79,7 @@ QList<StatusLine> diskLines(const QJsonObject &reply)
     if (const QString error = errorIn(reply); !error.isEmpty())
         return {{u"Disks"_s, error, true}};
     QList<StatusLine> lines;
-    for (const QJsonValue &value : reply.value("disks"_L1).toArray()) {
+    for (const auto &value : reply.value("disks"_L1).toArray()) {
         const QJsonObject disk = value.toObject();
         const qint64 total = disk.value("total"_L1).toInteger();
         const qint64 free = disk.value("avail"_L1).toInteger();
@@ -109,7 +109,7 @@ StatusLine accountsLine(const Replies &replies, std::optional<qsizetype> account
     QString text = QString::number(accounts.value_or(sizes.size()));
     if (!sizes.isEmpty()) {
         qint64 sum = 0;
-        for (const QJsonValue &bytes : sizes)
+        for (const auto &bytes : sizes)
             sum += bytes.toInteger();
         text += u", %1 together"_s.arg(humanBytes(sum));
     }
@@ -140,7 +140,7 @@ StatusLine bansLine(const QJsonObject &fail2ban)
 
     const QJsonArray jails = fail2ban.value("jails"_L1).toArray();
     QStringList parts;
-    for (const QJsonValue &value : jails) {
+    for (const auto &value : jails) {
         const QJsonObject jail = value.toObject();
         parts.append(u"%1 %2"_s.arg(jail.value("name"_L1).toString()).arg(jail.value("banned"_L1).toArray().size()));
     }
@@ -192,7 +192,7 @@ QList<StatusLine> backupLines(const QJsonObject &reply, qint64 now)
              humanBytes(last.value("bytes"_L1).toInteger()),
              errors.isEmpty() ? u"no errors"_s : plural(errors.size(), u"error"_s, u"errors"_s), running),
          age > kOldBackup || !errors.isEmpty()}};
-    for (const QJsonValue &error : errors)
+    for (const auto &error : errors)
         lines.append({QString(), error.toString().simplified(), true});
     if (reply.value("next"_L1).toString().isEmpty())
         lines.append({QString(), u"no next one is planned: systemctl enable --now corv-backup.timer"_s, true});
