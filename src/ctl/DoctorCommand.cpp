@@ -22,7 +22,7 @@ namespace {
 constexpr int kPingSeconds = 10;
 // The longest examination: its tools end after half a minute each, the measuring of homes after a minute.
 constexpr int kRemoteSeconds = 900;
-constexpr qsizetype kLongestReport = 16 * 1'048'576;
+constexpr qsizetype kLongestReport = 16'777'216;
 
 Check checkAgent(Session &session)
 {
