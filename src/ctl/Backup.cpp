@@ -8,6 +8,8 @@
 #include <QDeadlineTimer>
 #include <QJsonArray>
 
+#include <utility>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
@@ -114,18 +116,20 @@ int log(Session &session, const Given &)
 }
 
 // Follows a backup from the status before it was asked for. It has ended when none is running and either one was seen
-// running or something new is there; a run that fails at once leaves nothing but lines in its log.
+// running or something new is there; a run that fails at once leaves nothing but lines in its log. A status lists the
+// backups before it asks whether one is running, so that one which ends in between shows only at the next look.
 int followBackup(Session &session, const QJsonObject &before)
 {
     LogFollower follower(session, before.value("log"_L1).toString());
     const QDeadlineTimer start(kStartTime);
     bool seen = false;
+    bool ended = false;
     const Answer last = askUntil(session, u"backup.status"_s, [&](const QJsonObject &reply) {
         const bool running = reply.value("running"_L1).toBool();
-        seen = seen || running;
-        seen = !follower.take(reply.value("log"_L1).toString()).isEmpty() || seen;
-        seen = seen || newestIn(reply) != newestIn(before);
-        return !running && (seen || start.hasExpired());
+        const bool isNew = newestIn(reply) != newestIn(before);
+        seen = !follower.take(reply.value("log"_L1).toString()).isEmpty() || running || seen;
+        const bool hadEnded = std::exchange(ended, !running && (seen || start.hasExpired()));
+        return !running && (isNew || hadEnded);
     });
     if (const std::optional<int> end = settled(session, last); end && *end != kDone)
         return *end;

@@ -357,4 +357,14 @@ def test_a_backup_that_leaves_nothing_is_no_success(server):
     server.answer("journalctl", calls=(2, 99), out="old\nno space\n")
     assert written(server, "backup start --wait") == \
         "no space\n! corvctl: no backup was made\n!   journalctl -u corv-backup tells why\n= 1\n"
-    declare(server, ["backup.status", "backup.start", "backup.status"])
+    declare(server, ["backup.status", "backup.start", "backup.status", "backup.status"])
+
+
+def test_a_backup_that_ends_while_the_agent_looks_is_seen_at_the_next_look(server):
+    state = ["systemctl", "show", "-p", "ActiveState", "--value", "corv-backup.service"]
+    server.answer(*state, call=2, out="inactive\n",
+                  shell=f"mkdir -p {DISK}/2026-01-06_120000; echo '{{\"errors\":[]}}' >{DISK}/2026-01-06_120000/manifest.json")
+    server.answer("journalctl", call=1, out="old\n")
+    server.answer("journalctl", calls=(2, 99), out="old\ndone\n")
+    assert written(server, "backup start --wait") == "done\nthe backup 2026-01-06_120000 was made\n"
+    declare(server, ["backup.status", "backup.start", "backup.status", "backup.status"])
