@@ -2,6 +2,7 @@
 #include "ctl/Escape.h"
 #include "ctl/Input.h"
 #include "ctl/Keys.h"
+#include "ctl/Remote.h"
 #include "ctl/Session.h"
 #include "ctl/Table.h"
 
@@ -9,6 +10,7 @@
 #include "common/Json.h"
 
 #include <QJsonArray>
+#include <QJsonDocument>
 
 #include <algorithm>
 
@@ -18,6 +20,8 @@ namespace corv::ctl {
 namespace {
 
 constexpr qint64 kMebibyte = 1'048'576;
+// How long the list of another server's accounts is waited for.
+constexpr int kListSeconds = 60;
 
 const Parameter kAccount = {"ACCOUNT", "the account's name", Kind::Required, Names::Account};
 
@@ -59,13 +63,8 @@ int create(Session &session, const Given &given)
 }
 
 // No command of the agent lists the accounts: the system's user database is their only record.
-int list(Session &session, const Given &)
+QJsonArray accountsHere()
 {
-    if (const std::optional<int> end = refusedElsewhere(session))
-        return *end;
-    if (session.options.printOnly)
-        return fail(kWrongUsage, u"the list of accounts is read from the user database, not asked for"_s);
-
     QList<hosting::User> accounts;
     for (const hosting::User &user : hosting::users()) {
         if (hosting::hasMarker(user.comment))
@@ -73,21 +72,49 @@ int list(Session &session, const Given &)
     }
     std::sort(accounts.begin(), accounts.end(), [](const auto &a, const auto &b) { return a.name < b.name; });
 
+    QJsonArray all;
+    for (const hosting::User &user : accounts)
+        all.append(QJsonObject{{u"username"_s, user.name},
+                               {u"domain"_s, hosting::domainIn(user.comment)},
+                               {u"home"_s, user.home},
+                               {u"uid"_s, static_cast<qint64>(user.uid)}});
+    return all;
+}
+
+// The list that a corvctl on another server prints. Nothing where there is none, which is said on standard error.
+std::optional<QJsonArray> accountsThere(const Session &session, int *status)
+{
+    const Distant list = runThere(session.options, {u"corvctl"_s, u"account"_s, u"list"_s, u"--json"_s}, kListSeconds);
+    const QJsonObject answer = QJsonDocument::fromJson(list.output).object();
+    if (list.problem.isEmpty() && answer.value("accounts"_L1).isArray())
+        return answer.value("accounts"_L1).toArray();
+    *status = list.problem.isEmpty() ? fail(kNoConnection, u"what answers there is no list of accounts"_s)
+                                     : fail(list.status, list.problem);
+    return {};
+}
+
+int list(Session &session, const Given &)
+{
+    if (session.options.printOnly)
+        return fail(kWrongUsage, u"the list of accounts is read from the user database, not asked for"_s);
+
+    int status = kNoConnection;
+    const std::optional<QJsonArray> accounts =
+        session.options.hosts.empty() ? accountsHere() : accountsThere(session, &status);
+    if (!accounts)
+        return status;
+
     if (session.options.json) {
-        QJsonArray all;
-        for (const hosting::User &user : accounts)
-            all.append(QJsonObject{{u"username"_s, user.name},
-                                   {u"domain"_s, hosting::domainIn(user.comment)},
-                                   {u"home"_s, user.home},
-                                   {u"uid"_s, static_cast<qint64>(user.uid)}});
-        const QByteArray line = compactJson({{u"ok"_s, true}, {u"accounts"_s, all}});
+        const QByteArray line = compactJson({{u"ok"_s, true}, {u"accounts"_s, *accounts}});
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
         return kDone;
     }
-
     QList<Row> rows;
-    for (const hosting::User &user : accounts)
-        rows.append({text(user.name), text(hosting::domainIn(user.comment)), text(user.home), number(user.uid)});
+    for (const QJsonValue value : *accounts) {
+        const QJsonObject account = value.toObject();
+        rows.append({text(account.value("username"_L1).toString()), text(account.value("domain"_L1).toString()),
+                     text(account.value("home"_L1).toString()), number(account.value("uid"_L1).toInteger())});
+    }
     printTable(session, {u"ACCOUNT"_s, u"DOMAIN"_s, u"HOME"_s, u"UID"_s}, rows);
     return kDone;
 }

@@ -22,7 +22,6 @@ namespace {
 constexpr int kPingSeconds = 10;
 // The longest examination: its tools end after half a minute each, the measuring of homes after a minute.
 constexpr int kRemoteSeconds = 900;
-constexpr qsizetype kLongestReport = 16'777'216;
 
 Check checkAgent(Session &session)
 {
@@ -44,22 +43,16 @@ Check checkAgent(Session &session)
 }
 
 // The name of the other server is told by whoever asked for it; what comes from there is a report or nothing.
-int examineRemote(const Session &session, const QString &host, const QStringList &command)
+int examineThere(const Session &session)
 {
-    Remote remote;
-    if (const QString problem = remote.start(host, command); !problem.isEmpty())
-        return fail(kNoConnection, problem);
-    const int seconds = session.options.timeout > 0 ? session.options.timeout : kRemoteSeconds;
-    const std::optional<QByteArray> output = remote.readAll(seconds, kLongestReport);
-    if (!output)
-        return fail(kTimedOut, u"%1: no report within %2 s"_s.arg(host).arg(seconds));
-
-    const int status = remote.wait();
-    const std::optional<Report> report = parseReport(*output);
+    const Distant examination = runThere(session.options, {u"corvctl"_s, u"doctor"_s, u"--json"_s}, kRemoteSeconds);
+    const std::optional<Report> report = parseReport(examination.output);
+    if (!report && examination.problem.isEmpty())
+        return fail(kNoConnection, u"what answers there is no report"_s);
     if (!report)
-        return fail(kNoConnection, remote.explain());
+        return fail(examination.status, examination.problem);
     printReport(session, *report);
-    return status == kDone ? kDone : kRefused;
+    return examination.status == kDone ? kDone : kRefused;
 }
 
 int printPool(const QString &account)
@@ -78,10 +71,8 @@ int doctor(Session &session, const Given &given)
         (void)ask(session, u"ping"_s); // the one request that an examination sends
         return kDone;
     }
-    if (!session.options.hosts.empty()) {
-        return examineRemote(session, QString::fromStdString(session.options.hosts.front()),
-                             {u"corvctl"_s, u"doctor"_s, u"--json"_s});
-    }
+    if (!session.options.hosts.empty())
+        return examineThere(session);
     if (::geteuid() != 0) {
         return fail(kNoConnection, u"the doctor looks into what only root may read"_s,
                     u"run it as root: sudo corvctl doctor"_s);

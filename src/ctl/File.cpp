@@ -85,9 +85,9 @@ int write(Session &session, const Given &given)
 
 int put(Session &session, const Given &given)
 {
-    if (const std::optional<int> end = refusedElsewhere(session))
-        return *end;
     const QString local = given.text("FILE");
+    if (local == "-"_L1 && session.options.isOneOfMany)
+        return fail(kWrongUsage, u"standard input cannot go to several servers: name a FILE"_s);
     QString path = given.text("PATH");
     if (path.isEmpty() || path.endsWith(u'/'))
         path += nameIn(local);
@@ -104,30 +104,33 @@ int put(Session &session, const Given &given)
                                     : ::open(QFile::encodeName(local).constData(), O_RDONLY | O_CLOEXEC));
     if (!source)
         return fail(kWrongUsage, u"cannot read %1: %2"_s.arg(local, QString::fromLocal8Bit(std::strerror(errno))));
-    if (const QString problem = putIntoTransfer(session.terminal, source, name, escaped(nameIn(path)));
-        !problem.isEmpty())
+    if (const QString problem = putIntoTransfer(session, source, name, escaped(nameIn(path))); !problem.isEmpty())
         return fail(kRefused, u"%1: %2"_s.arg(local, problem));
 
     const Answer answer = ask(session, u"files"_s, args);
-    removeFromTransfer(name);
+    if (!answer.ok())
+        removeFromTransfer(session, name); // what it takes it also removes
     return settledWith(session, answer, u"%1: %2"_s.arg(path, humanBytes(answer.reply.value("size"_L1).toInteger())));
 }
 
 // Copies a download that waits in the transfer directory to where the user wants it.
-int fetch(const Session &session, const QString &name, const QString &local, const QString &what)
+int fetch(const Session &session, const QJsonObject &download, const QString &local, const QString &what)
 {
+    const QString name = download.value("transfer"_L1).toString();
+    const qint64 size = download.value("size"_L1).toInteger(-1);
     // A device or a pipe must not be replaced by a file.
     const bool inPlace = QFileInfo::exists(local) && !QFileInfo(local).isFile();
     if (local == "-"_L1 || inPlace) {
         const Fd target(inPlace ? ::open(QFile::encodeName(local).constData(), O_WRONLY | O_CLOEXEC)
                                 : ::dup(STDOUT_FILENO));
-        const QString problem = takeFromTransfer(session.terminal, name, target, what);
+        const QString problem = takeFromTransfer(session, name, size, target, what);
         return problem.isEmpty() ? kDone : fail(kRefused, problem);
     }
     NewFile file(local);
-    const QString problem = file.isOpen() ? takeFromTransfer(session.terminal, name, file.descriptor(), what)
+    const QString problem = file.isOpen() ? takeFromTransfer(session, name, size, file.descriptor(), what)
                                           : u"cannot write: %1"_s.arg(QString::fromLocal8Bit(std::strerror(errno)));
-    removeFromTransfer(name);
+    if (!file.isOpen())
+        removeFromTransfer(session, name);
     if (!problem.isEmpty() || !file.keep())
         return fail(kRefused, u"%1: %2"_s.arg(local, problem.isEmpty() ? u"cannot be replaced"_s : problem));
     return kDone;
@@ -135,8 +138,8 @@ int fetch(const Session &session, const QString &name, const QString &local, con
 
 int get(Session &session, const Given &given)
 {
-    if (const std::optional<int> end = refusedElsewhere(session))
-        return *end;
+    if (session.options.isOneOfMany)
+        return fail(kWrongUsage, u"files of several servers cannot have one name: name one server"_s);
     QString local = given.text("FILE");
     if (local.isEmpty())
         local = u"."_s;
@@ -148,8 +151,7 @@ int get(Session &session, const Given &given)
     const Answer answer = ask(session, u"files"_s, argsFor(given, u"download"_s));
     if (answer.fate == Answer::Fate::Printed || !answer.ok())
         return *settled(session, answer);
-    const int status =
-        fetch(session, answer.reply.value("transfer"_L1).toString(), local, escaped(nameIn(given.text("PATH"))));
+    const int status = fetch(session, answer.reply, local, escaped(nameIn(given.text("PATH"))));
     if (status != kDone || local == "-"_L1)
         return status;
     return settledWith(session, answer, u"%1: %2"_s.arg(local, humanBytes(answer.reply.value("size"_L1).toInteger())));

@@ -1,4 +1,5 @@
 #include "ctl/Command.h"
+#include "ctl/Remote.h"
 #include "ctl/Session.h"
 #include "ctl/SshLogin.h"
 #include "ctl/Table.h"
@@ -10,6 +11,9 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
 namespace {
+
+// How long another server is waited for that is asked for the port of the connection to it.
+constexpr int kLookSeconds = 60;
 
 int status(Session &session, const Given &)
 {
@@ -51,10 +55,20 @@ int list(Session &session, const Given &)
 // an sshd with other settings) the firewall would cut this very connection off.
 std::optional<int> wouldLockOut(Session &session)
 {
-    if (const std::optional<int> end = refusedElsewhere(session))
-        return end;
-    const QString own = sshLoginPort();
-    if (own.isEmpty() || session.options.printOnly)
+    if (session.options.printOnly)
+        return {};
+    QString own = sshLoginPort();
+    if (!session.options.hosts.empty()) {
+        // The way in is the one that ssh takes there, whatever this machine was reached by.
+        const Distant variable = runThere(session.options, {u"printenv"_s, u"SSH_CONNECTION"_s}, kLookSeconds);
+        own = sshPortIn(variable.output.trimmed());
+        if (own.isEmpty()) {
+            return fail(kNoConnection, variable.problem.isEmpty()
+                                           ? u"the port of the SSH connection is not told there"_s
+                                           : variable.problem);
+        }
+    }
+    if (own.isEmpty())
         return {};
     const Answer answer = ask(session, u"firewall.status"_s);
     if (!answer.ok())

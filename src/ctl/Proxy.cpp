@@ -1,8 +1,11 @@
 #include "ctl/Command.h"
 #include "ctl/Remote.h"
 #include "ctl/Session.h"
+#include "ctl/Transfer.h"
 
 #include <csignal>
+
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -12,11 +15,27 @@ namespace {
 // How long a place in the queue of an agent is waited for that has many clients already.
 constexpr int kConnectSeconds = 600;
 
+// Has its hands in the transfer directory for a corvctl elsewhere.
+int transfer(const Session &session, const Given &given)
+{
+    (void)std::signal(SIGPIPE, SIG_IGN); // nothing may be left in the directory when the other end goes
+    QString problem;
+    if (given.has("--put"))
+        problem = putIntoTransfer(session, Fd(::dup(STDIN_FILENO)), given.text("--put"), {});
+    else if (given.has("--take"))
+        problem = takeFromTransfer(session, given.text("--take"), -1, Fd(::dup(STDOUT_FILENO)), {});
+    else
+        removeFromTransfer(session, given.text("--drop"));
+    return problem.isEmpty() ? kDone : fail(kRefused, problem);
+}
+
 // What a corvctl elsewhere runs here through ssh. The agent sees the user as whom it logged in.
-int proxy(Session &session, const Given &)
+int proxy(Session &session, const Given &given)
 {
     if (!session.options.hosts.empty())
         return fail(kWrongUsage, u"proxy is what the other server runs: it takes no -H"_s);
+    if (given.has("--put") || given.has("--take") || given.has("--drop"))
+        return transfer(session, given);
     Fd socket;
     const int seconds = session.options.timeout > 0 ? session.options.timeout : kConnectSeconds;
     if (const std::optional<Answer> failure = session.client.open(seconds, &socket))
@@ -29,7 +48,12 @@ int proxy(Session &session, const Given &)
 
 Command proxyCommand()
 {
-    return {"proxy", "Connect standard input and output with the agent; what -H runs on the other server", {}, proxy};
+    return {"proxy",
+            "Connect standard input and output with the agent; what -H runs on the other server",
+            {{"--put", "put standard input into the transfer directory, under this name", Kind::Value},
+             {"--take", "take this file of the transfer directory out of it, to standard output", Kind::Value},
+             {"--drop", "remove this file from the transfer directory", Kind::Value}},
+            proxy};
 }
 
 } // namespace corv::ctl

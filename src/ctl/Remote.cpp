@@ -1,5 +1,7 @@
 #include "ctl/Remote.h"
 
+#include "ctl/Session.h"
+
 #include <QDeadlineTimer>
 
 #include <algorithm>
@@ -26,6 +28,7 @@ constexpr int kSshFailed = 255; // ssh's own failures, as its manual says
 constexpr int kNotFound = 127;  // the shell's, for a command that there is none of
 constexpr int kCannotStart = 126;
 constexpr qsizetype kComplaintBytes = 65'536;
+constexpr qsizetype kLongestOutput = 16'777'216;
 
 // What stands between fork and exec: nothing that takes memory.
 [[noreturn]] void becomeSsh(const std::vector<char *> &argv, int stream, int errors, pid_t parent)
@@ -163,6 +166,12 @@ Fd Remote::takeStream()
     return std::move(m_stream);
 }
 
+const Fd &Remote::blockingStream()
+{
+    (void)::fcntl(m_stream.get(), F_SETFL, 0);
+    return m_stream;
+}
+
 std::optional<QByteArray> Remote::readAll(int seconds, qsizetype limit)
 {
     (void)::shutdown(m_stream.get(), SHUT_WR);
@@ -220,6 +229,21 @@ QString Remote::explain() const
     if (!said.isEmpty())
         return u"%1: %2"_s.arg(m_host, said);
     return u"%1: ssh ended with exit code %2"_s.arg(m_host).arg(m_status);
+}
+
+Distant runThere(const Options &options, const QStringList &command, int seconds)
+{
+    const QString host = QString::fromStdString(options.hosts.front());
+    Remote remote;
+    if (const QString problem = remote.start(host, command); !problem.isEmpty())
+        return {{}, problem, kNoConnection};
+    const int patience = options.timeout > 0 ? options.timeout : seconds;
+    const std::optional<QByteArray> output = remote.readAll(patience, kLongestOutput);
+    if (!output)
+        return {{}, u"%1: no answer within %2 s"_s.arg(host, QString::number(patience)), kTimedOut};
+    if (remote.wait() != 0)
+        return {*output, remote.explain(), kNoConnection};
+    return {*output, {}, kDone};
 }
 
 Way wayTo(const QString &host, Remote *remote)

@@ -13,6 +13,8 @@
 
 namespace corv::ctl {
 
+struct Options;
+
 // Why ssh must not be given this text as [USER@]HOST, in a sentence; empty when it may.
 QString hostProblem(const QString &host);
 
@@ -32,8 +34,9 @@ public:
     // Returns why that cannot be, empty when it runs.
     QString start(const QString &host, const QStringList &command);
 
-    // The stream to the command's standard input, and from its standard output. It does not block.
+    // The stream to the command's standard input, and from its standard output. It does not block; the second one does.
     Fd takeStream();
+    const Fd &blockingStream();
 
     // All that the command writes to its standard output, at most limit bytes of it; nothing when it has not ended
     // after so many seconds.
@@ -55,6 +58,18 @@ private:
     int m_status = 0;
     QByteArray m_complaints;
 };
+
+// What a command on another server gave, or why it gave nothing: with an exit status of corvctl then.
+struct Distant
+{
+    QByteArray output;
+    QString problem; // a sentence; empty where the command succeeded
+    int status = 0;
+};
+
+// Runs a command on the other server that the options name, and waits for its end: so many seconds, where the options
+// name no time.
+Distant runThere(const Options &options, const QStringList &command, int seconds);
 
 // The way to the agent of another server, through remote, which must outlive its use.
 Way wayTo(const QString &host, Remote *remote);

@@ -113,13 +113,6 @@ int settledWith(const Session &session, const Answer &answer, const QString &sen
     return kDone;
 }
 
-std::optional<int> refusedElsewhere(const Session &session)
-{
-    if (session.options.hosts.empty())
-        return {};
-    return fail(kWrongUsage, u"this works on the server itself only"_s, u"log in there by ssh and run corvctl"_s);
-}
-
 int fail(int status, const QString &sentence, const QString &hint)
 {
     complain(sentence, hint);

@@ -31,6 +31,7 @@ struct Options
     bool printOnly = false; // print requests instead of sending them
     std::optional<std::string> confirm;
     std::vector<std::string> hosts; // other servers, as ssh takes them; none: this one
+    bool isOneOfMany = false;       // whether the same is done for other servers beside it
 };
 
 struct Command;
@@ -55,10 +56,6 @@ std::optional<int> settled(const Session &session, const Answer &answer);
 
 // settled() for commands whose success has nothing to show but this sentence.
 int settledWith(const Session &session, const Answer &answer, const QString &sentence);
-
-// For what is not asked of the agent but looked up on its server: why it cannot be had with -H, as an exit status after
-// a word on standard error; nothing on this server.
-std::optional<int> refusedElsewhere(const Session &session);
 
 // Says on standard error what is wrong, escaped, and gives the status back.
 int fail(int status, const QString &sentence, const QString &hint = {});

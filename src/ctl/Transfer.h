@@ -8,9 +8,10 @@
 
 namespace corv::ctl {
 
-struct Terminal;
+struct Session;
 
-// The largest file that goes through the transfer directory, in bytes.
+// The largest file that goes through the transfer directory, in bytes. It is the directory of this server, or that of
+// the server which the session's options name: a corvctl over there has its hands in it then.
 constexpr qint64 kLargestTransfer = 268'435'456;
 
 // A random name for an upload.
@@ -18,13 +19,14 @@ QString transferName();
 
 // Copies what source holds into the transfer directory under a name, with a bar on the terminal that speaks of what
 // (escaped). Nothing is left there when that fails. Empty, or what went wrong as a sentence.
-QString putIntoTransfer(const Terminal &terminal, const Fd &source, const QString &name, const QString &what);
+QString putIntoTransfer(const Session &session, const Fd &source, const QString &name, const QString &what);
 
-// Takes a file out of the transfer directory, likewise: copies it to target and removes it, also where that fails. The
-// name may be any text: one that leads elsewhere is refused.
-QString takeFromTransfer(const Terminal &terminal, const QString &name, const Fd &target, const QString &what);
+// Takes a file of so many bytes out of the transfer directory, likewise: copies it to target and removes it, also where
+// that fails. The name may be any text: one that leads elsewhere is refused.
+QString takeFromTransfer(const Session &session, const QString &name, qint64 size, const Fd &target,
+                         const QString &what);
 
 // Removes a file from the transfer directory, if it is there. Nothing happens to one that the name leads to elsewhere.
-void removeFromTransfer(const QString &name);
+void removeFromTransfer(const Session &session, const QString &name);
 
 } // namespace corv::ctl

@@ -56,6 +56,7 @@ int main(int argc, char **argv)
         return run(session, parsed);
     return onEachHost(hosts, [&](const std::string &host) {
         session.options.hosts = {host};
+        session.options.isOneOfMany = true;
         return run(session, parsed);
     });
 }

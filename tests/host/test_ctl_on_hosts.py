@@ -1,6 +1,7 @@
 """corvctl where the system is real: the doctor finds each fault and its command mends it; other servers over real ssh."""
 
 import json
+import os
 import re
 import subprocess
 
@@ -276,11 +277,12 @@ def client(well, running_host, package, tmp_path_factory):
     where they are; three is nowhere."""
     folder = tmp_path_factory.mktemp("client")
     subprocess.run(["dpkg-deb", "-x", package, folder / "package"], check=True)
-    hosts = {"one": well, "two": running_host}
-    for host in hosts.values():
+    hosts = {"one": well, "one-by-2222": well, "two": running_host}
+    for host in (well, running_host):
         host.put("/root/.ssh/authorized_keys", f"{well.key.public}\n", mode="0600")
     (folder / "config").write_text(
-        f"Host one two\n HostName {ADDRESS}\n User root\n IdentityFile {well.key.private}\n"
+        f"Host one one-by-2222 two\n HostName {ADDRESS}\n User root\n IdentityFile {well.key.private}\n"
+        "Host one-by-2222\n Port 2222\n"
         "Host *\n IdentitiesOnly yes\n StrictHostKeyChecking no\n UserKnownHostsFile /dev/null\n LogLevel ERROR\n")
     # All hosts have the same address, each in a network of its own.
     cases = "".join(f"{name}) in='nsenter -t {host._process.pid} -n --' ;;\n" for name, host in hosts.items())
@@ -293,7 +295,7 @@ def client(well, running_host, package, tmp_path_factory):
         return done.returncode, done.stdout, done.stderr
 
     yield run
-    for host in hosts.values():
+    for host in (well, running_host):
         host.ok(["rm", "/root/.ssh/authorized_keys"])
 
 
@@ -323,6 +325,33 @@ def test_an_agent_that_is_stopped_is_told_from_over_there(client, well):
         assert "/run/corvane/agent.sock" in err
     finally:
         well.ok(["systemctl", "start", "corv-agent"])
+
+
+def test_accounts_and_files_of_another_server(client, well, tmp_path):
+    name = well.tenant.name
+    code, out, err = client("-H", "one", "--plain", "account", "list")
+    assert (code, err) == (0, "")
+    assert [line.split("\t")[0] for line in out.splitlines()] == [name]
+    content = os.urandom(3_000_000)
+    (tmp_path / "a file").write_bytes(content)
+    assert client("-H", "one", "--plain", "file", "put", name, str(tmp_path / "a file"), "tmp/it's here") == (0, "", "")
+    assert well.ok(["stat", "-c", "%U %s", f"/home/{name}/tmp/it's here"]) == f"{name} {len(content)}\n"
+    assert client("-H", "one", "--plain", "file", "get", name, "tmp/it's here", str(tmp_path / "back")) == (0, "", "")
+    assert (tmp_path / "back").read_bytes() == content
+    assert well.ok(["ls", "-A", "/var/lib/corvane/transfer"]) == ""
+    well.ok(["rm", f"/home/{name}/tmp/it's here"])
+
+
+def test_the_firewall_of_another_server_is_not_switched_on_where_it_would_cut_the_connection_off(client, well):
+    """sshd listens on a second port that its settings do not name, and it is the one by which ssh comes in."""
+    well.ok(["systemd-run", "--unit", "second-sshd", "/usr/sbin/sshd", "-D", "-p", "2222"])
+    try:
+        well.wait_for(lambda: well.run(["sh", "-c", "ss -ltn | grep -q :2222"]).code == 0, "the second sshd")
+        code, out, err = client("-H", "one-by-2222", "firewall", "enable")
+        assert (code, out) == (1, "")
+        assert err.startswith("corvctl: you are logged in by SSH on port 2222, but the agent sees sshd on port 22 only")
+    finally:
+        well.ok(["systemctl", "stop", "second-sshd"])
 
 
 def test_status_and_doctor_of_another_server(client):

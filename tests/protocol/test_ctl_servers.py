@@ -1,6 +1,7 @@
 """corvctl on other servers, through an ssh that is a stand-in: it goes no further than this sandbox."""
 
 import json
+import os
 
 import pytest
 from corvctl import corvctl
@@ -164,3 +165,123 @@ web1: 1 fault, 0 notes
 def test_a_doctor_that_is_not_there(ssh):
     ssh.answer("ssh", exit=127, err="bash: corvctl: command not found\n")
     assert corvctl(ssh, "doctor", "-H", "web1") == (3, "", "corvctl: web1: corvctl is not installed there\n")
+
+
+ACCOUNTS = {"ok": True, "accounts": [{"username": "alice", "domain": "alice.example.org", "home": "/home/alice", "uid": 1000},
+                                     {"username": "b\x1b", "domain": "", "home": "/home/b", "uid": 1001}]}
+
+
+def test_the_accounts_over_there(ssh):
+    ssh.answer("ssh", out=json.dumps(ACCOUNTS) + "\n")
+    assert corvctl(ssh, "account", "list", "-H", "web1") == (0, """\
+ACCOUNT  DOMAIN             HOME          UID
+alice    alice.example.org  /home/alice  1000
+b\\x1b                       /home/b      1001
+""", "")
+    code, out, err = corvctl(ssh, "account", "list", "--json", "-H", "web1")
+    assert (code, json.loads(out), err) == (0, ACCOUNTS, "")
+    assert ssh.argvs("ssh") == [["ssh", "-T", "--", "web1", "corvctl", "account", "list", "--json"]] * 2
+
+
+@pytest.mark.parametrize("answer, code, words", [
+    ({"exit": 127, "err": "bash: corvctl: command not found\n"}, 3, "web1: corvctl is not installed there"),
+    ({"exit": 255, "err": "ssh: no route\n"}, 3, "web1: ssh: no route"),
+    ({"out": "Welcome!\n"}, 3, "what answers there is no list of accounts"),
+    ({"hang": True}, 4, "web1: no answer within 1 s"),
+])
+def test_accounts_that_are_not_told(ssh, answer, code, words):
+    ssh.answer("ssh", **answer)
+    assert corvctl(ssh, "account", "list", "-H", "web1", "--timeout", "1") == (code, "", f"corvctl: {words}\n")
+
+
+def test_the_firewall_over_there_leaves_the_connection_to_it_open(ssh):
+    """What counts is the port that ssh came in by there, not how the administrator came to this machine."""
+    ssh.logs("agent: uid 0 ran firewall.status -> ok")
+    ssh.allows_loose_calls("dpkg-query", "sshd")
+    ssh.answer("ssh", "-T", "--", "web1", "printenv", ..., out="192.0.2.1 50000 192.0.2.2 2222\n")
+    code, out, err = corvctl(ssh, "firewall", "enable", "-H", "web1", env={"SSH_CONNECTION": "192.0.2.9 1 192.0.2.8 22"})
+    assert (code, out) == (1, "")
+    assert err.startswith("corvctl: you are logged in by SSH on port 2222, but the agent sees sshd on port 22 only")
+    assert ssh.argvs("ssh")[0] == ["ssh", "-T", "--", "web1", "printenv", "SSH_CONNECTION"]
+
+
+@pytest.mark.parametrize("answer, words", [
+    ({"out": "\n"}, "the port of the SSH connection is not told there"),
+    ({"exit": 255, "err": "ssh: no route\n"}, "web1: ssh: no route"),
+])
+def test_a_firewall_is_not_switched_on_blindly(ssh, answer, words):
+    ssh.answer("ssh", **answer)
+    assert corvctl(ssh, "firewall", "enable", "-H", "web1") == (3, "", f"corvctl: {words}\n")
+
+
+def files_of(sandbox, folder):
+    return sorted(os.listdir(sandbox.path(folder)))
+
+
+def test_a_file_travels_to_another_server_and_back(ssh):
+    ssh.add_account("alice", "alice.example.org")
+    ssh.logs(*["agent: uid 0 ran files -> ok"] * 3)
+    content = os.urandom(3_000_000)
+    ssh.write("/root/picture.png", content)
+    assert corvctl(ssh, "file", "put", "alice", "/root/picture.png", "-H", "web1") == (0, "picture.png: 2.9 MiB\n", "")
+    assert ssh.path("/home/alice/picture.png").read_bytes() == content
+    assert corvctl(ssh, "file", "get", "alice", "picture.png", "/root/back", "-H", "web1") == (0, "/root/back: 2.9 MiB\n", "")
+    assert ssh.path("/root/back").read_bytes() == content
+    ssh.write("/home/alice/a.txt", "hello\n", 0o644, "alice:alice")
+    assert corvctl(ssh, "file", "get", "alice", "a.txt", "-", "-H", "web1") == (0, "hello\n", "")
+    assert files_of(ssh, "/var/lib/corvane/transfer") == []
+    assert files_of(ssh, "/root") == ["back", "picture.png"]
+    words = [argv[4:] for argv in ssh.argvs("ssh")]
+    assert [" ".join(argv).partition("=")[0] for argv in words] == [
+        "corvctl proxy --put", "corvctl proxy", "corvctl proxy", "corvctl proxy --take", "corvctl proxy", "corvctl proxy --take"]
+
+
+def test_an_upload_that_is_refused_leaves_nothing_on_the_other_server(ssh):
+    ssh.add_account("alice", "alice.example.org")
+    ssh.logs("agent: uid 0 ran files -> failed")
+    ssh.write("/root/a", "x")
+    assert corvctl(ssh, "file", "put", "alice", "/root/a", "../x", "-H", "web1")[:2] == (1, "")
+    assert files_of(ssh, "/var/lib/corvane/transfer") == []
+    assert ssh.argvs("ssh")[-1][4:6] == ["corvctl", "proxy"]
+
+
+def test_an_upload_that_is_cut_off_on_its_way_is_not_used(ssh):
+    ssh.write("/root/a", b"x" * 1_000_000)
+    ssh.answer("ssh", ignore_input=True, exit=255, err="ssh: cut off\n")
+    assert corvctl(ssh, "file", "put", "alice", "/root/a", "-H", "web1") == (1, "", "corvctl: /root/a: web1: ssh: cut off\n")
+    assert len(ssh.argvs("ssh")) == 1
+
+
+def test_a_download_that_is_cut_off_on_its_way_leaves_the_old_file(ssh):
+    ssh.add_account("alice", "alice.example.org")
+    ssh.logs("agent: uid 0 ran files -> ok")
+    ssh.write("/home/alice/a.txt", "hello\n", 0o644, "alice:alice")
+    ssh.write("/root/old", "old")
+    ssh.answer("ssh", shell='shift 3; case "$*" in *--take*) echo he; echo lost >&2; exit 255 ;; *) exec "$@" ;; esac')
+    code, out, err = corvctl(ssh, "file", "get", "alice", "a.txt", "/root/old", "-H", "web1")
+    assert (code, out) == (1, "")
+    assert err.startswith("corvctl: /root/old: web1: ")
+    assert "lost" in err
+    assert ssh.read("/root/old") == "old"
+    assert files_of(ssh, "/root") == ["old"]
+
+
+@pytest.mark.parametrize("words, complaint", [
+    (["put", "alice", "-", "x"], "standard input cannot go to several servers: name a FILE"),
+    (["get", "alice", "x"], "files of several servers cannot have one name: name one server"),
+])
+def test_what_has_one_end_does_not_go_to_several_servers(ssh, words, complaint):
+    code, out, err = corvctl(ssh, "file", *words, "-H", "web1", "-H", "web2")
+    assert (code, out) == (2, "")
+    assert sorted(err.splitlines()) == [
+        "2 hosts: 2 wrong usage (web1 web2)", f"web1: corvctl: {complaint}", f"web2: corvctl: {complaint}"]
+    assert ssh.argvs("ssh") == []
+
+
+@pytest.mark.parametrize("action", ["--put", "--take"])
+@pytest.mark.parametrize("name", ["../../etc/passwd", "a/b", "a b", "."])
+def test_the_proxy_stays_in_the_transfer_directory(sandbox, action, name):
+    code, out, err = corvctl(sandbox, "proxy", f"{action}={name}", input="x")
+    assert (code, out) == (1, "")
+    assert err.startswith("corvctl: ")
+    assert files_of(sandbox, "/var/lib/corvane/transfer") == []
