@@ -36,7 +36,7 @@ inline void row(const std::string &what, const std::string &ours, const std::str
 inline std::string number(double value, const char *unit = "", int digits = 2)
 {
     char text[64];
-    std::snprintf(text, sizeof text, "%.*f%s", digits, value, unit);
+    (void)std::snprintf(text, sizeof text, "%.*f%s", digits, value, unit);
     return text;
 }
 

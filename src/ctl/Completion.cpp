@@ -12,8 +12,8 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-// What may stand at one place of a command line.
-struct Place
+// What may stand at one position of a command line.
+struct Position
 {
     QString path;   // the commands before it, such as "account keys"
     QString after;  // the option that it is the value of; empty for a word
@@ -44,46 +44,46 @@ QList<QStringList> wordsFor(const Parameter &parameter)
     return words;
 }
 
-void addValues(const std::vector<Parameter> &parameters, const QString &path, QList<Place> *places)
+void addValues(const std::vector<Parameter> &parameters, const QString &path, QList<Position> *positions)
 {
     for (const Parameter &parameter : parameters) {
         if (parameter.kind != Kind::Value)
             continue;
         for (const QString &spelling : spellings(parameter))
-            places->append({path, spelling, 0, parameter.names, wordsFor(parameter)});
+            positions->append({path, spelling, 0, parameter.names, wordsFor(parameter)});
     }
 }
 
-void addPlaces(const std::vector<Command> &commands, const QString &path, QList<Place> *places)
+void addPositions(const std::vector<Command> &commands, const QString &path, QList<Position> *positions)
 {
-    Place first = {path, {}, 0, Names::Nothing, {}};
+    Position first = {path, {}, 0, Names::Nothing, {}};
     for (const Command &command : commands)
         first.words.append({QString::fromUtf8(command.name), QString::fromUtf8(command.help)});
-    places->append(first);
+    positions->append(first);
 
     for (const Command &command : commands) {
         const QString below = (path + u' ' + QString::fromUtf8(command.name)).trimmed();
         if (!command.commands.empty()) {
-            addPlaces(command.commands, below, places);
+            addPositions(command.commands, below, positions);
             continue;
         }
-        addValues(command.parameters, below, places);
+        addValues(command.parameters, below, positions);
         int number = 0;
         for (const Parameter &parameter : command.parameters) {
             if (!isOption(parameter))
-                places->append({below, {}, number++, parameter.names, wordsFor(parameter)});
+                positions->append({below, {}, number++, parameter.names, wordsFor(parameter)});
         }
     }
 }
 
 // Each command's path with its options, each with what is said of it.
-QList<Place> optionsOf(const std::vector<Command> &commands, const QString &path)
+QList<Position> optionsOf(const std::vector<Command> &commands, const QString &path)
 {
-    QList<Place> all;
+    QList<Position> all;
     for (const Command &command : commands) {
         const QString below = (path + u' ' + QString::fromUtf8(command.name)).trimmed();
         all += optionsOf(command.commands, below);
-        Place options = {below, {}, 0, Names::Nothing, {}};
+        Position options = {below, {}, 0, Names::Nothing, {}};
         for (const Parameter &parameter : command.parameters) {
             if (isOption(parameter))
                 options.words.append({spellings(parameter).last(), QString::fromUtf8(parameter.help)});
@@ -119,39 +119,39 @@ QString namesOf(const QList<QStringList> &words, bool withHelp)
 }
 
 // The words that open a path, as patterns of a case statement on "PATH WORD".
-QString pathPatterns(const QList<Place> &places)
+QString pathPatterns(const QList<Position> &positions)
 {
     QStringList patterns;
-    for (const Place &place : places) {
-        if (!place.after.isEmpty() || place.number != 0)
+    for (const Position &position : positions) {
+        if (!position.after.isEmpty() || position.number != 0)
             continue;
-        for (const QStringList &word : place.words) {
+        for (const QStringList &word : position.words) {
             if (!word[1].isEmpty())
-                patterns.append(u'"' + place.path + u' ' + word[0] + u'"');
+                patterns.append(u'"' + position.path + u' ' + word[0] + u'"');
         }
     }
     return patterns.join(u" | "_s);
 }
 
 // All options that take a value, as patterns.
-QString valuePatterns(const QList<Place> &places)
+QString valuePatterns(const QList<Position> &positions)
 {
     QStringList patterns;
-    for (const Place &place : places) {
-        if (!place.after.isEmpty() && !patterns.contains(place.after))
-            patterns.append(place.after);
+    for (const Position &position : positions) {
+        if (!position.after.isEmpty() && !patterns.contains(position.after))
+            patterns.append(position.after);
     }
     return patterns.join(u" | "_s);
 }
 
-// The one shape of both scripts: what was typed is read from the left into a path and a place, then looked up.
+// The one shape of both scripts: what was typed is read from the left into a path and a position, then looked up.
 const auto kBash = uR"script(# Completion for corvctl; written by "corvctl completion bash".
 _corvctl_accounts() {
     getent passwd | awk -F: '$5 ~ /^Corvane account/ { print $1 }'
 }
 
 _corvctl() {
-    local cur=${COMP_WORDS[COMP_CWORD]} prev="" path="" place=0 i word
+    local cur=${COMP_WORDS[COMP_CWORD]} prev="" path="" position=0 i word
     COMPREPLY=()
     for ((i = 1; i < COMP_CWORD; i++)); do
         word=${COMP_WORDS[i]}
@@ -165,7 +165,7 @@ _corvctl() {
         *)
             case "$path $word" in
             %2) path=${path:+$path }$word ;;
-            *) place=$((place + 1)) ;;
+            *) position=$((position + 1)) ;;
             esac
             ;;
         esac
@@ -180,7 +180,7 @@ _corvctl() {
         case $path in
 %5        esac
     else
-        case "$path:$place" in
+        case "$path:$position" in
 %6        esac
     fi
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$cur")
@@ -198,7 +198,7 @@ _corvctl_accounts() {
 
 _corvctl() {
     local prev="" trail="" word
-    local -i place=0 i
+    local -i position=0 i
     local -a items
     for ((i = 2; i < CURRENT; i++)); do
         word=$words[i]
@@ -212,7 +212,7 @@ _corvctl() {
         *)
             case "$trail $word" in
             %2) trail=${trail:+$trail }$word ;;
-            *) place=$((place + 1)) ;;
+            *) position=$((position + 1)) ;;
             esac
             ;;
         esac
@@ -226,7 +226,7 @@ _corvctl() {
         case $trail in
 %5        esac
     else
-        case "$trail:$place" in
+        case "$trail:$position" in
 %6        esac
     fi
     (( ! $#items )) || _describe word items
@@ -245,7 +245,7 @@ function __corvctl_at
     set -l words (commandline -opc)
     set -e words[1]
     set -l path
-    set -l place 0
+    set -l position 0
     set -l value no
     for word in $words
         if test $value = yes
@@ -260,51 +260,51 @@ function __corvctl_at
                 if contains -- (string trim -- "$path $word") %2
                     set path (string trim -- "$path $word")
                 else
-                    set place (math $place + 1)
+                    set position (math $position + 1)
                 end
         end
     end
-    test "$path" = "$argv[1]"; and test "$argv[2]" = any -o "$argv[2]" = $place
+    test "$path" = "$argv[1]"; and test "$argv[2]" = any -o "$argv[2]" = $position
 end
 
 complete -c corvctl -f
 )script"_s;
 
-// The lines of a case statement for bash or zsh that give what may stand at the places.
-QString cases(const QList<Place> &places, bool zsh)
+// The lines of a case statement for bash or zsh that give what may stand at the positions.
+QString cases(const QList<Position> &positions, bool zsh)
 {
     QString text;
-    for (const Place &place : places) {
+    for (const Position &position : positions) {
         QString action;
-        if (place.names == Names::Account)
+        if (position.names == Names::Account)
             action = zsh ? u"_corvctl_accounts"_s : u"words=$(_corvctl_accounts)"_s;
-        else if (place.names == Names::File)
+        else if (position.names == Names::File)
             action = zsh ? u"_files"_s : u"mapfile -t COMPREPLY < <(compgen -f -- \"$cur\") && return"_s;
-        else if (!place.words.isEmpty())
-            action = zsh ? u"items=(%1)"_s.arg(namesOf(place.words, true))
-                         : u"words=\"%1\""_s.arg(namesOf(place.words, false));
+        else if (!position.words.isEmpty())
+            action = zsh ? u"items=(%1)"_s.arg(namesOf(position.words, true))
+                         : u"words=\"%1\""_s.arg(namesOf(position.words, false));
         else
             continue;
-        const QString what = place.after.isEmpty() ? QString::number(place.number) : place.after;
+        const QString what = position.after.isEmpty() ? QString::number(position.number) : position.after;
         // The values of the common options, which have no path, are the same behind any.
-        const bool common = !place.after.isEmpty() && place.path.isEmpty();
-        text += u"        %1\"%2:%3\") %4 ;;\n"_s.arg(common ? u"*"_s : QString(), common ? QString() : place.path,
+        const bool common = !position.after.isEmpty() && position.path.isEmpty();
+        text += u"        %1\"%2:%3\") %4 ;;\n"_s.arg(common ? u"*"_s : QString(), common ? QString() : position.path,
                                                       what, action);
     }
     return text;
 }
 
-QString optionCases(const QList<Place> &options, bool zsh)
+QString optionCases(const QList<Position> &options, bool zsh)
 {
     QString text;
-    for (const Place &place : options)
+    for (const Position &position : options)
         text += (zsh ? u"        \"%1\") items+=(%2) ;;\n"_s : u"        \"%1\") words+=\" %2\" ;;\n"_s)
-                    .arg(place.path, namesOf(place.words, zsh));
+                    .arg(position.path, namesOf(position.words, zsh));
     return text;
 }
 
-QString withCases(const QString &script, const QList<Place> &words, const QList<Place> &values,
-                  const QList<Place> &options, bool zsh)
+QString withCases(const QString &script, const QList<Position> &words, const QList<Position> &values,
+                  const QList<Position> &options, bool zsh)
 {
     return script.arg(valuePatterns(values), pathPatterns(words), cases(values, zsh), namesOf(commonWords(), zsh),
                       optionCases(options, zsh), cases(words, zsh));
@@ -321,13 +321,13 @@ QString fishLine(const QString &condition, const QString &arguments, const QStri
     return line + u'\n';
 }
 
-QString fishArguments(const Place &place)
+QString fishArguments(const Position &position)
 {
-    if (place.names == Names::Account)
+    if (position.names == Names::Account)
         return u"-a '(__corvctl_accounts)'"_s;
-    if (place.names == Names::File)
+    if (position.names == Names::File)
         return u"-F"_s;
-    return u"-a "_s + quoted(namesOf(place.words, false));
+    return u"-a "_s + quoted(namesOf(position.words, false));
 }
 
 // How fish is told of an option, and of what its value may be.
@@ -361,14 +361,14 @@ QString fishCommands(const std::vector<Command> &commands, const QString &path)
     return text;
 }
 
-QString fish(const std::vector<Command> &commands, const QList<Place> &words, const QList<Place> &values)
+QString fish(const std::vector<Command> &commands, const QList<Position> &words, const QList<Position> &values)
 {
     QStringList paths;
-    for (const Place &place : words) {
-        if (!place.path.isEmpty() && !paths.contains(place.path))
-            paths.append(place.path);
-        for (const QStringList &word : place.words) {
-            const QString path = (place.path + u' ' + word[0]).trimmed();
+    for (const Position &position : words) {
+        if (!position.path.isEmpty() && !paths.contains(position.path))
+            paths.append(position.path);
+        for (const QStringList &word : position.words) {
+            const QString path = (position.path + u' ' + word[0]).trimmed();
             if (!word[1].isEmpty() && !paths.contains(path))
                 paths.append(path);
         }
@@ -380,11 +380,12 @@ QString fish(const std::vector<Command> &commands, const QList<Place> &words, co
     for (const Parameter &option : commonOptions())
         text += fishLine({}, fishOption(option), QString::fromUtf8(option.help));
     text += fishCommands(commands, {});
-    for (const Place &place : words) {
-        const bool commandNames = !place.words.isEmpty() && !place.words[0][1].isEmpty();
-        if (!commandNames && (place.names == Names::Account || place.names == Names::File || !place.words.isEmpty()))
-            text += fishLine(u"__corvctl_at \"%1\" %2"_s.arg(place.path, QString::number(place.number)),
-                             fishArguments(place), {});
+    for (const Position &position : words) {
+        const bool commandNames = !position.words.isEmpty() && !position.words[0][1].isEmpty();
+        if (!commandNames &&
+            (position.names == Names::Account || position.names == Names::File || !position.words.isEmpty()))
+            text += fishLine(u"__corvctl_at \"%1\" %2"_s.arg(position.path, QString::number(position.number)),
+                             fishArguments(position), {});
     }
     return text;
 }
@@ -392,21 +393,21 @@ QString fish(const std::vector<Command> &commands, const QList<Place> &words, co
 // cppcheck-suppress constParameter // a handler as all others
 int completion(Session &session, const Given &given)
 {
-    QList<Place> places;
-    addValues(commonOptions(), {}, &places);
-    addPlaces(*session.commands, {}, &places);
-    QList<Place> words;
-    QList<Place> values;
+    QList<Position> positions;
+    addValues(commonOptions(), {}, &positions);
+    addPositions(*session.commands, {}, &positions);
+    QList<Position> words;
+    QList<Position> values;
     // Values of a command's own options come before those of the common ones, whose pattern holds for any path.
-    for (const Place &place : places) {
-        if (place.after.isEmpty())
-            words.append(place);
-        else if (place.path.isEmpty())
-            values.append(place);
+    for (const Position &position : positions) {
+        if (position.after.isEmpty())
+            words.append(position);
+        else if (position.path.isEmpty())
+            values.append(position);
         else
-            values.prepend(place);
+            values.prepend(position);
     }
-    const QList<Place> options = optionsOf(*session.commands, {});
+    const QList<Position> options = optionsOf(*session.commands, {});
 
     const QString shell = given.text("bash|zsh|fish");
     if (shell == "fish"_L1)

@@ -40,7 +40,7 @@ constexpr qsizetype kLongestOutput = 16'777'216;
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    ::signal(SIGPIPE, SIG_DFL);
+    (void)::signal(SIGPIPE, SIG_DFL);
     ::dup2(stream, STDIN_FILENO);
     ::dup2(stream, STDOUT_FILENO);
     ::dup2(errors, STDERR_FILENO);

@@ -128,7 +128,7 @@ private Q_SLOTS:
     void judgesUpdates()
     {
         const qint64 now = 1'000'000'000;
-        const auto updates = [now](int security, const QJsonValue &checked) {
+        const auto updates = [](int security, const QJsonValue &checked) {
             return one(
                 u"updates.status"_s,
                 {{u"updates"_s, 5}, {u"security"_s, security}, {u"lastCheck"_s, checked}, {u"automatic"_s, true}});

@@ -60,6 +60,7 @@ QString text(const QByteArray &bytes)
 
 } // namespace corv::fuzz
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the fuzzers' library says how it is declared
 extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 {
     qputenv("LC_ALL", "C.UTF-8");
