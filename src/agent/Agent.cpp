@@ -92,7 +92,8 @@ QString printable(const QString &name)
 } // namespace
 
 Agent::Agent(quint32 allowedUid, QStringList services, backup::Config backups, QObject *parent)
-    : QObject(parent), m_allowedUid(allowedUid), m_services(std::move(services)), m_backups(std::move(backups)),
+    : QObject(parent), m_readiness(nullptr), m_allowedUid(allowedUid), m_services(std::move(services)),
+      m_backups(std::move(backups)),
       m_commands({
           {u"ping"_s, ping},
           {u"system.info"_s, systemInfo},
@@ -178,7 +179,7 @@ void Agent::onNewConnection()
         const auto answer = [this, uid](const QByteArray &line) {
             return compactJson(dispatch(line, static_cast<quint32>(uid))) + '\n';
         };
-        new Connection(std::move(descriptor), answer, this);
+        new Connection(std::move(descriptor), answer, &m_readiness, this);
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/Backup.h"
+#include "agent/Readiness.h"
 #include "agent/Reply.h"
 
 #include <QHash>
@@ -38,6 +39,7 @@ private:
     void onNewConnection();
 
     QLocalServer m_server;
+    Readiness m_readiness;
     quint32 m_allowedUid;
     QStringList m_services;
     backup::Config m_backups;

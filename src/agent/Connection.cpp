@@ -1,5 +1,6 @@
 #include "agent/Connection.h"
 
+#include "agent/Readiness.h"
 #include "agent/Stop.h"
 
 #include <QDeadlineTimer>
@@ -10,6 +11,7 @@
 #include <utility>
 
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 
 namespace corv {
@@ -22,16 +24,28 @@ constexpr qsizetype kMaxUnsent = 1'048'576;
 
 } // namespace
 
-Connection::Connection(Fd socket, Answerer answerer, QObject *parent)
-    : QObject(parent), m_socket(std::move(socket)), m_answerer(std::move(answerer)),
-      m_readable(m_socket.get(), QSocketNotifier::Read), m_writable(m_socket.get(), QSocketNotifier::Write)
+Connection::Connection(Fd socket, Answerer answerer, Readiness *readiness, QObject *parent)
+    : QObject(parent), m_socket(std::move(socket)), m_answerer(std::move(answerer)), m_readiness(readiness)
 {
-    m_writable.setEnabled(false);
-    connect(&m_readable, &QSocketNotifier::activated, this, &Connection::onReadable);
-    connect(&m_writable, &QSocketNotifier::activated, this, &Connection::onWritable);
+    if (m_readiness->add(m_socket.get(), [this](quint32 events) { onReady(events); }))
+        listenAsNeeded();
+    else
+        drop();
 }
 
-void Connection::onReadable()
+// A client that has gone altogether is told without being asked for, and found out by whatever is awaited of it.
+void Connection::onReady(quint32 events)
+{
+    const quint32 ready = (events & (EPOLLHUP | EPOLLERR)) != 0 ? m_awaited : events & m_awaited;
+    if ((ready & EPOLLOUT) != 0) {
+        flush();
+        serve();
+    }
+    if ((ready & EPOLLIN) != 0 && !m_dropped)
+        receive();
+}
+
+void Connection::receive()
 {
     std::array<char, kReadSize> chunk; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by recv
     const ssize_t count = ::recv(m_socket.get(), chunk.data(), chunk.size(), MSG_DONTWAIT);
@@ -41,12 +55,6 @@ void Connection::onReadable()
         m_received.append(chunk.data(), count);
     else
         m_peerFinished = true;
-    serve();
-}
-
-void Connection::onWritable()
-{
-    flush();
     serve();
 }
 
@@ -140,15 +148,18 @@ void Connection::listenAsNeeded()
         drop();
         return;
     }
-    m_writable.setEnabled(unsent() > 0);
-    m_readable.setEnabled(!m_peerFinished && unsent() <= kMaxUnsent);
+    const quint32 writing = unsent() > 0 ? quint32(EPOLLOUT) : 0;
+    const quint32 reading = !m_peerFinished && unsent() <= kMaxUnsent ? quint32(EPOLLIN) : 0;
+    if (m_awaited == (reading | writing))
+        return;
+    m_awaited = reading | writing;
+    m_readiness->setEvents(m_socket.get(), m_awaited);
 }
 
 void Connection::drop()
 {
     m_dropped = true;
-    m_readable.setEnabled(false);
-    m_writable.setEnabled(false);
+    m_readiness->remove(m_socket.get());
     deleteLater();
 }
 

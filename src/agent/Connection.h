@@ -4,13 +4,14 @@
 
 #include <QByteArray>
 #include <QObject>
-#include <QSocketNotifier>
 
 #include <functional>
 
 class QDeadlineTimer;
 
 namespace corv {
+
+class Readiness;
 
 // One accepted client: reads request lines, hands each to the answerer and sends the reply line as soon as it is there.
 //
@@ -25,14 +26,15 @@ public:
     // Takes a request line (with its line feed) and returns the reply line (with one).
     using Answerer = std::function<QByteArray(const QByteArray &line)>;
 
-    Connection(Fd socket, Answerer answerer, QObject *parent);
+    // readiness must outlive all that the event loop does with the connection.
+    Connection(Fd socket, Answerer answerer, Readiness *readiness, QObject *parent);
 
     // Waits until the client has taken what is unsent, at most until the deadline.
     void sendRest(const QDeadlineTimer &deadline);
 
 private:
-    void onReadable();
-    void onWritable();
+    void onReady(quint32 events);
+    void receive();
     void serve();
     [[nodiscard]] bool mayServe() const;
     [[nodiscard]] qsizetype unsent() const;
@@ -44,8 +46,8 @@ private:
 
     Fd m_socket;
     Answerer m_answerer;
-    QSocketNotifier m_readable;
-    QSocketNotifier m_writable;
+    Readiness *m_readiness;
+    quint32 m_awaited = 0;   // what the socket is watched for
     QByteArray m_received;   // bytes before m_start have been served
     qsizetype m_start = 0;   // where the next line begins
     qsizetype m_scanned = 0; // no line feed stands between m_start and here

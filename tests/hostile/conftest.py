@@ -29,6 +29,12 @@ def is_long(pytestconfig):
     return pytestconfig.getoption("--long")
 
 
+@pytest.fixture(scope="session")
+def some(is_long):
+    """some(cases, share, turn): the cases that there is time for. All with --long, else one in share, others at each turn."""
+    return lambda cases, share, turn: [case for i, case in enumerate(cases) if is_long or (turn + i) % share == 0]
+
+
 def pytest_terminal_summary(terminalreporter, config):
     if FIGURES.exists():
         terminalreporter.section("what happens when")

@@ -24,20 +24,14 @@ def test_the_account_of_the_scenarios_is_what_creation_makes(sandbox):
     assert account(sandbox) == ACTIVE
 
 
-# Without --long every call meets some fates, and every fate some calls: one case in so many.
-SHARE = 6
-
-
-def chosen(scenario, fate, targets, is_long):
-    """The calls that meet a fate in this run."""
-    first = SCENARIOS.index(scenario) + list(FATES).index(fate)
-    return [target for i, target in enumerate(targets) if is_long or (first + i) % SHARE == 0]
+# Without --long every call meets some fates, and every fate some calls.
+SHARE = 8
 
 
 @pytest.mark.parametrize("fate", FATES)
 @pytest.mark.parametrize("scenario", SCENARIOS, ids=lambda scenario: scenario.name)
-def test_program_that_goes_wrong(ground, is_long, scenario, fate):
-    targets = chosen(scenario, fate, record(ground, scenario).targets, is_long)
+def test_program_that_goes_wrong(ground, some, scenario, fate):
+    targets = some(record(ground, scenario).targets, SHARE, SCENARIOS.index(scenario) + list(FATES).index(fate))
     ground.agent(short_agent_executable())  # copied before there are threads: what is being written cannot be run
     # What never ends takes its time, but no processor: several at once.
     with ThreadPoolExecutor(8 if fate == "never ends" else 1) as pool:

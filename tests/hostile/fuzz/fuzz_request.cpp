@@ -7,6 +7,7 @@
 
 #include "agent/Agent.h"
 #include "agent/Connection.h"
+#include "agent/Readiness.h"
 #include "common/Json.h"
 
 #include <QCoreApplication>
@@ -115,7 +116,8 @@ void connection(const QByteArray &bytes)
     require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0, "there are sockets");
     const Fd client(ends[0]);
     const auto echo = [](const QByteArray &line) { return '<' + line; };
-    auto *server = new Connection(Fd(ends[1]), echo, QCoreApplication::instance());
+    static Readiness readiness(nullptr);
+    auto *server = new Connection(Fd(ends[1]), echo, &readiness, QCoreApplication::instance());
     bool gone = false;
     QObject::connect(server, &QObject::destroyed, server, [&gone] { gone = true; });
 
