@@ -17,6 +17,9 @@ namespace {
 
 // More than a text of 2 MiB can become when each of its bytes is written as an escape, and more than 5000 entries can.
 constexpr qsizetype kMaxAnswer = 16'777'216;
+// What a file that the helper writes may grow to before it is ended. The largest transfer must not touch it: whoever
+// looks for more at the end of a file is held to be about to write it.
+constexpr qint64 kFileFence = kMaxTransfer + 1'048'576;
 
 bool isOperation(const QString &name)
 {
@@ -40,7 +43,7 @@ Reply download(const QStringList &helper)
 
     hosting::Streams streams;
     streams.outputFile = file.descriptor();
-    streams.maxFileSize = kMaxTransfer;
+    streams.maxFileSize = kFileFence;
     if (const QString error = hosting::runWith(u"runuser"_s, helper, streams); !error.isEmpty())
         return fail(error.section(": "_L1, -1));
 
@@ -72,7 +75,7 @@ Reply upload(const QStringList &helper, const QString &transfer)
 
     hosting::Streams streams;
     streams.inputFile = file.get();
-    streams.maxFileSize = kMaxTransfer; // whoever still has the upload open could let it grow
+    streams.maxFileSize = kFileFence; // whoever still has the upload open could let it grow
     return ask(helper, streams);
 }
 

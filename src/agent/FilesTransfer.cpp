@@ -75,7 +75,8 @@ std::optional<qint64> Download::handOver()
     struct stat file = {};
     m_handedOver = isStillOurs() && ::fstat(m_folder.get(), &folder) == 0 &&
                    ::fchown(m_file.get(), folder.st_uid, folder.st_gid) == 0 &&
-                   ::fchmod(m_file.get(), kDownloadMode) == 0 && ::fstat(m_file.get(), &file) == 0;
+                   ::fchmod(m_file.get(), kDownloadMode) == 0 && ::fstat(m_file.get(), &file) == 0 &&
+                   file.st_size <= kMaxTransfer;
     return m_handedOver ? std::optional<qint64>(file.st_size) : std::nullopt;
 }
 

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -25,6 +26,7 @@ constexpr mode_t kNewFileMode = 0666; // less the process's mask
 constexpr mode_t kPermissionBits = 0777;
 constexpr mode_t kOwnerBits = 0600;
 constexpr qsizetype kRandomBytes = 8;
+constexpr auto kOwnDescriptors = "/proc/self/fd";
 
 Reply systemFailure()
 {
@@ -62,10 +64,14 @@ std::optional<QByteArray> behindLinks(QByteArray path)
 class NewFile
 {
 public:
-    NewFile(int folder, mode_t mode)
-        : m_folder(folder), m_file(::openat(folder, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode))
+    NewFile(int folder, mode_t mode) : m_folder(folder)
     {
-        if (m_file || (errno != EOPNOTSUPP && errno != EISDIR && errno != ENOENT && errno != EINVAL))
+        // Its name is given through /proc.
+        const bool mayBeNameless = ::access(kOwnDescriptors, F_OK) == 0;
+        if (mayBeNameless)
+            m_file = Fd(::openat(folder, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, mode));
+        const bool isSupported = errno != EOPNOTSUPP && errno != EISDIR && errno != ENOENT && errno != EINVAL;
+        if (m_file || (mayBeNameless && isSupported))
             return;
         m_name = temporaryName();
         m_file = Fd(::openat(folder, m_name.constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
@@ -103,7 +109,7 @@ private:
     bool giveName()
     {
         const QByteArray name = temporaryName();
-        const QByteArray self = "/proc/self/fd/" + QByteArray::number(m_file.get());
+        const QByteArray self = QByteArray(kOwnDescriptors) + '/' + QByteArray::number(m_file.get());
         if (::linkat(AT_FDCWD, self.constData(), m_folder, name.constData(), AT_SYMLINK_FOLLOW) != 0)
             return false;
         m_name = name;
@@ -140,7 +146,8 @@ Reply write(const QByteArray &path)
         return systemFailure();
     const qsizetype slash = target->lastIndexOf('/');
     const QByteArray name = target->mid(slash + 1);
-    const Fd folder(::open(target->left(slash + 1).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    // Writing to a folder takes no right to read it.
+    const Fd folder(::open(target->left(slash + 1).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!folder)
         return systemFailure();
 

@@ -18,13 +18,13 @@ Readiness::Readiness(QObject *parent)
     connect(&m_notifier, &QSocketNotifier::activated, this, &Readiness::onReady);
 }
 
-bool Readiness::add(int descriptor, Listener listener)
+bool Readiness::add(int descriptor, const Listener &listener)
 {
     epoll_event event = {};
     event.data.fd = descriptor;
     if (::epoll_ctl(m_epoll.get(), EPOLL_CTL_ADD, descriptor, &event) != 0)
         return false;
-    m_listeners.insert(descriptor, std::move(listener));
+    m_listeners.insert(descriptor, listener);
     return true;
 }
 

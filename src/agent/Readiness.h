@@ -23,7 +23,7 @@ public:
     explicit Readiness(QObject *parent);
 
     // Watches a descriptor, for nothing yet. False when the system cannot watch any more of them.
-    bool add(int descriptor, Listener listener);
+    bool add(int descriptor, const Listener &listener);
 
     // What a descriptor is watched for from now on.
     void setEvents(int descriptor, quint32 events);

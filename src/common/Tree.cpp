@@ -39,8 +39,8 @@ bool isFolder(int folder, const dirent &entry)
 class Walk
 {
 public:
-    Walk(int parent, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd)
-        : m_parent(parent), m_onFile(onFile), m_onFolderEnd(onFolderEnd)
+    Walk(int parent, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd, const EntryVisitor &onClosed)
+        : m_parent(parent), m_onFile(onFile), m_onFolderEnd(onFolderEnd), m_onClosed(onClosed)
     {}
 
     bool run(const char *name)
@@ -72,7 +72,7 @@ private:
             (void)self.release(); // the stream closes it
         struct stat status = {};
         if (!stream || ::fstat(folder.get(), &status) != 0) {
-            m_ok = false;
+            m_ok = m_onClosed && m_onClosed(above, name.c_str()) && m_ok;
             return;
         }
 
@@ -123,6 +123,7 @@ private:
     int m_parent;
     const EntryVisitor &m_onFile;
     const EntryVisitor &m_onFolderEnd;
+    const EntryVisitor &m_onClosed;
     std::vector<Level> m_path;
     Fd m_folder;
     bool m_ok = true;
@@ -130,9 +131,10 @@ private:
 
 } // namespace
 
-bool walkTree(int parent, const char *name, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd)
+bool walkTree(int parent, const char *name, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd,
+              const EntryVisitor &onClosed)
 {
-    return Walk(parent, onFile, onFolderEnd).run(name);
+    return Walk(parent, onFile, onFolderEnd, onClosed).run(name);
 }
 
 bool removeTree(int parent, const char *name)
@@ -141,9 +143,13 @@ bool removeTree(int parent, const char *name)
         return true;
     if (errno != EISDIR)
         return false;
+    const auto removeFolder = [](int folder, const char *child) {
+        return ::unlinkat(folder, child, AT_REMOVEDIR) == 0;
+    };
+    // An empty folder goes, whoever may read it.
     return walkTree(
-        parent, name, [](int folder, const char *file) { return ::unlinkat(folder, file, 0) == 0; },
-        [](int folder, const char *child) { return ::unlinkat(folder, child, AT_REMOVEDIR) == 0; });
+        parent, name, [](int folder, const char *file) { return ::unlinkat(folder, file, 0) == 0; }, removeFolder,
+        removeFolder);
 }
 
 } // namespace corv

@@ -11,9 +11,11 @@ namespace corv {
 using EntryVisitor = std::function<bool(int folder, const char *name)>;
 
 // Visits every entry below the folder name in the folder parent: what is not a folder with onFile, each folder, and at
-// the very end the named one itself, with onFolderEnd once all that is in it has been visited. Either may delete its
-// entry. Goes on after a failure; false when a visitor failed or something could not be read.
-bool walkTree(int parent, const char *name, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd);
+// the very end the named one itself, with onFolderEnd once all that is in it has been visited. A folder that cannot be
+// read is left to onClosed, where there is one. Each may delete its entry. Goes on after a failure; false when a
+// visitor failed or something could not be read.
+bool walkTree(int parent, const char *name, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd,
+              const EntryVisitor &onClosed = {});
 
 // Deletes the entry name of the folder parent, with all below it when it is a folder. False when any of it is left, or
 // when there was none.

@@ -284,10 +284,11 @@ def test_upload_that_is_no_file(files, kind):
 
 
 def test_upload_of_the_most_bytes(files):
-    files.pretend(shell="/usr/bin/wc -c >/tmp/count; echo '{\"ok\":true}'")
+    # Whoever copies it looks for more at its end, which is no reason to be killed.
+    files.pretend(shell="/usr/bin/cat >/tmp/copy && echo '{\"ok\":true}'")
     os.truncate(files.upload(NAME), LIMIT)
     assert files.ask("upload", "a", transfer=NAME) == DONE
-    assert int(files.sandbox.read("/tmp/count")) == LIMIT
+    assert files.sandbox.path("/tmp/copy").stat().st_size == LIMIT
     assert files.transfers() == []
 
 

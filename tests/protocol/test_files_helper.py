@@ -394,6 +394,26 @@ def test_write_without_the_right_to(files):
     assert files.names("closed") == ["a"]
 
 
+def test_write_into_a_folder_that_may_not_be_read(files):
+    files.mkdir("drop", 0o300)
+    for content in (b"new", b"newer"):
+        assert files.direct("write", "drop/a", input=content) == {"ok": True, "size": len(content)}
+    assert files.path("drop/a").read_bytes() == b"newer"
+    assert files.names("drop") == ["a"]
+
+
+def test_write_where_there_is_no_proc(files):
+    files.write("a", "old", 0o640)
+    assert files.direct("read", "a") == {"ok": True, "content": "old"}
+    write = f"/usr/sbin/runuser -u alice -- {AGENT_PATH} --files write /home/alice a"
+    code, out, _ = files.sandbox.run(
+        "/usr/bin/unshare", "-m", "/bin/sh", "-c", f"/usr/bin/mount -t tmpfs none /proc && echo new | {write}")
+    assert (code, out) == (0, '{"ok":true,"size":4}\n')
+    assert files.path("a").read_text() == "new\n"
+    assert files.sandbox.entry("/home/alice/a") == "0640 alice:alice"
+    assert "a" in files.names() and not [name for name in files.names() if name.startswith(".corv")]
+
+
 def test_write_through_a_link(files):
     files.write("logs/a", "old", 0o640)
     files.link("link", "logs/a")
@@ -627,6 +647,20 @@ def test_delete_of_a_deep_tree(files):
 def test_delete_of_the_home(files, path):
     assert files.direct("delete", path) == error("cannot delete the home folder")
     assert files.names() == [".ssh", "logs", "public_html", "tmp"]
+
+
+@pytest.mark.parametrize("mode", [0o000, 0o300, 0o400])
+def test_delete_of_an_empty_folder_that_may_not_be_read(files, mode):
+    files.mkdir("t")
+    for path in ("closed", "t/closed"):
+        files.mkdir(path, mode)
+    for path in ("closed", "t"):
+        assert files.direct("delete", path) == DONE
+    files.mkdir("full")
+    files.write("full/a")
+    files.path("full").chmod(0o300)
+    assert files.direct("delete", "full") == error("could not delete (all of) it")
+    assert files.names("full") == ["a"]
 
 
 def test_delete_that_fails(files):

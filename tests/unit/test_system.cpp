@@ -32,7 +32,7 @@ private Q_SLOTS:
 
     void readsWhatSystemctlShowsOfRealServices()
     {
-        QFile file(QFINDTESTDATA("data/systemctl-show.txt"));
+        QFile file(u"data/systemctl-show.txt"_s);
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QStringList services = {u"apache2"_s, u"postgresql"_s, u"no-such-service"_s};
         const QJsonArray expected = {
