@@ -137,7 +137,11 @@ int followBackup(Session &session, const QJsonObject &before)
     const QString newest = newestIn(last.reply);
     if (newest.isEmpty() || newest == newestIn(before))
         return fail(kRefused, u"no backup was made"_s, u"journalctl -u corv-backup tells why"_s);
-    const QJsonArray errors = backupsIn(last.reply).at(0).toObject().value("errors"_L1).toArray();
+    const QJsonObject backup = backupsIn(last.reply).at(0).toObject();
+    if (!backup.contains("errors"_L1))
+        return fail(kRefused, u"the backup %1 was made without a list of what is in it"_s.arg(newest),
+                    u"journalctl -u corv-backup tells why"_s);
+    const QJsonArray errors = backup.value("errors"_L1).toArray();
     if (!errors.isEmpty())
         return fail(kRefused, u"the backup %1 was made with %2 error(s)"_s.arg(newest, QString::number(errors.size())),
                     u"corvctl backup show %1 tells them"_s.arg(newest));

@@ -104,8 +104,9 @@ int put(Session &session, const Given &given)
                                     : ::open(QFile::encodeName(local).constData(), O_RDONLY | O_CLOEXEC));
     if (!source)
         return fail(kWrongUsage, u"cannot read %1: %2"_s.arg(local, QString::fromLocal8Bit(std::strerror(errno))));
-    if (const QString problem = putIntoTransfer(session, source, name, escaped(nameIn(path))); !problem.isEmpty())
-        return fail(kRefused, u"%1: %2"_s.arg(local, problem));
+    const Transferred sent = putIntoTransfer(session, source, name, escaped(nameIn(path)));
+    if (sent.status != kDone)
+        return fail(sent.status, u"%1: %2"_s.arg(local, sent.problem));
 
     const Answer answer = ask(session, u"files"_s, args);
     if (!answer.ok())
@@ -123,17 +124,19 @@ int fetch(const Session &session, const QJsonObject &download, const QString &lo
     if (local == "-"_L1 || inPlace) {
         const Fd target(inPlace ? ::open(QFile::encodeName(local).constData(), O_WRONLY | O_CLOEXEC)
                                 : ::dup(STDOUT_FILENO));
-        const QString problem = takeFromTransfer(session, name, size, target, what);
-        return problem.isEmpty() ? kDone : fail(kRefused, problem);
+        const Transferred taken = takeFromTransfer(session, name, size, target, what);
+        return taken.status == kDone ? kDone : fail(taken.status, taken.problem);
     }
     NewFile file(local);
-    const QString problem = file.isOpen() ? takeFromTransfer(session, name, size, file.descriptor(), what)
-                                          : u"cannot write: %1"_s.arg(QString::fromLocal8Bit(std::strerror(errno)));
-    if (!file.isOpen())
+    if (!file.isOpen()) {
+        const QString problem = QString::fromLocal8Bit(std::strerror(errno));
         removeFromTransfer(session, name);
-    if (!problem.isEmpty() || !file.keep())
-        return fail(kRefused, u"%1: %2"_s.arg(local, problem.isEmpty() ? u"cannot be replaced"_s : problem));
-    return kDone;
+        return fail(kRefused, u"%1: cannot write: %2"_s.arg(local, problem));
+    }
+    const Transferred taken = takeFromTransfer(session, name, size, file.descriptor(), what);
+    if (taken.status != kDone)
+        return fail(taken.status, u"%1: %2"_s.arg(local, taken.problem));
+    return file.keep() ? kDone : fail(kRefused, u"%1: cannot be replaced"_s.arg(local));
 }
 
 int get(Session &session, const Given &given)

@@ -195,7 +195,8 @@ int onEachHost(const std::vector<std::string> &hosts, const std::function<int(co
                 working.push_back(std::move(begun));
             ++next;
         }
-        passSome(&working);
+        if (!working.empty())
+            passSome(&working);
         for (const Work &one : working) {
             if (hasEnded(one))
                 statuses[one.host] = statusOf(one);

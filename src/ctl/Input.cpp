@@ -16,6 +16,10 @@ std::optional<QByteArray> readSource(const Session &session, const QString &path
 {
     QFile file;
     bool open = false;
+    if (path == "-"_L1 && session.options.isOneOfMany) {
+        (void)fail(kWrongUsage, u"standard input cannot go to several servers: name a file"_s);
+        return {};
+    }
     if (path == "-"_L1) {
         if (session.terminal.in && session.terminal.error)
             (void)std::fputs("corvctl: reading from the terminal; end with Ctrl-D\n", stderr);

@@ -18,15 +18,14 @@ constexpr int kConnectSeconds = 600;
 // Has its hands in the transfer directory for a corvctl elsewhere.
 int transfer(const Session &session, const Given &given)
 {
-    (void)std::signal(SIGPIPE, SIG_IGN); // nothing may be left in the directory when the other end goes
-    QString problem;
+    Transferred done;
     if (given.has("--put"))
-        problem = putIntoTransfer(session, Fd(::dup(STDIN_FILENO)), given.text("--put"), {});
+        done = putPiecesIntoTransfer(session, Fd(::dup(STDIN_FILENO)), given.text("--put"));
     else if (given.has("--take"))
-        problem = takeFromTransfer(session, given.text("--take"), -1, Fd(::dup(STDOUT_FILENO)), {});
+        done = takeFromTransfer(session, given.text("--take"), -1, Fd(::dup(STDOUT_FILENO)), {});
     else
         removeFromTransfer(session, given.text("--drop"));
-    return problem.isEmpty() ? kDone : fail(kRefused, problem);
+    return done.status == kDone ? kDone : fail(done.status, done.problem);
 }
 
 // What a corvctl elsewhere runs here through ssh. The agent sees the user as whom it logged in.
@@ -50,7 +49,7 @@ Command proxyCommand()
 {
     return {"proxy",
             "Connect standard input and output with the agent; what -H runs on the other server",
-            {{"--put", "put standard input into the transfer directory, under this name", Kind::Value},
+            {{"--put", "put the pieces on standard input into the transfer directory, under this name", Kind::Value},
              {"--take", "take this file of the transfer directory out of it, to standard output", Kind::Value},
              {"--drop", "remove this file from the transfer directory", Kind::Value}},
             proxy};

@@ -29,6 +29,7 @@ constexpr int kNotFound = 127;  // the shell's, for a command that there is none
 constexpr int kCannotStart = 126;
 constexpr qsizetype kComplaintBytes = 65'536;
 constexpr qsizetype kLongestOutput = 16'777'216;
+constexpr qsizetype kPieceOfOutput = 262'144;
 
 // What stands between fork and exec: nothing that takes memory.
 [[noreturn]] void becomeSsh(const std::vector<char *> &argv, int stream, int errors, pid_t parent)
@@ -132,6 +133,8 @@ QString Remote::start(const QString &host, const QStringList &command)
 {
     if (const QString problem = hostProblem(host); !problem.isEmpty())
         return problem;
+    (void)wait(); // an earlier command's ssh is near its end
+    m_complaints.clear();
     m_host = host;
 
     std::array<int, 2> stream = {};
@@ -166,26 +169,67 @@ Fd Remote::takeStream()
     return std::move(m_stream);
 }
 
-const Fd &Remote::blockingStream()
+// Waits until the stream is ready. What the command complains of has to be taken meanwhile, or it waits for that.
+Remote::Moved Remote::waitFor(short events, int seconds)
 {
-    (void)::fcntl(m_stream.get(), F_SETFL, 0);
-    return m_stream;
+    const QDeadlineTimer end(seconds * 1000LL);
+    for (;;) {
+        std::array<pollfd, 2> waiting = {pollfd{m_stream.get(), events, 0}, pollfd{m_errors.get(), POLLIN, 0}};
+        const int count = ::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime()));
+        if (count <= 0)
+            return count == 0 ? Moved::TimedOut : Moved::Ended;
+        if (waiting[1].revents != 0 && !readSome(m_errors, &m_complaints, kComplaintBytes))
+            m_errors.reset();
+        if (waiting[0].revents != 0)
+            return Moved::Some;
+    }
+}
+
+Remote::Moved Remote::write(const QByteArray &data, int seconds)
+{
+    for (qsizetype done = 0; done < data.size();) {
+        if (const Moved ready = waitFor(POLLOUT, seconds); ready != Moved::Some)
+            return ready;
+        const ssize_t count =
+            ::send(m_stream.get(), data.constData() + done, static_cast<size_t>(data.size() - done), MSG_NOSIGNAL);
+        if (count < 0 && errno != EAGAIN)
+            return Moved::Ended;
+        done += std::max<ssize_t>(count, 0);
+    }
+    return Moved::Some;
+}
+
+Remote::Moved Remote::read(QByteArray *data, int seconds)
+{
+    data->resize(kPieceOfOutput);
+    ssize_t count = -1;
+    do {
+        if (const Moved ready = waitFor(POLLIN, seconds); ready != Moved::Some)
+            return ready;
+        count = ::recv(m_stream.get(), data->data(), static_cast<size_t>(data->size()), 0);
+    } while (count < 0 && errno == EAGAIN);
+    data->resize(std::max<ssize_t>(count, 0));
+    return count > 0 ? Moved::Some : Moved::Ended;
+}
+
+void Remote::finishWriting()
+{
+    (void)::shutdown(m_stream.get(), SHUT_WR);
 }
 
 std::optional<QByteArray> Remote::readAll(int seconds, qsizetype limit)
 {
-    (void)::shutdown(m_stream.get(), SHUT_WR);
+    finishWriting();
     const QDeadlineTimer end(seconds * 1000LL);
     QByteArray output;
+    QByteArray piece;
     for (;;) {
-        // What it complains of has to be taken meanwhile, or it waits for that.
-        std::array<pollfd, 2> waiting = {pollfd{m_stream.get(), POLLIN, 0}, pollfd{m_errors.get(), POLLIN, 0}};
-        if (::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime())) <= 0)
+        const Moved moved = read(&piece, static_cast<int>((end.remainingTime() + 999) / 1000));
+        if (moved == Moved::TimedOut)
             return {};
-        if (waiting[1].revents != 0 && !readSome(m_errors, &m_complaints, kComplaintBytes))
-            m_errors.reset();
-        if (waiting[0].revents != 0 && !readSome(m_stream, &output, limit))
+        if (moved == Moved::Ended)
             return output;
+        output += piece.left(limit - output.size());
     }
 }
 
@@ -228,6 +272,8 @@ QString Remote::explain() const
         return u"%1: corvctl is not installed there"_s.arg(m_host);
     if (!said.isEmpty())
         return u"%1: %2"_s.arg(m_host, said);
+    if (m_status == 0)
+        return u"%1: the agent closed the connection without a reply"_s.arg(m_host);
     return u"%1: ssh ended with exit code %2"_s.arg(m_host).arg(m_status);
 }
 

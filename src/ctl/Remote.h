@@ -34,9 +34,21 @@ public:
     // Returns why that cannot be, empty when it runs.
     QString start(const QString &host, const QStringList &command);
 
-    // The stream to the command's standard input, and from its standard output. It does not block; the second one does.
+    // The stream to the command's standard input, and from its standard output. It does not block.
     Fd takeStream();
-    const Fd &blockingStream();
+
+    // What became of an attempt to move bytes: some were moved, the command takes or gives no more (or a signal came),
+    // or nothing moved for so many seconds.
+    enum class Moved { Some, Ended, TimedOut };
+
+    // Writes all of data to the command's standard input.
+    Moved write(const QByteArray &data, int seconds);
+
+    // Reads what there is of its standard output, or waits for some.
+    Moved read(QByteArray *data, int seconds);
+
+    // The command sees the end of its standard input.
+    void finishWriting();
 
     // All that the command writes to its standard output, at most limit bytes of it; nothing when it has not ended
     // after so many seconds.
@@ -51,6 +63,8 @@ public:
     [[nodiscard]] QString explain() const;
 
 private:
+    Moved waitFor(short events, int seconds);
+
     QString m_host;
     Fd m_stream;
     Fd m_errors;

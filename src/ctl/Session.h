@@ -32,6 +32,7 @@ struct Options
     std::optional<std::string> confirm;
     std::vector<std::string> hosts; // other servers, as ssh takes them; none: this one
     bool isOneOfMany = false;       // whether the same is done for other servers beside it
+    bool isShown = false;           // whether what it prints comes to a terminal, by way of another process
 };
 
 struct Command;

@@ -183,15 +183,19 @@ QList<StatusLine> backupLines(const QJsonObject &reply, qint64 now)
 
     const QString name = last.value("name"_L1).toString();
     const qint64 age = now - std::max(backupTime(name), last.value("created"_L1).toInteger());
+    const bool isTold = last.contains("errors"_L1);
     const QJsonArray errors = last.value("errors"_L1).toArray();
+    const QString outcome = !isTold            ? u"errors unknown"_s
+                            : errors.isEmpty() ? u"no errors"_s
+                                               : plural(errors.size(), u"error"_s, u"errors"_s);
     QList<StatusLine> lines = {
         {u"Backup"_s,
          u"%1 ago, %2, %3, %4%5"_s.arg(
              humanSeconds(std::max<qint64>(age, 0)),
-             plural(last.value("accounts"_L1).toArray().size(), u"account"_s, u"accounts"_s),
-             humanBytes(last.value("bytes"_L1).toInteger()),
-             errors.isEmpty() ? u"no errors"_s : plural(errors.size(), u"error"_s, u"errors"_s), running),
-         age > kOldBackup || !errors.isEmpty()}};
+             isTold ? plural(last.value("accounts"_L1).toArray().size(), u"account"_s, u"accounts"_s)
+                    : u"accounts unknown"_s,
+             humanBytes(last.value("bytes"_L1).toInteger()), outcome, running),
+         age > kOldBackup || !isTold || !errors.isEmpty()}};
     for (const auto &error : errors)
         lines.append({QString(), error.toString().simplified(), true});
     if (reply.value("next"_L1).toString().isEmpty())

@@ -28,6 +28,7 @@ int run(Session &session, const Parsed &parsed)
         session.client.setWay(wayTo(QString::fromStdString(session.options.hosts.front()), &remote));
 
     session.terminal = findTerminal();
+    session.terminal.out = session.terminal.out || session.options.isShown;
     const int status = parsed.handler(session, parsed.given);
     session.client = {}; // its end is what the other server waits for, and ssh with it
     // What a full disk or a closed pipe swallowed was not done.
@@ -54,6 +55,7 @@ int main(int argc, char **argv)
     }
     if (hosts.size() < 2)
         return run(session, parsed);
+    session.options.isShown = findTerminal().out;
     return onEachHost(hosts, [&](const std::string &host) {
         session.options.hosts = {host};
         session.options.isOneOfMany = true;

@@ -200,6 +200,26 @@ def test_a_file_that_cannot_be_fetched_leaves_nothing(server):
     declare(server, ["files-", "files"])
 
 
+def test_a_reader_that_goes_leaves_nothing_in_the_transfer_directory(server):
+    server.write("/home/alice/large", b"x" * 3_000_000, 0o644, "alice:alice")
+    corvctl(server, "--version")
+    shell = "corvctl file get alice large - 2>/tmp/err | head -c 1"
+    assert server.run("/bin/sh", "-c", shell, env={"PATH": "/standins/bin:/usr/bin:/bin"})[1] == "x"
+    assert "Broken pipe" in server.read("/tmp/err")
+    assert os.listdir(server.path("/var/lib/corvane/transfer")) == []
+    declare(server, ["files"])
+
+
+def test_an_upload_that_is_interrupted_leaves_nothing(server):
+    corvctl(server, "--version")
+    shell = ("mkfifo /tmp/fifo; exec 3<>/tmp/fifo; echo some >&3; corvctl file put alice /tmp/fifo x & "
+             'until [ "$(/usr/bin/cat /var/lib/corvane/transfer/* 2>/dev/null)" ]; do :; done; kill $!; wait $!')
+    code, out, err = server.run("/bin/sh", "-c", shell, env={"PATH": "/standins/bin:/usr/bin:/bin"})
+    assert (code, out) == (1, "")
+    assert err.endswith("corvctl: /tmp/fifo: interrupted\n")
+    assert os.listdir(server.path("/var/lib/corvane/transfer")) == []
+
+
 def test_a_file_that_is_too_large_is_not_sent(server):
     server.start()
     with server.write("/root/huge").open("wb") as file:
@@ -350,6 +370,16 @@ def test_a_backup_is_followed_to_its_end(server, errors, last):
                         f">{DISK}/2026-01-06_120000/manifest.json")
     assert written(server, "backup start --wait") == "backup begins\nalice\ndone\n" + last
     declare(server, ["backup.status", "backup.start"] + ["backup.status"] * 3)
+
+
+def test_a_backup_without_a_manifest_is_no_success(server):
+    server.answer("journalctl", call=1, out="old\n")
+    server.answer("journalctl", calls=(2, 99), out="old\ndone\n")
+    server.answer("systemctl", "start", ..., shell=f"mkdir -p {DISK}/2026-01-06_120000; : >{DISK}/2026-01-06_120000/manifest.json")
+    assert written(server, "backup start --wait") == \
+        "done\n! corvctl: the backup 2026-01-06_120000 was made without a list of what is in it\n" \
+        "!   journalctl -u corv-backup tells why\n= 1\n"
+    declare(server, ["backup.status", "backup.start", "backup.status"])
 
 
 def test_a_backup_that_leaves_nothing_is_no_success(server):

@@ -4,7 +4,7 @@ import json
 import os
 
 import pytest
-from corvctl import corvctl
+from corvctl import corvctl, on_terminal
 
 PONG = '{"ok":true,"version":"0.1"}\n'
 # What ssh does with its words: -T -- HOST COMMAND...
@@ -105,7 +105,7 @@ def test_four_hosts_at_a_time(ssh):
 
 def test_hosts_ask_for_nothing(ssh):
     ssh.answer("ssh", shell="cat; (: </dev/tty) 2>/dev/null && echo terminal >&2; exit 255")
-    code, out, err = corvctl(ssh, "call", "x", "-", "-H", "web1", "-H", "web2", input="{}")
+    code, out, err = corvctl(ssh, "call", "x", "-H", "web1", "-H", "web2", input="{}")
     assert "terminal" not in out + err
     assert code != 0
 
@@ -248,8 +248,46 @@ def test_an_upload_that_is_refused_leaves_nothing_on_the_other_server(ssh):
 def test_an_upload_that_is_cut_off_on_its_way_is_not_used(ssh):
     ssh.write("/root/a", b"x" * 1_000_000)
     ssh.answer("ssh", ignore_input=True, exit=255, err="ssh: cut off\n")
-    assert corvctl(ssh, "file", "put", "alice", "/root/a", "-H", "web1") == (1, "", "corvctl: /root/a: web1: ssh: cut off\n")
+    assert corvctl(ssh, "file", "put", "alice", "/root/a", "-H", "web1") == (3, "", "corvctl: /root/a: web1: ssh: cut off\n")
     assert len(ssh.argvs("ssh")) == 1
+
+
+@pytest.mark.parametrize("size", [100, 1_000_000])
+def test_half_an_upload_is_not_kept_on_the_other_server(ssh, size):
+    ssh.write("/root/a", b"x" * size)
+    ssh.answer("ssh", shell='shift 3; head -c 90 | "$@"; exit 255')
+    code, out, err = corvctl(ssh, "file", "put", "alice", "/root/a", "-H", "web1")
+    assert (code, out) == (3, "")
+    assert "the file was cut off on its way" in err
+    assert files_of(ssh, "/var/lib/corvane/transfer") == []
+
+
+@pytest.mark.parametrize("words", [["put", "alice", "/root/small"], ["put", "alice", "/root/large"]])
+def test_a_server_that_hangs_in_an_upload_is_given_up(ssh, words):
+    ssh.write("/root/small", b"x")
+    ssh.write("/root/large", b"x" * 3_000_000)
+    ssh.answer("ssh", hang=True)
+    assert corvctl(ssh, "--timeout", "1", "-H", "web1", "file", *words) == \
+        (4, "", f"corvctl: {words[-1]}: web1: no answer within 1 s\n")
+
+
+def test_a_server_that_hangs_in_a_download_is_given_up(ssh):
+    ssh.add_account("alice", "alice.example.org")
+    ssh.logs("agent: uid 0 ran files -> ok")
+    ssh.write("/home/alice/a.txt", "hello\n", 0o644, "alice:alice")
+    ssh.answer("ssh", shell='shift 3; case "$*" in *--take*) exec sleep 1000 ;; *) exec "$@" ;; esac')
+    assert corvctl(ssh, "--timeout", "2", "-H", "web1", "file", "get", "alice", "a.txt", "/root/a") == \
+        (4, "", "corvctl: /root/a: web1: no answer within 2 s\n")
+    assert files_of(ssh, "/root") == []
+    assert files_of(ssh, "/var/lib/corvane/transfer") == []
+
+
+def test_complaints_do_not_hold_an_upload_up(ssh):
+    ssh.add_account("alice", "alice.example.org")
+    ssh.logs("agent: uid 0 ran files -> ok")
+    ssh.write("/root/a", b"x" * 3_000_000)
+    ssh.answer("ssh", shell='shift 3; case "$*" in *--put*) head -c 300000 /dev/zero >&2 ;; esac; exec "$@"')
+    assert corvctl(ssh, "file", "put", "alice", "/root/a", "-H", "web1") == (0, "a: 2.9 MiB\n", "")
 
 
 def test_a_download_that_is_cut_off_on_its_way_leaves_the_old_file(ssh):
@@ -259,23 +297,41 @@ def test_a_download_that_is_cut_off_on_its_way_leaves_the_old_file(ssh):
     ssh.write("/root/old", "old")
     ssh.answer("ssh", shell='shift 3; case "$*" in *--take*) echo he; echo lost >&2; exit 255 ;; *) exec "$@" ;; esac')
     code, out, err = corvctl(ssh, "file", "get", "alice", "a.txt", "/root/old", "-H", "web1")
-    assert (code, out) == (1, "")
+    assert (code, out) == (3, "")
     assert err.startswith("corvctl: /root/old: web1: ")
     assert "lost" in err
+    assert files_of(ssh, "/var/lib/corvane/transfer") == []
     assert ssh.read("/root/old") == "old"
     assert files_of(ssh, "/root") == ["old"]
 
 
-@pytest.mark.parametrize("words, complaint", [
-    (["put", "alice", "-", "x"], "standard input cannot go to several servers: name a FILE"),
-    (["get", "alice", "x"], "files of several servers cannot have one name: name one server"),
+@pytest.mark.parametrize("line, complaint", [
+    ("file put alice - x", "standard input cannot go to several servers: name a FILE"),
+    ("file get alice x", "files of several servers cannot have one name: name one server"),
+    ("file write alice x", "standard input cannot go to several servers: name a file"),
+    ("account keys alice --set -", "standard input cannot go to several servers: name a file"),
+    ("account create alice a.example.org --key-file -", "standard input cannot go to several servers: name a file"),
+    ("call ping -", "standard input cannot go to several servers: name a file"),
 ])
-def test_what_has_one_end_does_not_go_to_several_servers(ssh, words, complaint):
-    code, out, err = corvctl(ssh, "file", *words, "-H", "web1", "-H", "web2")
+def test_what_has_one_end_does_not_go_to_several_servers(ssh, line, complaint):
+    code, out, err = corvctl(ssh, *line.split(), "-H", "web1", "-H", "web2", input="{}")
     assert (code, out) == (2, "")
     assert sorted(err.splitlines()) == [
         "2 hosts: 2 wrong usage (web1 web2)", f"web1: corvctl: {complaint}", f"web2: corvctl: {complaint}"]
     assert ssh.argvs("ssh") == []
+
+
+def test_what_comes_from_several_servers_cannot_steer_the_terminal(ssh):
+    ssh.add_account("alice", "alice.example.org")
+    ssh.logs(*["agent: uid 0 ran files -> ok"] * 4)
+    ssh.write("/home/alice/a.txt", "a\x1b]0;b\x07\u202ec\n", 0o644, "alice:alice")
+    hosts = ["-H", "web1", "-H", "web2"]
+    code, shown = on_terminal(ssh, *hosts, "file", "cat", "alice", "a.txt")
+    assert code == 0
+    assert sorted(shown.splitlines()[:-1]) == [rf"{host}: a\x1b]0;b\x07\u202ec" for host in ("web1", "web2")]
+    code, shown = on_terminal(ssh, *hosts, "--json", "file", "cat", "alice", "a.txt")
+    assert code == 0
+    assert r"\u202e" in shown and "\u202e" not in shown
 
 
 @pytest.mark.parametrize("action", ["--put", "--take"])

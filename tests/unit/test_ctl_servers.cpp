@@ -141,6 +141,22 @@ private Q_SLOTS:
                  QStringList({u"! 5, 0 of them for security, last looked for 8 d 0 h ago, automatic"_s}));
     }
 
+    void tellsThatABackupHasNoList()
+    {
+        const Replies whole =
+            one(u"backup.status"_s, {{u"next"_s, u"x"_s},
+                                     {u"backups"_s, QJsonArray{QJsonObject{{u"created"_s, 1'000'000'000},
+                                                                           {u"accounts"_s, QJsonArray()},
+                                                                           {u"errors"_s, QJsonArray()}}}}});
+        QVERIFY(linesOf(u"Backup"_s, whole).first().endsWith(u", 0 accounts, 0 B, no errors"_s));
+        const Replies bare =
+            one(u"backup.status"_s,
+                {{u"next"_s, u"x"_s}, {u"backups"_s, QJsonArray{QJsonObject{{u"created"_s, 1'000'000'000}}}}});
+        QVERIFY(linesOf(u"Backup"_s, bare).first().endsWith(u", accounts unknown, 0 B, errors unknown"_s));
+        QVERIFY(linesOf(u"Backup"_s, bare).first().startsWith(u'!'));
+        QVERIFY(!linesOf(u"Backup"_s, whole).first().startsWith(u'!'));
+    }
+
     void headsTheScreen()
     {
         QCOMPARE(statusHeading(u"web1"_s, {{u"a"_s, {}, false}}), u"web1 is well"_s);

@@ -1,0 +1,44 @@
+#include "ctl/Interrupt.h"
+
+#include <csignal>
+#include <initializer_list>
+
+namespace corv::ctl {
+namespace {
+
+volatile std::sig_atomic_t signalled = 0;
+
+void note(int)
+{
+    signalled = 1;
+}
+
+void setHandlers(void (*ending)(int), void (*pipe)(int))
+{
+    struct sigaction action = {};
+    for (const int signal : {SIGHUP, SIGINT, SIGTERM}) {
+        action.sa_handler = ending; // without SA_RESTART: what waits is to come back
+        (void)::sigaction(signal, &action, nullptr);
+    }
+    action.sa_handler = pipe;
+    (void)::sigaction(SIGPIPE, &action, nullptr);
+}
+
+} // namespace
+
+InterruptGuard::InterruptGuard()
+{
+    setHandlers(note, SIG_IGN);
+}
+
+InterruptGuard::~InterruptGuard()
+{
+    setHandlers(SIG_DFL, SIG_DFL);
+}
+
+bool interrupted()
+{
+    return signalled != 0;
+}
+
+} // namespace corv::ctl

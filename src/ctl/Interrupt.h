@@ -1,0 +1,22 @@
+#pragma once
+
+namespace corv::ctl {
+
+// As long as one of these is there, the signals that would end the program (interrupt, hang-up, termination, a pipe
+// that nobody reads) make system calls fail instead, so that nothing half done is left behind.
+class InterruptGuard
+{
+public:
+    InterruptGuard();
+    InterruptGuard(const InterruptGuard &) = delete;
+    InterruptGuard &operator=(const InterruptGuard &) = delete;
+    InterruptGuard(InterruptGuard &&) = delete;
+    InterruptGuard &operator=(InterruptGuard &&) = delete;
+    // From here on the signals end the program again.
+    ~InterruptGuard();
+};
+
+// Whether such a signal (but for the pipe) has come.
+bool interrupted();
+
+} // namespace corv::ctl
