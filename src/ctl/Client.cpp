@@ -148,7 +148,10 @@ Answer Client::request(const QByteArray &line, int seconds, const OnWaiting &onW
         if (end.hasExpired())
             return timedOut(seconds);
         if (wanted.revents == 0) {
-            onWaiting({sent == data.size() && wasTaken(socket), static_cast<int>(clock.elapsed() / 1000)});
+            const auto waited = static_cast<int>(clock.elapsed() / 1000);
+            if (m_way.lookAfter)
+                m_way.lookAfter();
+            onWaiting(m_way.open ? Waiting{{}, waited} : Waiting{sent == data.size() && wasTaken(socket), waited});
             continue;
         }
 

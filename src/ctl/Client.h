@@ -38,7 +38,8 @@ struct Answer
 // What is waited for, and how long already.
 struct Waiting
 {
-    bool taken;  // whether the agent has taken the request; until then it is busy with another
+    // Whether the agent has taken the request; until then it is busy with another. Not known of another server's.
+    std::optional<bool> taken;
     int seconds; // since it was sent
 };
 
@@ -50,6 +51,7 @@ struct Way
 {
     std::function<QString(Fd *)> open; // gives a stream to it; returns why there is none, empty when there is
     std::function<QString()> explain;  // why that stream ended before a reply
+    std::function<void()> lookAfter;   // to be called now and then while it is waited for
 };
 
 // A connection to the agent, made with the first request.

@@ -212,6 +212,15 @@ Remote::Moved Remote::read(QByteArray *data, int seconds)
     return count > 0 ? Moved::Some : Moved::Ended;
 }
 
+void Remote::takeComplaints()
+{
+    pollfd waiting = {m_errors.get(), POLLIN, 0};
+    while (m_errors && ::poll(&waiting, 1, 0) > 0) {
+        if (!readSome(m_errors, &m_complaints, kComplaintBytes))
+            m_errors.reset();
+    }
+}
+
 void Remote::finishWriting()
 {
     (void)::shutdown(m_stream.get(), SHUT_WR);
@@ -302,7 +311,8 @@ Way wayTo(const QString &host, Remote *remote)
             [remote] {
                 (void)remote->wait();
                 return remote->explain();
-            }};
+            },
+            [remote] { remote->takeComplaints(); }};
 }
 
 bool copyStreams(const Fd &socket)

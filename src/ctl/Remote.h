@@ -47,6 +47,9 @@ public:
     // Reads what there is of its standard output, or waits for some.
     Moved read(QByteArray *data, int seconds);
 
+    // Takes what the command complains of, if anything: with too much of it lying there it would wait.
+    void takeComplaints();
+
     // The command sees the end of its standard input.
     void finishWriting();
 

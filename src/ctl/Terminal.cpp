@@ -103,9 +103,10 @@ void Spinner::show(const Waiting &waiting)
     if (!m_terminal.moves || waiting.seconds < kPatientSeconds)
         return;
     const char turning = "|/-\\"[m_turn++ % 4];
-    draw(u"%1 %2 (%3 s)"_s.arg(QChar::fromLatin1(turning),
-                               waiting.taken ? u"the agent is working"_s : u"the agent is busy with another request"_s,
-                               QString::number(waiting.seconds)));
+    const QString what = !waiting.taken   ? u"the agent over there is working, or busy with another request"_s
+                         : *waiting.taken ? u"the agent is working"_s
+                                          : u"the agent is busy with another request"_s;
+    draw(u"%1 %2 (%3 s)"_s.arg(QChar::fromLatin1(turning), what, QString::number(waiting.seconds)));
 }
 
 Spinner::~Spinner()

@@ -33,6 +33,19 @@ def test_says_that_the_agent_is_busy_with_another_request(sandbox):
     sandbox.took("ping", {"ok": True})
 
 
+def test_does_not_know_what_the_agent_of_another_server_is_busy_with(sandbox):
+    sandbox.answer("apt", wait="/tmp/go")
+    sandbox.answer("ssh", shell='shift 3; exec "$@"')
+    sandbox.allows_loose_calls("ssh")
+    sandbox.start()
+    with Terminal(sandbox, "-H", "web1", "update", "list") as terminal:
+        assert re.fullmatch(r"[|/\\-] the agent over there is working, or busy with another request \(2 s\)",
+                            terminal.wait_for("(2 s)"))
+        sandbox.write("/tmp/go")
+        assert terminal.end() == (0, "PACKAGE  INSTALLED  NEW  SECURITY")
+    sandbox.took("updates.status", {"ok": True})
+
+
 def test_says_that_the_agent_is_working_on_ones_own_request(sandbox):
     sandbox.answer("apt", wait="/tmp/go")
     sandbox.start()
