@@ -66,11 +66,11 @@ QString addToFstab(const QString &mountPoint, QString *backup)
     return {};
 }
 
-// Puts the old /etc/fstab back in one step: a machine without one may not start again. False when it cannot be.
-bool restoreFstab(const QString &backup)
+// Puts the old /etc/fstab back in one step: a machine without one may not start again.
+void restoreFstab(const QString &backup)
 {
-    const std::optional<QByteArray> old = contentOf(backup);
-    return old && replaceFile(kFstab, *old, modeOf(backup));
+    if (const std::optional<QByteArray> old = contentOf(backup))
+        (void)replaceFile(kFstab, *old, modeOf(backup)); // nothing is left to try: the copy is there to see
 }
 
 } // namespace
@@ -100,9 +100,9 @@ Reply enable(const QJsonObject &)
     const auto failRestored = [&](const QString &message) {
         if (backup.isEmpty())
             return fail(message);
-        const bool restored = restoreFstab(backup); // nothing is left to try: the copy is there to see
-        (void)remount(home.point);                  // the file is what counts at the next start
-        return fail(restored ? message + " (/etc/fstab restored)"_L1 : message);
+        restoreFstab(backup);
+        (void)remount(home.point); // the file is what counts at the next start
+        return fail(message + " (/etc/fstab restored)"_L1);
     };
 
     if (const QString error = remount(home.point); !error.isEmpty())

@@ -213,9 +213,9 @@ def wrong_settings(scenario, recording, before, reply, found):
     for path, text in found.items():
         if text not in (before[path], *(texts[path] for texts in recording.settings)):
             wrong.append(f"{path} is neither the old nor the new one")
-    # Only a second failure, of the file that puts it back, may leave it changed; the reply then does not say otherwise.
-    is_told = not reply["ok"] and (scenario.ok or "restored" in reply["error"])
-    if scenario.command == "quota.enable" and is_told and found["/etc/fstab"] != before["/etc/fstab"]:
+    # Where a step fails by itself, the fault may be the second: that of putting the file back.
+    is_first = scenario.ok and not reply["ok"]
+    if scenario.command == "quota.enable" and is_first and found["/etc/fstab"] != before["/etc/fstab"]:
         wrong.append("/etc/fstab was not put back")
     return wrong
 
