@@ -3,10 +3,11 @@
 import json
 import signal
 
+from corvctl import corvctl
 from matrix import leftovers, record
 from programs import wait_until
 from sandbox import Sandbox
-from server import ACTIVE, GONE, NAME, account, remove_by_hand
+from server import ACTIVE, DATABASES, GONE, NAME, SUSPENDED, account, remove_by_hand
 
 # What the call does about the agent. A program that the agent is killed before has not been started.
 MOMENTS = {
@@ -38,6 +39,30 @@ def _wrong_after_stop(box, scenario, recording, target, answer):
     return wrong + leftovers(box, scenario, recording, target)
 
 
+def _doctors_faults(box):
+    """What the administrator is told of the account."""
+    code, out, err = corvctl(box, "doctor", "--json")
+    box.logs("agent: uid 0 ran ping -> ok")
+    assert code in (0, 1), err
+    findings = [finding for check in json.loads(out)["checks"] for finding in check["findings"]]
+    return [finding["problem"] for finding in findings if finding["level"] == "fault" and NAME in finding["problem"]]
+
+
+def _wrong_examination(box, scenario, found):
+    """Whether the doctor finds an account that is half there, and nothing where it is whole: (it is half there, what is wrong)."""
+    parts = {part: found[part] for part in found if part != "home"}  # what a home holds is the user's own affair
+    whole = [{part: state[part] for part in parts} for state in (scenario.before, scenario.after)]
+    if scenario.command == "hosting.create":
+        whole.append({part: ACTIVE[part] for part in parts})  # also one that is undone is complete before that
+    if found["site"] == scenario.before["site"] == SUSPENDED["site"]:
+        return False, []  # a site that no agent has written
+    faults = _doctors_faults(box)
+    aside = any(box.exists(f"{DATABASES}/db.{NAME}__{kind}") for kind in ("restore", "old"))
+    if parts in whole and not aside:
+        return False, [f"the account is {found}, and the doctor says {faults}"] if faults else []
+    return True, [] if faults else [f"the account is {found}, and the doctor finds nothing"]
+
+
 def _mend_account(box, scenario):
     """Brings the account back to where the request can be made: (how, what went wrong)."""
     found = account(box)
@@ -54,9 +79,10 @@ def _mend_account(box, scenario):
 
 
 def _wrong_after_kill(box, scenario, recording, answer):
-    """(how the account was mended, what is wrong): a killed agent starts again, and the request can be repeated."""
+    """(how the account was mended, whether the doctor found it half there, what is wrong): a killed agent starts again, and the
+    request can be repeated."""
     if answer:
-        return "", [f"a killed agent replied {answer!r}"]
+        return "", False, [f"a killed agent replied {answer!r}"]
     wait_until(lambda: not box.agent.others(), "the end of what the agent had started")
     box.agent.wait()
     found = account(box)
@@ -72,10 +98,12 @@ def _wrong_after_kill(box, scenario, recording, answer):
     if box.request("ping")["ok"] is not True:
         wrong.append("the agent that was started again does not answer")
 
+    half, problems = _wrong_examination(box, scenario, found)
+    wrong += problems
     how, problems = _mend_account(box, scenario)
     wrong += problems
     if scenario.command == "hosting.delete" and account(box) == GONE:
-        return how, wrong
+        return how, half, wrong
     if scenario.again:
         scenario.again(box)
     reply = box.request(scenario.command, scenario.args)
@@ -83,11 +111,12 @@ def _wrong_after_kill(box, scenario, recording, answer):
         wrong.append(f"repeated, the request is answered {reply}")
     if account(box) != scenario.after:
         wrong.append(f"after the repetition the account is {account(box)}")
-    return how, wrong
+    return how, half, wrong
 
 
 def cut_off(ground, scenario, target, moment):
-    """Runs a scenario in which the agent is killed or stopped at a call: (how the account was mended, what is wrong)."""
+    """Runs a scenario in which the agent is killed or stopped at a call: (how the account was mended, whether the doctor found
+    it half there, what is wrong)."""
     recording = record(ground, scenario)
     box = Sandbox(ground)
     try:
@@ -95,8 +124,8 @@ def cut_off(ground, scenario, target, moment):
         box.answer(target.name, call=target.number, **MOMENTS[moment])
         answer = _ask(box, scenario)
         if moment.startswith("stopped"):
-            return "", _wrong_after_stop(box, scenario, recording, target, answer) + box.finish()
-        how, wrong = _wrong_after_kill(box, scenario, recording, answer)
-        return how, wrong + box.finish()
+            return "", False, _wrong_after_stop(box, scenario, recording, target, answer) + box.finish()
+        how, half, wrong = _wrong_after_kill(box, scenario, recording, answer)
+        return how, half, wrong + box.finish()
     finally:
         box.close()

@@ -43,6 +43,21 @@ while IFS= read -r line; do
     esac
 done
 """
+# What the administrator's client asks for in its examination: all roles and databases.
+_EVERYTHING = f"""
+cd {DATABASES}
+roles= databases=
+for file in role.*; do
+    [ -e "$file" ] || continue
+    case $(cat "$file") in LOGIN) login=true ;; *) login=false ;; esac
+    roles="$roles,{{\\"name\\":\\"${{file#role.}}\\",\\"login\\":$login,\\"plain\\":true}}"
+done
+for file in db.*; do
+    name=${{file#db.}}
+    databases="$databases,{{\\"name\\":\\"$name\\",\\"owner\\":\\"${{name%%__*}}\\",\\"open\\":false}}"
+done
+echo "{{\\"version\\":150014,\\"roles\\":[${{roles#,}}],\\"databases\\":[${{databases#,}}]}}"
+"""
 _DUMP = f"""
 for name; do :; done
 cat "{DATABASES}/db.$name" || {{ echo "pg_dump: error: database \\"$name\\" does not exist" >&2; exit 1; }}
@@ -60,6 +75,7 @@ def furnish(sandbox, *, quotas=False, ufw=True, php=True):
     sandbox.mkdir(DATABASES, 0o700, "postgres:postgres")
     sandbox.write(f"{DATABASES}/db.corvane", "the panel's data\n", 0o600, "postgres:postgres")
     sandbox.answer("psql", shell=_PSQL)
+    sandbox.answer("psql", "-qtAX", "-v", "ON_ERROR_STOP=1", "-c", ..., shell=_EVERYTHING)
     sandbox.answer("pg_dump", shell=_DUMP)
     sandbox.answer("pg_restore", shell=_RESTORE)
     sandbox.answer("a2ensite", shell='cd /etc/apache2/sites-enabled; ln -sf "../sites-available/$2.conf" "$2.conf"')
