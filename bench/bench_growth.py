@@ -1,5 +1,5 @@
 """How the times grow with the accounts in the user database and the files in a folder: a row for each size beside a tenth of it,
-and all of it as docs/growth.svg."""
+then all of it as the tables that docs/performance.md holds and as docs/growth.svg."""
 
 import json
 import math
@@ -217,6 +217,21 @@ def rows(what, values):
             before = spent
 
 
+def milliseconds(spent):
+    """As many digits as count."""
+    return f"{spent:.{2 if spent < 10 else 1 if spent < 100 else 0}f} ms"
+
+
+def table(what, values):
+    """A row for each thing measured, a column for each size."""
+    counts = sorted({count for times in values.values() for count in times})
+    print()
+    print("| what | " + " | ".join(f"{count:,} {what}" for count in counts) + " |")
+    print("| --- |" + " --- |" * len(counts))
+    for name, times in values.items():
+        print(f"| {name} | " + " | ".join(milliseconds(times[count]) for count in counts) + " |")
+
+
 def main():
     ground = Ground()
     accounts = {name: {} for name in ("create", "useradd alone", "lookup", "getpwnam alone", "usage", "backup status",
@@ -229,6 +244,8 @@ def main():
         ground.close()
     rows("accounts", accounts)
     rows("files", files)
+    table("accounts", accounts)
+    table("files", files)
     draw(accounts, files)
 
 
