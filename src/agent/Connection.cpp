@@ -89,12 +89,7 @@ void Connection::serve()
 
 bool Connection::mayServe() const
 {
-    return !m_dropped && !stopRequested() && unsent() <= kMaxUnsent;
-}
-
-qsizetype Connection::unsent() const
-{
-    return m_unsent.size() - m_sent;
+    return !m_dropped && !stopRequested() && m_unsent.size() <= kMaxUnsent;
 }
 
 // The length of the next line with its line feed, 0 while it is not complete. A line over the limit is handed out in
@@ -122,34 +117,33 @@ void Connection::send(const QByteArray &reply)
 // still carried out.
 void Connection::flush()
 {
-    while (m_sent < m_unsent.size()) {
-        const ssize_t count = ::send(m_socket.get(), m_unsent.constData() + m_sent,
-                                     static_cast<size_t>(m_unsent.size() - m_sent), MSG_DONTWAIT | MSG_NOSIGNAL);
+    qsizetype sent = 0;
+    while (sent < m_unsent.size()) {
+        const ssize_t count = ::send(m_socket.get(), m_unsent.constData() + sent,
+                                     static_cast<size_t>(m_unsent.size() - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count >= 0) {
-            m_sent += count;
+            sent += count;
             continue;
         }
         if (errno == EINTR)
             continue;
         if (errno == EAGAIN) {
-            m_unsent.remove(0, m_sent);
-            m_sent = 0;
+            m_unsent.remove(0, sent);
             return;
         }
         break;
     }
     m_unsent.clear();
-    m_sent = 0;
 }
 
 void Connection::listenAsNeeded()
 {
-    if (m_peerFinished && unsent() == 0) {
+    if (m_peerFinished && m_unsent.isEmpty()) {
         drop();
         return;
     }
-    const quint32 writing = unsent() > 0 ? quint32(EPOLLOUT) : 0;
-    const quint32 reading = !m_peerFinished && unsent() <= kMaxUnsent ? quint32(EPOLLIN) : 0;
+    const quint32 writing = m_unsent.isEmpty() ? 0 : quint32(EPOLLOUT);
+    const quint32 reading = !m_peerFinished && m_unsent.size() <= kMaxUnsent ? quint32(EPOLLIN) : 0;
     if (m_awaited == (reading | writing))
         return;
     m_awaited = reading | writing;
@@ -165,7 +159,7 @@ void Connection::drop()
 
 void Connection::sendRest(const QDeadlineTimer &deadline)
 {
-    while (!m_dropped && unsent() > 0 && !deadline.hasExpired()) {
+    while (!m_dropped && !m_unsent.isEmpty() && !deadline.hasExpired()) {
         pollfd waiting = {m_socket.get(), POLLOUT, 0};
         ::poll(&waiting, 1, static_cast<int>(deadline.remainingTime()));
         flush();

@@ -37,7 +37,6 @@ private:
     void receive();
     void serve();
     [[nodiscard]] bool mayServe() const;
-    [[nodiscard]] qsizetype unsent() const;
     qsizetype nextLineLength();
     void send(const QByteArray &reply);
     void flush();
@@ -47,12 +46,11 @@ private:
     Fd m_socket;
     Answerer m_answerer;
     Readiness *m_readiness;
-    quint32 m_awaited = 0;   // what the socket is watched for
-    QByteArray m_received;   // bytes before m_start have been served
-    qsizetype m_start = 0;   // where the next line begins
-    qsizetype m_scanned = 0; // no line feed stands between m_start and here
-    QByteArray m_unsent;     // bytes before m_sent have been sent
-    qsizetype m_sent = 0;
+    quint32 m_awaited = 0;       // what the socket is watched for
+    QByteArray m_received;       // bytes before m_start have been served
+    qsizetype m_start = 0;       // where the next line begins
+    qsizetype m_scanned = 0;     // no line feed stands between m_start and here
+    QByteArray m_unsent;         // replies that the client has not taken yet
     bool m_peerFinished = false; // the client sends nothing more, but may still read
     bool m_dropped = false;
 };
