@@ -1,34 +1,36 @@
 #!/usr/bin/python3
 """Tests the tests: changes one thing at a time in the agent's sources and sees whether a test fails.
 
-Usage: tests/hostile/mutate.py [--count N] [--seed N] [--only TEXT] [--under COMMAND] [--list]
+Usage: tests/hostile/mutate.py [--count N] [--seed N] [--skip N] [--only TEXT] [--workers N] [--under COMMAND] [--list]
 
 A mutant is one changed operator, bound, truth value, text or left-out call in src/agent. N of all that there are (all of
-them with 0) are drawn with a fixed seed, built in a copy of the tree in the cache folder, and tried with the unit tests and
-the protocol tests that concern the source; the first failure ends a mutant. What does not compile is not counted. Survivors
-stand in the report with what was changed; those that cannot be seen from outside are in mutants.txt beside this file, with
-the reason. Prints the share that was killed. As root; a mutant takes some 20 to 30 s while the machine does other things.
+them with 0) are drawn with a fixed seed, built in copies of the tree in the cache folder, one for each worker, and tried with
+the unit tests and the protocol tests that concern the source; the first failure ends a mutant. What does not compile is not
+counted. Survivors stand in the report with what was changed; those that cannot be seen from outside are in mutants.txt beside
+this file, with the reason. Prints the share that was killed. As root.
 
 The mutants run as root, and a mutant may well delete what it should not: unit tests run in a throw-away copy of the root,
 protocol tests in the root of their sandbox.
 """
 
 import argparse
+import json
 import os
+import queue
 import random
 import re
+import shlex
 import shutil
 import subprocess
 import sys
+import threading
 import time
 from pathlib import Path
 
 TREE = Path(__file__).resolve().parents[2]
 CACHE = Path(os.environ.get("CORV_CACHE", "/var/cache/corv-agent-dev")) / "mutate"
-COPY = CACHE / "tree"
-BUILD = CACHE / "build"
 EXCUSES = Path(__file__).with_name("mutants.txt")
-PATIENCE = 600
+PATIENCE = 300
 UNDER = []  # what every command is run by
 
 # What a source's name begins with -> the unit tests and the protocol tests that concern it. The first that fits counts.
@@ -36,7 +38,7 @@ CONCERNS = (
     ("FilesHelper", "files", "files_helper files_fence files"),
     ("Files", "files tree", "files files_helper files_fence stage"),
     ("BackupManifest", "backup", "backup_status backup_run"),
-    ("BackupFolders", "backup", "backup_status backup_run"),
+    ("BackupFolders", "backup", "backup_status backup_run backup_restore"),
     ("BackupRestore", "", "backup_restore"),
     ("BackupStatus", "", "backup_status"),
     ("Backup", "backup", "backup_run backup_status backup_restore startup"),
@@ -46,7 +48,7 @@ CONCERNS = (
     ("HostingUsage", "accounts", "usage quota"),
     ("HostingDelete", "", "delete"),
     ("HostingSuspend", "", "suspend"),
-    ("HostingDatabase", "", "database create"),
+    ("HostingDatabase", "", "database create suspend delete backup_restore"),
     ("Hosting", "", "create delete suspend keys names"),
     ("Quota", "quota_text", "quota usage delete"),
     ("Packages", "", "firewall fail2ban quota"),
@@ -56,8 +58,13 @@ CONCERNS = (
     ("Security", "security", "firewall fail2ban updates"),
     ("Stop", "", "stop"),
     ("AgentHost", "", "host"),
+    ("Readiness", "readiness", "socket dispatch startup stop"),
     ("", "", "socket dispatch startup stop host description"),
 )
+
+HEADERS = ("QCoreApplication", "QDateTime", "QDir", "QFile", "QJsonArray", "QJsonDocument", "QJsonObject", "QProcess",
+           "QRegularExpression", "QString", "QStringList", "QTimer", "algorithm", "functional", "optional", "vector")
+TARGETS = ("corv-agent", "corv-agent-short", *sorted({f"test_{name}" for _, units, _ in CONCERNS for name in units.split()}))
 
 OPERATORS = (
     (r"(?<=\s)==(?=\s)", "!="), (r"(?<=\s)!=(?=\s)", "=="), (r"(?<=\s)<(?=\s)", "<="), (r"(?<=\s)<=(?=\s)", "<"),
@@ -148,31 +155,68 @@ def concern(source):
     raise AssertionError(source)
 
 
-def test(source, log):
-    """What failed: "build", "unit", "protocol", or nothing."""
-    units, protocols = concern(source)
-    targets = ["corv-agent", "corv-agent-short", *units]
-    if not run(["cmake", "--build", BUILD, "-j", "2", "--target", *targets], log):
-        return "build"
-    if units and not run([*UNSHARE, *(str(BUILD / "bin" / unit) for unit in units)], log):
-        return "unit"
-    env = os.environ | {"CORV_AGENT": str(BUILD / "bin/corv-agent")}
-    files = [f"tests/protocol/{name}" for name in protocols]
-    argv = ["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-n", "2", "-p", "no:cacheprovider", *files]
-    return "" if run(argv, log, cwd=COPY, env=env) else "protocol"
+class Worker:
+    """A copy of the tree, what is built of it, and the log of all that was run there."""
 
+    def __init__(self, number):
+        self.tree = CACHE / str(number) / "tree"
+        self.build = CACHE / str(number) / "build"
+        self.log = CACHE / str(number) / "log"
+        shutil.rmtree(CACHE / str(number), ignore_errors=True)
+        self.tree.mkdir(parents=True)
+        packed = subprocess.run(["git", "ls-files", "-z"], cwd=TREE, check=True, capture_output=True).stdout
+        packed = subprocess.run(["tar", "-c", "--null", "-T", "-"], cwd=TREE, input=packed, check=True, capture_output=True)
+        subprocess.run(["tar", "-x", "-C", self.tree], input=packed.stdout, check=True)
+        # Most of what a compiler does for a source is reading Qt's headers, which no mutant changes.
+        header = self.build / "qt.h"
+        self.build.mkdir()
+        header.touch()  # the trial of the compiler knows nothing of Qt
+        configure = ["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
+                     f"-DCMAKE_CXX_FLAGS=-g0 -O0 -include {header}"]
+        if not run(configure, self.log):
+            sys.exit(f"the unchanged tree cannot be configured, see {self.log}")
+        header.write_text("".join(f"#include <{name}>\n" for name in HEADERS))
+        if not run(self._precompile(header), self.log) or not self._make(TARGETS, 3600):
+            sys.exit(f"the unchanged tree cannot be built, see {self.log}")
 
-def prepare(log):
-    shutil.rmtree(COPY, ignore_errors=True)
-    COPY.mkdir(parents=True)
-    files = subprocess.run(["git", "ls-files", "-z"], cwd=TREE, check=True, capture_output=True).stdout
-    packed = subprocess.run(["tar", "-c", "--null", "-T", "-"], cwd=TREE, input=files, check=True, capture_output=True).stdout
-    subprocess.run(["tar", "-x", "-C", COPY], input=packed, check=True)
-    configure = ["cmake", "-S", COPY, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug", "-DCMAKE_CXX_FLAGS=-g0"]
-    if shutil.which("ccache"):
-        configure.append("-DCMAKE_CXX_COMPILER_LAUNCHER=ccache")
-    if not run(configure, log) or not run(["cmake", "--build", BUILD, "-j", "2"], log, patience=3600):
-        sys.exit(f"the unchanged tree cannot be built, see {log}")
+    def _precompile(self, header):
+        """The command that compiles the agent's sources, for the header that each of them begins with."""
+        commands = json.loads((self.build / "compile_commands.json").read_text())
+        command = next(shlex.split(entry["command"]) for entry in commands if entry["file"].endswith("/agent/Agent.cpp"))
+        flags = command[: command.index("-o")]
+        at = flags.index("-include")
+        return [*flags[:at], *flags[at + 2 :], "-x", "c++-header", header, "-o", f"{header}.gch"]
+
+    def _make(self, targets, patience=PATIENCE):
+        return run(["cmake", "--build", self.build, "-j", "1", "--target", *targets], self.log, patience)
+
+    def test(self, source):
+        """What failed: "build", "unit", "protocol", "too long", or nothing."""
+        units, protocols = concern(source)
+        files = [f"tests/protocol/{name}" for name in protocols]
+        env = os.environ | {"CORV_AGENT": str(self.build / "bin/corv-agent")}
+        try:
+            if not self._make(["corv-agent", "corv-agent-short", *units]):
+                return "build"
+            if units and not run([*UNSHARE, *(str(self.build / "bin" / unit) for unit in units)], self.log):
+                return "unit"
+            argv = ["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-p", "no:cacheprovider", *files]
+            return "" if run(argv, self.log, cwd=self.tree, env=env) else "protocol"
+        except TooLong:
+            return "too long"
+
+    def try_out(self, source, number, line, other):
+        """Changes a line, tests, and changes it back."""
+        path = self.tree / "src/agent" / source
+        original = path.read_text()
+        lines = original.splitlines()
+        assert lines[number] == line
+        lines[number] = other
+        path.write_text("\n".join(lines) + "\n")
+        try:
+            return self.test(source)
+        finally:
+            path.write_text(original)
 
 
 def excuses():
@@ -190,6 +234,8 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--count", type=int, default=300)
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--skip", type=int, default=0, help="leave out the first ones that are drawn")
+    parser.add_argument("--workers", type=int, default=os.cpu_count())
     parser.add_argument("--only", default="", help="sources whose name holds this")
     parser.add_argument("--under", default="", help="what to run every command by, such as 'nice -n 10'")
     parser.add_argument("--list", action="store_true", help="show what would be tried")
@@ -199,39 +245,42 @@ def main():
     chosen = list(everything)
     if options.count:
         random.Random(options.seed).shuffle(chosen)
-        chosen = chosen[:options.count]
+        chosen = chosen[options.skip : options.skip + options.count]
     print(f"{len(everything)} mutants, {len(chosen)} of them drawn with seed {options.seed}", flush=True)
     if options.list:
         for source, number, line, other in chosen:
             print(f"{source}:{number + 1}: {line.strip()} -> {other.strip()}")
         return
 
-    CACHE.mkdir(parents=True, exist_ok=True)
-    log = CACHE / "log"
-    log.write_bytes(b"")
-    prepare(log)
     excused = excuses()
     killed = {"too long": 0, "build": 0, "unit": 0, "protocol": 0, "": 0, "excused": 0}
-    for index, (source, number, line, other) in enumerate(chosen, 1):
-        path = COPY / "src/agent" / source
-        original = path.read_text()
-        lines = original.splitlines()
-        assert lines[number] == line
-        lines[number] = other
-        path.write_text("\n".join(lines) + "\n")
-        began = time.monotonic()
-        try:
-            by = test(source, log)
-        except TooLong:
-            by = "too long"
-        path.write_text(original)
-        if not by and (source, line.strip(), other.strip()) in excused:
-            by = "excused"
-        killed[by] += 1
-        change = f"{source}:{number + 1}\t{line.strip()}\t{other.strip()}"
-        print(f"{index:4} {time.monotonic() - began:4.0f} s {by or 'SURVIVED':8} {change}", flush=True)
+    waiting = queue.SimpleQueue()
+    for mutant in enumerate(chosen, 1):
+        waiting.put(mutant)
+    lock = threading.Lock()
 
-    tried = len(chosen) - killed["build"] - killed["excused"]
+    def work(worker):
+        while True:
+            try:
+                index, (source, number, line, other) = waiting.get_nowait()
+            except queue.Empty:
+                return
+            began = time.monotonic()
+            by = worker.try_out(source, number, line, other)
+            if not by and (source, line.strip(), other.strip()) in excused:
+                by = "excused"
+            change = f"{source}:{number + 1}\t{line.strip()}\t{other.strip()}"
+            with lock:
+                killed[by] += 1
+                print(f"{index:4} {time.monotonic() - began:4.0f} s {by or 'SURVIVED':8} {change}", flush=True)
+
+    threads = [threading.Thread(target=work, args=(Worker(number),)) for number in range(options.workers)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+
+    tried = sum(killed.values()) - killed["build"] - killed["excused"]
     dead = killed["unit"] + killed["protocol"] + killed["too long"]
     print(f"{tried} tried: {killed['unit']} killed by unit tests, {killed['protocol']} by protocol tests, "
           f"{killed['too long']} by the clock, {killed['']} survived; "
