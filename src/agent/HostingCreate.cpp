@@ -65,10 +65,10 @@ QString problemWith(const QString &user, const QString &domain, const QString &k
 void fillHome(const QString &user, const QString &domain, const QString &key)
 {
     for (const QString &folder : {u"public_html"_s, u"logs"_s, u"tmp"_s, u".ssh"_s})
-        (void)makeHomeFolder(user, folder);
-    (void)writeHomeFile(user, u"public_html"_s, u"index.html"_s, welcomePage(domain), kPageMode);
+        makeHomeFolder(user, folder);
+    writeHomeFile(user, u"public_html"_s, u"index.html"_s, welcomePage(domain), kPageMode);
     if (!key.isEmpty())
-        (void)writeHomeFile(user, u".ssh"_s, u"authorized_keys"_s, key.toUtf8() + '\n', kKeyFileMode);
+        writeHomeFile(user, u".ssh"_s, u"authorized_keys"_s, key.toUtf8() + '\n', kKeyFileMode);
 }
 
 // Gives the home to the user, and to the web server what it has to reach. Returns the first failure's message.

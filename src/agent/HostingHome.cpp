@@ -55,12 +55,12 @@ bool homeHoldsLinks(const QString &user)
                        [&](const QString &place) { return QFileInfo(homePath(user) + place).isSymLink(); });
 }
 
-bool makeHomeFolder(const QString &user, const QString &name)
+void makeHomeFolder(const QString &user, const QString &name)
 {
-    return static_cast<bool>(openHomeFolder(user, name));
+    (void)openHomeFolder(user, name);
 }
 
-bool writeHomeFile(const QString &user, const QString &folder, const QString &name, const QByteArray &data, mode_t mode)
+void writeHomeFile(const QString &user, const QString &folder, const QString &name, const QByteArray &data, mode_t mode)
 {
     const Fd parent = openHomeFolder(user, folder);
     // Without O_NONBLOCK a FIFO of that name would hold root up for ever.
@@ -68,8 +68,9 @@ bool writeHomeFile(const QString &user, const QString &folder, const QString &na
                            O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
     struct stat status = {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1)
-        return false;
-    return ::ftruncate(file.get(), 0) == 0 && writeAll(file.get(), data) && ::fchmod(file.get(), mode) == 0;
+        return;
+    if (::ftruncate(file.get(), 0) == 0 && writeAll(file.get(), data))
+        (void)::fchmod(file.get(), mode);
 }
 
 KeyFile keyFile(const QString &user)

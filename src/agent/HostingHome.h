@@ -16,12 +16,11 @@ QString homePath(const QString &user);
 // Whether the home, or anything in it that creation writes to or hands over by path, is a link.
 bool homeHoldsLinks(const QString &user);
 
-// Makes the folder name in the home, and the home too where it is missing. False when it cannot.
-bool makeHomeFolder(const QString &user, const QString &name);
+// Makes the folder name in the home, and the home too where it is missing; as far as it can.
+void makeHomeFolder(const QString &user, const QString &name);
 
-// Writes a whole file of the home's folder, created or truncated, with that mode. False when it cannot, or when it was
-// cut short.
-bool writeHomeFile(const QString &user, const QString &folder, const QString &name, const QByteArray &data,
+// Writes a whole file of the home's folder, created or truncated, with that mode; as far as it can.
+void writeHomeFile(const QString &user, const QString &folder, const QString &name, const QByteArray &data,
                    mode_t mode);
 
 // What stands where an account's SSH keys are looked for. Other is anything but a file, a link among them, and what is
