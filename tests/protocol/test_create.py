@@ -408,6 +408,16 @@ def test_failing_reload_without_php(sandbox):
     nothing_remains(sandbox)
 
 
+def test_home_that_nobody_made_is_laid_out_all_the_same(sandbox):
+    for program in ("useradd", "chown", "chmod"):
+        sandbox.answer(program)
+    assert create(sandbox, sshKey=KEY)["ok"] is True
+    assert sorted(sandbox.tree("/home")) == sorted([
+        "alice", "alice/.ssh", "alice/.ssh/authorized_keys", "alice/logs", "alice/public_html", "alice/public_html/index.html",
+        "alice/tmp",
+    ])
+
+
 @pytest.mark.parametrize("program", ["useradd", "chown", "chmod", "runuser", "a2ensite", "apache2ctl", "systemctl"])
 def test_missing_program_is_a_failure_like_any_other(sandbox, program):
     sandbox.remove_standin(program)

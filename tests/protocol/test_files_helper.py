@@ -26,6 +26,11 @@ def entry(name, folder=False, link=False, size=0, mtime=0, mode="644"):
 # How it is called
 
 
+def traced(*options):
+    """What a shell does so that strace watches the helper, or lets its system calls fail."""
+    return f'exec strace -qq {" ".join(options)} "$@"'
+
+
 def test_settings_are_not_touched(files):
     files.sandbox.start()
     files.sandbox.path("/etc/corvane/corvane.ini").unlink()
@@ -495,6 +500,25 @@ def test_write_over_a_fifo_and_a_socket(files):
         assert files.path(name).read_bytes() == b"x"
 
 
+@pytest.mark.parametrize("problem, reply", [
+    *((problem, {"ok": True, "size": 3}) for problem in ("EOPNOTSUPP", "EISDIR", "ENOENT", "EINVAL")),
+    ("ENOSPC", error("No space left on device")),
+])
+def test_write_where_the_file_system_knows_no_files_without_a_name(files, problem, reply):
+    if files.sandbox.sanitized:
+        pytest.skip("a sanitizer cannot be traced")
+    files.write("logs/a", "old")
+    assert files.direct("write", "logs/a", input=b"one", shell=traced("-o", "/home/alice/calls", "-e", "trace=openat")) == {
+        "ok": True, "size": 3
+    }
+    calls = files.path("calls").read_text().splitlines()
+    number = next(i for i, call in enumerate(calls, 1) if "O_TMPFILE" in call)
+    shell = traced("-o", "/dev/null", "-e", f"inject=openat:error={problem}:when={number}")
+    assert files.direct("write", "logs/a", input=b"two", shell=shell) == reply
+    assert files.path("logs/a").read_text() == ("two" if reply["ok"] else "one")
+    assert files.names("logs") == ["a"]
+
+
 # mkdir
 
 
@@ -586,6 +610,32 @@ def test_rename_that_fails(files):
     ):
         assert files.direct("rename", source, target) == error("could not rename")
     assert files.names() == [".ssh", "closed", "file", "folder", "logs", "public_html", "tmp"]
+
+
+@pytest.mark.parametrize("problem", ["EINVAL", "ENOSYS"])
+def test_rename_where_the_file_system_cannot_keep_from_replacing(files, problem):
+    if files.sandbox.sanitized:
+        pytest.skip("a sanitizer cannot be traced")
+    files.write("file", "text")
+    files.mkdir("folder")
+    files.write("folder/a")
+    files.link("link", "nowhere")
+    shell = traced("-o", "/dev/null", "-e", f"inject=renameat2:error={problem}")
+    for name in ("file", "folder", "link"):
+        assert files.direct("rename", name, f"new-{name}", shell=shell) == DONE
+    assert files.names("new-folder") == ["a"]
+    assert files.path("new-file").read_text() == "text"
+    assert os.readlink(files.path("new-link")) == "nowhere"
+    assert not {"file", "folder", "link"} & set(files.names())
+
+
+def test_rename_that_the_file_system_refuses(files):
+    if files.sandbox.sanitized:
+        pytest.skip("a sanitizer cannot be traced")
+    files.write("file", "text")
+    shell = traced("-o", "/dev/null", "-e", "inject=renameat2:error=EPERM")
+    assert files.direct("rename", "file", "other", shell=shell) == error("could not rename")
+    assert "file" in files.names() and "other" not in files.names()
 
 
 def test_rename_never_replaces_what_appears_at_the_last_moment(files):

@@ -43,6 +43,18 @@ def test_runs_nothing_without_accounts(host):
     assert host.argvs() == [FIND_HOME, QUOTAON]
 
 
+def test_reads_a_user_database_that_was_replaced_meanwhile(host):
+    """useradd and its kin put a new file in the place of the old one."""
+    host.add_account("alice")
+    host.answer("du", out="7\t/home/alice\n8\t/home/bob\n")
+    assert usage(host) == {"ok": True, "usage": {"alice": 7, "bob": 8}}
+    assert host.argvs("du") == [du("/home/alice")]
+    host.write("/etc/passwd.new", host.read("/etc/passwd") + "bob:x:2000:2000:Corvane account,bob.example:/home/bob:/bin/sh\n")
+    host.path("/etc/passwd.new").rename(host.path("/etc/passwd"))
+    usage(host)
+    assert host.argvs("du")[1:] == [du("/home/alice", "/home/bob")]
+
+
 @pytest.mark.parametrize("comment, measured", [
     ("Corvane account", True),
     ("Corvane account,example.org,more", True),
