@@ -42,7 +42,7 @@ CONCERNS = (
     ("BackupRestore", "", "backup_restore"),
     ("BackupStatus", "", "backup_status"),
     ("Backup", "backup", "backup_run backup_status backup_restore startup"),
-    ("HostingRun", "run run_too_long", "runner"),
+    ("HostingRun", "run run_too_long", "runner keys"),
     ("HostingNames", "names accounts", "names create suspend"),
     ("HostingKeys", "", "keys"),
     ("HostingUsage", "accounts", "usage quota"),
