@@ -43,7 +43,7 @@ CONCERNS = (
     ("BackupStatus", "", "backup_status"),
     ("Backup", "backup", "backup_run backup_status backup_restore startup"),
     ("HostingRun", "run run_too_long", "runner keys"),
-    ("HostingNames", "names accounts", "names create suspend"),
+    ("HostingNames", "names accounts", "names create suspend usage"),
     ("HostingKeys", "", "keys"),
     ("HostingUsage", "accounts", "usage quota"),
     ("HostingDelete", "", "delete"),

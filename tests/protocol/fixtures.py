@@ -1,6 +1,7 @@
 """The fixtures of the floors whose tests work in sandboxes; their conftest.py imports them."""
 
 import contextlib
+import signal
 
 import pytest
 
@@ -22,6 +23,9 @@ def used(ground):
 
 @pytest.fixture(scope="session")
 def ground():
+    # A shell's background jobs ignore these two, and whatever a test starts would inherit that.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGQUIT, signal.SIG_DFL)
     common = shared.Ground()
     yield common
     common.close()
