@@ -87,6 +87,12 @@ void checkJail(const QByteArray &output)
     requireSame(jail.banned.join(u' '), banned.join(u' '), "who is banned");
 }
 
+// White space as patterns know it, which is that of ASCII alone.
+bool isBlank(QChar c)
+{
+    return c == u' ' || (c >= u'\t' && c <= u'\r');
+}
+
 void checkUpgrades(const QByteArray &output)
 {
     const QList<security::Upgrade> upgrades = security::parseUpgradable(output);
@@ -97,7 +103,7 @@ void checkUpgrades(const QByteArray &output)
         const QString name = line.section(u'/', 0, 0);
         const QStringList words = line.sliced(std::min(line.size(), name.size() + 1)).split(u' ');
         const auto isWord = [](const QString &word) {
-            return !word.isEmpty() && std::none_of(word.begin(), word.end(), [](QChar c) { return c.isSpace(); });
+            return !word.isEmpty() && std::none_of(word.begin(), word.end(), isBlank);
         };
         if (!line.contains(u'/') || words.size() < 6 || !isWord(name) || !isWord(words[0]) || !isWord(words[1]) ||
             !isWord(words[2]))
@@ -207,7 +213,7 @@ void checkAutomatic(const QByteArray &file)
     const QStringList parts = text(file).split(u"Unattended-Upgrade"_s).sliced(1);
     for (const QString &part : parts) {
         qsizetype blanks = 0;
-        while (blanks < part.size() && part[blanks].isSpace())
+        while (blanks < part.size() && isBlank(part[blanks]))
             ++blanks;
         on = on || (blanks > 0 && part.sliced(blanks).startsWith(u"\"1\""_s));
     }
