@@ -148,11 +148,12 @@ cd / && exec chroot /mnt/root sh -c 'ulimit -v 8000000; for test; do "$test" || 
 UNSHARE = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--ipc", "sh", "-ec", JAIL, "sh"]
 
 
-def concern(source):
-    for prefix, units, protocols in CONCERNS:
-        if source.startswith(prefix):
-            return [f"test_{name}" for name in units.split()], [f"test_{name}.py" for name in protocols.split()]
-    raise AssertionError(source)
+def concern(sources):
+    """The unit tests and the protocol tests that concern the sources, each once."""
+    found = [next((units, protocols) for prefix, units, protocols in CONCERNS if source.startswith(prefix)) for source in sources]
+    units = dict.fromkeys(f"test_{name}" for names, _ in found for name in names.split())
+    protocols = dict.fromkeys(f"test_{name}.py" for _, names in found for name in names.split())
+    return list(units), list(protocols)
 
 
 class Worker:
@@ -190,18 +191,18 @@ class Worker:
     def _make(self, targets, patience=PATIENCE):
         return run(["cmake", "--build", self.build, "-j", "1", "--target", *targets], self.log, patience)
 
-    def test(self, source):
-        """What failed: "build", "unit", "protocol", "too long", or nothing."""
-        units, protocols = concern(source)
+    def test(self, sources, patience=PATIENCE):
+        """What failed of all that concerns the sources: "build", "unit", "protocol", "too long", or nothing."""
+        units, protocols = concern(sources)
         files = [f"tests/protocol/{name}" for name in protocols]
         env = os.environ | {"CORV_AGENT": str(self.build / "bin/corv-agent")}
         try:
             if not self._make(["corv-agent", "corv-agent-short", *units]):
                 return "build"
-            if units and not run([*UNSHARE, *(str(self.build / "bin" / unit) for unit in units)], self.log):
+            if units and not run([*UNSHARE, *(str(self.build / "bin" / unit) for unit in units)], self.log, patience):
                 return "unit"
             argv = ["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-p", "no:cacheprovider", *files]
-            return "" if run(argv, self.log, cwd=self.tree, env=env) else "protocol"
+            return "" if run(argv, self.log, patience, cwd=self.tree, env=env) else "protocol"
         except TooLong:
             return "too long"
 
@@ -214,7 +215,7 @@ class Worker:
         lines[number] = other
         path.write_text("\n".join(lines) + "\n")
         try:
-            return self.test(source)
+            return self.test([source])
         finally:
             path.write_text(original)
 
@@ -274,7 +275,11 @@ def main():
                 killed[by] += 1
                 print(f"{index:4} {time.monotonic() - began:4.0f} s {by or 'SURVIVED':8} {change}", flush=True)
 
-    threads = [threading.Thread(target=work, args=(Worker(number),)) for number in range(options.workers)]
+    workers = [Worker(number) for number in range(options.workers)]
+    # What fails anyhow would kill every mutant.
+    if failed := workers[0].test(sorted({mutant[0] for mutant in chosen}), 3600):
+        sys.exit(f"the unchanged tree fails: {failed}, see {workers[0].log}")
+    threads = [threading.Thread(target=work, args=(worker,)) for worker in workers]
     for thread in threads:
         thread.start()
     for thread in threads:
