@@ -6,6 +6,7 @@ PostgreSQL's roles and databases are files, sites are enabled by links as Apache
 import os
 
 from recorded import recorded
+from test_suspend import SUSPENDED as SUSPENDED_SITE
 
 NAME = "alice"
 DOMAIN = "example.org"
@@ -115,7 +116,7 @@ def add_account(sandbox):
 def suspend_account(sandbox):
     """Changes the account into a suspended one."""
     sandbox.path(POOL).rename(sandbox.path(POOL + ".suspended"))
-    sandbox.write(SITE, "the site: temporarily unavailable\n")
+    sandbox.write(SITE, SUSPENDED_SITE)
     sandbox.write(f"{DATABASES}/role.{NAME}", "NOLOGIN\n", 0o600, "postgres:postgres")
     lines = sandbox.read("/etc/shadow").splitlines()
     lines[-1] = f"{NAME}:!:19000:0:99999:7::1:"
