@@ -222,12 +222,12 @@ class Worker:
 
 def excuses():
     """The mutants that cannot be seen: (source, line, changed line), both without the blanks around. In the file a tab stands
-    between these and before the reason."""
-    known = set()
+    between these and before the reason. Each is one place: where a line is there twice, a second survivor is none of them."""
+    known = []
     for line in EXCUSES.read_text().splitlines():
         fields = line.split("\t")
         if len(fields) == 4:
-            known.add(tuple(field.strip() for field in fields[:3]))
+            known.append(tuple(field.strip() for field in fields[:3]))
     return known
 
 
@@ -268,10 +268,12 @@ def main():
                 return
             began = time.monotonic()
             by = worker.try_out(source, number, line, other)
-            if not by and (source, line.strip(), other.strip()) in excused:
-                by = "excused"
+            mutant = (source, line.strip(), other.strip())
             change = f"{source}:{number + 1}\t{line.strip()}\t{other.strip()}"
             with lock:
+                if not by and mutant in excused:
+                    excused.remove(mutant)
+                    by = "excused"
                 killed[by] += 1
                 print(f"{index:4} {time.monotonic() - began:4.0f} s {by or 'SURVIVED':8} {change}", flush=True)
 
