@@ -1,6 +1,6 @@
 // One program through the runner, beside posix_spawn and waitpid of the same.
 
-#include "agent/Hosting.h"
+#include "agent/hosting/Hosting.h"
 #include "bench.h"
 
 #include <cstdlib>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "agent/Backup.h"
 #include "agent/Readiness.h"
 #include "agent/Reply.h"
+#include "agent/backup/Backup.h"
 
 #include <QHash>
 #include <QLocalServer>

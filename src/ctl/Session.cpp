@@ -1,7 +1,7 @@
 #include "ctl/Session.h"
 
 #include "common/Json.h"
-#include "ctl/Escape.h"
+#include "ctl/screen/Escape.h"
 
 #include <cstdio>
 

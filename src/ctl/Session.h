@@ -1,7 +1,7 @@
 #pragma once
 
 #include "ctl/Client.h"
-#include "ctl/Terminal.h"
+#include "ctl/screen/Terminal.h"
 
 #include <QByteArray>
 #include <QJsonObject>

@@ -1,9 +1,9 @@
 #include "ctl/Transfer.h"
 
-#include "agent/FilesTransfer.h"
+#include "agent/files/Transfer.h"
 #include "ctl/Interrupt.h"
-#include "ctl/Remote.h"
 #include "ctl/Session.h"
+#include "ctl/remote/Remote.h"
 
 #include <QByteArray>
 #include <QRandomGenerator>

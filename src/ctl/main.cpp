@@ -1,8 +1,8 @@
 #include "ctl/CommandLine.h"
-#include "ctl/Hosts.h"
-#include "ctl/Remote.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
+#include "ctl/remote/Hosts.h"
+#include "ctl/remote/Remote.h"
 
 #include <cstdio>
 

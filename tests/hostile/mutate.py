@@ -3,8 +3,8 @@
 
 Usage: tests/hostile/mutate.py [--count N] [--seed N] [--skip N] [--only TEXT] [--workers N] [--under COMMAND] [--list]
 
-A mutant is one changed operator, bound, truth value, text or left-out call in src/agent. N of all that there are (all of
-them with 0) are drawn with a fixed seed, built in copies of the tree in the cache folder, one for each worker, and tried with
+A mutant is one changed operator, bound, truth value, text or left-out call in src/agent or src/common. N of all that there are
+(all of them with 0) are drawn with a fixed seed, built in copies of the tree in the cache folder, one for each worker, and tried with
 the unit tests and the protocol tests that concern the source; the first failure ends a mutant. What does not compile is not
 counted. Survivors stand in the report with what was changed; those that cannot be seen from outside are in mutants.txt beside
 this file, with the reason. Prints the share that was killed. As root.
@@ -33,32 +33,38 @@ EXCUSES = Path(__file__).with_name("mutants.txt")
 PATIENCE = 300
 UNDER = []  # what every command is run by
 
-# What a source's name begins with -> the unit tests and the protocol tests that concern it. The first that fits counts.
+# What a source's path below src begins with -> the unit tests and the protocol tests that concern it. The first that fits counts.
 CONCERNS = (
-    ("FilesHelper", "files", "files_helper files_fence files"),
-    ("Files", "files tree", "files files_helper files_fence stage"),
-    ("BackupManifest", "backup", "backup_status backup_run"),
-    ("BackupFolders", "backup", "backup_status backup_run backup_restore"),
-    ("BackupRestore", "", "backup_restore"),
-    ("BackupStatus", "", "backup_status"),
-    ("Backup", "backup", "backup_run backup_status backup_restore startup"),
-    ("HostingRun", "run run_too_long", "runner keys"),
-    ("HostingNames", "names accounts", "names create suspend usage"),
-    ("HostingKeys", "", "keys"),
-    ("HostingUsage", "accounts", "usage quota"),
-    ("HostingDelete", "", "delete"),
-    ("HostingSuspend", "", "suspend"),
-    ("HostingDatabase", "", "database create suspend delete backup_restore"),
-    ("Hosting", "", "create delete suspend keys names"),
-    ("Quota", "quota_text", "quota usage delete"),
-    ("Packages", "", "firewall fail2ban quota"),
-    ("SecurityFirewall", "", "firewall security_status"),
-    ("SecurityFail2ban", "", "fail2ban security_status"),
-    ("SecurityUpdates", "", "updates"),
-    ("Security", "security", "firewall fail2ban updates"),
-    ("Stop", "", "stop"),
-    ("AgentHost", "", "host"),
-    ("Readiness", "readiness", "socket dispatch startup stop"),
+    ("agent/files/Helper", "files", "files_helper files_fence files"),
+    ("agent/files/", "files tree", "files files_helper files_fence stage"),
+    ("common/BackupManifest", "backup", "backup_status backup_run"),
+    ("common/BackupFolders", "backup", "backup_status backup_run backup_restore"),
+    ("agent/backup/Restore", "", "backup_restore"),
+    ("agent/backup/Status", "", "backup_status"),
+    ("agent/backup/", "backup", "backup_run backup_status backup_restore startup"),
+    ("common/Run", "run run_too_long", "runner keys"),
+    ("common/Account", "names accounts", "names create suspend usage"),
+    ("common/Site", "", "create suspend delete names"),
+    ("agent/hosting/Keys", "", "keys"),
+    ("agent/hosting/Usage", "accounts", "usage quota"),
+    ("agent/hosting/Delete", "", "delete"),
+    ("agent/hosting/Suspend", "", "suspend"),
+    ("agent/hosting/Database", "", "database create suspend delete backup_restore"),
+    ("agent/hosting/", "", "create delete suspend keys names"),
+    ("agent/quota/", "quota_text", "quota usage delete"),
+    ("common/Packages", "", "firewall fail2ban quota"),
+    ("agent/security/Firewall", "", "firewall security_status"),
+    ("agent/security/Fail2ban", "", "fail2ban security_status"),
+    ("agent/security/Updates", "", "updates"),
+    ("agent/security/", "security", "firewall fail2ban updates"),
+    ("agent/Stop", "", "stop"),
+    ("agent/host/", "", "host"),
+    ("agent/Readiness", "readiness", "socket dispatch startup stop"),
+    ("common/AtomicFile", "atomic_file", "quota"),
+    ("common/Json", "json", "socket dispatch"),
+    ("common/System", "system", "host"),
+    ("common/Tree", "tree", "files_helper backup_run"),
+    ("common/", "", "runner startup host create"),
     ("", "", "socket dispatch startup stop host description"),
 )
 
@@ -78,17 +84,18 @@ CALL = re.compile(r"^\s+(\(void\))?[\w:.>-]+\(.*\);( //.*)?$")
 
 
 def mutants():
-    """All of them: (source, number of the line from 0, the line, the changed line)."""
+    """All of them: (path below src, number of the line from 0, the line, the changed line)."""
     found = []
-    for source in sorted((TREE / "src/agent").glob("*.cpp")):
+    for path in sorted(path for room in ("agent", "common") for path in (TREE / "src" / room).rglob("*.cpp")):
+        source = str(path.relative_to(TREE / "src"))
         raw = False
-        for number, line in enumerate(source.read_text().splitlines()):
+        for number, line in enumerate(path.read_text().splitlines()):
             raw = raw or 'R"(' in line
             code = line.split("//")[0] if "://" not in line else line
             if raw:
                 # A template: its text is changed, nothing else.
                 if line.strip() and ')"' not in line and 'R"(' not in line:
-                    found.append((source.name, number, line, line + "x"))
+                    found.append((source, number, line, line + "x"))
                 raw = ')"' not in line
                 continue
             if not code.strip() or code.lstrip().startswith(("#", "using", "namespace", "static_assert", "*")):
@@ -98,18 +105,18 @@ def mutants():
             for pattern, other in OPERATORS:
                 for match in re.finditer(pattern, code):
                     if not inside(match.start()):
-                        found.append((source.name, number, line, line[:match.start()] + other + line[match.end():]))
+                        found.append((source, number, line, line[:match.start()] + other + line[match.end():]))
             for match in NUMBER.finditer(code):
                 if not inside(match.start()):
                     other = str(int(match[0].replace("'", "")) + 1)
                     if match[0].startswith("0") and len(match[0]) > 1:
                         other = "0" + oct(int(match[0].replace("'", ""), 8) + 1)[2:]
-                    found.append((source.name, number, line, line[:match.start()] + other + line[match.end():]))
+                    found.append((source, number, line, line[:match.start()] + other + line[match.end():]))
             for begin, end in texts:
                 if end - begin > 2:
-                    found.append((source.name, number, line, line[:begin] + '"x' + line[begin + 1:]))
+                    found.append((source, number, line, line[:begin] + '"x' + line[begin + 1:]))
             if CALL.match(line) and not re.match(r"\s+(return|delete|using)\b", line):
-                found.append((source.name, number, line, ""))
+                found.append((source, number, line, ""))
     return found
 
 
@@ -208,7 +215,7 @@ class Worker:
 
     def try_out(self, source, number, line, other):
         """Changes a line, tests, and changes it back."""
-        path = self.tree / "src/agent" / source
+        path = self.tree / "src" / source
         original = path.read_text()
         lines = original.splitlines()
         assert lines[number] == line
@@ -237,7 +244,7 @@ def main():
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--skip", type=int, default=0, help="leave out the first ones that are drawn")
     parser.add_argument("--workers", type=int, default=os.cpu_count())
-    parser.add_argument("--only", default="", help="sources whose name holds this")
+    parser.add_argument("--only", default="", help="sources whose path holds this")
     parser.add_argument("--under", default="", help="what to run every command by, such as 'nice -n 10'")
     parser.add_argument("--list", action="store_true", help="show what would be tried")
     options = parser.parse_args()

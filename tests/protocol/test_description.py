@@ -45,7 +45,7 @@ def test_agent_knows_each_described_command(sandbox):
 
 
 def test_arguments_are_those_that_the_sources_read():
-    read = {name for file in SOURCES.glob("*.cpp") for name in re.findall(r'args\.value\("(\w+)"_L1\)', file.read_text())}
+    read = {name for file in SOURCES.rglob("*.cpp") for name in re.findall(r'args\.value\("(\w+)"_L1\)', file.read_text())}
     assert {argument["name"] for command in COMMANDS.values() for argument in command["arguments"]} == read
 
 

@@ -1,5 +1,5 @@
-#include "agent/HostingDatabase.h"
-#include "agent/HostingUsage.h"
+#include "agent/hosting/Database.h"
+#include "agent/hosting/Usage.h"
 
 #include <QTest>
 

@@ -1,6 +1,6 @@
-#include "agent/Backup.h"
-#include "agent/BackupFolders.h"
-#include "agent/BackupManifest.h"
+#include "agent/backup/Backup.h"
+#include "common/BackupFolders.h"
+#include "common/BackupManifest.h"
 
 #include <QDir>
 #include <QFile>

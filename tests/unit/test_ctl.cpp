@@ -1,9 +1,9 @@
-#include "ctl/Escape.h"
-#include "ctl/Follow.h"
 #include "ctl/Keys.h"
-#include "ctl/SshLogin.h"
-#include "ctl/Table.h"
-#include "ctl/Terminal.h"
+#include "ctl/remote/SshLogin.h"
+#include "ctl/screen/Escape.h"
+#include "ctl/screen/Follow.h"
+#include "ctl/screen/Table.h"
+#include "ctl/screen/Terminal.h"
 
 #include <QTest>
 

@@ -1,6 +1,6 @@
-#include "agent/HostingSite.h"
-#include "ctl/DoctorAccounts.h"
-#include "ctl/DoctorDatabase.h"
+#include "common/Site.h"
+#include "ctl/doctor/Accounts.h"
+#include "ctl/doctor/Database.h"
 
 #include <QTest>
 

@@ -1,7 +1,7 @@
-#include "ctl/DoctorBackup.h"
-#include "ctl/DoctorDatabase.h"
-#include "ctl/DoctorReport.h"
-#include "ctl/DoctorSystem.h"
+#include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Database.h"
+#include "ctl/doctor/Report.h"
+#include "ctl/doctor/System.h"
 
 #include <QDateTime>
 #include <QJsonArray>

@@ -1,7 +1,7 @@
-#include "ctl/Hosts.h"
-#include "ctl/Remote.h"
-#include "ctl/Status.h"
-#include "ctl/Wrap.h"
+#include "ctl/commands/Status.h"
+#include "ctl/remote/Hosts.h"
+#include "ctl/remote/Remote.h"
+#include "ctl/screen/Wrap.h"
 
 #include <QJsonArray>
 #include <QJsonObject>

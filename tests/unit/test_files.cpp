@@ -1,10 +1,10 @@
 // The source itself, for what it keeps to itself: moving on file systems that cannot move without replacing.
-#include "agent/FilesTree.cpp" // NOLINT(bugprone-suspicious-include)
+#include "agent/files/Tree.cpp" // NOLINT(bugprone-suspicious-include)
 
-#include "agent/FilesHelper.h"
-#include "agent/FilesNames.h"
-#include "agent/FilesOperations.h"
-#include "agent/FilesTransfer.h"
+#include "agent/files/Helper.h"
+#include "agent/files/Names.h"
+#include "agent/files/Operations.h"
+#include "agent/files/Transfer.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "agent/HostingNames.h"
+#include "common/Account.h"
 
 #include <QRegularExpression>
 #include <QTest>

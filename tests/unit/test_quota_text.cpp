@@ -1,4 +1,4 @@
-#include "agent/QuotaText.h"
+#include "agent/quota/Text.h"
 
 #include <QTest>
 

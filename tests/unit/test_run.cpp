@@ -1,4 +1,4 @@
-#include "agent/Hosting.h"
+#include "agent/hosting/Hosting.h"
 
 #include <QElapsedTimer>
 #include <QFile>

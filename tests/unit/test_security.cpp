@@ -1,5 +1,5 @@
-#include "agent/SecurityAddress.h"
-#include "agent/SecurityParse.h"
+#include "agent/security/Address.h"
+#include "agent/security/Parse.h"
 
 #include <QRandomGenerator>
 #include <QRegularExpression>

@@ -1,6 +1,6 @@
 #include "fakes.h"
 
-#include "agent/Hosting.h"
+#include "agent/hosting/Hosting.h"
 #include "common/TimedRun.h"
 
 #include <cstring>

@@ -4,8 +4,8 @@
 
 #include "fuzz.h"
 
-#include "agent/Backup.h"
-#include "agent/BackupManifest.h"
+#include "agent/backup/Backup.h"
+#include "common/BackupManifest.h"
 #include "common/Config.h"
 #include "common/Fd.h"
 #include "common/System.h"

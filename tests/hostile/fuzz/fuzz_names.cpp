@@ -4,14 +4,14 @@
 #include "fakes.h"
 #include "fuzz.h"
 
-#include "agent/BackupFolders.h"
-#include "agent/FilesHelper.h"
-#include "agent/FilesTransfer.h"
-#include "agent/Hosting.h"
-#include "agent/HostingNames.h"
-#include "agent/QuotaText.h"
-#include "agent/SecurityAddress.h"
-#include "agent/SecurityParse.h"
+#include "agent/files/Helper.h"
+#include "agent/files/Transfer.h"
+#include "agent/hosting/Hosting.h"
+#include "agent/quota/Text.h"
+#include "agent/security/Address.h"
+#include "agent/security/Parse.h"
+#include "common/Account.h"
+#include "common/BackupFolders.h"
 
 #include <algorithm>
 

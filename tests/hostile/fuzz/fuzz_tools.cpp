@@ -4,9 +4,9 @@
 
 #include "fuzz.h"
 
-#include "agent/HostingUsage.h"
-#include "agent/QuotaText.h"
-#include "agent/SecurityParse.h"
+#include "agent/hosting/Usage.h"
+#include "agent/quota/Text.h"
+#include "agent/security/Parse.h"
 #include "common/System.h"
 
 #include <QJsonObject>

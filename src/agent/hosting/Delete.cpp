@@ -1,0 +1,95 @@
+#include "agent/hosting/Hosting.h"
+
+#include "agent/hosting/Database.h"
+#include "agent/quota/Quota.h"
+#include "common/Site.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::hosting {
+namespace {
+
+const auto kArchives = u"/var/backups/corvane"_s;
+constexpr QFileDevice::Permissions kOwnerOnly =
+    QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
+constexpr QFileDevice::Permissions kOwnerFile = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+
+// Where the two archives of a deletion that begins now go, less the ends of their names. The folder is made where it is
+// missing, and never left open to others.
+QString archiveBase(const QString &user)
+{
+    (void)QDir().mkpath(kArchives);
+    (void)QFile::setPermissions(kArchives, kOwnerOnly);
+    const QString now = QDateTime::currentDateTime().toString(u"yyyyMMdd-HHmmss"_s);
+    return u"%1/%2-%3"_s.arg(kArchives, user, now);
+}
+
+// Copies the home and the database. Returns why one of them could not be copied, empty when both are.
+QString archive(const QString &user, const QString &base)
+{
+    const QString files = base + u"-home.tar.gz"_s;
+    const QString dump = base + u"-db.dump"_s;
+
+    (void)run(u"pkill"_s, {u"-u"_s, user}); // whoever has no process is fine; the rest must not change files meanwhile
+    if (const QString error = run(u"tar"_s, {u"-czf"_s, files, u"-C"_s, u"/home"_s, user}); !error.isEmpty())
+        return u"could not archive the files, so nothing was deleted: "_s + error;
+
+    if (const QString error =
+            run(u"runuser"_s, {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_dump"_s, u"-Fc"_s, user}, {}, nullptr, dump);
+        !error.isEmpty())
+        return u"could not dump the database, so nothing was deleted: "_s + error;
+
+    (void)QFile::setPermissions(files, kOwnerFile);
+    (void)QFile::setPermissions(dump, kOwnerFile);
+    return {};
+}
+
+// Lifts the limit: the user id will be given to somebody else some day.
+void clearQuota(const QString &user)
+{
+    if (quota::enabled())
+        (void)quota::set({{u"username"_s, user}, {u"mb"_s, 0}});
+}
+
+void removeSite(const QString &user, const QString &php)
+{
+    (void)run(u"a2dissite"_s, {u"-q"_s, siteName(user)});
+    (void)QFile::remove(sitePath(user));
+    if (php.isEmpty())
+        return;
+    (void)QFile::remove(poolPath(php, user));
+    (void)QFile::remove(parkedPoolPath(php, user));
+}
+
+} // namespace
+
+Reply remove(const QJsonObject &args)
+{
+    QString user;
+    if (const QString problem = checkExisting(args, &user); !problem.isEmpty())
+        return fail(problem);
+    if (args.value("confirm"_L1).toString() != user)
+        return fail(u"type the account name to confirm"_s);
+
+    const QString base = archiveBase(user);
+    if (const QString problem = archive(user, base); !problem.isEmpty())
+        return fail(problem);
+
+    // From here on nothing stops: half an account is worth nothing, and both copies are there.
+    clearQuota(user);
+    const QString php = phpVersion();
+    removeSite(user, php);
+    const QString webError = reloadWeb(php);
+    const QString databaseError = psql(dropDatabaseScript(user));
+    const QString userError = run(u"userdel"_s, {u"--remove"_s, user});
+
+    Reply reply = result(joined({webError, databaseError, userError}));
+    reply.insert("archive"_L1, base + u"-*"_s);
+    return reply;
+}
+
+} // namespace corv::hosting

@@ -1,0 +1,78 @@
+#include "agent/hosting/Hosting.h"
+
+#include "agent/hosting/Database.h"
+#include "common/Account.h"
+#include "common/Site.h"
+
+#include <QFile>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::hosting {
+namespace {
+
+// Whether the domain in the user database is fit for the site file. Its user may have changed it, where they have a
+// password, and would otherwise write lines of Apache's configuration as root.
+bool hasSafeDomain(const QString &domain)
+{
+    return domain.isEmpty() || normalDomain(domain) == domain;
+}
+
+bool writeSite(const QString &user, const QString &domain, bool php, bool suspended)
+{
+    return writeFile(sitePath(user), vhost(user, domain, php, suspended).toUtf8(), kWorldReadable);
+}
+
+void renamePool(const QString &from, const QString &to)
+{
+    // A pool that is in the way is the newer one.
+    if (exists(from) && !exists(to))
+        (void)QFile::rename(from, to);
+}
+
+} // namespace
+
+Reply suspend(const QJsonObject &args)
+{
+    QString user;
+    if (const QString problem = checkExisting(args, &user); !problem.isEmpty())
+        return fail(problem);
+    const QString domain = domainOf(user);
+    if (!hasSafeDomain(domain))
+        return fail(u"that is not a valid domain name"_s);
+
+    const QString php = phpVersion();
+    if (!writeSite(user, domain, false, true))
+        return fail(u"cannot write the Apache site"_s);
+    if (!php.isEmpty())
+        renamePool(poolPath(php, user), parkedPoolPath(php, user));
+
+    const QString webError = reloadWeb(php);
+    const QString userError = run(u"usermod"_s, {u"--lock"_s, u"--expiredate"_s, u"1"_s, user});
+    const QString databaseError = psql(loginScript(user, false));
+    (void)run(u"pkill"_s, {u"-u"_s, user}); // whoever has no process is fine
+    return result(joined({webError, userError, databaseError}));
+}
+
+Reply resume(const QJsonObject &args)
+{
+    QString user;
+    if (const QString problem = checkExisting(args, &user); !problem.isEmpty())
+        return fail(problem);
+    const QString domain = domainOf(user);
+    if (!hasSafeDomain(domain))
+        return fail(u"that is not a valid domain name"_s);
+
+    const QString php = phpVersion();
+    if (!php.isEmpty())
+        renamePool(parkedPoolPath(php, user), poolPath(php, user));
+    if (!writeSite(user, domain, !php.isEmpty(), false))
+        return fail(u"cannot write the Apache site"_s);
+
+    const QString webError = reloadWeb(php);
+    const QString userError = run(u"usermod"_s, {u"--unlock"_s, u"--expiredate"_s, QString(), user});
+    const QString databaseError = psql(loginScript(user, true));
+    return result(joined({webError, userError, databaseError}));
+}
+
+} // namespace corv::hosting

@@ -1,0 +1,149 @@
+#include "agent/hosting/Hosting.h"
+
+#include "common/Child.h"
+
+#include <QProcess>
+#include <QStandardPaths>
+
+#include <csignal>
+#include <limits>
+#include <utility>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::hosting {
+namespace {
+
+#ifdef CORV_SHORT_TIMEOUTS
+constexpr int kStartMs = 500;
+constexpr int kFinishMs = 2'000;
+#else
+constexpr int kStartMs = 5'000;
+constexpr int kFinishMs = 600'000;
+#endif
+
+constexpr qsizetype kDetailLength = 400;
+// A tool that floods its standard error must not fill root's memory; the end of it is what matters.
+constexpr qsizetype kKeptErrorBytes = 1'048'576;
+
+void keepEnd(QByteArray &errors)
+{
+    if (errors.size() > 2 * kKeptErrorBytes)
+        errors = errors.right(kKeptErrorBytes);
+}
+
+QString failureDetail(const QProcess &process, const QByteArray &errors)
+{
+    const QString text = QString::fromUtf8(errors).trimmed();
+    if (text.isEmpty())
+        return u"exit code %1"_s.arg(process.exitCode());
+    return text.right(kDetailLength);
+}
+
+// Sends the standard streams where they belong, and sets a limit to the files that the child writes, which it cannot
+// raise again.
+void connectStreams(QProcess &process, const Streams &streams, const QString &outputPath)
+{
+    if (!outputPath.isEmpty())
+        process.setStandardOutputFile(outputPath, QIODevice::Truncate);
+    else if (!streams.output)
+        process.setStandardOutputFile(QProcess::nullDevice());
+    if (streams.inputFile >= 0)
+        process.setStandardInputFile(QProcess::nullDevice());
+
+    const rlimit limit = {static_cast<rlim_t>(streams.maxFileSize), static_cast<rlim_t>(streams.maxFileSize)};
+    const bool isLimited = streams.maxFileSize < std::numeric_limits<qint64>::max();
+    process.setChildProcessModifier(
+        [=, in = streams.inputFile, out = streams.outputFile, prepare = process.childProcessModifier()] {
+            if (isLimited)
+                ::setrlimit(RLIMIT_FSIZE, &limit);
+            if (in >= 0)
+                ::dup2(in, STDIN_FILENO);
+            if (out >= 0)
+                ::dup2(out, STDOUT_FILENO);
+            prepare();
+        });
+}
+
+QString execute(const QString &program, const QStringList &args, const Streams &streams, const QString &outputPath)
+{
+    // Found out before the attempt, since a failed one costs the process object a descriptor (Qt 6.4).
+    if (QStandardPaths::findExecutable(program).isEmpty())
+        return program + ": cannot start"_L1;
+
+    QProcess process;
+    prepareChild(process);
+    connectStreams(process, streams, outputPath);
+
+    // Both outputs are taken over as they come: kept by the process object, they would be in memory twice at the end.
+    QByteArray output;
+    QByteArray errors;
+    bool flooded = false;
+    QObject::connect(&process, &QProcess::readyReadStandardOutput, &process, [&] {
+        const QByteArray more = process.readAllStandardOutput();
+        flooded = flooded || more.size() > streams.maxOutput - output.size();
+        if (!flooded)
+            output += more;
+        else if (process.processId() > 0)
+            ::kill(static_cast<pid_t>(-process.processId()), SIGKILL);
+    });
+    QObject::connect(&process, &QProcess::readyReadStandardError, &process, [&] {
+        errors += process.readAllStandardError();
+        keepEnd(errors);
+    });
+
+    process.start(program, args, QIODevice::ReadWrite);
+    if (!process.waitForStarted(kStartMs)) {
+        killGroup(process);
+        return program + ": cannot start"_L1;
+    }
+
+    if (!streams.input.isEmpty())
+        process.write(streams.input);
+    process.closeWriteChannel();
+    if (!waitForEnd(process, kFinishMs)) {
+        killGroup(process);
+        return program + ": took too long"_L1;
+    }
+
+    if (flooded)
+        return {};
+    if (streams.output)
+        *streams.output = std::move(output);
+    if (process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0)
+        return {};
+    return u"%1 failed: %2"_s.arg(program, failureDetail(process, errors));
+}
+
+} // namespace
+
+QString run(const QString &program, const QStringList &args, const QByteArray &input, QByteArray *out,
+            const QString &outputFile)
+{
+    Streams streams;
+    streams.input = input;
+    streams.output = out;
+    streams.maxOutput = std::numeric_limits<qsizetype>::max();
+    return execute(program, args, streams, outputFile);
+}
+
+QString runWith(const QString &program, const QStringList &args, const Streams &streams)
+{
+    return execute(program, args, streams, {});
+}
+
+QString asUser(const QString &user, const QStringList &args, const QByteArray &input, QByteArray *out)
+{
+    return run(u"runuser"_s, QStringList{u"-u"_s, user, u"--"_s} + args, input, out);
+}
+
+QString joined(QStringList messages)
+{
+    messages.removeAll(QString());
+    return messages.join("; "_L1);
+}
+
+} // namespace corv::hosting

@@ -1,0 +1,222 @@
+#include "ctl/Command.h"
+#include "ctl/Input.h"
+#include "ctl/Session.h"
+#include "ctl/screen/Escape.h"
+#include "ctl/screen/Follow.h"
+#include "ctl/screen/Table.h"
+
+#include <QDeadlineTimer>
+#include <QJsonArray>
+
+#include <utility>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+// How long a backup that was asked for may take to show up, in milliseconds: systemd begins it behind the reply's back.
+constexpr int kStartTime = 20'000;
+
+QJsonArray backupsIn(const QJsonObject &reply)
+{
+    return reply.value("backups"_L1).toArray();
+}
+
+// The newest backup's name; empty where there is none.
+QString newestIn(const QJsonObject &reply)
+{
+    return backupsIn(reply).at(0).toObject().value("name"_L1).toString();
+}
+
+// How many things could not be saved. A backup without a manifest tells nothing.
+Cell errorsOf(const QJsonObject &backup)
+{
+    if (!backup.contains("errors"_L1))
+        return {u"unknown"_s, {}, Colour::Warning, true};
+    Cell count = number(backup.value("errors"_L1).toArray().size());
+    count.colour = count.plain == "0"_L1 ? Colour::Good : Colour::Bad;
+    return count;
+}
+
+int status(Session &session, const Given &)
+{
+    const Answer answer = ask(session, u"backup.status"_s);
+    if (const std::optional<int> end = settled(session, answer))
+        return *end;
+    const QJsonObject &reply = answer.reply;
+    const QString next = reply.value("next"_L1).toString();
+    const QJsonObject newest = backupsIn(reply).at(0).toObject();
+    QList<Fact> facts = {{u"Backups"_s, number(backupsIn(reply).size())},
+                         {u"Being made"_s, yesNo(reply.value("running"_L1).toBool())},
+                         {u"Next"_s, next.isEmpty() ? text(u"none planned"_s, Colour::Warning) : text(next)},
+                         {u"Kept for"_s,
+                          {u"%1 d"_s.arg(reply.value("keepDays"_L1).toInteger()),
+                           QString::number(reply.value("keepDays"_L1).toInteger()), Colour::None, true}},
+                         {u"Folder"_s, text(reply.value("destination"_L1).toString())},
+                         {u"Free"_s, bytes(reply.value("freeBytes"_L1).toInteger())},
+                         {u"Size of the disk"_s, bytes(reply.value("totalBytes"_L1).toInteger())}};
+    if (!newest.isEmpty()) {
+        facts.append({u"Newest"_s, text(newest.value("name"_L1).toString())});
+        facts.append({u"Its errors"_s, errorsOf(newest)});
+    }
+    printFacts(session, facts);
+    return kDone;
+}
+
+int list(Session &session, const Given &)
+{
+    const Answer answer = ask(session, u"backup.status"_s);
+    if (const std::optional<int> end = settled(session, answer))
+        return *end;
+    QList<Row> rows;
+    for (const QJsonValue value : backupsIn(answer.reply)) {
+        const QJsonObject backup = value.toObject();
+        rows.append({text(backup.value("name"_L1).toString()), bytes(backup.value("bytes"_L1).toInteger()),
+                     backup.contains("accounts"_L1) ? number(backup.value("accounts"_L1).toArray().size()) : nothing(),
+                     backup.contains("seconds"_L1) ? span(backup.value("seconds"_L1).toInteger()) : nothing(),
+                     errorsOf(backup)});
+    }
+    printTable(session, {u"BACKUP"_s, u"SIZE"_s, u"ACCOUNTS"_s, u"TOOK"_s, u"ERRORS"_s}, rows);
+    return kDone;
+}
+
+int show(Session &session, const Given &given)
+{
+    const Answer answer = ask(session, u"backup.status"_s);
+    if (const std::optional<int> end = settled(session, answer))
+        return *end;
+    QJsonObject backup;
+    for (const QJsonValue value : backupsIn(answer.reply)) {
+        if (value.toObject().value("name"_L1).toString() == given.text("BACKUP"))
+            backup = value.toObject();
+    }
+    if (backup.isEmpty())
+        return fail(kRefused, u"no such backup"_s, u"corvctl backup list shows the backups"_s);
+
+    for (const QJsonValue error : backup.value("errors"_L1).toArray())
+        note(error.toString());
+    QList<Row> rows;
+    for (const QJsonValue value : backup.value("accounts"_L1).toArray()) {
+        const QJsonObject account = value.toObject();
+        rows.append({text(account.value("username"_L1).toString()), text(account.value("domain"_L1).toString()),
+                     bytes(account.value("homeBytes"_L1).toInteger()), bytes(account.value("dbBytes"_L1).toInteger())});
+    }
+    printTable(session, {u"ACCOUNT"_s, u"DOMAIN"_s, u"FILES"_s, u"DATABASE"_s}, rows);
+    return kDone;
+}
+
+int log(Session &session, const Given &)
+{
+    const Answer answer = ask(session, u"backup.status"_s);
+    if (const std::optional<int> end = settled(session, answer))
+        return *end;
+    print(escapedLines(answer.reply.value("log"_L1).toString()).toUtf8());
+    return kDone;
+}
+
+// Follows a backup from the status before it was asked for. It has ended when none is running and either one was seen
+// running or something new is there; a run that fails at once leaves nothing but lines in its log. A status lists the
+// backups before it asks whether one is running, so that one which ends in between shows only at the next look.
+int followBackup(Session &session, const QJsonObject &before)
+{
+    LogFollower follower(session, before.value("log"_L1).toString());
+    const QDeadlineTimer start(kStartTime);
+    bool seen = false;
+    bool ended = false;
+    const Answer last = askUntil(session, u"backup.status"_s, [&](const QJsonObject &reply) {
+        const bool running = reply.value("running"_L1).toBool();
+        const bool isNew = newestIn(reply) != newestIn(before);
+        seen = !follower.take(reply.value("log"_L1).toString()).isEmpty() || running || seen;
+        const bool hadEnded = std::exchange(ended, !running && (seen || start.hasExpired()));
+        return !running && (isNew || hadEnded);
+    });
+    if (const std::optional<int> end = settled(session, last); end && *end != kDone)
+        return *end;
+
+    const QString newest = newestIn(last.reply);
+    if (newest.isEmpty() || newest == newestIn(before))
+        return fail(kRefused, u"no backup was made"_s, u"journalctl -u corv-backup tells why"_s);
+    const QJsonObject backup = backupsIn(last.reply).at(0).toObject();
+    if (!backup.contains("errors"_L1))
+        return fail(kRefused, u"the backup %1 was made without a list of what is in it"_s.arg(newest),
+                    u"journalctl -u corv-backup tells why"_s);
+    const QJsonArray errors = backup.value("errors"_L1).toArray();
+    if (!errors.isEmpty())
+        return fail(kRefused, u"the backup %1 was made with %2 error(s)"_s.arg(newest, QString::number(errors.size())),
+                    u"corvctl backup show %1 tells them"_s.arg(newest));
+    if (!session.options.json && !session.options.plain)
+        printLine(u"the backup %1 was made"_s.arg(escaped(newest)));
+    return kDone;
+}
+
+int start(Session &session, const Given &given)
+{
+    const bool wait = given.has("--wait") && !session.options.printOnly;
+    QJsonObject before;
+    if (wait) {
+        const Answer status = ask(session, u"backup.status"_s);
+        if (!status.ok())
+            return *settled(session, status);
+        before = status.reply;
+    }
+
+    const Answer answer = ask(session, u"backup.start"_s);
+    if (!wait)
+        return settledWith(session, answer, u"the backup has begun; corvctl backup log shows how far it is"_s);
+    if (const std::optional<int> end = settled(session, answer); end && *end != kDone)
+        return *end;
+    return followBackup(session, before);
+}
+
+int restore(Session &session, const Given &given)
+{
+    const QString name = given.text("ACCOUNT");
+    const QString what = given.text("files|database");
+    if (what == "database"_L1) {
+        const std::optional<QString> typed = confirmation(
+            session,
+            u"This replaces the database of %1 by the one in the backup. Type %1 to go on:"_s.arg(escaped(name)));
+        if (!typed)
+            return kWrongUsage;
+        if (*typed != name)
+            return fail(kWrongUsage, u"that is not the account's name, so nothing was restored"_s);
+    }
+
+    const Answer answer = ask(session, u"backup.restore"_s,
+                              {{u"username"_s, name}, {u"backup"_s, given.text("BACKUP")}, {u"what"_s, what}});
+    const QString folder = answer.reply.value("restoredTo"_L1).toString();
+    return settledWith(session, answer,
+                       what == "files"_L1 ? u"the files are in %1"_s.arg(folder) : u"the database is restored"_s);
+}
+
+} // namespace
+
+Command backupCommand()
+{
+    const Parameter backup = {"BACKUP", "its name in corvctl backup list"};
+    return {"backup",
+            "Backups of all accounts",
+            {},
+            nullptr,
+            {{"status", "Show when backups are made, where, and how the newest went", {}, status},
+             {"list", "List the backups", {}, list},
+             {"show", "Show what a backup holds of each account, and what could not be saved", {backup}, show},
+             {"log", "Show the end of the backups' log", {}, log},
+             {"start",
+              "Start a backup now",
+              {{"--wait", "follow the log until the end; the exit status tells the outcome", Kind::Flag}},
+              start},
+             {"restore",
+              "Bring back an account's files into a new folder, or its database in place of the present one",
+              {{"ACCOUNT", "the account's name", Kind::Required, Names::Account},
+               backup,
+               {"files|database",
+                "what to bring back; a database asks for the account's name",
+                Kind::Required,
+                Names::Nothing,
+                {"files", "database"}}},
+              restore}}};
+}
+
+} // namespace corv::ctl

@@ -1,0 +1,303 @@
+#include "ctl/doctor/Accounts.h"
+
+#include "common/Account.h"
+#include "common/Site.h"
+
+#include <QRegularExpression>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+constexpr auto kRestoring = "__restore"_L1;
+constexpr auto kReplaced = "__old"_L1;
+
+QString sql(const QString &statement)
+{
+    return u"runuser -u postgres -- psql -c "_s + shellWord(statement);
+}
+
+bool isSuspendedSite(const AccountParts &account)
+{
+    return account.site == hosting::vhost(account.name, account.domain, false, true).toUtf8();
+}
+
+// What a site file says of its domain: the mend of a user whose comment has lost it.
+QString domainOfSite(const AccountParts &account)
+{
+    static const QRegularExpression pattern(u"^\\s*ServerName\\s+(\\S+)\\s*$"_s, QRegularExpression::MultilineOption);
+    const QString name = pattern.match(QString::fromUtf8(account.site.value_or(QByteArray()))).captured(1);
+    return hosting::normalDomain(name) == name ? name : QString();
+}
+
+// What a creation or a deletion leaves that was cut off: a user alone. Everything else of it can only be guessed.
+bool isHalfThere(const AccountParts &account, const std::optional<Databases> &databases)
+{
+    return !account.site && account.pools.isEmpty() && account.parkedPools.isEmpty() && databases &&
+           !findRole(*databases, account.name) && !findDatabase(*databases, account.name);
+}
+
+Finding halfThere(const QString &name)
+{
+    return {Level::Fault,
+            u"the account %1 is only half there: its user has no site, no pool, no role and no database"_s.arg(name),
+            u"tar -czf /root/%1-home.tar.gz -C /home %1 && userdel --remove %1"_s.arg(name)};
+}
+
+bool hasDomain(const AccountParts &account)
+{
+    return !account.domain.isEmpty() && hosting::normalDomain(account.domain) == account.domain;
+}
+
+QList<Finding> checkDomain(const AccountParts &account)
+{
+    if (hasDomain(account))
+        return {};
+    const QString found = domainOfSite(account);
+    const QString domain = found.isEmpty() ? u"DOMAIN"_s : found;
+    return {{Level::Fault,
+             u"the user database has no valid domain for the account %1, only '%2'"_s.arg(account.name, account.domain),
+             u"usermod --comment '%1' %2"_s.arg(hosting::accountComment(domain), account.name)}};
+}
+
+QList<Finding> checkDatabase(const QString &name, const Databases &databases)
+{
+    QList<Finding> findings;
+    if (!findRole(databases, name)) {
+        findings.append({Level::Fault, u"the account %1 has no role in PostgreSQL"_s.arg(name),
+                         u"runuser -u postgres -- createuser %1 && corvctl account password %1"_s.arg(name)});
+    }
+
+    const Database *const database = findDatabase(databases, name);
+    if (database && database->owner != name) {
+        findings.append({Level::Fault,
+                         u"the database of the account %1 belongs to %2, not to %1"_s.arg(name, database->owner),
+                         sql(u"ALTER DATABASE %1 OWNER TO %1"_s.arg(name))});
+    }
+    if (database && database->isOpen) {
+        findings.append({Level::Fault, u"every role may connect to the database of the account %1"_s.arg(name),
+                         sql(u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(name))});
+    }
+    if (database)
+        return findings;
+
+    // A restore that was cut off between its two renames: what stands aside is the live data.
+    if (findDatabase(databases, name + kReplaced)) {
+        findings.append(
+            {Level::Fault,
+             u"the database of the account %1 is missing; a restore that was cut off left it as %1__old"_s.arg(name),
+             sql(u"ALTER DATABASE %1__old RENAME TO %1"_s.arg(name))});
+        return findings;
+    }
+    findings.append({Level::Fault, u"the account %1 has no database"_s.arg(name),
+                     u"runuser -u postgres -- createdb -O %1 %1 && "_s.arg(name) +
+                         sql(u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(name))});
+    return findings;
+}
+
+// Nothing where the parts of a suspension agree. An account without a role is told of that elsewhere.
+QList<Finding> checkSuspension(const AccountParts &account, const Role *role)
+{
+    const bool siteOff = isSuspendedSite(account);
+    const bool roleOff = role && !role->mayLogIn;
+    const bool agree = siteOff == account.expired && (!role || roleOff == siteOff);
+    if (agree || !account.site)
+        return {};
+    QStringList parts = {u"its site is "_s + (siteOff ? u"off"_s : u"on"_s),
+                         u"its user is "_s + (account.expired ? u"locked"_s : u"not locked"_s)};
+    if (role)
+        parts.append(u"its role is "_s + (roleOff ? u"locked"_s : u"not locked"_s));
+    return {{Level::Fault, u"the account %1 is only half suspended: %2"_s.arg(account.name, parts.join(", "_L1)),
+             u"corvctl account suspend %1"_s.arg(account.name)}};
+}
+
+QString reloadPhp(const QString &php)
+{
+    return u"systemctl reload php%1-fpm"_s.arg(php);
+}
+
+// A pool that another PHP version still serves keeps the socket: that version lets go of it first.
+QString movePool(const QString &name, const QString &from, const QString &to)
+{
+    return u"mv %1 %2; systemctl try-reload-or-restart php%3-fpm; "_s.arg(hosting::poolPath(from, name),
+                                                                          hosting::poolPath(to, name), from) +
+           reloadPhp(to);
+}
+
+QList<Finding> checkPools(const AccountParts &account, const QString &php, bool suspended)
+{
+    QList<Finding> findings;
+    const QString &name = account.name;
+    const bool hasPool = account.pools.contains(php);
+    if (suspended && hasPool) {
+        findings.append({Level::Fault, u"the account %1 is suspended, but its PHP pool still runs"_s.arg(name),
+                         u"mv -f %1 %2; "_s.arg(hosting::poolPath(php, name), hosting::parkedPoolPath(php, name)) +
+                             reloadPhp(php)});
+    }
+
+    const bool needsPool = !suspended && !php.isEmpty() && !hasPool;
+    if (needsPool && account.parkedPools.contains(php)) {
+        findings.append({Level::Fault,
+                         u"the PHP pool of the account %1 is put aside as if it were suspended"_s.arg(name),
+                         u"corvctl account resume %1"_s.arg(name)});
+    } else if (needsPool && !account.pools.isEmpty()) {
+        const QString &from = account.pools.constFirst();
+        findings.append(
+            {Level::Fault,
+             u"the account %1 has its pool in PHP %2, not in %3, the version in force"_s.arg(name, from, php),
+             movePool(name, from, php)});
+    } else if (needsPool) {
+        findings.append(
+            {Level::Fault, u"the account %1 has no pool in PHP %2, the version in force"_s.arg(name, php),
+             u"corvctl doctor --pool %1 >%2 && "_s.arg(name, hosting::poolPath(php, name)) + reloadPhp(php)});
+    } else if (!suspended && account.parkedPools.contains(php)) {
+        findings.append({Level::Fault,
+                         u"the account %1 has a pool that was put aside beside the one in use"_s.arg(name),
+                         u"rm "_s + hosting::parkedPoolPath(php, name)});
+    }
+
+    for (const QString &other : account.pools) {
+        // Two versions that serve one pool fight for its socket.
+        if (other != php && hasPool) {
+            findings.append(
+                {Level::Fault, u"the account %1 has a second pool in PHP %2"_s.arg(name, other),
+                 u"rm %1; systemctl try-reload-or-restart php%2-fpm; "_s.arg(hosting::poolPath(other, name), other) +
+                     reloadPhp(php)});
+        }
+    }
+    return findings;
+}
+
+QList<Finding> checkSite(const AccountParts &account, const QString &php, bool suspended)
+{
+    const QString &name = account.name;
+    const QString enable = u"a2ensite -q %1 && systemctl reload apache2"_s.arg(hosting::siteName(name));
+    if (!account.site) {
+        return {{Level::Fault, u"the account %1 has no Apache site"_s.arg(name),
+                 u"corvctl account %1 %2 && %3"_s.arg(suspended ? u"suspend"_s : u"resume"_s, name, enable)}};
+    }
+
+    QList<Finding> findings;
+    if (!account.siteEnabled)
+        findings.append({Level::Fault, u"the Apache site of the account %1 is not enabled"_s.arg(name), enable});
+    if (suspended)
+        return findings;
+
+    const QString resume = u"corvctl account resume %1"_s.arg(name);
+    const QString wanted = hosting::vhost(name, account.domain, !php.isEmpty(), false);
+    if (*account.site == wanted.toUtf8() || *account.site == hosting::vhost(name, account.domain, false, true).toUtf8())
+        return findings;
+    if (*account.site == hosting::vhost(name, account.domain, false, false).toUtf8()) {
+        findings.append({Level::Fault,
+                         u"the site of the account %1 runs no PHP, but shows the source of its pages"_s.arg(name),
+                         resume});
+    } else {
+        findings.append(
+            {Level::Note,
+             u"the site file of the account %1 is not what the agent writes; it will be overwritten"_s.arg(name),
+             resume});
+    }
+    return findings;
+}
+
+QList<Finding> checkScratchDatabases(const Databases &databases)
+{
+    QList<Finding> findings;
+    for (const Database &database : databases.databases) {
+        const bool restoring = database.name.endsWith(kRestoring);
+        if (!restoring && !database.name.endsWith(kReplaced))
+            continue;
+        const QString account = database.name.chopped(restoring ? kRestoring.size() : kReplaced.size());
+        // Where the live database is missing, that is told with the account.
+        if (!hosting::validUsername(account) || (!restoring && !findDatabase(databases, account)))
+            continue;
+        findings.append({Level::Fault, u"a restore that was cut off left the database %1"_s.arg(database.name),
+                         u"runuser -u postgres -- dropdb %1"_s.arg(database.name)});
+    }
+    return findings;
+}
+
+// A role and a database as creation makes them, whose user is gone. A role alone may be anybody's.
+QList<Finding> checkOrphans(const Databases &databases, const QStringList &users)
+{
+    QList<Finding> findings;
+    for (const Role &role : databases.roles) {
+        const QString &name = role.name;
+        if (!hosting::validUsername(name) || users.contains(name) || !role.isPlain)
+            continue;
+        const Database *const database = findDatabase(databases, name);
+        if (!database) {
+            findings.append({Level::Note, u"PostgreSQL has a role %1, but the server has no such user"_s.arg(name),
+                             u"runuser -u postgres -- dropuser %1"_s.arg(name)});
+        } else if (database->owner == name && !database->isOpen) {
+            findings.append({Level::Fault, u"the role and database %1 belong to no account"_s.arg(name),
+                             u"runuser -u postgres -- pg_dump -Fc %1 >/root/%1-db.dump && "
+                             "runuser -u postgres -- dropdb %1 && runuser -u postgres -- dropuser %1"_s.arg(name)});
+        }
+    }
+    return findings;
+}
+
+} // namespace
+
+QString accountOfFile(const QString &fileName)
+{
+    static const QRegularExpression pattern(
+        QRegularExpression::anchoredPattern(u"corv-([a-z0-9]+)\\.conf(\\.suspended)?"_s));
+    const QString name = pattern.match(fileName).captured(1);
+    return hosting::validUsername(name) ? name : QString();
+}
+
+QList<Finding> checkAccount(const AccountParts &account, const QString &php, const std::optional<Databases> &databases)
+{
+    if (!hosting::validUsername(account.name)) {
+        return {{Level::Fault,
+                 u"the user '%1' is marked as an account, but no account can have that name"_s.arg(account.name),
+                 u"usermod --comment '' "_s + shellWord(account.name)}};
+    }
+    if (isHalfThere(account, databases))
+        return {halfThere(account.name)};
+
+    QList<Finding> findings = checkDomain(account);
+    const Role *const role = databases ? findRole(*databases, account.name) : nullptr;
+    if (databases)
+        findings += checkDatabase(account.name, *databases);
+
+    // Without the domain it cannot be told what its site file should hold, or whether that is a suspension's.
+    if (!hasDomain(account))
+        return findings + checkPools(account, php, account.expired);
+    const bool suspended = isSuspendedSite(account) || (!account.site && account.expired);
+    return findings + checkSuspension(account, role) + checkPools(account, php, suspended) +
+           checkSite(account, php, suspended);
+}
+
+QList<Finding> checkLeftovers(const NamedParts &parts, const std::optional<Databases> &databases,
+                              const QStringList &users, const QStringList &accounts)
+{
+    QList<Finding> findings;
+    for (const QString &pool : parts.pools) {
+        const QString name = accountOfFile(pool.section(u'/', -1));
+        if (name.isEmpty() || accounts.contains(name))
+            continue;
+        const QString php = pool.section(u'/', 3, 3);
+        findings.append({Level::Fault, u"a PHP pool is left of %1, which is no account"_s.arg(name),
+                         u"rm %1; systemctl try-reload-or-restart php%2-fpm"_s.arg(shellWord(pool), php)});
+    }
+    for (const QString &site : parts.sites) {
+        const QString name = accountOfFile(site);
+        if (name.isEmpty() || accounts.contains(name))
+            continue;
+        findings.append({Level::Fault, u"an Apache site is left of %1, which is no account"_s.arg(name),
+                         u"rm -f /etc/apache2/sites-*/%1 && systemctl reload apache2"_s.arg(site)});
+    }
+    for (const QString &home : parts.ownerlessHomes) {
+        findings.append({Level::Fault, u"the folder %1 belongs to no user"_s.arg(home),
+                         u"tar -czf /root/left-over-home.tar.gz %1 && rm -rf %1"_s.arg(shellWord(home))});
+    }
+    if (databases)
+        findings += checkScratchDatabases(*databases) + checkOrphans(*databases, users);
+    return findings;
+}
+
+} // namespace corv::ctl

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "ctl/doctor/Database.h"
+#include "ctl/doctor/Finding.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+namespace corv::ctl {
+
+// What the server has of one account, but for its role and its database.
+struct AccountParts
+{
+    QString name;
+    QString domain;                 // as the user database has it
+    bool expired = false;           // whether its user is kept from logging in, as a suspension does
+    std::optional<QByteArray> site; // its site file's text, none where there is no such file
+    bool siteEnabled = false;
+    QStringList pools;       // the PHP versions in which it has a pool
+    QStringList parkedPools; // those in which it has a pool that a suspension put aside
+};
+
+// What carries an account's name outside the user database.
+struct NamedParts
+{
+    QStringList sites;          // the file names of sites, enabled ones among them
+    QStringList pools;          // the paths of pool files, parked ones among them
+    QStringList ownerlessHomes; // the paths of folders in /home that no user owns
+};
+
+// What is wrong with an account, where php is the PHP version in force (empty for none) and databases is what
+// PostgreSQL has (none where it could not be asked).
+QList<Finding> checkAccount(const AccountParts &account, const QString &php, const std::optional<Databases> &databases);
+
+// What is left over of accounts that are none any more, or that were never finished. users holds the names of all users
+// of the system, accounts those of the accounts.
+QList<Finding> checkLeftovers(const NamedParts &parts, const std::optional<Databases> &databases,
+                              const QStringList &users, const QStringList &accounts);
+
+// The account that a file "corv-NAME.conf" or "corv-NAME.conf.suspended" belongs to, empty for another file.
+QString accountOfFile(const QString &fileName);
+
+} // namespace corv::ctl

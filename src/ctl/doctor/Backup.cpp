@@ -1,0 +1,157 @@
+#include "ctl/doctor/Backup.h"
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QStringList>
+
+#include <algorithm>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+constexpr qint64 kHour = 3600;
+// A run starts within the same hour each night, so that a backup of this age means that a night was missed.
+constexpr qint64 kOldSeconds = 36 * kHour;
+constexpr qint64 kToolSeconds = 600; // after which a home's archive is cut off
+// What tar and gzip do on a common processor, told by runs of the backup on slow machines; faster ones prove
+// themselves.
+constexpr qint64 kBytesPerSecond = 20'000'000;
+constexpr qint64 kGibibyte = 1'073'741'824;
+// Where no backup tells how large the next one gets.
+constexpr qint64 kLeastFree = kGibibyte;
+
+constexpr auto kStartBackup = "corvctl backup start --wait"_L1;
+// What tar says of a file that was being written to while it was saved. It is saved all the same.
+constexpr auto kHarmless = "file changed as we read it"_L1;
+constexpr auto kCutOff = "took too long"_L1;
+
+QStringList errorsOf(const QJsonObject &backup)
+{
+    QStringList errors;
+    for (const auto &error : backup.value("errors"_L1).toArray())
+        errors.append(error.toString());
+    return errors;
+}
+
+// An error that tells of nothing but files that were being written to.
+bool isHarmless(const QString &error)
+{
+    const QStringList lines = error.split(u'\n', Qt::SkipEmptyParts);
+    return std::all_of(lines.cbegin(), lines.cend(), [](const QString &line) { return line.endsWith(kHarmless); });
+}
+
+QString gibibytes(qint64 bytes)
+{
+    return u"%1 GiB"_s.arg(QString::number(static_cast<double>(bytes) / static_cast<double>(kGibibyte), 'f', 1));
+}
+
+QList<Finding> checkSpace(const QJsonObject &status, const QJsonArray &backups)
+{
+    const qint64 free = status.value("freeBytes"_L1).toInteger();
+    const qint64 needed = std::max(backups.first().toObject().value("bytes"_L1).toInteger(), kLeastFree);
+    const QString destination = status.value("destination"_L1).toString();
+    if (free < 0 || free >= needed)
+        return {};
+    // The oldest one is what the next run would remove anyway, sooner or later; never the only one.
+    const QString oldest = backups.last().toObject().value("name"_L1).toString();
+    const QString mend = backups.size() > 1 ? u"rm -r "_s + shellWord(destination + u'/' + oldest)
+                                            : u"df -h "_s + shellWord(destination);
+    return {
+        {Level::Fault,
+         u"only %1 are free at %2, and the next backup needs %3"_s.arg(gibibytes(free), destination, gibibytes(needed)),
+         mend}};
+}
+
+QList<Finding> checkLast(const QJsonObject &backup, qint64 now)
+{
+    QList<Finding> findings;
+    const QString name = backup.value("name"_L1).toString();
+    const qint64 age = now - std::max(backupTime(name), backup.value("created"_L1).toInteger());
+    if (age > kOldSeconds) {
+        findings.append({Level::Fault, u"the last backup, %1, is %2 hours old"_s.arg(name).arg(age / kHour),
+                         QString(kStartBackup)});
+    }
+    if (!backup.contains("errors"_L1)) {
+        findings.append({Level::Fault, u"the last backup, %1, has no manifest that could be read"_s.arg(name),
+                         QString(kStartBackup)});
+    }
+    for (const QString &error : errorsOf(backup)) {
+        const bool harmless = isHarmless(error);
+        findings.append({harmless ? Level::Note : Level::Fault,
+                         u"the last backup, %1: %2"_s.arg(name, error.simplified()), QString(kStartBackup)});
+    }
+    return findings;
+}
+
+// Whether a run that ended within the limit saved the account's home.
+bool wasSaved(const QString &account, const QJsonObject &backup)
+{
+    if (!backup.contains("seconds"_L1) || backup.value("seconds"_L1).toInteger() >= kToolSeconds)
+        return false;
+    const QStringList errors = errorsOf(backup);
+    if (std::any_of(errors.cbegin(), errors.cend(),
+                    [&account](const QString &error) { return error.startsWith(account + u" files:"_s); }))
+        return false;
+    const QJsonArray accounts = backup.value("accounts"_L1).toArray();
+    return std::any_of(accounts.cbegin(), accounts.cend(), [&account](const QJsonValue &saved) {
+        return saved.toObject().value("username"_L1).toString() == account;
+    });
+}
+
+bool wasCutOff(const QString &account, const QJsonObject &backup)
+{
+    const QStringList errors = errorsOf(backup);
+    return std::any_of(errors.cbegin(), errors.cend(), [&account](const QString &error) {
+        return error.startsWith(account + u" files:"_s) && error.endsWith(kCutOff);
+    });
+}
+
+} // namespace
+
+qint64 backupTime(const QString &name)
+{
+    const QDateTime time = QDateTime::fromString(name, u"yyyy-MM-dd_HHmmss"_s);
+    return time.isValid() ? time.toSecsSinceEpoch() : 0;
+}
+
+QList<Finding> checkBackups(const QJsonObject &status, qint64 now, bool timerActive)
+{
+    QList<Finding> findings;
+    if (!timerActive) {
+        findings.append({Level::Fault, u"no nightly backup is planned: its timer is off"_s,
+                         u"systemctl enable --now corv-backup.timer"_s});
+    }
+
+    const QJsonArray backups = status.value("backups"_L1).toArray();
+    findings += checkSpace(status, backups);
+    if (!backups.isEmpty())
+        return findings + checkLast(backups.first().toObject(), now);
+    if (!status.value("running"_L1).toBool())
+        findings.append({Level::Fault, u"there is no backup yet"_s, QString(kStartBackup)});
+    return findings;
+}
+
+QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject &status)
+{
+    const QJsonObject last = status.value("backups"_L1).toArray().first().toObject();
+    QStringList names = sizes.keys();
+    names.sort();
+
+    QList<Finding> findings;
+    for (const QString &name : names) {
+        const bool cutOff = wasCutOff(name, last);
+        const bool tooLarge = sizes.value(name) > kToolSeconds * kBytesPerSecond;
+        if (!cutOff && (!tooLarge || wasSaved(name, last)))
+            continue;
+        findings.append(
+            {Level::Fault,
+             u"the home of the account %1, %2, is too large to be archived within ten minutes%3"_s.arg(
+                 name, gibibytes(sizes.value(name)), cutOff ? u"; the last backup cut it off"_s : QString()),
+             u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail"_s.arg(name)});
+    }
+    return findings;
+}
+
+} // namespace corv::ctl

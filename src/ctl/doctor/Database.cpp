@@ -1,0 +1,137 @@
+#include "ctl/doctor/Database.h"
+
+#include "common/Json.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+#include <algorithm>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+// The first minor release of each major one in which neither a dump nor a restore opens a hole that is known.
+//
+// Releases of August 2025: whoever owns an object of a database could put commands into its dump that a restore ran, on
+// the client as on the server (CVE-2025-8714, CVE-2025-8715). They hold all earlier corrections of pg_dump too, such as
+// that of August 2024, without which the owner of an object had his own functions run with the rights of the superuser
+// who dumps it (CVE-2024-7348). 18 has had these corrections from its first release on, and what is older than 13 got
+// none.
+struct Release
+{
+    int major;
+    int minor;
+};
+constexpr Release kSafeReleases[] = {{13, 22}, {14, 19}, {15, 14}, {16, 10}, {17, 6}};
+constexpr int kFirstSafeMajor = 18;
+constexpr auto kReason = "a dump can carry commands of a tenant that its restore runs as the superuser "
+                         "(CVE-2025-8714, CVE-2025-8715)"_L1;
+
+constexpr auto kPanelName = "corvane"_L1;
+constexpr auto kPanelRole = "corv-web"_L1;
+
+// The minor release that a major one needs; nothing for one that never got the corrections.
+std::optional<int> safeMinor(int major)
+{
+    if (major >= kFirstSafeMajor)
+        return 0;
+    const auto *const found = std::find_if(std::begin(kSafeReleases), std::end(kSafeReleases),
+                                           [major](const Release &release) { return release.major == major; });
+    return found == std::end(kSafeReleases) ? std::nullopt : std::optional(found->minor);
+}
+
+} // namespace
+
+const QString kDatabasesQuery =
+    u"SELECT json_build_object("
+    "'version', current_setting('server_version_num')::int, "
+    "'roles', (SELECT coalesce(json_agg(json_build_object('name', rolname, 'login', rolcanlogin, 'plain', "
+    "NOT (rolsuper OR rolcreaterole OR rolcreatedb OR rolreplication OR rolbypassrls))), '[]') FROM pg_roles), "
+    "'databases', (SELECT coalesce(json_agg(json_build_object('name', datname, 'owner', pg_get_userbyid(datdba), "
+    "'open', has_database_privilege('public', oid, 'CONNECT'))), '[]') FROM pg_database WHERE NOT datistemplate))"_s;
+
+std::optional<Databases> parseDatabases(const QByteArray &answer)
+{
+    const QJsonObject object = parseObject(answer);
+    if (!object.value("roles"_L1).isArray() || !object.value("databases"_L1).isArray())
+        return {};
+
+    Databases found;
+    found.version = object.value("version"_L1).toInt();
+    for (const auto &value : object.value("roles"_L1).toArray()) {
+        const QJsonObject role = value.toObject();
+        found.roles.append(
+            {role.value("name"_L1).toString(), role.value("login"_L1).toBool(), role.value("plain"_L1).toBool()});
+    }
+    for (const auto &value : object.value("databases"_L1).toArray()) {
+        const QJsonObject database = value.toObject();
+        found.databases.append({database.value("name"_L1).toString(), database.value("owner"_L1).toString(),
+                                database.value("open"_L1).toBool()});
+    }
+    return found;
+}
+
+std::optional<PostgresVersion> parsePostgresVersion(const QByteArray &text)
+{
+    static const QRegularExpression pattern(u"\\A(\\S+) \\(PostgreSQL\\) (\\d{1,4})(?:\\.(\\d{1,4}))?(?:\\D|\\z)"_s);
+    const QRegularExpressionMatch match = pattern.match(QString::fromUtf8(text));
+    if (!match.hasMatch())
+        return {};
+    return PostgresVersion{match.captured(1), match.captured(2).toInt(), match.captured(3).toInt()};
+}
+
+const Role *findRole(const Databases &databases, const QString &name)
+{
+    const auto found = std::find_if(databases.roles.cbegin(), databases.roles.cend(),
+                                    [&name](const Role &role) { return role.name == name; });
+    return found == databases.roles.cend() ? nullptr : &*found;
+}
+
+const Database *findDatabase(const Databases &databases, const QString &name)
+{
+    const auto found = std::find_if(databases.databases.cbegin(), databases.databases.cend(),
+                                    [&name](const Database &database) { return database.name == name; });
+    return found == databases.databases.cend() ? nullptr : &*found;
+}
+
+QList<Finding> checkPostgresVersions(const QList<PostgresVersion> &programs)
+{
+    QList<Finding> findings;
+    for (const PostgresVersion &program : programs) {
+        const std::optional<int> minor = safeMinor(program.major);
+        if (minor && program.minor >= *minor)
+            continue;
+        const QString version = u"%1.%2"_s.arg(program.major).arg(program.minor);
+        if (!minor) {
+            findings.append({Level::Fault,
+                             u"%1 is of PostgreSQL %2, which gets no corrections any more: %3"_s.arg(program.program,
+                                                                                                     version, kReason),
+                             u"apt-get install postgresql"_s});
+            continue;
+        }
+        findings.append(
+            {Level::Fault,
+             u"%1 is of PostgreSQL %2; before %3.%4 %5"_s.arg(program.program, version, QString::number(program.major),
+                                                              QString::number(*minor), kReason),
+             u"apt-get update && apt-get install --only-upgrade postgresql-%1 postgresql-client-%1"_s.arg(
+                 program.major)});
+    }
+    return findings;
+}
+
+QList<Finding> checkPanelDatabase(const Databases &databases)
+{
+    const Database *const database = findDatabase(databases, kPanelName);
+    if (database && database->owner == kPanelRole)
+        return {};
+    if (database) {
+        return {{Level::Fault, u"the panel's database corvane belongs to %1, not to corv-web"_s.arg(database->owner),
+                 uR"(runuser -u postgres -- psql -c 'ALTER DATABASE corvane OWNER TO "corv-web"')"_s}};
+    }
+    return {{Level::Fault, u"the panel's database corvane is missing"_s, u"/usr/libexec/corvane/panel-database"_s}};
+}
+
+} // namespace corv::ctl

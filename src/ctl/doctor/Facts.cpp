@@ -1,0 +1,174 @@
+#include "ctl/doctor/Facts.h"
+
+#include "agent/hosting/Usage.h"
+#include "common/Site.h"
+#include "common/TimedRun.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonObject>
+
+#include <grp.h>
+#include <pwd.h>
+#include <shadow.h>
+#include <sys/stat.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+constexpr int kToolMs = 30'000;
+constexpr int kMeasureMs = 60'000;
+constexpr auto kEnabledSites = "/etc/apache2/sites-enabled"_L1;
+constexpr auto kAvailableSites = "/etc/apache2/sites-available"_L1;
+
+QString userName(uid_t uid)
+{
+    const passwd *entry = ::getpwuid(uid);
+    return entry ? QString::fromLocal8Bit(entry->pw_name) : QString::number(uid);
+}
+
+QString groupName(gid_t gid)
+{
+    const group *entry = ::getgrgid(gid);
+    return entry ? QString::fromLocal8Bit(entry->gr_name) : QString::number(gid);
+}
+
+// Links that lead nowhere among them: a site may be enabled whose file is gone.
+QStringList entriesIn(const QString &folder, const QString &wildcard)
+{
+    return QDir(folder).entryList({wildcard}, QDir::Files | QDir::System | QDir::CaseSensitive, QDir::Name);
+}
+
+// Suspending lets a user's account expire on the first day of all; resuming takes that back.
+bool isExpired(const QString &user)
+{
+    const spwd *entry = ::getspnam(user.toLocal8Bit().constData());
+    return entry && entry->sp_expire == 1;
+}
+
+} // namespace
+
+UnitProperties unitProperties(const QString &unit)
+{
+    return parseProperties(runWithin(kToolMs, u"systemctl"_s,
+                                     {u"show"_s, u"-p"_s, u"LoadState,ActiveState,SubState,UnitFileState"_s, unit})
+                               .output);
+}
+
+std::optional<QByteArray> textOf(const QString &path)
+{
+    QFile file(path);
+    if (!QFileInfo(path).isFile() || !file.open(QIODevice::ReadOnly))
+        return {};
+    return file.readAll();
+}
+
+Found lookAt(const QString &path)
+{
+    struct stat status = {};
+    if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
+        return {};
+    return {true,
+            S_ISDIR(status.st_mode),
+            S_ISSOCK(status.st_mode),
+            userName(status.st_uid),
+            groupName(status.st_gid),
+            status.st_mode & ALLPERMS};
+}
+
+std::optional<Databases> readDatabases(QString *problem)
+{
+    const Outcome outcome = runWithin(kToolMs, u"runuser"_s,
+                                      {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s,
+                                       u"ON_ERROR_STOP=1"_s, u"-c"_s, kDatabasesQuery});
+    const std::optional<Databases> found = parseDatabases(outcome.output);
+    if (!found)
+        *problem = QString::fromUtf8(outcome.errors).simplified();
+    return found;
+}
+
+QList<PostgresVersion> readClientVersions()
+{
+    QList<PostgresVersion> versions;
+    for (const QString &program : {u"pg_dump"_s, u"pg_restore"_s, u"psql"_s}) {
+        const Outcome outcome =
+            runWithin(kToolMs, u"runuser"_s, {u"-u"_s, u"postgres"_s, u"--"_s, program, u"--version"_s});
+        if (const std::optional<PostgresVersion> version = parsePostgresVersion(outcome.output))
+            versions.append(*version);
+    }
+    return versions;
+}
+
+QStringList phpVersions()
+{
+    QStringList versions = QDir(u"/etc/php"_s).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
+    versions.removeIf(
+        [](const QString &version) { return !QFileInfo(u"/etc/php/%1/fpm/pool.d"_s.arg(version)).isDir(); });
+    return versions;
+}
+
+AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions)
+{
+    AccountParts account;
+    account.name = user.name;
+    account.domain = hosting::domainIn(user.comment);
+    account.expired = isExpired(user.name);
+    if (!hosting::validUsername(user.name))
+        return account;
+
+    account.site = textOf(hosting::sitePath(user.name));
+    account.siteEnabled = QFileInfo::exists(u"%1/%2.conf"_s.arg(kEnabledSites, hosting::siteName(user.name)));
+    for (const QString &version : phpVersions) {
+        if (hosting::exists(hosting::poolPath(version, user.name)))
+            account.pools.append(version);
+        if (hosting::exists(hosting::parkedPoolPath(version, user.name)))
+            account.parkedPools.append(version);
+    }
+    return account;
+}
+
+NamedParts readNamedParts(const QStringList &phpVersions)
+{
+    NamedParts parts;
+    for (const QString &folder : {QString(kAvailableSites), QString(kEnabledSites)}) {
+        for (const QString &site : entriesIn(folder, u"corv-*.conf"_s)) {
+            if (!parts.sites.contains(site))
+                parts.sites.append(site);
+        }
+    }
+    for (const QString &version : phpVersions) {
+        const QString folder = u"/etc/php/%1/fpm/pool.d"_s.arg(version);
+        for (const QString &pool : entriesIn(folder, u"corv-*"_s))
+            parts.pools.append(folder + u'/' + pool);
+    }
+    const QFileInfoList homes =
+        QDir(u"/home"_s).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks, QDir::Name);
+    for (const QFileInfo &home : homes) {
+        if (!::getpwuid(home.ownerId()))
+            parts.ownerlessHomes.append(home.filePath());
+    }
+    return parts;
+}
+
+QHash<QString, qint64> readHomeSizes(const QList<hosting::User> &accounts)
+{
+    if (accounts.isEmpty())
+        return {};
+    QStringList args = {u"-sb"_s}; // the files' own sizes: tar reads the holes of a file too
+    for (const hosting::User &account : accounts)
+        args.append(account.home);
+    const Outcome outcome = runWithin(kMeasureMs, u"du"_s, args);
+    if (!outcome.finished)
+        return {};
+
+    const QJsonObject found = hosting::parseSizes(outcome.output);
+    QHash<QString, qint64> sizes;
+    for (auto entry = found.begin(); entry != found.end(); ++entry)
+        sizes.insert(entry.key(), entry.value().toInteger());
+    return sizes;
+}
+
+} // namespace corv::ctl

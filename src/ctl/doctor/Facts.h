@@ -1,0 +1,43 @@
+#pragma once
+
+#include "common/Account.h"
+#include "ctl/doctor/Accounts.h"
+#include "ctl/doctor/Database.h"
+#include "ctl/doctor/System.h"
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QString>
+
+#include <optional>
+
+namespace corv::ctl {
+
+// Reads of this server what the examination judges. Nothing here writes.
+
+// The properties of a unit that tell whether it is up and comes up; empty where systemctl tells nothing.
+UnitProperties unitProperties(const QString &unit);
+
+// The text of a file of the system's own, nothing when there is none.
+std::optional<QByteArray> textOf(const QString &path);
+
+// What stands at a path; a link is not followed.
+Found lookAt(const QString &path);
+
+// What PostgreSQL has; nothing, with the reason in problem, where it cannot be asked.
+std::optional<Databases> readDatabases(QString *problem);
+
+// The versions of the client programs that dump and restore, as the agent starts them, each once.
+QList<PostgresVersion> readClientVersions();
+
+// The PHP versions for which a folder of pools is there.
+QStringList phpVersions();
+
+AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions);
+NamedParts readNamedParts(const QStringList &phpVersions);
+
+// The bytes that the files of each of these homes hold, by the user's name. Empty where that takes more than a minute.
+QHash<QString, qint64> readHomeSizes(const QList<hosting::User> &accounts);
+
+} // namespace corv::ctl
