@@ -1,7 +1,8 @@
 // One program through the runner, beside posix_spawn and waitpid of the same.
 
-#include "agent/hosting/Hosting.h"
 #include "bench.h"
+
+#include "common/Run.h"
 
 #include <cstdlib>
 #include <spawn.h>

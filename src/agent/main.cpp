@@ -3,10 +3,12 @@
 #include "agent/backup/Backup.h"
 #include "agent/files/Helper.h"
 #include "agent/files/Names.h"
+#include "common/BackupConfig.h"
 #include "common/Config.h"
 #include "common/Environment.h"
 #include "common/Fd.h"
 #include "common/System.h"
+#include "common/Text.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -49,7 +51,7 @@ QStringList argumentsAfter(int argc, char **argv, int first)
 {
     QStringList arguments;
     for (int i = first; i < argc; ++i)
-        arguments.append(files::shown(argv[i]));
+        arguments.append(shown(argv[i]));
     return arguments;
 }
 

@@ -1,11 +1,6 @@
 #include "common/Account.h"
 
-#include "agent/hosting/Hosting.h"
-
-#include <QRandomGenerator>
 #include <QRegularExpression>
-
-#include <algorithm>
 
 #include <pwd.h>
 
@@ -15,9 +10,6 @@ namespace corv::hosting {
 namespace {
 
 const auto kMarker = "Corvane account"_L1;
-
-constexpr qsizetype kQuotedNameLength = 32;
-constexpr qsizetype kPasswordBytes = 18;
 
 QRegularExpression whole(const QString &pattern)
 {
@@ -75,6 +67,11 @@ QString domainOf(const QString &user)
     return entry ? domainIn(QString::fromLocal8Bit(entry->pw_gecos)) : QString();
 }
 
+QString homePath(const QString &user)
+{
+    return u"/home/"_s + user;
+}
+
 bool validUsername(const QString &u)
 {
     static const QRegularExpression pattern = whole(u"[a-z][a-z0-9]{2,15}"_s);
@@ -93,26 +90,15 @@ QString normalDomain(const QString &d)
     return matches(pattern, domain) ? domain : QString();
 }
 
+bool isStoredDomain(const QString &domain)
+{
+    return !domain.isEmpty() && normalDomain(u"www."_s + domain) == domain;
+}
+
 bool isOurs(const QString &username)
 {
     const passwd *entry = ::getpwnam(username.toLocal8Bit().constData());
     return entry && hasMarker(QString::fromLocal8Bit(entry->pw_gecos));
-}
-
-QString checkExisting(const QJsonObject &args, QString *user)
-{
-    *user = args.value("username"_L1).toString();
-    if (validUsername(*user) && isOurs(*user))
-        return {};
-    return u"no Corvane account named '%1'"_s.arg(user->left(kQuotedNameLength));
-}
-
-QString randomPassword()
-{
-    QByteArray bytes(kPasswordBytes, '\0');
-    std::generate(bytes.begin(), bytes.end(),
-                  [] { return static_cast<char>(QRandomGenerator64::system()->generate()); });
-    return QString::fromLatin1(bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
 }
 
 bool validKey(const QString &text)

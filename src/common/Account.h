@@ -32,17 +32,21 @@ QString domainIn(const QString &comment);
 // The domain of a user, as domainIn; empty when there is no such user. The user may have changed it.
 QString domainOf(const QString &user);
 
+// "/home/" and the account's name.
+QString homePath(const QString &user);
+
 // Whether u may name an account: 3 to 16 lower-case letters and digits, a letter first, and none of the reserved names.
 bool validUsername(const QString &u);
 
 // The domain name in d, trimmed, in lower case and without one leading "www."; empty when it is not a domain name.
 QString normalDomain(const QString &d);
 
+// Whether creation stores this domain for some input: one that begins with "www." is stored where two of these were
+// given.
+bool isStoredDomain(const QString &domain);
+
 // Whether username is a user of this system with the account marker.
 bool isOurs(const QString &username);
-
-// 24 characters of the URL-safe Base64 alphabet from the system's secure random source.
-QString randomPassword();
 
 // Whether text is one SSH public key line of a known type, with at most 200 printable characters of comment.
 bool validKey(const QString &text);

@@ -1,6 +1,6 @@
 #include "common/Packages.h"
 
-#include "agent/hosting/Hosting.h"
+#include "common/Run.h"
 
 using namespace Qt::Literals::StringLiterals;
 

@@ -1,4 +1,4 @@
-#include "agent/hosting/Hosting.h"
+#include "common/Run.h"
 
 #include "common/Child.h"
 

@@ -1,6 +1,6 @@
 #include "ctl/Transfer.h"
 
-#include "agent/files/Transfer.h"
+#include "common/Transfer.h"
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/remote/Remote.h"
@@ -22,7 +22,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-constexpr auto kFolder = "/var/lib/corvane/transfer";
 constexpr mode_t kUploadMode = 0600;
 constexpr qsizetype kRandomBytes = 24;
 constexpr qsizetype kChunk = 262'144;
@@ -42,12 +41,12 @@ Transferred failed(const QString &problem)
 
 Fd openFolder()
 {
-    return Fd(::open(kFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return Fd(::open(files::kTransferFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 QString cannotOpenFolder()
 {
-    return u"cannot open the transfer directory %1: %2"_s.arg(QLatin1StringView(kFolder), systemError());
+    return u"cannot open the transfer directory %1: %2"_s.arg(QLatin1StringView(files::kTransferFolder), systemError());
 }
 
 // The size of what is open, in bytes; -1 where that is no file.
@@ -135,7 +134,7 @@ Transferred putHere(const Session &session, const Source &source, qint64 size, c
     const Fd target(::openat(folder.get(), name.toLatin1().constData(),
                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kUploadMode));
     if (!target)
-        return failed(u"cannot write to %1: %2"_s.arg(QLatin1StringView(kFolder), systemError()));
+        return failed(u"cannot write to %1: %2"_s.arg(QLatin1StringView(files::kTransferFolder), systemError()));
 
     Transferred done = copy(session, source, size, into(target), what);
     if (done.status != kDone)
@@ -153,7 +152,7 @@ Transferred takeHere(const Session &session, const QString &name, const Fd &targ
         ::openat(folder.get(), name.toLatin1().constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     struct stat status = {};
     if (!source || ::fstat(source.get(), &status) != 0)
-        return failed(u"cannot read from %1: %2"_s.arg(QLatin1StringView(kFolder), systemError()));
+        return failed(u"cannot read from %1: %2"_s.arg(QLatin1StringView(files::kTransferFolder), systemError()));
     if (!S_ISREG(status.st_mode))
         return failed(u"what the agent named is no file"_s);
     return copy(session, from(source), status.st_size, into(target), what);

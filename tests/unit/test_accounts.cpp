@@ -1,5 +1,5 @@
 #include "agent/hosting/Database.h"
-#include "agent/hosting/Usage.h"
+#include "common/Usage.h"
 
 #include <QTest>
 

@@ -1,4 +1,4 @@
-#include "agent/backup/Backup.h"
+#include "common/BackupConfig.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
 

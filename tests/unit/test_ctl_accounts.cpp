@@ -1,3 +1,4 @@
+#include "common/Pool.h"
 #include "common/Site.h"
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"

@@ -1,10 +1,11 @@
 // The source itself, for what it keeps to itself: moving on file systems that cannot move without replacing.
-#include "agent/files/Tree.cpp" // NOLINT(bugprone-suspicious-include)
-
 #include "agent/files/Helper.h"
 #include "agent/files/Names.h"
 #include "agent/files/Operations.h"
 #include "agent/files/Transfer.h"
+#include "agent/files/Tree.cpp" // NOLINT(bugprone-suspicious-include)
+#include "common/Text.h"
+#include "common/Transfer.h"
 
 #include <QDir>
 #include <QFile>

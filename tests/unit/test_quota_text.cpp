@@ -1,4 +1,5 @@
-#include "agent/quota/Text.h"
+#include "agent/quota/Fstab.h"
+#include "common/Quotas.h"
 
 #include <QTest>
 

@@ -1,22 +1,9 @@
 #pragma once
 
 #include "agent/Reply.h"
-
-#include <QString>
-
-class QSettings;
+#include "common/BackupConfig.h"
 
 namespace corv::backup {
-
-struct Config
-{
-    QString destination; // absolute folder with one sub-folder for each backup
-    int keepDays = 1;    // days that a finished backup is kept, at least 1
-};
-
-// The backup settings, keys backup/destination and backup/keep_days; what is no number, or one
-// below 1, reads as 1 day. A destination with an unquoted comma, which the INI format splits, reads as empty.
-Config load(const QSettings &settings);
 
 // Makes one backup of the panel's database, the settings files and every account, deletes those past their days, and
 // writes its progress to standard output. Returns the exit code: 0, or 1 when there was any problem.

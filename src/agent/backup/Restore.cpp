@@ -1,11 +1,13 @@
 #include "agent/backup/Backup.h"
-
 #include "agent/hosting/Database.h"
+#include "agent/hosting/Existing.h"
 #include "agent/hosting/Home.h"
-#include "agent/hosting/Hosting.h"
+#include "agent/hosting/Psql.h"
+#include "common/Account.h"
 #include "common/BackupFolders.h"
 #include "common/Child.h"
-#include "common/Site.h"
+#include "common/Paths.h"
+#include "common/Run.h"
 
 #include <QFileInfo>
 #include <QProcess>
@@ -107,7 +109,7 @@ Reply restoreFiles(const QString &user, const QString &backup, const QString &ar
         return fail(u"that backup has no files for "_s + user);
     const QString name = u"restored-"_s + backup;
     const QString target = hosting::homePath(user) + u'/' + name;
-    if (hosting::exists(target))
+    if (exists(target))
         return fail(name + u" exists already in the home folder"_s);
 
     // Made and filled under the account's own rights: whatever its owner puts in the way leads nowhere else.

@@ -1,6 +1,5 @@
+#include "common/Run.h"
 #include "agent/backup/Backup.h"
-
-#include "agent/hosting/Hosting.h"
 #include "common/Account.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"

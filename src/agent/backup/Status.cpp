@@ -1,50 +1,13 @@
 #include "agent/backup/Backup.h"
+#include "common/BackupList.h"
+#include "common/Run.h"
 
-#include "agent/hosting/Hosting.h"
-#include "common/BackupFolders.h"
-#include "common/BackupManifest.h"
-
-#include <QJsonArray>
 #include <QStorageInfo>
-
-#include <algorithm>
-#include <functional>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::backup {
 namespace {
-
-// For all manifests of one reply together: years of backups of hundreds of accounts, and still no danger to root's
-// memory when a file is not what a run wrote.
-constexpr qint64 kManifestBudget = 67'108'864;
-
-// The names of the finished backups, newest first.
-QStringList finishedBackups(const QString &destination)
-{
-    QStringList names;
-    for (const Folder &folder : foldersIn(destination)) {
-        const QString name = QString::fromLatin1(folder.name);
-        if (isBackupName(name))
-            names.append(name);
-    }
-    std::sort(names.begin(), names.end(), std::greater<>());
-    return names;
-}
-
-QJsonArray backups(const QString &destination)
-{
-    QJsonArray list;
-    qint64 budget = kManifestBudget;
-    for (const QString &name : finishedBackups(destination)) {
-        const QString folder = destination + u'/' + name;
-        QJsonObject backup = readManifest(folder, &budget);
-        backup.insert("name"_L1, name);
-        backup.insert("bytes"_L1, sizeOf(folder));
-        list.append(backup);
-    }
-    return list;
-}
 
 // What a tool prints; what went wrong with it does not matter here.
 QString outputOf(const QString &program, const QStringList &args)
@@ -63,7 +26,7 @@ QString unitProperty(const QString &property, const QString &unit)
 
 Reply status(const Config &config)
 {
-    const QJsonArray list = backups(config.destination);
+    const QJsonArray list = listBackups(config.destination);
     const QString state = unitProperty(u"ActiveState"_s, u"corv-backup.service"_s);
     const QString next = unitProperty(u"NextElapseUSecRealtime"_s, u"corv-backup.timer"_s);
     const QString log = outputOf(

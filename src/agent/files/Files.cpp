@@ -1,8 +1,10 @@
 #include "agent/files/Files.h"
 
 #include "agent/files/Transfer.h"
-#include "agent/hosting/Hosting.h"
+#include "agent/hosting/Existing.h"
 #include "common/Json.h"
+#include "common/Run.h"
+#include "common/Transfer.h"
 
 #include <QStringList>
 

@@ -2,6 +2,7 @@
 #include "agent/files/Operations.h"
 #include "common/Fd.h"
 #include "common/FolderStream.h"
+#include "common/Text.h"
 
 #include <QJsonArray>
 

@@ -1,6 +1,7 @@
 #include "agent/files/Names.h"
 
 #include "common/FolderStream.h"
+#include "common/Text.h"
 
 #include <QList>
 #include <QStringDecoder>
@@ -39,13 +40,6 @@ std::optional<QByteArray> onlyEntryShownAs(const QByteArray &folder, const QByte
 }
 
 } // namespace
-
-QString shown(const QByteArray &bytes)
-{
-    QStringDecoder decoder(QStringDecoder::Utf8,
-                           QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
-    return decoder(bytes);
-}
 
 QByteArray storedPath(const QString &path)
 {

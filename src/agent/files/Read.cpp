@@ -3,6 +3,8 @@
 #include "agent/files/Operations.h"
 #include "agent/files/Transfer.h"
 #include "common/Fd.h"
+#include "common/Text.h"
+#include "common/Transfer.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,7 +1,8 @@
 #include "agent/files/Transfer.h"
 
+#include "common/Transfer.h"
+
 #include <QRandomGenerator>
-#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -13,13 +14,12 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::files {
 namespace {
 
-constexpr auto kFolder = "/var/lib/corvane/transfer";
 constexpr mode_t kDownloadMode = 0600;
 constexpr qsizetype kRandomBytes = 24;
 
 Fd openFolder()
 {
-    return Fd(::open(kFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    return Fd(::open(kTransferFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
 QString randomName()
@@ -31,12 +31,6 @@ QString randomName()
 }
 
 } // namespace
-
-bool validTransferName(const QString &name)
-{
-    static const QRegularExpression pattern(QRegularExpression::anchoredPattern(u"[A-Za-z0-9_-]{16,64}"_s));
-    return pattern.match(name).hasMatch();
-}
 
 Fd takeUpload(const QString &name)
 {

@@ -12,12 +12,6 @@ namespace corv::files {
 // It belongs to the panel's user, so that whatever is in it may be swapped at any time: files are judged by what was
 // opened, and no link is followed to one, nor to the directory itself.
 
-// The most bytes of one upload or download: 256 MiB.
-constexpr qint64 kMaxTransfer = 268'435'456;
-
-// Whether name may name a file of the transfer directory: 16 to 64 letters, digits, underscores or hyphens.
-bool validTransferName(const QString &name);
-
 // Opens an upload for reading, then takes it out of the directory: it is read, to its end, by the helper alone, so that
 // not even 256 MiB pass through the agent's memory. No descriptor, and the file stays, when there is no regular file of
 // that name, when it cannot be opened or when it is too big.

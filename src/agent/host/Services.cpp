@@ -2,11 +2,6 @@
 
 #include "common/TimedRun.h"
 
-#include <QFile>
-#include <QSysInfo>
-
-#include <unistd.h>
-
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv {
@@ -22,20 +17,6 @@ constexpr int kRestartMs = 30'000;
 
 constexpr qsizetype kDetailLength = 300;
 
-// The seconds since boot in the text of /proc/uptime, its first field; 0 where there is no number.
-qint64 uptimeIn(const QByteArray &text)
-{
-    return static_cast<qint64>(text.split(' ').constFirst().toDouble());
-}
-
-qint64 uptimeSeconds()
-{
-    QFile file(u"/proc/uptime"_s);
-    if (!file.open(QIODevice::ReadOnly))
-        return 0;
-    return uptimeIn(file.readAll());
-}
-
 // Why Apache cannot be restarted, empty when its configuration is valid.
 QString apacheProblem()
 {
@@ -48,16 +29,6 @@ QString apacheProblem()
 }
 
 } // namespace
-
-Reply systemInfo(const QJsonObject &)
-{
-    return {{u"ok"_s, true},
-            {u"hostname"_s, QSysInfo::machineHostName()},
-            {u"os"_s, QSysInfo::prettyProductName()},
-            {u"kernel"_s, QSysInfo::kernelVersion()},
-            {u"cpus"_s, static_cast<qint64>(::sysconf(_SC_NPROCESSORS_ONLN))},
-            {u"uptimeSeconds"_s, uptimeSeconds()}};
-}
 
 Reply restartService(const QStringList &services, const QJsonObject &args)
 {

@@ -6,10 +6,6 @@
 
 namespace corv {
 
-// system.info: hostname, os (the release's pretty name), kernel, cpus and uptimeSeconds (whole seconds, from
-// /proc/uptime). What cannot be read is 0 or empty; never fails.
-Reply systemInfo(const QJsonObject &args);
-
 // services.restart: restarts the unit that the argument name names, if it is one of services. Apache is restarted only
 // with a valid configuration. Apache and the panel's own units are restarted one second later (queued true), so that
 // the reply gets through to a panel that they serve; for all others the restart is waited for.

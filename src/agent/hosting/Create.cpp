@@ -1,8 +1,12 @@
-#include "agent/hosting/Hosting.h"
-
 #include "agent/hosting/Database.h"
 #include "agent/hosting/Home.h"
+#include "agent/hosting/Hosting.h"
+#include "agent/hosting/Psql.h"
+#include "agent/hosting/Web.h"
 #include "common/Account.h"
+#include "common/Paths.h"
+#include "common/Pool.h"
+#include "common/Run.h"
 #include "common/Site.h"
 
 #include <QFile>

@@ -1,16 +1,28 @@
 #include "agent/hosting/Database.h"
 
+#include "agent/hosting/Existing.h"
 #include "agent/hosting/Hosting.h"
-#include "common/Account.h"
+#include "agent/hosting/Psql.h"
+
+#include <QRandomGenerator>
+
+#include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::hosting {
+namespace {
 
-QString psql(const QByteArray &script)
+constexpr qsizetype kPasswordBytes = 18;
+
+} // namespace
+
+QString randomPassword()
 {
-    return run(u"runuser"_s, {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s},
-               script);
+    QByteArray bytes(kPasswordBytes, '\0');
+    std::generate(bytes.begin(), bytes.end(),
+                  [] { return static_cast<char>(QRandomGenerator64::system()->generate()); });
+    return QString::fromLatin1(bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
 }
 
 QByteArray createDatabaseScript(const QString &user, const QString &password)

@@ -5,9 +5,8 @@
 
 namespace corv::hosting {
 
-// Runs a script as the database superuser, up to its first error. Returns the runner's message, which carries the
-// database's own; empty on success.
-QString psql(const QByteArray &script);
+// 24 characters of the URL-safe Base64 alphabet from the system's secure random source.
+QString randomPassword();
 
 // The scripts. Names and passwords enter them as psql variables and are quoted by the server, never spliced into SQL.
 QByteArray createDatabaseScript(const QString &user, const QString &password);

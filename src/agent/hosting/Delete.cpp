@@ -1,7 +1,11 @@
-#include "agent/hosting/Hosting.h"
-
 #include "agent/hosting/Database.h"
-#include "agent/quota/Quota.h"
+#include "agent/hosting/Existing.h"
+#include "agent/hosting/Hosting.h"
+#include "agent/hosting/Psql.h"
+#include "agent/hosting/Web.h"
+#include "common/Pool.h"
+#include "common/Quotas.h"
+#include "common/Run.h"
 #include "common/Site.h"
 
 #include <QDateTime>
@@ -52,7 +56,7 @@ QString archive(const QString &user, const QString &base)
 void clearQuota(const QString &user)
 {
     if (quota::enabled())
-        (void)quota::set({{u"username"_s, user}, {u"mb"_s, 0}});
+        (void)quota::setLimit(user, 0);
 }
 
 void removeSite(const QString &user, const QString &php)

@@ -1,5 +1,6 @@
 #include "agent/hosting/Home.h"
 
+#include "common/Account.h"
 #include "common/Fd.h"
 
 #include <QFile>
@@ -37,11 +38,6 @@ Fd openHomeFolder(const QString &user, const QString &name)
 
 } // namespace
 
-QString homePath(const QString &user)
-{
-    return u"/home/"_s + user;
-}
-
 bool homeHoldsLinks(const QString &user)
 {
     static const QStringList places = {u""_s,
@@ -75,20 +71,15 @@ void writeHomeFile(const QString &user, const QString &folder, const QString &na
 
 KeyFile keyFile(const QString &user)
 {
-    const auto unseen = [] { return errno == ENOENT || errno == ENOTDIR ? KeyFile::Missing : KeyFile::Other; };
-    // The home itself can be a link only where root made it one. Nothing is opened for reading: O_PATH starts no device
-    // and waits for no FIFO.
-    const Fd home(::open(QFile::encodeName(homePath(user)).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!home)
-        return unseen();
-    const Fd folder(::openat(home.get(), ".ssh", O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const QString path = homePath(user) + u"/.ssh/authorized_keys"_s;
+    // Links are followed, as the SSH daemon follows them. Nothing is opened for reading: O_PATH starts no device and
+    // waits for no FIFO.
+    const Fd file(::open(QFile::encodeName(path).constData(), O_PATH | O_CLOEXEC));
     struct stat status = {};
-    if (!folder || ::fstat(folder.get(), &status) != 0)
-        return unseen();
-    if (S_ISLNK(status.st_mode))
-        return KeyFile::Other;
-    if (::fstatat(folder.get(), "authorized_keys", &status, AT_SYMLINK_NOFOLLOW) != 0)
-        return unseen();
+    if (!file && (errno == ENOENT || errno == ENOTDIR))
+        return KeyFile::Missing;
+    if (!file || ::fstat(file.get(), &status) != 0)
+        return KeyFile::Regular;
     return S_ISREG(status.st_mode) ? KeyFile::Regular : KeyFile::Other;
 }
 

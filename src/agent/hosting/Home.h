@@ -10,9 +10,6 @@ namespace corv::hosting {
 // Root's own writes in an account's home. A home may be left over from a former user, and whoever owns it may have put
 // links into it: no component below /home is ever followed.
 
-// "/home/" and the account's name.
-QString homePath(const QString &user);
-
 // Whether the home, or anything in it that creation writes to or hands over by path, is a link.
 bool homeHoldsLinks(const QString &user);
 
@@ -23,8 +20,9 @@ void makeHomeFolder(const QString &user, const QString &name);
 void writeHomeFile(const QString &user, const QString &folder, const QString &name, const QByteArray &data,
                    mode_t mode);
 
-// What stands where an account's SSH keys are looked for. Other is anything but a file, a link among them, and what is
-// reached through a folder that is a link.
+// What stands at the end of the links, if any, where an account's SSH keys are looked for. A link that leads nowhere is
+// a file that is missing. Other is what is no file: a folder, a FIFO, a device. Where it cannot be told (links in a
+// circle), it is Regular: the tools that work there with the account's own rights say what is wrong.
 enum class KeyFile { Missing, Regular, Other };
 KeyFile keyFile(const QString &user);
 

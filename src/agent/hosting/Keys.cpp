@@ -1,8 +1,9 @@
-#include "agent/hosting/Hosting.h"
-
-#include "agent/files/Names.h"
+#include "agent/hosting/Existing.h"
 #include "agent/hosting/Home.h"
+#include "agent/hosting/Hosting.h"
 #include "common/Account.h"
+#include "common/Run.h"
+#include "common/Text.h"
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -67,7 +68,7 @@ Reply getKeys(const QJsonObject &args)
         // An unreadable file reads as far as it goes, like an absent one.
         (void)asUser(user, {u"head"_s, u"-c"_s, kMaxFileBytes, keyPath(user)}, {}, &text);
     }
-    return {{u"ok"_s, true}, {u"keys"_s, files::shown(text)}};
+    return {{u"ok"_s, true}, {u"keys"_s, shown(text)}};
 }
 
 Reply setKeys(const QJsonObject &args)

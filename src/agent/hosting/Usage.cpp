@@ -1,17 +1,29 @@
+#include "common/Usage.h"
 #include "agent/hosting/Hosting.h"
-
-#include "agent/hosting/Usage.h"
-#include "agent/quota/Quota.h"
 #include "common/Account.h"
+#include "common/Quotas.h"
+#include "common/Run.h"
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::hosting {
+namespace {
+
+// As the disk quotas have it.
+Reply quotaUsage()
+{
+    QMap<QString, qint64> bytes;
+    if (const QString error = quota::usage(&bytes); !error.isEmpty())
+        return fail(error);
+    return {{u"ok"_s, true}, {u"usage"_s, usageMembers(bytes)}};
+}
+
+} // namespace
 
 Reply usage(const QJsonObject &)
 {
     if (quota::enabled())
-        return quota::usage({});
+        return quotaUsage();
 
     QStringList homes;
     for (const User &user : users()) {
@@ -22,28 +34,6 @@ Reply usage(const QJsonObject &)
     if (!homes.isEmpty())
         (void)run(u"du"_s, QStringList{u"-sb"_s} + homes, {}, &sizes); // a missing home must not hide the others
     return {{u"ok"_s, true}, {u"usage"_s, parseSizes(sizes)}};
-}
-
-QJsonObject parseSizes(const QByteArray &output)
-{
-    QMap<QString, qint64> bytes;
-    for (const QByteArray &line : output.split('\n')) {
-        const QList<QByteArray> fields = line.split('\t');
-        if (fields.size() != 2)
-            continue;
-        const QString name = QString::fromLocal8Bit(fields[1]).section(u'/', -1, -1, QString::SectionSkipEmpty);
-        bytes.insert(name, fields[0].toLongLong());
-    }
-    return usageMembers(bytes);
-}
-
-QJsonObject usageMembers(const QMap<QString, qint64> &bytes)
-{
-    // In their order: an object that is given its members in any other moves all that it has for each of them.
-    QJsonObject members;
-    for (auto entry = bytes.cbegin(); entry != bytes.cend(); ++entry)
-        members.insert(entry.key(), entry.value());
-    return members;
 }
 
 } // namespace corv::hosting

@@ -1,9 +1,10 @@
 #include "agent/quota/Quota.h"
 
-#include "agent/hosting/Hosting.h"
-#include "agent/quota/Home.h"
+#include "agent/quota/Fstab.h"
 #include "common/AtomicFile.h"
 #include "common/Packages.h"
+#include "common/Quotas.h"
+#include "common/Run.h"
 
 #include <QDateTime>
 #include <QFile>

@@ -4,9 +4,6 @@
 
 namespace corv::quota {
 
-// Whether user quotas are on for the file system that holds /home, as quotaon tells it; false also without the tool.
-bool enabled();
-
 // quota.status: the file system that holds /home (mount, fsType), whether quotas can be switched on there by
 // quota.enable (supported, else reason says why not) and whether they are on (enabled). Never fails. args is not read.
 Reply status(const QJsonObject &args);
@@ -18,9 +15,5 @@ Reply enable(const QJsonObject &args);
 
 // quota.set: limits the account username to mb MiB on /home's file system, 0 for no limit.
 Reply set(const QJsonObject &args);
-
-// The bytes that each account uses, as repquota tells them: usage, by login name, of every user with the account marker
-// that has quota data. Its cost grows linearly with the user database. args is not read.
-Reply usage(const QJsonObject &args);
 
 } // namespace corv::quota

@@ -1,10 +1,9 @@
-#include "agent/security/Security.h"
-
-#include "agent/hosting/Hosting.h"
 #include "agent/security/Address.h"
 #include "agent/security/Parse.h"
+#include "agent/security/Security.h"
 #include "common/AtomicFile.h"
 #include "common/Packages.h"
+#include "common/Run.h"
 
 #include <QJsonArray>
 #include <QRegularExpression>

@@ -1,9 +1,8 @@
-#include "agent/security/Security.h"
-
-#include "agent/hosting/Hosting.h"
 #include "agent/security/Address.h"
 #include "agent/security/Parse.h"
+#include "agent/security/Security.h"
 #include "common/Packages.h"
+#include "common/Run.h"
 
 #include <QJsonArray>
 

@@ -1,10 +1,9 @@
-#include "agent/security/Security.h"
-
-#include "agent/hosting/Hosting.h"
 #include "agent/security/Parse.h"
+#include "agent/security/Security.h"
 #include "common/AtomicFile.h"
 #include "common/Fd.h"
-#include "common/Site.h"
+#include "common/Paths.h"
+#include "common/Run.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -120,7 +119,7 @@ Reply updatesStatus(const QJsonObject &)
             {u"updates"_s, packages.size()},
             {u"security"_s, fromSecurity},
             {u"packages"_s, packages},
-            {u"rebootRequired"_s, hosting::exists(kRebootFlag)},
+            {u"rebootRequired"_s, exists(kRebootFlag)},
             {u"rebootPackages"_s, QJsonArray::fromStringList(parseRebootPackages(readEnd(kRebootPackages)))},
             {u"automatic"_s, parseAutomatic(readEnd(kAutomaticSettings))},
             {u"lastCheck"_s, lastCheck()},

@@ -1,7 +1,7 @@
 #include "common/Account.h"
 #include "common/Environment.h"
 #include "common/Json.h"
-#include "common/Site.h"
+#include "common/Pool.h"
 #include "ctl/Command.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"

@@ -1,12 +1,12 @@
 #include "ctl/doctor/Examination.h"
 
-#include "agent/backup/Backup.h"
-#include "agent/quota/Home.h"
-#include "agent/quota/Quota.h"
+#include "common/Account.h"
+#include "common/BackupConfig.h"
 #include "common/Config.h"
 #include "common/Json.h"
 #include "common/Packages.h"
-#include "common/Site.h"
+#include "common/Pool.h"
+#include "common/Quotas.h"
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
@@ -157,13 +157,13 @@ bool hasModulesPackage(const QString &name)
 
 Check checkQuota()
 {
-    const Reply status = quota::status({});
+    const quota::Mount home = quota::homeMount();
     QuotaState state;
-    state.mount = status.value("mount"_L1).toString();
-    state.type = status.value("fsType"_L1).toString();
-    state.supported = status.value("supported"_L1).toBool();
-    state.enabled = status.value("enabled"_L1).toBool();
+    state.mount = home.point;
+    state.type = home.type;
+    state.supported = home.type == quota::kSupportedType;
     state.hasPackage = installed(quota::kQuotaPackage);
+    state.enabled = state.hasPackage && quota::enabled();
     state.isInFstab = asksForQuotas(textOf(u"/etc/fstab"_s).value_or(QByteArray()), state.mount);
     state.modulesPackage = u"linux-modules-extra-"_s + QSysInfo::kernelVersion();
     state.hasModules = state.enabled || !state.supported || hasModulesPackage(state.modulesPackage);
@@ -206,7 +206,7 @@ Check checkFolders(const QSettings &settings, const QString &destination)
     return check;
 }
 
-Check checkBackups(const Reply &status)
+Check checkBackups(const QJsonObject &status)
 {
     const bool planned = unitProperties(u"corv-backup.timer"_s).value(u"ActiveState"_s) == "active"_L1;
     const QJsonArray backups = status.value("backups"_L1).toArray();
@@ -217,7 +217,7 @@ Check checkBackups(const Reply &status)
             ctl::checkBackups(status, QDateTime::currentSecsSinceEpoch(), planned)};
 }
 
-Check checkHomes(const QList<hosting::User> &accounts, const Reply &status)
+Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
     Check check = {u"homes"_s, u"sizes"_s, ctl::checkHomes(sizes, status)};
@@ -235,7 +235,7 @@ QList<Check> examine(const QString &settingsPath)
     const Accounts users = readAccounts();
     QString problem;
     const std::optional<Databases> databases = readDatabases(&problem);
-    const Reply backups = backup::status(backup::load(settings));
+    const QJsonObject backups = readBackups(backup::load(settings));
 
     return {checkServices(settings, php),
             checkApache(),

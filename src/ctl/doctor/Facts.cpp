@@ -1,13 +1,19 @@
 #include "ctl/doctor/Facts.h"
 
-#include "agent/hosting/Usage.h"
+#include "common/Account.h"
+#include "common/BackupList.h"
+#include "common/Paths.h"
+#include "common/Pool.h"
 #include "common/Site.h"
 #include "common/TimedRun.h"
+#include "common/Usage.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonObject>
+#include <QStorageInfo>
 
 #include <grp.h>
 #include <pwd.h>
@@ -122,9 +128,9 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
     account.site = textOf(hosting::sitePath(user.name));
     account.siteEnabled = QFileInfo::exists(u"%1/%2.conf"_s.arg(kEnabledSites, hosting::siteName(user.name)));
     for (const QString &version : phpVersions) {
-        if (hosting::exists(hosting::poolPath(version, user.name)))
+        if (exists(hosting::poolPath(version, user.name)))
             account.pools.append(version);
-        if (hosting::exists(hosting::parkedPoolPath(version, user.name)))
+        if (exists(hosting::parkedPoolPath(version, user.name)))
             account.parkedPools.append(version);
     }
     return account;
@@ -169,6 +175,15 @@ QHash<QString, qint64> readHomeSizes(const QList<hosting::User> &accounts)
     for (auto entry = found.begin(); entry != found.end(); ++entry)
         sizes.insert(entry.key(), entry.value().toInteger());
     return sizes;
+}
+
+QJsonObject readBackups(const backup::Config &config)
+{
+    const QString state = unitProperties(u"corv-backup.service"_s).value(u"ActiveState"_s);
+    return {{u"destination"_s, config.destination},
+            {u"backups"_s, backup::listBackups(config.destination)},
+            {u"running"_s, state == "active"_L1 || state == "activating"_L1},
+            {u"freeBytes"_s, QStorageInfo(config.destination).bytesAvailable()}};
 }
 
 } // namespace corv::ctl

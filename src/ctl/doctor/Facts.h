@@ -1,12 +1,14 @@
 #pragma once
 
 #include "common/Account.h"
+#include "common/BackupConfig.h"
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/System.h"
 
 #include <QByteArray>
 #include <QHash>
+#include <QJsonObject>
 #include <QList>
 #include <QString>
 
@@ -39,5 +41,8 @@ NamedParts readNamedParts(const QStringList &phpVersions);
 
 // The bytes that the files of each of these homes hold, by the user's name. Empty where that takes more than a minute.
 QHash<QString, qint64> readHomeSizes(const QList<hosting::User> &accounts);
+
+// The backups, as the agent's backup.status tells of them: destination, backups, running and freeBytes.
+QJsonObject readBackups(const backup::Config &config);
 
 } // namespace corv::ctl

@@ -1,6 +1,6 @@
 #include "fakes.h"
 
-#include "agent/hosting/Hosting.h"
+#include "common/Run.h"
 #include "common/TimedRun.h"
 
 #include <cstring>

@@ -4,7 +4,7 @@
 
 #include "fuzz.h"
 
-#include "agent/backup/Backup.h"
+#include "common/BackupConfig.h"
 #include "common/BackupManifest.h"
 #include "common/Config.h"
 #include "common/Fd.h"

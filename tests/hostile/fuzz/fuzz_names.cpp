@@ -7,11 +7,12 @@
 #include "agent/files/Helper.h"
 #include "agent/files/Transfer.h"
 #include "agent/hosting/Hosting.h"
-#include "agent/quota/Text.h"
+#include "agent/quota/Fstab.h"
 #include "agent/security/Address.h"
 #include "agent/security/Parse.h"
 #include "common/Account.h"
 #include "common/BackupFolders.h"
+#include "common/Transfer.h"
 
 #include <algorithm>
 

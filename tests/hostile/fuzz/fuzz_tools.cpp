@@ -4,10 +4,10 @@
 
 #include "fuzz.h"
 
-#include "agent/hosting/Usage.h"
-#include "agent/quota/Text.h"
 #include "agent/security/Parse.h"
+#include "common/Quotas.h"
 #include "common/System.h"
+#include "common/Usage.h"
 
 #include <QJsonObject>
 #include <QRegularExpression>

@@ -1,14 +1,11 @@
-#include "agent/quota/Text.h"
+#include "agent/quota/Fstab.h"
 
-#include <QStringList>
+#include <QList>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::quota {
 namespace {
-
-constexpr qint64 kBlockBytes = 1024; // the tools count in blocks of this size whatever the file system's is
-constexpr qsizetype kLeastUsageFields = 3;
 
 // The fields of a line of /etc/fstab, as far as the editing goes.
 constexpr qsizetype kMountPointField = 1;
@@ -18,29 +15,6 @@ constexpr qsizetype kLeastFstabFields = 4;
 const auto kQuotaOptions = "usrjquota=aquota.user,jqfmt=vfsv1"_ba;
 
 } // namespace
-
-Mount parseMount(const QByteArray &output)
-{
-    const QStringList fields = QString::fromUtf8(output).simplified().split(u' ');
-    return {fields.value(0), fields.value(1)};
-}
-
-QList<Usage> parseUsage(const QByteArray &output)
-{
-    QList<Usage> all;
-    for (const QByteArray &line : output.split('\n')) {
-        const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() < kLeastUsageFields || !fields[0].startsWith('#'))
-            continue;
-
-        bool isNumber = false;
-        const uid_t uid = fields[0].mid(1).toUInt(&isNumber);
-        qint64 bytes = 0;
-        if (isNumber && !qMulOverflow(fields[2].toLongLong(), kBlockBytes, &bytes))
-            all.append({uid, bytes});
-    }
-    return all;
-}
 
 std::optional<QByteArray> addQuotaOptions(const QByteArray &fstab, const QString &mountPoint)
 {

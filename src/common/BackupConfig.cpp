@@ -1,6 +1,4 @@
-#include "agent/backup/Backup.h"
-
-#include "agent/hosting/Hosting.h"
+#include "common/BackupConfig.h"
 
 #include <QDir>
 #include <QSettings>
@@ -24,11 +22,6 @@ Config load(const QSettings &settings)
     // Read as 64 bits: cut down to 32, a large number of days might become a small one, and the backups be deleted.
     const qint64 keepDays = settings.value(u"backup/keep_days"_s, kDefaultKeepDays).toLongLong();
     return {QDir::cleanPath(destination), static_cast<int>(std::clamp<qint64>(keepDays, 1, kMostDays))};
-}
-
-Reply start()
-{
-    return result(hosting::run(u"systemctl"_s, {u"start"_s, u"--no-block"_s, u"corv-backup.service"_s}));
 }
 
 } // namespace corv::backup
