@@ -1,7 +1,12 @@
-#include "agent/hosting/Hosting.h"
-
 #include "agent/hosting/Database.h"
+#include "agent/hosting/Existing.h"
+#include "agent/hosting/Hosting.h"
+#include "agent/hosting/Psql.h"
+#include "agent/hosting/Web.h"
 #include "common/Account.h"
+#include "common/Paths.h"
+#include "common/Pool.h"
+#include "common/Run.h"
 #include "common/Site.h"
 
 #include <QFile>
@@ -15,7 +20,7 @@ namespace {
 // password, and would otherwise write lines of Apache's configuration as root.
 bool hasSafeDomain(const QString &domain)
 {
-    return domain.isEmpty() || normalDomain(domain) == domain;
+    return domain.isEmpty() || isStoredDomain(domain);
 }
 
 bool writeSite(const QString &user, const QString &domain, bool php, bool suspended)

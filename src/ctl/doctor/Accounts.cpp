@@ -1,6 +1,7 @@
 #include "ctl/doctor/Accounts.h"
 
 #include "common/Account.h"
+#include "common/Pool.h"
 #include "common/Site.h"
 
 #include <QRegularExpression>
@@ -28,7 +29,7 @@ QString domainOfSite(const AccountParts &account)
 {
     static const QRegularExpression pattern(u"^\\s*ServerName\\s+(\\S+)\\s*$"_s, QRegularExpression::MultilineOption);
     const QString name = pattern.match(QString::fromUtf8(account.site.value_or(QByteArray()))).captured(1);
-    return hosting::normalDomain(name) == name ? name : QString();
+    return hosting::isStoredDomain(name) ? name : QString();
 }
 
 // What a creation or a deletion leaves that was cut off: a user alone. Everything else of it can only be guessed.
@@ -47,7 +48,7 @@ Finding halfThere(const QString &name)
 
 bool hasDomain(const AccountParts &account)
 {
-    return !account.domain.isEmpty() && hosting::normalDomain(account.domain) == account.domain;
+    return hosting::isStoredDomain(account.domain);
 }
 
 QList<Finding> checkDomain(const AccountParts &account)
