@@ -1,24 +1,28 @@
 #include "agent/Agent.h"
 
 #include "agent/Connection.h"
+#include "agent/backup/Backup.h"
 #include "agent/files/Files.h"
+#include "agent/host/Info.h"
 #include "agent/host/Services.h"
 #include "agent/hosting/Hosting.h"
 #include "agent/quota/Quota.h"
 #include "agent/security/Security.h"
+#include "common/BackupConfig.h"
 #include "common/Fd.h"
 #include "common/Json.h"
 #include "common/System.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QFile>
-#include <QLocalSocket>
+#include <QTimer>
 
-#include <fcntl.h>
+#include <cerrno>
+#include <cstring>
+
 #include <grp.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -26,11 +30,10 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv {
 namespace {
 
-// Many clients may knock while a handler waits for apt-get.
-constexpr int kBacklog = 4096;
-constexpr mode_t kSocketMode = 0660;
 constexpr qsizetype kLoggedNameLength = 64;
 constexpr int kSendRestMs = 2'000;
+// When no descriptor was to be had for a client.
+constexpr int kAcceptAgainMs = 100;
 
 Reply ping(const QJsonObject &)
 {
@@ -61,11 +64,11 @@ auto filesWith(const QString &self)
 }
 
 // The uid of the process at the other end, -1 when the kernel does not tell it.
-qint64 peerUid(qintptr socket)
+qint64 peerUid(int socket)
 {
     ucred peer = {};
     socklen_t size = sizeof peer;
-    if (::getsockopt(static_cast<int>(socket), SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0)
         return -1;
     return peer.uid;
 }
@@ -131,56 +134,57 @@ Agent::Agent(quint32 allowedUid, QStringList services, backup::Config backups, Q
           {u"hosting.resetDbPassword"_s, hosting::resetDbPassword},
           {u"hosting.dbReadOnly"_s, hosting::dbReadOnly},
       })
-{
-    connect(&m_server, &QLocalServer::newConnection, this, &Agent::onNewConnection);
-}
+{}
 
 bool Agent::listen(const QString &path, const QString &group)
 {
-    QLocalServer::removeServer(path);
-    m_server.setSocketOptions(QLocalServer::UserAccessOption | QLocalServer::GroupAccessOption);
-    m_server.setListenBacklogSize(kBacklog);
-    m_server.setMaxPendingConnections(kBacklog);
-    if (!m_server.listen(path)) {
-        qCritical("agent: cannot listen on %s: %s", qUtf8Printable(path), qUtf8Printable(m_server.errorString()));
+    const auto listener = [this](quint32) { onNewConnection(); };
+    QString problem = m_server.listen(path);
+    if (problem.isEmpty() && !m_readiness.add(m_server.descriptor(), listener))
+        problem = QString::fromUtf8(std::strerror(errno));
+    if (!problem.isEmpty()) {
+        qCritical("agent: cannot listen on %s: %s", qUtf8Printable(path), qUtf8Printable(problem));
         return false;
     }
 
-    // The framework lets owner and group execute the socket too, which means nothing but reads as a slip.
-    const QByteArray file = QFile::encodeName(m_server.fullServerName());
-    (void)::chmod(file.constData(), kSocketMode);
     if (!group.isEmpty()) {
         const struct group *entry = ::getgrnam(group.toLocal8Bit().constData());
-        if (!entry || ::chown(file.constData(), static_cast<uid_t>(-1), entry->gr_gid) != 0) {
+        if (!entry || ::chown(m_server.path().constData(), static_cast<uid_t>(-1), entry->gr_gid) != 0) {
             qCritical("agent: cannot give %s to group %s", qUtf8Printable(path), qUtf8Printable(group));
             return false;
         }
     }
 
+    m_readiness.setEvents(m_server.descriptor(), EPOLLIN);
     qInfo("agent: listening on %s", qUtf8Printable(path));
     return true;
 }
 
 void Agent::onNewConnection()
 {
-    while (QLocalSocket *socket = m_server.nextPendingConnection()) {
-        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
-        const qint64 uid = peerUid(socket->socketDescriptor());
-        if (uid < 0 || (uid != 0 && uid != m_allowedUid && uid != ::getuid())) {
-            qWarning("agent: refused connection from uid %ld", static_cast<long>(uid));
-            socket->abort();
-            continue;
-        }
+    while (Fd client = m_server.accept())
+        admit(std::move(client));
+    if (errno == EAGAIN)
+        return;
 
-        Fd descriptor(::fcntl(static_cast<int>(socket->socketDescriptor()), F_DUPFD_CLOEXEC, 0));
-        delete socket;
-        if (!descriptor)
-            continue;
-        const auto answer = [this, uid](const QByteArray &line) {
-            return compactJson(dispatch(line, static_cast<quint32>(uid))) + '\n';
-        };
-        new Connection(std::move(descriptor), answer, &m_readiness, this);
+    // Without a descriptor for the next client the listener would be ready all the time, and keep a processor busy.
+    m_readiness.setEvents(m_server.descriptor(), 0);
+    QTimer::singleShot(kAcceptAgainMs, this, [this] { m_readiness.setEvents(m_server.descriptor(), EPOLLIN); });
+}
+
+// Serves a client who may connect, and turns everybody else away without a word.
+void Agent::admit(Fd client)
+{
+    const qint64 uid = peerUid(client.get());
+    if (uid < 0 || (uid != 0 && uid != m_allowedUid && uid != ::getuid())) {
+        qWarning("agent: refused connection from uid %ld", static_cast<long>(uid));
+        return;
     }
+
+    const auto answer = [this, uid](const QByteArray &line) {
+        return compactJson(dispatch(line, static_cast<quint32>(uid))) + '\n';
+    };
+    new Connection(std::move(client), answer, &m_readiness, this);
 }
 
 Reply Agent::dispatch(const QByteArray &request, quint32 uid)

@@ -1,11 +1,11 @@
 #pragma once
 
+#include "agent/LocalServer.h"
 #include "agent/Readiness.h"
 #include "agent/Reply.h"
-#include "agent/backup/Backup.h"
+#include "common/BackupConfig.h"
 
 #include <QHash>
-#include <QLocalServer>
 #include <QObject>
 #include <QStringList>
 
@@ -37,8 +37,9 @@ private:
     using Handler = std::function<Reply(const QJsonObject &args)>;
 
     void onNewConnection();
+    void admit(Fd client);
 
-    QLocalServer m_server;
+    LocalServer m_server;
     Readiness m_readiness;
     quint32 m_allowedUid;
     QStringList m_services;

@@ -1,12 +1,18 @@
 #include "agent/security/Address.h"
 
-#include <QHostAddress>
 #include <QRegularExpression>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::security {
 namespace {
+
+constexpr int kIpv4Bits = 32;
+constexpr int kIpv6Bits = 128;
 
 // The text goes on to other tools as it was given, and 010.0.0.1, 127.1, 0x7f000001 or ::1%eth0 mean to the framework,
 // to a firewall and to the kernel different things, or nothing. What is let through has one meaning everywhere.
@@ -24,22 +30,48 @@ bool hasPlainLength(const QString &length)
     return pattern.match(length).hasMatch() || (!length.contains(u':') && hasPlainForm(length));
 }
 
+// The family of an address in its plain form, AF_UNSPEC when it is none.
+int familyOf(const QString &address)
+{
+    const QByteArray text = address.toLatin1();
+    in6_addr bytes = {}; // takes either
+    for (const int family : {AF_INET, AF_INET6}) {
+        if (::inet_pton(family, text.constData(), &bytes) == 1)
+            return family;
+    }
+    return AF_UNSPEC;
+}
+
+// Whether a dotted mask has nothing but ones before nothing but zeros.
+bool isNetmask(const QString &mask)
+{
+    in_addr bits = {};
+    if (::inet_pton(AF_INET, mask.toLatin1().constData(), &bits) != 1)
+        return false;
+    const quint32 zeros = ~ntohl(bits.s_addr);
+    return (zeros & (zeros + 1)) == 0;
+}
+
 } // namespace
 
 bool isAddress(const QString &text)
 {
-    return hasPlainForm(text) && !QHostAddress(text).isNull();
+    return hasPlainForm(text) && familyOf(text) != AF_UNSPEC;
 }
 
 bool isAddressOrRange(const QString &text)
 {
     const qsizetype slash = text.indexOf(u'/');
-    if (slash < 0) {
-        const QString whole = text + (text.contains(u':') ? u"/128"_s : u"/32"_s);
-        return hasPlainForm(text) && !QHostAddress::parseSubnet(whole).first.isNull();
-    }
-    return hasPlainForm(text.first(slash)) && hasPlainLength(text.sliced(slash + 1)) &&
-           !QHostAddress::parseSubnet(text).first.isNull();
+    if (slash < 0)
+        return isAddress(text);
+    const QString address = text.first(slash);
+    const QString length = text.sliced(slash + 1);
+    if (!isAddress(address) || !hasPlainLength(length))
+        return false;
+    const bool isIpv4 = familyOf(address) == AF_INET;
+    if (length.contains(u'.'))
+        return isIpv4 && isNetmask(length);
+    return length.toInt() <= (isIpv4 ? kIpv4Bits : kIpv6Bits);
 }
 
 } // namespace corv::security
