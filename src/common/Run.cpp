@@ -3,6 +3,7 @@
 #include "common/Child.h"
 
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QStandardPaths>
 
 #include <csignal>
@@ -45,10 +46,10 @@ QString failureDetail(const QProcess &process, const QByteArray &errors)
 
 // Sends the standard streams where they belong, and sets a limit to the files that the child writes, which it cannot
 // raise again.
-void connectStreams(QProcess &process, const Streams &streams, const QString &outputPath)
+void connectStreams(QProcess &process, const Streams &streams)
 {
-    if (!outputPath.isEmpty())
-        process.setStandardOutputFile(outputPath, QIODevice::Truncate);
+    if (!streams.outputPath.isEmpty())
+        process.setStandardOutputFile(streams.outputPath, QIODevice::Truncate);
     else if (!streams.output)
         process.setStandardOutputFile(QProcess::nullDevice());
     if (streams.inputFile >= 0)
@@ -68,7 +69,27 @@ void connectStreams(QProcess &process, const Streams &streams, const QString &ou
         });
 }
 
-QString execute(const QString &program, const QStringList &args, const Streams &streams, const QString &outputPath)
+// Variables and limits of the child's own.
+void surround(QProcess &process, const Surroundings &surroundings)
+{
+    if (!surroundings.environment.isEmpty()) {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        for (auto entry = surroundings.environment.cbegin(); entry != surroundings.environment.cend(); ++entry)
+            environment.insert(entry.key(), entry.value());
+        process.setProcessEnvironment(environment);
+    }
+    if (surroundings.stackBytes > 0) {
+        const rlimit limit = {static_cast<rlim_t>(surroundings.stackBytes),
+                              static_cast<rlim_t>(surroundings.stackBytes)};
+        process.setChildProcessModifier([=, prepare = process.childProcessModifier()] {
+            ::setrlimit(RLIMIT_STACK, &limit);
+            prepare();
+        });
+    }
+}
+
+QString execute(const QString &program, const QStringList &args, const Streams &streams,
+                const Surroundings &surroundings)
 {
     // Found out before the attempt, since a failed one costs the process object a descriptor (Qt 6.4).
     if (QStandardPaths::findExecutable(program).isEmpty())
@@ -76,7 +97,8 @@ QString execute(const QString &program, const QStringList &args, const Streams &
 
     QProcess process;
     prepareChild(process);
-    connectStreams(process, streams, outputPath);
+    connectStreams(process, streams);
+    surround(process, surroundings);
 
     // Both outputs are taken over as they come: kept by the process object, they would be in memory twice at the end.
     QByteArray output;
@@ -104,7 +126,7 @@ QString execute(const QString &program, const QStringList &args, const Streams &
     if (!streams.input.isEmpty())
         process.write(streams.input);
     process.closeWriteChannel();
-    if (!waitForEnd(process, kFinishMs)) {
+    if (!waitForEnd(process, surroundings.milliseconds > 0 ? surroundings.milliseconds : kFinishMs)) {
         killGroup(process);
         return program + ": took too long"_L1;
     }
@@ -127,12 +149,14 @@ QString run(const QString &program, const QStringList &args, const QByteArray &i
     streams.input = input;
     streams.output = out;
     streams.maxOutput = std::numeric_limits<qsizetype>::max();
-    return execute(program, args, streams, outputFile);
+    streams.outputPath = outputFile;
+    return execute(program, args, streams, {});
 }
 
-QString runWith(const QString &program, const QStringList &args, const Streams &streams)
+QString runWith(const QString &program, const QStringList &args, const Streams &streams,
+                const Surroundings &surroundings)
 {
-    return execute(program, args, streams, {});
+    return execute(program, args, streams, surroundings);
 }
 
 QString asUser(const QString &user, const QStringList &args, const QByteArray &input, QByteArray *out)

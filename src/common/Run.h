@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -25,13 +26,23 @@ struct Streams
     int inputFile = -1;                                      // or a file that is open for reading
     QByteArray *output = nullptr;                            // receives the standard output,
     qsizetype maxOutput = 0;                                 // but no more than so many bytes
-    int outputFile = -1;                                     // or a file that is open for writing
+    int outputFile = -1;                                     // or a file that is open for writing,
+    QString outputPath;                                      // or one that is created or truncated
     qint64 maxFileSize = std::numeric_limits<qint64>::max(); // bytes of any file that it writes
 };
 
-// As run, with these streams. A program that prints more than is received is killed, and counts as one that printed
-// nothing and ended well.
-QString runWith(const QString &program, const QStringList &args, const Streams &streams);
+// What a program gets beside its arguments and streams; none of it shows outside.
+struct Surroundings
+{
+    QMap<QString, QString> environment; // variables that are set for it, beside the agent's own
+    qint64 stackBytes = 0;              // the limit of its stack; 0: the agent's own
+    int milliseconds = 0;               // after which it is killed; 0: the ten minutes of run
+};
+
+// As run, with these streams and surroundings. A program that prints more than is received is killed, and counts as one
+// that printed nothing and ended well.
+QString runWith(const QString &program, const QStringList &args, const Streams &streams,
+                const Surroundings &surroundings = {});
 
 // Runs the program and arguments in args as an account's user, input and out as in run. Returns the runner's message.
 QString asUser(const QString &user, const QStringList &args, const QByteArray &input = {}, QByteArray *out = nullptr);

@@ -1,3 +1,4 @@
+#include "agent/hosting/Database.h"
 #include "common/Account.h"
 
 #include <QRegularExpression>

@@ -61,7 +61,7 @@ QString run(const QString &program, const QStringList &args, const QByteArray &i
     return failed ? u"%1 failed: %2"_s.arg(program, QString::fromUtf8(text)) : QString();
 }
 
-QString runWith(const QString &program, const QStringList &args, const Streams &streams)
+QString runWith(const QString &program, const QStringList &args, const Streams &streams, const Surroundings &)
 {
     return run(program, args, streams.input, streams.output, {});
 }
