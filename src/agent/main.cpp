@@ -2,7 +2,6 @@
 #include "agent/Stop.h"
 #include "agent/backup/Backup.h"
 #include "agent/files/Helper.h"
-#include "agent/files/Names.h"
 #include "common/BackupConfig.h"
 #include "common/Config.h"
 #include "common/Environment.h"

@@ -239,35 +239,83 @@ def make_socket(path):
     os.close(folder)
 
 
-def make_link(path):
-    path.symlink_to("/srv/other/file")
-
-
-def make_dangling_link(path):
-    path.symlink_to("/srv/other/none")
-
-
 def make_link_to_fifo(path):
     os.mkfifo(path.with_name("pipe"))
     path.symlink_to("pipe")
 
 
-@pytest.fixture
-def other(alice):
-    """A file that everybody may read and write, where links lead."""
-    alice.mkdir("/srv/other", mode=0o777)
-    return alice.write("/srv/other/file", "theirs", mode=0o666)
+def make_link_to_folder(path):
+    path.symlink_to("/srv")
 
 
-@pytest.mark.parametrize(
-    "make", [make_fifo, make_folder, make_socket, make_link, make_dangling_link, make_link_to_fifo])
-def test_what_is_no_file_is_neither_read_nor_written(alice, other, make):
+def make_link_to_device(path):
+    path.symlink_to("/dev/null")
+
+
+@pytest.mark.parametrize("make", [make_fifo, make_folder, make_socket, make_link_to_fifo, make_link_to_folder,
+                                  make_link_to_device])
+def test_what_is_no_file_is_neither_read_nor_written(alice, make):
     make(alice.path(FILE))
-    before = alice.tree("/srv/other")
     assert get(alice) == {"ok": True, "keys": ""}
     assert put(alice, KEY) == NOT_A_FILE
     assert alice.argvs() == []
-    assert alice.tree("/srv/other") == before
+
+
+@pytest.mark.parametrize("target", ["keys", "/home/alice/elsewhere/keys", "../elsewhere/keys", "first"])
+def test_a_file_behind_links_is_read_and_written_as_sshd_reads_it(alice, target):
+    alice.mkdir("/home/alice/elsewhere", owner="alice:alice")
+    for place in (FOLDER + "/keys", "/home/alice/elsewhere/keys"):
+        alice.write(place, KEY, mode=0o600, owner="alice:alice")
+    alice.symlink(FOLDER + "/first", "second")
+    alice.symlink(FOLDER + "/second", "keys")
+    alice.symlink(FILE, target)
+    assert get(alice) == {"ok": True, "keys": KEY}
+    assert put(alice, KEY + " new") == {"ok": True, "count": 1}
+    assert get(alice) == {"ok": True, "keys": KEY + " new\n"}
+    assert alice.argvs() == [HEAD, *STEPS, HEAD]
+    assert alice.entry(FILE) == f"link -> {target}"
+
+
+def test_a_folder_behind_a_link_is_read_and_written(alice):
+    alice.path(FOLDER).rmdir()
+    alice.mkdir("/home/alice/dotfiles", owner="alice:alice")
+    alice.write("/home/alice/dotfiles/authorized_keys", KEY, mode=0o600, owner="alice:alice")
+    alice.symlink(FOLDER, "dotfiles")
+    assert get(alice) == {"ok": True, "keys": KEY}
+    assert put(alice, KEY + " new") == {"ok": True, "count": 1}
+    assert alice.argvs() == [HEAD, *STEPS]
+    assert alice.read("/home/alice/dotfiles/authorized_keys") == KEY + " new\n"
+
+
+def test_a_link_that_leads_nowhere_is_a_file_that_is_not_there_yet(alice):
+    alice.symlink(FILE, "/home/alice/logs/keys")
+    alice.mkdir("/home/alice/logs", owner="alice:alice")
+    assert get(alice) == {"ok": True, "keys": ""}
+    assert alice.argvs() == []
+    assert put(alice, KEY) == {"ok": True, "count": 1}
+    assert alice.read("/home/alice/logs/keys") == KEY + "\n"
+    assert alice.argvs() == STEPS
+
+
+def test_behind_a_link_the_user_has_no_more_rights_than_his_own(alice):
+    alice.write("/root/keys", "roots own keys", mode=0o600)
+    alice.path("/root").chmod(0o755)
+    alice.symlink(FILE, "/root/keys")
+    alice.secret("roots own keys")
+    assert get(alice) == {"ok": True, "keys": ""}
+    reply = put(alice, KEY)
+    assert reply["error"].startswith("runuser failed: tee: ") and "Permission denied" in reply["error"]
+    assert alice.read("/root/keys") == "roots own keys"
+    assert alice.argvs() == [HEAD, MKDIR, CHMOD_FOLDER, TEE]
+
+
+def test_links_in_a_circle_are_told_by_tee(alice):
+    alice.symlink(FILE, "other")
+    alice.symlink(FOLDER + "/other", "authorized_keys")
+    assert get(alice) == {"ok": True, "keys": ""}
+    reply = put(alice, KEY)
+    assert reply["error"].startswith("runuser failed: tee: ") and "symbolic links" in reply["error"]
+    assert alice.argvs() == [HEAD, MKDIR, CHMOD_FOLDER, TEE]
 
 
 def test_lines_are_checked_before_the_file(alice):
@@ -276,16 +324,25 @@ def test_lines_are_checked_before_the_file(alice):
     assert put(alice, "\n".join(keys(51))) == failure("at most 50 keys")
 
 
-@pytest.mark.parametrize("target", ["/srv/other", "/srv/none", "/root", "/proc/1/root/root"])
-def test_a_folder_that_is_a_link_is_not_followed(alice, other, target):
-    alice.write("/srv/other/authorized_keys", "theirs", mode=0o666)
-    alice.write("/root/authorized_keys", "theirs", mode=0o644)
+def test_a_folder_behind_a_link_that_leads_nowhere_is_told_by_mkdir(alice):
+    alice.path(FOLDER).rmdir()
+    alice.symlink(FOLDER, "/srv/none")
+    assert get(alice) == {"ok": True, "keys": ""}
+    reply = put(alice, KEY)
+    assert reply["error"].startswith("runuser failed: mkdir: ") and "File exists" in reply["error"]
+    assert alice.argvs() == [MKDIR]
+
+
+@pytest.mark.parametrize("target", ["/root", "/proc/1/root/root"])
+def test_a_folder_behind_a_link_to_what_is_not_the_users_is_left_alone(alice, target):
+    alice.write("/root/authorized_keys", "theirs", mode=0o600)
     alice.path(FOLDER).rmdir()
     alice.symlink(FOLDER, target)
+    alice.secret("theirs")
     assert get(alice) == {"ok": True, "keys": ""}
-    assert put(alice, KEY) == NOT_A_FILE
-    assert alice.argvs() == []
-    assert alice.read("/srv/other/authorized_keys") == alice.read("/root/authorized_keys") == "theirs"
+    assert put(alice, KEY)["error"].startswith("runuser failed: ")
+    assert alice.read("/root/authorized_keys") == "theirs"
+    assert alice.entry("/root") == "0700 root:root"
 
 
 def test_a_folder_that_is_a_file_is_told_by_mkdir(alice):

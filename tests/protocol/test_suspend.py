@@ -269,7 +269,7 @@ def set_comment(sandbox, comment):
 
 @BOTH
 @pytest.mark.parametrize("domain", [
-    "Example.org", "www.example.org", " example.org", "example", "example.org/..", "a b.org", "*", "example.org\\",
+    "Example.org", " example.org", "example", "example.org/..", "a b.org", "*", "example.org\\",
     "${APACHE_LOG_DIR}.org", "example.org\t", "exämple.org",
 ])
 def test_a_domain_that_is_none_never_reaches_apache(alice, command, domain):
@@ -278,6 +278,17 @@ def test_a_domain_that_is_none_never_reaches_apache(alice, command, domain):
     assert alice.argvs() == []
     assert alice.read(SITE) == "site"
     assert alice.tree("/etc/php/8.2/fpm/pool.d") == {"corv-alice.conf": "0640 root:root pool"}
+
+
+@pytest.mark.parametrize("given", ["www.www.example.org", "WWW.www.www.example.org"])
+def test_whatever_domain_creation_stores_is_taken(sandbox, given):
+    stored = given[4:].lower()
+    assert sandbox.request("hosting.create", username="alice", domain=given)["domain"] == stored
+    active = sandbox.read(SITE)
+    for command in ("suspend", "resume"):
+        assert ask(sandbox, command) == {"ok": True}
+        assert f"    ServerName {stored}\n    ServerAlias www.{stored}\n" in sandbox.read(SITE)
+    assert sandbox.read(SITE) == active
 
 
 def test_a_domain_that_is_none_keeps_the_parked_pool(suspended):

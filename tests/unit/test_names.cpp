@@ -83,6 +83,15 @@ private Q_SLOTS:
         QCOMPARE(normalDomain(given), domain);
     }
 
+    void knowsWhatCreationStores()
+    {
+        for (const QString &domain : {u"example.org"_s, u"www.example.org"_s, u"www.www.example.org"_s, u"www.org"_s})
+            QVERIFY2(isStoredDomain(domain), qPrintable(domain));
+        for (const QString &domain :
+             {u""_s, u"Example.org"_s, u" example.org"_s, u"example.org\n"_s, u"www."_s, u"example"_s, u"a b.org"_s})
+            QVERIFY2(!isStoredDomain(domain), qPrintable(domain));
+    }
+
     void knowsAnSshKey_data()
     {
         QTest::addColumn<QString>("text");

@@ -1,7 +1,5 @@
 #include "agent/backup/Backup.h"
-#include "agent/hosting/Database.h"
 #include "agent/hosting/Existing.h"
-#include "agent/hosting/Home.h"
 #include "agent/hosting/Psql.h"
 #include "common/Account.h"
 #include "common/BackupFolders.h"
