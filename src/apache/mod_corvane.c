@@ -236,9 +236,9 @@ static int goesToOwnPool(const request_rec *r, const char *account)
 }
 
 /*
- * What PHP-FPM must not be told by an account; NULL when there is nothing of it. PHP_VALUE is no better than the other two: it too
- * sets what the pool has fixed, stays with the process, and loads libraries, into a process that shares the cache of compiled
- * scripts with the pools of all accounts. What an account may set for itself goes into .user.ini.
+ * What PHP-FPM must not be told by an account; NULL when there is nothing of it. PHP_VALUE is no better than the other
+ * two: it too sets what the pool has fixed, stays with the process, and loads libraries, into a process that shares the
+ * cache of compiled scripts with the pools of all accounts. What an account may set for itself goes into .user.ini.
  */
 static const char *forbiddenSetting(const request_rec *r)
 {

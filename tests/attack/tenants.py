@@ -10,7 +10,7 @@ from dataclasses import dataclass, field
 WHO = "<?php echo 'php runs as ', posix_getpwuid(posix_geteuid())['name'], ', basedir ', ini_get('open_basedir'), ';';"
 
 # Beyond what Debian and the agent enable.
-MODULES = ["actions", "asis", "authz_groupfile", "cern_meta", "cgid", "expires", "headers", "imagemap", "include", "info", "ldap",
+MODULES = ["actions", "asis", "authz_groupfile", "cern_meta", "cgid", "dav", "expires", "ext_filter", "headers", "imagemap", "include", "info", "ldap",
            "lua", "proxy_balancer", "proxy_http", "userdir"]
 
 # The administrator's own: an application that all hosts show, run by the distribution's pool, and a file for the web server.
@@ -101,7 +101,8 @@ class Tenants:
 
     def renew_php(self):
         """Ends PHP's processes: they keep what earlier attempts have set."""
-        self.host.ok(["systemctl", "restart", f"php{self.me.php}-fpm"])
+        for user in (self.me.name, "www-data"):
+            self.host.run(["pkill", "-KILL", "-u", user, "php-fpm"])
 
     def get(self, path, *options):
         """What a visitor gets from the attacker's site."""

@@ -83,8 +83,8 @@ MORE_FROM_PHP = {
     "rewritten": everywhere(f"{RULE}RewriteRule ^x.php$ - [E=PHP_ADMIN_VALUE:open_basedir=/]"),
     "ProxyFCGISetEnvIf": everywhere('ProxyFCGISetEnvIf "true" PHP_ADMIN_VALUE "open_basedir=/"',
                                     reason="directives of mod_proxy_fcgi.c in .htaccess"),
-    "ProxyFCGISetEnvIf in Files in If": everywhere(
-        '<If "true">\n<Files x.php>\nProxyFCGISetEnvIf "true" PHP_ADMIN_VALUE "open_basedir=/"\n</Files>\n</If>',
+    "ProxyFCGISetEnvIf in If in Files": everywhere(
+        '<Files x.php>\n<If "true">\nProxyFCGISetEnvIf "true" PHP_ADMIN_VALUE "open_basedir=/"\n</If>\n</Files>',
         reason="directives of mod_proxy_fcgi.c in .htaccess"),
     "ProxyFCGISetEnvIf below an index": everywhere(
         "DirectoryIndex below/x.php", path="", reason="directives of mod_proxy_fcgi.c in .htaccess",
