@@ -31,14 +31,21 @@
 module AP_MODULE_DECLARE_DATA corvane_module;
 APLOG_USE_MODULE(corvane);
 
+/* Whose document root some virtual host has. He is whom his home belonged to when the configuration was read. */
+struct account
+{
+    const char *name;
+    uid_t uid;
+};
+
 /* What is known of a request that is an account's; others have none. */
 struct stay
 {
-    const char *account;
+    const struct account *account;
     int refused;
 };
 
-/* The accounts whose document root some virtual host has, by name. Written while the server reads its configuration. */
+/* All accounts (struct account), by name. Written while the server reads its configuration. */
 static apr_hash_t *accounts;
 
 /* The loaded modules whose directives in a .htaccess are refused (module *). Written as above. */
@@ -104,7 +111,7 @@ static const char *endOfName(const char *path)
     return below && (*below == '\0' || *below == '/') ? end : NULL;
 }
 
-static const char *accountOf(const char *path)
+static const struct account *accountOf(const char *path)
 {
     const char *const end = endOfName(path);
     const char *const name = after("/home/", path);
@@ -123,25 +130,19 @@ static int refuse(request_rec *r, struct stay *stay, const char *reason)
     const struct stay *const before = r->prev ? stayOf(r->prev) : NULL;
     stay->refused = 1;
     if (!before || !before->refused)
-        ap_log_rerror(APLOG_MARK, APLOG_ERR, 0, r, "account %s: refused %s: %s", stay->account, r->uri, reason);
+        ap_log_rerror(APLOG_MARK, APLOG_ERR, 0, r, "account %s: refused %s: %s", stay->account->name, r->uri, reason);
     return HTTP_FORBIDDEN;
 }
 
 /*
- * Whether the web server may give out a file for an account: the account's own wherever it lies, root's in the
- * account's home. What root has elsewhere is the server's, such as settings with passwords that the web server's group
- * may read. The account is whom its home belongs to, which only root can change. A path in /proc/self/fd stands for an
- * open file.
+ * Whether a file of root's lies in an account's home. What root has elsewhere is the server's, such as settings with
+ * passwords that the web server's group may read. A path in /proc/self/fd stands for an open file.
  */
-static int mayServe(apr_pool_t *pool, const char *account, uid_t owner, const char *path)
+static int isInHome(apr_pool_t *pool, const struct account *account, const char *path)
 {
-    const char *const home = apr_pstrcat(pool, "/home/", account, NULL);
     char realHome[PATH_MAX];
     char realPath[PATH_MAX];
-    struct stat info;
-    if (owner != 0)
-        return lstat(home, &info) == 0 && info.st_uid == owner;
-    if (!realpath(home, realHome) || !realpath(path, realPath))
+    if (!realpath(apr_pstrcat(pool, "/home/", account->name, NULL), realHome) || !realpath(path, realPath))
         return 0;
     const char *const below = after(realHome, realPath);
     return below && *below == '/';
@@ -185,7 +186,7 @@ static void forbidPrograms(request_rec *r)
  * .htaccess? */
 static int beforeAnyModule(request_rec *r)
 {
-    const char *const account = accountOf(r->filename);
+    const struct account *const account = accountOf(r->filename);
     if (!account)
         return DECLINED;
 
@@ -214,15 +215,15 @@ static int onTheFile(request_rec *r)
     if ((found.filetype == APR_LNK || !(found.valid & APR_FINFO_USER)) &&
         apr_stat(&found, r->filename, APR_FINFO_USER, r->pool) != APR_SUCCESS)
         return refuse(r, stay, "the file cannot be looked at");
-    if (!mayServe(r->pool, stay->account, found.user, r->filename))
+    if (found.user != stay->account->uid && (found.user != 0 || !isInHome(r->pool, stay->account, r->filename)))
         return refuse(r, stay, "a file that is neither the account's nor root's in its home");
     return DECLINED;
 }
 
 /* Whether the request goes to PHP by the account's own pool and by nothing else. */
-static int goesToOwnPool(const request_rec *r, const char *account)
+static int goesToOwnPool(const request_rec *r, const char *name)
 {
-    const char *const socket = apr_pstrcat(r->pool, "/run/php/corv-", account, ".sock", NULL);
+    const char *const socket = apr_pstrcat(r->pool, "/run/php/corv-", name, ".sock", NULL);
     if (!r->proxyreq) {
         const char *const rest =
             after(apr_pstrcat(r->pool, "proxy:unix:", socket, "|fcgi://localhost", NULL), r->handler);
@@ -232,7 +233,7 @@ static int goesToOwnPool(const request_rec *r, const char *account)
     /* A rewritten request: the proxy has by now taken the address apart, and connects to what it noted. */
     const char *const noted = apr_table_get(r->notes, "uds_path");
     return r->proxyreq == PROXYREQ_REVERSE && noted && strcmp(noted, socket) == 0 &&
-           after(apr_pstrcat(r->pool, "proxy:fcgi://localhost/home/", account, "/", NULL), r->filename);
+           after(apr_pstrcat(r->pool, "proxy:fcgi://localhost/home/", name, "/", NULL), r->filename);
 }
 
 /*
@@ -261,7 +262,7 @@ static int beforeTheHandler(request_rec *r)
     }
 
     if (r->proxyreq || after("proxy:", r->handler)) {
-        if (!goesToOwnPool(r, stay->account))
+        if (!goesToOwnPool(r, stay->account->name))
             return refuse(r, stay, "a proxy other than the account's own PHP");
         const char *const setting = forbiddenSetting(r);
         return setting ? refuse(r, stay, apr_pstrcat(r->pool, setting, " from .htaccess", NULL)) : DECLINED;
@@ -277,20 +278,24 @@ static int beforeTheHandler(request_rec *r)
     return DECLINED;
 }
 
+static int mayBeSent(apr_pool_t *pool, const struct account *account, apr_file_t *file)
+{
+    apr_os_file_t descriptor = -1;
+    struct stat info;
+    if (apr_os_file_get(&descriptor, file) != APR_SUCCESS || fstat(descriptor, &info) != 0)
+        return 0;
+    if (info.st_uid == account->uid)
+        return 1;
+    return info.st_uid == 0 && isInHome(pool, account, apr_psprintf(pool, "/proc/self/fd/%d", descriptor));
+}
+
 /* The first of all filters: looks at the very files that a handler has opened and is about to send. */
 static apr_status_t onOpenFiles(ap_filter_t *f, apr_bucket_brigade *brigade)
 {
     struct stay *const stay = f->ctx;
     for (apr_bucket *b = APR_BRIGADE_FIRST(brigade); b != APR_BRIGADE_SENTINEL(brigade); b = APR_BUCKET_NEXT(b)) {
-        if (!APR_BUCKET_IS_FILE(b))
+        if (!APR_BUCKET_IS_FILE(b) || mayBeSent(f->r->pool, stay->account, ((const apr_bucket_file *)b->data)->fd))
             continue;
-        const apr_bucket_file *const file = b->data;
-        apr_os_file_t descriptor = -1;
-        struct stat info;
-        if (apr_os_file_get(&descriptor, file->fd) == APR_SUCCESS && fstat(descriptor, &info) == 0 &&
-            mayServe(f->r->pool, stay->account, info.st_uid, apr_psprintf(f->r->pool, "/proc/self/fd/%d", descriptor)))
-            continue;
-
         const int status = refuse(f->r, stay, "a file that was exchanged while it was opened");
         apr_brigade_cleanup(brigade);
         APR_BRIGADE_INSERT_TAIL(brigade, ap_bucket_error_create(status, NULL, f->r->pool, brigade->bucket_alloc));
@@ -309,6 +314,20 @@ static int hasDirectivesForHtaccess(const module *m)
     return 0;
 }
 
+static void learnAccount(apr_pool_t *pool, const char *documentRoot)
+{
+    const char *const end = endOfName(documentRoot);
+    if (!end)
+        return;
+    const char *const name = after("/home/", documentRoot);
+    struct account *const account = apr_palloc(pool, sizeof *account);
+    struct stat home;
+    account->name = apr_pstrmemdup(pool, name, (apr_size_t)(end - name));
+    /* Without a home nothing is the account's. */
+    account->uid = lstat(apr_pstrcat(pool, "/home/", account->name, NULL), &home) == 0 ? home.st_uid : (uid_t)-1;
+    apr_hash_set(accounts, account->name, APR_HASH_KEY_STRING, account);
+}
+
 static int learn(apr_pool_t *pool, apr_pool_t *log, apr_pool_t *scratch, server_rec *main)
 {
     (void)log;
@@ -317,12 +336,7 @@ static int learn(apr_pool_t *pool, apr_pool_t *log, apr_pool_t *scratch, server_
     accounts = apr_hash_make(pool);
     for (const server_rec *s = main; s; s = s->next) {
         const core_server_config *const core = ap_get_core_module_config(s->module_config);
-        const char *const end = endOfName(core->ap_document_root);
-        if (end) {
-            const char *const name = after("/home/", core->ap_document_root);
-            const char *const kept = apr_pstrmemdup(pool, name, (apr_size_t)(end - name));
-            apr_hash_set(accounts, kept, APR_HASH_KEY_STRING, kept);
-        }
+        learnAccount(pool, core->ap_document_root);
     }
 
     strangers = apr_array_make(pool, 8, sizeof(const module *));
