@@ -7,7 +7,7 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 cache=${CORV_CACHE:-/var/cache/corv-agent-dev}
 
 # What a machine needs to build the agent and run its unit tests.
-build_packages=(build-essential cmake libcli11-dev ninja-build python3 qt6-base-dev)
+build_packages=(apache2-dev build-essential cmake libcli11-dev ninja-build python3 qt6-base-dev)
 
 # step TEXT: says what starts now, with the seconds since the script began.
 step() {
