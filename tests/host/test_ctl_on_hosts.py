@@ -73,6 +73,9 @@ FAULTS = {
          "in the server configuration"],
         "rm /etc/apache2/conf-enabled/x.conf"),
     "a module is off": ("a2dismod -q -f proxy_fcgi", ["Apache lacks what the sites of accounts need: proxy_fcgi"]),
+    "accounts are not kept apart": (
+        "a2dismod -q -f corvane",
+        ["Apache lacks the module corvane, so an account's .htaccess reaches the files and the PHP of all others"]),
     "the log format is off": (
         "a2disconf -q corv-logformat",
         ["Apache knows no log format 'corv', so the access logs of all accounts hold that word alone"]),
