@@ -7,16 +7,20 @@ import subprocess
 import pytest
 from hostfloor import ROOT, Host
 
+# The Debian release that the servers run.
+SUITE = os.environ.get("CORV_SUITE", "bookworm")
+
 # All that were booted in this run, also those that have ended.
 servers = []
 
 
 @pytest.fixture(scope="session")
 def package():
-    """The path of the package under test: built from this tree, or the one that CORV_PACKAGE names."""
+    """The path of the package under test: built from this tree on the release that it is for, or the one that CORV_PACKAGE names."""
     if os.environ.get("CORV_PACKAGE"):
         return pathlib.Path(os.environ["CORV_PACKAGE"])
-    built = subprocess.run([ROOT / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=False)
+    scripts = ROOT / "scripts"
+    built = subprocess.run([scripts / "release", SUITE, scripts / "package"], stdout=subprocess.PIPE, text=True, check=False)
     if built.returncode != 0:
         pytest.exit("scripts/package failed", 1)
     return pathlib.Path(built.stdout.splitlines()[-1])

@@ -4,7 +4,7 @@ import os
 import signal
 
 import pytest
-from booted import package, pytest_runtest_makereport, pytest_terminal_summary, servers  # noqa: F401 (pytest finds them here)
+from booted import SUITE, package, pytest_runtest_makereport, pytest_terminal_summary, servers  # noqa: F401 (pytest finds them here)
 from hostfloor import Host, HostError
 
 # Seconds for the body of one test; a module whose tools take their time has a LIMIT of its own.
@@ -14,15 +14,16 @@ LIMIT = 120
 def pytest_configure(config):
     if os.geteuid() != 0:
         raise pytest.UsageError("the host floor boots hosts: run it as root")
+    config.addinivalue_line("markers", "core: tried on every release, with -m core; all others on Debian 12 alone")
 
 
 @pytest.fixture(scope="session")
 def boot(package):
     """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the run, or
-    by their stop(). CORV_SUITE names the Debian release for those that do not ask for one."""
+    by their stop(). CORV_SUITE names their Debian release."""
 
-    def boot_host(*, suite=os.environ.get("CORV_SUITE", "bookworm"), bare=False):
-        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", suite)
+    def boot_host(*, bare=False):
+        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", SUITE)
         servers.append(host)
         if not bare:
             host.install(package)
