@@ -41,10 +41,12 @@ def sh(host, script):
     return host.ok(["sh", "-ec", script])
 
 
+@pytest.mark.core
 def test_finds_nothing_wrong_with_a_host_that_is_well(well):
     assert examine(well) == (0, [], [])
 
 
+@pytest.mark.core
 def test_changes_nothing(well):
     script = "find /etc /home /run/corvane /var/backups /var/lib/corvane /var/lib/postgresql -xdev ! -path '*/pg_*' " \
              "! -path '*/base/*' ! -path '*/global/*' -printf '%p %m %u %g %s %C@\\n' | sort"
@@ -217,6 +219,7 @@ ROUNDS = [
 ]
 
 
+@pytest.mark.core
 @pytest.mark.parametrize("names", ROUNDS, ids=lambda names: names[0])
 def test_finds_and_mends(well, names):
     def here(text):
@@ -260,6 +263,7 @@ def test_notes_what_may_be_meant(well):
     assert examine(well) == (0, [], [])
 
 
+@pytest.mark.core
 def test_shows_on_one_screen_how_the_server_is(well):
     done = well.run(["corvctl", "status"])
     assert (done.code, done.err) == (0, "")

@@ -24,6 +24,7 @@ def works(host, account):
     assert host.ok(["apache2ctl", "configtest"]) == ""
 
 
+@pytest.mark.core
 def test_an_upgrade_lets_the_request_in_hand_finish_and_then_restarts(own_host, package):
     host = own_host
     name = host.free_name()
@@ -54,6 +55,7 @@ def test_an_upgrade_keeps_edited_settings(own_host, package):
     host.put("/etc/corvane/corvane.ini", settings)
 
 
+@pytest.mark.core
 def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, package):
     host = own_host
     account = host.account()
