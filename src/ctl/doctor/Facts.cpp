@@ -15,6 +15,8 @@
 #include <QJsonObject>
 #include <QStorageInfo>
 
+#include <algorithm>
+
 #include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
@@ -83,6 +85,14 @@ Found lookAt(const QString &path)
             userName(status.st_uid),
             groupName(status.st_gid),
             status.st_mode & ALLPERMS};
+}
+
+bool hasVolatileJournal()
+{
+    const QDir journals(u"/run/log/journal"_s);
+    const QStringList hosts = journals.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    return std::any_of(hosts.cbegin(), hosts.cend(),
+                       [&](const QString &host) { return journals.exists(host + u"/system.journal"_s); });
 }
 
 std::optional<Databases> readDatabases(QString *problem)
