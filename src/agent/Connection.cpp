@@ -22,11 +22,12 @@ constexpr qsizetype kMaxLine = 4'194'304; // bytes, the line feed included
 constexpr qsizetype kReadSize = 65'536;
 // So much of a line every client may send without room in the budget: most requests are shorter.
 constexpr qsizetype kShortLine = 4'096;
-// What a line of any length takes, and what is read beyond its end.
-constexpr qsizetype kLongLine = kMaxLine + kReadSize;
 // Without so much room nothing is answered. A reply can be longer, and what it takes is told afterwards: there is only
 // one at a time.
 constexpr qsizetype kReplyRoom = 65'536;
+// What a line of any length takes: what is read beyond its end, and its reply, for which nobody must wait who holds so
+// much already.
+constexpr qsizetype kLongLine = kMaxLine + kReadSize + kReplyRoom;
 // A client that sends requests and never reads has them wait beyond this, so that replies do not pile up in memory.
 constexpr qsizetype kMaxUnsent = 1'048'576;
 
@@ -84,7 +85,7 @@ void Connection::serve()
         return;
     const bool canServe = mayServe();
     const qsizetype length = canServe ? nextLineLength() : 0;
-    if (length > 0 && hasRoomFor(kReplyRoom)) {
+    if (length > 0 && (m_mayBeLong || hasRoomFor(kReplyRoom))) {
         const QByteArray line = m_received.sliced(m_start, length);
         m_start += length;
         send(m_answerer(line));
@@ -158,7 +159,7 @@ void Connection::makeRoomForLine()
     if (m_mayBeLong || m_received.size() < kShortLine || !hasRoomFor(kLongLine))
         return;
     m_mayBeLong = true;
-    m_received.reserve(kLongLine);
+    m_received.reserve(kMaxLine + kReadSize);
 }
 
 // The length of the next line with its line feed, 0 while it is not complete. A line over the limit is handed out in
