@@ -17,11 +17,14 @@
 #include <QDeadlineTimer>
 #include <QTimer>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 
 #include <grp.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -34,6 +37,12 @@ constexpr qsizetype kLoggedNameLength = 64;
 constexpr int kSendRestMs = 2'000;
 // When no descriptor was to be had for a client.
 constexpr int kAcceptAgainMs = 100;
+// So many are let in before those that are in have their turn.
+constexpr int kAcceptAtOnce = 64;
+// What all clients together may keep busy of our memory.
+constexpr qint64 kBudgetBytes = 268'435'456;
+// Descriptors that no other user's clients get: for root's clients, and for the programs that are run.
+constexpr qsizetype kReservedDescriptors = 512;
 
 Reply ping(const QJsonObject &)
 {
@@ -73,6 +82,16 @@ qint64 peerUid(int socket)
     return peer.uid;
 }
 
+// How many clients a user other than root may have at a time.
+qsizetype placesOfOneUser()
+{
+    rlimit descriptors = {};
+    if (::getrlimit(RLIMIT_NOFILE, &descriptors) != 0)
+        return kReservedDescriptors;
+    const auto all = static_cast<qsizetype>(std::min<rlim_t>(descriptors.rlim_cur, std::numeric_limits<int>::max()));
+    return std::max(all / 2, all - kReservedDescriptors);
+}
+
 // A name as a client sent it, fit for one log line: whatever could end the line or steer a terminal is shown escaped.
 QString printable(const QString &name)
 {
@@ -95,8 +114,8 @@ QString printable(const QString &name)
 } // namespace
 
 Agent::Agent(quint32 allowedUid, QStringList services, backup::Config backups, QObject *parent)
-    : QObject(parent), m_readiness(nullptr), m_allowedUid(allowedUid), m_services(std::move(services)),
-      m_backups(std::move(backups)),
+    : QObject(parent), m_readiness(nullptr), m_budget(kBudgetBytes), m_places(placesOfOneUser()),
+      m_allowedUid(allowedUid), m_services(std::move(services)), m_backups(std::move(backups)),
       m_commands({
           {u"ping"_s, ping},
           {u"system.info"_s, systemInfo},
@@ -140,7 +159,7 @@ bool Agent::listen(const QString &path, const QString &group)
 {
     const auto listener = [this](quint32) { onNewConnection(); };
     QString problem = m_server.listen(path);
-    if (problem.isEmpty() && !m_readiness.add(m_server.descriptor(), listener))
+    if (problem.isEmpty() && !m_readiness.add(m_server.descriptor(), Readiness::Turn::First, listener))
         problem = QString::fromUtf8(std::strerror(errno));
     if (!problem.isEmpty()) {
         qCritical("agent: cannot listen on %s: %s", qUtf8Printable(path), qUtf8Printable(problem));
@@ -162,21 +181,30 @@ bool Agent::listen(const QString &path, const QString &group)
 
 void Agent::onNewConnection()
 {
-    while (Fd client = m_server.accept())
+    for (int i = 0; i < kAcceptAtOnce; ++i) {
+        Fd client = m_server.accept();
+        if (!client && errno != EAGAIN)
+            return acceptLater();
+        if (!client)
+            return;
         admit(std::move(client));
-    if (errno == EAGAIN)
-        return;
+    }
+}
 
-    // Without a descriptor for the next client the listener would be ready all the time, and keep a processor busy.
+// Without a descriptor for the next client the listener would be ready all the time, and keep a processor busy.
+void Agent::acceptLater()
+{
     m_readiness.setEvents(m_server.descriptor(), 0);
     QTimer::singleShot(kAcceptAgainMs, this, [this] { m_readiness.setEvents(m_server.descriptor(), EPOLLIN); });
 }
 
-// Serves a client who may connect, and turns everybody else away without a word.
+// Serves a client who may connect, and turns everybody else away without a word; so it does with one user's clients
+// beyond what leaves room for root's.
 void Agent::admit(Fd client)
 {
     const qint64 uid = peerUid(client.get());
-    if (uid < 0 || (uid != 0 && uid != m_allowedUid && uid != ::getuid())) {
+    const bool isAllowed = uid == 0 || uid == m_allowedUid || uid == ::getuid();
+    if (uid < 0 || !isAllowed || (uid != 0 && m_budget.clientsOf(static_cast<quint32>(uid)) >= m_places)) {
         qWarning("agent: refused connection from uid %ld", static_cast<long>(uid));
         return;
     }
@@ -184,7 +212,7 @@ void Agent::admit(Fd client)
     const auto answer = [this, uid](const QByteArray &line) {
         return compactJson(dispatch(line, static_cast<quint32>(uid))) + '\n';
     };
-    new Connection(std::move(client), answer, &m_readiness, this);
+    new Connection(std::move(client), static_cast<quint32>(uid), answer, &m_readiness, &m_budget, this);
 }
 
 Reply Agent::dispatch(const QByteArray &request, quint32 uid)

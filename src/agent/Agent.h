@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/Budget.h"
 #include "agent/LocalServer.h"
 #include "agent/Readiness.h"
 #include "agent/Reply.h"
@@ -37,10 +38,13 @@ private:
     using Handler = std::function<Reply(const QJsonObject &args)>;
 
     void onNewConnection();
+    void acceptLater();
     void admit(Fd client);
 
     LocalServer m_server;
     Readiness m_readiness;
+    Budget m_budget;
+    qsizetype m_places; // for clients of one user
     quint32 m_allowedUid;
     QStringList m_services;
     backup::Config m_backups;

@@ -1,5 +1,6 @@
 #include "agent/Connection.h"
 
+#include "agent/Budget.h"
 #include "agent/Readiness.h"
 #include "agent/Stop.h"
 
@@ -19,15 +20,29 @@ namespace {
 
 constexpr qsizetype kMaxLine = 4'194'304; // bytes, the line feed included
 constexpr qsizetype kReadSize = 65'536;
+// So much of a line every client may send without room in the budget: most requests are shorter.
+constexpr qsizetype kShortLine = 4'096;
+// Without so much room nothing is answered. A reply can be longer, and what it takes is told afterwards: there is only
+// one at a time.
+constexpr qsizetype kReplyRoom = 65'536;
+// What a line of any length takes: what is read beyond its end, and its reply, for which nobody must wait who holds so
+// much already.
+constexpr qsizetype kLongLine = kMaxLine + kReadSize + kReplyRoom;
 // A client that sends requests and never reads has them wait beyond this, so that replies do not pile up in memory.
 constexpr qsizetype kMaxUnsent = 1'048'576;
 
 } // namespace
 
-Connection::Connection(Fd socket, Answerer answerer, Readiness *readiness, QObject *parent)
-    : QObject(parent), m_socket(std::move(socket)), m_answerer(std::move(answerer)), m_readiness(readiness)
+Connection::Connection(Fd socket, quint32 uid, Answerer answerer, Readiness *readiness, Budget *budget,
+                       QObject *parent)
+    : QObject(parent), m_socket(std::move(socket)), m_answerer(std::move(answerer)), m_readiness(readiness),
+      m_budget(budget), m_number(budget->enter(uid, [this] {
+          m_waits = false;
+          serveLater();
+      }))
 {
-    if (m_readiness->add(m_socket.get(), [this](quint32 events) { onReady(events); }))
+    const Readiness::Turn turn = uid == 0 ? Readiness::Turn::First : Readiness::Turn::Usual;
+    if (m_readiness->add(m_socket.get(), turn, [this](quint32 events) { onReady(events); }))
         listenAsNeeded();
     else
         drop();
@@ -45,10 +60,14 @@ void Connection::onReady(quint32 events)
         receive();
 }
 
+// What has been read already is answered before more is read.
 void Connection::receive()
 {
+    const qsizetype room = m_mayBeLong ? kReadSize : kShortLine - m_received.size();
+    if (m_servesLater || room <= 0)
+        return;
     std::array<char, kReadSize> chunk; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by recv
-    const ssize_t count = ::recv(m_socket.get(), chunk.data(), chunk.size(), MSG_DONTWAIT);
+    const ssize_t count = ::recv(m_socket.get(), chunk.data(), static_cast<size_t>(room), MSG_DONTWAIT);
     if (count < 0 && (errno == EAGAIN || errno == EINTR))
         return;
     if (count > 0)
@@ -58,38 +77,89 @@ void Connection::receive()
     serve();
 }
 
-// Answers the lines that are complete, one after the other, then forgets them.
+// Answers the next line that is complete, and leaves the one behind it to the event loop: clients take turns by the
+// line, however many of them one sends at a time.
 void Connection::serve()
 {
-    bool lineLeft = true;
-    while (lineLeft && mayServe()) {
-        const qsizetype length = nextLineLength();
-        lineLeft = length > 0;
-        if (!lineLeft)
-            break;
+    if (m_dropped)
+        return;
+    const bool canServe = mayServe();
+    const qsizetype length = canServe ? nextLineLength() : 0;
+    if (length > 0 && (m_mayBeLong || hasRoomFor(kReplyRoom))) {
         const QByteArray line = m_received.sliced(m_start, length);
         m_start += length;
         send(m_answerer(line));
-    }
-    if (m_dropped)
-        return;
-
-    m_received.remove(0, m_start);
-    m_scanned = std::max<qsizetype>(0, m_scanned - m_start);
-    m_start = 0;
-    if (m_received.isEmpty())
-        m_received.clear(); // gives back what a long line took
-
-    if (!lineLeft && m_received.size() > kMaxLine) {
-        drop();
+        m_budget->hold(m_number, held());
+        serveLater();
         return;
     }
+
+    forgetServed();
+    if (canServe && length == 0) {
+        if (m_received.size() > kMaxLine) {
+            drop();
+            return;
+        }
+        makeRoomForLine();
+    }
+    m_budget->hold(m_number, held());
     listenAsNeeded();
+}
+
+// Several calls of it are one.
+void Connection::serveLater()
+{
+    if (m_servesLater)
+        return;
+    m_servesLater = true;
+    QMetaObject::invokeMethod(
+        this,
+        [this] {
+            m_servesLater = false;
+            m_readiness->giveFirstTurn();
+            serve();
+        },
+        Qt::QueuedConnection);
 }
 
 bool Connection::mayServe() const
 {
-    return !m_dropped && !stopRequested() && m_unsent.size() <= kMaxUnsent;
+    return !m_waits && !stopRequested() && m_unsent.size() <= kMaxUnsent;
+}
+
+// Whether so many bytes more can be held now. If not, the budget lets it go on when they can.
+bool Connection::hasRoomFor(qsizetype bytes)
+{
+    m_waits = !m_budget->ask(m_number, held() + bytes);
+    return !m_waits;
+}
+
+// What counts in the budget.
+qsizetype Connection::held() const
+{
+    return (m_mayBeLong ? kLongLine : 0) + m_unsent.capacity();
+}
+
+// Lets go of the lines that have been answered, and of the room for a long one where the rest is short.
+void Connection::forgetServed()
+{
+    m_received.remove(0, m_start);
+    m_scanned = std::max<qsizetype>(0, m_scanned - m_start);
+    m_start = 0;
+    if (m_received.size() >= kShortLine)
+        return;
+    m_received.squeeze();
+    m_mayBeLong = false;
+}
+
+// A line that gets long is given all the room that any can need at once: if each took it piece by piece, many could
+// wait for each other for ever.
+void Connection::makeRoomForLine()
+{
+    if (m_mayBeLong || m_received.size() < kShortLine || !hasRoomFor(kLongLine))
+        return;
+    m_mayBeLong = true;
+    m_received.reserve(kMaxLine + kReadSize);
 }
 
 // The length of the next line with its line feed, 0 while it is not complete. A line over the limit is handed out in
@@ -138,12 +208,13 @@ void Connection::flush()
 
 void Connection::listenAsNeeded()
 {
-    if (m_peerFinished && m_unsent.isEmpty()) {
+    if (m_peerFinished && !m_waits && m_unsent.isEmpty()) {
         drop();
         return;
     }
     const quint32 writing = m_unsent.isEmpty() ? 0 : quint32(EPOLLOUT);
-    const quint32 reading = !m_peerFinished && m_unsent.size() <= kMaxUnsent ? quint32(EPOLLIN) : 0;
+    const bool isReading = !m_peerFinished && !m_waits && m_unsent.size() <= kMaxUnsent;
+    const quint32 reading = isReading ? quint32(EPOLLIN) : 0;
     if (m_awaited == (reading | writing))
         return;
     m_awaited = reading | writing;
@@ -154,6 +225,7 @@ void Connection::drop()
 {
     m_dropped = true;
     m_readiness->remove(m_socket.get());
+    m_budget->leave(m_number);
     deleteLater();
 }
 

@@ -11,6 +11,7 @@ class QDeadlineTimer;
 
 namespace corv {
 
+class Budget;
 class Readiness;
 
 // One accepted client: reads request lines, hands each to the answerer and sends the reply line as soon as it is there.
@@ -26,8 +27,8 @@ public:
     // Takes a request line (with its line feed) and returns the reply line (with one).
     using Answerer = std::function<QByteArray(const QByteArray &line)>;
 
-    // readiness must outlive all that the event loop does with the connection.
-    Connection(Fd socket, Answerer answerer, Readiness *readiness, QObject *parent);
+    // uid is the client's. readiness and budget must outlive all that the event loop does with the connection.
+    Connection(Fd socket, quint32 uid, Answerer answerer, Readiness *readiness, Budget *budget, QObject *parent);
 
     // Waits until the client has taken what is unsent, at most until the deadline.
     void sendRest(const QDeadlineTimer &deadline);
@@ -36,7 +37,12 @@ private:
     void onReady(quint32 events);
     void receive();
     void serve();
+    void serveLater();
     [[nodiscard]] bool mayServe() const;
+    [[nodiscard]] bool hasRoomFor(qsizetype bytes);
+    [[nodiscard]] qsizetype held() const;
+    void forgetServed();
+    void makeRoomForLine();
     qsizetype nextLineLength();
     void send(const QByteArray &reply);
     void flush();
@@ -46,11 +52,16 @@ private:
     Fd m_socket;
     Answerer m_answerer;
     Readiness *m_readiness;
+    Budget *m_budget;
+    quint64 m_number;            // the budget's, of this client
     quint32 m_awaited = 0;       // what the socket is watched for
     QByteArray m_received;       // bytes before m_start have been served
     qsizetype m_start = 0;       // where the next line begins
     qsizetype m_scanned = 0;     // no line feed stands between m_start and here
     QByteArray m_unsent;         // replies that the client has not taken yet
+    bool m_mayBeLong = false;    // there is room for a line of any length
+    bool m_waits = false;        // for room in the budget
+    bool m_servesLater = false;  // the event loop will call
     bool m_peerFinished = false; // the client sends nothing more, but may still read
     bool m_dropped = false;
 };

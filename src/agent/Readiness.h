@@ -20,23 +20,40 @@ public:
     // Takes what the descriptor is ready for: EPOLLIN, EPOLLOUT, and EPOLLHUP or EPOLLERR unasked.
     using Listener = std::function<void(quint32 events)>;
 
+    // Whose turn comes first: whenever one that is ready has had its own, those with the first turn have theirs, however
+    // many others are ready too.
+    enum class Turn { Usual, First };
+
     explicit Readiness(QObject *parent);
 
     // Watches a descriptor, for nothing yet. False when the system cannot watch any more of them.
-    bool add(int descriptor, const Listener &listener);
+    bool add(int descriptor, Turn turn, const Listener &listener);
 
-    // What a descriptor is watched for from now on.
+    // What a descriptor is watched for from now on. One that is watched for nothing tells only once that the other side
+    // has gone, instead of in each turn.
     void setEvents(int descriptor, quint32 events);
+
+    // Lets those that are ready and have the first turn have it now, before whatever else the caller is about to do.
+    void giveFirstTurn();
 
     // Watches it no more; its listener is not called again. To be called before the descriptor is closed.
     void remove(int descriptor);
 
 private:
-    void onReady();
+    struct Watched
+    {
+        Turn turn = Turn::Usual;
+        Listener listener;
+    };
 
-    Fd m_epoll;
-    QSocketNotifier m_notifier;
-    QHash<int, Listener> m_listeners;
+    [[nodiscard]] const Fd &queue(Turn turn) const;
+    void onReady(Turn turn);
+
+    Fd m_usual;
+    Fd m_first;
+    QSocketNotifier m_usualNotifier;
+    QSocketNotifier m_firstNotifier;
+    QHash<int, Watched> m_watched;
 };
 
 } // namespace corv

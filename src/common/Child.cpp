@@ -1,6 +1,7 @@
 #include "common/Child.h"
 
 #include "common/FolderStream.h"
+#include "common/Held.h"
 
 #include <QDeadlineTimer>
 #include <QProcess>
@@ -15,12 +16,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace corv {
 namespace {
 
 // A killed process is gone at once, but for one that the kernel holds in a device.
 constexpr int kKilledMs = 5'000;
-constexpr int kStoppedMs = 500; // how often a process is looked at whether it is stopped
+constexpr int kLookMs = 500; // how often a process is looked at whether somebody holds it
 
 // Closes the end of a pipe that a process object (Qt 6.4) leaves open when its program cannot be executed. Between two
 // programs this process has no pipe of its own making, and those that it was given are not closed in children.
@@ -40,6 +43,12 @@ bool isStopped(qint64 pid)
 {
     siginfo_t state = {};
     return ::waitid(P_PID, static_cast<id_t>(pid), &state, WSTOPPED | WNOHANG | WNOWAIT) == 0 && state.si_pid == pid;
+}
+
+// runuser alone hands a tool over. What others start under users of their own, such as apt-get, is not ended half-way.
+bool runsForUser(const QProcess &process)
+{
+    return process.program() == "runuser"_L1;
 }
 
 } // namespace
@@ -73,12 +82,15 @@ bool waitForEnd(QProcess &process, int milliseconds)
     // A program that has ended by now cannot be waited for.
     while (process.state() != QProcess::NotRunning) {
         const qint64 rest = deadline.remainingTime();
-        if (process.waitForFinished(static_cast<int>(std::min<qint64>(rest, kStoppedMs))))
+        if (process.waitForFinished(static_cast<int>(std::min<qint64>(rest, kLookMs))))
             break;
         if (deadline.hasExpired())
             return false;
-        if (process.processId() > 0 && isStopped(process.processId()))
-            ::kill(static_cast<pid_t>(-process.processId()), SIGKILL);
+        const auto pid = static_cast<pid_t>(process.processId());
+        if (pid > 0 && isStopped(pid))
+            ::kill(-pid, SIGKILL);
+        else if (pid > 0 && runsForUser(process) && isHeld(pid))
+            return false;
     }
     return true;
 }

@@ -9,9 +9,9 @@ namespace corv {
 // leaves none behind either. Call it before the process is started.
 void prepareChild(QProcess &process);
 
-// Waits for the end of a process that has been started, at most so many milliseconds. False when it takes longer. One
-// that is stopped (SIGSTOP) is killed with its group: the account that a tool runs for may signal it, and would hold up
-// everybody for all that time.
+// Waits for the end of a process that has been started, at most so many milliseconds. False when it takes longer, and
+// when it, or what it started, is seen to be held by the user it runs for, who would hold up everybody for all that
+// time (common/Held.h). One that is stopped (SIGSTOP) itself is killed with its group.
 bool waitForEnd(QProcess &process, int milliseconds);
 
 // Kills the process and whatever it started that stayed in its session's first group, and waits for its end.

@@ -21,9 +21,11 @@ namespace {
 #ifdef CORV_SHORT_TIMEOUTS
 constexpr int kStartMs = 500;
 constexpr int kFinishMs = 2'000;
+constexpr int kUserMs = 1'000;
 #else
 constexpr int kStartMs = 5'000;
 constexpr int kFinishMs = 600'000;
+constexpr int kUserMs = 10'000;
 #endif
 
 constexpr qsizetype kDetailLength = 400;
@@ -161,7 +163,13 @@ QString runWith(const QString &program, const QStringList &args, const Streams &
 
 QString asUser(const QString &user, const QStringList &args, const QByteArray &input, QByteArray *out)
 {
-    return run(u"runuser"_s, QStringList{u"-u"_s, user, u"--"_s} + args, input, out);
+    Streams streams;
+    streams.input = input;
+    streams.output = out;
+    streams.maxOutput = std::numeric_limits<qsizetype>::max();
+    Surroundings surroundings;
+    surroundings.milliseconds = kUserMs;
+    return execute(u"runuser"_s, QStringList{u"-u"_s, user, u"--"_s} + args, streams, surroundings);
 }
 
 QString joined(QStringList messages)

@@ -44,7 +44,8 @@ struct Surroundings
 QString runWith(const QString &program, const QStringList &args, const Streams &streams,
                 const Surroundings &surroundings = {});
 
-// Runs the program and arguments in args as an account's user, input and out as in run. Returns the runner's message.
+// Runs the program and arguments in args as an account's user, input and out as in run, but for 10 s at most: it is for
+// tools that end at once, unless the user holds them up. Returns the runner's message.
 QString asUser(const QString &user, const QStringList &args, const QByteArray &input = {}, QByteArray *out = nullptr);
 
 // The messages that are not empty, in order, joined with "; ".

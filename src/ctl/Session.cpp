@@ -22,6 +22,8 @@ struct Advice
 constexpr Advice kAdvice[] = {
     {"no Corvane account named"_L1, "corvctl account list shows the accounts"_L1},
     {"hard quotas are off"_L1, "corvctl quota enable switches them on"_L1},
+    {"could not archive the files, so nothing was deleted: tar failed"_L1,
+     "where files changed, shrank or vanished meanwhile: suspend the account, which ends what writes there, then delete it again"_L1},
     {"no such rule"_L1, "corvctl firewall list shows the rules with their numbers"_L1},
     {"that rule lets you reach this server over SSH"_L1, "ufw on the server itself deletes it"_L1},
     {"no such backup"_L1, "corvctl backup list shows the backups"_L1},

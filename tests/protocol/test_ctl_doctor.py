@@ -340,7 +340,7 @@ FAULTS = {
         "backups", "no nightly backup is planned: its timer is off", "systemctl enable --now corv-backup.timer"),
     "home is too large": (
         large_home, "homes", "the home of the account alice, 12.1 GiB, is too large to be archived within ten minutes",
-        "du -xh --apparent-size --max-depth=2 /home/alice | sort -h | tail"),
+        "du -xh --apparent-size --max-depth=2 /home/alice | sort -h | tail | cat -v"),
 }
 
 

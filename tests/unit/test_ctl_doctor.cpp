@@ -38,6 +38,29 @@ class TestCtlDoctor : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void findsAJailThatBelievesAnyProgramNamedSshd_data()
+    {
+        QTest::addColumn<QByteArray>("output");
+        QTest::addColumn<bool>("found");
+        const QByteArray start = "Current match filter:\n";
+        QTest::newRow("Debian 12") << start + "_SYSTEMD_UNIT=sshd.service + _COMM=sshd\n" << true;
+        QTest::newRow("Debian 13") << start + "_SYSTEMD_UNIT=ssh.service + _COMM=sshd + _COMM=sshd-session\n" << true;
+        QTest::newRow("its unit") << start + "_SYSTEMD_UNIT=ssh.service\n" << false;
+        QTest::newRow("its unit and name") << start + "_SYSTEMD_UNIT=ssh.service _COMM=sshd\n" << false;
+        QTest::newRow("a log file") << QByteArray("No journal match filter set\n") << false;
+        QTest::newRow("no fail2ban") << QByteArray() << false;
+    }
+    void findsAJailThatBelievesAnyProgramNamedSshd()
+    {
+        QFETCH(QByteArray, output);
+        const QStringList wanted = {
+            u"fault|fail2ban's jail for SSH believes any local program named sshd, so that every user can have "
+            "addresses banned|[ ! -e /etc/fail2ban/filter.d/sshd.local ] && printf '[Definition]\\njournalmatch = _SYSTEMD_UNIT=ssh.service\\n' "
+            ">/etc/fail2ban/filter.d/sshd.local && systemctl restart fail2ban"_s};
+        QFETCH(bool, found);
+        QCOMPARE(asText(checkSshdJail(output)), found ? wanted : QStringList());
+    }
+
     void readsWhatPostgresHas()
     {
         const std::optional<Databases> found =
@@ -355,7 +378,7 @@ private Q_SLOTS:
     {
         const QHash<QString, qint64> sizes = {
             {u"alice"_s, 12'000'000'001}, {u"bob"_s, 12'000'000'000}, {u"carol"_s, 1}};
-        const auto mend = u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail"_s;
+        const auto mend = u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail | cat -v"_s;
         const auto large =
             u"fault|the home of the account alice, 11.2 GiB, is too large to be archived within ten minutes|"_s +
             mend.arg(u"alice"_s);

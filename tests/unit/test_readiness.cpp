@@ -43,7 +43,7 @@ private Q_SLOTS:
         const Pair pair = connectedPair();
         Readiness readiness(nullptr);
         QList<quint32> told;
-        QVERIFY(readiness.add(pair.watched.get(), [&](quint32 events) { told.append(events); }));
+        QVERIFY(readiness.add(pair.watched.get(), Readiness::Turn::Usual, [&](quint32 events) { told.append(events); }));
         QVERIFY(sendByte(pair));
         QCoreApplication::processEvents();
         QCOMPARE(told, QList<quint32>());
@@ -63,7 +63,7 @@ private Q_SLOTS:
         Pair pair = connectedPair();
         Readiness readiness(nullptr);
         quint32 told = 0;
-        QVERIFY(readiness.add(pair.watched.get(), [&](quint32 events) { told |= events; }));
+        QVERIFY(readiness.add(pair.watched.get(), Readiness::Turn::Usual, [&](quint32 events) { told |= events; }));
         pair.other = Fd();
         QVERIFY(QTest::qWaitFor([&] { return (told & EPOLLHUP) != 0; }));
     }
@@ -82,7 +82,7 @@ private Q_SLOTS:
         };
         for (const Pair *pair : {&one, &two}) {
             QVERIFY(sendByte(*pair));
-            QVERIFY(readiness.add(pair->watched.get(), takeBothOut));
+            QVERIFY(readiness.add(pair->watched.get(), Readiness::Turn::Usual, takeBothOut));
             readiness.setEvents(pair->watched.get(), EPOLLIN);
         }
         QVERIFY(QTest::qWaitFor([&] { return calls > 0; }));
@@ -93,7 +93,7 @@ private Q_SLOTS:
     void refusesWhatCannotBeWatched()
     {
         Readiness readiness(nullptr);
-        QVERIFY(!readiness.add(-1, [](quint32) {}));
+        QVERIFY(!readiness.add(-1, Readiness::Turn::Usual, [](quint32) {}));
     }
 };
 

@@ -111,8 +111,7 @@ Reply restoreFiles(const QString &user, const QString &backup, const QString &ar
         return fail(name + u" exists already in the home folder"_s);
 
     // Made and filled under the account's own rights: whatever its owner puts in the way leads nowhere else.
-    if (const QString error = hosting::run(u"runuser"_s, {u"-u"_s, user, u"--"_s, u"mkdir"_s, target});
-        !error.isEmpty())
+    if (const QString error = hosting::asUser(user, {u"mkdir"_s, target}); !error.isEmpty())
         return fail(error);
     if (const QString error = pipe(archive,
                                    {u"-u"_s, user, u"--"_s, u"tar"_s, u"-xzf"_s, u"-"_s, u"-C"_s, target,

@@ -1,6 +1,7 @@
 #include "common/Run.h"
 #include "agent/backup/Backup.h"
 #include "common/Account.h"
+#include "common/Archiver.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
 #include "common/Fd.h"
@@ -106,12 +107,14 @@ QStringList settingsFiles()
 
 QString archiveSettings(const QString &file)
 {
-    return hosting::run(u"tar"_s, QStringList{u"-czf"_s, file, u"-C"_s, u"/"_s} + settingsFiles());
+    return hosting::runWith(u"tar"_s, QStringList{u"-czf"_s, file, u"-C"_s, u"/"_s} + settingsFiles(), {},
+                            hosting::archiverSurroundings());
 }
 
 QString archiveHome(const QString &user, const QString &file)
 {
-    return hosting::run(u"tar"_s, {u"-czf"_s, file, u"--exclude=%1/tmp"_s.arg(user), u"-C"_s, u"/home"_s, user});
+    return hosting::runWith(u"tar"_s, {u"-czf"_s, file, u"--exclude=%1/tmp"_s.arg(user), u"-C"_s, u"/home"_s, user}, {},
+                            hosting::archiverSurroundings());
 }
 
 // Saves one account. Nothing is skipped: what is missing shows as a problem.

@@ -25,6 +25,15 @@ constexpr qsizetype kMaxAnswer = 16'777'216;
 // What a file that the helper writes may grow to before it is ended. The largest transfer must not touch it: whoever
 // looks for more at the end of a file is held to be about to write it.
 constexpr qint64 kFileFence = kMaxTransfer + 1'048'576;
+// How long the helper may take, which its user can slow down: the largest transfer at 2 MB a second, and a deletion,
+// whose work is not known beforehand, the same; all else is far less.
+#ifdef CORV_SHORT_TIMEOUTS
+constexpr int kShortMs = 1'500;
+constexpr int kLongMs = 2'000;
+#else
+constexpr int kShortMs = 60'000;
+constexpr int kLongMs = 150'000;
+#endif
 
 bool isOperation(const QString &name)
 {
@@ -40,6 +49,13 @@ bool canBePassed(const QString &path)
     return !path.contains(QChar(u'\0')) && path.isValidUtf16();
 }
 
+hosting::Surroundings within(int milliseconds)
+{
+    hosting::Surroundings surroundings;
+    surroundings.milliseconds = milliseconds;
+    return surroundings;
+}
+
 Reply download(const QStringList &helper)
 {
     Download file;
@@ -49,7 +65,7 @@ Reply download(const QStringList &helper)
     hosting::Streams streams;
     streams.outputFile = file.descriptor();
     streams.maxFileSize = kFileFence;
-    if (const QString error = hosting::runWith(u"runuser"_s, helper, streams); !error.isEmpty())
+    if (const QString error = hosting::runWith(u"runuser"_s, helper, streams, within(kLongMs)); !error.isEmpty())
         return fail(error.section(": "_L1, -1));
 
     const std::optional<qint64> size = file.handOver();
@@ -59,12 +75,12 @@ Reply download(const QStringList &helper)
 }
 
 // What the helper answers is the account's word, not ours: it runs under the account's user, who may have stepped in.
-Reply ask(const QStringList &helper, hosting::Streams streams)
+Reply ask(const QStringList &helper, hosting::Streams streams, int milliseconds)
 {
     QByteArray output;
     streams.output = &output;
     streams.maxOutput = kMaxAnswer;
-    if (const QString error = hosting::runWith(u"runuser"_s, helper, streams); !error.isEmpty())
+    if (const QString error = hosting::runWith(u"runuser"_s, helper, streams, within(milliseconds)); !error.isEmpty())
         return fail(error);
     const Reply answer = parseObject(output);
     return answer.isEmpty() ? fail(u"the file helper gave no answer"_s) : answer;
@@ -88,7 +104,7 @@ Reply upload(const QStringList &helper, const QString &transfer)
     hosting::Streams streams;
     streams.inputFile = file.get();
     streams.maxFileSize = kFileFence; // whoever still has the upload open could let it grow
-    const Reply answer = ask(helper, streams);
+    const Reply answer = ask(helper, streams, kLongMs);
     closeLater(std::move(file));
     return answer;
 }
@@ -124,7 +140,7 @@ Reply command(const QJsonObject &args, const QString &self)
     hosting::Streams streams;
     if (operation == "write"_L1)
         streams.input = args.value("content"_L1).toString().toUtf8();
-    return ask(helper, streams);
+    return ask(helper, streams, operation == "delete"_L1 ? kLongMs : kShortMs);
 }
 
 } // namespace corv::files

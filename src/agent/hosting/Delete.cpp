@@ -3,6 +3,7 @@
 #include "agent/hosting/Hosting.h"
 #include "agent/hosting/Psql.h"
 #include "agent/hosting/Web.h"
+#include "common/Archiver.h"
 #include "common/Pool.h"
 #include "common/Quotas.h"
 #include "common/Run.h"
@@ -39,7 +40,9 @@ QString archive(const QString &user, const QString &base)
     const QString dump = base + u"-db.dump"_s;
 
     (void)run(u"pkill"_s, {u"-u"_s, user}); // whoever has no process is fine; the rest must not change files meanwhile
-    if (const QString error = run(u"tar"_s, {u"-czf"_s, files, u"-C"_s, u"/home"_s, user}); !error.isEmpty())
+    if (const QString error =
+            runWith(u"tar"_s, {u"-czf"_s, files, u"-C"_s, u"/home"_s, user}, {}, archiverSurroundings());
+        !error.isEmpty())
         return u"could not archive the files, so nothing was deleted: "_s + error;
 
     if (const QString error =

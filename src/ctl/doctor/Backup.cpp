@@ -149,7 +149,7 @@ QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject
             {Level::Fault,
              u"the home of the account %1, %2, is too large to be archived within ten minutes%3"_s.arg(
                  name, gibibytes(sizes.value(name)), cutOff ? u"; the last backup cut it off"_s : QString()),
-             u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail"_s.arg(name)});
+             u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail | cat -v"_s.arg(name)});
     }
     return findings;
 }

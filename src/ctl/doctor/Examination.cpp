@@ -84,8 +84,12 @@ Check checkSshd()
 {
     const Outcome run = runTool(u"sshd"_s, {u"-T"_s});
     const bool isInstalled = run.finished || !run.errors.isEmpty();
-    return {u"sshd"_s, u"sshd -T"_s,
-            ctl::checkSshd({isInstalled, run.succeeded, run.errors, lookAt(u"/run/sshd"_s).isFolder})};
+    Check check = {u"sshd"_s, u"sshd -T"_s,
+                   ctl::checkSshd({isInstalled, run.succeeded, run.errors, lookAt(u"/run/sshd"_s).isFolder})};
+    if (hasVolatileJournal())
+        check.findings +=
+            checkSshdJail(runTool(u"fail2ban-client"_s, {u"get"_s, u"sshd"_s, u"journalmatch"_s}).output);
+    return check;
 }
 
 Check checkPostgres(const std::optional<Databases> &databases, const QString &problem)

@@ -87,6 +87,14 @@ Found lookAt(const QString &path)
             status.st_mode & ALLPERMS};
 }
 
+bool hasVolatileJournal()
+{
+    const QDir journals(u"/run/log/journal"_s);
+    const QStringList hosts = journals.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    return std::any_of(hosts.cbegin(), hosts.cend(),
+                       [&](const QString &host) { return journals.exists(host + u"/system.journal"_s); });
+}
+
 std::optional<Databases> readDatabases(QString *problem)
 {
     const Outcome outcome = runWithin(kToolMs, u"runuser"_s,

@@ -27,6 +27,9 @@ std::optional<QByteArray> textOf(const QString &path);
 // What stands at a path; a link is not followed.
 Found lookAt(const QString &path);
 
+// Whether the journal is kept in memory, where users have no file of their own in it.
+bool hasVolatileJournal();
+
 // What PostgreSQL has; nothing, with the reason in problem, where it cannot be asked.
 std::optional<Databases> readDatabases(QString *problem);
 

@@ -150,6 +150,22 @@ QList<Finding> checkSshd(const SshdRun &run)
     return {{Level::Fault, problem, u"sshd -t; editor /etc/ssh/sshd_config"_s}};
 }
 
+QList<Finding> checkSshdJail(const QByteArray &output)
+{
+    // Alternatives, each of fields that all have to match. A user writes what he likes into the journal by a program of any
+    // name; the unit alone is the system's word, and no user's program is in the daemon's.
+    const QStringList alternatives = QString::fromUtf8(output.mid(output.indexOf('\n') + 1)).simplified().split(u" + "_s);
+    const bool isForgeable = std::any_of(alternatives.cbegin(), alternatives.cend(), [](const QString &fields) {
+        return fields.contains(u'=') && !fields.contains(u"_SYSTEMD_UNIT="_s);
+    });
+    if (!isForgeable)
+        return {};
+    return {
+        {Level::Fault,
+         u"fail2ban's jail for SSH believes any local program named sshd, so that every user can have addresses banned"_s,
+         uR"([ ! -e /etc/fail2ban/filter.d/sshd.local ] && printf '[Definition]\njournalmatch = _SYSTEMD_UNIT=ssh.service\n' >/etc/fail2ban/filter.d/sshd.local && systemctl restart fail2ban)"_s}};
+}
+
 QList<Finding> checkLockTimeout(const QString &value)
 {
     bool isNumber = false;

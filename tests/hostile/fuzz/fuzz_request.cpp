@@ -6,6 +6,7 @@
 #include "fuzz.h"
 
 #include "agent/Agent.h"
+#include "agent/Budget.h"
 #include "agent/Connection.h"
 #include "agent/Readiness.h"
 #include "common/Json.h"
@@ -117,7 +118,8 @@ void connection(const QByteArray &bytes)
     const Fd client(ends[0]);
     const auto echo = [](const QByteArray &line) { return '<' + line; };
     static Readiness readiness(nullptr);
-    auto *server = new Connection(Fd(ends[1]), echo, &readiness, QCoreApplication::instance());
+    static Budget budget(1);
+    auto *server = new Connection(Fd(ends[1]), kUid, echo, &readiness, &budget, QCoreApplication::instance());
     bool gone = false;
     QObject::connect(server, &QObject::destroyed, server, [&gone] { gone = true; });
 
@@ -128,7 +130,8 @@ void connection(const QByteArray &bytes)
         at += 1 + piece.size();
         sent += piece;
         require(writeAll(client.get(), piece), "a piece can be sent");
-        QCoreApplication::processEvents();
+        for (qsizetype turns = piece.count('\n'); turns >= 0; --turns) // one line in each
+            QCoreApplication::processEvents();
         answered += received(client.get());
 
         QByteArray wanted;
