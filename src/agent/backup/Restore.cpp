@@ -171,9 +171,12 @@ QString load(const QString &user, const QString &dump)
     Lesser relay;
     if (const QString problem = openRelay(user, &relay); !problem.isEmpty())
         return problem;
+    letIntoScratch(user, true);
     const Stream stream = pipe(dump, {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_restore"_s, u"-d"_s, user + u"__restore"_s},
                                relayEnvironment(user));
-    return problemOfLoad(stream, closeRelay(&relay));
+    const Passage passage = closeRelay(&relay);
+    letIntoScratch(user, false);
+    return problemOfLoad(stream, passage);
 }
 
 // Loads a dump into the scratch database and leaves nobody in it. Returns why it may not be swapped in, empty when it

@@ -26,6 +26,8 @@ QString runScript(const QString &user, const QString &statements)
 // letters and digits, and so may stand in the statement as it is.
 std::optional<QByteArray> askAbout(const QByteArray &socket, const QString &user, const QString &statement)
 {
+    if (socket.isEmpty())
+        return {};
     return postgres::ask(socket, statement.arg(user).toLatin1());
 }
 
@@ -109,6 +111,18 @@ ELSE 'empty' END FROM pg_stat_activity WHERE datname = '%1__restore')"_s);
             return u"PostgreSQL does not tell who is connected to %1__restore"_s.arg(user);
     }
     return socket.isEmpty() ? QString() : u"somebody stays connected to %1__restore"_s.arg(user);
+}
+
+void letIntoScratch(const QString &user, bool allowed)
+{
+    // What goes wrong shows in a login that is refused.
+    (void)askAbout(postgres::serverSocket(), user,
+                   allowed ? uR"(DO $$ BEGIN
+IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN GRANT corv_restore TO %1; END IF;
+END $$; SELECT 'done')"_s
+                           : uR"(DO $$ BEGIN
+IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN REVOKE corv_restore FROM %1; END IF;
+END $$; SELECT 'done')"_s);
 }
 
 } // namespace corv::backup

@@ -27,4 +27,8 @@ QString checkFresh(const QString &user);
 // Ends all sessions in it, and checks that none is left: a single one makes the swap stop half-way.
 QString clearScratch(const QString &user);
 
+// Makes the account a member of the role that pg_hba.conf lets into any database, where "corvctl database harden" has
+// made one, or takes that back. Other roles then reach none but their own, not even a new one.
+void letIntoScratch(const QString &user, bool allowed);
+
 } // namespace corv::backup
