@@ -3,11 +3,13 @@
 #include "common/Child.h"
 
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QStandardPaths>
 
 namespace corv {
 
-Outcome runWithin(int milliseconds, const QString &program, const QStringList &args)
+Outcome runWithin(int milliseconds, const QString &program, const QStringList &args,
+                  const QMap<QString, QString> &environment)
 {
     // Found out before the attempt, since a failed one costs the process object a descriptor (Qt 6.4).
     if (QStandardPaths::findExecutable(program).isEmpty())
@@ -16,6 +18,12 @@ Outcome runWithin(int milliseconds, const QString &program, const QStringList &a
     QProcess process;
     prepareChild(process);
     process.setStandardInputFile(QProcess::nullDevice());
+    if (!environment.isEmpty()) {
+        QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+        for (auto entry = environment.cbegin(); entry != environment.cend(); ++entry)
+            variables.insert(entry.key(), entry.value());
+        process.setProcessEnvironment(variables);
+    }
     process.start(program, args);
     const bool finished = process.waitForFinished(milliseconds);
     if (!finished)

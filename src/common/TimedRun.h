@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QMap>
 #include <QString>
 #include <QStringList>
 
@@ -16,7 +17,9 @@ struct Outcome
 };
 
 // Runs program (a name on PATH) with exactly these arguments and no input, for the few tools that have a time-out of
-// their own instead of the shared runner's. Past the time, in milliseconds, it and all that it started is killed.
-Outcome runWithin(int milliseconds, const QString &program, const QStringList &args);
+// their own instead of the shared runner's. Past the time, in milliseconds, it and all that it started is killed. It
+// has these variables beside this process's own.
+Outcome runWithin(int milliseconds, const QString &program, const QStringList &args,
+                  const QMap<QString, QString> &environment = {});
 
 } // namespace corv

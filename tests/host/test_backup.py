@@ -348,4 +348,4 @@ def test_what_pg_restore_complains_of_stands_in_the_database_server_s_log(first,
 
     assert host.sql("SELECT x FROM kept", database=account.name, role=account.name, password=account.password).out == "1\n"
     log = host.ok(["sh", "-c", "cat /var/log/postgresql/postgresql-*-main.log"])
-    assert f'postgres@{account.name}__restore ERROR:  role "reporter" does not exist' in log
+    assert f'{account.name}@{account.name}__restore ERROR:  role "reporter" does not exist' in log

@@ -536,8 +536,9 @@ class Sandbox:
             wrong.append(f"{call} inherited blocked {call.blocked:x} or ignored {call.ignored:x} signals")
         if call.env.get("LC_ALL") != "C.UTF-8":
             wrong.append(f"{call} ran with LC_ALL={call.env.get('LC_ALL')}")
-        passed = [key for key in call.env if key.startswith(("PG", "LD_")) or key in ("CORV_CONFIG", "NOTIFY_SOCKET")]
-        if passed:
+        passed = {key: value for key, value in call.env.items()
+                  if key.startswith(("PG", "LD_")) or key in ("CORV_CONFIG", "NOTIFY_SOCKET")}
+        if passed != _given_to(call):
             wrong.append(f"{call} was given {passed}")
         return wrong
 
@@ -566,6 +567,21 @@ class Sandbox:
 
 def _difference(expected, found):
     return "\n".join(difflib.unified_diff(expected, found, "declared", "found", lineterm="", n=1))
+
+
+def _given_to(call):
+    """The variables of PostgreSQL, the loader and the agent itself that a call has to have been given: these, no others."""
+    program = call.args[3] if call.name == "runuser" else call.name
+    if program == "psql":
+        return {"PGOPTIONS": "-csearch_path=pg_catalog"}
+    if program == "pg_restore":
+        return {
+            "PGHOST": "/run/corvane/restore",
+            "PGPORT": "5432",
+            "PGUSER": call.args[-1].removesuffix("__restore"),
+            "PGOPTIONS": "-cdefault_transaction_read_only=off -crole=none",
+        }
+    return {}
 
 
 def runuser(user, *argv):

@@ -1,6 +1,8 @@
 #include "agent/backup/Backup.h"
+#include "agent/backup/Relay.h"
+#include "agent/backup/Scratch.h"
+#include "agent/backup/Server.h"
 #include "agent/hosting/Existing.h"
-#include "agent/hosting/Psql.h"
 #include "common/Account.h"
 #include "common/BackupFolders.h"
 #include "common/Child.h"
@@ -8,7 +10,9 @@
 #include "common/Run.h"
 
 #include <QFileInfo>
+#include <QMap>
 #include <QProcess>
+#include <QProcessEnvironment>
 #include <QStandardPaths>
 
 #include <csignal>
@@ -30,8 +34,14 @@ constexpr qsizetype kErrorLength = 500;
 // A consumer that floods its standard error must not fill root's memory; the end of it is what matters.
 constexpr qsizetype kKeptErrorBytes = 1'048'576;
 
-// Whether what the consumer of a stream complains of makes the restore fail.
-enum class Complaints { Fail, Pass };
+// How the two ends of a stream fared.
+struct Stream
+{
+    bool tookTooLong = false;
+    bool wasRead = false;     // the whole file
+    bool wasConsumed = false; // the consumer ended well
+    QString complaint;        // the end of what the consumer wrote to its standard error
+};
 
 // Waits for the end of a program that has been started. False when it takes longer or could not be started.
 bool hasFinished(QProcess &process, int milliseconds)
@@ -44,15 +54,22 @@ bool succeeded(const QProcess &process)
     return process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
 }
 
+void setEnvironment(QProcess &process, const QMap<QString, QString> &variables)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (auto entry = variables.cbegin(); entry != variables.cend(); ++entry)
+        environment.insert(entry.key(), entry.value());
+    process.setProcessEnvironment(environment);
+}
+
 // Streams a file that root alone may read into a program that runs under lesser rights, straight from one process to
-// the other. args: what runuser is given. Returns an empty text on success, else why it failed; what the consumer
-// itself fails with counts only where its complaints do.
-QString pipe(const QString &file, const QStringList &args, Complaints complaints)
+// the other. args: what runuser is given; environment: what it has beside the agent's.
+Stream pipe(const QString &file, const QStringList &args, const QMap<QString, QString> &environment = {})
 {
     // Found out before the attempt, since a failed one costs the process object a descriptor (Qt 6.4).
     for (const QString &program : {u"cat"_s, u"runuser"_s}) {
         if (QStandardPaths::findExecutable(program).isEmpty())
-            return u"took too long"_s;
+            return {true, false, false, {}};
     }
 
     QProcess consumer; // outlives the reader, which holds on to it
@@ -63,6 +80,7 @@ QString pipe(const QString &file, const QStringList &args, Complaints complaints
     reader.setStandardErrorFile(QProcess::nullDevice());
     reader.setStandardOutputProcess(&consumer);
     consumer.setStandardOutputFile(QProcess::nullDevice());
+    setEnvironment(consumer, environment);
 
     QByteArray errors;
     QObject::connect(&consumer, &QProcess::readyReadStandardError, &consumer, [&] {
@@ -80,14 +98,19 @@ QString pipe(const QString &file, const QStringList &args, Complaints complaints
         // What the consumer started may hold the stream open after its own end, which took its number from the object.
         if (group > 0)
             ::kill(-group, SIGKILL);
-        return u"took too long"_s;
+        return {true, false, false, {}};
     }
+    return {false, succeeded(reader), succeeded(consumer), QString::fromUtf8(errors).trimmed().right(kErrorLength)};
+}
 
-    if (!succeeded(reader))
+// Why a stream failed; empty when it did not, or when the consumer alone did, and without a word.
+QString problemOf(const Stream &stream)
+{
+    if (stream.tookTooLong)
+        return u"took too long"_s;
+    if (!stream.wasRead)
         return u"cannot read the backup file"_s;
-    if (succeeded(consumer) || complaints == Complaints::Pass)
-        return {};
-    return QString::fromUtf8(errors).trimmed().right(kErrorLength);
+    return stream.wasConsumed ? QString() : stream.complaint;
 }
 
 // The path of an account's file in a backup, empty when there is none. Neither it nor a folder of the backup may be a
@@ -113,65 +136,75 @@ Reply restoreFiles(const QString &user, const QString &backup, const QString &ar
     // Made and filled under the account's own rights: whatever its owner puts in the way leads nowhere else.
     if (const QString error = hosting::asUser(user, {u"mkdir"_s, target}); !error.isEmpty())
         return fail(error);
-    if (const QString error = pipe(archive,
-                                   {u"-u"_s, user, u"--"_s, u"tar"_s, u"-xzf"_s, u"-"_s, u"-C"_s, target,
-                                    u"--strip-components=1"_s, u"--no-same-owner"_s},
-                                   Complaints::Fail);
-        !error.isEmpty())
+    const Stream stream = pipe(archive, {u"-u"_s, user, u"--"_s, u"tar"_s, u"-xzf"_s, u"-"_s, u"-C"_s, target,
+                                         u"--strip-components=1"_s, u"--no-same-owner"_s});
+    if (const QString error = problemOf(stream); !error.isEmpty())
         return fail(u"unpacking stopped (over the disk limit?): "_s + error);
 
     return {{u"ok"_s, true}, {u"restoredTo"_s, target}};
 }
 
-QString runScript(const QString &user, const QString &statements)
+// Why what pg_restore did is not to take the live database's place, empty when it is.
+//
+// pg_restore goes on after an error and exits non-zero for the least of them, such as a role that this server does not
+// have. What it brought back is worth more than none, so its own complaints do not count. A server that does not let it
+// in, or a connection that ends early, has brought nothing or a part.
+QString problemOfLoad(const Stream &stream, const Passage &passage)
 {
-    static const auto names = uR"(\set u '%1'
-\set tmp '%1__restore'
-\set old '%1__old'
-)"_s;
-    return hosting::psql((names.arg(user) + statements).toLatin1());
+    if (!stream.tookTooLong && passage.end == Passage::End::Refused)
+        return passage.reason;
+    if (stream.tookTooLong || !stream.wasRead)
+        return problemOf(stream);
+    if (passage.end == Passage::End::Broken)
+        return passage.reason;
+    // It never came as far as the server: the dump is none, or the way to the server did not bear.
+    const bool hasLoadedNothing = passage.end == Passage::End::Unused && !stream.wasConsumed;
+    if (hasLoadedNothing && !postgres::serverSocket().isEmpty())
+        return stream.complaint.isEmpty() ? u"pg_restore did not begin"_s : stream.complaint;
+    return {};
 }
 
-QString prepareScratch(const QString &user)
+// Loads a dump into the scratch database, as the account's own role.
+QString load(const QString &user, const QString &dump)
 {
-    return runScript(user, uR"(SELECT format('DROP DATABASE IF EXISTS %I WITH (FORCE)', :'tmp') \gexec
-SELECT format('CREATE DATABASE %I OWNER %I', :'tmp', :'u') \gexec
-SELECT format('REVOKE ALL ON DATABASE %I FROM PUBLIC', :'tmp') \gexec
-)"_s);
+    Lesser relay;
+    if (const QString problem = openRelay(user, &relay); !problem.isEmpty())
+        return problem;
+    letIntoScratch(user, true);
+    const Stream stream = pipe(dump, {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_restore"_s, u"-d"_s, user + u"__restore"_s},
+                               relayEnvironment(user));
+    const Passage passage = closeRelay(&relay);
+    letIntoScratch(user, false);
+    return problemOfLoad(stream, passage);
 }
 
-QString dropScratch(const QString &user)
+// Loads a dump into the scratch database and leaves nobody in it. Returns why it may not be swapped in, empty when it
+// may.
+QString fillScratch(const QString &user, const QString &dump)
 {
-    return runScript(user, uR"(SELECT format('DROP DATABASE IF EXISTS %I WITH (FORCE)', :'tmp') \gexec
-)"_s);
-}
-
-// Puts the scratch database in the live one's place. The script ends at its first failure: up to the first rename that
-// leaves the live database as it was, after it under the name with __old.
-QString swapScratchIn(const QString &user)
-{
-    return runScript(user, uR"(SELECT format('DROP DATABASE IF EXISTS %I WITH (FORCE)', :'old') \gexec
-SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = :'u';
-SELECT format('ALTER DATABASE %I RENAME TO %I', :'u', :'old') \gexec
-SELECT format('ALTER DATABASE %I RENAME TO %I', :'tmp', :'u') \gexec
-SELECT format('DROP DATABASE %I WITH (FORCE)', :'old') \gexec
-)"_s);
+    // Others could come into it until its rights were taken from them: whoever did must not stay.
+    if (const QString problem = clearScratch(user); !problem.isEmpty())
+        return problem;
+    if (const QString problem = checkFresh(user); !problem.isEmpty())
+        return problem;
+    if (const QString problem = load(user, dump); !problem.isEmpty())
+        return problem;
+    return clearScratch(user);
 }
 
 Reply restoreDatabase(const QString &user, const QString &dump)
 {
+    static const auto kept = u"the restore failed, so the current database was left as it is: "_s;
     if (dump.isEmpty())
         return fail(u"that backup has no database for "_s + user);
+    if (const QString problem = checkBefore(user); !problem.isEmpty())
+        return fail(kept + problem);
     if (const QString error = prepareScratch(user); !error.isEmpty())
         return fail(error);
 
-    // pg_restore goes on after an error and exits non-zero for the least of them, such as a role that this server does
-    // not have. What it brought back is worth more than none.
-    if (const QString error = pipe(
-            dump, {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_restore"_s, u"-d"_s, user + u"__restore"_s}, Complaints::Pass);
-        !error.isEmpty()) {
+    if (const QString problem = fillScratch(user, dump); !problem.isEmpty()) {
         (void)dropScratch(user); // the next restore drops what is left
-        return fail(u"the restore failed, so the current database was left as it is: "_s + error);
+        return fail(kept + problem);
     }
 
     if (const QString error = swapScratchIn(user); !error.isEmpty())

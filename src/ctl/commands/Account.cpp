@@ -2,17 +2,21 @@
 #include "ctl/Input.h"
 #include "ctl/Keys.h"
 #include "ctl/Session.h"
+#include "ctl/doctor/Facts.h"
 #include "ctl/remote/Remote.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
 
 #include "common/Account.h"
+#include "common/Environment.h"
 #include "common/Json.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 
 #include <algorithm>
+
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -131,6 +135,37 @@ int resume(Session &session, const Given &given)
                        u"%1 is on-line again"_s.arg(given.text("ACCOUNT")));
 }
 
+// What keeps the account's database from being dumped, without which it is not deleted. Nothing where this server
+// cannot be asked: the agent then says what is wrong.
+QList<Obstacle> findObstacles(const Session &session, const QString &name)
+{
+    if (session.options.printOnly || !session.options.hosts.empty() || ::geteuid() != 0 ||
+        !hosting::validUsername(name))
+        return {};
+    cleanEnvironment();
+    QString problem;
+    const std::optional<Databases> databases = readDatabases(&problem);
+    const Database *const database = databases ? findDatabase(*databases, name) : nullptr;
+    return database ? obstaclesOf(*database) : QList<Obstacle>();
+}
+
+// Lifts them where that is wanted, and shows how in any case. Gives the status to end with where one stays.
+std::optional<int> liftObstacles(const QList<Obstacle> &obstacles, bool isWanted)
+{
+    for (const Obstacle &obstacle : obstacles) {
+        note(obstacle.what);
+        note(u"  "_s + obstacle.statement);
+        if (!isWanted)
+            continue;
+        if (const Outcome outcome = runStatements({obstacle.statement}); !outcome.succeeded)
+            return fail(kRefused, QString::fromUtf8(outcome.errors).simplified());
+    }
+    if (!obstacles.isEmpty() && !isWanted)
+        return fail(kRefused, u"the account cannot be deleted as it is, so nothing was deleted"_s,
+                    u"--force has these statements run before"_s);
+    return {};
+}
+
 int remove(Session &session, const Given &given)
 {
     const QString name = given.text("ACCOUNT");
@@ -140,6 +175,8 @@ int remove(Session &session, const Given &given)
         return kWrongUsage;
     if (*typed != name)
         return fail(kWrongUsage, u"that is not the account's name, so nothing was deleted"_s);
+    if (const std::optional<int> end = liftObstacles(findObstacles(session, name), given.has("--force")))
+        return *end;
 
     const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
     const QString archive = answer.reply.value("archive"_L1).toString();
@@ -265,7 +302,9 @@ Command accountCommand()
                 {"resume", "Put a suspended account back on-line", {kAccount}, resume},
                 {"delete",
                  "Archive an account, then delete it with all that it has; asks for its name",
-                 {kAccount},
+                 {kAccount,
+                  {"--force", "lift what keeps its database from being dumped or dropped, showing each statement",
+                   Kind::Flag}},
                  remove},
                 {"keys",
                  "Show or replace an account's SSH public keys",

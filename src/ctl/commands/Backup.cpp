@@ -17,6 +17,8 @@ namespace {
 
 // How long a backup that was asked for may take to show up, in milliseconds: systemd begins it behind the reply's back.
 constexpr int kStartTime = 20'000;
+// The end of what the agent says where an account's database is loaded as its own, and the account may not log in.
+constexpr auto kSuspended = "resume the account first"_L1;
 
 QJsonArray backupsIn(const QJsonObject &reply)
 {
@@ -169,6 +171,19 @@ int start(Session &session, const Given &given)
     return followBackup(session, before);
 }
 
+// Restores once more with the account resumed for that time. What the agent says of the restore is the answer, unless
+// it does not come to that.
+Answer restoreSuspended(Session &session, const QJsonObject &args)
+{
+    const QJsonObject account = {{u"username"_s, args.value("username"_L1)}};
+    if (const Answer resumed = ask(session, u"hosting.resume"_s, account); !resumed.ok())
+        return resumed;
+    const Answer answer = ask(session, u"backup.restore"_s, args);
+    if (const Answer suspended = ask(session, u"hosting.suspend"_s, account); !suspended.ok())
+        note(u"%1 could not be suspended again, and is on-line"_s.arg(account.value("username"_L1).toString()));
+    return answer;
+}
+
 int restore(Session &session, const Given &given)
 {
     const QString name = given.text("ACCOUNT");
@@ -183,8 +198,10 @@ int restore(Session &session, const Given &given)
             return fail(kWrongUsage, u"that is not the account's name, so nothing was restored"_s);
     }
 
-    const Answer answer = ask(session, u"backup.restore"_s,
-                              {{u"username"_s, name}, {u"backup"_s, given.text("BACKUP")}, {u"what"_s, what}});
+    const QJsonObject args = {{u"username"_s, name}, {u"backup"_s, given.text("BACKUP")}, {u"what"_s, what}};
+    Answer answer = ask(session, u"backup.restore"_s, args);
+    if (given.has("--resume") && answer.reply.value("error"_L1).toString().endsWith(kSuspended))
+        answer = restoreSuspended(session, args);
     const QString folder = answer.reply.value("restoredTo"_L1).toString();
     return settledWith(session, answer,
                        what == "files"_L1 ? u"the files are in %1"_s.arg(folder) : u"the database is restored"_s);
@@ -215,7 +232,9 @@ Command backupCommand()
                 "what to bring back; a database asks for the account's name",
                 Kind::Required,
                 Names::Nothing,
-                {"files", "database"}}},
+                {"files", "database"}},
+               {"--resume", "resume a suspended account for the time of a database's restore, and suspend it again",
+                Kind::Flag}},
               restore}}};
 }
 

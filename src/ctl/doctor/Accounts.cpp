@@ -80,8 +80,11 @@ QList<Finding> checkDatabase(const QString &name, const Databases &databases)
         findings.append({Level::Fault, u"every role may connect to the database of the account %1"_s.arg(name),
                          sql(u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(name))});
     }
-    if (database)
+    if (database) {
+        for (const Obstacle &obstacle : obstaclesOf(*database))
+            findings.append({Level::Fault, obstacle.what, sql(obstacle.statement)});
         return findings;
+    }
 
     // A restore that was cut off between its two renames: what stands aside is the live data.
     if (findDatabase(databases, name + kReplaced)) {

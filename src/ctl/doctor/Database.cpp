@@ -51,7 +51,17 @@ const QString kDatabasesQuery =
     "'roles', (SELECT coalesce(json_agg(json_build_object('name', rolname, 'login', rolcanlogin, 'plain', "
     "NOT (rolsuper OR rolcreaterole OR rolcreatedb OR rolreplication OR rolbypassrls))), '[]') FROM pg_roles), "
     "'databases', (SELECT coalesce(json_agg(json_build_object('name', datname, 'owner', pg_get_userbyid(datdba), "
-    "'open', has_database_privilege('public', oid, 'CONNECT'))), '[]') FROM pg_database WHERE NOT datistemplate))"_s;
+    "'open', has_database_privilege('public', oid, 'CONNECT'), 'template', datistemplate, 'closed', NOT datallowconn, "
+    "'invalid', datconnlimit = -2, 'holders', (SELECT coalesce(json_agg(DISTINCT held.pid), '[]') FROM pg_locks AS "
+    "held "
+    "JOIN pg_stat_activity AS session USING (pid) WHERE held.database = pg_database.oid AND held.granted "
+    "AND held.locktype = 'relation' AND held.mode = 'AccessExclusiveLock' "
+    "AND session.xact_start < now() - interval '10 seconds'))), '[]') "
+    "FROM pg_database WHERE datname NOT IN ('template0', 'template1')), "
+    "'shared', (SELECT coalesce(json_agg(datname ORDER BY datname), '[]') FROM pg_database "
+    "WHERE datname IN ('postgres', 'template1') AND has_database_privilege('public', oid, 'CONNECT')), "
+    "'hbaFile', current_setting('hba_file'), 'loose', (SELECT count(*) FROM pg_hba_file_rules "
+    "WHERE 'all' = ANY (database) AND 'all' = ANY (user_name) AND auth_method <> 'reject'))"_s;
 
 std::optional<Databases> parseDatabases(const QByteArray &answer)
 {
@@ -68,9 +78,17 @@ std::optional<Databases> parseDatabases(const QByteArray &answer)
     }
     for (const auto &value : object.value("databases"_L1).toArray()) {
         const QJsonObject database = value.toObject();
+        QList<int> holders;
+        for (const auto &holder : database.value("holders"_L1).toArray())
+            holders.append(holder.toInt());
         found.databases.append({database.value("name"_L1).toString(), database.value("owner"_L1).toString(),
-                                database.value("open"_L1).toBool()});
+                                database.value("open"_L1).toBool(), database.value("template"_L1).toBool(),
+                                database.value("closed"_L1).toBool(), database.value("invalid"_L1).toBool(), holders});
     }
+    for (const auto &name : object.value("shared"_L1).toArray())
+        found.openShared.append(name.toString());
+    found.hbaFile = object.value("hbaFile"_L1).toString();
+    found.looseRules = object.value("loose"_L1).toInt();
     return found;
 }
 
@@ -118,6 +136,49 @@ QList<Finding> checkPostgresVersions(const QList<PostgresVersion> &programs)
                                                               QString::number(*minor), kReason),
              u"apt-get update && apt-get install --only-upgrade postgresql-%1 postgresql-client-%1"_s.arg(
                  program.major)});
+    }
+    return findings;
+}
+
+QList<Obstacle> obstaclesOf(const Database &database)
+{
+    // Only names that need no quotes are put into statements here.
+    const QString &name = database.name;
+    QList<Obstacle> found;
+    if (database.isInvalid) {
+        // What it held is gone; an empty one in its place can be dumped.
+        return {
+            {u"the database %1 is what a drop left that was cut off"_s.arg(name), u"DROP DATABASE %1"_s.arg(name)},
+            {u"the account %1 needs a database in its place"_s.arg(name), u"CREATE DATABASE %1 OWNER %1"_s.arg(name)},
+            {u"which no other may enter"_s, u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(name)}};
+    }
+    if (database.isTemplate)
+        found.append({u"the database %1 is a template, so it cannot be dropped"_s.arg(name),
+                      u"ALTER DATABASE %1 IS_TEMPLATE false"_s.arg(name)});
+    if (database.isClosed)
+        found.append({u"the database %1 lets nobody in, so it cannot be dumped"_s.arg(name),
+                      u"ALTER DATABASE %1 ALLOW_CONNECTIONS true"_s.arg(name)});
+    for (const int holder : database.holders)
+        found.append({u"a session keeps a whole table of the database %1 to itself, so it cannot be dumped"_s.arg(name),
+                      u"SELECT pg_terminate_backend(%1)"_s.arg(holder)});
+    return found;
+}
+
+QList<Finding> checkSharedDatabases(const Databases &databases)
+{
+    QList<Finding> findings;
+    for (const QString &name : databases.openShared) {
+        findings.append(
+            {Level::Fault,
+             u"every role may connect to the database %1, which all share: what it leaves or holds there stops others"_s
+                 .arg(name),
+             u"runuser -u postgres -- psql -c 'REVOKE CONNECT, TEMPORARY ON DATABASE %1 FROM PUBLIC'"_s.arg(name)});
+    }
+    if (databases.looseRules > 0) {
+        findings.append({Level::Note,
+                         u"%1 lets every role try every database, in %2 of its lines"_s.arg(
+                             databases.hbaFile, QString::number(databases.looseRules)),
+                         u"corvctl database harden"_s});
     }
     return findings;
 }

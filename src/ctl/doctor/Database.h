@@ -5,6 +5,7 @@
 #include <QByteArray>
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 
@@ -21,7 +22,11 @@ struct Database
 {
     QString name;
     QString owner;
-    bool isOpen = false; // whether every role may connect to it
+    bool isOpen = false;     // whether every role may connect to it
+    bool isTemplate = false; // which keeps it from being dropped
+    bool isClosed = false;   // whether nobody may connect to it, which keeps it from being dumped
+    bool isInvalid = false;  // what a drop that was cut off leaves
+    QList<int> holders;      // the processes of sessions that have kept a whole table to themselves for ten seconds
 };
 
 // What a PostgreSQL server has.
@@ -29,7 +34,10 @@ struct Databases
 {
     int version = 0; // such as 150014 for 15.14
     QList<Role> roles;
-    QList<Database> databases;
+    QList<Database> databases; // but for the server's own templates
+    QStringList openShared;    // of the server's own databases, those that every role may connect to
+    QString hbaFile;           // the path of pg_hba.conf
+    int looseRules = 0;        // how many of its rules let every role try every database
 };
 
 // A version of PostgreSQL and what has it, such as the server or pg_dump.
@@ -55,6 +63,18 @@ const Database *findDatabase(const Databases &databases, const QString &name);
 
 // Which of these programs have holes that dumps or restores open.
 QList<Finding> checkPostgresVersions(const QList<PostgresVersion> &programs);
+
+// What keeps a database from being dumped, renamed or dropped, and which its owner can set: a sentence and the
+// statement that lifts it, for each.
+struct Obstacle
+{
+    QString what;
+    QString statement;
+};
+QList<Obstacle> obstaclesOf(const Database &database);
+
+// Whether every role may connect to what all share: the server's own databases, and by pg_hba.conf to any.
+QList<Finding> checkSharedDatabases(const Databases &databases);
 
 // Whether the panel's own role and database are there. A panel user other than the package's has arranged its own.
 QList<Finding> checkPanelDatabase(const Databases &databases);

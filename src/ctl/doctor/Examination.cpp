@@ -99,7 +99,7 @@ Check checkPostgres(const std::optional<Databases> &databases, const QString &pr
     if (databases) {
         constexpr int kMajorFactor = 10'000;
         programs.prepend({u"the server"_s, databases->version / kMajorFactor, databases->version % kMajorFactor});
-        check.findings += checkPanelDatabase(*databases);
+        check.findings += checkPanelDatabase(*databases) + checkSharedDatabases(*databases);
     } else {
         check.findings.append(
             {Level::Fault, u"PostgreSQL cannot be asked: "_s + problem,

@@ -95,11 +95,18 @@ bool hasVolatileJournal()
                        [&](const QString &host) { return journals.exists(host + u"/system.journal"_s); });
 }
 
+Outcome runStatements(const QStringList &statements)
+{
+    QStringList args = {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s};
+    for (const QString &statement : statements)
+        args += {u"-c"_s, statement};
+    // No functions but the system's own, whatever others have left on the superuser's path.
+    return runWithin(kToolMs, u"runuser"_s, args, {{u"PGOPTIONS"_s, u"-csearch_path=pg_catalog"_s}});
+}
+
 std::optional<Databases> readDatabases(QString *problem)
 {
-    const Outcome outcome = runWithin(kToolMs, u"runuser"_s,
-                                      {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s,
-                                       u"ON_ERROR_STOP=1"_s, u"-c"_s, kDatabasesQuery});
+    const Outcome outcome = runStatements({kDatabasesQuery});
     const std::optional<Databases> found = parseDatabases(outcome.output);
     if (!found)
         *problem = QString::fromUtf8(outcome.errors).simplified();

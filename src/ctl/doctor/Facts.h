@@ -2,6 +2,7 @@
 
 #include "common/Account.h"
 #include "common/BackupConfig.h"
+#include "common/TimedRun.h"
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/System.h"
@@ -16,7 +17,7 @@
 
 namespace corv::ctl {
 
-// Reads of this server what the examination judges. Nothing here writes.
+// Reads of this server what the examination judges. Nothing here writes, but for the statements that are given to it.
 
 // The properties of a unit that tell whether it is up and comes up; empty where systemctl tells nothing.
 UnitProperties unitProperties(const QString &unit);
@@ -29,6 +30,9 @@ Found lookAt(const QString &path);
 
 // Whether the journal is kept in memory, where users have no file of their own in it.
 bool hasVolatileJournal();
+
+// Has psql run statements as PostgreSQL's superuser, each by itself, up to the first that fails.
+Outcome runStatements(const QStringList &statements);
 
 // What PostgreSQL has; nothing, with the reason in problem, where it cannot be asked.
 std::optional<Databases> readDatabases(QString *problem);
