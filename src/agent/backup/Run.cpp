@@ -111,7 +111,7 @@ QString archiveSettings(const QString &file)
 
 QString archiveHome(const QString &user, const QString &file)
 {
-    return hosting::run(u"tar"_s, {u"-czf"_s, file, u"--exclude=%1/tmp"_s.arg(user), u"-C"_s, u"/home"_s, user});
+    return hosting::runInHomes(u"tar"_s, {u"-czf"_s, file, u"--exclude=%1/tmp"_s.arg(user), u"-C"_s, u"/home"_s, user});
 }
 
 // Saves one account. Nothing is skipped: what is missing shows as a problem.
