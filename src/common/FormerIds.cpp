@@ -56,11 +56,12 @@ QString formerName(id_t id)
     return u"corv-gone-%1"_s.arg(id);
 }
 
-QByteArray formerUserRecord(const Ids &ids)
+QByteArray formerUserRecord(uid_t user)
 {
-    return line({{u"userName"_s, formerName(ids.user)},
-                 {u"uid"_s, static_cast<qint64>(ids.user)},
-                 {u"gid"_s, static_cast<qint64>(ids.group)},
+    // Not the group of its own: userdel leaves a group alone that is another user's first one.
+    return line({{u"userName"_s, formerName(user)},
+                 {u"uid"_s, static_cast<qint64>(user)},
+                 {u"gid"_s, static_cast<qint64>(kNobody)},
                  {u"realName"_s, u"Deleted account"_s},
                  {u"homeDirectory"_s, u"/nonexistent"_s},
                  {u"shell"_s, u"/usr/sbin/nologin"_s},

@@ -39,7 +39,7 @@ FormerIds parseFormerIds(const QStringList &files);
 QString formerName(id_t id);
 
 // The records: a user who cannot log in, and a group without members.
-QByteArray formerUserRecord(const Ids &ids);
+QByteArray formerUserRecord(uid_t user);
 QByteArray formerGroupRecord(gid_t group);
 
 } // namespace corv::hosting

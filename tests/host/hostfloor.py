@@ -232,20 +232,26 @@ class Host:
     # Packages
 
     def install(self, package):
-        """Installs a package file as an operator does and waits for the agent."""
+        """Installs the agent's package file as an operator does, with Apache's module where that was built beside it, and
+        waits for the agent."""
         began = time.monotonic()
-        path = f"/root/{pathlib.Path(package).name}"
-        with open(package, "rb") as data:
-            copied = subprocess.run([*self._inside(), "sh", "-c", 'cat >"$1"', "sh", path], stdin=data, check=False)
-        if copied.returncode != 0:
-            raise HostError(f"{package} could not be copied to the host")
+        package = pathlib.Path(package)
+        paths = [self._copy(file) for file in (package, *sorted(package.parent.glob("libapache2-mod-corvane_*.deb")))]
         before = self.main_process("corv-agent")
-        self.ok(["apt-get", "-q", "install", "--yes", "--reinstall", "--allow-downgrades", path],
+        self.ok(["apt-get", "-q", "install", "--yes", "--reinstall", "--allow-downgrades", *paths],
                 env={"DEBIAN_FRONTEND": "noninteractive"}, timeout=300)
         # An upgrade leaves the restart of a running agent behind.
         self.wait_for(lambda: self.main_process("corv-agent") not in ("0", before), "the start of the installed agent")
         self.wait_for_unit("corv-agent")
         self.install_seconds = time.monotonic() - began
+
+    def _copy(self, file):
+        path = f"/root/{file.name}"
+        with open(file, "rb") as data:
+            copied = subprocess.run([*self._inside(), "sh", "-c", 'cat >"$1"', "sh", path], stdin=data, check=False)
+        if copied.returncode != 0:
+            raise HostError(f"{file} could not be copied to the host")
+        return path
 
     def publish(self, name, version, *, security=False, depends="", files=None, install=False):
         """Makes a package with the given files (path to text) and puts it into the host's own repository, among its security

@@ -61,7 +61,7 @@ def test_ids_of_a_deleted_account_are_kept(alice):
     assert sorted(tree) == sorted([f"corv-gone-{uid}.user", f"corv-gone-{uid}.group", f"{uid}.user", f"{uid}.group"])
     user = json.loads(alice.read(f"/etc/userdb/{uid}.user"))
     group = json.loads(alice.read(f"/etc/userdb/{uid}.group"))
-    assert user == {"userName": f"corv-gone-{uid}", "uid": uid, "gid": uid, "realName": "Deleted account", "homeDirectory":
+    assert user == {"userName": f"corv-gone-{uid}", "uid": uid, "gid": 65534, "realName": "Deleted account", "homeDirectory":
                     "/nonexistent", "shell": "/usr/sbin/nologin", "disposition": "reserved", "locked": True}
     assert group == {"groupName": f"corv-gone-{uid}", "gid": uid, "disposition": "reserved"}
     assert alice.entry("/etc/userdb") == "0755 root:root"

@@ -52,8 +52,8 @@ private Q_SLOTS:
 
     void writesRecordsOfOneWhoCannotLogIn()
     {
-        QCOMPARE(formerUserRecord({1000, 1001}),
-                 QByteArray(R"({"disposition":"reserved","gid":1001,"homeDirectory":"/nonexistent","locked":true,)"
+        QCOMPARE(formerUserRecord(1000),
+                 QByteArray(R"({"disposition":"reserved","gid":65534,"homeDirectory":"/nonexistent","locked":true,)"
                             R"("realName":"Deleted account","shell":"/usr/sbin/nologin","uid":1000,)"
                             R"("userName":"corv-gone-1000"})"
                             "\n"));

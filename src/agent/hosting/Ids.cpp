@@ -92,7 +92,7 @@ std::optional<Ids> idsOf(const QString &user)
 bool keepIds(const Ids &ids)
 {
     (void)QDir().mkpath(QString::fromLatin1(kRecordFolder));
-    const bool user = writeRecord(ids.user, u".user"_s, formerUserRecord(ids));
+    const bool user = writeRecord(ids.user, u".user"_s, formerUserRecord(ids.user));
     return writeRecord(ids.group, u".group"_s, formerGroupRecord(ids.group)) && user;
 }
 

@@ -22,7 +22,7 @@ QString removeUser(const QString &user)
     if (!ids)
         return error;
 
-    // Those that kept userdel from its work, too: the next attempt succeeds.
+    // Those that kept userdel from its work, too: the next attempt, be it by hand, succeeds.
     endProcesses(ids->user);
     // An account that is still there keeps its jobs and its files, until a deletion comes through.
     if (::getpwnam(user.toLocal8Bit().constData()))
