@@ -22,6 +22,7 @@ Surroundings archiverSurroundings()
     Surroundings surroundings;
     surroundings.environment.insert(u"TAR_OPTIONS"_s, kOptions);
     surroundings.stackBytes = kStackBytes;
+    surroundings.linksLeadNowhere = true;
     return surroundings;
 }
 

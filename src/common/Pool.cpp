@@ -47,10 +47,16 @@ QString parkedPoolPath(const QString &php, const QString &user)
     return poolPath(php, user) + u".suspended"_s;
 }
 
-QString phpVersion()
+QStringList phpVersions()
 {
     QStringList versions = QDir(u"/etc/php"_s).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Unsorted);
     versions.removeIf([](const QString &v) { return !QFileInfo(u"/etc/php/%1/fpm/pool.d"_s.arg(v)).isDir(); });
+    return versions;
+}
+
+QString phpVersion()
+{
+    const QStringList versions = phpVersions();
     if (versions.isEmpty())
         return {};
 

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 namespace corv::hosting {
 
@@ -13,6 +14,9 @@ QString poolPath(const QString &php, const QString &user);
 
 // Where the pool file of a suspended account waits, out of PHP-FPM's sight.
 QString parkedPoolPath(const QString &php, const QString &user);
+
+// The PHP versions under /etc/php that have an FPM pool folder, in no order.
+QStringList phpVersions();
 
 // The highest PHP version under /etc/php that has an FPM pool folder, empty when PHP-FPM is not installed. Read afresh
 // on every call, so that an upgrade of PHP needs no restart.

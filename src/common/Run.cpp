@@ -1,6 +1,7 @@
 #include "common/Run.h"
 
 #include "common/Child.h"
+#include "common/OwnMounts.h"
 
 #include <QProcess>
 #include <QProcessEnvironment>
@@ -88,6 +89,17 @@ void surround(QProcess &process, const Surroundings &surroundings)
             prepare();
         });
     }
+    if (surroundings.linksLeadNowhere || !surroundings.loginDefs.isEmpty()) {
+        process.setChildProcessModifier([=, closed = surroundings.linksLeadNowhere, defs = surroundings.loginDefs,
+                                         prepare = process.childProcessModifier()] {
+            const bool own = leaveMounts();
+            if (own && closed)
+                (void)closeLinks("/home");
+            if (own && !defs.isEmpty())
+                (void)coverFile("/etc/login.defs", defs.constData());
+            prepare();
+        });
+    }
 }
 
 QString execute(const QString &program, const QStringList &args, const Streams &streams,
@@ -158,6 +170,16 @@ QString run(const QString &program, const QStringList &args, const QByteArray &i
 QString runWith(const QString &program, const QStringList &args, const Streams &streams,
                 const Surroundings &surroundings)
 {
+    return execute(program, args, streams, surroundings);
+}
+
+QString runInHomes(const QString &program, const QStringList &args, QByteArray *out)
+{
+    Streams streams;
+    streams.output = out;
+    streams.maxOutput = std::numeric_limits<qsizetype>::max();
+    Surroundings surroundings;
+    surroundings.linksLeadNowhere = true;
     return execute(program, args, streams, surroundings);
 }
 

@@ -37,12 +37,19 @@ struct Surroundings
     QMap<QString, QString> environment; // variables that are set for it, beside the agent's own
     qint64 stackBytes = 0;              // the limit of its stack; 0: the agent's own
     int milliseconds = 0;               // after which it is killed; 0: the ten minutes of run
+    // Whether no link below /home leads anywhere for it (see common/OwnMounts.h): for what walks as root where accounts
+    // may swap a folder for a link at any moment. Where the kernel cannot do that it runs all the same.
+    bool linksLeadNowhere = false;
+    QByteArray loginDefs; // the path of a file that it finds in the place of /etc/login.defs; empty: none
 };
 
 // As run, with these streams and surroundings. A program that prints more than is received is killed, and counts as one
 // that printed nothing and ended well.
 QString runWith(const QString &program, const QStringList &args, const Streams &streams,
                 const Surroundings &surroundings = {});
+
+// As run, for a tool that works as root in homes: in surroundings in which links there lead nowhere.
+QString runInHomes(const QString &program, const QStringList &args, QByteArray *out = nullptr);
 
 // Runs the program and arguments in args as an account's user, input and out as in run, but for 10 s at most: it is for
 // tools that end at once, unless the user holds them up. Returns the runner's message.

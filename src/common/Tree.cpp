@@ -39,14 +39,17 @@ bool isFolder(int folder, const dirent &entry)
 class Walk
 {
 public:
-    Walk(int parent, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd, const EntryVisitor &onClosed)
-        : m_parent(parent), m_onFile(onFile), m_onFolderEnd(onFolderEnd), m_onClosed(onClosed)
+    Walk(int parent, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd, const EntryVisitor &onClosed,
+         const WalkLimits &limits)
+        : m_parent(parent), m_onFile(onFile), m_onFolderEnd(onFolderEnd), m_onClosed(onClosed), m_limits(limits)
     {}
 
     bool run(const char *name)
     {
         enter(m_parent, name);
         while (!m_path.empty()) {
+            if (!goesOn())
+                return false;
             std::vector<std::string> &folders = m_path.back().folders;
             if (folders.empty()) {
                 if (!leave())
@@ -60,7 +63,23 @@ public:
         return m_ok;
     }
 
+    // How many folders lie around an entry that a visitor is called with (one less for what is no folder), and how long
+    // the path of the innermost is.
+    [[nodiscard]] std::size_t levels() const
+    {
+        return m_path.size();
+    }
+    [[nodiscard]] std::size_t bytes() const
+    {
+        return m_bytes;
+    }
+
 private:
+    [[nodiscard]] bool goesOn() const
+    {
+        return !m_limits.goesOn || m_limits.goesOn();
+    }
+
     // Makes a folder the open one and visits its files.
     void enter(int above, const std::string &name)
     {
@@ -76,13 +95,17 @@ private:
             return;
         }
 
+        if (m_limits.oneFileSystem && !m_path.empty() && status.st_dev != m_path.back().device)
+            return;
+
         Level level = {name, status.st_dev, status.st_ino, {}};
-        while (const dirent *entry = nextEntry(stream.get())) {
+        while (const dirent *entry = goesOn() ? nextEntry(stream.get()) : nullptr) {
             if (isFolder(folder.get(), *entry))
                 level.folders.emplace_back(entry->d_name);
             else
                 m_ok = m_onFile(folder.get(), entry->d_name) && m_ok;
         }
+        m_bytes += name.size() + 1;
         m_path.push_back(std::move(level));
         m_folder = std::move(folder);
     }
@@ -104,6 +127,7 @@ private:
     {
         const std::string name = std::move(m_path.back().name);
         m_path.pop_back();
+        m_bytes -= name.size() + 1;
         if (m_path.empty()) {
             m_folder.reset();
             m_ok = m_onFolderEnd(m_parent, name.c_str()) && m_ok;
@@ -124,7 +148,9 @@ private:
     const EntryVisitor &m_onFile;
     const EntryVisitor &m_onFolderEnd;
     const EntryVisitor &m_onClosed;
+    const WalkLimits &m_limits;
     std::vector<Level> m_path;
+    std::size_t m_bytes = 0;
     Fd m_folder;
     bool m_ok = true;
 };
@@ -132,9 +158,25 @@ private:
 } // namespace
 
 bool walkTree(int parent, const char *name, const EntryVisitor &onFile, const EntryVisitor &onFolderEnd,
-              const EntryVisitor &onClosed)
+              const EntryVisitor &onClosed, const WalkLimits &limits)
 {
-    return Walk(parent, onFile, onFolderEnd, onClosed).run(name);
+    return Walk(parent, onFile, onFolderEnd, onClosed, limits).run(name);
+}
+
+bool removeDeep(int parent, const char *name, std::size_t levels, std::size_t bytes)
+{
+    const Walk *walk = nullptr;
+    const auto removeIfDeep = [&](int folder, const char *child, int flags) {
+        return (walk->levels() < levels && walk->bytes() < bytes) || ::unlinkat(folder, child, flags) == 0;
+    };
+    const EntryVisitor onFile = [&](int folder, const char *file) { return removeIfDeep(folder, file, 0); };
+    const EntryVisitor onFolder = [&](int folder, const char *child) {
+        return removeIfDeep(folder, child, AT_REMOVEDIR);
+    };
+    const WalkLimits noLimits;
+    Walk whole(parent, onFile, onFolder, onFolder, noLimits);
+    walk = &whole;
+    return whole.run(name);
 }
 
 bool removeTree(int parent, const char *name)

@@ -1,10 +1,11 @@
 """corvctl doctor: a server that is well, and one with each of the faults that it knows."""
 
 import json
+import os
 import time
 
 import pytest
-from corvctl import corvctl, install, on_terminal
+from corvctl import PATH, corvctl, install, on_terminal
 
 MODULES = (
     "Loaded Modules:\n core_module (static)\n rewrite_module (shared)\n proxy_module (shared)\n proxy_fcgi_module (shared)\n"
@@ -73,6 +74,7 @@ def well(sandbox):
     sandbox.answer("apt-config", out="120\n")
     sandbox.answer("apt-cache", out="")
     sandbox.answer("a2ensite", write={ENABLED: ""})
+    sandbox.write("/etc/nsswitch.conf", "passwd: files systemd\ngroup: files systemd\n")
     assert sandbox.request("hosting.create", username="alice", domain="example.org")["ok"] is True
     back_up(sandbox)
     return sandbox
@@ -112,6 +114,7 @@ ok      sshd        sshd -T
 ok      PostgreSQL  the server 15.14, pg_dump 15.14, pg_restore 15.14, psql
                     15.14
 ok      accounts    1, PHP 8.2
+ok      ids         0 of deleted accounts kept
 ok      quotas      on, ext4 on /home
 ok      apt         waits 120 s for its lock
 ok      folders     run, transfer, backups
@@ -427,3 +430,26 @@ def test_needs_root(well):
     code, out, err = well.run("setpriv", "--reuid=33", "--clear-groups", "corvctl", "doctor")
     assert (code, out) == (3, "")
     assert err == "corvctl: the doctor looks into what only root may read\n  run it as root: sudo corvctl doctor\n"
+
+
+def test_finds_what_later_accounts_could_inherit(well):
+    well.write("/etc/nsswitch.conf", "# passwd: files systemd\npasswd: files # systemd\ngroup:\tfiles systemd\n")
+    places = ["/var/spool/cron/crontabs/carol", "/var/lib/systemd/linger/carol", "/var/spool/cron/atjobs/a0001"]
+    for place in [*places, "/var/spool/cron/crontabs/alice", "/var/lib/systemd/linger/root", "/var/spool/cron/atjobs/a0002"]:
+        well.write(place)
+    os.chown(well.path("/var/spool/cron/atjobs/a0001"), 4242, 4242)
+    assert doctor(well) == (1, [
+        ("fault", "ids", "the C library does not know the ids of deleted accounts, so that they can be given out again",
+         "apt-get install -y libnss-systemd && sed -i -E '/^(passwd|group):/{/systemd/!s/$/ systemd/}' /etc/nsswitch.conf"),
+        *(("fault", "ids", f"{place} is of a user who is gone, and would be a later user's of that name or id", f"rm {place}")
+          for place in places),
+    ])
+
+
+def test_knows_where_links_in_homes_cannot_be_closed(well):
+    install(well)
+    well.logs("agent: uid 0 ran ping -> ok")
+    code, out, err = well.run("/usr/bin/setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin", "corvctl", "doctor", "--plain",
+                              env={"PATH": PATH, "HOME": "/root"})
+    assert (code, out, err) == (0, "note\tids\ttools that work as root in homes follow links there: it takes Linux 5.14, and in a "
+                                   "container the right to mount\tuname -r\n", "")

@@ -155,6 +155,21 @@ def test_a_pool_parked_under_another_version_is_not_found(suspended):
 
 
 @BOTH
+def test_no_pool_of_another_version_goes_on(alice, command):
+    alice.php("8.2", "8.10", "7.4")
+    alice.write("/etc/php/8.10/fpm/pool.d/corv-alice.conf", "new")
+    alice.write("/etc/php/8.2/fpm/pool.d/corv-alice.conf", "old", mode=0o640)
+    alice.write("/etc/php/8.2/fpm/pool.d/corv-alice.conf.suspended", "older")
+    alice.write("/etc/php/7.4/fpm/pool.d/corv-bob.conf", "theirs")
+    assert ask(alice, command) == {"ok": True}
+    assert alice.tree("/etc/php/8.2/fpm/pool.d") == {"corv-alice.conf.suspended": "0640 root:root old"}
+    parked = ".suspended" if command == "suspend" else ""
+    assert alice.tree("/etc/php/8.10/fpm/pool.d") == {f"corv-alice.conf{parked}": "0644 root:root new"}
+    assert list(alice.tree("/etc/php/7.4/fpm/pool.d")) == ["corv-bob.conf"]
+    assert alice.argvs("systemctl") == [RELOAD_APACHE, ["systemctl", "reload", "php8.10-fpm"]]
+
+
+@BOTH
 def test_neither_of_two_pool_files_is_overwritten(alice, command):
     alice.write(PARKED, "parked")
     assert ask(alice, command) == {"ok": True}

@@ -152,6 +152,39 @@ private Q_SLOTS:
         QCOMPARE(folders, QStringList({u"two"_s, u"one"_s, u"top"_s}));
     }
 
+    void removesWhatIsTooDeepAlone()
+    {
+        QVERIFY(QDir(m_scratch->path()).mkpath(u"top/a/b/c/d"_s));
+        QVERIFY(QDir(m_scratch->path()).mkpath(u"top/other"_s));
+        for (const char *file : {"top/file", "top/a/file", "top/a/b/file", "top/a/b/c/d/file", "top/other/file"})
+            QVERIFY(touch(m_parent.get(), file));
+        QVERIFY(removeDeep(m_parent.get(), "top", 3, 1000));
+        for (const char *kept : {"top/file", "top/a/file", "top/a/b/file", "top/other/file"})
+            QVERIFY2(present(kept), kept);
+        QVERIFY(!present("top/a/b/c"));
+    }
+
+    void removesWhatHasTooLongAPath()
+    {
+        const QString folder(100, u'x');
+        QVERIFY(QDir(m_scratch->path()).mkpath(u"top/%1/%1/%1/%1"_s.arg(folder)));
+        QVERIFY(removeDeep(m_parent.get(), "top", 100, 200));
+        const QByteArray kept = QByteArray("top/") + folder.toLatin1() + '/' + folder.toLatin1();
+        QVERIFY(present(kept.constData()));
+        QVERIFY(!present((kept + '/' + folder.toLatin1()).constData()));
+    }
+
+    void endsAWalkThatIsNotToGoOn()
+    {
+        QVERIFY(QDir(m_scratch->path()).mkpath(u"top/a"_s));
+        QVERIFY(QDir(m_scratch->path()).mkpath(u"top/b"_s));
+        int seen = 0;
+        const EntryVisitor count = [&](int, const char *) { return ++seen > 0; };
+        const WalkLimits limits = {false, [&] { return seen == 0; }};
+        QVERIFY(!walkTree(m_parent.get(), "top", count, count, {}, limits));
+        QCOMPARE(seen, 1);
+    }
+
     void walksNoLinkAndNoFile()
     {
         QVERIFY(QDir(m_scratch->path()).mkpath(u"outside"_s));

@@ -1,7 +1,11 @@
 #include "agent/hosting/Database.h"
 #include "agent/hosting/Home.h"
 #include "agent/hosting/Hosting.h"
+#include "agent/hosting/Ids.h"
+#include "agent/hosting/Leftovers.h"
+#include "agent/hosting/Processes.h"
 #include "agent/hosting/Psql.h"
+#include "agent/hosting/RemoveUser.h"
 #include "agent/hosting/Web.h"
 #include "common/Account.h"
 #include "common/Paths.h"
@@ -30,7 +34,7 @@ using UndoList = QList<std::function<void()>>;
 
 QString chown(const QString &owner, const QStringList &paths)
 {
-    return run(u"chown"_s, QStringList{owner} + paths);
+    return runInHomes(u"chown"_s, QStringList{owner} + paths);
 }
 
 // Runs the undo actions from the newest to the oldest; none of them stops the others.
@@ -65,6 +69,21 @@ QString problemWith(const QString &user, const QString &domain, const QString &k
     return {};
 }
 
+// Sees to it that nobody but the new user has anything to do with its ids. Returns why that cannot be had.
+QString cleanIds(const QString &user)
+{
+    const std::optional<Ids> ids = idsOf(user);
+    if (!ids)
+        return {};
+    // On a server where the C library does not know the ids that are kept, and useradd could not be told.
+    if (formerIds().users.contains(ids->user))
+        return u"useradd gave '%1' the user id %2 of a deleted account"_s.arg(user).arg(ids->user);
+    // Ids may have been somebody's before the agent kept any.
+    endProcesses(ids->user);
+    setAsideFormerFiles(user, *ids);
+    return {};
+}
+
 // Lays the home out. What cannot be made here shows when its owner is set.
 void fillHome(const QString &user, const QString &domain, const QString &key)
 {
@@ -82,14 +101,17 @@ QString handHomeOver(const QString &user)
     const QString pages = home + u"/public_html"_s;
     if (const QString error = chown(u"%1:%1"_s.arg(user), {u"-R"_s, home}); !error.isEmpty())
         return error;
+    // For servers on which links cannot be kept from leading out of homes while the tools work.
+    if (homeHoldsLinks(user))
+        return u"/home/%1 already exists and holds links"_s.arg(user);
     if (const QString error = chown(user + u":www-data"_s, {home, pages, pages + u"/index.html"_s}); !error.isEmpty())
         return error;
-    if (const QString error = run(u"chmod"_s, {u"0710"_s, home}); !error.isEmpty())
+    if (const QString error = runInHomes(u"chmod"_s, {u"0710"_s, home}); !error.isEmpty())
         return error;
     // Set-group-ID: files made later stay readable to the web server.
-    if (const QString error = run(u"chmod"_s, {u"2750"_s, pages}); !error.isEmpty())
+    if (const QString error = runInHomes(u"chmod"_s, {u"2750"_s, pages}); !error.isEmpty())
         return error;
-    return run(u"chmod"_s, {u"0700"_s, home + u"/.ssh"_s, home + u"/tmp"_s});
+    return runInHomes(u"chmod"_s, {u"0700"_s, home + u"/.ssh"_s, home + u"/tmp"_s});
 }
 
 } // namespace
@@ -103,14 +125,17 @@ Reply create(const QJsonObject &args)
         return fail(problem);
 
     UndoList undo;
-    if (const QString error = run(u"useradd"_s, {u"--create-home"_s, u"--user-group"_s, u"--shell"_s, u"/bin/bash"_s,
-                                                 u"--comment"_s, accountComment(domain), user});
+    setAsideFormerOwner(user);
+    if (const QString error = addUser({u"--create-home"_s, u"--user-group"_s, u"--shell"_s, u"/bin/bash"_s,
+                                       u"--comment"_s, accountComment(domain), user});
         !error.isEmpty())
         return fail(error);
     undo.append([=] {
         (void)run(u"pkill"_s, {u"-u"_s, user}); // whoever has no process is fine
-        (void)run(u"userdel"_s, {u"--remove"_s, user});
+        (void)removeUser(user);
     });
+    if (const QString problem = cleanIds(user); !problem.isEmpty())
+        return abortWith(problem, undo);
 
     fillHome(user, domain, key);
     if (const QString error = handHomeOver(user); !error.isEmpty())

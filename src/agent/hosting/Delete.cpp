@@ -2,6 +2,7 @@
 #include "agent/hosting/Existing.h"
 #include "agent/hosting/Hosting.h"
 #include "agent/hosting/Psql.h"
+#include "agent/hosting/RemoveUser.h"
 #include "agent/hosting/Web.h"
 #include "common/Archiver.h"
 #include "common/Pool.h"
@@ -55,21 +56,22 @@ QString archive(const QString &user, const QString &base)
     return {};
 }
 
-// Lifts the limit: the user id will be given to somebody else some day.
+// Lifts the limit, which the file system keeps by number.
 void clearQuota(const QString &user)
 {
     if (quota::enabled())
         (void)quota::setLimit(user, 0);
 }
 
-void removeSite(const QString &user, const QString &php)
+void removeSite(const QString &user)
 {
     (void)run(u"a2dissite"_s, {u"-q"_s, siteName(user)});
     (void)QFile::remove(sitePath(user));
-    if (php.isEmpty())
-        return;
-    (void)QFile::remove(poolPath(php, user));
-    (void)QFile::remove(parkedPoolPath(php, user));
+    // Under every version: an FPM that finds a pool of a user who is gone does not load any.
+    for (const QString &php : phpVersions()) {
+        (void)QFile::remove(poolPath(php, user));
+        (void)QFile::remove(parkedPoolPath(php, user));
+    }
 }
 
 } // namespace
@@ -89,10 +91,10 @@ Reply remove(const QJsonObject &args)
     // From here on nothing stops: half an account is worth nothing, and both copies are there.
     clearQuota(user);
     const QString php = phpVersion();
-    removeSite(user, php);
+    removeSite(user);
     const QString webError = reloadWeb(php);
     const QString databaseError = psql(dropDatabaseScript(user));
-    const QString userError = run(u"userdel"_s, {u"--remove"_s, user});
+    const QString userError = removeUser(user);
 
     Reply reply = result(joined({webError, databaseError, userError}));
     reply.insert("archive"_L1, base + u"-*"_s);

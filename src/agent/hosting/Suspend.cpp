@@ -1,6 +1,8 @@
 #include "agent/hosting/Database.h"
 #include "agent/hosting/Existing.h"
 #include "agent/hosting/Hosting.h"
+#include "agent/hosting/Ids.h"
+#include "agent/hosting/Processes.h"
 #include "agent/hosting/Psql.h"
 #include "agent/hosting/Web.h"
 #include "common/Account.h"
@@ -10,6 +12,8 @@
 #include "common/Site.h"
 
 #include <QFile>
+
+#include <cstdio>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -35,6 +39,16 @@ void renamePool(const QString &from, const QString &to)
         (void)QFile::rename(from, to);
 }
 
+// Puts the pools of all PHP versions but one aside. What an earlier suspension put aside there is out of date.
+void parkPoolsBut(const QString &php, const QString &user)
+{
+    for (const QString &version : phpVersions()) {
+        if (version != php)
+            (void)std::rename(QFile::encodeName(poolPath(version, user)).constData(),
+                              QFile::encodeName(parkedPoolPath(version, user)).constData());
+    }
+}
+
 } // namespace
 
 Reply suspend(const QJsonObject &args)
@@ -51,11 +65,14 @@ Reply suspend(const QJsonObject &args)
         return fail(u"cannot write the Apache site"_s);
     if (!php.isEmpty())
         renamePool(poolPath(php, user), parkedPoolPath(php, user));
+    parkPoolsBut(php, user);
 
     const QString webError = reloadWeb(php);
     const QString userError = run(u"usermod"_s, {u"--lock"_s, u"--expiredate"_s, u"1"_s, user});
     const QString databaseError = psql(loginScript(user, false));
     (void)run(u"pkill"_s, {u"-u"_s, user}); // whoever has no process is fine
+    if (const std::optional<Ids> ids = idsOf(user))
+        endProcesses(ids->user); // those that stay when they are asked to go
     return result(joined({webError, userError, databaseError}));
 }
 
@@ -71,6 +88,7 @@ Reply resume(const QJsonObject &args)
     const QString php = phpVersion();
     if (!php.isEmpty())
         renamePool(parkedPoolPath(php, user), poolPath(php, user));
+    parkPoolsBut(php, user); // one under another version would listen on the same socket
     if (!writeSite(user, domain, !php.isEmpty(), false))
         return fail(u"cannot write the Apache site"_s);
 

@@ -32,7 +32,7 @@ Reply usage(const QJsonObject &)
     }
     QByteArray sizes;
     if (!homes.isEmpty())
-        (void)run(u"du"_s, QStringList{u"-sb"_s} + homes, {}, &sizes); // a missing home must not hide the others
+        (void)runInHomes(u"du"_s, QStringList{u"-sb"_s} + homes, &sizes); // a missing home must not hide the others
     return {{u"ok"_s, true}, {u"usage"_s, parseSizes(sizes)}};
 }
 

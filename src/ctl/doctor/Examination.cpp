@@ -3,6 +3,7 @@
 #include "common/Account.h"
 #include "common/BackupConfig.h"
 #include "common/Config.h"
+#include "common/FormerIds.h"
 #include "common/Json.h"
 #include "common/Packages.h"
 #include "common/Pool.h"
@@ -149,6 +150,12 @@ Check checkAccounts(const Accounts &users, const QString &php, const std::option
     return check;
 }
 
+Check checkFormer()
+{
+    return {u"ids"_s, u"%1 of deleted accounts kept"_s.arg(hosting::formerIds().users.size()),
+            ctl::checkFormer(readFormer())};
+}
+
 // The name of the package that brings the kernel's quota modules to some members of the family, and whether it can be
 // had. apt-cache keeps what it computes in files of its own, which it is kept from here.
 bool hasModulesPackage(const QString &name)
@@ -246,6 +253,7 @@ QList<Check> examine(const QString &settingsPath)
             checkSshd(),
             checkPostgres(databases, problem),
             checkAccounts(users, php, databases),
+            checkFormer(),
             checkQuota(),
             checkApt(),
             checkFolders(settings, backups.value("destination"_L1).toString()),

@@ -2,6 +2,8 @@
 
 #include "common/Account.h"
 #include "common/BackupList.h"
+#include "common/FormerIds.h"
+#include "common/OwnMounts.h"
 #include "common/Paths.h"
 #include "common/Pool.h"
 #include "common/Site.h"
@@ -181,6 +183,28 @@ NamedParts readNamedParts(const QStringList &phpVersions)
             parts.ownerlessHomes.append(home.filePath());
     }
     return parts;
+}
+
+FormerState readFormer()
+{
+    FormerState state;
+    state.nsswitch = textOf(u"/etc/nsswitch.conf"_s).value_or(QByteArray());
+    state.linksCanBeClosed = canCloseLinks("/home");
+    // crontab and systemd-logind know a user by its name, at by its id.
+    for (const QString &folder : {u"/var/spool/cron/crontabs"_s, u"/var/lib/systemd/linger"_s}) {
+        for (const QString &name : entriesIn(folder, u"*"_s)) {
+            if (!::getpwnam(name.toLocal8Bit().constData()))
+                state.ownerlessJobs.append(folder + u'/' + name);
+        }
+    }
+    const QString jobs = u"/var/spool/cron/atjobs"_s;
+    const QSet<uid_t> former = hosting::formerIds().users;
+    for (const QString &name : entriesIn(jobs, u"*"_s)) {
+        const uid_t owner = QFileInfo(jobs + u'/' + name).ownerId();
+        if (!::getpwuid(owner) || former.contains(owner))
+            state.ownerlessJobs.append(jobs + u'/' + name);
+    }
+    return state;
 }
 
 QHash<QString, qint64> readHomeSizes(const QList<hosting::User> &accounts)

@@ -5,6 +5,7 @@
 #include "common/TimedRun.h"
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"
+#include "ctl/doctor/Former.h"
 #include "ctl/doctor/System.h"
 
 #include <QByteArray>
@@ -45,6 +46,9 @@ QStringList phpVersions();
 
 AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions);
 NamedParts readNamedParts(const QStringList &phpVersions);
+
+// What the accounts of the past have left, and what keeps it from those of the future.
+FormerState readFormer();
 
 // The bytes that the files of each of these homes hold, by the user's name. Empty where that takes more than a minute.
 QHash<QString, qint64> readHomeSizes(const QList<hosting::User> &accounts);

@@ -1,0 +1,261 @@
+"""What an account's user leaves outside the home, and who comes after: nothing passes from one to the other."""
+
+import json
+import os
+import subprocess
+
+import pytest
+
+BACKUPS = "/var/backups/corvane"
+
+
+@pytest.fixture
+def alice(sandbox):
+    """An account, and beside it a neighbour's."""
+    sandbox.answer("findmnt", out="/ ext4\n")
+    sandbox.add_account("alice")
+    sandbox.add_account("bob", "bob.example")
+    return sandbox
+
+
+def create(sandbox, username="alice"):
+    return sandbox.request("hosting.create", username=username, domain="example.org")
+
+
+def delete(sandbox, username="alice"):
+    return sandbox.request("hosting.delete", username=username, confirm=username)
+
+
+def former(sandbox):
+    """What has been set aside, name to entry and content; the folder itself is root's alone."""
+    names = [name for name in sandbox.tree(BACKUPS) if name.endswith("-former")]
+    assert len(names) <= 1
+    if not names:
+        return {}
+    assert sandbox.entry(f"{BACKUPS}/{names[0]}") == "0700 root:root"
+    return sandbox.tree(f"{BACKUPS}/{names[0]}")
+
+
+def leave_everywhere(sandbox, user):
+    """Leaves files of a user where users can leave them; the paths."""
+    paths = ["/tmp/file", "/tmp/a/b/file", "/var/tmp/program", "/dev/shm/memory", "/var/spool/cron/atjobs/a0001", "/var/crash/report",
+             "/run/lock/lock", f"/run/user/{sandbox.uid(user)}/socket"]
+    for path in paths:
+        sandbox.write(path, user, owner=f"{user}:{user}")
+    sandbox.path("/var/tmp/program").chmod(0o4755)
+    for folder in ("/tmp/a/b", "/tmp/a"):
+        os.chown(sandbox.path(folder), *sandbox.ids(f"{user}:{user}"))
+    sandbox.write(f"/var/spool/cron/crontabs/{user}", "* * * * * true", mode=0o600, owner=f"{user}:{user}")
+    sandbox.write(f"/var/lib/systemd/linger/{user}")
+    sandbox.write(f"/var/mail/{user}", "letter", owner=f"{user}:mail")
+    return [*paths, "/tmp/a", f"/var/spool/cron/crontabs/{user}", f"/var/lib/systemd/linger/{user}", f"/var/mail/{user}"]
+
+
+# The ids
+
+
+def test_ids_of_a_deleted_account_are_kept(alice):
+    uid = alice.uid("alice")
+    assert delete(alice)["ok"] is True
+    tree = alice.tree("/etc/userdb")
+    assert sorted(tree) == sorted([f"corv-gone-{uid}.user", f"corv-gone-{uid}.group", f"{uid}.user", f"{uid}.group"])
+    user = json.loads(alice.read(f"/etc/userdb/{uid}.user"))
+    group = json.loads(alice.read(f"/etc/userdb/{uid}.group"))
+    assert user == {"userName": f"corv-gone-{uid}", "uid": uid, "gid": 65534, "realName": "Deleted account", "homeDirectory":
+                    "/nonexistent", "shell": "/usr/sbin/nologin", "disposition": "reserved", "locked": True}
+    assert group == {"groupName": f"corv-gone-{uid}", "gid": uid, "disposition": "reserved"}
+    assert alice.entry("/etc/userdb") == "0755 root:root"
+    assert alice.entry(f"/etc/userdb/corv-gone-{uid}.user") == "0644 root:root"
+    assert alice.entry(f"/etc/userdb/{uid}.user") == f"link -> corv-gone-{uid}.user"
+
+
+def test_a_new_account_gets_none_of_the_kept_ids(sandbox):
+    given = []
+    for _ in range(3):
+        assert create(sandbox)["ok"] is True
+        given.append(sandbox.ids("alice:alice"))
+        assert delete(sandbox)["ok"] is True
+    assert given == [(1000, 1000), (1001, 1001), (1002, 1002)]
+    assert not [name for name in os.listdir(sandbox.path("/run")) if "login" in name]
+    assert "UID_MIN 1000\n" in sandbox.read("/etc/login.defs")
+
+
+def test_ids_of_an_undone_creation_are_kept(sandbox):
+    sandbox.answer("psql", exit=1, err="no")
+    assert create(sandbox)["ok"] is False
+    assert not sandbox.has_user("alice")
+    assert sandbox.exists("/etc/userdb/1000.user") and sandbox.exists("/etc/userdb/1000.group")
+    sandbox.answer("psql")
+    assert create(sandbox)["ok"] is True
+    assert sandbox.ids("alice:alice") == (1001, 1001)
+
+
+def test_an_id_that_was_given_out_again_is_refused(sandbox):
+    # Without login definitions there is no telling useradd, and this root's C library knows no kept ids.
+    create(sandbox)
+    delete(sandbox)
+    sandbox.path("/etc/login.defs").unlink()
+    sandbox.forget_calls()
+    reply = create(sandbox)
+    assert reply == {"ok": False, "error": "useradd gave 'alice' the user id 1000 of a deleted account"}
+    assert sandbox.argvs()[1:] == [["pkill", "-u", "alice"], ["userdel", "--remove", "alice"]]
+    assert not sandbox.has_user("alice") and not sandbox.exists("/home/alice")
+
+
+def test_a_user_that_cannot_be_removed_goes_on_under_its_name(alice):
+    alice.answer("userdel", exit=8, err="in use")
+    assert delete(alice)["error"] == "userdel failed: in use"
+    assert alice.run("id", "-un", str(alice.uid("alice")))[1] == "alice\n"
+    alice.answer("userdel", real=True)
+    assert delete(alice)["ok"] is True
+
+
+# What is left
+
+
+def test_a_deletion_leaves_nothing_of_the_user(alice):
+    theirs = leave_everywhere(alice, "alice")
+    alice.symlink("/tmp/link", "/srv/precious")
+    os.lchown(alice.path("/tmp/link"), *alice.ids("alice:alice"))
+    alice.write("/srv/precious", "x", owner="alice:alice")
+    assert delete(alice)["ok"] is True
+    assert [path for path in [*theirs, "/tmp/link"] if alice.exists(path)] == []
+    assert alice.read("/srv/precious") == "x"
+
+
+def test_a_deletion_leaves_what_is_others(alice):
+    others = leave_everywhere(alice, "bob")
+    alice.mkdir("/tmp/shared", mode=0o1777, owner="bob:bob")
+    alice.write("/tmp/shared/hers", "", owner="alice:alice")
+    alice.mkdir("/tmp/open", mode=0o777, owner="alice:alice")
+    alice.write("/tmp/open/his", "his", owner="bob:bob")
+    before = {path: alice.entry(path) for path in others}
+    assert delete(alice)["ok"] is True
+    assert {path: alice.entry(path) for path in others} == before
+    assert alice.tree("/tmp/shared") == {}
+    assert alice.read("/tmp/open/his") == "his"
+
+
+def test_a_user_that_stays_keeps_its_files(alice):
+    theirs = leave_everywhere(alice, "alice")
+    alice.answer("userdel", exit=8, err="in use")
+    assert delete(alice)["ok"] is False
+    assert [path for path in theirs if not alice.exists(path)] == []
+
+
+def test_shared_memory_goes_with_its_owner(alice):
+    make = "import ctypes; c = ctypes.CDLL(None); print(c.shmget(0, 4096, 0o1600), c.semget(0, 1, 0o1600), c.msgget(0, 0o1600))"
+    alice.start()
+    for user in ("alice", "bob"):
+        code, out, err = alice.run("/usr/bin/setpriv", f"--reuid={alice.uid(user)}", "--clear-groups", "/usr/bin/python3", "-c", make)
+        assert (code, "-1" in out) == (0, False), err
+    assert delete(alice)["ok"] is True
+    for table in ("shm", "sem", "msg"):
+        lines = alice.run("cat", f"/proc/sysvipc/{table}")[1].splitlines()[1:]
+        assert [int(line.split()[4 if table == "sem" else 7]) for line in lines] == [alice.uid("bob")]
+
+
+@pytest.mark.parametrize("command", ["suspend", "delete"])
+def test_no_process_outlives_its_account(alice, command):
+    alice.start()
+    uid = alice.uid("alice")
+    script = "trap '' TERM HUP INT; echo >/tmp/started-$$; exec sleep 1000"
+    started = []
+    for user in (uid, uid, alice.uid("bob")):
+        enter = ["nsenter", f"--target={alice.agent.pid}", "--pid", f"--root={alice.root}", "--wd=/", "/usr/bin/setpriv",
+                 f"--reuid={user}", "--clear-groups", "/bin/sh", "-c", script]
+        started.append(subprocess.Popen(enter))
+    while len(list(alice.path("/tmp").glob("started-*"))) < 3:
+        pass
+    args = {"confirm": "alice"} if command == "delete" else {}
+    assert alice.request(f"hosting.{command}", username="alice", **args)["ok"] is (command == "suspend")
+    assert [process.wait() for process in started[:2]] == [-9, -9]
+    assert started[2].poll() is None
+    started[2].kill()
+    started[2].wait()
+
+
+def test_a_home_too_deep_for_userdel_goes(alice):
+    folder = os.open(alice.path("/home/alice/tmp"), os.O_RDONLY)
+    for _ in range(3000):
+        os.mkdir("d", dir_fd=folder)
+        below = os.open("d", os.O_RDONLY, dir_fd=folder)
+        os.close(folder)
+        folder = below
+    os.close(folder)
+    alice.answer("tar")
+    reply = delete(alice)
+    assert reply["ok"] is True
+    assert not alice.exists("/home/alice")
+
+
+# Who comes after
+
+
+def test_a_newcomer_takes_over_nothing_by_name(sandbox):
+    sandbox.write("/var/spool/cron/crontabs/alice", "* * * * * true", mode=0o600)
+    sandbox.write("/var/lib/systemd/linger/alice")
+    sandbox.write("/var/mail/alice", "letter", mode=0o660)
+    sandbox.php("8.2", "8.1")
+    sandbox.write("/etc/php/8.1/fpm/pool.d/corv-alice.conf", "pool")
+    sandbox.write("/etc/php/8.2/fpm/pool.d/corv-alice.conf.suspended", "parked")
+    assert create(sandbox)["ok"] is True
+    assert sorted(former(sandbox).values()) == [
+        "0600 root:root ", "0600 root:root * * * * * true", "0600 root:root letter", "0600 root:root parked", "0600 root:root pool"]
+    for folder in ("/var/spool/cron/crontabs", "/var/lib/systemd/linger", "/var/mail", "/etc/php/8.1/fpm/pool.d"):
+        assert sandbox.tree(folder) == {}
+    assert list(sandbox.tree("/etc/php/8.2/fpm/pool.d")) == ["corv-alice.conf"]
+
+
+def test_a_newcomer_takes_over_nothing_by_number(sandbox):
+    paths = ["/tmp/file", "/var/tmp/program", "/var/spool/cron/atjobs/a0001"]
+    for path in paths:
+        os.chown(sandbox.write(path, path), 1000, 1000)
+    sandbox.path("/var/tmp/program").chmod(0o4755)
+    assert create(sandbox)["ok"] is True
+    assert sandbox.uid("alice") == 1000
+    assert [path for path in paths if sandbox.exists(path)] == []
+    assert sorted(former(sandbox).values()) == sorted(f"0600 root:root {path}" for path in paths)
+
+
+def test_a_home_of_nobody_is_set_aside(sandbox):
+    sandbox.write("/home/alice/.ssh/authorized_keys", "an old key")
+    os.chown(sandbox.path("/home/alice"), 1234, 1234)
+    assert create(sandbox)["ok"] is True
+    assert sandbox.tree("/home/alice/.ssh") == {}
+    (hidden,) = [name for name in os.listdir(sandbox.path("/home")) if name.startswith(".former-alice-")]
+    assert sandbox.entry(f"/home/{hidden}") == "0700 root:root"
+    assert sandbox.read(f"/home/{hidden}/.ssh/authorized_keys") == "an old key"
+
+
+@pytest.mark.parametrize("tool", ["chown", "chmod"])
+def test_links_in_a_home_lead_nowhere_for_root(sandbox, tool):
+    # Whoever were the newcomer already could put a link in the page's place between two steps.
+    sandbox.write("/etc/secret", "secret", mode=0o600)
+    place = "public_html/index.html" if tool == "chown" else "tmp"
+    swap = f"rm -rf /home/alice/{place}; ln -s /etc/secret /home/alice/{place}; exec /usr/bin/{tool} \"$@\""
+    which = ("alice:www-data", ...) if tool == "chown" else ("0700", ...)
+    sandbox.answer(tool, *which, shell=swap)
+    reply = create(sandbox)
+    assert reply["ok"] is False
+    assert "Too many levels of symbolic links" in reply["error"]
+    assert sandbox.entry("/etc/secret") == "0600 root:root"
+    assert not sandbox.has_user("alice")
+
+
+def test_a_folder_of_homes_that_is_a_link_is_followed(sandbox):
+    sandbox.mkdir("/srv/homes")
+    sandbox.answer("findmnt", out="/ ext4\n")
+    sandbox.run("sh", "-c", "umount /home; rmdir /home && ln -s /srv/homes /home")
+    assert create(sandbox)["ok"] is True
+    assert sandbox.entry("/srv/homes/alice") == "0710 alice:www-data"
+    assert delete(sandbox)["ok"] is True
+    assert not sandbox.exists("/srv/homes/alice")
+
+
+def test_without_the_right_to_mounts_of_its_own_it_works_as_ever(sandbox):
+    sandbox.answer("findmnt", out="/ ext4\n")
+    sandbox.start(wrapper=("/usr/bin/setpriv", "--bounding-set=-sys_admin", "--inh-caps=-sys_admin"))
+    assert create(sandbox)["ok"] is True
+    assert sandbox.entry("/home/alice/public_html/index.html") == "0644 alice:www-data"
+    assert delete(sandbox)["ok"] is True
