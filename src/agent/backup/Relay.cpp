@@ -188,8 +188,10 @@ QString openRelay(const QString &user, Lesser *relay)
     std::memcpy(address.sun_path, kSocket, std::strlen(kSocket));
 
     const passwd *const reader = ::getpwnam(kReader);
+    if (!reader)
+        return {}; // there is nobody whom pg_restore could run as
     Fd listener;
-    if (!reader || !listenAt(address, *reader, &listener))
+    if (!listenAt(address, *reader, &listener))
         return u"cannot make the way to PostgreSQL in %1"_s.arg(QString::fromLatin1(kFolder));
 
     const uid_t uid = reader->pw_uid;

@@ -27,7 +27,8 @@ struct Passage
 };
 
 // Opens the way for an account, whose role has its user's name, by a process that is given back through relay. What is
-// left of an earlier way goes. Returns why it cannot be opened, empty when it is.
+// left of an earlier way goes. Returns why it cannot be opened, empty when it is; without
+// the system user postgres there is neither a way nor a process.
 QString openRelay(const QString &user, Lesser *relay);
 
 // What leads a program of PostgreSQL over the relay, as the account's role.

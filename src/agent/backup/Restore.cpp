@@ -172,7 +172,7 @@ QString load(const QString &user, const QString &dump)
         return problem;
     letIntoScratch(user, true);
     const Stream stream = pipe(dump, {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_restore"_s, u"-d"_s, user + u"__restore"_s},
-                               relayEnvironment(user));
+                               relay.id < 0 ? QMap<QString, QString>() : relayEnvironment(user));
     const Passage passage = closeRelay(&relay);
     letIntoScratch(user, false);
     return problemOfLoad(stream, passage);
