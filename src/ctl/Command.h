@@ -74,6 +74,7 @@ Command backupCommand();
 Command banCommand();
 Command callCommand();
 Command completionCommand();
+Command databaseCommand();
 Command doctorCommand();
 Command fileCommand();
 Command firewallCommand();

@@ -227,3 +227,38 @@ def test_relay_is_gone_after_a_restore(host, saved):
     assert not host.exists("/run/corvane/restore")
     agent = host.main_process("corv-agent")
     assert host.run(["pgrep", "-P", agent]).code == 1
+
+
+@pytest.fixture
+def hardened(host):
+    """pg_hba.conf as corvctl writes it, until the test's end."""
+    host.ok(["cp", "-p", HBA, "/root/hba"])
+    host.ok(["corvctl", "database", "harden", "--write"])
+    yield
+    host.ok(["sh", "-c", 'cat /root/hba >"$1"; rm -f "$1".before-harden-*; systemctl reload postgresql@15-main', "sh", HBA])
+
+
+def test_hardened_server_lets_a_role_reach_its_own_database_alone(host, hardened, saved):
+    account, backup = saved
+    other = host.account()
+    assert host.sql("SELECT count(*) FROM pg_hba_file_rules WHERE error IS NOT NULL").out == "0\n"
+    assert owner_sql(host, account, "SELECT 1") == "1"
+    assert host.run(["psql", "-qtAc", "SELECT 1"], user=account.name).out == "1\n"
+    assert host.run(["psql", "-qtAc", "SELECT 1", "corvane"], user="corv-web").out == "1\n"
+    refused_there = host.run(["psql", "-d", other.name], user=account.name).err
+    assert f'no pg_hba.conf entry for host "[local]", user "{account.name}", database "{other.name}"' in refused_there
+    assert restore(host, account, backup) == {"ok": True}
+    assert word(host, account) == "saved"
+    assert host.sql("SELECT count(*) FROM pg_auth_members JOIN pg_roles ON pg_roles.oid = roleid "
+                    "WHERE rolname = 'corv_restore'").out == "0\n"
+
+
+def test_hardening_that_postgresql_does_not_take_is_undone(host):
+    before = host.get(HBA)
+    host.put(HBA, before + "local all all nosuch\n", mode="0640")
+    try:
+        done = host.run(["corvctl", "database", "harden", "--write"])
+        assert done.code == 1 and "so the old ones are back" in done.err
+        assert host.get(HBA) == before + "local all all nosuch\n"
+    finally:
+        host.ok(["sh", "-c", 'cat >"$1"; rm -f "$1".before-harden-*', "sh", HBA], input=before)

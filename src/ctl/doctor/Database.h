@@ -26,7 +26,7 @@ struct Database
     bool isTemplate = false; // which keeps it from being dropped
     bool isClosed = false;   // whether nobody may connect to it, which keeps it from being dumped
     bool isInvalid = false;  // what a drop that was cut off leaves
-    QList<int> holders;      // the processes of sessions that have kept a whole table to themselves for ten seconds
+    QList<int> holders = {}; // the processes of sessions that have kept a whole table to themselves for ten seconds
 };
 
 // What a PostgreSQL server has.
@@ -34,10 +34,10 @@ struct Databases
 {
     int version = 0; // such as 150014 for 15.14
     QList<Role> roles;
-    QList<Database> databases; // but for the server's own templates
-    QStringList openShared;    // of the server's own databases, those that every role may connect to
-    QString hbaFile;           // the path of pg_hba.conf
-    int looseRules = 0;        // how many of its rules let every role try every database
+    QList<Database> databases;   // but for the server's own templates
+    QStringList openShared = {}; // of the server's own databases, those that every role may connect to
+    QString hbaFile = {};        // the path of pg_hba.conf
+    int looseRules = 0;          // how many of its rules let every role try every database
 };
 
 // A version of PostgreSQL and what has it, such as the server or pg_dump.
