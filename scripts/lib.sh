@@ -6,8 +6,11 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 # Everything that the scripts build outside the source tree (host images, packages, test results) lives here.
 cache=${CORV_CACHE:-/var/cache/corv-agent-dev}
 
+# The Debian release that this runs on, by its code name; scripts/release runs a command on another one.
+release=$(. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
+
 # What a machine needs to build the agent and run its unit tests.
-build_packages=(build-essential cmake libcli11-dev ninja-build python3 qt6-base-dev)
+build_packages=(apache2-dev build-essential cmake libcli11-dev ninja-build python3 qt6-base-dev)
 
 # step TEXT: says what starts now, with the seconds since the script began.
 step() {
@@ -65,6 +68,20 @@ install_packages() {
     local apt=(apt-get -q -o DPkg::Lock::Timeout=300)
     "${apt[@]}" install --no-install-recommends -y "$@" ||
         { "${apt[@]}" update && "${apt[@]}" install --no-install-recommends -y "$@"; }
+}
+
+# archive LABEL: the mirror of a Debian archive that this machine itself uses. An archive is known by what its index says of
+# itself, so that there must be one.
+archive() {
+    local label uri
+    apt-get indextargets --format "\$(LABEL)" 'Created-By: Packages' 2>/dev/null | grep -x "$1" >/dev/null || apt-get -qq update
+    while read -r label uri; do
+        if [ "$label" = "$1" ]; then
+            printf '%s\n' "${uri%/}"
+            return
+        fi
+    done < <(apt-get indextargets --format "\$(LABEL) \$(REPO_URI)" 'Created-By: Packages' 2>/dev/null)
+    die "this machine's apt knows no archive named $1"
 }
 
 export DEBIAN_FRONTEND=noninteractive

@@ -46,6 +46,13 @@ bool isStopped(qint64 pid)
 
 void prepareChild(QProcess &process)
 {
+    // Qt 6.8 learns of a program's end by this signal alone, and whoever started this process may have left it blocked:
+    // no program would ever end then.
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGCHLD);
+    sigprocmask(SIG_UNBLOCK, &ends, nullptr);
+
     QObject::connect(&process, &QProcess::errorOccurred, &process, [&process](QProcess::ProcessError error) {
         // Emitted last of all, when the object has closed what it knows of.
         if (error == QProcess::FailedToStart)

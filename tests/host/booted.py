@@ -12,16 +12,20 @@ from hostfloor import ROOT, Host, HostError
 # Seconds for the body of one test; a module whose tools take their time has a LIMIT of its own.
 LIMIT = 120
 
+# The Debian release that the servers run.
+SUITE = os.environ.get("CORV_SUITE", "bookworm")
+
 # All that were booted in this run, also those that have ended.
 servers = []
 
 
 @pytest.fixture(scope="session")
 def package():
-    """The path of the package under test: built from this tree, or the one that CORV_PACKAGE names."""
+    """The path of the package under test: built from this tree on the release that it is for, or the one that CORV_PACKAGE names."""
     if os.environ.get("CORV_PACKAGE"):
         return pathlib.Path(os.environ["CORV_PACKAGE"])
-    built = subprocess.run([ROOT / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=False)
+    scripts = ROOT / "scripts"
+    built = subprocess.run([scripts / "release", SUITE, scripts / "package"], stdout=subprocess.PIPE, text=True, check=False)
     if built.returncode != 0:
         pytest.exit("scripts/package failed", 1)
     return pathlib.Path(built.stdout.splitlines()[-1])
@@ -30,10 +34,10 @@ def package():
 @pytest.fixture(scope="session")
 def boot(package):
     """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the run, or
-    by their stop(). CORV_SUITE names the Debian release for those that do not ask for one."""
+    by their stop(). CORV_SUITE names their Debian release."""
 
-    def boot_host(*, suite=os.environ.get("CORV_SUITE", "bookworm"), bare=False):
-        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", suite)
+    def boot_host(*, bare=False):
+        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", SUITE)
         servers.append(host)
         if not bare:
             host.install(package)

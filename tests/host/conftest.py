@@ -18,3 +18,4 @@ from booted import (  # noqa: F401 (pytest finds them here)
 def pytest_configure(config):
     if os.geteuid() != 0:
         raise pytest.UsageError("the host floor boots hosts: run it as root")
+    config.addinivalue_line("markers", "core: tried on every release, with -m core; all others on Debian 12 alone")

@@ -15,6 +15,7 @@ from dataclasses import dataclass
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 CACHE = pathlib.Path(os.environ.get("CORV_CACHE", "/var/cache/corv-agent-dev"))
 ADDRESS = "10.213.0.2"
+OUTSIDE = "10.213.0.1"
 SOCKET = "/run/corvane/agent.sock"
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
@@ -378,7 +379,19 @@ class Host:
 
     def outside(self, argv, *, input=None, timeout=60):
         """Runs a program of this machine in the network that visits the host."""
-        return _run(["nsenter", "-t", str(self._process.pid), "-n", "--", *argv], input, timeout)
+        return _run([*self._visiting(), *argv], input, timeout)
+
+    @contextmanager
+    def serving(self, folder):
+        """A block in which the folder is served over HTTP at the address that it gives, outside the host."""
+        server = subprocess.Popen([*self._visiting(), "/usr/bin/python3", "-m", "http.server", "--bind", OUTSIDE, "-d", str(folder),
+                                   "80"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, preexec_fn=_die_with_parent)
+        try:
+            self.wait_for(lambda: self.run(["curl", "-fso", "/dev/null", f"http://{OUTSIDE}/"]).code == 0, "the server's start")
+            yield f"http://{OUTSIDE}"
+        finally:
+            server.kill()
+            server.wait()
 
     def fetch(self, domain, path="/", *options):
         """Fetches a page over HTTP; `options` are curl's."""
@@ -407,6 +420,9 @@ class Host:
         if role is None:
             return self.run(argv, user="postgres")
         return self.run([*argv, "-h", "127.0.0.1", "-U", role, "-w"], env={"PGPASSWORD": password})
+
+    def _visiting(self):
+        return ["nsenter", "-t", str(self._process.pid), "-n", "--"]
 
     def _inside(self, env=None):
         variables = {"PATH": PATH, "HOME": "/root", "LC_ALL": "C.UTF-8", **(env or {})}

@@ -179,7 +179,8 @@ def is_deleted_with_whole_copies(host, account):
         host.ok(["dropdb", "restored"], user="postgres")
 
 
-@pytest.mark.parametrize("php", [True, False], ids=["with_php", "made_before_php_was_installed"])
+@pytest.mark.parametrize("php", [pytest.param(True, id="with_php", marks=pytest.mark.core),
+                                 pytest.param(False, id="made_before_php_was_installed")])
 def test_the_life_of_an_account(host, php):
     if php:
         account = host.account()
@@ -213,6 +214,7 @@ def test_a_site_is_the_same_after_a_suspension_without_php(host):
         assert host.get(SITE.format(account.name)) == first_site
 
 
+@pytest.mark.core
 def test_a_suspended_account_is_deleted(host, account):
     done(host.request("hosting.suspend", username=account.name))
     assert host.request("hosting.delete", username=account.name, confirm=account.name)["ok"] is True

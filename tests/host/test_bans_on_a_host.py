@@ -61,6 +61,7 @@ def page_status(host):
     return done.out if done.code == 0 else None
 
 
+@pytest.mark.core
 def test_enabling_installs_fail2ban_and_starts_it_for_good(host, enabled):
     before, reply = enabled
     assert before == {"ok": True, "installed": False}
@@ -81,6 +82,7 @@ def test_a_second_enabling_writes_the_same_files_and_restarts(host, enabled):
     host.wait_for(lambda: len(jails(host)) == 2, "both jails running")
 
 
+@pytest.mark.core
 def test_the_server_holds_the_policy(host, enabled):
     for name in ("sshd", "corv-web"):
         values = {key: host.ok(["fail2ban-client", "get", name, key]).strip() for key in ("bantime", "findtime", "maxretry")}
@@ -89,6 +91,7 @@ def test_the_server_holds_the_policy(host, enabled):
         assert "127.0.0.0/8" in ignored and "::1" in ignored
 
 
+@pytest.mark.core
 def test_failed_sign_ins_ban_until_the_ban_is_lifted(host, enabled, account):
     assert page_status(host) == "200"
     fail_sign_ins(host, OUTSIDE)
@@ -112,6 +115,7 @@ def test_four_failed_sign_ins_do_not_ban(host, enabled):
     assert host.request("fail2ban.unban", jail="corv-web", ip="198.51.100.5") == {"ok": True}
 
 
+@pytest.mark.core
 def test_an_address_of_version_six_is_banned_and_unbanned(host, enabled):
     fail_sign_ins(host, "2001:db8::7")
     host.wait_for(lambda: banned(host, "corv-web") == ["2001:db8::7"], "the ban")
@@ -128,6 +132,7 @@ def test_lines_of_another_unit_and_of_loopback_ban_nobody(host, enabled):
     assert host.request("fail2ban.unban", jail="corv-web", ip="198.51.100.9") == {"ok": True}
 
 
+@pytest.mark.core
 def test_failed_ssh_logins_ban_until_the_ban_is_lifted(host, enabled, account):
     assert host.ssh(account, "echo in").out == "in\n"
     for _ in range(5):

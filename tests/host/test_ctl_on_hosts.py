@@ -41,10 +41,12 @@ def sh(host, script):
     return host.ok(["sh", "-ec", script])
 
 
+@pytest.mark.core
 def test_finds_nothing_wrong_with_a_host_that_is_well(well):
     assert examine(well) == (0, [], [])
 
 
+@pytest.mark.core
 def test_changes_nothing(well):
     script = "find /etc /home /run/corvane /var/backups /var/lib/corvane /var/lib/postgresql -xdev ! -path '*/pg_*' " \
              "! -path '*/base/*' ! -path '*/global/*' -printf '%p %m %u %g %s %C@\\n' | sort"
@@ -73,6 +75,9 @@ FAULTS = {
          "in the server configuration"],
         "rm /etc/apache2/conf-enabled/x.conf"),
     "a module is off": ("a2dismod -q -f proxy_fcgi", ["Apache lacks what the sites of accounts need: proxy_fcgi"]),
+    "accounts are not kept apart": (
+        "a2dismod -q -f corvane",
+        ["Apache lacks the module corvane, so an account's .htaccess reaches the files and the PHP of all others"]),
     "the log format is off": (
         "a2disconf -q corv-logformat",
         ["Apache knows no log format 'corv', so the access logs of all accounts hold that word alone"]),
@@ -214,6 +219,7 @@ ROUNDS = [
 ]
 
 
+@pytest.mark.core
 @pytest.mark.parametrize("names", ROUNDS, ids=lambda names: names[0])
 def test_finds_and_mends(well, names):
     def here(text):
@@ -257,6 +263,7 @@ def test_notes_what_may_be_meant(well):
     assert examine(well) == (0, [], [])
 
 
+@pytest.mark.core
 def test_shows_on_one_screen_how_the_server_is(well):
     done = well.run(["corvctl", "status"])
     assert (done.code, done.err) == (0, "")

@@ -80,6 +80,7 @@ def user_rules(host, program="iptables-save"):
     return [line for line in host.ok([program]).splitlines() if re.match(r"-A ufw6?-user-input ", line)]
 
 
+@pytest.mark.core
 def test_enabling_installs_ufw_and_opens_ssh_and_the_web(host, enabled):
     assert enabled["before"] == {"ok": True, "installed": False, "sshPort": "22"}
     assert enabled["reply"] == {"ok": True, "allowed": ["22/tcp", "80/tcp", "443/tcp"]}
@@ -93,11 +94,13 @@ def test_enabling_installs_ufw_and_opens_ssh_and_the_web(host, enabled):
     }
 
 
+@pytest.mark.core
 def test_ssh_logins_work_before_during_and_after_enabling(enabled):
     assert len(enabled["logins"]) >= 3
     assert set(enabled["logins"]) == {"in\n"}
 
 
+@pytest.mark.core
 def test_what_is_not_opened_is_shut_until_it_is(host, enabled):
     assert enabled["refused"] == [8081, 5432]
     listen(host, 8081)
@@ -109,6 +112,7 @@ def test_what_is_not_opened_is_shut_until_it_is(host, enabled):
     assert not reaches(host, 8081)
 
 
+@pytest.mark.core
 @pytest.mark.parametrize("args, shown, filtered, filtered6", [
     ({"port": 3001}, [("3001/tcp", "Anywhere"), ("3001/tcp (v6)", "Anywhere (v6)")],
      ["-A ufw-user-input -p tcp -m tcp --dport 3001 -j ACCEPT"], ["-A ufw6-user-input -p tcp -m tcp --dport 3001 -j ACCEPT"]),
@@ -148,6 +152,7 @@ def test_a_refused_source_changes_nothing(host, enabled):
     assert (host.ok(["iptables-save"]).count("dport"), destinations(host)) == before
 
 
+@pytest.mark.core
 def test_an_open_port_can_be_shut_again(host, enabled):
     host.request("firewall.allow", port=3100)
     assert host.request("firewall.delete", number=number_of(host, "3100/tcp")) == {"ok": True}

@@ -2,6 +2,7 @@
 
 import pytest
 
+MODULE = "libapache2-mod-corvane"
 NONINTERACTIVE = {"DEBIAN_FRONTEND": "noninteractive"}
 PANEL_SQL = ["runuser", "-u", "corv-web", "--", "psql", "-qtAX", "-v", "ON_ERROR_STOP=1", "-d", "corvane", "-c"]
 
@@ -23,6 +24,7 @@ def works(host, account):
     assert host.ok(["apache2ctl", "configtest"]) == ""
 
 
+@pytest.mark.core
 def test_an_upgrade_lets_the_request_in_hand_finish_and_then_restarts(own_host, package):
     host = own_host
     name = host.free_name()
@@ -53,6 +55,7 @@ def test_an_upgrade_keeps_edited_settings(own_host, package):
     host.put("/etc/corvane/corvane.ini", settings)
 
 
+@pytest.mark.core
 def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, package):
     host = own_host
     account = host.account()
@@ -80,3 +83,42 @@ def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, pa
     reply = host.request("hosting.create", username=account.name, domain="again.example")
     assert reply == {"ok": False, "error": f"a user or group named '{account.name}' already exists on this server"}
     works(host, host.account())
+
+
+def module_is_loaded(host):
+    return "corvane_module" in host.ok(["apache2ctl", "-M"])
+
+
+def test_apaches_module_outlives_an_upgrade_and_its_removal_leaves_apache_serving(own_host, package):
+    host = own_host
+    account = host.account()
+    again = ["apt-get", "-q", "install", "--reinstall", "--yes", f"/root/{package.name.replace('corv-agent', MODULE)}"]
+    host.put(f"{account.home}/public_html/.htaccess", "SetHandler server-status\n", owner=account.name)
+    apache = host.main_process("apache2")
+    assert module_is_loaded(host)
+    assert host.fetch(account.domain).status == 403
+
+    host.ok(again, env=NONINTERACTIVE)
+    assert module_is_loaded(host)
+    host.wait_for(lambda: host.fetch(account.domain).status == 403, "the module's answer after the upgrade")
+
+    host.ok(["a2dismod", "-q", "corvane"])
+    host.ok(again, env=NONINTERACTIVE)
+    assert not module_is_loaded(host)
+    host.ok(["a2enmod", "-q", "corvane"])
+
+    host.ok(["apt-get", "-q", "remove", "--yes", MODULE], env=NONINTERACTIVE)
+    assert not host.exists("/usr/lib/apache2/modules/mod_corvane.so")
+    assert not host.exists("/etc/apache2/mods-enabled/corvane.load")
+    host.ok(["apache2ctl", "configtest"])
+    host.wait_for(lambda: "Server Status" in host.fetch(account.domain).body, "Apache without the module")
+    assert host.main_process("apache2") == apache
+
+    host.ok(again, env=NONINTERACTIVE)
+    assert module_is_loaded(host)
+    host.wait_for(lambda: host.fetch(account.domain).status == 403, "the module's answer after its return")
+    host.ok(["apt-get", "-q", "purge", "--yes", MODULE], env=NONINTERACTIVE)
+    assert not host.exists("/etc/apache2/mods-available/corvane.load")
+    host.wait_for(lambda: "Server Status" in host.fetch(account.domain).body, "Apache without the module")
+    host.install(package)
+    assert module_is_loaded(host)

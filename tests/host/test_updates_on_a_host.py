@@ -63,6 +63,7 @@ def update(name, secure):
     return {"name": name, "to": "2", "from": "1", "security": secure}
 
 
+@pytest.mark.core
 def test_status_shows_updates_and_which_of_them_are_for_security(host):
     publish_updates(host, "shown-plain", "shown-secure")
     reply = status(host)
@@ -83,6 +84,7 @@ def host_packages(host):
     return sorted(found, key=lambda entry: entry["name"])
 
 
+@pytest.mark.core
 def test_refresh_finds_new_packages_and_moves_the_last_check(host):
     host.publish("fresh", "1", install=True)
     host.publish("fresh", "2")
@@ -112,6 +114,7 @@ def test_a_host_that_never_refreshed_has_no_last_check(host):
     assert status(host)["lastCheck"] is None
 
 
+@pytest.mark.core
 def test_security_updates_are_installed_alone(host):
     host.put("/etc/apt/apt.conf.d/60security-only", SECURITY_ONLY)
     publish_updates(host, "alone-plain", "alone-secure")
@@ -124,6 +127,7 @@ def test_security_updates_are_installed_alone(host):
     host.ok(["apt-get", "install", "-yq", "alone-plain"])
 
 
+@pytest.mark.core
 def test_all_updates_are_installed_and_what_nothing_needs_any_more_goes(host):
     publish_updates(host, "every-plain", "every-secure")
     host.publish("every-part", "1", install=True)
@@ -171,6 +175,7 @@ def assert_all_refused(host):
         assert host.request(command, **args) == {"ok": False, "error": message}
 
 
+@pytest.mark.core
 def test_an_installation_that_fails_says_so_in_the_log_and_can_be_tried_again(host):
     host.put("/etc/apt/sources.list.d/broken.list", "deb [trusted=yes] file:/nowhere none main\n")
     assert host.request("updates.install", mode="all") == {"ok": True}

@@ -7,7 +7,10 @@ import time
 import pytest
 from corvctl import PATH, corvctl, install, on_terminal
 
-MODULES = "Loaded Modules:\n core_module (static)\n rewrite_module (shared)\n proxy_module (shared)\n proxy_fcgi_module (shared)\n"
+MODULES = (
+    "Loaded Modules:\n core_module (static)\n rewrite_module (shared)\n proxy_module (shared)\n proxy_fcgi_module (shared)\n"
+    " corvane_module (shared)\n"
+)
 INCLUDES = "Included configuration files:\n  (*) /etc/apache2/apache2.conf\n    (146) /etc/apache2/conf-enabled/corv-logformat.conf\n"
 LOG_FORMAT = "/etc/apache2/conf-enabled/corv-logformat.conf"
 SITE = "/etc/apache2/sites-available/corv-alice.conf"
@@ -244,6 +247,10 @@ FAULTS = {
     "module is missing": (
         lambda box: box.answer("apache2ctl", "-M", out=MODULES.replace("proxy_fcgi", "x")),
         "Apache", "Apache lacks what the sites of accounts need: proxy_fcgi", "a2enmod -q proxy_fcgi && systemctl restart apache2"),
+    "accounts are not kept apart": (
+        lambda box: box.answer("apache2ctl", "-M", out=MODULES.replace("corvane", "x")),
+        "Apache", "Apache lacks the module corvane, so an account's .htaccess reaches the files and the PHP of all others",
+        "apt-get install -y libapache2-mod-corvane && a2enmod -q corvane && systemctl restart apache2"),
     "log format is missing": (
         lambda box: box.write(LOG_FORMAT, 'LogFormat "%h" other\n'),
         "Apache", "Apache knows no log format 'corv', so the access logs of all accounts hold that word alone",
@@ -347,7 +354,7 @@ TOGETHER = [
     ["agent is disabled", "service is down", "module is missing", "log format is missing", "sshd -T fails",
      "PostgreSQL has holes", "pool is in another version", "site is not enabled", "pool is left over", "home is left over",
      "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "home is too large"],
-    ["panel database is missing", "pool is put aside", "account is only a user"],
+    ["accounts are not kept apart", "panel database is missing", "pool is put aside", "account is only a user"],
     ["account has no database", "user is locked"],
     ["domain is none", "account has no role"],
 ]

@@ -86,6 +86,60 @@ private Q_SLOTS:
         QCOMPARE(asText(checkAccount(whole(), kPhp, {})), QStringList());
     }
 
+    void findsAPoolThatLetsMoreIn_data()
+    {
+        QTest::addColumn<QByteArray>("line");
+        QTest::addColumn<QByteArray>("other");
+        QTest::addColumn<bool>("open");
+        QTest::newRow("as it is") << QByteArray("user = alice") << QByteArray("user = alice") << false;
+        QTest::newRow("user") << QByteArray("user = alice") << QByteArray("user = bob") << true;
+        QTest::newRow("listener") << QByteArray("listen.mode = 0660") << QByteArray("listen.mode = 0666") << true;
+        QTest::newRow("fence") << QByteArray("php_admin_value[open_basedir] = /home/alice/") << QByteArray() << true;
+        QTest::newRow("more children") << QByteArray("pm.max_children = 5") << QByteArray("pm.max_children = 9")
+                                       << false;
+    }
+    void findsAPoolThatLetsMoreIn()
+    {
+        QFETCH(QByteArray, line);
+        QFETCH(QByteArray, other);
+        QFETCH(bool, open);
+        QCOMPARE(letsMoreIn(hosting::pool(u"alice"_s).replace(line, other), u"alice"_s), open);
+    }
+
+    void tellsOfAnOpenPool()
+    {
+        AccountParts account = whole();
+        account.openPools = {kPhp};
+        QCOMPARE(asText(checkAccount(account, kPhp, databases())),
+                 QStringList({u"fault|the pool of the account alice in PHP 8.2 lets in more than its own user, home or "
+                              "web server|corvctl doctor --pool alice >/etc/php/8.2/fpm/pool.d/corv-alice.conf && "
+                              "systemctl reload php8.2-fpm"_s}));
+    }
+
+    void tellsOfASiteThatLeadsToOthers_data()
+    {
+        QTest::addColumn<QByteArray>("before");
+        QTest::addColumn<QByteArray>("after");
+        QTest::addColumn<QString>("level");
+        QTest::newRow("links") << QByteArray("+SymLinksIfOwnerMatch") << QByteArray("+FollowSymLinks") << u"fault"_s;
+        QTest::newRow("all") << QByteArray("-Indexes +SymLinksIfOwnerMatch") << QByteArray("all") << u"fault"_s;
+        QTest::newRow("pool") << QByteArray("corv-alice.sock") << QByteArray("corv-bobby.sock") << u"fault"_s;
+        QTest::newRow("links off") << QByteArray("-Indexes") << QByteArray("-Indexes -FollowSymLinks") << u"note"_s;
+        QTest::newRow("a comment") << QByteArray("    AllowOverride") << QByteArray("#\n    AllowOverride")
+                                   << u"note"_s;
+    }
+    void tellsOfASiteThatLeadsToOthers()
+    {
+        QFETCH(QByteArray, before);
+        QFETCH(QByteArray, after);
+        QFETCH(QString, level);
+        AccountParts account = whole();
+        account.site->replace(before, after);
+        const QStringList found = asText(checkAccount(account, kPhp, databases()));
+        QCOMPARE(found.size(), 1);
+        QCOMPARE(found.first().section(u'|', 0, 0), level);
+    }
+
     void findsAnAccountThatIsOnlyAUser()
     {
         AccountParts account;

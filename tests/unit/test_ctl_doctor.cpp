@@ -169,12 +169,18 @@ private Q_SLOTS:
 
     void findsWhatApacheLacks()
     {
-        QCOMPARE(asText(checkApache({u"rewrite"_s, u"proxy"_s, u"proxy_fcgi"_s}, true)), QStringList());
+        const QStringList all = {u"rewrite"_s, u"proxy"_s, u"proxy_fcgi"_s, u"corvane"_s};
+        QCOMPARE(asText(checkApache(all, true)), QStringList());
         QCOMPARE(
-            asText(checkApache({u"proxy"_s}, true)),
+            asText(checkApache({u"proxy"_s, u"corvane"_s}, true)),
             QStringList({u"fault|Apache lacks what the sites of accounts need: rewrite proxy_fcgi|a2enmod -q rewrite "
                          "proxy_fcgi && systemctl restart apache2"_s}));
-        QCOMPARE(problems(checkApache({u"rewrite"_s, u"proxy"_s, u"proxy_fcgi"_s}, false)).size(), 1);
+        QCOMPARE(problems(checkApache(all, false)).size(), 1);
+        QCOMPARE(
+            asText(checkApache(all.first(3), true)),
+            QStringList({u"fault|Apache lacks the module corvane, so an account's .htaccess reaches the files and the "
+                         "PHP of all others|apt-get install -y libapache2-mod-corvane && a2enmod -q corvane && "
+                         "systemctl restart apache2"_s}));
     }
 
     void judgesAptsPatience_data()

@@ -7,8 +7,11 @@
 #include "common/Transfer.h"
 
 #include <QStringList>
+#include <QTimer>
 
+#include <memory>
 #include <optional>
+#include <utility>
 
 #include <pwd.h>
 
@@ -67,18 +70,27 @@ Reply ask(const QStringList &helper, hosting::Streams streams)
     return answer.isEmpty() ? fail(u"the file helper gave no answer"_s) : answer;
 }
 
+// Closes a file that has no name any more once the reply is on its way: the system then gives its space back, which
+// takes a good part of the time that copying it took.
+void closeLater(Fd file)
+{
+    QTimer::singleShot(0, [kept = std::make_shared<Fd>(std::move(file))] { kept->reset(); });
+}
+
 Reply upload(const QStringList &helper, const QString &transfer)
 {
     if (!validTransferName(transfer))
         return fail(u"bad transfer name"_s);
-    const Fd file = takeUpload(transfer);
+    Fd file = takeUpload(transfer);
     if (!file)
         return fail(u"the upload is missing or too big"_s);
 
     hosting::Streams streams;
     streams.inputFile = file.get();
     streams.maxFileSize = kFileFence; // whoever still has the upload open could let it grow
-    return ask(helper, streams);
+    const Reply answer = ask(helper, streams);
+    closeLater(std::move(file));
+    return answer;
 }
 
 } // namespace

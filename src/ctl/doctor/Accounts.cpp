@@ -158,6 +158,15 @@ QList<Finding> checkPools(const AccountParts &account, const QString &php, bool 
                          u"rm "_s + hosting::parkedPoolPath(php, name)});
     }
 
+    for (const QString &version : account.openPools) {
+        const QString path = hosting::poolPath(version, name);
+        findings.append(
+            {Level::Fault,
+             u"the pool of the account %1 in PHP %2 lets in more than its own user, home or web server"_s.arg(name,
+                                                                                                              version),
+             u"corvctl doctor --pool %1 >%2 && systemctl reload php%3-fpm"_s.arg(
+                 name, account.pools.contains(version) ? path : hosting::parkedPoolPath(version, name), version)});
+    }
     for (const QString &other : account.pools) {
         // Two versions that serve one pool fight for its socket.
         if (other != php && hasPool) {
@@ -168,6 +177,24 @@ QList<Finding> checkPools(const AccountParts &account, const QString &php, bool 
         }
     }
     return findings;
+}
+
+// Whether a site that the agent has not written follows links to others' files, or asks for PHP of another's pool.
+bool reachesOthers(const QByteArray &site, const QString &account)
+{
+    static const QRegularExpression links(u"^\\s*Options\\b.*(?<!-)\\b(FollowSymLinks|All)\\b"_s,
+                                          QRegularExpression::MultilineOption |
+                                              QRegularExpression::CaseInsensitiveOption);
+    static const QRegularExpression socket(u"/run/php/corv-([a-z0-9]+)\\.sock"_s);
+    const QString text = QString::fromUtf8(site);
+    if (links.match(text).hasMatch())
+        return true;
+    QRegularExpressionMatchIterator found = socket.globalMatch(text);
+    while (found.hasNext()) {
+        if (found.next().captured(1) != account)
+            return true;
+    }
+    return false;
 }
 
 QList<Finding> checkSite(const AccountParts &account, const QString &php, bool suspended)
@@ -193,6 +220,11 @@ QList<Finding> checkSite(const AccountParts &account, const QString &php, bool s
         findings.append({Level::Fault,
                          u"the site of the account %1 runs no PHP, but shows the source of its pages"_s.arg(name),
                          resume});
+    } else if (reachesOthers(*account.site, name)) {
+        findings.append(
+            {Level::Fault,
+             u"the site of the account %1 leads to what is not its own: other files or another pool"_s.arg(name),
+             resume});
     } else {
         findings.append(
             {Level::Note,
@@ -241,6 +273,24 @@ QList<Finding> checkOrphans(const Databases &databases, const QStringList &users
 }
 
 } // namespace
+
+bool letsMoreIn(const QByteArray &pool, const QString &account)
+{
+    static const QStringList fences = {u"user"_s,
+                                       u"group"_s,
+                                       u"listen"_s,
+                                       u"listen.owner"_s,
+                                       u"listen.group"_s,
+                                       u"listen.mode"_s,
+                                       u"php_admin_value[open_basedir]"_s};
+    const QByteArrayList lines = pool.split('\n');
+    for (const QByteArray &line : hosting::pool(account).split('\n')) {
+        const QString key = QString::fromUtf8(line).section(u" = "_s, 0, 0);
+        if (fences.contains(key) && !lines.contains(line))
+            return true;
+    }
+    return false;
+}
 
 QString accountOfFile(const QString &fileName)
 {

@@ -21,6 +21,7 @@ struct AccountParts
     bool siteEnabled = false;
     QStringList pools;       // the PHP versions in which it has a pool
     QStringList parkedPools; // those in which it has a pool that a suspension put aside
+    QStringList openPools;   // those whose pool, parked or not, lets in more than the agent's own (see letsMoreIn)
 };
 
 // What carries an account's name outside the user database.
@@ -39,6 +40,10 @@ QList<Finding> checkAccount(const AccountParts &account, const QString &php, con
 // of the system, accounts those of the accounts.
 QList<Finding> checkLeftovers(const NamedParts &parts, const std::optional<Databases> &databases,
                               const QStringList &users, const QStringList &accounts);
+
+// Whether the text of an account's pool file lacks one of the lines that keep its PHP to its user, its home and the web
+// server.
+bool letsMoreIn(const QByteArray &pool, const QString &account);
 
 // The account that a file "corv-NAME.conf" or "corv-NAME.conf.suspended" belongs to, empty for another file.
 QString accountOfFile(const QString &fileName);

@@ -17,6 +17,8 @@
 #include <QJsonObject>
 #include <QStorageInfo>
 
+#include <algorithm>
+
 #include <grp.h>
 #include <pwd.h>
 #include <shadow.h>
@@ -130,10 +132,17 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
     account.site = textOf(hosting::sitePath(user.name));
     account.siteEnabled = QFileInfo::exists(u"%1/%2.conf"_s.arg(kEnabledSites, hosting::siteName(user.name)));
     for (const QString &version : phpVersions) {
+        const QStringList files = {hosting::poolPath(version, user.name), hosting::parkedPoolPath(version, user.name)};
         if (exists(hosting::poolPath(version, user.name)))
             account.pools.append(version);
         if (exists(hosting::parkedPoolPath(version, user.name)))
             account.parkedPools.append(version);
+        const bool isOpen = std::any_of(files.cbegin(), files.cend(), [&](const QString &file) {
+            const std::optional<QByteArray> text = textOf(file);
+            return text && letsMoreIn(*text, user.name);
+        });
+        if (isOpen)
+            account.openPools.append(version);
     }
     return account;
 }

@@ -11,6 +11,8 @@ namespace {
 
 // What the sites of accounts use: rewrite while they are suspended, the others for PHP.
 const QStringList kModules = {u"rewrite"_s, u"proxy"_s, u"proxy_fcgi"_s};
+// Keeps the requests for an account within it, whatever its .htaccess says.
+const auto kGuardModule = u"corvane"_s;
 constexpr auto kLogFormatFile = "/etc/apache2/conf-available/corv-logformat.conf"_L1;
 
 constexpr qint64 kToolSeconds = 600; // after which the agent ends a tool
@@ -115,6 +117,14 @@ QList<Finding> checkApache(const QStringList &modules, bool hasLogFormat)
         const QString names = missing.join(u' ');
         findings.append({Level::Fault, u"Apache lacks what the sites of accounts need: "_s + names,
                          u"a2enmod -q %1 && systemctl restart apache2"_s.arg(names)});
+    }
+    if (!modules.contains(kGuardModule)) {
+        findings.append(
+            {Level::Fault,
+             u"Apache lacks the module %1, so an account's .htaccess reaches the files and the PHP of all others"_s.arg(
+                 kGuardModule),
+             u"apt-get install -y libapache2-mod-%1 && a2enmod -q %1 && systemctl restart apache2"_s.arg(
+                 kGuardModule)});
     }
     if (!hasLogFormat) {
         findings.append(

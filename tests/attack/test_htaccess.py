@@ -1,0 +1,335 @@
+"""An account's .htaccess: other accounts' PHP, other accounts' and the server's files, programs as the web server, visitors of all."""
+
+import pytest
+from hostfloor import ADDRESS
+from tenants import Attempt, Tenants
+
+LIMIT = 60
+
+OTHER = "proxy:unix:/run/php/corv-@VICTIM@.sock|fcgi://localhost"
+OWN = "proxy:unix:/run/php/corv-@ME@.sock|fcgi://localhost"
+# Without it the victim's pool would run the attacker's page, but may not open it.
+ANYWHERE = 'SetEnv PHP_ADMIN_VALUE "open_basedir=/"\n'
+SECRET = "the victim's secret"
+
+PROXY = "a proxy other than the account's own PHP"
+FILE = "a file that is neither the account's nor root's in its home"
+OUTSIDE = "a page from outside the account within its own"
+ADMIN_VALUE = "PHP_ADMIN_VALUE from .htaccess"
+
+PROGRAM = "#!/bin/sh\necho Content-Type: text/plain\necho\nid\n"
+
+
+def as_another(htaccess, *, reason=PROXY, **more):
+    """A page of the attacker's that runs in another account's pool."""
+    return Attempt(ANYWHERE + htaccess, "php runs as @VICTIM@,", reason=reason, **more)
+
+
+def everywhere(htaccess, *, reason=ADMIN_VALUE, **more):
+    """A page in the attacker's own pool that has left the folder to which the pool holds it."""
+    return Attempt(htaccess, "php runs as @ME@, basedir /;", reason=reason, **more)
+
+
+def as_the_server(htaccess, reason, **more):
+    """A program that runs as the web server."""
+    return Attempt(htaccess, "uid=33(www-data)", reason=reason, **more)
+
+
+def secret(htaccess, *, reason=FILE, **more):
+    """The text of a file in the victim's home."""
+    return Attempt(htaccess, SECRET, reason=reason, **more)
+
+
+# A page that PHP-FPM runs, and of whose name the site's own settings say nothing.
+PAGE = {"path": "y.phar", "files": {"y.phar": "<?php include __DIR__ . '/x.php';"}}
+RULE = "RewriteEngine On\n"
+BY_POOL = "fcgi://localhost/home/@ME@/public_html@HERE@/x.php"
+LISTING = "Options +Indexes\nIndexOptions +FancyIndexing\n"
+LINK = "/home/@VICTIM@/public_html"
+
+PHP_OF_ANOTHER = {
+    "SetHandler": as_another(f'SetHandler "{OTHER}"', **PAGE),
+    "in FilesMatch": as_another(f'<FilesMatch "\\.php$">\nSetHandler "{OTHER}"\n</FilesMatch>'),
+    "in Files": as_another(f'<Files "x.php">\nSetHandler "{OTHER}"\n</Files>'),
+    "in If": as_another(f'<If "true">\nSetHandler "{OTHER}"\n</If>'),
+    "in If in If": as_another(f'<If "true">\n<If "true">\nSetHandler "{OTHER}"\n</If>\n</If>'),
+    "in If in Files": as_another(f'<Files x.php>\n<If "true">\nSetHandler "{OTHER}"\n</If>\n</Files>'),
+    "in Else": as_another(f'<If "false">\n</If>\n<Else>\nSetHandler "{OTHER}"\n</Else>'),
+    "in ElseIf": as_another(f'<If "false">\n</If>\n<ElseIf "true">\nSetHandler "{OTHER}"\n</ElseIf>'),
+    "AddHandler": as_another(f'AddHandler "{OTHER}" .phar', **PAGE),
+    "rewritten handler": as_another(f'{RULE}RewriteRule ^y.phar$ - "[H={OTHER}]"', **PAGE),
+    "rewritten address": as_another(f'{RULE}RewriteRule ^y$ "unix:/run/php/corv-@VICTIM@.sock|{BY_POOL}" [P]', path="y"),
+    "path by way of the parent": as_another(f'<If "true">\nSetHandler "{OTHER.replace("/php/", "/php/../php/")}"\n</If>'),
+    "path with two slashes": as_another(f'<If "true">\nSetHandler "{OTHER.replace("/php/", "//php/")}"\n</If>'),
+    "schemes in capitals": as_another(f'<If "true">\nSetHandler "{OTHER.replace("unix", "UNIX").replace("fcgi", "FCGI")}"\n</If>'),
+    "another port": as_another(f'<If "true">\nSetHandler "{OTHER}:9"\n</If>'),
+    "page of an error": as_another(f'ErrorDocument 404 @HERE@/y.phar\nAddHandler "{OTHER}" .phar', files=PAGE["files"], path="missing"),
+    "index of a folder": as_another(f'DirectoryIndex x.php\n<If "true">\nSetHandler "{OTHER}"\n</If>', path=""),
+    "included": as_another('Options +Includes\nAddOutputFilter INCLUDES .html\n<Files x.php>\n'
+                           f'SetHandler "{OTHER}"\n</Files>', path="y.html",
+                           files={"y.html": '<!--#include virtual="x.php" -->'}),
+    "head of a listing": as_another(f'{LISTING}HeaderName x.php\nDirectoryIndex disabled\n<Files x.php>\nForceType text/html\n'
+                                    f'SetHandler "{OTHER}"\n</Files>', path=""),
+    "web server on the host": Attempt(f"{RULE}RewriteRule ^y$ http://127.0.0.1:8001/ [P]", "SimpleHTTP/", path="y", reason=PROXY),
+    "web server by handler": Attempt('SetHandler "proxy:http://127.0.0.1:8001/"', "SimpleHTTP/", path="y", reason=PROXY),
+}
+
+MORE_FROM_PHP = {
+    "SetEnv": everywhere(ANYWHERE),
+    "SetEnvIf": everywhere("SetEnvIf Request_URI . PHP_ADMIN_VALUE=open_basedir=/"),
+    "SetEnvIfNoCase": everywhere("SetEnvIfNoCase Host . PHP_ADMIN_VALUE=open_basedir=/"),
+    "SetEnvIfExpr": everywhere('SetEnvIfExpr "true" PHP_ADMIN_VALUE=open_basedir=/'),
+    "BrowserMatch": everywhere("BrowserMatch . PHP_ADMIN_VALUE=open_basedir=/"),
+    "rewritten": everywhere(f"{RULE}RewriteRule ^x.php$ - [E=PHP_ADMIN_VALUE:open_basedir=/]"),
+    "ProxyFCGISetEnvIf": everywhere('ProxyFCGISetEnvIf "true" PHP_ADMIN_VALUE "open_basedir=/"',
+                                    reason="directives of mod_proxy_fcgi.c in .htaccess"),
+    "ProxyFCGISetEnvIf in If in Files": everywhere(
+        '<Files x.php>\n<If "true">\nProxyFCGISetEnvIf "true" PHP_ADMIN_VALUE "open_basedir=/"\n</If>\n</Files>',
+        reason="directives of mod_proxy_fcgi.c in .htaccess"),
+    "ProxyFCGISetEnvIf below an index": everywhere(
+        "DirectoryIndex below/x.php", path="", reason="directives of mod_proxy_fcgi.c in .htaccess",
+        files={"below/x.php": "<?php include dirname(__DIR__) . '/x.php';",
+               "below/.htaccess": 'ProxyFCGISetEnvIf "true" PHP_ADMIN_VALUE "open_basedir=/"'}),
+    "from the visitor's header": everywhere('SetEnvIf X-Wish "(.*)" PHP_ADMIN_VALUE=$1'),
+    "PHP_ADMIN_FLAG": Attempt("SetEnv PHP_ADMIN_FLAG allow_url_include=on", "flag allow_url_include=on", path="y.php",
+                              files={"y.php": "<?php echo 'flag ', $_SERVER['PHP_ADMIN_FLAG'];"},
+                              reason="PHP_ADMIN_FLAG from .htaccess"),
+    "PHP_VALUE": everywhere('SetEnv PHP_VALUE "open_basedir=/"', reason="PHP_VALUE from .htaccess"),
+    "code of the machine": Attempt(
+        'SetEnv PHP_VALUE "ffi.enable=1"', "code of the machine", path="y.php", reason="PHP_VALUE from .htaccess",
+        files={"y.php": "<?php FFI::cdef('int write(int, const char *, size_t);'); echo 'code of the machine';"}),
+    "library": Attempt('SetEnv PHP_VALUE "extension=/home/@ME@/library.so"', "the library is loaded", path="y.php",
+                       files={"y.php": "<?php echo is_file('/home/@ME@/loaded') ? 'the library is loaded' : 'no';"},
+                       reason="PHP_VALUE from .htaccess"),
+    "included, run by the server's pool": Attempt(
+        "Options +Includes\nAddOutputFilter INCLUDES .html\n"
+        "SetEnv PHP_VALUE auto_prepend_file=/home/@ME@/public_html@HERE@/x.php",
+        "php runs as www-data", path="y.html", files={"y.html": '<!--#include virtual="/tools/index.php" -->'}, reason=OUTSIDE),
+    "index, run by the server's pool": Attempt(
+        "DirectoryIndex /tools/index.php\nSetEnv PHP_VALUE auto_prepend_file=/home/@ME@/public_html@HERE@/x.php",
+        "php runs as www-data", path="", reason=FILE),
+}
+
+
+def shown(handler, loot):
+    return Attempt(f"SetHandler {handler}", loot, path="y", reason=f"the handler {handler}")
+
+
+THE_SERVER = {
+    "server-status": shown("server-status", "Apache Server Status"),
+    "server-info": shown("server-info", "Apache Server Information"),
+    "ldap-status": shown("ldap-status", "LDAP Cache Information"),
+    "balancer-manager": shown("balancer-manager", "Load Balancer Manager"),
+    "AddHandler": Attempt("AddHandler server-status .txt", "Apache Server Status", path="y.txt", files={"y.txt": "mine"},
+                          reason="the handler server-status"),
+    "type": Attempt("ForceType application/x-httpd-status", "Apache Server Status", path="y.txt", files={"y.txt": "mine"},
+                    reason="the handler application/x-httpd-status"),
+    "type with a parameter": Attempt('AddType "application/x-httpd-status; a=b" .txt', "Apache Server Status", path="y.txt",
+                                     files={"y.txt": "mine"}, reason="the handler application/x-httpd-status"),
+    "rewritten handler": Attempt(f"{RULE}RewriteRule ^y$ - [H=server-status]", "Apache Server Status", path="y",
+                                 reason="the handler server-status"),
+    "rewritten type": Attempt(f"{RULE}RewriteRule ^y.txt$ - [T=application/x-httpd-status]", "Apache Server Status", path="y.txt",
+                              files={"y.txt": "mine"}, reason="the handler application/x-httpd-status"),
+    "page of an error": Attempt("ErrorDocument 404 @HERE@/y.txt\n<Files y.txt>\nSetHandler server-status\n</Files>",
+                                "Apache Server Status", path="missing", files={"y.txt": "mine"},
+                                reason="the handler server-status"),
+}
+
+PROGRAMS = {
+    "cgi-script": as_the_server("Options +ExecCGI\nAddHandler cgi-script .cgi", "the handler cgi-script", path="y.cgi",
+                                files={"y.cgi": PROGRAM}),
+    "type": as_the_server("Options +ExecCGI\nForceType application/x-httpd-cgi", "the handler application/x-httpd-cgi",
+                          path="y.cgi", files={"y.cgi": PROGRAM}),
+    "in If in If": as_the_server('<If "true">\n<If "true">\nOptions +ExecCGI\nSetHandler cgi-script\n</If>\n</If>',
+                                 "the handler cgi-script", path="y.cgi", files={"y.cgi": PROGRAM}),
+    # The file is served as it is.
+    "Action": as_the_server("Options +ExecCGI\nAction text/plain @HERE@/y.cgi\n<Files y.cgi>\nSetHandler cgi-script\n</Files>",
+                            None, path="z.txt", files={"y.cgi": PROGRAM, "z.txt": "mine"}),
+    # The page is served, what it wants to run is not, and Apache itself says so in the log.
+    "SSI exec cmd": as_the_server("Options +Includes\nAddOutputFilter INCLUDES .html", None, path="y.html",
+                                  files={"y.html": '<!--#exec cmd="id" -->'}),
+    "SSI exec cmd in If": as_the_server('<If "true">\nOptions +Includes\nSetOutputFilter INCLUDES\n</If>', None, path="y.html",
+                                        files={"y.html": '<!--#exec cmd="id" -->'}),
+    "SSI exec cmd by FilterProvider": as_the_server(
+        "Options +Includes\nFilterDeclare mine\nFilterProvider mine INCLUDES \"true\"\nFilterChain mine", None, path="y.html",
+        files={"y.html": '<!--#exec cmd="id" -->'}),
+    "SSI exec cmd by XBitHack": as_the_server("Options +Includes\nXBitHack on", None, path="y.html",
+                                              files={"y.html": '<!--#exec cmd="id" -->'}),
+    "SSI exec cgi": as_the_server("Options +Includes +ExecCGI\nAddOutputFilter INCLUDES .html", None, path="y.html",
+                                  files={"y.html": '<!--#exec cgi="y.cgi" -->', "y.cgi": PROGRAM}),
+    "SSI include virtual": as_the_server("Options +Includes +ExecCGI\nAddOutputFilter INCLUDES .html\nAddHandler cgi-script .cgi",
+                                         "the handler cgi-script", path="y.html",
+                                         files={"y.html": '<!--#include virtual="y.cgi" -->', "y.cgi": PROGRAM}),
+    "lua-script": as_the_server("AddHandler lua-script .lua", "the handler lua-script", path="y.lua",
+                                files={"y.lua": "function handle(r)\n r:puts(io.popen('id'):read('*a'))\n return 0\nend"}),
+    "LuaHookFixups": as_the_server("LuaHookFixups /home/@ME@/public_html@HERE@/y.lua fix",
+                                   "directives of mod_lua.c in .htaccess", path="y.txt",
+                                   files={"y.txt": "mine", "y.lua": "function fix(r)\n r.headers_out['X'] = "
+                                          "io.popen('id'):read('*l')\n return apache2.DECLINED\nend"}),
+}
+
+FILES = {
+    "link to a file": secret("Options FollowSymLinks", path="y.txt", links={"y.txt": f"{LINK}/config.php"}),
+    "link to a folder": secret("Options FollowSymLinks", path="y/page.html", links={"y": LINK}),
+    "link of a link": secret("Options FollowSymLinks", path="y.txt", links={"z": LINK, "y.txt": "z/page.html"}),
+    "link to the server's file": Attempt("Options FollowSymLinks", "password of the tools", path="y.txt",
+                                         links={"y.txt": "/etc/tools.conf"}, reason=FILE),
+    "listing of a folder": Attempt("Options FollowSymLinks Indexes\nDirectoryIndex disabled", "the-victims-folder", path="y/", links={"y": LINK},
+                                   reason=FILE),
+    "foot of a listing": secret(f"{LISTING}Options FollowSymLinks Indexes\nDirectoryIndex disabled\nReadmeName y.txt", path="",
+                                links={"y.txt": f"{LINK}/config.php"}),
+    "foot of a listing named as a page of PHP": secret(
+        f"{LISTING}Options FollowSymLinks Indexes\nDirectoryIndex disabled\nReadmeName y.php\n<Files y.php>\nForceType text/plain\n</Files>",
+        path="", links={"y.php": f"{LINK}/config.php"}),
+    "titles in a listing": secret(f"{LISTING}Options FollowSymLinks Indexes\nDirectoryIndex disabled\nIndexOptions +ScanHTMLTitles", path="",
+                                  links={"y.html": f"{LINK}/page.html"}),
+    "include": secret("Options FollowSymLinks Includes\nAddOutputFilter INCLUDES .html", path="y.html",
+                      files={"y.html": '<!--#include file="y.txt" -->'}, links={"y.txt": f"{LINK}/config.php"}),
+    "include virtual": secret("Options FollowSymLinks Includes\nAddOutputFilter INCLUDES .html", path="y.html",
+                              files={"y.html": '<!--#include virtual="y.txt" -->'}, links={"y.txt": f"{LINK}/config.php"}),
+    "negotiated": secret("Options FollowSymLinks MultiViews", path="y", links={"y.html": f"{LINK}/page.html"}),
+    "send-as-is": secret("Options FollowSymLinks\nAddHandler send-as-is .txt", path="y.txt", links={"y.txt": f"{LINK}/letter"}),
+    "rewritten": secret(f"Options FollowSymLinks\n{RULE}RewriteRule ^y$ y.txt", path="y", links={"y.txt": f"{LINK}/config.php"}),
+    "page of an error": secret("Options FollowSymLinks\nErrorDocument 404 @HERE@/y.txt", path="missing",
+                               links={"y.txt": f"{LINK}/config.php"}),
+    "MetaFiles": secret("Options FollowSymLinks\nMetaFiles on\nMetaDir meta", path="y.txt", files={"y.txt": "mine"},
+                        links={"meta/y.txt.meta": f"{LINK}/config.php"}, reason="directives of mod_cern_meta.c in .htaccess"),
+    "handler of one's own": secret("Options FollowSymLinks\nSetHandler mine", path="y.txt",
+                                   links={"y.txt": f"{LINK}/config.php"}),
+}
+
+# What somebody else sees to already, with and without the module: Apache itself or the kernel.
+CLOSED = {
+    "file() in Header": secret('Header set X "expr=%{file:/home/@VICTIM@/public_html/config.php}"', path="x.php"),
+    "file() in If": secret("<If \"file('/home/@VICTIM@/public_html/config.php') =~ /secret/\">\n"
+                           f'Header set X "{SECRET}"\n</If>', path="x.php"),
+    "file() in ErrorDocument": secret('ErrorDocument 404 "%{file:/home/@VICTIM@/public_html/config.php}"', path="missing"),
+    "address of a file in a rule": secret(f"Options FollowSymLinks\n{RULE}RewriteRule ^y$ {LINK}/config.php [L]", path="y"),
+    "link that belongs to another": secret("", path="y.txt", links={"y.txt": f"{LINK}/config.php"}),
+    "link to a folder that belongs to another": secret("", path="y/page.html", links={"y": LINK}),
+    "Alias": secret(f"Alias /y {LINK}", path="y/config.php"),
+    "ProxyPass": as_another(f"ProxyPass /y {OTHER}", path="y"),
+    "Include": secret(f"Include {LINK}/config.php"),
+    "Dav": Attempt("Dav On", "WebDAV"),
+    "ExtFilterDefine": as_the_server("ExtFilterDefine mine cmd=/usr/bin/id\nSetOutputFilter mine", None),
+    "RewriteMap": as_the_server("RewriteMap mine prg:/usr/bin/id", None),
+    "php_admin_value": everywhere("php_admin_value open_basedir /"),
+    "PHP_ADMIN_VALUE as a header": everywhere('RequestHeader set PHP_ADMIN_VALUE "open_basedir=/"'),
+    "environment across a redirect": Attempt(
+        f"{RULE}SetEnv PHP_VALUE auto_prepend_file=/home/@ME@/public_html@HERE@/x.php\nRewriteRule ^y$ /tools/index.php [PT]",
+        "php runs as www-data", path="y"),
+}
+
+ALL = {f"{kind}: {name}": attempt
+       for kind, attempts in {"php of another": PHP_OF_ANOTHER, "more from php": MORE_FROM_PHP, "the server": THE_SERVER,
+                              "programs": PROGRAMS, "files": FILES}.items()
+       for name, attempt in attempts.items()}
+
+
+@pytest.fixture(scope="module")
+def tenants(running_host, guarded, tmp_path_factory):
+    made = Tenants(running_host, guarded=guarded)
+    made.put_library(tmp_path_factory.mktemp("library"))
+    yield made
+    made.leave()
+
+
+@pytest.mark.parametrize("name", CLOSED)
+def test_a_way_that_is_closed_elsewhere(tenants, name):
+    folder = tenants.prepare(CLOSED[name])
+    tenants.renew_php()
+    answer = tenants.get(f"/{folder}/{CLOSED[name].path}")
+    assert tenants.fill(CLOSED[name].loot) not in f"{answer.headers} {answer.body}"
+
+
+@pytest.mark.parametrize("name", ALL)
+def test_a_way_through_htaccess(tenants, guarded, name):
+    attempt = ALL[name]
+    folder = tenants.prepare(attempt)
+    if attempt in MORE_FROM_PHP.values():
+        tenants.renew_php()
+    before = tenants.refusals()
+
+    answer = tenants.get(f"/{folder}/{attempt.path}", "-H", "X-Wish: open_basedir=/")
+
+    got = tenants.fill(attempt.loot) in f"{answer.headers} {answer.body}"
+    assert got is not guarded, f"{answer}\n{tenants.log()}"
+    if guarded and attempt.reason:
+        assert set(tenants.refusals()[len(before):]) == {attempt.reason}
+
+
+def test_a_refusal_is_one_line_that_names_account_and_reason(tenants, guarded):
+    folder = tenants.prepare(PHP_OF_ANOTHER["in If in If"])
+    before = len(tenants.log().splitlines())
+
+    answer = tenants.get(f"/{folder}/x.php")
+
+    lines = tenants.log().splitlines()[before:]
+    if guarded:
+        assert answer.status == 403
+        assert len(lines) == 1
+        assert lines[0].endswith(f"] account {tenants.me.name}: refused /{folder}/x.php: {PROXY}")
+    else:
+        assert (answer.status, lines) == (200, [])
+
+
+def test_a_page_for_the_refusal_that_is_refused_too_adds_no_line(tenants, guarded):
+    folder = tenants.prepare(Attempt(f'ErrorDocument 403 @HERE@/x.php\n<If "true">\nSetHandler "{OTHER}"\n</If>', ""))
+    before = tenants.refusals()
+    answer = tenants.get(f"/{folder}/x.php")
+    assert (answer.status, tenants.refusals()[len(before):]) == ((403, [PROXY]) if guarded else (200, []))
+
+
+@pytest.mark.parametrize("site", ["the tools' own", "the default"])
+def test_an_account_seen_through_another_host(tenants, guarded, site):
+    """Where the administrator shows users' folders on every host, a .htaccess works there too."""
+    folder = tenants.prepare(PHP_OF_ANOTHER["in FilesMatch"])
+    before = tenants.everywhere_refused()
+    answer = tenants.host.fetch(tenants.victim.domain if site == "the tools' own" else "nobody.example",
+                                f"/~{tenants.me.name}/{folder}/x.php")
+    assert (tenants.fill("php runs as @VICTIM@,") in answer.body) is not guarded, answer
+    if guarded:
+        assert tenants.everywhere_refused()[len(before):] == [PROXY]
+
+
+# How a file is put in the place of another again and again, as the attacker.
+EXCHANGE = r"""
+import ctypes, os, sys
+libc = ctypes.CDLL(None)
+os.chdir(sys.argv[1])
+while True:
+    libc.renameat2(-100, b"y.txt", -100, b"z.txt", 2)
+"""
+
+# How a visitor asks for it meanwhile: for so many seconds, over one connection at a time.
+ASK = r"""
+import http.client, sys, time
+address, name, path, seconds = sys.argv[1:]
+count = {}
+end = time.monotonic() + float(seconds)
+connection = http.client.HTTPConnection(address)
+while time.monotonic() < end:
+    try:
+        connection.request("GET", path, headers={"Host": name})
+        body = connection.getresponse().read()
+    except (OSError, http.client.HTTPException):
+        connection = http.client.HTTPConnection(address)
+        continue
+    kind = "secret" if b"secret" in body else "mine" if b"mine" in body else "other"
+    count[kind] = count.get(kind, 0) + 1
+print(*(count.get(kind, 0) for kind in ("secret", "mine", "other")))
+"""
+
+RACE_SECONDS = 10
+
+
+def test_a_link_that_is_exchanged_while_it_is_asked_for(tenants, guarded):
+    folder = tenants.prepare(Attempt("Options FollowSymLinks", SECRET, files={"z.txt": "mine " * 30},
+                                     links={"y.txt": f"{LINK}/config.php"}))
+    place = f"{tenants.me.home}/public_html/{folder}"
+    with tenants.busy(["python3", "-c", EXCHANGE, place]):
+        asked = tenants.host.outside(["python3", "-c", ASK, ADDRESS, tenants.me.domain, f"/{folder}/y.txt", str(RACE_SECONDS)])
+    secrets, mine, other = (int(number) for number in asked.out.split())
+    print(f"{secrets} secrets, {mine} of the attacker's own, {other} refused or cut off")
+    assert mine > 100
+    assert (secrets > 0) is not guarded
