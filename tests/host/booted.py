@@ -1,11 +1,16 @@
-"""What the floors with booted servers share: the package under test, and what a report says of the servers."""
+"""What the floors with booted servers share: the package under test, what a report says of the servers, and, for those whose
+servers are hosts, the host of the run."""
 
 import os
 import pathlib
+import signal
 import subprocess
 
 import pytest
-from hostfloor import ROOT, Host
+from hostfloor import ROOT, Host, HostError
+
+# Seconds for the body of one test; a module whose tools take their time has a LIMIT of its own.
+LIMIT = 120
 
 # All that were booted in this run, also those that have ended.
 servers = []
@@ -20,6 +25,59 @@ def package():
     if built.returncode != 0:
         pytest.exit("scripts/package failed", 1)
     return pathlib.Path(built.stdout.splitlines()[-1])
+
+
+@pytest.fixture(scope="session")
+def boot(package):
+    """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the run, or
+    by their stop(). CORV_SUITE names the Debian release for those that do not ask for one."""
+
+    def boot_host(*, suite=os.environ.get("CORV_SUITE", "bookworm"), bare=False):
+        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", suite)
+        servers.append(host)
+        if not bare:
+            host.install(package)
+        return host
+
+    yield boot_host
+    for host in servers:
+        host.stop()
+
+
+@pytest.fixture(scope="session")
+def running_host(boot):
+    try:
+        return boot()
+    except HostError as error:
+        pytest.exit(f"the host is not ready: {error}", 1)
+
+
+@pytest.fixture(autouse=True)
+def time_limit(request):
+    """A request that is never answered fails its test instead of holding up the run; no test needs anything like it."""
+    limit = getattr(request.module, "LIMIT", LIMIT)
+
+    def give_up(number, frame):
+        raise HostError(f"the test took longer than {limit} s")
+
+    before = signal.signal(signal.SIGALRM, give_up)
+    signal.alarm(limit)
+    yield
+    signal.alarm(0)
+    signal.signal(signal.SIGALRM, before)
+
+
+@pytest.fixture
+def host(running_host):
+    """The host of the run. What the test makes through host.account() and host.free_name() is gone after it."""
+    yield running_host
+    running_host.remove_accounts()
+
+
+@pytest.fixture
+def account(host):
+    """One fresh account on the host of the run."""
+    return host.account()
 
 
 @pytest.hookimpl(hookwrapper=True)
