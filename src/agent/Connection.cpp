@@ -33,8 +33,7 @@ constexpr qsizetype kMaxUnsent = 1'048'576;
 
 } // namespace
 
-Connection::Connection(Fd socket, quint32 uid, Answerer answerer, Readiness *readiness, Budget *budget,
-                       QObject *parent)
+Connection::Connection(Fd socket, quint32 uid, Answerer answerer, Readiness *readiness, Budget *budget, QObject *parent)
     : QObject(parent), m_socket(std::move(socket)), m_answerer(std::move(answerer)), m_readiness(readiness),
       m_budget(budget), m_number(budget->enter(uid, [this] {
           m_waits = false;

@@ -20,8 +20,8 @@ public:
     // Takes what the descriptor is ready for: EPOLLIN, EPOLLOUT, and EPOLLHUP or EPOLLERR unasked.
     using Listener = std::function<void(quint32 events)>;
 
-    // Whose turn comes first: whenever one that is ready has had its own, those with the first turn have theirs, however
-    // many others are ready too.
+    // Whose turn comes first: whenever one that is ready has had its own, those with the first turn have theirs,
+    // however many others are ready too.
     enum class Turn { Usual, First };
 
     explicit Readiness(QObject *parent);

@@ -5,8 +5,8 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::hosting {
 namespace {
 
-// tar reads a folder by a function that calls itself: the usual 8 MiB end before twenty thousand levels, which anybody can
-// make.
+// tar reads a folder by a function that calls itself: the usual 8 MiB end before twenty thousand levels, which anybody
+// can make.
 constexpr qint64 kStackBytes = 1'073'741'824;
 
 // --sparse: the holes of a file, of which a full quota may have terabytes, are not read.

@@ -81,8 +81,7 @@ bool isHeldBelow(pid_t process, int depth)
 {
     if (isHeldItself(process))
         return true;
-    const QList<QByteArray> children =
-        procFile(process, u"task/%1/children"_s.arg(process)).trimmed().split(' ');
+    const QList<QByteArray> children = procFile(process, u"task/%1/children"_s.arg(process)).trimmed().split(' ');
     return depth < kMaxDepth && std::any_of(children.cbegin(), children.cend(), [depth](const QByteArray &child) {
                return child.toInt() > 0 && isHeldBelow(child.toInt(), depth + 1);
            });

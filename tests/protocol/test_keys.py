@@ -377,6 +377,16 @@ def test_a_home_that_leads_elsewhere_gives_no_more_than_its_user_may(alice):
     assert alice.entry("/root/.ssh") == "0755 root:root"
 
 
+@pytest.mark.parametrize("hold", ["exec", "sleep 1000 >{0} &\nexec"])
+def test_a_tool_that_waits_at_a_pipe_is_ended(alice, hold):
+    alice.write(FILE, KEY, owner="alice:alice")
+    script = f'rm {FILE}; mkfifo {FILE}; chown alice {FILE}; {hold.format(FILE)} /usr/sbin/runuser "$@"'
+    alice.answer("runuser", shell=script)
+    # A client waits a minute for its reply here, and the tool would have ten seconds.
+    assert get(alice) == {"ok": True, "keys": ""}
+    wait_until(lambda: alice.agent.others() == [], "the end of what the tool left")
+
+
 def test_a_file_replaced_by_a_pipe_while_it_is_read_holds_up_until_the_time_is_over(impatient, alice):
     alice.write(FILE, KEY, owner="alice:alice")
     alice.answer("runuser", shell=f'rm {FILE}; mkfifo {FILE}; chown alice {FILE}; exec /usr/sbin/runuser "$@"')

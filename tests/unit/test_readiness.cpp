@@ -43,7 +43,8 @@ private Q_SLOTS:
         const Pair pair = connectedPair();
         Readiness readiness(nullptr);
         QList<quint32> told;
-        QVERIFY(readiness.add(pair.watched.get(), Readiness::Turn::Usual, [&](quint32 events) { told.append(events); }));
+        QVERIFY(
+            readiness.add(pair.watched.get(), Readiness::Turn::Usual, [&](quint32 events) { told.append(events); }));
         QVERIFY(sendByte(pair));
         QCoreApplication::processEvents();
         QCOMPARE(told, QList<quint32>());

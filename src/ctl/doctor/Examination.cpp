@@ -88,8 +88,7 @@ Check checkSshd()
     Check check = {u"sshd"_s, u"sshd -T"_s,
                    ctl::checkSshd({isInstalled, run.succeeded, run.errors, lookAt(u"/run/sshd"_s).isFolder})};
     if (hasVolatileJournal())
-        check.findings +=
-            checkSshdJail(runTool(u"fail2ban-client"_s, {u"get"_s, u"sshd"_s, u"journalmatch"_s}).output);
+        check.findings += checkSshdJail(runTool(u"fail2ban-client"_s, {u"get"_s, u"sshd"_s, u"journalmatch"_s}).output);
     return check;
 }
 

@@ -152,9 +152,10 @@ QList<Finding> checkSshd(const SshdRun &run)
 
 QList<Finding> checkSshdJail(const QByteArray &output)
 {
-    // Alternatives, each of fields that all have to match. A user writes what he likes into the journal by a program of any
-    // name; the unit alone is the system's word, and no user's program is in the daemon's.
-    const QStringList alternatives = QString::fromUtf8(output.mid(output.indexOf('\n') + 1)).simplified().split(u" + "_s);
+    // Alternatives, each of fields that all have to match. A user writes what he likes into the journal by a program of
+    // any name; the unit alone is the system's word, and no user's program is in the daemon's.
+    const QStringList alternatives =
+        QString::fromUtf8(output.mid(output.indexOf('\n') + 1)).simplified().split(u" + "_s);
     const bool isForgeable = std::any_of(alternatives.cbegin(), alternatives.cend(), [](const QString &fields) {
         return fields.contains(u'=') && !fields.contains(u"_SYSTEMD_UNIT="_s);
     });

@@ -44,8 +44,8 @@ struct SshdRun
 };
 QList<Finding> checkSshd(const SshdRun &run);
 
-// Whether local users can have addresses banned by fail2ban's jail for SSH, where output is what "fail2ban-client get sshd
-// journalmatch" prints, on a server whose journal is volatile and so in one with that of its users.
+// Whether local users can have addresses banned by fail2ban's jail for SSH, where output is what "fail2ban-client get
+// sshd journalmatch" prints, on a server whose journal is volatile and so in one with that of its users.
 QList<Finding> checkSshdJail(const QByteArray &output);
 
 // Whether apt-get waits for the lock of the packages, where value is what apt-config calls DPkg::Lock::Timeout: long
