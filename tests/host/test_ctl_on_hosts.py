@@ -86,7 +86,7 @@ FAULTS = {
         ["sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: Missing privilege separation "
          "directory: /run/sshd"]),
     "PostgreSQL is down": (
-        "systemctl stop postgresql",
+        "systemctl stop 'postgresql@*' postgresql",  # the latter alone does not wait for the server
         ["the service postgresql does not run: it is dead", "PostgreSQL cannot be asked: psql: error: connection to server on "
          "socket \"/var/run/postgresql/.s.PGSQL.5432\" failed: No such file or directory Is the server running locally and "
          "accepting connections on that socket?"]),
