@@ -51,15 +51,33 @@ def test_a_link_in_a_folders_place(host, account, victim, folder):
     before = victim()
     assert host.ssh(account, f"mv {folder} {folder}.old && ln -s {VICTIM} {folder}").code == 0
     replies = everything(host, account)
-    if folder == ".ssh":
-        assert replies["getKeys"] == {"ok": True, "keys": ""}
-        assert replies["setKeys"] == {"ok": False, "error": "authorized_keys is not a regular file"}
+    if folder == ".ssh":  # followed, as sshd follows it, with the account's own rights
+        assert replies["getKeys"] == {"ok": True, "keys": "theirs\n"}
+        assert replies["setKeys"]["error"].startswith("runuser failed: chmod: ")
     assert replies["delete"]["ok"] is True
     assert victim() == before
     assert not host.exists(account.home)
 
 
-@pytest.mark.parametrize("make", ["mkfifo", "mkdir", f"ln -s {VICTIM}/file", "ln -s none", "ln -s /dev/zero"])
+def test_an_authorized_keys_that_leads_to_what_is_not_the_accounts(host, account, victim):
+    before = victim()
+    assert host.ssh(account, f"ln -sf {VICTIM}/authorized_keys .ssh/authorized_keys").code == 0
+    replies = everything(host, account)
+    assert replies["getKeys"] == {"ok": True, "keys": "theirs\n"}
+    assert replies["setKeys"]["error"].startswith("runuser failed: tee: ")
+    assert replies["delete"]["ok"] is True
+    assert victim() == before
+
+
+def test_keys_behind_a_link_let_their_owner_in(host, account):
+    assert host.ssh(account, "mkdir keys && mv .ssh/authorized_keys keys/ && ln -s ../keys/authorized_keys .ssh/").code == 0
+    key = account.key.with_suffix(".pub").read_text()
+    assert host.request("hosting.getKeys", username=account.name)["keys"].strip() == key.strip()
+    assert host.request("hosting.setKeys", username=account.name, keys=key) == {"ok": True, "count": 1}
+    assert host.ssh(account, "readlink .ssh/authorized_keys").out == "../keys/authorized_keys\n"
+
+
+@pytest.mark.parametrize("make", ["mkfifo", "mkdir", "ln -s /dev/zero", "ln -s ../public_html"])
 def test_an_authorized_keys_that_is_no_file(host, account, victim, make):
     before = victim()
     assert host.ssh(account, f"rm .ssh/authorized_keys && {make} .ssh/authorized_keys").code == 0
