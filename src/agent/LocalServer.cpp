@@ -84,6 +84,7 @@ QString LocalServer::listen(const QString &path)
 Fd LocalServer::accept()
 {
     for (;;) {
+        // cppcheck-suppress nullPointer ; nobody asks for the address
         Fd client(::accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC));
         // A signal, or a client that has given up meanwhile, says nothing of the next one.
         if (client || (errno != EINTR && errno != ECONNABORTED))

@@ -134,6 +134,7 @@ Conversation converse(int client, int server)
 // The one connection, from a program of the system user postgres. The folder lets no other in; this looks once more.
 Fd acceptFrom(int listener, uid_t reader)
 {
+    // cppcheck-suppress nullPointer ; nobody asks for the address
     Fd client(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
     ucred peer = {};
     socklen_t size = sizeof peer;
