@@ -15,7 +15,6 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
-#include <QTimer>
 
 #include <algorithm>
 #include <cerrno>
@@ -157,6 +156,8 @@ Agent::Agent(quint32 allowedUid, QStringList services, backup::Config backups, Q
 
 bool Agent::listen(const QString &path, const QString &group)
 {
+    m_acceptAgain.setSingleShot(true);
+    connect(&m_acceptAgain, &QTimer::timeout, this, [this] { m_readiness.setEvents(m_server.descriptor(), EPOLLIN); });
     const auto listener = [this](quint32) { onNewConnection(); };
     QString problem = m_server.listen(path);
     if (problem.isEmpty() && !m_readiness.add(m_server.descriptor(), Readiness::Turn::First, listener))
@@ -195,7 +196,7 @@ void Agent::onNewConnection()
 void Agent::acceptLater()
 {
     m_readiness.setEvents(m_server.descriptor(), 0);
-    QTimer::singleShot(kAcceptAgainMs, this, [this] { m_readiness.setEvents(m_server.descriptor(), EPOLLIN); });
+    m_acceptAgain.start(kAcceptAgainMs);
 }
 
 // Serves a client who may connect, and turns everybody else away without a word; so it does with one user's clients

@@ -9,6 +9,7 @@
 #include <QHash>
 #include <QObject>
 #include <QStringList>
+#include <QTimer>
 
 #include <functional>
 
@@ -43,6 +44,7 @@ private:
 
     LocalServer m_server;
     Readiness m_readiness;
+    QTimer m_acceptAgain;
     Budget m_budget;
     qsizetype m_places; // for clients of one user
     quint32 m_allowedUid;

@@ -1,7 +1,6 @@
 #include "agent/Connection.h"
 
 #include "agent/Budget.h"
-#include "agent/Readiness.h"
 #include "agent/Stop.h"
 
 #include <QDeadlineTimer>
@@ -35,13 +34,13 @@ constexpr qsizetype kMaxUnsent = 1'048'576;
 
 Connection::Connection(Fd socket, quint32 uid, Answerer answerer, Readiness *readiness, Budget *budget, QObject *parent)
     : QObject(parent), m_socket(std::move(socket)), m_answerer(std::move(answerer)), m_readiness(readiness),
-      m_budget(budget), m_number(budget->enter(uid, [this] {
+      m_budget(budget), m_turn(uid == 0 ? Readiness::Turn::First : Readiness::Turn::Usual),
+      m_number(budget->enter(uid, [this] {
           m_waits = false;
-          serveLater();
+          QMetaObject::invokeMethod(this, "serve", Qt::QueuedConnection);
       }))
 {
-    const Readiness::Turn turn = uid == 0 ? Readiness::Turn::First : Readiness::Turn::Usual;
-    if (m_readiness->add(m_socket.get(), turn, [this](quint32 events) { onReady(events); }))
+    if (m_readiness->add(m_socket.get(), m_turn, [this](quint32 events) { onReady(events); }))
         listenAsNeeded();
     else
         drop();
@@ -59,11 +58,10 @@ void Connection::onReady(quint32 events)
         receive();
 }
 
-// What has been read already is answered before more is read.
 void Connection::receive()
 {
     const qsizetype room = m_mayBeLong ? kReadSize : kShortLine - m_received.size();
-    if (m_servesLater || room <= 0)
+    if (room <= 0)
         return;
     std::array<char, kReadSize> chunk; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by recv
     const ssize_t count = ::recv(m_socket.get(), chunk.data(), static_cast<size_t>(room), MSG_DONTWAIT);
@@ -76,49 +74,35 @@ void Connection::receive()
     serve();
 }
 
-// Answers the next line that is complete, and leaves the one behind it to the event loop: clients take turns by the
-// line, however many of them one sends at a time.
+// Answers the lines that are complete, one after the other, then forgets them. Between two of them root has its turn,
+// however many one sends at a time.
 void Connection::serve()
 {
     if (m_dropped)
         return;
-    const bool canServe = mayServe();
-    const qsizetype length = canServe ? nextLineLength() : 0;
-    if (length > 0 && (m_mayBeLong || hasRoomFor(kReplyRoom))) {
+    bool lineLeft = true;
+    while (lineLeft && mayServe()) {
+        const qsizetype length = nextLineLength();
+        lineLeft = length > 0;
+        if (!lineLeft || !(m_mayBeLong || hasRoomFor(kReplyRoom)))
+            break;
         const QByteArray line = m_received.sliced(m_start, length);
         m_start += length;
         send(m_answerer(line));
         m_budget->hold(m_number, held());
-        serveLater();
-        return;
+        if (m_turn != Readiness::Turn::First)
+            m_readiness->giveFirstTurn();
     }
 
     forgetServed();
-    if (canServe && length == 0) {
-        if (m_received.size() > kMaxLine) {
-            drop();
-            return;
-        }
-        makeRoomForLine();
+    if (!lineLeft && m_received.size() > kMaxLine) {
+        drop();
+        return;
     }
+    if (!lineLeft)
+        makeRoomForLine();
     m_budget->hold(m_number, held());
     listenAsNeeded();
-}
-
-// Several calls of it are one.
-void Connection::serveLater()
-{
-    if (m_servesLater)
-        return;
-    m_servesLater = true;
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            m_servesLater = false;
-            m_readiness->giveFirstTurn();
-            serve();
-        },
-        Qt::QueuedConnection);
 }
 
 bool Connection::mayServe() const

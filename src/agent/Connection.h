@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/Readiness.h"
 #include "common/Fd.h"
 
 #include <QByteArray>
@@ -12,7 +13,6 @@ class QDeadlineTimer;
 namespace corv {
 
 class Budget;
-class Readiness;
 
 // One accepted client: reads request lines, hands each to the answerer and sends the reply line as soon as it is there.
 //
@@ -36,8 +36,7 @@ public:
 private:
     void onReady(quint32 events);
     void receive();
-    void serve();
-    void serveLater();
+    Q_INVOKABLE void serve();
     [[nodiscard]] bool mayServe() const;
     [[nodiscard]] bool hasRoomFor(qsizetype bytes);
     [[nodiscard]] qsizetype held() const;
@@ -53,6 +52,7 @@ private:
     Answerer m_answerer;
     Readiness *m_readiness;
     Budget *m_budget;
+    Readiness::Turn m_turn;
     quint64 m_number;            // the budget's, of this client
     quint32 m_awaited = 0;       // what the socket is watched for
     QByteArray m_received;       // bytes before m_start have been served
@@ -61,7 +61,6 @@ private:
     QByteArray m_unsent;         // replies that the client has not taken yet
     bool m_mayBeLong = false;    // there is room for a line of any length
     bool m_waits = false;        // for room in the budget
-    bool m_servesLater = false;  // the event loop will call
     bool m_peerFinished = false; // the client sends nothing more, but may still read
     bool m_dropped = false;
 };

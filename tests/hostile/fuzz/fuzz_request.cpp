@@ -130,8 +130,7 @@ void connection(const QByteArray &bytes)
         at += 1 + piece.size();
         sent += piece;
         require(writeAll(client.get(), piece), "a piece can be sent");
-        for (qsizetype turns = piece.count('\n'); turns >= 0; --turns) // one line in each
-            QCoreApplication::processEvents();
+        QCoreApplication::processEvents();
         answered += received(client.get());
 
         QByteArray wanted;
