@@ -26,6 +26,7 @@ def well(boot):
     host = boot()
     host.tenant = host.account()
     host.ok(["corvctl", "backup", "start", "--wait"])
+    host.ok(["corvctl", "database", "harden", "--write"])
     return host
 
 

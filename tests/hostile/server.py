@@ -14,6 +14,15 @@ KEY = "ssh-ed25519 " + "A" * 68 + " alice@home"
 SITE = f"/etc/apache2/sites-available/corv-{NAME}.conf"
 ENABLED = f"/etc/apache2/sites-enabled/corv-{NAME}.conf"
 POOL = f"/etc/php/8.2/fpm/pool.d/corv-{NAME}.conf"
+# As much of it as the doctor holds against what it should be.
+FENCES = f"""user = {NAME}
+group = {NAME}
+listen = /run/php/corv-{NAME}.sock
+listen.owner = www-data
+listen.group = www-data
+listen.mode = 0660
+php_admin_value[open_basedir] = /home/{NAME}/
+"""
 HOME = f"/home/{NAME}"
 DATABASES = "/var/lib/postgresql/fake"
 BACKUP = "2025-03-09_031500"
@@ -109,7 +118,7 @@ def add_account(sandbox):
     sandbox.write(f"{DATABASES}/role.{NAME}", "LOGIN\n", 0o600, "postgres:postgres")
     sandbox.write(f"{DATABASES}/db.{NAME}", "its data\n", 0o600, "postgres:postgres")
     sandbox.write(SITE, "the site\n")
-    sandbox.write(POOL, "the pool\n")
+    sandbox.write(POOL, FENCES)
     sandbox.symlink(ENABLED, f"../sites-available/corv-{NAME}.conf")
 
 

@@ -112,8 +112,9 @@ public:
     {
         if (!open())
             return false;
-        const QByteArray newName = QByteArray::number(++m_count) + '-' +
-                                   QByteArray(name).first(std::min<qsizetype>(qstrlen(name), kKeptNameBytes));
+        const QByteArray newName =
+            QByteArray::number(++m_count) + '-' +
+            QByteArray(name).first(std::min(static_cast<qsizetype>(qstrlen(name)), kKeptNameBytes));
         if (::renameat2(folder, name, m_folder.get(), newName.constData(), RENAME_NOREPLACE) == 0) {
             (void)own(m_folder.get(), newName.constData(), owner);
             return true;

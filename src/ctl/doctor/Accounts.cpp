@@ -287,12 +287,11 @@ bool letsMoreIn(const QByteArray &pool, const QString &account)
                                        u"listen.mode"_s,
                                        u"php_admin_value[open_basedir]"_s};
     const QByteArrayList lines = pool.split('\n');
-    for (const QByteArray &line : hosting::pool(account).split('\n')) {
+    const QByteArrayList wanted = hosting::pool(account).split('\n');
+    return std::any_of(wanted.cbegin(), wanted.cend(), [&](const QByteArray &line) {
         const QString key = QString::fromUtf8(line).section(u" = "_s, 0, 0);
-        if (fences.contains(key) && !lines.contains(line))
-            return true;
-    }
-    return false;
+        return fences.contains(key) && !lines.contains(line);
+    });
 }
 
 QString accountOfFile(const QString &fileName)
