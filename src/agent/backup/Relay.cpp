@@ -165,12 +165,17 @@ void work(Fd &listener, uid_t reader, const QByteArray &socket, int report)
     tell(report, told.isOver && !told.isBroken ? kWhole : kBroken, told.complaint);
 }
 
+void removeSocket()
+{
+    (void)::unlink(kSocket);
+    (void)::rmdir(kFolder);
+}
+
 // The socket, which the reader alone can connect to, in a folder where root alone can change anything.
 bool listenAt(const sockaddr_un &address, const passwd &reader, Fd *listener)
 {
     (void)::mkdir(kParent, kParentMode); // the service manager makes it before
-    (void)::unlink(kSocket);
-    (void)::rmdir(kFolder);
+    removeSocket();                      // of a process that was killed
     *listener = Fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     // Closed to everybody until the socket in it is the reader's.
     return *listener && ::mkdir(kFolder, 0) == 0 &&
@@ -192,15 +197,19 @@ QString openRelay(const QString &user, Lesser *relay)
     if (!reader)
         return {}; // there is nobody whom pg_restore could run as
     Fd listener;
-    if (!listenAt(address, *reader, &listener))
+    if (!listenAt(address, *reader, &listener)) {
+        removeSocket();
         return u"cannot make the way to PostgreSQL in %1"_s.arg(QString::fromLatin1(kFolder));
+    }
 
     const uid_t uid = reader->pw_uid;
     const QByteArray socket = postgres::serverSocket();
     *relay = startLesser(user.toLocal8Bit(), listener.get(), kSeconds,
                          [&](int report) { work(listener, uid, socket, report); });
-    if (relay->id < 0)
+    if (relay->id < 0) {
+        removeSocket();
         return u"cannot start the way to PostgreSQL"_s;
+    }
     return {};
 }
 
@@ -218,8 +227,7 @@ Passage closeRelay(Lesser *relay)
     // With nobody there it would wait for ever.
     const bool isUsed = hasReported(*relay);
     const QByteArray report = endOf(*relay, isUsed ? kEndMs : 0, kReportBytes + 2);
-    (void)::unlink(kSocket);
-    (void)::rmdir(kFolder);
+    removeSocket();
 
     if (!isUsed)
         return {};
