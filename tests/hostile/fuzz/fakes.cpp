@@ -66,6 +66,11 @@ QString runWith(const QString &program, const QStringList &args, const Streams &
     return run(program, args, streams.input, streams.output, {});
 }
 
+QString runInHomes(const QString &program, const QStringList &args, QByteArray *out)
+{
+    return run(program, args, {}, out, {});
+}
+
 QString asUser(const QString &user, const QStringList &args, const QByteArray &input, QByteArray *out)
 {
     return run(u"runuser"_s, QStringList{u"-u"_s, user, u"--"_s} + args, input, out);
@@ -81,7 +86,7 @@ QString joined(QStringList messages)
 
 namespace corv {
 
-Outcome runWithin(int, const QString &program, const QStringList &args)
+Outcome runWithin(int, const QString &program, const QStringList &args, const QMap<QString, QString> &)
 {
     const auto [failed, text] = fuzz::answer(program, args, {});
     return {true, !failed, text, {}};
