@@ -79,6 +79,7 @@ Command doctorCommand();
 Command fileCommand();
 Command firewallCommand();
 Command hostCommand();
+Command notifyCommand();
 Command proxyCommand();
 Command quotaCommand();
 Command serviceCommand();

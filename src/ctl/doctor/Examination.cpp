@@ -12,12 +12,14 @@
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/Modules.h"
+#include "ctl/doctor/Notify.h"
+#include "ctl/doctor/Updates.h"
 
 #include <QDateTime>
 #include <QFile>
 #include <QJsonArray>
 #include <QSettings>
-#include <QSysInfo>
 
 #include <algorithm>
 
@@ -155,16 +157,6 @@ Check checkFormer()
             ctl::checkFormer(readFormer())};
 }
 
-// The name of the package that brings the kernel's quota modules to some members of the family, and whether it can be
-// had. apt-cache keeps what it computes in files of its own, which it is kept from here.
-bool hasModulesPackage(const QString &name)
-{
-    return installed(name) ||
-           !runTool(u"apt-cache"_s, {u"-o"_s, u"Dir::Cache::pkgcache="_s, u"-o"_s, u"Dir::Cache::srcpkgcache="_s,
-                                     u"show"_s, u"--no-all-versions"_s, name})
-                .output.isEmpty();
-}
-
 Check checkQuota()
 {
     const quota::Mount home = quota::homeMount();
@@ -175,8 +167,8 @@ Check checkQuota()
     state.hasPackage = installed(quota::kQuotaPackage);
     state.enabled = state.hasPackage && quota::enabled();
     state.isInFstab = asksForQuotas(textOf(u"/etc/fstab"_s).value_or(QByteArray()), state.mount);
-    state.modulesPackage = u"linux-modules-extra-"_s + QSysInfo::kernelVersion();
-    state.hasModules = state.enabled || !state.supported || hasModulesPackage(state.modulesPackage);
+    state.modulesPackage = modulesPackage();
+    state.hasModules = state.enabled || !state.supported || canHaveModulesPackage() || kernelHasQuotas();
     const QString word = state.enabled ? u"on"_s : state.supported ? u"off"_s : u"not to be had"_s;
     return {u"quotas"_s, u"%1, %2 on %3"_s.arg(word, state.type, state.mount), ctl::checkQuota(state)};
 }
@@ -188,6 +180,21 @@ Check checkApt()
     const QString seconds = QString::fromUtf8(value).trimmed();
     return {u"apt"_s, u"waits %1 s for its lock"_s.arg(seconds.isEmpty() ? u"0"_s : seconds),
             checkLockTimeout(seconds)};
+}
+
+Check checkUpdates()
+{
+    const bool isOn = isAutomatic();
+    return {u"updates"_s, isOn ? u"automatic"_s : u"not automatic"_s,
+            isOn ? checkAutomatic(readAutomatic()) : QList<Finding>()};
+}
+
+Check checkNotify(const QSettings &settings, const QJsonObject &backups)
+{
+    const Ways ways = waysIn(settings);
+    const QString to = (ways.mail + ways.command.mid(0, 1)).join(", "_L1);
+    return {u"notify"_s, to.isEmpty() ? u"nobody"_s : to,
+            ctl::checkNotify(ways, missingFor(ways), failures(), backups, QDateTime::currentSecsSinceEpoch())};
 }
 
 Check checkFolders(const QSettings &settings, const QString &destination)
@@ -255,8 +262,10 @@ QList<Check> examine(const QString &settingsPath)
             checkFormer(),
             checkQuota(),
             checkApt(),
+            checkUpdates(),
             checkFolders(settings, backups.value("destination"_L1).toString()),
             checkBackups(backups),
+            checkNotify(settings, backups),
             checkHomes(users.accounts, backups)};
 }
 
