@@ -17,6 +17,7 @@ SITE = "/etc/apache2/sites-available/corv-alice.conf"
 ENABLED = "/etc/apache2/sites-enabled/corv-alice.conf"
 POOL = "/etc/php/8.2/fpm/pool.d/corv-alice.conf"
 BACKUPS = "/var/backups/corvane/auto"
+FAILURES = "/var/lib/corvane/failures"
 UNIT = "LoadState,ActiveState,SubState,UnitFileState"
 
 
@@ -56,7 +57,9 @@ def back_up(sandbox, age=3600, **manifest):
 @pytest.fixture
 def well(sandbox):
     """A sandbox whose stand-ins tell of a server that is well and has the account alice."""
-    sandbox.settings(agent_allowed_user="corv-web", agent_socket_group="corv-web")
+    sandbox.settings(agent_allowed_user="corv-web", agent_socket_group="corv-web", notify_mail="root")
+    sandbox.answer("sendmail")
+    sandbox.mkdir(FAILURES)
     answer_unit(sandbox, "corv-agent.service")
     answer_unit(sandbox, "corv-backup.timer", SubState="waiting")
     block = "LoadState=loaded\nActiveState=active\nSubState=running\n"
@@ -117,9 +120,11 @@ ok      accounts    1, PHP 8.2
 ok      ids         0 of deleted accounts kept
 ok      quotas      on, ext4 on /home
 ok      apt         waits 120 s for its lock
+ok      updates     automatic
 ok      folders     run, transfer, backups
 ok      backups     1 in {BACKUPS}, the last one
                     {last}
+ok      notify      root
 ok      homes       sizes
 
 sandbox: 0 faults, 0 notes
@@ -219,6 +224,11 @@ def old_backup(box):
 def failed_backup(box):
     no_backup(box)
     back_up(box, errors=["alice database: runuser failed: pg_dump: error: \x1b[31m"])
+
+
+def keep_failure(box, unit="corv-renew.service", age=7230):
+    when = time.time() - age
+    os.utime(box.write(f"{FAILURES}/{unit}", "x"), (when, when))
 
 
 def large_home(box):
@@ -337,6 +347,20 @@ FAULTS = {
         lambda box: box.path("/run/corvane/agent.sock").chmod(0o666), "folders",
         "the agent's /run/corvane/agent.sock is root:corv-web 0666 instead of root:corv-web 0660",
         "systemctl restart corv-agent"),
+    "automatic updates have no package": (
+        lambda box: box.answer("dpkg-query", "-W", "*", "unattended-upgrades", exit=1), "updates",
+        "automatic security updates are on, but nothing installs them: there is no package unattended-upgrades",
+        "apt-get install -y unattended-upgrades"),
+    "automatic updates have no timer": (
+        lambda box: answer_unit(box, "apt-daily-upgrade.timer", ActiveState="inactive"), "updates",
+        "automatic security updates are on, but nothing starts them: apt-daily-upgrade.timer is off",
+        "systemctl unmask apt-daily-upgrade.timer && systemctl enable --now apt-daily-upgrade.timer"),
+    "a failure was kept": (
+        keep_failure, "notify", "corv-renew.service failed 2 h 0 min ago and has not succeeded since",
+        "systemctl start corv-renew.service"),
+    "nobody can be mailed": (
+        lambda box: box.remove_standin("sendmail"), "notify",
+        "failures are to be mailed to root, but there is no program sendmail", "apt-get install -y default-mta"),
     "there is no backup": (no_backup, "backups", "there is no backup yet", "corvctl backup start --wait"),
     "no backup is planned": (
         lambda box: answer_unit(box, "corv-backup.timer", ActiveState="inactive"),
@@ -357,6 +381,8 @@ TOGETHER = [
     ["accounts are not kept apart", "panel database is missing", "pool is put aside", "account is only a user"],
     ["account has no database", "user is locked"],
     ["domain is none", "account has no role"],
+    ["automatic updates have no package", "a failure was kept"],
+    ["automatic updates have no timer", "nobody can be mailed"],
 ]
 
 
@@ -396,6 +422,33 @@ def test_finds_no_room_for_the_next_backup(well):
     assert [finding[2:] for finding in findings] == [
         ("only 0.0 GiB are free at /srv/backups, and the next backup needs 1.0 GiB", "df -h /srv/backups"),
         ("there is no backup yet", "corvctl backup start --wait")]
+
+
+def test_tells_a_failed_backup_that_left_none_and_whether_anybody_heard_of_it(well):
+    well.settings(agent_allowed_user="corv-web", agent_socket_group="corv-web")
+    keep_failure(well, "corv-backup.service", 600)
+    back_up(well, age=7200)
+    assert doctor(well) == (1, [
+        ("fault", "notify", "corv-backup.service failed 10 min ago and has not succeeded since; nobody was told, since the "
+         "settings have no [notify]", "corvctl backup start --wait")])
+
+
+def test_tells_a_failed_backup_that_left_one_by_its_errors_alone(well):
+    failed_backup(well)
+    keep_failure(well, "corv-backup.service", 3590)
+    assert [check for _, check, *_ in doctor(well)[1]] == ["backups"]
+
+
+def test_finds_what_is_of_no_use_in_the_ways_to_tell(well):
+    well.settings('[agent]\nallowed_user=corv-web\nsocket_group=corv-web\n[notify]\n'
+                  'mail=root, -oQ/tmp, a@b@c\ncommand=/tmp/open --x\n')
+    well.write("/tmp/open", "#!/bin/sh\n", 0o757)
+    use = "nobody can be told of a failed backup so: the setting"
+    mend = "editor /etc/corvane/corvane.ini; corvctl notify test"
+    assert doctor(well) == (1, [
+        ("fault", "notify", f"{use} mail has '-oQ/tmp', which is no user and no address", mend),
+        ("fault", "notify", f"{use} mail has 'a@b@c', which is no user and no address", mend),
+        ("fault", "notify", f"{use} command is of no use: /tmp/open can be changed by others than root", mend)])
 
 
 def test_notes_fail_nothing(well):
