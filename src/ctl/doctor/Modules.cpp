@@ -6,6 +6,8 @@
 #include <QFile>
 #include <QSysInfo>
 
+#include <algorithm>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
@@ -22,7 +24,7 @@ bool lists(const QString &file, const QByteArray &module)
         return false;
     const QList<QByteArray> lines = list.read(kLongestList).split('\n');
     return std::any_of(lines.cbegin(), lines.cend(), [&module](const QByteArray &line) {
-        return line.left(line.indexOf(':')).contains('/' + module + ".ko");
+        return line.split(':').first().contains('/' + module + ".ko");
     });
 }
 
