@@ -181,3 +181,24 @@ def test_the_agent_does_not_care_who_is_told(sandbox):
 def test_a_backup_is_made_whoever_is_told(sandbox):
     sandbox.settings('[notify]\nmail=a,b\n[backup]\ndestination=/srv/auto\n')
     assert sandbox.run_agent("--backup")[0] == 0
+
+
+def test_another_server_tries_its_own_ways(server):
+    outcome = {"ok": False, "problems": ["a\x1b"], "told": [{"way": "mail", "to": "root", "problem": "x\ny"}]}
+    server.answer("ssh", out=json.dumps(outcome) + "\n", exit=1)
+    assert corvctl(server, "-H", "web1", "--plain", "notify", "test") == (1, "mail\troot\tx y\n", "corvctl: a\\x1b\n")
+    assert server.argvs("ssh") == [["ssh", "-T", "--", "web1", "corvctl", "notify", "test", "--json"]]
+    assert server.calls("sendmail") == []
+
+
+@pytest.mark.parametrize("answer, complaint", [
+    ({"exit": 127, "err": "bash: corvctl: command not found\n"}, "web1: corvctl is not installed there"),
+    ({"out": "Welcome!\n"}, "what answers there is no corvctl of this kind")])
+def test_another_server_that_cannot_tell_is_said(server, answer, complaint):
+    server.answer("ssh", **answer)
+    assert corvctl(server, "-H", "web1", "notify", "test") == (3, "", f"corvctl: {complaint}\n")
+
+
+def test_a_failure_is_told_on_its_own_server_alone(server):
+    assert corvctl(server, "-H", "web1", "notify", "send", UNIT) == (
+        2, "", "corvctl: this works on the server itself, and asks its agent for nothing\n")

@@ -150,3 +150,42 @@ def test_only_the_package_is_made_for_a_corvctl_elsewhere(debian):
     assert corvctl(debian, "quota", "enable", "--prepare") == (
         0, f"made and installed {PACKAGE}, an empty package: this kernel has quota_v2 itself\n", "")
     assert not [argv for argv in debian.argvs() if argv[0] == "env"]
+
+
+# On another server, through an ssh that is a stand-in: it runs the command here.
+
+
+@pytest.fixture
+def over_ssh(debian):
+    debian.answer("ssh", shell='shift 3; PATH=/standins/bin:$PATH exec "$@"')
+    debian.allows_loose_calls("ssh")
+    return debian
+
+
+def test_the_package_is_made_on_the_other_server(over_ssh):
+    over_ssh.logs(ASKED)
+    code, _, err = corvctl(over_ssh, "-H", "web1", "quota", "enable")
+    assert (code, err) == (0, f"corvctl: made and installed {PACKAGE}, an empty package: this kernel has quota_v2 itself\n")
+    assert over_ssh.argvs("ssh") == [
+        ["ssh", "-T", "--", "web1", "corvctl", "quota", "enable", "--prepare", "--plain"],
+        ["ssh", "-T", "--", "web1", "corvctl", "proxy"]]
+
+
+def test_a_server_whose_corvctl_makes_no_packages_is_asked_all_the_same(over_ssh):
+    over_ssh.logs(ASKED)
+    over_ssh.answer("ssh", "-T", "--", "web1", "corvctl", "quota", ..., exit=2, err="--prepare: no such option\n")
+    assert corvctl(over_ssh, "-H", "web1", "quota", "enable")[0] == 0
+    assert over_ssh.argvs("dpkg") == []
+
+
+@pytest.mark.parametrize("answer, code", [
+    ({"out": "Package: unattended-upgrades\nStatus: install ok installed\nPriority: optional\n"}, 0),
+    ({"out": "Package: unattended-upgrades\nStatus: deinstall ok config-files\n"}, 1),
+    ({"exit": 1, "err": "dpkg-query: package 'unattended-upgrades' is not installed and no information is available\n"}, 1),
+    ({"out": ""}, 0),  # a key that is good for the proxy alone
+], ids=["installed", "removed", "unknown", "not told"])
+def test_automatic_updates_of_another_server_need_their_package_there(over_ssh, answer, code):
+    if code == 0:
+        over_ssh.logs("agent: uid 0 ran updates.automatic -> ok")
+    over_ssh.answer("ssh", "-T", "--", "web1", "dpkg-query", "-s", "unattended-upgrades", **answer)
+    assert corvctl(over_ssh, "-H", "web1", "update", "automatic", "on")[0] == code
