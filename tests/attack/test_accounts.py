@@ -1,8 +1,6 @@
 """Attempts of a tenant whose account is deleted or suspended to stay, and to become the tenant who comes after. --unguarded is for
 a package from before what stops them (CORV_PACKAGE names it): each gets through there."""
 
-import time
-
 import pytest
 
 LIMIT = 300
@@ -139,8 +137,8 @@ def test_a_swarm_that_forks_faster_than_one_can_look_ends_too(host, account, gua
     leave_running(host, account, "exec python3 -c '\nimport os, signal\nsignal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
                                  "while True:\n    if os.fork():\n        os._exit(0)\n'\n")
     host.request("hosting.suspend", username=account.name)
-    time.sleep(0.2)  # it would have gone through hundreds of processes by now
-    assert bool(processes(host, uid)) is not guarded
+    # One of them may hide from a single look by ending within it.
+    assert any(processes(host, uid) for _ in range(20)) is not guarded
     for _ in range(0 if guarded else 50):
         host.run(["sh", "-c", f"systemctl kill -s KILL user-{uid}.slice; pkill -KILL -U {uid}"])
 
