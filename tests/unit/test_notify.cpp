@@ -10,7 +10,7 @@
 using namespace Qt::Literals::StringLiterals;
 using namespace corv::ctl;
 
-class TestCtlNotify : public QObject
+class TestNotify : public QObject
 {
     Q_OBJECT
 
@@ -120,5 +120,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestCtlNotify)
-#include "test_ctl_notify.moc"
+QTEST_GUILESS_MAIN(TestNotify)
+#include "test_notify.moc"
