@@ -2,6 +2,7 @@
 
 #include "ctl/Command.h"
 #include "ctl/Session.h"
+#include "ctl/commands/AccountSites.h"
 #include "ctl/screen/Table.h"
 
 using namespace Qt::Literals::StringLiterals;
@@ -10,6 +11,10 @@ namespace corv::ctl {
 
 int createAccount(Session &session, const Given &given)
 {
+    if (const std::optional<int> end =
+            refuseTaken(session, given.text("DOMAIN"), given.text("ACCOUNT"), given.has("--force")))
+        return *end;
+
     QJsonObject args = accountIn(given);
     args.insert(u"domain"_s, given.text("DOMAIN"));
     if (given.has("--key-file") && !addSource(session, given.text("--key-file"), u"sshKey"_s, &args))

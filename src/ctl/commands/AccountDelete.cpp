@@ -5,6 +5,7 @@
 #include "ctl/Command.h"
 #include "ctl/Input.h"
 #include "ctl/Session.h"
+#include "ctl/commands/AccountSites.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
@@ -52,6 +53,8 @@ std::optional<int> liftObstacles(const QList<Obstacle> &obstacles, bool isWanted
 int deleteAccount(Session &session, const Given &given)
 {
     const QString name = given.text("ACCOUNT");
+    const QStringList beside = findSitesBeside(session, name);
+    warnOfSites(beside, name);
     const std::optional<QString> typed = confirmation(
         session, u"This deletes the account, its files and its database. Type %1 to go on:"_s.arg(escaped(name)));
     if (!typed)
@@ -62,6 +65,8 @@ int deleteAccount(Session &session, const Given &given)
         return *end;
 
     const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
+    if (answer.ok())
+        tellOfSitesLeft(session, beside);
     const QString archive = answer.reply.value("archive"_L1).toString();
     if (const std::optional<int> end = settled(session, answer)) {
         if (!archive.isEmpty() && !session.options.json)

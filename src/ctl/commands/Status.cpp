@@ -4,6 +4,7 @@
 #include "common/Json.h"
 #include "ctl/Command.h"
 #include "ctl/Session.h"
+#include "ctl/commands/StatusHere.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Wrap.h"
@@ -257,15 +258,19 @@ int status(Session &session, const Given &)
     }
     if (session.options.printOnly)
         return kDone;
+    const QJsonObject here = readHere(session);
     if (session.options.json) {
+        if (!here.isEmpty())
+            replies.insert(u"here"_s, here);
         const QByteArray line = compactJson(replies);
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
         return kDone;
     }
 
     const bool isHere = session.options.hosts.empty();
-    const QList<StatusLine> lines =
+    QList<StatusLine> lines =
         statusLines(replies, isHere ? std::optional(accountsHere()) : std::nullopt, QDateTime::currentSecsSinceEpoch());
+    addHere(here, &lines);
     if (session.options.plain)
         showPlain(lines);
     else
