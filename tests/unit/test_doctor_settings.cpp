@@ -133,7 +133,7 @@ private Q_SLOTS:
                                   service(u"postgresql"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                   service(u"fail2bn"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                   service(u"unheard-of"_s, u"not-found"_s, u"inactive"_s, u"dead"_s)},
-                                 u"8.2"_s, {u"fail2ban"_s, u"ssh"_s}, kFile)),
+                                 u"8.2"_s, {u"fail2ban"_s, u"ssh"_s}, {kFile, {u"fail2bn"_s, u"unheard-of"_s}})),
             (QStringList{
                 u"fault|the service php8.2-fpm does not run: it is failed|systemctl reset-failed php8.2-fpm; systemctl "
                 u"start "
@@ -153,7 +153,7 @@ private Q_SLOTS:
     {
         QCOMPARE(checkServices({service(u"postgresq"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                 service(u"postgresql"_s, u"loaded"_s, u"active"_s, u"exited"_s)},
-                               u"8.2"_s, {u"postgresql"_s}, kFile)
+                               u"8.2"_s, {u"postgresql"_s}, {kFile, {u"postgresq"_s, u"postgresql"_s}})
                      .value(0)
                      .mend,
                  u"editor /etc/corvane/corvane.ini"_s);

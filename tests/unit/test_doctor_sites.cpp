@@ -244,7 +244,7 @@ private Q_SLOTS:
         QCOMPARE(
             asText(checkSites(hosts, {{u"alice"_s, u"example.org"_s, false}, {u"bobby"_s, u"example.org"_s, false}},
                               {u"alice"_s, u"bobby"_s})),
-            QStringList{u"fault|the sites corv-alice and corv-bobby both answer to example.org, www.example.org; its "
+            QStringList{u"fault|the sites corv-alice and corv-bobby both answer to example.org, www.example.org; "
                         "visitors get those of corv-alice|grep -inE 'Server(Name|Alias)' "
                         "/etc/apache2/sites-enabled/corv-alice.conf /etc/apache2/sites-enabled/corv-bobby.conf"_s});
     }
@@ -256,7 +256,7 @@ private Q_SLOTS:
         const QList<VirtualHost> own = siteOf(u"alice"_s, u"example.org"_s);
         QCOMPARE(
             checkSites(parseSite(u"all"_s, all) + own, accounts, {u"alice"_s}).value(0).problem,
-            u"the sites all and corv-alice both answer to example.org, www.example.org; its visitors get those of all"_s);
+            u"the sites all and corv-alice both answer to example.org, www.example.org; visitors get those of all"_s);
         QCOMPARE(checkSites(own + parseSite(u"zz-all"_s, all), accounts, {u"alice"_s}).size(), 0);
     }
 
@@ -307,6 +307,10 @@ private Q_SLOTS:
                                           << false << u"204 other asked -"_s;
         QTest::newRow("only something before") << QByteArray("HTTP/1.1 103 Early Hints\r\n\r\n") << true << later;
         QTest::newRow("Apache's own page") << kApaches << false << u"503 own asked -"_s;
+        QTest::newRow("Apache's own page as newer ones write it")
+            << QByteArray(kApaches).replace("\"-//IETF//DTD HTML 2.0//EN\"",
+                                            "\"-//W3C//DTD HTML 4.01//EN\" \"http://www.w3.org/TR/html4/strict.dtd\"")
+            << false << u"503 own asked -"_s;
         QTest::newRow("page still to come") << kApaches.left(70) << false << later;
         QTest::newRow("a page of its own")
             << QByteArray("HTTP/1.1 503 x\r\n\r\nclosed\n") << true << u"503 other asked -"_s;
@@ -453,7 +457,7 @@ private Q_SLOTS:
         QCOMPARE(
             asText(checkSights(sights, u"8.2"_s)),
             (QStringList{
-                u"fault|visitors of a.example, c.example see 503 Service Unavailable|systemctl reload-or-restart "
+                u"fault|visitors of a.example, c.example see 503 Service Unavailable|systemctl restart "
                 "php8.2-fpm"_s,
                 u"fault|visitors of d.example get no page from port 80: Connection refused|apache2ctl configtest && "
                 "systemctl restart apache2"_s,

@@ -11,14 +11,13 @@ namespace corv::ctl {
 
 int createAccount(Session &session, const Given &given)
 {
-    if (const std::optional<int> end =
-            refuseTaken(session, given.text("DOMAIN"), given.text("ACCOUNT"), given.has("--force")))
-        return *end;
-
     QJsonObject args = accountIn(given);
     args.insert(u"domain"_s, given.text("DOMAIN"));
     if (given.has("--key-file") && !addSource(session, given.text("--key-file"), u"sshKey"_s, &args))
         return kWrongUsage;
+    if (const std::optional<int> end =
+            refuseTaken(session, given.text("DOMAIN"), given.text("ACCOUNT"), given.has("--force")))
+        return *end;
 
     const Answer answer = ask(session, u"hosting.create"_s, args);
     if (const std::optional<int> end = settled(session, answer))

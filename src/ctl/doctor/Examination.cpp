@@ -65,7 +65,8 @@ Check checkSettings(const QSettings &settings, const QString &path)
 
 Check checkServices(const QSettings &settings, const QString &path, const QString &php)
 {
-    QStringList services = system::monitoredServices(settings);
+    const QStringList watched = system::monitoredServices(settings);
+    QStringList services = watched;
     for (const QString &needed : neededServices(php)) {
         if (!services.contains(needed))
             services.append(needed);
@@ -75,7 +76,7 @@ Check checkServices(const QSettings &settings, const QString &path, const QStrin
         return service.second.value(u"LoadState"_s) == "not-found"_L1;
     });
     return {u"services"_s, services.join(u' '),
-            ctl::checkServices(found, php, isKnown ? QStringList() : knownServices(), path)};
+            ctl::checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched})};
 }
 
 Check checkApache()

@@ -44,22 +44,22 @@ bool isOfPackages(const QString &service, const QString &php)
     return service == "apache2"_L1 || service == "postgresql"_L1 || service == u"php%1-fpm"_s.arg(php);
 }
 
-Finding noSuchUnit(const QString &service, const QList<Service> &services, const QStringList &known,
-                   const QString &settings)
+Finding noSuchUnit(const QString &service, const QStringList &known, const Watched &watched)
 {
     static const QRegularExpression plain(QRegularExpression::anchoredPattern(u"[A-Za-z0-9@_.-]+"_s));
     const QString meant = nearestName(service, known);
     // Where the name stands within another one of the list, no simple command changes the right one.
-    const auto holders = std::count_if(services.cbegin(), services.cend(),
-                                       [&](const Service &other) { return other.first.contains(service); });
+    const auto holders = std::count_if(watched.services.cbegin(), watched.services.cend(),
+                                       [&](const QString &other) { return other.contains(service); });
     if (meant.isEmpty() || holders > 1 || !plain.match(service).hasMatch()) {
         return {Level::Fault, u"the settings watch the service %1, but no unit has that name"_s.arg(service),
-                u"editor "_s + shellWord(settings)};
+                u"editor "_s + shellWord(watched.path)};
     }
-    return {Level::Fault,
-            u"the settings watch the service %1, but no unit has that name; %2 is meant"_s.arg(service, meant),
-            u"sed -i %1 %2 && systemctl restart corv-agent"_s.arg(
-                shellWord(u"/^[[:space:]]*services[[:space:]]*=/s/%1/%2/"_s.arg(service, meant)), shellWord(settings))};
+    return {
+        Level::Fault,
+        u"the settings watch the service %1, but no unit has that name; %2 is meant"_s.arg(service, meant),
+        u"sed -i %1 %2 && systemctl restart corv-agent"_s.arg(
+            shellWord(u"/^[[:space:]]*services[[:space:]]*=/s/%1/%2/"_s.arg(service, meant)), shellWord(watched.path))};
 }
 
 } // namespace
@@ -117,7 +117,7 @@ QStringList knownServices()
 }
 
 QList<Finding> checkServices(const QList<Service> &services, const QString &php, const QStringList &known,
-                             const QString &settings)
+                             const Watched &watched)
 {
     QList<Finding> findings;
     for (const auto &[name, unit] : services) {
@@ -128,7 +128,7 @@ QList<Finding> checkServices(const QList<Service> &services, const QString &php,
         const QString problem = u"the service %1 does not run: it is %2"_s.arg(name, exists ? unit.value(u"SubState"_s)
                                                                                             : u"not installed"_s);
         if (!exists && !isOfPackages(name, php)) {
-            findings.append(noSuchUnit(name, services, known, settings));
+            findings.append(noSuchUnit(name, known, watched));
         } else if (!exists) {
             findings.append({Level::Fault, problem, u"apt-get install -y "_s + shellWord(name)});
         } else if (state == "failed"_L1) {

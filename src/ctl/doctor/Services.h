@@ -24,9 +24,15 @@ QList<Service> readServices(const QStringList &names);
 // The names of all services for which there is a unit file.
 QStringList knownServices();
 
-// What is wrong with services, php being the PHP version in force, known what readServices and knownServices give, and
-// settings the path of the settings file that names some of them.
+// The settings file that names services, and those that it names.
+struct Watched
+{
+    QString path;
+    QStringList services;
+};
+
+// What is wrong with services, php being the PHP version in force, and known what knownServices gives.
 QList<Finding> checkServices(const QList<Service> &services, const QString &php, const QStringList &known,
-                             const QString &settings);
+                             const Watched &watched);
 
 } // namespace corv::ctl

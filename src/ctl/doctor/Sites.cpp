@@ -148,41 +148,62 @@ QString holderAt(const Place &place, const QString &name)
     return found == place.patterns.cend() ? QString() : found->second;
 }
 
-// The names, by the site that Apache serves and the one that it hides.
-QList<Finding> checkDoubleNames(const QList<VirtualHost> &hosts)
+// Two sites that answer to the same names: the one that Apache serves, and the one that it hides.
+struct Double
+{
+    QString first;
+    QString second;
+    QStringList names;
+};
+
+QList<Double> doublesIn(const QList<VirtualHost> &hosts)
 {
     QHash<QString, Place> places;
-    QList<std::pair<QString, QString>> pairs;
-    QHash<std::pair<QString, QString>, QStringList> doubled;
+    QList<Double> doubles;
     for (const VirtualHost &host : hosts) {
         for (const QString &listen : host.listens) {
             Place &place = places[listen];
             for (const QString &name : host.names) {
                 const QString holder = holderAt(place, name);
-                const std::pair<QString, QString> pair = {holder, host.site};
-                if (holder.isEmpty()) {
-                    place.names.insert(name, host.site);
-                } else if (holder != host.site && !doubled[pair].contains(name)) {
-                    doubled[pair].append(name);
-                    if (!pairs.contains(pair))
-                        pairs.append(pair);
-                }
                 if (isPattern(name))
                     place.patterns.append({name, host.site});
+                if (holder.isEmpty())
+                    place.names.insert(name, host.site);
+                if (holder.isEmpty() || holder == host.site)
+                    continue;
+                auto found = std::find_if(doubles.begin(), doubles.end(), [&](const Double &one) {
+                    return one.first == holder && one.second == host.site;
+                });
+                if (found == doubles.end())
+                    found = doubles.insert(doubles.end(), {holder, host.site, {}});
+                if (!found->names.contains(name))
+                    found->names.append(name);
             }
         }
     }
+    return doubles;
+}
 
+QList<Finding> checkDoubles(const QList<Double> &doubles)
+{
     QList<Finding> findings;
-    for (const auto &[first, second] : pairs) {
+    for (const Double &one : doubles) {
         findings.append(
             {Level::Fault,
-             u"the sites %1 and %2 both answer to %3; its visitors get those of %1"_s.arg(
-                 first, second, listed(doubled.value({first, second}))),
+             u"the sites %1 and %2 both answer to %3; visitors get those of %1"_s.arg(one.first, one.second,
+                                                                                      listed(one.names)),
              u"grep -inE 'Server(Name|Alias)' /etc/apache2/sites-enabled/%1 /etc/apache2/sites-enabled/%2"_s.arg(
-                 shellWord(first + u".conf"_s), shellWord(second + u".conf"_s))});
+                 shellWord(one.first + u".conf"_s), shellWord(one.second + u".conf"_s))});
     }
     return findings;
+}
+
+// Whether two sites are told of as doubles already.
+bool areDoubles(const QList<Double> &doubles, const QString &one, const QString &other)
+{
+    return std::any_of(doubles.cbegin(), doubles.cend(), [&](const Double &both) {
+        return (both.first == one && both.second == other) || (both.first == other && both.second == one);
+    });
 }
 
 // The sites that serve a user's home who is gone. Those that the agent has made are told of as leftovers.
@@ -268,9 +289,14 @@ QString disableSites(const QStringList &sites)
 
 QList<Finding> checkSites(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts, const QStringList &users)
 {
-    QList<Finding> findings = checkDoubleNames(hosts) + checkGone(hosts, users);
+    const QList<Double> doubles = doublesIn(hosts);
+    QList<Finding> findings = checkDoubles(doubles) + checkGone(hosts, users);
     for (const AccountSite &account : accounts) {
-        const QStringList beside = sitesBeside(hosts, account.name, account.domain);
+        QStringList beside = sitesBeside(hosts, account.name, account.domain);
+        if (!account.suspended) {
+            beside.removeIf(
+                [&](const QString &site) { return areDoubles(doubles, site, hosting::siteName(account.name)); });
+        }
         if (beside.isEmpty())
             continue;
         const bool isOne = beside.size() == 1;

@@ -85,7 +85,9 @@ QList<Group> groupsOf(const QList<SiteSight> &sights, Sight sight)
             continue;
         const QString seen = seenText(one);
         auto group = std::find_if(groups.begin(), groups.end(), [&](const Group &other) {
-            return other.seen == seen && other.port == one.port && other.isAccounts == one.isAccounts;
+            // A port without a server is the same for all.
+            const bool isServers = one.status == 0 && !one.isLate;
+            return other.seen == seen && other.port == one.port && (isServers || other.isAccounts == one.isAccounts);
         });
         if (group == groups.end())
             group = groups.insert(groups.end(),
@@ -177,7 +179,7 @@ QList<Finding> checkSights(const QList<SiteSight> &sights, const QString &php)
             findings.append({Level::Fault, u"visitors of %1 wait: %2"_s.arg(someOf(group.names), group.seen),
                              showLog(group.names[0])});
         } else if (group.isAccounts && !php.isEmpty()) {
-            findings.append({Level::Fault, problem, u"systemctl reload-or-restart php%1-fpm"_s.arg(php)});
+            findings.append({Level::Fault, problem, u"systemctl restart php%1-fpm"_s.arg(php)});
         } else {
             findings.append({Level::Fault, problem, QString(kShowServersLog)});
         }

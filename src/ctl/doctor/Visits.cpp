@@ -174,8 +174,9 @@ std::optional<Visited> readAnswer(const QByteArray &beginning, bool isAll)
         }
         if (status < kLowestError)
             return Visited{status, false, true, false, {}};
+        // Its releases name different versions of HTML.
         static const QRegularExpression own(
-            u"<!DOCTYPE HTML PUBLIC \"-//IETF//DTD HTML 2\\.0//EN\">\\s*<html><head>\\s*<title>(\\d+) "_s);
+            u"<!DOCTYPE HTML PUBLIC \"[^\"]*\"(?: \"[^\"]*\")?>\\s*<html><head>\\s*<title>(\\d+) "_s);
         const QRegularExpressionMatch title = page < 0 ? QRegularExpressionMatch() : own.match(text, page);
         if (!title.hasMatch() && !isAll)
             return {};
