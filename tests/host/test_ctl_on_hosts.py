@@ -97,7 +97,7 @@ FAULTS = {
         ["sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: Missing privilege separation "
          "directory: /run/sshd"]),
     "PostgreSQL is down": (
-        "systemctl stop 'postgresql@*' postgresql",  # the latter alone does not wait for the server
+        "systemctl stop CLUSTER postgresql",  # the latter alone does not wait for the server
         ["the service postgresql does not run: it is dead", "the service CLUSTER does not run: it is dead",
          "PostgreSQL cannot be asked: psql: error: connection to server on "
          "socket \"/var/run/postgresql/.s.PGSQL.5432\" failed: No such file or directory Is the server running locally and "
@@ -277,8 +277,8 @@ ROUNDS = [
     ["a pool was put aside and made anew", "a home is too large"],
     ["Apache is stopped", "a pool of nobody keeps PHP from starting", "a key of the settings is misspelt"],
     ["visitors see 503", "visitors see 502", "visitors see 503 of a program", "two accounts have one domain", "a site outlives its account",
-     "a watched service is misspelt", "the disk of the backups is not mounted"],
-    ["a site outlives a suspension"],
+     "a watched service is misspelt"],
+    ["a site outlives a suspension", "the disk of the backups is not mounted"],
 ]
 
 

@@ -214,9 +214,9 @@ void show(const Session &session, const QJsonObject &account)
     const QJsonArray keys = account.value("keys"_L1).toArray();
     for (const auto &value : keys) {
         const QJsonObject key = value.toObject();
-        facts.append(
-            {u"Key"_s, text(u"%1 %2 %3"_s.arg(key.value("type"_L1).toString(), key.value("fingerprint"_L1).toString(),
-                                              key.value("comment"_L1).toString()))});
+        facts.append({u"Key"_s, text(key.value("type"_L1).toString() + u' ' + key.value("comment"_L1).toString())});
+        // In a line of its own, where it fits whole.
+        facts.append({u"Fingerprint"_s, text(key.value("fingerprint"_L1).toString())});
     }
     if (keys.isEmpty())
         facts.append({u"Keys"_s, text(u"none"_s)});
