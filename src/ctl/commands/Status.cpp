@@ -4,6 +4,7 @@
 #include "common/Json.h"
 #include "ctl/Command.h"
 #include "ctl/Session.h"
+#include "ctl/commands/StatusHere.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Updates.h"
 #include "ctl/notify/Failures.h"
@@ -274,7 +275,10 @@ int status(Session &session, const Given &)
     }
     if (session.options.printOnly)
         return kDone;
+    const QJsonObject here = readHere(session);
     if (session.options.json) {
+        if (!here.isEmpty())
+            replies.insert(u"here"_s, here);
         const QByteArray line = compactJson(replies);
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
         return kDone;
@@ -285,6 +289,7 @@ int status(Session &session, const Given &)
     QList<StatusLine> lines = statusLines(replies, isHere ? std::optional(accountsHere()) : std::nullopt, now);
     if (isHere)
         addWhatIsKnownHere(replies, now, &lines);
+    addHere(here, &lines);
     if (session.options.plain)
         showPlain(lines);
     else
