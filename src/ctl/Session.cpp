@@ -121,6 +121,15 @@ int fail(int status, const QString &sentence, const QString &hint)
     return status;
 }
 
+int refuse(const Session &session, const QString &sentence, const QString &hint)
+{
+    if (session.options.json) {
+        const QByteArray line = compactJson({{u"ok"_s, false}, {u"error"_s, sentence}});
+        print((session.terminal.out ? escapedJson(line) : line) + '\n');
+    }
+    return fail(kRefused, sentence, hint);
+}
+
 void note(const QString &sentence)
 {
     complain(sentence, {});

@@ -120,7 +120,7 @@ ok      apt         waits 120 s for its lock
 ok      folders     run, transfer, backups
 ok      backups     1 in {BACKUPS}, the last one
                     {last}
-ok      homes       sizes
+ok      homes       sizes, what the web server reaches
 
 sandbox: 0 faults, 0 notes
 """

@@ -12,6 +12,7 @@
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/Reach.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -230,7 +231,8 @@ Check checkBackups(const QJsonObject &status)
 Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
-    Check check = {u"homes"_s, u"sizes"_s, ctl::checkHomes(sizes, status)};
+    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s, ctl::checkHomes(sizes, status)};
+    check.findings += checkReach(findOutOfReach(namesOf(accounts)));
     if (sizes.isEmpty() && !accounts.isEmpty())
         check.findings.append({Level::Note, u"the homes could not be measured within a minute"_s, u"du -sh /home/*"_s});
     return check;
