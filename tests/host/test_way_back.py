@@ -37,7 +37,7 @@ def access(host, folder="public_html"):
 
 
 def status(host, path):
-    return host.http(host.tenant.domain, path).status
+    return host.fetch(host.tenant.domain, path).status
 
 
 def in_place(host, *words):
@@ -55,7 +55,7 @@ def doctor(host):
 def answers_as_ever(host):
     assert [status(host, path) for path in ("/", "/shop/page.html", "/shop/index.php", "/shop/img/a.png", "/.env")] == [
         200, 200, 200, 200, 403]
-    assert host.http(host.tenant.domain, "/shop/index.php").body == "42"
+    assert host.fetch(host.tenant.domain, "/shop/index.php").body == "42"
 
 
 def test_a_broken_site_is_back_with_one_command(server):

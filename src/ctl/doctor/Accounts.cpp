@@ -3,6 +3,7 @@
 #include "common/Account.h"
 #include "common/Pool.h"
 #include "common/Site.h"
+#include "ctl/doctor/Remainders.h"
 
 #include <QRegularExpression>
 
@@ -32,18 +33,29 @@ QString domainOfSite(const AccountParts &account)
     return hosting::isStoredDomain(name) ? name : QString();
 }
 
-// What a creation or a deletion leaves that was cut off: a user alone. Everything else of it can only be guessed.
-bool isHalfThere(const AccountParts &account, const std::optional<Databases> &databases)
-{
-    return !account.site && account.pools.isEmpty() && account.parkedPools.isEmpty() && databases &&
-           !findRole(*databases, account.name) && !findDatabase(*databases, account.name);
-}
-
-Finding halfThere(const QString &name)
+// Everything else of it can only be guessed, so that the only way is on: to the end of a deletion.
+Finding halfThere(const QString &name, bool hasRole)
 {
     return {Level::Fault,
-            u"the account %1 is only half there: its user has no site, no pool, no role and no database"_s.arg(name),
-            u"tar -czf /root/%1-home.tar.gz -C /home %1 && userdel --remove %1"_s.arg(name)};
+            u"the account %1 is only half there: its user has no site, no pool%2 and no database"_s.arg(
+                name, hasRole ? QString() : u", no role"_s),
+            finishDeletion(name)};
+}
+
+// A deletion that ended while PostgreSQL dropped the database: its site and pools are gone by then, and its archives
+// are made.
+bool isHalfDeleted(const AccountParts &account, const std::optional<Databases> &databases)
+{
+    const Database *const database = databases ? findDatabase(*databases, account.name) : nullptr;
+    return database && database->isInvalid && !account.site && !account.archives.isEmpty();
+}
+
+Finding halfDeleted(const AccountParts &account)
+{
+    return {Level::Fault,
+            u"a deletion of the account %1 was cut off while its database was dropped; its archives are %2"_s.arg(
+                account.name, account.archives.join(u" and "_s)),
+            finishDeletion(account.name)};
 }
 
 bool hasDomain(const AccountParts &account)
@@ -254,7 +266,8 @@ QList<Finding> checkScratchDatabases(const Databases &databases)
     return findings;
 }
 
-// A role and a database as creation makes them, whose user is gone. A role alone may be anybody's.
+// A role and a database as creation makes them, whose user is gone. A role alone that has anything to do with other
+// databases may be anybody's; one that has not is what a creation or a deletion left that PostgreSQL ended.
 QList<Finding> checkOrphans(const Databases &databases, const QStringList &users)
 {
     QList<Finding> findings;
@@ -264,8 +277,14 @@ QList<Finding> checkOrphans(const Databases &databases, const QStringList &users
             continue;
         const Database *const database = findDatabase(databases, name);
         if (!database) {
-            findings.append({Level::Note, u"PostgreSQL has a role %1, but the server has no such user"_s.arg(name),
+            findings.append({role.isBare ? Level::Fault : Level::Note,
+                             u"PostgreSQL has a role %1, but the server has no such user"_s.arg(name),
                              u"runuser -u postgres -- dropuser %1"_s.arg(name)});
+        } else if (database->isInvalid) {
+            findings.append(
+                {Level::Fault,
+                 u"the database %1, which belongs to no account, is what a drop left that was cut off"_s.arg(name),
+                 u"runuser -u postgres -- dropdb %1 && runuser -u postgres -- dropuser %1"_s.arg(name)});
         } else if (database->owner == name && !database->isOpen) {
             findings.append({Level::Fault, u"the role and database %1 belong to no account"_s.arg(name),
                              u"runuser -u postgres -- pg_dump -Fc %1 >/root/%1-db.dump && "
@@ -309,8 +328,10 @@ QList<Finding> checkAccount(const AccountParts &account, const QString &php, con
                  u"the user '%1' is marked as an account, but no account can have that name"_s.arg(account.name),
                  u"usermod --comment '' "_s + shellWord(account.name)}};
     }
+    if (isHalfDeleted(account, databases))
+        return {halfDeleted(account)};
     if (isHalfThere(account, databases))
-        return {halfThere(account.name)};
+        return {halfThere(account.name, findRole(*databases, account.name) != nullptr)};
 
     QList<Finding> findings = checkDomain(account);
     const Role *const role = databases ? findRole(*databases, account.name) : nullptr;

@@ -11,6 +11,7 @@
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Reach.h"
 
@@ -139,7 +140,8 @@ QStringList namesOf(const QList<hosting::User> &users)
     return names;
 }
 
-Check checkAccounts(const Accounts &users, const QString &php, const std::optional<Databases> &databases)
+// began: when the examination did; what a deletion is working on meanwhile is none that was refused.
+Check checkAccounts(const Accounts &users, const QString &php, const std::optional<Databases> &databases, qint64 began)
 {
     const QStringList versions = phpVersions();
     Check check = {
@@ -147,6 +149,7 @@ Check checkAccounts(const Accounts &users, const QString &php, const std::option
     for (const hosting::User &user : users.accounts)
         check.findings += checkAccount(readAccount(user, versions), php, databases);
     check.findings += checkLeftovers(readNamedParts(versions), databases, namesOf(users.all), namesOf(users.accounts));
+    check.findings += checkRefusedDeletions(deletionArchives(kArchives, {}), namesOf(users.accounts), began);
     return check;
 }
 
@@ -242,6 +245,7 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
 
 QList<Check> examine(const QString &settingsPath)
 {
+    const qint64 began = QDateTime::currentSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
     const QString php = hosting::phpVersion();
     const Accounts users = readAccounts();
@@ -253,7 +257,7 @@ QList<Check> examine(const QString &settingsPath)
             checkApache(),
             checkSshd(),
             checkPostgres(databases, problem),
-            checkAccounts(users, php, databases),
+            checkAccounts(users, php, databases, began),
             checkFormer(),
             checkQuota(),
             checkApt(),
