@@ -132,3 +132,122 @@ def test_the_doctor_finds_what_the_web_server_cannot_reach(server, plant, proble
     assert sh(server, f"stat -c '%U:%G %a' /home/{name} /home/{name}/public_html") == \
         f"{name}:www-data 710\n{name}:www-data 2750\n"
     assert status(server, "/") == 200
+
+
+# What half an account leaves
+
+HOLD_AFTER = """
+count=0
+{{ while [ $count -lt {lines} ] && IFS= read -r text; do printf '%s\\n' "$text"; count=$((count + 1)); done
+   echo '\\! : >/run/stand-ins/reached'
+   until [ -e /run/stand-ins/reached ]; do sleep 0.05; done
+   hold; cat; }} | /usr/bin/psql "$@"
+"""
+
+
+def faults_of(host, name):
+    done = host.run(["corvctl", "doctor", "--json"])
+    return [(finding["level"], finding["problem"], finding["mend"]) for check in json.loads(done.out)["checks"]
+            for finding in check["findings"] if name in finding["problem"]]
+
+
+def test_a_name_can_be_used_again_after_postgresql_went_away_in_a_creation(server):
+    """PostgreSQL is stopped between the role and the database of a creation."""
+    name = server.free_name()
+    line = ["corvctl", "account", "create", name, f"{name}.example"]
+    drop = f"runuser -u postgres -- dropuser {name}"
+    with server.stand_in("psql", HOLD_AFTER.format(lines=3)):
+        creation = server.background([*line])
+        server.wait_for_hold()
+        server.ok(["systemctl", "stop", "postgresql@15-main"])
+        server.release()
+        creation.wait(60)
+    server.ok(["systemctl", "start", "postgresql@15-main"])
+    assert server.run(["id", name]).code != 0
+    assert faults_of(server, name) == [("fault", f"PostgreSQL has a role {name}, but the server has no such user", drop)]
+
+    done = server.run(line)
+    assert (done.code, done.out) == (1, "")
+    assert done.err == (f"corvctl: PostgreSQL has a role {name}, but there is no such account\ncorvctl:   {drop}\n"
+                        "corvctl: the name is not free, so nothing was made\n  --clear has these commands run before\n")
+    done = server.run([*line, "--clear"])
+    assert done.code == 0, done.err
+    server.wait_until_served(name, f"{name}.example")
+    assert faults_of(server, name) == []
+
+
+@pytest.mark.parametrize("leave, what", [
+    ("groupadd @", "there is a group @ without a user or a member"),
+    ("touch /etc/apache2/sites-available/corv-@.conf", "an Apache site is left of @, which is no account"),
+    ("mkdir /home/@ && ln -s /etc /home/@/logs", "the folder /home/@ is there, and holds links"),
+    ("runuser -u postgres -- createuser @; runuser -u postgres -- createdb -O @ @; "
+     "runuser -u postgres -- psql -qc 'REVOKE ALL ON DATABASE @ FROM PUBLIC'",
+     "PostgreSQL has a database @, but there is no such account"),
+], ids=["group", "site", "home", "database"])
+def test_what_stands_in_the_way_is_named_and_goes(server, leave, what):
+    name = server.free_name()
+    sh(server, leave.replace("@", name))
+    line = ["corvctl", "account", "create", name, f"{name}.example"]
+    done = server.run(line)
+    assert (done.code, done.out) == (1, "")
+    assert done.err.startswith(f"corvctl: {what.replace('@', name)}\n")
+    done = server.run([*line, "--clear"])
+    assert done.code == 0, done.err
+    server.wait_until_served(name, f"{name}.example")
+    sh(server, f"rm -rf /home/.former-{name}-* /var/backups/corvane/{name}-*")
+
+
+def test_a_deletion_that_was_cut_off_while_the_database_was_dropped_is_finished(server):
+    """The agent is killed in the middle of DROP DATABASE; the next deletion is the agent's alone, and is refused."""
+    tenant = server.account()
+    name = tenant.name
+    with server.stand_in("psql", HOLD_AFTER.format(lines=1)):
+        deletion = server.background(["corvctl", "account", "delete", name, "--confirm", name])
+        server.wait_for_hold()
+        server.ok(["systemctl", "kill", "--signal=SIGKILL", "corv-agent"])
+        deletion.wait(60)
+    sh(server, f"runuser -u postgres -- psql -qc \"UPDATE pg_database SET datconnlimit = -2 WHERE datname = '{name}'\"")
+    archives = sh(server, f"ls /var/backups/corvane/{name}-*").split()
+    dump, home = archives
+    assert faults_of(server, name) == [
+        ("fault", f"a deletion of the account {name} was cut off while its database was dropped; its archives are {home} and {dump}",
+         f"corvctl account delete {name} --force")]
+
+    assert server.request("hosting.delete", username=name, confirm=name)["error"].startswith("could not dump the database")
+    refused = [path for path in sh(server, f"ls /var/backups/corvane/{name}-*").split() if path not in archives]
+    found = faults_of(server, name)[1:]
+    assert [(level, re.sub(r"[\d.]+ \w+$", "SIZE", problem)) for level, problem, _ in found] == [
+        ("note", f"deletions of the account {name} that were refused have left archives of SIZE")]
+    assert sorted(found[0][2].split()[1:]) == sorted(refused)
+    sh(server, found[0][2])
+
+    sh(server, f"cp {dump} /root/dump && echo x >{dump}")
+    done = server.run(["corvctl", "account", "delete", name, "--confirm", name])
+    assert (done.code, done.out) == (1, "")
+    assert f"corvctl: {dump} is damaged: " in done.err and done.err.endswith(
+        "  nothing was deleted; --force deletes the rest all the same\n")
+    assert server.run(["id", name]).code == 0
+    sh(server, f"mv /root/dump {dump}")
+
+    done = server.run(["corvctl", "account", "delete", name, "--confirm", name])
+    assert done.code == 0, done.err
+    assert f"corvctl:   {home}\ncorvctl:   {dump}\ncorvctl: both can be read to their ends, so the deletion goes on\n" in done.err
+    assert server.run(["id", name]).code != 0
+    assert sh(server, f"runuser -u postgres -- psql -qtAc \"SELECT rolname FROM pg_roles WHERE rolname = '{name}' "
+                      f"UNION SELECT datname FROM pg_database WHERE datname = '{name}'\"") == ""
+    assert faults_of(server, name) == []
+
+
+def test_a_refused_deletion_says_what_it_leaves(server):
+    name = server.account().name
+    server.ok(["systemctl", "stop", "postgresql@15-main"])
+    try:
+        done = server.run(["corvctl", "account", "delete", name, "--confirm", name])
+    finally:
+        server.ok(["systemctl", "start", "postgresql@15-main"])
+    left = [path for path in sh(server, f"ls /var/backups/corvane/{name}-*").split() if path.endswith("-home.tar.gz")]
+    assert (done.code, done.out) == (1, "")
+    assert re.search(r"^corvctl: the archive of the home that was made before stays, [\d.]+ \w+, in a folder of root's: "
+                     + re.escape(left[0]) + "$", done.err, re.MULTILINE)
+    assert len(left) == 1
+    assert [level for level, *_ in faults_of(server, name)] == ["note"]

@@ -67,10 +67,6 @@ QList<Remainder> remaindersOf(const NameFacts &facts, const QString &stamp)
         found.append({u"an Apache site is left of %1, which is no account"_s.arg(name),
                       {{{u"rm"_s, u"-f"_s, u"/etc/apache2/sites-enabled/"_s + file, hosting::sitePath(name)}, {}}}});
     }
-    if (!facts.pools.isEmpty()) {
-        found.append({u"a PHP pool is left of %1, which is no account"_s.arg(name),
-                      {{QStringList{u"rm"_s, u"-f"_s} + facts.pools, {}}}});
-    }
     if (facts.homeHoldsLinks) {
         found.append({u"the folder /home/%1 is there, and holds links"_s.arg(name),
                       {{{u"mv"_s, u"-T"_s, u"/home/"_s + name, u"/home/.former-%1-%2"_s.arg(name, stamp)}, {}}}});
@@ -84,6 +80,11 @@ QList<Remainder> remaindersOf(const NameFacts &facts, const QString &stamp)
             found.append(databaseLeft(name, *database, role, stamp));
         if (role)
             found.append(roleLeft(name, *role));
+    }
+    // A creation writes its own in the place of one; it goes with the rest.
+    if (!facts.pools.isEmpty() && !found.isEmpty()) {
+        found.append({u"a PHP pool is left of %1, which is no account"_s.arg(name),
+                      {{QStringList{u"rm"_s, u"-f"_s} + facts.pools, {}}}});
     }
     return found;
 }
