@@ -14,7 +14,7 @@ using namespace Qt::Literals::StringLiterals;
 using namespace corv;
 using namespace corv::ctl;
 
-class TestCtlHome : public QObject
+class TestHome : public QObject
 {
     Q_OBJECT
 
@@ -128,5 +128,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_GUILESS_MAIN(TestCtlHome)
-#include "test_ctl_home.moc"
+QTEST_GUILESS_MAIN(TestHome)
+#include "test_home.moc"

@@ -71,7 +71,7 @@ Databases databases(bool mayLogIn = true)
 
 Q_DECLARE_METATYPE(NameFacts)
 
-class TestCtlAccounts : public QObject
+class TestDoctorAccounts : public QObject
 {
     Q_OBJECT
 
@@ -534,5 +534,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestCtlAccounts)
-#include "test_ctl_accounts.moc"
+QTEST_APPLESS_MAIN(TestDoctorAccounts)
+#include "test_doctor_accounts.moc"

@@ -13,7 +13,7 @@ using namespace Qt::Literals::StringLiterals;
 using namespace corv::ctl;
 
 // What the client makes of texts, sizes and times on their way to a terminal.
-class TestCtl : public QObject
+class TestScreen : public QObject
 {
     Q_OBJECT
 
@@ -39,7 +39,7 @@ private Q_SLOTS:
     void portsOfSshAreRead();
 };
 
-void TestCtl::escapes_data()
+void TestScreen::escapes_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("shown");
@@ -58,13 +58,13 @@ void TestCtl::escapes_data()
     QTest::newRow("other half") << u'a' + QString(QChar(0xde00)) << u"a\\ude00"_s;
 }
 
-void TestCtl::escapes()
+void TestScreen::escapes()
 {
     QFETCH(QString, text);
     QTEST(escaped(text), "shown");
 }
 
-void TestCtl::everyHarmfulCharacterIsWrittenOut()
+void TestScreen::everyHarmfulCharacterIsWrittenOut()
 {
     for (char32_t character = 0; character < 0x30000; ++character) {
         const bool surrogate = character >= 0xd800 && character < 0xe000;
@@ -79,18 +79,18 @@ void TestCtl::everyHarmfulCharacterIsWrittenOut()
     }
 }
 
-void TestCtl::linesStayLines()
+void TestScreen::linesStayLines()
 {
     QCOMPARE(escapedLines(u"a\n\tb\\c\r\x1b\n"_s), u"a\n\tb\\c\\r\\x1b\n"_s);
 }
 
-void TestCtl::jsonStaysTheSameJson()
+void TestScreen::jsonStaysTheSameJson()
 {
     QCOMPARE(escapedJson("{\"a\":\"\xc2\x9b \xe2\x80\xae \xf3\xa0\x81\x81 \xc3\xbc\\n\"}"),
              QByteArray("{\"a\":\"\\u009b \\u202e \\udb40\\udc41 \xc3\xbc\\n\"}"));
 }
 
-void TestCtl::bytesForPeople_data()
+void TestScreen::bytesForPeople_data()
 {
     QTest::addColumn<qint64>("bytes");
     QTest::addColumn<QString>("shown");
@@ -103,13 +103,13 @@ void TestCtl::bytesForPeople_data()
     QTest::newRow("most") << std::numeric_limits<qint64>::max() << u"8.0 EiB"_s;
 }
 
-void TestCtl::bytesForPeople()
+void TestScreen::bytesForPeople()
 {
     QFETCH(qint64, bytes);
     QTEST(humanBytes(bytes), "shown");
 }
 
-void TestCtl::spansForPeople_data()
+void TestScreen::spansForPeople_data()
 {
     QTest::addColumn<qint64>("seconds");
     QTest::addColumn<QString>("shown");
@@ -119,13 +119,13 @@ void TestCtl::spansForPeople_data()
     QTest::newRow("days") << qint64(90000) << u"1 d 1 h"_s;
 }
 
-void TestCtl::spansForPeople()
+void TestScreen::spansForPeople()
 {
     QFETCH(qint64, seconds);
     QTEST(humanSeconds(seconds), "shown");
 }
 
-void TestCtl::textsAreShortened_data()
+void TestScreen::textsAreShortened_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<int>("columns");
@@ -138,7 +138,7 @@ void TestCtl::textsAreShortened_data()
     QTest::newRow("of megabytes") << QString(10'000'000, u'x') << 4 << u"xxx…"_s;
 }
 
-void TestCtl::textsAreShortened()
+void TestScreen::textsAreShortened()
 {
     QFETCH(QString, text);
     QFETCH(int, columns);
@@ -146,7 +146,7 @@ void TestCtl::textsAreShortened()
     QVERIFY(displayWidth(shortened(text, columns)) <= columns);
 }
 
-void TestCtl::tablesFit_data()
+void TestScreen::tablesFit_data()
 {
     QTest::addColumn<QStringList>("cells");
     QTest::newRow("one wide") << QStringList{QString(200, u'x'), u"y"_s};
@@ -156,7 +156,7 @@ void TestCtl::tablesFit_data()
     QTest::newRow("just") << QStringList{QString(77, u'x'), u"y"_s};
 }
 
-void TestCtl::tablesFit()
+void TestScreen::tablesFit()
 {
     QFETCH(QStringList, cells);
     QStringList titles;
@@ -174,7 +174,7 @@ void TestCtl::tablesFit()
         QVERIFY(tableText(terminal, titles, {row}).contains(cell));
 }
 
-void TestCtl::logsAreContinued_data()
+void TestScreen::logsAreContinued_data()
 {
     QTest::addColumn<QString>("before");
     QTest::addColumn<QString>("now");
@@ -188,7 +188,7 @@ void TestCtl::logsAreContinued_data()
     QTest::newRow("longest end counts") << u"abab"_s << u"ababc"_s << u"c"_s;
 }
 
-void TestCtl::logsAreContinued()
+void TestScreen::logsAreContinued()
 {
     QFETCH(QString, before);
     QFETCH(QString, now);
@@ -196,7 +196,7 @@ void TestCtl::logsAreContinued()
     QTEST(newLines(lines(before), lines(now)).join(QString()), "fresh");
 }
 
-void TestCtl::barsFit()
+void TestScreen::barsFit()
 {
     for (const int columns : {20, 40, 79, 200}) {
         const QString line = progressLine(QString(100, u'n'), 50'000'000, 100'000'000, 2.5, columns);
@@ -209,7 +209,7 @@ void TestCtl::barsFit()
     QCOMPARE(progressLine(u"a"_s, 0, 0, 0, 79), u"a  0 B  0 B/s"_s);
 }
 
-void TestCtl::keysAreRead()
+void TestScreen::keysAreRead()
 {
     // As ssh-keygen -l shows it.
     const QString key = u"ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIJx0m0nV1bqvfXzYv4hS2Yw3sLkqF5oYzZ8dQ2mWm1aB"_s;
@@ -227,7 +227,7 @@ void TestCtl::keysAreRead()
     QCOMPARE(keys[2].type, u"no key"_s);
 }
 
-void TestCtl::portsOfSshAreRead_data()
+void TestScreen::portsOfSshAreRead_data()
 {
     QTest::addColumn<QByteArray>("connection");
     QTest::addColumn<QString>("port");
@@ -238,11 +238,11 @@ void TestCtl::portsOfSshAreRead_data()
     QTest::newRow("too long") << QByteArray("192.0.2.1 50000 192.0.2.2 22 ") << QString();
 }
 
-void TestCtl::portsOfSshAreRead()
+void TestScreen::portsOfSshAreRead()
 {
     QFETCH(QByteArray, connection);
     QTEST(sshPortIn(connection), "port");
 }
 
-QTEST_APPLESS_MAIN(TestCtl)
-#include "test_ctl.moc"
+QTEST_APPLESS_MAIN(TestScreen)
+#include "test_screen.moc"
