@@ -26,6 +26,7 @@ constexpr Advice kAdvice[] = {
      "where files changed, shrank or vanished meanwhile: suspend the account, which ends what writes there, then delete it again"_L1},
     {"no such rule"_L1, "corvctl firewall list shows the rules with their numbers"_L1},
     {"that rule lets you reach this server over SSH"_L1, "ufw on the server itself deletes it"_L1},
+    {"restored-"_L1, "corvctl file rm ACCOUNT and that name deletes it"_L1},
     {"no such backup"_L1, "corvctl backup list shows the backups"_L1},
     {"that service is not on the [health] services list"_L1, "corvctl service list shows the services"_L1},
     {"Apache's configuration has an error"_L1, "apachectl configtest shows all of it"_L1},

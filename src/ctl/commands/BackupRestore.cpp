@@ -2,6 +2,7 @@
 #include "common/BackupConfig.h"
 #include "common/BackupFolders.h"
 #include "common/Environment.h"
+#include "common/Json.h"
 #include "common/Paths.h"
 #include "ctl/Input.h"
 #include "ctl/Session.h"
@@ -13,8 +14,6 @@
 #include "ctl/home/InPlace.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
-
-#include "common/Json.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -216,7 +215,9 @@ int place(const Session &session, const QString &account, const Placing &placing
                   (done.replaced.isEmpty() ? QString()
                                            : u"; what was there is in "_s + QString::fromUtf8(placing.aside));
     return refuse(session, u"%1; %2"_s.arg(done.problem, reached),
-                  u"what was unpacked stays in %1 of the home"_s.arg(QString::fromUtf8(placing.source)));
+                  placing.isUnpacked ? u"corvctl file rm %1 %2 deletes the rest of what was unpacked"_s.arg(
+                                           account, QString::fromUtf8(placing.source))
+                                     : QString());
 }
 
 // Puts back what an earlier restore had replaced.
