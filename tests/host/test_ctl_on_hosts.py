@@ -111,7 +111,10 @@ FAULTS = {
         ["the panel's database corvane belongs to postgres, not to corv-web"]),
     "an account is only a user": (
         "useradd --create-home --comment 'Corvane account,half.example' half1",
-        ["the account half1 is only half there: its user has no site, no pool, no role and no database"]),
+        ["the account half1 is only half there: its user has no site, no pool, no role and no database"],
+        "corvctl account delete half1 --force --confirm half1"),
+    "a role is left over": (
+        "runuser -u postgres -- createuser gone3", ["PostgreSQL has a role gone3, but the server has no such user"]),
     "the mark is on another user": (
         "useradd --comment 'Corvane account,x.example' not-ours",
         ["the user 'not-ours' is marked as an account, but no account can have that name"]),
@@ -272,7 +275,7 @@ ROUNDS = [
     ["a database is open to all", "an account's pool is put aside", "a site shows its source",
      "a role and a database are left over", "the last backup has errors"],
     ["a restore was cut off in its swap", "an account has two pools", "the destination is full"],
-    ["a restore was cut off", "a user is locked", "the mark is on another user"],
+    ["a restore was cut off", "a user is locked", "the mark is on another user", "a role is left over"],
     ["a suspended account's pool runs"],
     ["a pool was put aside and made anew", "a home is too large"],
     ["Apache is stopped", "a pool of nobody keeps PHP from starting", "a key of the settings is misspelt"],
@@ -319,11 +322,12 @@ def test_every_fault_is_planted():
 
 def test_notes_what_may_be_meant(well):
     name = well.tenant.name
-    sh(well, f"runuser -u postgres -- createuser gone2; echo '# by hand' >>{SITES}/corv-{name}.conf")
+    sh(well, f"runuser -u postgres -- createuser gone2; {PSQL} 'GRANT USAGE ON SCHEMA public TO gone2'; echo '# by hand' >>{SITES}/corv-{name}.conf")
     code, found, commands = examine(well)
     assert (code, found) == (0, [
         f"the site file of the account {name} is not what the agent writes; it will be overwritten",
         "PostgreSQL has a role gone2, but the server has no such user"])
+    sh(well, f"{PSQL} 'DROP OWNED BY gone2'")
     for command in commands:
         sh(well, command)
     assert examine(well) == (0, [], [])

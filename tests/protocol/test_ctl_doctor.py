@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import socket
 import time
 
@@ -131,7 +132,7 @@ ok      folders     run, transfer, backups
 ok      backups     1 in {BACKUPS}, the last one
                     {last}
 ok      notify      root
-ok      homes       sizes
+ok      homes       sizes, what the web server reaches
 
 sandbox: 0 faults, 0 notes
 """
@@ -322,7 +323,7 @@ FAULTS = {
         "corvctl account resume alice"),
     "account is only a user": (
         leave_alone, "accounts", "the account bobby is only half there: its user has no site, no pool, no role and no database",
-        "tar -czf /root/bobby-home.tar.gz -C /home bobby && userdel --remove bobby"),
+        "corvctl account delete bobby --force"),
     "domain is none": (
         lambda box: give_domain(box, "Example"),
         "accounts", "the user database has no valid domain for the account alice, only 'Example'",
@@ -598,3 +599,66 @@ def test_never_proposes_to_delete_a_backup(well):
     well.path("/srv/disk").chmod(0o700)
     code, findings = doctor(well)
     assert (code, [finding[1::2] for finding in findings]) == (1, [("backups", "df -h /srv/disk")])
+
+
+@pytest.mark.parametrize("plant, problem", [
+    (lambda box: box.path("/home/alice").chmod(0o700), "the web server cannot go through the home of the account alice"),
+    (lambda box: box.path("/home/alice/public_html").chmod(0o700),
+     "the web server cannot read the folder public_html of the account alice"),
+    (lambda box: box.path("/home/alice/public_html").rename(box.path("/home/alice/gone")),
+     "the account alice has no folder public_html"),
+    (lambda box: box.write("/home/alice/public_html/a\nb", "x", 0o640, "alice:alice"),
+     r"the web server cannot read public_html/a\nb of the account alice"),
+    (lambda box: [box.mkdir(f"/home/alice/public_html/{name}", 0o750, "alice:alice") for name in ("x", "y")],
+     "the web server cannot read 2 files and folders of the account alice, such as public_html/"),
+], ids=["home", "pages", "missing", "file", "folders"])
+def test_finds_what_the_web_server_cannot_reach(well, plant, problem):
+    plant(well)
+    code, findings = doctor(well)
+    assert code == 1
+    assert [(level, check, found.rstrip("xy") if "such as" in found else found, mend) for level, check, found, mend in findings] == [
+        ("fault", "homes", problem, "corvctl account publish alice")]
+    assert corvctl(well, "--plain", "account", "publish", "alice") == (0, "", "")
+    assert doctor(well) == (0, [])
+
+
+def test_calls_what_its_owner_keeps_to_himself_no_fault(well):
+    well.write("/home/alice/public_html/.env", "x", 0o600, "alice:alice")
+    well.mkdir("/home/alice/public_html/private", 0o700, "alice:alice")
+    well.symlink("/home/alice/public_html/link", "/root")
+    os.mkfifo(well.path("/home/alice/public_html/pipe"))
+    assert doctor(well) == (0, [])
+
+
+def test_walks_no_further_than_it_says(well):
+    """2000 entries of an account are looked at, however many there are."""
+    for number in range(3000):
+        well.write(f"/home/alice/public_html/{number}.html", "", 0o640, "alice:alice")
+    code, findings = doctor(well)
+    assert code == 1
+    assert [re.search(r"cannot read (\d+) files", finding[2])[1] for finding in findings] == ["2000"]
+
+
+def test_lists_the_archives_of_refused_deletions(well):
+    for name, mode in (("alice-20260105-031500-home.tar.gz", 0o644), ("alice-20260105-031500-db.dump", 0o644),
+                       ("alice-20260106-031500-home.tar.gz", 0o600), ("alice-20260106-031500-db.dump", 0o600),
+                       ("bobby-20260105-031500-home.tar.gz", 0o644)):
+        file = well.write(f"/var/backups/corvane/{name}", "x" * 1000, mode)
+        os.utime(file, (1767582900, 1767582900))
+    assert doctor(well) == (0, [
+        ("note", "accounts", "deletions of the account alice that were refused have left archives of 2.0 KiB",
+         "rm /var/backups/corvane/alice-20260105-031500-home.tar.gz /var/backups/corvane/alice-20260105-031500-db.dump")])
+
+
+def test_tells_a_deletion_that_was_cut_off(well):
+    for part in (SITE, POOL, ENABLED):
+        well.path(part).unlink()
+    for end in ("home.tar.gz", "db.dump"):
+        well.write(f"/var/backups/corvane/alice-20260105-031500-{end}", "x", 0o600)
+    answer_databases(databases=[{"name": "alice", "owner": "alice", "invalid": True},
+                                {"name": "corvane", "owner": "corv-web", "open": False}])(well)
+    assert doctor(well) == (1, [(
+        "fault", "accounts",
+        "a deletion of the account alice was cut off while its database was dropped; its archives are "
+        "/var/backups/corvane/alice-20260105-031500-home.tar.gz and /var/backups/corvane/alice-20260105-031500-db.dump",
+        "corvctl account delete alice --force")])

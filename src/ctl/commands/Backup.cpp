@@ -1,5 +1,6 @@
+#include "ctl/commands/Backup.h"
+
 #include "ctl/Command.h"
-#include "ctl/Input.h"
 #include "ctl/Session.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
@@ -17,8 +18,6 @@ namespace {
 
 // How long a backup that was asked for may take to show up, in milliseconds: systemd begins it behind the reply's back.
 constexpr int kStartTime = 20'000;
-// The end of what the agent says where an account's database is loaded as its own, and the account may not log in.
-constexpr auto kSuspended = "resume the account first"_L1;
 
 QJsonArray backupsIn(const QJsonObject &reply)
 {
@@ -85,16 +84,19 @@ int list(Session &session, const Given &)
 
 int show(Session &session, const Given &given)
 {
+    const QString name = given.text("BACKUP");
     const Answer answer = ask(session, u"backup.status"_s);
+    if (!answer.ok())
+        return *settled(session, answer);
+    const QJsonObject backup = backupNamed(answer.reply, name);
+    if (backup.isEmpty())
+        return refuse(session, noBackup(name), QString(kListBackups));
+    if (!backup.contains("accounts"_L1)) {
+        return refuse(session, u"the backup %1 has no list of what it holds: it was cut off, or is damaged"_s.arg(name),
+                      u"journalctl -u corv-backup tells why"_s);
+    }
     if (const std::optional<int> end = settled(session, answer))
         return *end;
-    QJsonObject backup;
-    for (const QJsonValue value : backupsIn(answer.reply)) {
-        if (value.toObject().value("name"_L1).toString() == given.text("BACKUP"))
-            backup = value.toObject();
-    }
-    if (backup.isEmpty())
-        return fail(kRefused, u"no such backup"_s, u"corvctl backup list shows the backups"_s);
 
     for (const QJsonValue error : backup.value("errors"_L1).toArray())
         note(error.toString());
@@ -191,43 +193,21 @@ int start(Session &session, const Given &given)
     return followBackup(session, before);
 }
 
-// Restores once more with the account resumed for that time. What the agent says of the restore is the answer, unless
-// it does not come to that.
-Answer restoreSuspended(Session &session, const QJsonObject &args)
-{
-    const QJsonObject account = {{u"username"_s, args.value("username"_L1)}};
-    if (const Answer resumed = ask(session, u"hosting.resume"_s, account); !resumed.ok())
-        return resumed;
-    const Answer answer = ask(session, u"backup.restore"_s, args);
-    if (const Answer suspended = ask(session, u"hosting.suspend"_s, account); !suspended.ok())
-        note(u"%1 could not be suspended again, and is on-line"_s.arg(account.value("username"_L1).toString()));
-    return answer;
-}
-
-int restore(Session &session, const Given &given)
-{
-    const QString name = given.text("ACCOUNT");
-    const QString what = given.text("files|database");
-    if (what == "database"_L1) {
-        const std::optional<QString> typed = confirmation(
-            session,
-            u"This replaces the database of %1 by the one in the backup. Type %1 to go on:"_s.arg(escaped(name)));
-        if (!typed)
-            return kWrongUsage;
-        if (*typed != name)
-            return fail(kWrongUsage, u"that is not the account's name, so nothing was restored"_s);
-    }
-
-    const QJsonObject args = {{u"username"_s, name}, {u"backup"_s, given.text("BACKUP")}, {u"what"_s, what}};
-    Answer answer = ask(session, u"backup.restore"_s, args);
-    if (given.has("--resume") && answer.reply.value("error"_L1).toString().endsWith(kSuspended))
-        answer = restoreSuspended(session, args);
-    const QString folder = answer.reply.value("restoredTo"_L1).toString();
-    return settledWith(session, answer,
-                       what == "files"_L1 ? u"the files are in %1"_s.arg(folder) : u"the database is restored"_s);
-}
-
 } // namespace
+
+QJsonObject backupNamed(const QJsonObject &status, const QString &name)
+{
+    for (const QJsonValue value : status.value("backups"_L1).toArray()) {
+        if (value.toObject().value("name"_L1).toString() == name)
+            return value.toObject();
+    }
+    return {};
+}
+
+QString noBackup(const QString &name)
+{
+    return u"there is no backup %1"_s.arg(name);
+}
 
 Command backupCommand()
 {
@@ -244,18 +224,7 @@ Command backupCommand()
               "Start a backup now",
               {{"--wait", "follow the log until the end; the exit status tells the outcome", Kind::Flag}},
               start},
-             {"restore",
-              "Bring back an account's files into a new folder, or its database in place of the present one",
-              {{"ACCOUNT", "the account's name", Kind::Required, Names::Account},
-               backup,
-               {"files|database",
-                "what to bring back; a database asks for the account's name",
-                Kind::Required,
-                Names::Nothing,
-                {"files", "database"}},
-               {"--resume", "resume a suspended account for the time of a database's restore, and suspend it again",
-                Kind::Flag}},
-              restore}}};
+             restoreCommand()}};
 }
 
 } // namespace corv::ctl

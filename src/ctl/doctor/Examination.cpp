@@ -11,6 +11,7 @@
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Modules.h"
 #include "ctl/doctor/Notify.h"
@@ -19,6 +20,7 @@
 #include "ctl/doctor/Settings.h"
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Visitors.h"
+#include "ctl/doctor/Reach.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -165,8 +167,9 @@ Check checkFiles(const Accounts &users, const NamedParts &parts)
             checkLeftovers(parts, {}, namesOf(users.all), namesOf(users.accounts))};
 }
 
+// began: when the examination did; what a deletion is working on meanwhile is none that was refused.
 Check checkAccounts(const Accounts &users, const QList<AccountSite> &sites, const QString &php,
-                    const std::optional<Databases> &databases)
+                    const std::optional<Databases> &databases, qint64 began)
 {
     const QStringList versions = phpVersions();
     QStringList suspended;
@@ -183,6 +186,7 @@ Check checkAccounts(const Accounts &users, const QList<AccountSite> &sites, cons
     for (const hosting::User &user : users.accounts)
         check.findings += checkAccount(readAccount(user, versions), php, databases);
     check.findings += checkLeftovers({}, databases, namesOf(users.all), namesOf(users.accounts));
+    check.findings += checkRefusedDeletions(deletionArchives(kArchives, {}), namesOf(users.accounts), began);
     return check;
 }
 
@@ -285,7 +289,8 @@ Check checkBackups(const QJsonObject &status)
 Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
-    Check check = {u"homes"_s, u"sizes"_s, ctl::checkHomes(sizes, status)};
+    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s, ctl::checkHomes(sizes, status)};
+    check.findings += checkReach(findOutOfReach(namesOf(accounts)));
     if (sizes.isEmpty() && !accounts.isEmpty())
         check.findings.append({Level::Note, u"the homes could not be measured within a minute"_s, u"du -sh /home/*"_s});
     return check;
@@ -295,6 +300,7 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
 
 QList<Check> examine(const QString &settingsPath)
 {
+    const qint64 began = QDateTime::currentSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
     const QString php = hosting::phpVersion();
     const Accounts users = readAccounts();
@@ -311,7 +317,7 @@ QList<Check> examine(const QString &settingsPath)
             checkFiles(users, readNamedParts(phpVersions())),
             checkServices(settings, settingsPath, php),
             checkPostgres(databases, problem),
-            checkAccounts(users, sites, php, databases),
+            checkAccounts(users, sites, php, databases, began),
             checkSites(users, hosts, sites),
             checkVisitors(hosts, sites, php),
             checkSshd(),
