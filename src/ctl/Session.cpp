@@ -99,7 +99,8 @@ std::optional<int> settled(const Session &session, const Answer &answer)
     if (session.options.json)
         print((session.terminal.out ? escapedJson(answer.line) : answer.line) + '\n');
     if (!answer.ok()) {
-        const QString sentence = answer.reply.value("error"_L1).toString();
+        const QString said = answer.reply.value("error"_L1).toString();
+        const QString sentence = oneSentence(said.left(2 * kLongestSentence));
         return fail(kRefused, sentence.isEmpty() ? u"the agent refused, and did not say why"_s : sentence,
                     adviceFor(sentence));
     }

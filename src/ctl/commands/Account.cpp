@@ -60,9 +60,9 @@ int create(Session &session, const Given &given)
     printFacts(session, {{u"Account"_s, text(given.text("ACCOUNT"))},
                          {u"Domain"_s, text(answer.reply.value("domain"_L1).toString())},
                          {u"PHP"_s, text(php.isEmpty() ? u"none"_s : php)},
-                         {u"Access log"_s, text(answer.reply.value("accessLog"_L1).toString())},
+                         {u"Access log"_s, whole(answer.reply.value("accessLog"_L1).toString())},
                          {u"Database"_s, text(given.text("ACCOUNT"))},
-                         {u"Database password"_s, text(answer.reply.value("dbPassword"_L1).toString())}});
+                         {u"Database password"_s, whole(answer.reply.value("dbPassword"_L1).toString())}});
     return kDone;
 }
 
@@ -185,7 +185,7 @@ int remove(Session &session, const Given &given)
             note(u"the archives are at %1"_s.arg(archive));
         return *end;
     }
-    printFacts(session, {{u"Deleted"_s, text(name)}, {u"Archives"_s, text(archive)}});
+    printFacts(session, {{u"Deleted"_s, text(name)}, {u"Archives"_s, whole(archive)}});
     return kDone;
 }
 

@@ -1,8 +1,10 @@
 #include "ctl/Command.h"
 #include "ctl/Input.h"
+#include "ctl/Meant.h"
 #include "ctl/Session.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
+#include "ctl/screen/SystemdTime.h"
 #include "ctl/screen/Table.h"
 
 #include <QDeadlineTimer>
@@ -41,17 +43,26 @@ Cell errorsOf(const QJsonObject &backup)
     return count;
 }
 
+// For people as systemd writes it; for programs in seconds.
+Cell nextIn(const QJsonObject &reply)
+{
+    const QString next = reply.value("next"_L1).toString();
+    if (next.isEmpty())
+        return {u"none planned"_s, {}, Colour::Warning, false};
+    const std::optional<qint64> seconds = systemdTime(next);
+    return {escaped(next), seconds ? QString::number(*seconds) : QString(), Colour::None, false};
+}
+
 int status(Session &session, const Given &)
 {
     const Answer answer = ask(session, u"backup.status"_s);
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     const QJsonObject &reply = answer.reply;
-    const QString next = reply.value("next"_L1).toString();
     const QJsonObject newest = backupsIn(reply).at(0).toObject();
     QList<Fact> facts = {{u"Backups"_s, number(backupsIn(reply).size())},
                          {u"Being made"_s, yesNo(reply.value("running"_L1).toBool())},
-                         {u"Next"_s, next.isEmpty() ? text(u"none planned"_s, Colour::Warning) : text(next)},
+                         {u"Next"_s, nextIn(reply)},
                          {u"Kept for"_s,
                           {u"%1 d"_s.arg(reply.value("keepDays"_L1).toInteger()),
                            QString::number(reply.value("keepDays"_L1).toInteger()), Colour::None, true}},
@@ -89,15 +100,19 @@ int show(Session &session, const Given &given)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QJsonObject backup;
+    QStringList names;
     for (const QJsonValue value : backupsIn(answer.reply)) {
-        if (value.toObject().value("name"_L1).toString() == given.text("BACKUP"))
+        names.append(value.toObject().value("name"_L1).toString());
+        if (names.last() == given.text("BACKUP"))
             backup = value.toObject();
     }
-    if (backup.isEmpty())
-        return fail(kRefused, u"no such backup"_s, u"corvctl backup list shows the backups"_s);
+    if (backup.isEmpty()) {
+        const QString hint = meantHint(u"backup"_s, given.text("BACKUP"), names);
+        return fail(kRefused, u"no such backup"_s, hint.isEmpty() ? u"corvctl backup list shows the backups"_s : hint);
+    }
 
     for (const QJsonValue error : backup.value("errors"_L1).toArray())
-        note(error.toString());
+        note(oneSentence(error.toString()));
     QList<Row> rows;
     for (const QJsonValue value : backup.value("accounts"_L1).toArray()) {
         const QJsonObject account = value.toObject();

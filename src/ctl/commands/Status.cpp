@@ -1,8 +1,8 @@
 #include "ctl/commands/Status.h"
 
-#include "common/Account.h"
 #include "common/Json.h"
 #include "ctl/Command.h"
+#include "ctl/Meant.h"
 #include "ctl/Session.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/screen/Escape.h"
@@ -36,7 +36,7 @@ QString plural(qint64 number, const QString &one, const QString &many)
 // The error of a reply, empty where there is none.
 QString errorIn(const QJsonObject &reply)
 {
-    return reply.value("ok"_L1).toBool() ? QString() : reply.value("error"_L1).toString(u"no reply"_s);
+    return reply.value("ok"_L1).toBool() ? QString() : oneSentence(reply.value("error"_L1).toString(u"no reply"_s));
 }
 
 StatusLine serverLine(const QJsonObject &info)
@@ -93,18 +93,12 @@ QList<StatusLine> diskLines(const QJsonObject &reply)
     return lines;
 }
 
-// Another server's user database cannot be read from here, and measuring all homes would hold its agent up for minutes.
-// Its last backup saved the accounts that there were then.
+// Without the user database, measuring all homes would tell their number, and hold the agent up for minutes.
 StatusLine accountsLine(const Replies &replies, std::optional<qsizetype> accounts)
 {
     const QJsonObject sizes = replies.value("hosting.usage"_L1).toObject().value("usage"_L1).toObject();
-    if (!accounts && sizes.isEmpty()) {
-        const QJsonObject last =
-            replies.value("backup.status"_L1).toObject().value("backups"_L1).toArray().first().toObject();
-        if (!last.contains("accounts"_L1))
-            return {u"Accounts"_s, u"their number is known on the server alone"_s};
-        return {u"Accounts"_s, u"%1 at the last backup"_s.arg(last.value("accounts"_L1).toArray().size())};
-    }
+    if (!accounts && sizes.isEmpty())
+        return {u"Accounts"_s, u"their number is known on the server alone"_s};
 
     QString text = QString::number(accounts.value_or(sizes.size()));
     if (!sizes.isEmpty()) {
@@ -197,7 +191,7 @@ QList<StatusLine> backupLines(const QJsonObject &reply, qint64 now)
              humanBytes(last.value("bytes"_L1).toInteger()), outcome, running),
          age > kOldBackup || !isTold || !errors.isEmpty()}};
     for (const auto &error : errors)
-        lines.append({QString(), error.toString().simplified(), true});
+        lines.append({QString(), oneSentence(error.toString()), true});
     if (reply.value("next"_L1).toString().isEmpty())
         lines.append({QString(), u"no next one is planned: systemctl enable --now corv-backup.timer"_s, true});
     return lines;
@@ -231,13 +225,6 @@ void showPlain(const QList<StatusLine> &lines)
     }
 }
 
-qsizetype accountsHere()
-{
-    const QList<hosting::User> users = hosting::users();
-    return std::count_if(users.cbegin(), users.cend(),
-                         [](const hosting::User &user) { return hosting::hasMarker(user.comment); });
-}
-
 int status(Session &session, const Given &)
 {
     Replies replies;
@@ -263,9 +250,9 @@ int status(Session &session, const Given &)
         return kDone;
     }
 
-    const bool isHere = session.options.hosts.empty();
+    const std::optional<QStringList> names = accountNames(session);
     const QList<StatusLine> lines =
-        statusLines(replies, isHere ? std::optional(accountsHere()) : std::nullopt, QDateTime::currentSecsSinceEpoch());
+        statusLines(replies, names ? std::optional(names->size()) : std::nullopt, QDateTime::currentSecsSinceEpoch());
     if (session.options.plain)
         showPlain(lines);
     else
