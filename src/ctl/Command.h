@@ -78,6 +78,7 @@ Command databaseCommand();
 Command doctorCommand();
 Command fileCommand();
 Command firewallCommand();
+Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
 Command proxyCommand();
 Command quotaCommand();

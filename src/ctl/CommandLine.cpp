@@ -1,10 +1,15 @@
 #include "ctl/CommandLine.h"
 
 #include "ctl/Described.h"
+#include "ctl/Meant.h"
+#include "ctl/Typing.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstring>
+#include <iostream>
+#include <optional>
 #include <set>
 
 namespace corv::ctl {
@@ -93,6 +98,19 @@ void readCommonOptions(const CLI::App &app, Options *options)
     options->hosts = app.get_option(kHost)->results();
 }
 
+// Where the only thing that is missing is the name of an account and this server has but one, that is named.
+void hintAtAccount(const Command &command, const CLI::App &app, bool isHere)
+{
+    const bool isMissing =
+        std::any_of(command.parameters.begin(), command.parameters.end(), [&app](const Parameter &parameter) {
+            return parameter.kind == Kind::Required && parameter.names == Names::Account &&
+                   app.get_option(key(parameter))->empty();
+        });
+    const std::optional<QStringList> names = isMissing && isHere ? accountNames({}) : std::nullopt;
+    if (names && names->size() == 1)
+        std::cerr << "the only account is '" << names->first().toStdString() << "'\n";
+}
+
 } // namespace
 
 const std::vector<Parameter> &commonOptions()
@@ -113,7 +131,7 @@ const std::vector<Parameter> &commonOptions()
 Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const char *const *argv, Options *options)
 {
     CLI::App app("Administers the Corvane hosting agent of this or another server.", "corvctl");
-    app.set_version_flag("--version", std::string("corvctl ") + version());
+    app.set_version_flag("-v,--version", std::string("corvctl ") + version());
     for (const Parameter &option : commonOptions())
         addParameter(app, option);
     app.get_option("--timeout")->check(CLI::Range(1, 1'000'000));
@@ -124,10 +142,18 @@ Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const ch
     for (const Command &command : commands)
         addCommand(app, command, words);
 
+    const Mistake mistake = mistakeIn(commands, commonOptions(), argc, argv);
+    if (!mistake.problem.isEmpty())
+        return {nullptr, Given({}), fail(kWrongUsage, mistake.problem, mistake.hint)};
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         const int code = app.exit(error, std::cout, std::cerr);
+        const CLI::App *its = nullptr;
+        const Command *command = chosen(commands, app, &its);
+        if (command && error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
+            hintAtAccount(*command, *its, app.get_option(kHost)->empty());
         return {nullptr, Given({}), code == 0 ? kDone : kWrongUsage};
     }
 

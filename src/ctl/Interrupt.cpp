@@ -8,9 +8,9 @@ namespace {
 
 volatile std::sig_atomic_t signalled = 0;
 
-void note(int)
+void note(int signal)
 {
-    signalled = 1;
+    signalled = signal;
 }
 
 void setHandlers(void (*ending)(int), void (*pipe)(int))
@@ -28,6 +28,7 @@ void setHandlers(void (*ending)(int), void (*pipe)(int))
 
 InterruptGuard::InterruptGuard()
 {
+    signalled = 0; // one that came before has had its effect
     setHandlers(note, SIG_IGN);
 }
 
@@ -39,6 +40,11 @@ InterruptGuard::~InterruptGuard()
 bool interrupted()
 {
     return signalled != 0;
+}
+
+int interruptedStatus()
+{
+    return 128 + signalled;
 }
 
 } // namespace corv::ctl

@@ -16,7 +16,10 @@ public:
     ~InterruptGuard();
 };
 
-// Whether such a signal (but for the pipe) has come.
+// Whether such a signal (but for the pipe) has come since the last guard was made.
 bool interrupted();
+
+// The exit status that tells of the signal, as a shell has it: 130 for the interrupt.
+int interruptedStatus();
 
 } // namespace corv::ctl

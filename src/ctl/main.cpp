@@ -41,7 +41,8 @@ int run(Session &session, const Parsed &parsed)
 
 int main(int argc, char **argv)
 {
-    const std::vector<Command> commands = allCommands();
+    std::vector<Command> commands = allCommands();
+    commands.push_back(helpCommand(commands));
     Session session;
     session.commands = &commands;
     const Parsed parsed = parseCommandLine(commands, argc, argv, &session.options);

@@ -1,10 +1,12 @@
 #include "ctl/commands/Status.h"
 
+#include "common/InHand.h"
 #include "common/Json.h"
 #include "ctl/Command.h"
 #include "ctl/Meant.h"
 #include "ctl/Session.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/screen/Busy.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Wrap.h"
 
@@ -24,6 +26,8 @@ constexpr qint64 kDay = 24 * kHour;
 constexpr qint64 kOldBackup = 36 * kHour; // a night was missed
 constexpr qint64 kOldLists = 7 * kDay;    // nothing can be said of updates any more
 constexpr qint64 kLeastFreePercent = 10;
+
+constexpr qint64 kLongRequest = 2000; // milliseconds
 
 constexpr int kMarkColumns = 2;
 constexpr int kTopicColumns = 10;
@@ -225,9 +229,20 @@ void showPlain(const QList<StatusLine> &lines)
     }
 }
 
+// The agent answers nothing before it is done with it, so it is told at once. What has just begun is over in a moment.
+void tellOfRequestInHand(const Session &session)
+{
+    if (!session.options.hosts.empty() || session.options.printOnly)
+        return;
+    const std::optional<InHand> request = readInHand(kInHandPath);
+    if (request && bootMilliseconds() - request->began >= kLongRequest)
+        note(u"the agent is busy with %1; the rest follows when it is done"_s.arg(named(*request)));
+}
+
 int status(Session &session, const Given &)
 {
     Replies replies;
+    tellOfRequestInHand(session);
     // What the agent refuses is part of the picture; an agent that does not answer is the end of it.
     for (const QString &command : {u"system.info"_s, u"services.status"_s, u"system.disks"_s, u"security.status"_s,
                                    u"updates.status"_s, u"backup.status"_s, u"quota.status"_s, u"hosting.usage"_s}) {
