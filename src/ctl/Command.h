@@ -66,6 +66,7 @@ struct Command
     std::vector<Parameter> parameters = {};
     Handler handler = nullptr;
     std::vector<Command> commands = {};
+    bool isSurvey = false; // of several servers, what it prints with --plain is made one line for each
 };
 
 // The topics, one function each; main lists them.

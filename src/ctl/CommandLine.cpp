@@ -123,7 +123,7 @@ const std::vector<Parameter> &commonOptions()
         {"--timeout", "Wait so many seconds for a reply", Kind::Value},
         {"--socket", "The PATH of the agent's socket", Kind::Value, Names::File},
         {"-c,--config", "The agent's settings FILE", Kind::Value, Names::File},
-        {"-H,--host", "Run on another server, [USER@]HOST; may be given several times", Kind::Value},
+        {"-H,--host", "Run on another server, [USER@]HOST or @GROUP; may be given several times", Kind::Value},
     };
     return options;
 }
@@ -162,7 +162,7 @@ Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const ch
     const Command *command = chosen(commands, app, &its);
     if (!command)
         return {nullptr, Given({}), kWrongUsage};
-    return {command->handler, givenTo(command->parameters, *its), kDone};
+    return {command->handler, givenTo(command->parameters, *its), kDone, command->isSurvey};
 }
 
 } // namespace corv::ctl

@@ -119,8 +119,8 @@ def test_status_tells_of_the_request_in_hand(busy):
 def test_what_a_killed_agent_left_is_nobodys_request(busy):
     client = suspend(busy)
     left = busy.read(REQUEST)
-    busy.agent.signal(signal.SIGKILL)
-    busy.agent.wait()
+    busy.allows_children()
+    busy.stop(signal.SIGKILL)
     client.__exit__(None, None, None)
     assert busy.read(REQUEST) == left
     code, out, err = corvctl(busy, "status", start=False)

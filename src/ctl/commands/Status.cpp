@@ -279,7 +279,7 @@ int status(Session &session, const Given &)
 
 Command statusCommand()
 {
-    return {"status", "Tell on one screen whether the server is well", {}, status};
+    return {"status", "Tell on one screen whether the server is well", {}, status, {}, true};
 }
 
 QList<StatusLine> statusLines(const Replies &replies, std::optional<qsizetype> accounts, qint64 now)
