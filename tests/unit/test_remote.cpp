@@ -33,7 +33,7 @@ Replies one(const QString &command, QJsonObject reply)
 
 } // namespace
 
-class TestCtlServers : public QObject
+class TestRemote : public QObject
 {
     Q_OBJECT
 
@@ -167,5 +167,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestCtlServers)
-#include "test_ctl_servers.moc"
+QTEST_APPLESS_MAIN(TestRemote)
+#include "test_remote.moc"

@@ -7,7 +7,7 @@ using namespace Qt::Literals::StringLiterals;
 using namespace corv;
 
 // What is made of du's output, and the scripts that are sent to the database.
-class TestAccounts : public QObject
+class TestUsage : public QObject
 {
     Q_OBJECT
 
@@ -50,5 +50,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestAccounts)
-#include "test_accounts.moc"
+QTEST_APPLESS_MAIN(TestUsage)
+#include "test_usage.moc"

@@ -5,7 +5,7 @@
 using namespace Qt::Literals::StringLiterals;
 using namespace corv::ctl;
 
-class TestCtlHba : public QObject
+class TestDoctorHba : public QObject
 {
     Q_OBJECT
 
@@ -94,6 +94,6 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestCtlHba)
+QTEST_APPLESS_MAIN(TestDoctorHba)
 
-#include "test_ctl_hba.moc"
+#include "test_doctor_hba.moc"

@@ -62,7 +62,7 @@ Databases databases(bool mayLogIn = true)
 
 } // namespace
 
-class TestCtlAccounts : public QObject
+class TestDoctorAccounts : public QObject
 {
     Q_OBJECT
 
@@ -364,5 +364,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestCtlAccounts)
-#include "test_ctl_accounts.moc"
+QTEST_APPLESS_MAIN(TestDoctorAccounts)
+#include "test_doctor_accounts.moc"

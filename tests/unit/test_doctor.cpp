@@ -33,7 +33,7 @@ QStringList problems(const QList<Finding> &findings)
 
 } // namespace
 
-class TestCtlDoctor : public QObject
+class TestDoctor : public QObject
 {
     Q_OBJECT
 
@@ -422,5 +422,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestCtlDoctor)
-#include "test_ctl_doctor.moc"
+QTEST_APPLESS_MAIN(TestDoctor)
+#include "test_doctor.moc"

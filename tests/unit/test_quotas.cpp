@@ -20,7 +20,7 @@ UUID=0b7c52d1-9f5e-4e5b-8f0b-1f6c2c1d9a42 /home           ext4    defaults      
 
 } // namespace
 
-class TestQuotaText : public QObject
+class TestQuotas : public QObject
 {
     Q_OBJECT
 
@@ -196,5 +196,5 @@ User            used    soft    hard  grace    used  soft  hard  grace
     }
 };
 
-QTEST_APPLESS_MAIN(TestQuotaText)
-#include "test_quota_text.moc"
+QTEST_APPLESS_MAIN(TestQuotas)
+#include "test_quotas.moc"

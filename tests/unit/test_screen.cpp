@@ -16,7 +16,7 @@ using namespace Qt::Literals::StringLiterals;
 using namespace corv::ctl;
 
 // What the client makes of texts, sizes and times on their way to a terminal.
-class TestCtl : public QObject
+class TestScreen : public QObject
 {
     Q_OBJECT
 
@@ -49,7 +49,7 @@ private Q_SLOTS:
     void portsOfSshAreRead();
 };
 
-void TestCtl::escapes_data()
+void TestScreen::escapes_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<QString>("shown");
@@ -68,13 +68,13 @@ void TestCtl::escapes_data()
     QTest::newRow("other half") << u'a' + QString(QChar(0xde00)) << u"a\\ude00"_s;
 }
 
-void TestCtl::escapes()
+void TestScreen::escapes()
 {
     QFETCH(QString, text);
     QTEST(escaped(text), "shown");
 }
 
-void TestCtl::everyHarmfulCharacterIsWrittenOut()
+void TestScreen::everyHarmfulCharacterIsWrittenOut()
 {
     for (char32_t character = 0; character < 0x30000; ++character) {
         const bool surrogate = character >= 0xd800 && character < 0xe000;
@@ -89,18 +89,18 @@ void TestCtl::everyHarmfulCharacterIsWrittenOut()
     }
 }
 
-void TestCtl::linesStayLines()
+void TestScreen::linesStayLines()
 {
     QCOMPARE(escapedLines(u"a\n\tb\\c\r\x1b\n"_s), u"a\n\tb\\c\\r\\x1b\n"_s);
 }
 
-void TestCtl::jsonStaysTheSameJson()
+void TestScreen::jsonStaysTheSameJson()
 {
     QCOMPARE(escapedJson("{\"a\":\"\xc2\x9b \xe2\x80\xae \xf3\xa0\x81\x81 \xc3\xbc\\n\"}"),
              QByteArray("{\"a\":\"\\u009b \\u202e \\udb40\\udc41 \xc3\xbc\\n\"}"));
 }
 
-void TestCtl::bytesForPeople_data()
+void TestScreen::bytesForPeople_data()
 {
     QTest::addColumn<qint64>("bytes");
     QTest::addColumn<QString>("shown");
@@ -113,13 +113,13 @@ void TestCtl::bytesForPeople_data()
     QTest::newRow("most") << std::numeric_limits<qint64>::max() << u"8.0 EiB"_s;
 }
 
-void TestCtl::bytesForPeople()
+void TestScreen::bytesForPeople()
 {
     QFETCH(qint64, bytes);
     QTEST(humanBytes(bytes), "shown");
 }
 
-void TestCtl::spansForPeople_data()
+void TestScreen::spansForPeople_data()
 {
     QTest::addColumn<qint64>("seconds");
     QTest::addColumn<QString>("shown");
@@ -129,13 +129,13 @@ void TestCtl::spansForPeople_data()
     QTest::newRow("days") << qint64(90000) << u"1 d 1 h"_s;
 }
 
-void TestCtl::spansForPeople()
+void TestScreen::spansForPeople()
 {
     QFETCH(qint64, seconds);
     QTEST(humanSeconds(seconds), "shown");
 }
 
-void TestCtl::textsAreShortened_data()
+void TestScreen::textsAreShortened_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<int>("columns");
@@ -148,7 +148,7 @@ void TestCtl::textsAreShortened_data()
     QTest::newRow("of megabytes") << QString(10'000'000, u'x') << 4 << u"xxx…"_s;
 }
 
-void TestCtl::textsAreShortened()
+void TestScreen::textsAreShortened()
 {
     QFETCH(QString, text);
     QFETCH(int, columns);
@@ -156,7 +156,7 @@ void TestCtl::textsAreShortened()
     QVERIFY(displayWidth(shortened(text, columns)) <= columns);
 }
 
-void TestCtl::whatAToolSaidIsOneSentence_data()
+void TestScreen::whatAToolSaidIsOneSentence_data()
 {
     QTest::addColumn<QString>("said");
     QTest::addColumn<QString>("sentence");
@@ -169,13 +169,13 @@ void TestCtl::whatAToolSaidIsOneSentence_data()
     QTest::newRow("an escape stays for escaping") << u"a\x1b[31m\nb"_s << u"a\x1b[31m; b"_s;
 }
 
-void TestCtl::whatAToolSaidIsOneSentence()
+void TestScreen::whatAToolSaidIsOneSentence()
 {
     QFETCH(QString, said);
     QTEST(oneSentence(said), "sentence");
 }
 
-void TestCtl::timesOfSystemdAreRead_data()
+void TestScreen::timesOfSystemdAreRead_data()
 {
     QTest::addColumn<QString>("text");
     QTest::addColumn<qint64>("seconds"); // -1: none
@@ -192,7 +192,7 @@ void TestCtl::timesOfSystemdAreRead_data()
     QTest::newRow("empty") << QString() << qint64(-1);
 }
 
-void TestCtl::timesOfSystemdAreRead()
+void TestScreen::timesOfSystemdAreRead()
 {
     qputenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
     tzset();
@@ -200,7 +200,7 @@ void TestCtl::timesOfSystemdAreRead()
     QTEST(systemdTime(text).value_or(-1), "seconds");
 }
 
-void TestCtl::theNearestWordWasMeant_data()
+void TestScreen::theNearestWordWasMeant_data()
 {
     QTest::addColumn<QString>("typed");
     QTest::addColumn<QString>("word");
@@ -215,13 +215,13 @@ void TestCtl::theNearestWordWasMeant_data()
     QTest::newRow("of megabytes") << QString(10'000'000, u'a') << QString();
 }
 
-void TestCtl::theNearestWordWasMeant()
+void TestScreen::theNearestWordWasMeant()
 {
     QFETCH(QString, typed);
     QTEST(meant(typed, {u"account"_s, u"file"_s, u"atop"_s, u"ban"_s, u"bar"_s}), "word");
 }
 
-void TestCtl::theOnlyNameIsNamed()
+void TestScreen::theOnlyNameIsNamed()
 {
     QCOMPARE(meantHint(u"account"_s, u"x"_s, {u"shop"_s}), u"the only account is 'shop'"_s);
     QCOMPARE(meantHint(u"account"_s, u"shp"_s, {u"shop"_s, u"blog"_s}), u"did you mean 'shop'?"_s);
@@ -231,7 +231,7 @@ void TestCtl::theOnlyNameIsNamed()
     QCOMPARE(meantHint(u"account"_s, u"x"_s, {}), QString());
 }
 
-void TestCtl::tablesFit_data()
+void TestScreen::tablesFit_data()
 {
     QTest::addColumn<QStringList>("cells");
     QTest::newRow("one wide") << QStringList{QString(200, u'x'), u"y"_s};
@@ -242,7 +242,7 @@ void TestCtl::tablesFit_data()
     QTest::newRow("many") << QStringList(10, QString(30, u'x'));
 }
 
-void TestCtl::tablesFit()
+void TestScreen::tablesFit()
 {
     QFETCH(QStringList, cells);
     QStringList titles;
@@ -263,7 +263,7 @@ void TestCtl::tablesFit()
         QVERIFY(tableText(terminal, titles, {row}).contains(cell));
 }
 
-void TestCtl::logsAreContinued_data()
+void TestScreen::logsAreContinued_data()
 {
     QTest::addColumn<QString>("before");
     QTest::addColumn<QString>("now");
@@ -277,7 +277,7 @@ void TestCtl::logsAreContinued_data()
     QTest::newRow("longest end counts") << u"abab"_s << u"ababc"_s << u"c"_s;
 }
 
-void TestCtl::logsAreContinued()
+void TestScreen::logsAreContinued()
 {
     QFETCH(QString, before);
     QFETCH(QString, now);
@@ -285,7 +285,7 @@ void TestCtl::logsAreContinued()
     QTEST(newLines(lines(before), lines(now)).join(QString()), "fresh");
 }
 
-void TestCtl::barsFit()
+void TestScreen::barsFit()
 {
     for (const int columns : {20, 40, 79, 200}) {
         const QString line = progressLine(QString(100, u'n'), 50'000'000, 100'000'000, 2.5, columns);
@@ -298,7 +298,7 @@ void TestCtl::barsFit()
     QCOMPARE(progressLine(u"a"_s, 0, 0, 0, 79), u"a  0 B  0 B/s"_s);
 }
 
-void TestCtl::keysAreRead()
+void TestScreen::keysAreRead()
 {
     // As ssh-keygen -l shows it.
     const QString key = u"ssh-ed25519 AAAAC3NzaC1lZDI1NTE5AAAAIJx0m0nV1bqvfXzYv4hS2Yw3sLkqF5oYzZ8dQ2mWm1aB"_s;
@@ -316,7 +316,7 @@ void TestCtl::keysAreRead()
     QCOMPARE(keys[2].type, u"no key"_s);
 }
 
-void TestCtl::portsOfSshAreRead_data()
+void TestScreen::portsOfSshAreRead_data()
 {
     QTest::addColumn<QByteArray>("connection");
     QTest::addColumn<QString>("port");
@@ -327,11 +327,11 @@ void TestCtl::portsOfSshAreRead_data()
     QTest::newRow("too long") << QByteArray("192.0.2.1 50000 192.0.2.2 22 ") << QString();
 }
 
-void TestCtl::portsOfSshAreRead()
+void TestScreen::portsOfSshAreRead()
 {
     QFETCH(QByteArray, connection);
     QTEST(sshPortIn(connection), "port");
 }
 
-QTEST_APPLESS_MAIN(TestCtl)
-#include "test_ctl.moc"
+QTEST_APPLESS_MAIN(TestScreen)
+#include "test_screen.moc"

@@ -7,7 +7,7 @@
 using namespace Qt::Literals::StringLiterals;
 using namespace corv::hosting;
 
-class TestNames : public QObject
+class TestAccount : public QObject
 {
     Q_OBJECT
 
@@ -152,5 +152,5 @@ private Q_SLOTS:
     }
 };
 
-QTEST_APPLESS_MAIN(TestNames)
-#include "test_names.moc"
+QTEST_APPLESS_MAIN(TestAccount)
+#include "test_account.moc"
