@@ -7,6 +7,7 @@
 #include "ctl/commands/File.h"
 #include "ctl/screen/Escape.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
@@ -150,7 +151,7 @@ int getFolder(Session &session, const Given &given)
     QString local = given.text("FILE");
     if (local.isEmpty() || QFileInfo(local).isDir())
         local = (local.isEmpty() ? u"."_s : local) + u'/' + name;
-    const QFileInfo target(local.endsWith(u'/') ? local.chopped(1) : local);
+    const QFileInfo target(QDir::cleanPath(local));
     if (target.exists() || target.isSymLink())
         return fail(kRefused, u"%1 exists already, so nothing was fetched"_s.arg(target.filePath()));
 
