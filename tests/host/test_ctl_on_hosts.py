@@ -436,6 +436,6 @@ def test_status_and_doctor_of_another_server(client):
     code, out, err = client("-H", "one", "status")
     assert (code, err) == (0, "")
     assert out.startswith("web1 needs attention in 3 places\n")
-    assert "\n  Accounts  1 at the last backup\n" in out
+    assert "\n  Accounts  1\n" in out
     code, out, err = client("-H", "one", "doctor", "--plain")
     assert (code, out, err) == (0, "", "")
