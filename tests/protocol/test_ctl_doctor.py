@@ -20,6 +20,13 @@ BACKUPS = "/var/backups/corvane/auto"
 UNIT = "LoadState,ActiveState,SubState,UnitFileState"
 
 
+PHP = """\
+opcache.enable => On => On
+opcache.restrict_api => /usr/share/corvane/opcache/ => /usr/share/corvane/opcache/
+opcache.validate_permission => On => On
+"""
+
+
 def databases(**changes):
     """What PostgreSQL answers to the doctor's question."""
     everything = {
@@ -66,6 +73,7 @@ def well(sandbox):
     sandbox.write("/etc/apache2/apache2.conf", "ErrorLog /x\n")
     sandbox.write(LOG_FORMAT, 'LogFormat "%h \\"%r\\"" corv\n')
     sandbox.mkdir("/run/sshd")
+    sandbox.answer("php-fpm8.2", "-i", out=PHP)
     sandbox.answer("psql", "-qtAX", ..., out=databases())
     answer_versions(sandbox, 14)
     sandbox.answer("findmnt", out="/home ext4\n")
@@ -110,6 +118,7 @@ def test_shows_what_it_looked_at(well):
 ok      agent       answers, version 0.1
 ok      services    apache2 postgresql php8.2-fpm
 ok      Apache      modules and log format
+ok      PHP         cache of 8.2
 ok      sshd        sshd -T
 ok      PostgreSQL  the server 15.14, pg_dump 15.14, pg_restore 15.14, psql
                     15.14
@@ -131,7 +140,7 @@ def test_shows_findings_within_eighty_columns_and_commands_whole(well):
     well.logs("agent: uid 0 ran ping -> ok")
     code, text = on_terminal(well, "doctor")
     assert code == 1
-    assert text.splitlines()[6:9] == [
+    assert text.splitlines()[7:10] == [
         "        accounts    1, PHP 8.2",
         "FAULT   the account alice has no pool in PHP 8.2, the version in force",
         f"        # corvctl doctor --pool alice >{POOL} && systemctl reload php8.2-fpm",

@@ -6,6 +6,7 @@
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/Former.h"
+#include "ctl/doctor/Php.h"
 #include "ctl/doctor/System.h"
 
 #include <QByteArray>
@@ -43,6 +44,9 @@ QList<PostgresVersion> readClientVersions();
 
 // The PHP versions for which a folder of pools is there.
 QStringList phpVersions();
+
+// The settings of a PHP version's FPM; nothing where it is not installed.
+std::optional<PhpState> readPhp(const QString &version);
 
 AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions);
 NamedParts readNamedParts(const QStringList &phpVersions);
