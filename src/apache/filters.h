@@ -1,7 +1,7 @@
 #pragma once
 
 /* The server's other headers need it before them. */
-#include "httpd.h"
+#include <httpd.h>
 
 /*
  * Takes the filters from a request, and from its connection, that were added by a name in a .htaccess and that the
