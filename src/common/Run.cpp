@@ -72,6 +72,18 @@ void connectStreams(QProcess &process, const Streams &streams)
         });
 }
 
+// Sets a limit of the child's, which it cannot raise again; 0 leaves the agent's own.
+void limitChild(QProcess &process, int resource, qint64 bytes)
+{
+    if (bytes <= 0)
+        return;
+    const rlimit limit = {static_cast<rlim_t>(bytes), static_cast<rlim_t>(bytes)};
+    process.setChildProcessModifier([=, prepare = process.childProcessModifier()] {
+        ::setrlimit(static_cast<__rlimit_resource>(resource), &limit);
+        prepare();
+    });
+}
+
 // Variables and limits of the child's own.
 void surround(QProcess &process, const Surroundings &surroundings)
 {
@@ -81,14 +93,8 @@ void surround(QProcess &process, const Surroundings &surroundings)
             environment.insert(entry.key(), entry.value());
         process.setProcessEnvironment(environment);
     }
-    if (surroundings.stackBytes > 0) {
-        const rlimit limit = {static_cast<rlim_t>(surroundings.stackBytes),
-                              static_cast<rlim_t>(surroundings.stackBytes)};
-        process.setChildProcessModifier([=, prepare = process.childProcessModifier()] {
-            ::setrlimit(RLIMIT_STACK, &limit);
-            prepare();
-        });
-    }
+    limitChild(process, RLIMIT_STACK, surroundings.stackBytes);
+    limitChild(process, RLIMIT_AS, surroundings.memoryBytes);
     if (surroundings.linksLeadNowhere || !surroundings.loginDefs.isEmpty()) {
         process.setChildProcessModifier([=, closed = surroundings.linksLeadNowhere, defs = surroundings.loginDefs,
                                          prepare = process.childProcessModifier()] {

@@ -36,6 +36,7 @@ struct Surroundings
 {
     QMap<QString, QString> environment; // variables that are set for it, beside the agent's own
     qint64 stackBytes = 0;              // the limit of its stack; 0: the agent's own
+    qint64 memoryBytes = 0;             // the limit of its memory with that; 0: the agent's own
     int milliseconds = 0;               // after which it is killed; 0: the ten minutes of run
     // Whether no link below /home leads anywhere for it (see common/OwnMounts.h): for what walks as root where accounts
     // may swap a folder for a link at any moment. Where the kernel cannot do that it runs all the same.

@@ -34,6 +34,17 @@ for _ in range(20000):
     os.chdir("d")
 """
 
+# Keeps a lease on a file of one's own: whoever opens it waits for the holder, who ignores the kernel's request.
+LEASE = """
+import fcntl, os, signal
+signal.signal(signal.SIGTERM, signal.SIG_IGN)
+signal.signal(signal.SIGIO, signal.SIG_IGN)
+file = open("leased", "w")
+fcntl.fcntl(file, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+while True:
+    signal.pause()
+"""
+
 SHARE = "import ctypes; c = ctypes.CDLL(None); c.shmget(0, 4096, 0o1666); c.semget(0, 1, 0o1666); c.msgget(0, 0o1666)"
 
 
@@ -102,6 +113,25 @@ def test_his_jobs_do_not_run_for_the_next_one_of_his_name(host, account, guarded
               "/dev/shm/former"]
     assert [host.exists(place) for place in places] == [not guarded] * len(places)
     host.run(["rm", "-f", *places])
+
+
+def test_nobody_gets_ids_below_which_a_former_tenant_has_left_anything(host, account, guarded):
+    """A user's subordinate ids are the next one's when he is gone, and with them what containers of his have left."""
+    ranges = [line.split(":") for path in ("/etc/subuid", "/etc/subgid") for line in host.get(path).splitlines()]
+    assert bool([user for user, *_ in ranges if user == account.name]) is not guarded
+
+
+def test_a_group_id_is_not_given_out_again_either(host, account, guarded):
+    gid = host.ok(["id", "-g", account.name]).strip()
+    assert delete(host, account)["ok"] is True
+    assert (host.ok(["id", "-g", host.account().name]).strip() == gid) is not guarded
+
+
+def test_a_lease_that_its_holder_keeps_does_not_make_an_account_lasting(host, account):
+    leave_running(host, account, f"exec python3 -c '{LEASE}'\n")
+    host.wait_for(lambda: "LEASE" in host.get("/proc/locks"), "the lease")
+    assert host.request("hosting.suspend", username=account.name) == {"ok": True}
+    assert delete(host, account)["ok"] is True
 
 
 def test_his_memory_does_not_stay(host, account, guarded):

@@ -126,6 +126,27 @@ def test_nobody_stays_in_another_s_new_database(host, account, victim):
     assert as_tenant(host, victim.name, "SELECT word FROM says").out == "saved\n"
 
 
+def test_not_even_its_owner_gets_between_the_two_renames(host, account):
+    """A hijacked site that keeps connecting to the new database would leave its owner without any."""
+    assert as_tenant(host, account.name, "CREATE TABLE says AS SELECT 'saved' AS word").code == 0
+    backup = save(host)
+    again = "while :; do psql -qtAX -d $0__restore -c 'SELECT pg_sleep(20)'; psql -qtAX -d $0 -c 'SELECT pg_sleep(20)'; done"
+    loops = [host.background(["runuser", "-u", account.name, "--", "sh", "-c", again, account.name], start_new_session=True)
+             for _ in range(3)]
+    try:
+        for _ in range(5):
+            assert host.request("backup.restore", username=account.name, backup=backup, what="database") == {"ok": True}
+    finally:
+        host.run(["pkill", "-KILL", "-u", account.name])
+        for loop in loops:
+            loop.kill()
+            loop.wait()
+    host.sql(f"SELECT pg_terminate_backend(pid) FROM pg_stat_activity WHERE usename = '{account.name}'")
+    assert as_tenant(host, account.name, "SELECT word FROM says").out == "saved\n"
+    owner = f"SELECT pg_get_userbyid(datdba), datacl FROM pg_database WHERE datname = '{account.name}'"
+    assert host.sql(owner).out == f"{account.name}|{{{account.name}=CTc/{account.name}}}\n"
+
+
 def test_nobody_leaves_anything_in_another_s_new_database(host, account, victim):
     @contextmanager
     def leave(database):

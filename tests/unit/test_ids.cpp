@@ -67,18 +67,25 @@ private Q_SLOTS:
         const QByteArray text =
             "# UID_MIN 5\nUID_MIN\t\t 1000\nUID_MAX 60000\n  GID_MIN 1000\nSYS_UID_MIN 100\nUMASK 022\n";
         QCOMPARE(loginDefsFrom(text, 1005),
-                 std::optional<QByteArray>("# UID_MIN 5\nUID_MAX 60000\nSYS_UID_MIN 100\nUMASK 022\n\n"
-                                           "UID_MIN 1005\nGID_MIN 1005\n"));
+                 QByteArray("# UID_MIN 5\nUID_MAX 60000\nSYS_UID_MIN 100\nUMASK 022\n\n"
+                            "UID_MIN 1005\nGID_MIN 1005\nSUB_UID_COUNT 0\nSUB_GID_COUNT 0\n"));
+    }
+
+    void givesNoSubordinateIds()
+    {
+        QCOMPARE(loginDefsFrom("UID_MIN 1000\nSUB_UID_COUNT 65536\nSUB_GID_MIN 100000\nSUB_GID_COUNT\t65536", 0),
+                 QByteArray("SUB_GID_MIN 100000\nUID_MIN 1000\nSUB_UID_COUNT 0\nSUB_GID_COUNT 0\n"));
     }
 
     void leavesTheGapsToUseraddWhenFewIdsAreLeft()
     {
-        QVERIFY(loginDefsFrom("UID_MAX 60000\n", 59000));
-        QVERIFY(!loginDefsFrom("UID_MAX 60000\n", 59001));
-        QVERIFY(!loginDefsFrom("UID_MAX 60000\n", 60001));
-        QVERIFY(!loginDefsFrom("UID_MAX 2000\n", 1500));
-        QVERIFY(loginDefsFrom("", 59000));
-        QVERIFY(!loginDefsFrom("", 59001));
+        QVERIFY(loginDefsFrom("UID_MAX 60000\n", 59000).contains("UID_MIN 59000\n"));
+        const QByteArray usual = "UID_MIN 1000\n";
+        QVERIFY(loginDefsFrom(usual + "UID_MAX 60000\n", 59001).contains(usual));
+        QVERIFY(loginDefsFrom(usual + "UID_MAX 60000\n", 60001).contains(usual));
+        QVERIFY(loginDefsFrom(usual + "UID_MAX 2000\n", 1500).contains(usual));
+        QVERIFY(loginDefsFrom("", 59000).contains("UID_MIN 59000\n"));
+        QVERIFY(!loginDefsFrom("", 59001).contains("UID_MIN"));
     }
 
     void tellsAUsersProcessByItsStatus_data()

@@ -178,9 +178,9 @@ QString load(const QString &user, const QString &dump)
     return problemOfLoad(stream, passage);
 }
 
-// Loads a dump into the scratch database and leaves nobody in it. Returns why it may not be swapped in, empty when it
-// may.
-QString fillScratch(const QString &user, const QString &dump)
+// Loads a dump into the scratch database and leaves nobody in it, nor a way for the account's role to get in. Returns
+// why it may not be swapped in, empty when it may. taken: see shutOwnerOut.
+QString fillScratch(const QString &user, const QString &dump, QByteArray *taken)
 {
     // Others could come into it until its rights were taken from them: whoever did must not stay.
     if (const QString problem = clearScratch(user); !problem.isEmpty())
@@ -188,6 +188,8 @@ QString fillScratch(const QString &user, const QString &dump)
     if (const QString problem = checkFresh(user); !problem.isEmpty())
         return problem;
     if (const QString problem = load(user, dump); !problem.isEmpty())
+        return problem;
+    if (const QString problem = shutOwnerOut(user, taken); !problem.isEmpty())
         return problem;
     return clearScratch(user);
 }
@@ -202,12 +204,14 @@ Reply restoreDatabase(const QString &user, const QString &dump)
     if (const QString error = prepareScratch(user); !error.isEmpty())
         return fail(error);
 
-    if (const QString problem = fillScratch(user, dump); !problem.isEmpty()) {
+    QByteArray taken;
+    if (const QString problem = fillScratch(user, dump, &taken); !problem.isEmpty()) {
         (void)dropScratch(user); // the next restore drops what is left
-        return fail(kept + problem);
+        return fail(kept + hosting::joined({problem, letOwnerIn(user, taken)}));
     }
 
-    if (const QString error = swapScratchIn(user); !error.isEmpty())
+    const QString swapped = swapScratchIn(user);
+    if (const QString error = hosting::joined({swapped, letOwnerIn(user, taken)}); !error.isEmpty())
         return fail(u"restored, but swapping it in failed: "_s + error);
     return result({});
 }

@@ -113,6 +113,48 @@ ELSE 'empty' END FROM pg_stat_activity WHERE datname = '%1__restore')"_s);
     return socket.isEmpty() ? QString() : u"somebody stays connected to %1__restore"_s.arg(user);
 }
 
+QString shutOwnerOut(const QString &user, QByteArray *taken)
+{
+    const QByteArray socket = postgres::serverSocket();
+    if (socket.isEmpty())
+        return {};
+    const std::optional<QByteArray> numbers = askAbout(socket, user, uR"(SELECT coalesce(string_agg(oid::text, ','), '')
+FROM pg_database WHERE datname IN ('%1', '%1__restore') AND pg_get_userbyid(datdba) = '%1')"_s);
+    if (!numbers)
+        return u"PostgreSQL does not tell whose %1__restore is"_s.arg(user);
+    *taken = *numbers;
+    // A transaction of the role's that changes one of the two holds up everybody else who would: it is ended too.
+    for (int look = 0; look < kLooks && !taken->isEmpty(); ++look) {
+        const std::optional<QByteArray> state = askAbout(socket, user, uR"(SET lock_timeout = '200ms';
+DO $$ DECLARE base name; BEGIN
+PERFORM pg_terminate_backend(pid) FROM pg_stat_activity WHERE datname = '%1__restore'
+OR (usename = '%1' AND pid IN (SELECT pid FROM pg_locks WHERE relation = 'pg_database'::regclass));
+FOR base IN SELECT datname FROM pg_database WHERE datname IN ('%1', '%1__restore')
+AND pg_get_userbyid(datdba) = '%1' LOOP EXECUTE format('ALTER DATABASE %I OWNER TO postgres', base); END LOOP;
+END $$; SELECT 'shut')"_s);
+        if (state == "shut")
+            return {};
+    }
+    return taken->isEmpty() ? QString() : u"%1 keeps hold of its database"_s.arg(user);
+}
+
+QString letOwnerIn(const QString &user, const QByteArray &taken)
+{
+    if (taken.isEmpty())
+        return {};
+    const QByteArray socket = postgres::serverSocket();
+    for (int look = 0; look < kLooks; ++look) {
+        const std::optional<QByteArray> state = askAbout(socket, user, uR"(SET lock_timeout = '200ms';
+DO $$ DECLARE base name; BEGIN
+FOR base IN SELECT datname FROM pg_database WHERE oid IN (%2) LOOP EXECUTE format('ALTER DATABASE %I OWNER TO %1', base);
+END LOOP; END $$; SELECT 'back')"_s.replace("%2"_L1, QString::fromLatin1(taken)));
+        if (state == "back")
+            return {};
+    }
+    return u"the database belongs to postgres now; give it back: "
+           "runuser -u postgres -- psql -c 'ALTER DATABASE %1 OWNER TO %1'"_s.arg(user);
+}
+
 void letIntoScratch(const QString &user, bool allowed)
 {
     // What goes wrong shows in a login that is refused.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 // The database that a dump is loaded into before it takes the live one's place. All take the account's name, which must
@@ -26,6 +27,14 @@ QString checkFresh(const QString &user);
 
 // Ends all sessions in it, and checks that none is left: a single one makes the swap stop half-way.
 QString clearScratch(const QString &user);
+
+// Takes the new database and the live one from the account's role until the swap is over: an owner can be kept out of a
+// database by no right, and a single session of his between the two renames would leave him without any. taken gets
+// what letOwnerIn is to be given, also where a part of it failed.
+QString shutOwnerOut(const QString &user, QByteArray *taken);
+
+// Gives back what was taken, under whichever name it has by now.
+QString letOwnerIn(const QString &user, const QByteArray &taken);
 
 // Makes the account a member of the role that pg_hba.conf lets into any database, where "corvctl database harden" has
 // made one, or takes that back. Other roles then reach none but their own, not even a new one.

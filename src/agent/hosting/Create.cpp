@@ -76,10 +76,13 @@ QString cleanIds(const QString &user)
     if (!ids)
         return {};
     // On a server where the C library does not know the ids that are kept, and useradd could not be told.
-    if (formerIds().users.contains(ids->user))
+    const FormerIds former = formerIds();
+    if (former.users.contains(ids->user))
         return u"useradd gave '%1' the user id %2 of a deleted account"_s.arg(user).arg(ids->user);
+    if (former.groups.contains(ids->group))
+        return u"useradd gave '%1' the group id %2 of a deleted account"_s.arg(user).arg(ids->group);
     // Ids may have been somebody's before the agent kept any.
-    endProcesses(ids->user);
+    endProcesses(ids->user, InOwnRoot::Only);
     setAsideFormerFiles(user, *ids);
     return {};
 }

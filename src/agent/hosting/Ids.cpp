@@ -57,22 +57,19 @@ id_t firstFree()
     return highest == 0 ? 0 : highest + 1;
 }
 
-// A file with the login definitions for useradd to find, its path; empty where there is no need of one.
+// A file with the login definitions for useradd to find, its path; empty where none can be written.
 QByteArray writeLoginDefs()
 {
-    const id_t first = firstFree();
     QFile usual(kLoginDefs);
-    if (first == 0 || !usual.open(QIODevice::ReadOnly))
+    if (!usual.open(QIODevice::ReadOnly))
         return {};
-    const std::optional<QByteArray> text = loginDefsFrom(usual.readAll(), first);
-    if (!text)
-        return {};
+    const QByteArray text = loginDefsFrom(usual.readAll(), firstFree());
 
     QByteArray path = "/run/corv-login.defs.XXXXXX";
     const Fd file(::mkostemp(path.data(), O_CLOEXEC));
     if (!file)
         return {};
-    if (!writeAll(file.get(), *text)) {
+    if (!writeAll(file.get(), text)) {
         (void)::unlink(path.constData());
         return {};
     }
@@ -96,21 +93,25 @@ bool keepIds(const Ids &ids)
     return writeRecord(ids.group, u".group"_s, formerGroupRecord(ids.group)) && user;
 }
 
-std::optional<QByteArray> loginDefsFrom(const QByteArray &text, id_t first)
+QByteArray loginDefsFrom(const QByteArray &text, id_t first)
 {
-    QByteArray changed;
+    QByteArray ranges;
+    QByteArray others;
     id_t last = kUsualLast;
     for (const QByteArray &line : text.split('\n')) {
         if (const std::optional<id_t> max = valueOf(line, "UID_MAX"))
             last = *max;
         // No more than one of each is read, and which one differs between releases.
-        if (!valueOf(line, "UID_MIN") && !valueOf(line, "GID_MIN"))
-            changed += line + '\n';
+        if (valueOf(line, "UID_MIN") || valueOf(line, "GID_MIN"))
+            ranges += line + '\n';
+        else if (!valueOf(line, "SUB_UID_COUNT") && !valueOf(line, "SUB_GID_COUNT"))
+            others += line + '\n';
     }
-    if (first > last || last - first < kLeastLeft)
-        return {};
+    const bool isAbove = first != 0 && first <= last && last - first >= kLeastLeft;
     const QByteArray number = QByteArray::number(first);
-    return changed + "UID_MIN " + number + "\nGID_MIN " + number + '\n';
+    if (isAbove)
+        ranges = "UID_MIN " + number + "\nGID_MIN " + number + '\n';
+    return others + ranges + "SUB_UID_COUNT 0\nSUB_GID_COUNT 0\n";
 }
 
 QString addUser(const QStringList &args)

@@ -20,8 +20,9 @@ bool keepIds(const Ids &ids);
 // no id that is kept, also where the C library does not know of these. Returns the runner's message.
 QString addUser(const QStringList &args);
 
-// A text of /etc/login.defs in which ids are given out from first on; nothing where so few would be left that the
-// server had better use up the gaps below.
-std::optional<QByteArray> loginDefsFrom(const QByteArray &text, id_t first);
+// The text of /etc/login.defs as useradd is to see it: ids are given out from first on, unless that is 0 or so few
+// would be left that the server had better use up the gaps below; and a user gets no subordinate ids, which would be
+// the next one's when he is gone, with all processes and files that he left under them.
+QByteArray loginDefsFrom(const QByteArray &text, id_t first);
 
 } // namespace corv::hosting

@@ -29,7 +29,7 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::hosting {
 namespace {
 
-constexpr int kSearchMs = 10'000;
+constexpr int kSearchMs = 5'000;            // in each place
 constexpr qint64 kLargestCopy = 67'108'864; // bytes
 constexpr qsizetype kCopyBytes = 65'536;
 constexpr qsizetype kKeptNameBytes = 200;
@@ -45,9 +45,10 @@ const auto kBackups = u"/var/backups/corvane"_s;
 // Where all users may leave files, or services leave files of theirs.
 QStringList sharedPlaces(uid_t user)
 {
-    const QStringList all = {u"/tmp"_s,        u"/var/tmp"_s,    u"/dev/shm"_s,
-                             u"/dev/mqueue"_s, u"/var/spool"_s,  u"/var/crash"_s,
-                             u"/run/lock"_s,   u"/run/screen"_s, u"/run/user/%1"_s.arg(user)};
+    // What others start from comes first, and those that anybody can fill last.
+    const QStringList all = {u"/var/spool"_s,  u"/dev/mqueue"_s, u"/run/user/%1"_s.arg(user),
+                             u"/run/screen"_s, u"/run/lock"_s,   u"/var/crash"_s,
+                             u"/dev/shm"_s,    u"/var/tmp"_s,    u"/tmp"_s};
     QStringList places;
     for (const QString &place : all) {
         // Some are links on some servers, to another of them perhaps. They are root's: to follow them is safe.
@@ -70,7 +71,7 @@ using Disposal = std::function<bool(int folder, const char *name, bool isFolder)
 // the look at an entry and its disposal only somebody who may do the same there himself could put another in its place.
 void disposeOfFiles(uid_t user, const Disposal &dispose)
 {
-    const QDeadlineTimer deadline(kSearchMs);
+    QDeadlineTimer deadline;
     const WalkLimits limits = {true, [&] { return !deadline.hasExpired(); }};
     const auto visit = [&](int folder, const char *name, bool isFolder) {
         struct stat status = {};
@@ -79,8 +80,10 @@ void disposeOfFiles(uid_t user, const Disposal &dispose)
     };
     const EntryVisitor onFile = [&](int folder, const char *name) { return visit(folder, name, false); };
     const EntryVisitor onFolder = [&](int folder, const char *name) { return visit(folder, name, true); };
-    for (const QString &place : sharedPlaces(user))
+    for (const QString &place : sharedPlaces(user)) {
+        deadline.setRemainingTime(kSearchMs);
         (void)walkTree(AT_FDCWD, QFile::encodeName(place).constData(), onFile, onFolder, onFolder, limits);
+    }
 }
 
 QString now()

@@ -85,11 +85,11 @@ bool isLivingProcessOf(uid_t user, const char *status)
     return letter != 'Z' && letter != 'X' && (real == user || saved == user);
 }
 
-void endProcesses(uid_t user)
+void endProcesses(uid_t user, InOwnRoot which)
 {
     if (!isAccountId(user) || user == ::getuid())
         return;
-    const bool inOwnRoot = !haveOneRoot("/proc/1/root/.", "/");
+    const bool inOwnRoot = which == InOwnRoot::Only || !haveOneRoot("/proc/1/root/.", "/");
     const QDeadlineTimer deadline(kPatienceMs);
     for (;;) {
         if (!inOwnRoot)
