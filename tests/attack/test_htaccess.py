@@ -407,22 +407,27 @@ def test_a_link_that_is_exchanged_while_it_is_asked_for(tenants, guarded):
     assert (secrets > 0) is not guarded
 
 
-# What a visitor asks for in a folder, each over a connection of its own; tells how each was answered, 0 for not at all.
+# What a visitor asks for in a folder, each over a connection of its own, plainly and for parts of it; tells how each was answered,
+# 0 for not at all.
 ASK_ALL = r"""
 import http.client, sys
 address, name, folder = sys.argv[1:]
-for path in ("y.txt", "x.php", "y.html", "", "none/a", "+x.php"):
-    connection = http.client.HTTPConnection(address, timeout=20)
-    headers = {"Host": name, "Authorization": "Basic YTpi", "Content-Type": "application/x-www-form-urlencoded"}
-    try:
-        connection.request("POST" if path[:1] == "+" else "GET", f"/{folder}/{path.lstrip('+')}", b"a=b" * 100 if path[:1] == "+" else None, headers)
-        answer = connection.getresponse()
-        answer.read()
-        print(answer.status)
-    except (OSError, http.client.HTTPException) as error:
-        print(0)
+GET = [("GET", path, None) for path in ("y.txt", "x.php", "y.html", "", "none/a")]
+POST = [("POST", path, b"a=b" * 100) for path in ("y.txt", "x.php")]
+for more in ({}, {"Range": "bytes=1-3,5-9", "Accept-Encoding": "gzip"}):
+    for method, path, body in GET + POST:
+        headers = {"Host": name, "Authorization": "Basic YTpi", "Content-Type": "application/x-www-form-urlencoded", **more}
+        connection = http.client.HTTPConnection(address, timeout=20)
+        try:
+            connection.request(method, f"/{folder}/{path}", body, headers)
+            answer = connection.getresponse()
+            answer.read()
+            print(answer.status)
+        except (OSError, http.client.HTTPException):
+            print(0)
 """
-PASSWORD = "a:{SHA}6df9c8n4q0ZT0nLq0bVHnYJ3Q0I=\n"
+ASKED = 14
+PASSWORD = "a:{SHA}6df9c8n4q0ZT0nLq0bVHnYJ3Q0I=\n" * 20
 
 
 def answers(tenants, htaccess):
@@ -441,7 +446,7 @@ def ended(tenants):
 def test_no_htaccess_ends_a_process_of_apache(tenants, guarded, name):
     before = ended(tenants)
     seen = answers(tenants, DEADLY[name])
-    assert len(seen) == 6
+    assert len(seen) == ASKED
     if guarded:
         assert 0 not in seen and 403 in seen, tenants.log()
         assert ended(tenants) == before
@@ -451,8 +456,9 @@ def test_no_htaccess_ends_a_process_of_apache(tenants, guarded, name):
 
 
 @pytest.mark.parametrize("name", ODD)
-def test_an_odd_htaccess_is_answered(tenants, name):
+def test_an_odd_htaccess_is_answered(tenants, guarded, name):
     before = ended(tenants)
     seen = answers(tenants, ODD[name])
-    assert len(seen) == 6 and 0 not in seen, f"{seen}\n{tenants.log()}"
-    assert ended(tenants) == before
+    assert len(seen) == ASKED and 0 not in seen, f"{seen}\n{tenants.log()}"
+    # Without the module the attempts above leave processes that end badly later on.
+    assert not guarded or ended(tenants) == before

@@ -12,10 +12,6 @@ INCLUDE = f"@include '{PRIVATE}'; echo $password ?? 'nothing';"
 # What stands in the attacker's page, and what it must not show.
 ATTEMPTS = {
     "include": (INCLUDE, SECRET),
-    "include by a link": ("@symlink('/home/@VICTIM@/public_html', '/home/@ME@/public_html/link');"
-                          "@include '/home/@ME@/public_html/link/config.php'; echo $password ?? 'nothing';", SECRET),
-    "include by the path for it": ("set_include_path('/home/@VICTIM@/public_html'); @include 'config.php';"
-                                   "echo $password ?? 'nothing';", SECRET),
     "setting of a page": ("ini_set('opcache.validate_permission', '0');" + INCLUDE, SECRET),
     "list of the scripts": ("echo implode(' ', array_keys(@opcache_get_status(true)['scripts'] ?? []));", PRIVATE),
     "whether a script is there": (f"echo @opcache_is_script_cached('{PRIVATE}') ? 'it is there' : 'no';", "it is there"),
@@ -25,6 +21,10 @@ ATTEMPTS = {
 
 # What somebody else sees to already, PHP itself or the kernel.
 CLOSED = {
+    "include by a link": ("@symlink('/home/@VICTIM@/public_html', '/home/@ME@/public_html/link');"
+                          "@include '/home/@ME@/public_html/link/config.php'; echo $password ?? 'nothing';", SECRET),
+    "include by the path for it": ("set_include_path('/home/@VICTIM@/public_html'); @include 'config.php';"
+                                   "echo $password ?? 'nothing';", SECRET),
     "reading the file": (f"echo @file_get_contents('{PRIVATE}');", SECRET),
     "showing the file": (f"@highlight_file('{PRIVATE}');", SECRET),
     "compiling the file": (f"@opcache_compile_file('{PRIVATE}'); echo @file_get_contents('{PRIVATE}');", SECRET),
