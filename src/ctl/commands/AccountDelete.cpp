@@ -174,7 +174,8 @@ int deleteAccount(Session &session, const Given &given)
             return *end;
     }
 
-    const qint64 began = QDateTime::currentSecsSinceEpoch();
+    // Files have the time of a clock that is some milliseconds behind.
+    const qint64 began = QDateTime::currentSecsSinceEpoch() * 1000;
     const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
     const QString archive = answer.reply.value("archive"_L1).toString();
     if (const std::optional<int> end = settled(session, answer)) {
