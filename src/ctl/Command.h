@@ -90,6 +90,7 @@ Command doctorCommand();
 Command fileCommand();
 Command firewallCommand();
 Command hostCommand();
+Command notifyCommand();
 Command proxyCommand();
 Command quotaCommand();
 Command serviceCommand();

@@ -24,6 +24,8 @@ constexpr Advice kAdvice[] = {
     {"hard quotas are off"_L1, "corvctl quota enable switches them on"_L1},
     {"could not archive the files, so nothing was deleted: tar failed"_L1,
      "where files changed, shrank or vanished meanwhile: suspend the account, which ends what writes there, then delete it again"_L1},
+    {"installing quota"_L1,
+     "where apt has no linux-modules-extra for this kernel, corvctl quota enable makes one: run it as root on the server"_L1},
     {"no such rule"_L1, "corvctl firewall list shows the rules with their numbers"_L1},
     {"that rule lets you reach this server over SSH"_L1, "ufw on the server itself deletes it"_L1},
     {"restored-"_L1, "corvctl file rm ACCOUNT and that name deletes it"_L1},

@@ -4,6 +4,7 @@
 #include "ctl/Input.h"
 #include "ctl/Keys.h"
 #include "ctl/Session.h"
+#include "ctl/commands/AccountSites.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
 
@@ -18,8 +19,14 @@ const Parameter kAccount = {"ACCOUNT", "the account's name", Kind::Required, Nam
 
 int suspend(Session &session, const Given &given)
 {
-    return settledWith(session, ask(session, u"hosting.suspend"_s, accountIn(given)),
-                       u"%1 is suspended"_s.arg(given.text("ACCOUNT")));
+    const QString name = given.text("ACCOUNT");
+    const QStringList beside = findSitesBeside(session, name);
+    warnOfSites(beside, name);
+    const Answer answer = ask(session, u"hosting.suspend"_s, accountIn(given));
+    const int status = settledWith(session, answer, u"%1 is suspended"_s.arg(name));
+    if (answer.ok())
+        tellOfSitesLeft(session, beside);
+    return status;
 }
 
 int resume(Session &session, const Given &given)
@@ -149,10 +156,20 @@ Command accountCommand()
                   {"DOMAIN", "the site's domain"},
                   {"--key-file", "an SSH public key that lets the account's user in; - for standard input", Kind::Value,
                    Names::File},
+                  {"--force", "take a domain that something on the server answers to already", Kind::Flag},
                   {"--clear", "take away what a creation or deletion of that name has left, showing each command",
                    Kind::Flag}},
                  createAccount},
-                {"list", "List the accounts of this server", {}, listAccounts},
+                {"list",
+                 "List the accounts of this server with their state and what they use",
+                 {{"--sort",
+                   "what the list is sorted by; the name without this",
+                   Kind::Value,
+                   Names::Nothing,
+                   {"name", "domain", "state", "used"}}},
+                 listAccounts},
+                {"show", "Show all that an account has", {kAccount}, showAccount},
+                {"domain", "Give an account another domain", {kAccount, {"DOMAIN", "its new domain"}}, changeDomain},
                 {"suspend", "Take an account off-line", {kAccount}, suspend},
                 {"resume", "Put a suspended account back on-line", {kAccount}, resume},
                 {"delete",

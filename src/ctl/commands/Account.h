@@ -18,7 +18,9 @@ bool addSource(const Session &session, const QString &path, const QString &membe
 // The commands of the topic that have a source of their own; each returns the exit status.
 int createAccount(Session &session, const Given &given);
 int deleteAccount(Session &session, const Given &given);
+int changeDomain(Session &session, const Given &given);
 int publishAccount(Session &session, const Given &given);
 int listAccounts(Session &session, const Given &given);
+int showAccount(Session &session, const Given &given);
 
 } // namespace corv::ctl

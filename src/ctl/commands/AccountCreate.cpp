@@ -4,6 +4,7 @@
 #include "ctl/Command.h"
 #include "ctl/Session.h"
 #include "ctl/commands/Account.h"
+#include "ctl/commands/AccountSites.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Remainders.h"
 #include "ctl/screen/Table.h"
@@ -76,6 +77,9 @@ int createAccount(Session &session, const Given &given)
     args.insert(u"domain"_s, given.text("DOMAIN"));
     if (given.has("--key-file") && !addSource(session, given.text("--key-file"), u"sshKey"_s, &args))
         return kWrongUsage;
+    if (const std::optional<int> end =
+            refuseTaken(session, given.text("DOMAIN"), given.text("ACCOUNT"), given.has("--force")))
+        return *end;
     if (const std::optional<int> end = clearTheWay(session, findRemainders(session, name), given.has("--clear")))
         return *end;
 

@@ -8,6 +8,7 @@
 #include "ctl/Input.h"
 #include "ctl/Session.h"
 #include "ctl/commands/Account.h"
+#include "ctl/commands/AccountSites.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/screen/Escape.h"
@@ -153,6 +154,8 @@ void tellWhatStays(const Session &session, const Answer &answer, const QString &
 int deleteAccount(Session &session, const Given &given)
 {
     const QString name = given.text("ACCOUNT");
+    const QStringList beside = findSitesBeside(session, name);
+    warnOfSites(beside, name);
     const bool isForced = given.has("--force");
     const std::optional<QString> typed = confirmation(
         session, u"This deletes the account, its files and its database. Type %1 to go on:"_s.arg(escaped(name)));
@@ -177,6 +180,8 @@ int deleteAccount(Session &session, const Given &given)
     // Files have the time of a clock that is some milliseconds behind.
     const qint64 began = QDateTime::currentSecsSinceEpoch() * 1000;
     const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
+    if (answer.ok())
+        tellOfSitesLeft(session, beside);
     const QString archive = answer.reply.value("archive"_L1).toString();
     if (const std::optional<int> end = settled(session, answer)) {
         if (!archive.isEmpty() && !session.options.json)

@@ -154,20 +154,40 @@ int followBackup(Session &session, const QJsonObject &before)
     return kDone;
 }
 
+// Says that a backup that was asked for has begun, once it has: it shows in the log, runs, or is there.
+int hasBegun(Session &session, const Answer &answer, const QJsonObject &before)
+{
+    const QDeadlineTimer start(kStartTime);
+    bool seen = false;
+    const Answer last = askUntil(session, u"backup.status"_s, [&](const QJsonObject &reply) {
+        seen = reply.value("running"_L1).toBool() || newestIn(reply) != newestIn(before) ||
+               reply.value("log"_L1) != before.value("log"_L1);
+        return seen || start.hasExpired();
+    });
+    if (!last.ok())
+        return settled(session, last).value_or(kRefused);
+    if (!seen)
+        return fail(kRefused, u"the backup was asked for, but does not begin"_s,
+                    u"journalctl -u corv-backup tells why"_s);
+    return settledWith(session, answer, u"the backup has begun; corvctl backup log shows how far it is"_s);
+}
+
 int start(Session &session, const Given &given)
 {
     const bool wait = given.has("--wait") && !session.options.printOnly;
     QJsonObject before;
-    if (wait) {
+    if (!session.options.printOnly) {
         const Answer status = ask(session, u"backup.status"_s);
         if (!status.ok())
-            return *settled(session, status);
+            return settled(session, status).value_or(kRefused);
         before = status.reply;
+        if (before.value("running"_L1).toBool())
+            return fail(kRefused, u"a backup is being made already"_s, u"corvctl backup log shows how far it is"_s);
     }
 
     const Answer answer = ask(session, u"backup.start"_s);
     if (!wait)
-        return settledWith(session, answer, u"the backup has begun; corvctl backup log shows how far it is"_s);
+        return answer.ok() ? hasBegun(session, answer, before) : settled(session, answer).value_or(kDone);
     if (const std::optional<int> end = settled(session, answer); end && *end != kDone)
         return *end;
     return followBackup(session, before);
