@@ -15,12 +15,12 @@
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Modules.h"
 #include "ctl/doctor/Notify.h"
-#include "ctl/doctor/Updates.h"
+#include "ctl/doctor/Reach.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/Settings.h"
 #include "ctl/doctor/SiteFacts.h"
+#include "ctl/doctor/Updates.h"
 #include "ctl/doctor/Visitors.h"
-#include "ctl/doctor/Reach.h"
 
 #include <QDateTime>
 #include <QDir>
