@@ -77,6 +77,7 @@ struct Command
     std::vector<Parameter> parameters = {};
     Handler handler = nullptr;
     std::vector<Command> commands = {};
+    bool isSurvey = false; // of several servers, what it prints with --plain is made one line for each
 };
 
 // The topics, one function each; main lists them.
@@ -89,6 +90,7 @@ Command databaseCommand();
 Command doctorCommand();
 Command fileCommand();
 Command firewallCommand();
+Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
 Command notifyCommand();
 Command proxyCommand();

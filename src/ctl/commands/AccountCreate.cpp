@@ -100,9 +100,9 @@ int createAccount(Session &session, const Given &given)
     printFacts(session, {{u"Account"_s, text(name)},
                          {u"Domain"_s, text(answer.reply.value("domain"_L1).toString())},
                          {u"PHP"_s, text(php.isEmpty() ? u"none"_s : php)},
-                         {u"Access log"_s, text(answer.reply.value("accessLog"_L1).toString())},
+                         {u"Access log"_s, whole(answer.reply.value("accessLog"_L1).toString())},
                          {u"Database"_s, text(name)},
-                         {u"Database password"_s, text(answer.reply.value("dbPassword"_L1).toString())}});
+                         {u"Database password"_s, whole(answer.reply.value("dbPassword"_L1).toString())}});
     return kDone;
 }
 

@@ -189,7 +189,7 @@ int deleteAccount(Session &session, const Given &given)
         tellWhatStays(session, answer, name, began);
         return *end;
     }
-    QList<Fact> facts = {{u"Deleted"_s, text(name)}, {u"Archives"_s, text(archive)}};
+    QList<Fact> facts = {{u"Deleted"_s, text(name)}, {u"Archives"_s, whole(archive)}};
     if (deletion.cutOff)
         facts.append({u"Its database"_s, text(deletion.cutOff->dump)});
     printFacts(session, facts);

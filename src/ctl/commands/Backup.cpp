@@ -1,9 +1,11 @@
 #include "ctl/commands/Backup.h"
 
 #include "ctl/Command.h"
+#include "ctl/Meant.h"
 #include "ctl/Session.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
+#include "ctl/screen/SystemdTime.h"
 #include "ctl/screen/Table.h"
 
 #include <QDeadlineTimer>
@@ -24,6 +26,14 @@ QJsonArray backupsIn(const QJsonObject &reply)
     return reply.value("backups"_L1).toArray();
 }
 
+QStringList backupNames(const QJsonObject &reply)
+{
+    QStringList names;
+    for (const QJsonValue value : backupsIn(reply))
+        names.append(value.toObject().value("name"_L1).toString());
+    return names;
+}
+
 // The newest backup's name; empty where there is none.
 QString newestIn(const QJsonObject &reply)
 {
@@ -40,17 +50,26 @@ Cell errorsOf(const QJsonObject &backup)
     return count;
 }
 
+// For people as systemd writes it; for programs in seconds.
+Cell nextIn(const QJsonObject &reply)
+{
+    const QString next = reply.value("next"_L1).toString();
+    if (next.isEmpty())
+        return {u"none planned"_s, {}, Colour::Warning, false};
+    const std::optional<qint64> seconds = systemdTime(next);
+    return {escaped(next), seconds ? QString::number(*seconds) : QString(), Colour::None, false};
+}
+
 int status(Session &session, const Given &)
 {
     const Answer answer = ask(session, u"backup.status"_s);
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     const QJsonObject &reply = answer.reply;
-    const QString next = reply.value("next"_L1).toString();
     const QJsonObject newest = backupsIn(reply).at(0).toObject();
     QList<Fact> facts = {{u"Backups"_s, number(backupsIn(reply).size())},
                          {u"Being made"_s, yesNo(reply.value("running"_L1).toBool())},
-                         {u"Next"_s, next.isEmpty() ? text(u"none planned"_s, Colour::Warning) : text(next)},
+                         {u"Next"_s, nextIn(reply)},
                          {u"Kept for"_s,
                           {u"%1 d"_s.arg(reply.value("keepDays"_L1).toInteger()),
                            QString::number(reply.value("keepDays"_L1).toInteger()), Colour::None, true}},
@@ -89,8 +108,10 @@ int show(Session &session, const Given &given)
     if (!answer.ok())
         return *settled(session, answer);
     const QJsonObject backup = backupNamed(answer.reply, name);
-    if (backup.isEmpty())
-        return refuse(session, noBackup(name), QString(kListBackups));
+    if (backup.isEmpty()) {
+        const QString hint = meantHint(u"backup"_s, name, backupNames(answer.reply));
+        return refuse(session, noBackup(name), hint.isEmpty() ? QString(kListBackups) : hint);
+    }
     if (!backup.contains("accounts"_L1)) {
         return refuse(session, u"the backup %1 has no list of what it holds: it was cut off, or is damaged"_s.arg(name),
                       u"journalctl -u corv-backup tells why"_s);
@@ -99,7 +120,7 @@ int show(Session &session, const Given &given)
         return *end;
 
     for (const QJsonValue error : backup.value("errors"_L1).toArray())
-        note(error.toString());
+        note(oneSentence(error.toString()));
     QList<Row> rows;
     for (const QJsonValue value : backup.value("accounts"_L1).toArray()) {
         const QJsonObject account = value.toObject();
