@@ -157,6 +157,7 @@ def test_a_name_can_be_used_again_after_postgresql_went_away_in_a_creation(serve
     line = ["corvctl", "account", "create", name, f"{name}.example"]
     drop = f"runuser -u postgres -- dropuser {name}"
     with server.stand_in("psql", HOLD_AFTER.format(lines=3)):
+        server.ok(["chmod", "777", "/run/stand-ins"])  # psql runs as postgres
         creation = server.background([*line])
         server.wait_for_hold()
         server.ok(["systemctl", "stop", "postgresql@15-main"])
@@ -202,6 +203,7 @@ def test_a_deletion_that_was_cut_off_while_the_database_was_dropped_is_finished(
     tenant = server.account()
     name = tenant.name
     with server.stand_in("psql", HOLD_AFTER.format(lines=1)):
+        server.ok(["chmod", "777", "/run/stand-ins"])  # psql runs as postgres
         deletion = server.background(["corvctl", "account", "delete", name, "--confirm", name])
         server.wait_for_hold()
         server.ok(["systemctl", "kill", "--signal=SIGKILL", "corv-agent"])

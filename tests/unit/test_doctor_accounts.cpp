@@ -312,7 +312,7 @@ private Q_SLOTS:
         QCOMPARE(all.size(), 4);
         QCOMPARE(deletionArchives(folder.path(), u"bobby"_s).size(), 1);
         QCOMPARE(all[2].isWhole, true);
-        const qint64 later = QDateTime::currentSecsSinceEpoch() + 10;
+        const qint64 later = QDateTime::currentMSecsSinceEpoch() + 10'000;
         const QString at = folder.path() + u"/alice-20260105-03"_s;
         QCOMPARE(asText(checkRefusedDeletions(all, {u"alice"_s}, later)),
                  QStringList({u"note|deletions of the account alice that were refused have left archives of 3.0 KiB|rm "

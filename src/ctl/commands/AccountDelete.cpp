@@ -177,7 +177,8 @@ int deleteAccount(Session &session, const Given &given)
             return *end;
     }
 
-    const qint64 began = QDateTime::currentSecsSinceEpoch();
+    // Files have the time of a clock that is some milliseconds behind.
+    const qint64 began = QDateTime::currentSecsSinceEpoch() * 1000;
     const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
     if (answer.ok())
         tellOfSitesLeft(session, beside);

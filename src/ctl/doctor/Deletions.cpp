@@ -35,7 +35,7 @@ QList<DeletionArchives> deletionArchives(const QString &folder, const QString &a
         archives.stamp = match.captured(2);
         (file.fileName().endsWith("-db.dump"_L1) ? archives.dump : archives.home) = file.filePath();
         archives.bytes += file.size();
-        archives.changed = std::max(archives.changed, file.lastModified().toSecsSinceEpoch());
+        archives.changed = std::max(archives.changed, file.lastModified().toMSecsSinceEpoch());
         if ((file.permissions() & kOthers) == QFileDevice::Permissions())
             ++finished[key];
         archives.isWhole = finished.value(key) == 2;

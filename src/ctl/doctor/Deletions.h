@@ -19,7 +19,7 @@ struct DeletionArchives
     QString home;         // the path of the home's archive, empty where there is none
     QString dump;         // likewise of the database
     qint64 bytes = 0;     // of both
-    qint64 changed = 0;   // seconds since 1970 at which the later one was last written to
+    qint64 changed = 0;   // milliseconds since 1970 at which the later one was last written to
     bool isWhole = false; // whether both are there and finished, which is told by their modes
 };
 
@@ -27,7 +27,7 @@ struct DeletionArchives
 QList<DeletionArchives> deletionArchives(const QString &folder, const QString &account);
 
 // What deletions have left that were refused, where accounts holds the names of those that there are and now is a time
-// in seconds since 1970 after which nothing of it was written.
+// in milliseconds since 1970: what was written to since may be the work of one that goes on.
 QList<Finding> checkRefusedDeletions(const QList<DeletionArchives> &archives, const QStringList &accounts, qint64 now);
 
 } // namespace corv::ctl

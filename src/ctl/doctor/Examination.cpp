@@ -316,7 +316,7 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
 
 QList<Check> examine(const QString &settingsPath)
 {
-    const qint64 began = QDateTime::currentSecsSinceEpoch();
+    const qint64 began = QDateTime::currentMSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
     const QString php = hosting::phpVersion();
     const Accounts users = readAccounts();
