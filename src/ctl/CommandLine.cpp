@@ -16,6 +16,7 @@ namespace corv::ctl {
 namespace {
 
 constexpr auto kHost = "--host";
+constexpr int kMostWords = 10'000;
 
 // The name under which a parameter is given to its handler: a word's own, an option's last one.
 std::string key(const Parameter &parameter)
@@ -26,7 +27,7 @@ std::string key(const Parameter &parameter)
 
 bool isWord(const Parameter &parameter)
 {
-    return parameter.kind == Kind::Required || parameter.kind == Kind::Optional;
+    return parameter.kind == Kind::Required || parameter.kind == Kind::Optional || parameter.kind == Kind::Words;
 }
 
 void addParameter(CLI::App &app, const Parameter &parameter)
@@ -37,6 +38,8 @@ void addParameter(CLI::App &app, const Parameter &parameter)
     }
     CLI::Option *option = app.add_option(parameter.name, parameter.help);
     option->expected(1);
+    if (parameter.kind == Kind::Words)
+        option->expected(0, kMostWords)->allow_extra_args();
     option->type_name(isWord(parameter) ? "" : "VALUE");
     if (parameter.kind == Kind::Required)
         option->required();
@@ -75,13 +78,16 @@ const Command *chosen(const std::vector<Command> &commands, const CLI::App &app,
 Given givenTo(const std::vector<Parameter> &parameters, const CLI::App &app)
 {
     std::map<std::string, std::string> values;
+    std::map<std::string, std::vector<std::string>> words;
     for (const Parameter &parameter : parameters) {
         const std::string name = key(parameter);
         const CLI::Option *option = app.get_option(name);
         if (option->count() > 0)
             values[name] = option->results().back();
+        if (option->count() > 0 && parameter.kind == Kind::Words)
+            words[name] = option->results();
     }
-    return Given(std::move(values));
+    return Given(std::move(values), std::move(words));
 }
 
 void readCommonOptions(const CLI::App &app, Options *options)

@@ -27,8 +27,11 @@ constexpr Advice kAdvice[] = {
     {"hard quotas are off"_L1, "corvctl quota enable switches them on"_L1},
     {"could not archive the files, so nothing was deleted: tar failed"_L1,
      "where files changed, shrank or vanished meanwhile: suspend the account, which ends what writes there, then delete it again"_L1},
+    {"installing quota"_L1,
+     "where apt has no linux-modules-extra for this kernel, corvctl quota enable makes one: run it as root on the server"_L1},
     {"no such rule"_L1, "corvctl firewall list shows the rules with their numbers"_L1},
     {"that rule lets you reach this server over SSH"_L1, "ufw on the server itself deletes it"_L1},
+    {"restored-"_L1, "corvctl file rm ACCOUNT and that name deletes it"_L1},
     {"no such backup"_L1, "corvctl backup list shows the backups"_L1},
     {"that service is not on the [health] services list"_L1, "corvctl service list shows the services"_L1},
     {"Apache's configuration has an error"_L1, "apachectl configtest shows all of it"_L1},
@@ -159,6 +162,15 @@ int fail(int status, const QString &sentence, const QString &hint)
 {
     complain(sentence, hint);
     return status;
+}
+
+int refuse(const Session &session, const QString &sentence, const QString &hint)
+{
+    if (session.options.json) {
+        const QByteArray line = compactJson({{u"ok"_s, false}, {u"error"_s, sentence}});
+        print((session.terminal.out ? escapedJson(line) : line) + '\n');
+    }
+    return fail(kRefused, sentence, hint);
 }
 
 void note(const QString &sentence)

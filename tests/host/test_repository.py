@@ -213,3 +213,15 @@ def test_the_secret_key_stays_where_it_was(server):
     public = subprocess.run(["gpg", "--show-keys", "--with-colons", server.folder / "corv-agent.asc"], stdout=subprocess.PIPE, text=True,
                             check=True).stdout
     assert public.startswith("pub:") and "sec:" not in public
+
+
+def test_the_three_commands_of_the_readme_install(server):
+    server.try_sh("apt-mark unhold corv-agent; apt-get purge --yes corv-agent; "
+                  "rm -f /etc/apt/sources.list.d/corv-agent.* /etc/apt/keyrings/corv-agent.asc; apt-get update")
+    assert server.version() is None
+    section = (ROOT / "README.md").read_text().partition("## On a server\n")[2]
+    commands = re.search(r"^```\n(.*?)^```$", section, re.MULTILINE | re.DOTALL)[1]
+    assert len(commands.splitlines()) == 3
+    server.sh(commands)
+    assert server.version() is not None
+    assert server.host.ok(["corvctl", "call", "ping"]).startswith('{"ok":true,')

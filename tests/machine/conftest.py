@@ -37,7 +37,7 @@ def machine(package):
 @pytest.fixture(scope="session")
 def quotas(machine):
     """The machine, with quotas switched on by now."""
-    assert machine.request("quota.enable")["ok"] is True
+    machine.ok(["corvctl", "quota", "enable"])
     return machine
 
 

@@ -35,14 +35,41 @@ def test_without_the_tools_quotas_are_off(machine):
                                                "enabled": False}
 
 
+def test_the_agent_alone_does_not_get_a_package_that_debian_has_not(machine):
+    """What corvctl has to do before it; this is what the panel is told."""
+    reply = machine.request("quota.enable")
+    assert reply["ok"] is False
+    assert "linux-modules-extra-" in reply["error"]
+    done = machine.run(["corvctl", "doctor", "--plain"])
+    assert ("note\tquotas\tdisk quotas are off: nothing keeps one account from filling the disk\tcorvctl quota enable"
+            in done.out.splitlines())
+
+
+def test_the_package_that_debian_has_not_is_made_by_the_client(machine):
+    """Nothing was prepared: the machine's repository has no such package."""
+    kernel = machine.ok(["uname", "-r"]).strip()
+    done = machine.run(["corvctl", "quota", "enable", "--prepare"])
+    assert (done.code, done.err) == (0, "")
+    assert done.out == (f"made and installed linux-modules-extra-{kernel}, an empty package: this kernel has quota_v2 itself\n")
+    package = ["dpkg-query", "-W", "-f", "${Version} ${Architecture} ${Status}", f"linux-modules-extra-{kernel}"]
+    assert machine.ok(package) == "1 all install ok installed"
+    assert machine.ok(["dpkg", "-L", f"linux-modules-extra-{kernel}"]).strip() in ("", "/.")
+    assert machine.ok(["sh", "-c", "ls -d /run/corvctl-* 2>/dev/null || true"]) == ""
+    machine.ok(["dpkg", "--purge", f"linux-modules-extra-{kernel}"])
+
+
 def test_a_failing_check_puts_the_old_fstab_back(machine):
     old = machine.get("/etc/fstab")
     before = fstab_entries(machine)
     uuid = re.fullmatch(r"UUID=(\S+) / ext4 errors=remount-ro 0 1\n", old).group(1)
     with machine.stand_in("quotacheck", "cp /etc/fstab /run/stand-ins/seen; echo 'disk on fire' >&2; exit 4"):
-        reply = machine.request("quota.enable")
+        done = machine.run(["corvctl", "quota", "enable"])
         seen = machine.get("/run/stand-ins/seen")
-    assert reply == {"ok": False, "error": "quotacheck failed: disk on fire (/etc/fstab restored)"}
+    assert (done.code, done.out) == (1, "")
+    made, failed = done.err.splitlines()
+    assert re.fullmatch(r"corvctl: made and installed linux-modules-extra-\S+, an empty package: this kernel has quota_v2 itself",
+                        made)
+    assert failed == "corvctl: quotacheck failed: disk on fire (/etc/fstab restored)"
     assert seen == f"UUID={uuid}\t/\text4\terrors=remount-ro,usrjquota=aquota.user,jqfmt=vfsv1\t0\t1\n"
     assert machine.get("/etc/fstab") == old
     assert machine.mode("/etc/fstab") == "644 root root"
@@ -55,9 +82,9 @@ def test_a_failing_check_puts_the_old_fstab_back(machine):
 def test_enabling_switches_quotas_on(machine):
     old = machine.get("/etc/fstab")
     before = fstab_entries(machine)
-    reply = machine.request("quota.enable")
+    done = machine.run(["corvctl", "quota", "enable"])
     (backup,) = set(fstab_entries(machine)) - set(before)
-    assert reply == {"ok": True, "mount": "/", "fstabBackup": f"/etc/{backup}"}
+    assert (done.code, done.out, done.err) == (0, f"Quotas are on for  /\nOld /etc/fstab     /etc/{backup}\n", "")
     assert machine.get(f"/etc/{backup}") == old
     assert machine.get("/etc/fstab") == (old.replace(" ", "\t")
                                          .replace("remount-ro", "remount-ro,usrjquota=aquota.user,jqfmt=vfsv1"))

@@ -274,9 +274,9 @@ ACCOUNTS = {"ok": True, "accounts": [{"username": "alice", "domain": "alice.exam
 def test_the_accounts_over_there(ssh):
     ssh.answer("ssh", out=json.dumps(ACCOUNTS) + "\n")
     assert corvctl(ssh, "account", "list", "-H", "web1") == (0, """\
-ACCOUNT  DOMAIN             HOME          UID
-alice    alice.example.org  /home/alice  1000
-b\\x1b                       /home/b      1001
+ACCOUNT  DOMAIN             STATE  USED  HOME          UID
+alice    alice.example.org         -     /home/alice  1000
+b\\x1b                              -     /home/b      1001
 """, "")
     code, out, err = corvctl(ssh, "account", "list", "--json", "-H", "web1")
     assert (code, json.loads(out), err) == (0, ACCOUNTS, "")

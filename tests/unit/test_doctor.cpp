@@ -246,8 +246,8 @@ private Q_SLOTS:
                               "disk|corvctl quota enable"_s}));
         state.hasModules = false;
         QCOMPARE(problems(checkQuota(state)),
-                 QStringList({u"disk quotas are off, and they cannot be switched on: there is no package "
-                              "linux-modules-extra-6.1"_s}));
+                 QStringList({u"disk quotas are off, and cannot be had: the running kernel has no quota_v2, and there is no "
+                              "package linux-modules-extra-6.1"_s}));
         state.supported = false;
         QCOMPARE(asText(checkQuota(state)), QStringList());
     }

@@ -1,6 +1,11 @@
 #include "ctl/Command.h"
 #include "ctl/Session.h"
+#include "ctl/commands/QuotaPackage.h"
+#include "ctl/remote/Remote.h"
+#include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
+
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -22,8 +27,38 @@ int status(Session &session, const Given &)
     return kDone;
 }
 
-int enable(Session &session, const Given &)
+// dpkg may have to wait for whatever else installs packages; it does so for no longer than apt-get, which comes after
+// it.
+constexpr int kRemoteSeconds = 180;
+
+// Prepares this server, or the other one, which is none of the agent's affairs and needs root. Where the agent is asked
+// by somebody else, or over there a key is good for its socket alone, the agent tells whether something is missing.
+QString prepare(const Session &session)
 {
+    if (!session.options.hosts.empty()) {
+        const Distant distant = runThere(
+            session.options, {u"corvctl"_s, u"quota"_s, u"enable"_s, u"--prepare"_s, u"--plain"_s}, kRemoteSeconds);
+        return QString::fromUtf8(distant.output).simplified();
+    }
+    if (::geteuid() != 0)
+        return {};
+    const Prepared prepared = prepareQuotas();
+    if (!prepared.problem.isEmpty())
+        return u"the package that enabling quotas asks for could not be made: "_s + prepared.problem;
+    if (prepared.made.isEmpty())
+        return {};
+    return u"made and installed %1, an empty package: this kernel has quota_v2 itself"_s.arg(prepared.made);
+}
+
+int enable(Session &session, const Given &given)
+{
+    const QString prepared = session.options.printOnly ? QString() : prepare(session);
+    if (given.has("--prepare")) {
+        printLine(escaped(prepared));
+        return kDone;
+    }
+    if (!prepared.isEmpty())
+        note(prepared);
     const Answer answer = ask(session, u"quota.enable"_s);
     if (const std::optional<int> end = settled(session, answer))
         return *end;
@@ -40,12 +75,16 @@ int enable(Session &session, const Given &)
 
 Command quotaCommand()
 {
-    return {"quota",
-            "Hard disk quotas; corvctl account limit sets an account's limit",
-            {},
-            nullptr,
-            {{"status", "Show whether quotas can be had and are on", {}, status},
-             {"enable", "Switch quotas on: installs the tools, changes /etc/fstab, remounts", {}, enable}}};
+    return {
+        "quota",
+        "Hard disk quotas; corvctl account limit sets an account's limit",
+        {},
+        nullptr,
+        {{"status", "Show whether quotas can be had and are on", {}, status},
+         {"enable",
+          "Switch quotas on: installs the tools, changes /etc/fstab, remounts",
+          {{"--prepare", "only make the package that Debian has not, where it is needed; what -H runs", Kind::Flag}},
+          enable}}};
 }
 
 } // namespace corv::ctl

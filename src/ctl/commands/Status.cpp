@@ -5,7 +5,10 @@
 #include "ctl/Command.h"
 #include "ctl/Meant.h"
 #include "ctl/Session.h"
+#include "ctl/commands/StatusHere.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Updates.h"
+#include "ctl/notify/Failures.h"
 #include "ctl/screen/Busy.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Wrap.h"
@@ -239,6 +242,21 @@ void tellOfRequestInHand(const Session &session)
         note(u"the agent is busy with %1; the rest follows when it is done"_s.arg(named(*request)));
 }
 
+// What the agent's replies do not tell, and this server itself does.
+void addWhatIsKnownHere(const Replies &replies, qint64 now, QList<StatusLine> *lines)
+{
+    const auto isUpdates = [](const StatusLine &line) { return line.topic == "Updates"_L1; };
+    const auto updates = std::find_if(lines->cbegin(), lines->cend(), isUpdates);
+    if (updates != lines->cend() && replies.value("updates.status"_L1).toObject().value("automatic"_L1).toBool()) {
+        for (const Finding &finding : checkAutomatic(readAutomatic()))
+            lines->insert(std::next(updates), {QString(), u"%1: %2"_s.arg(finding.problem, finding.mend), true});
+    }
+    for (const Failed &failed : failures()) {
+        lines->append(
+            {u"Failed"_s, u"%1; journalctl -u %2 says why"_s.arg(failureSentence(failed, now), failed.unit), true});
+    }
+}
+
 int status(Session &session, const Given &)
 {
     Replies replies;
@@ -259,15 +277,22 @@ int status(Session &session, const Given &)
     }
     if (session.options.printOnly)
         return kDone;
+    const QJsonObject here = readHere(session);
     if (session.options.json) {
+        if (!here.isEmpty())
+            replies.insert(u"here"_s, here);
         const QByteArray line = compactJson(replies);
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
         return kDone;
     }
 
+    const bool isHere = session.options.hosts.empty();
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
     const std::optional<QStringList> names = accountNames(session);
-    const QList<StatusLine> lines =
-        statusLines(replies, names ? std::optional(names->size()) : std::nullopt, QDateTime::currentSecsSinceEpoch());
+    QList<StatusLine> lines = statusLines(replies, names ? std::optional(names->size()) : std::nullopt, now);
+    if (isHere)
+        addWhatIsKnownHere(replies, now, &lines);
+    addHere(here, &lines);
     if (session.options.plain)
         showPlain(lines);
     else

@@ -1,5 +1,7 @@
 #include "ctl/Command.h"
 #include "ctl/Session.h"
+#include "ctl/doctor/Updates.h"
+#include "ctl/remote/Remote.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
 #include "ctl/screen/Table.h"
@@ -11,6 +13,36 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
 namespace {
+
+constexpr int kRemoteSeconds = 60;
+const auto kPackage = u"unattended-upgrades"_s;
+
+// What keeps automatic updates from being installed on this server; empty where nothing does, and where another server
+// is asked for.
+QString automaticProblem(const Session &session)
+{
+    if (!session.options.hosts.empty())
+        return {};
+    const QList<Finding> findings = checkAutomatic(readAutomatic());
+    return findings.isEmpty() ? QString() : u"%1 (%2)"_s.arg(findings.first().problem, findings.first().mend);
+}
+
+Cell automaticCell(const Session &session, bool isOn)
+{
+    const QString problem = isOn ? automaticProblem(session) : QString();
+    return problem.isEmpty() ? yesNo(isOn, Colour::Good, Colour::Warning) : text(problem, Colour::Bad);
+}
+
+// Whether it is certain that nothing there would install the updates. A key that is good for the agent's socket alone
+// tells nothing of packages.
+bool lacksPackage(const Session &session)
+{
+    if (session.options.hosts.empty())
+        return !readAutomatic().hasPackage;
+    const Distant distant = runThere(session.options, {u"dpkg-query"_s, u"-s"_s, kPackage}, kRemoteSeconds);
+    return distant.problem.contains("is not installed"_L1) ||
+           (distant.output.contains("\nStatus: ") && !distant.output.contains("\nStatus: install ok installed\n"));
+}
 
 int status(Session &session, const Given &)
 {
@@ -26,7 +58,7 @@ int status(Session &session, const Given &)
     QList<Fact> facts = {{u"Updates"_s, number(reply.value("updates"_L1).toInteger())},
                          {u"Security updates"_s, number(reply.value("security"_L1).toInteger())},
                          {u"Being installed"_s, yesNo(reply.value("running"_L1).toBool(), Colour::Warning)},
-                         {u"Automatic"_s, yesNo(reply.value("automatic"_L1).toBool(), Colour::Good, Colour::Warning)},
+                         {u"Automatic"_s, automaticCell(session, reply.value("automatic"_L1).toBool())},
                          {u"Last check"_s, timeIn(reply, "lastCheck"_L1)},
                          {u"Restart needed"_s, yesNo(restart, Colour::Warning)}};
     if (!reasons.isEmpty())
@@ -121,8 +153,17 @@ int install(Session &session, const Given &given)
 int automatic(Session &session, const Given &given)
 {
     const bool on = given.text("on|off") == "on"_L1;
-    return settledWith(session, ask(session, u"updates.automatic"_s, {{u"on"_s, on}}),
-                       u"automatic security updates are %1"_s.arg(on ? u"on"_s : u"off"_s));
+    if (on && !session.options.printOnly && lacksPackage(session)) {
+        return fail(kRefused, u"nothing would install the updates: the package %1 is missing"_s.arg(kPackage),
+                    u"apt-get install -y %1 on the server, then this again"_s.arg(kPackage));
+    }
+    const int end = settledWith(session, ask(session, u"updates.automatic"_s, {{u"on"_s, on}}),
+                                u"automatic security updates are %1"_s.arg(on ? u"on"_s : u"off"_s));
+    if (const QString problem =
+            on && end == kDone && !session.options.printOnly ? automaticProblem(session) : QString();
+        !problem.isEmpty())
+        note(problem);
+    return end;
 }
 
 } // namespace

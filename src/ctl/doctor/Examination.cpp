@@ -11,13 +11,22 @@
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/Modules.h"
+#include "ctl/doctor/Notify.h"
+#include "ctl/doctor/Updates.h"
+#include "ctl/doctor/Services.h"
+#include "ctl/doctor/Settings.h"
+#include "ctl/doctor/SiteFacts.h"
+#include "ctl/doctor/Visitors.h"
+#include "ctl/doctor/Reach.h"
 
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QSettings>
-#include <QSysInfo>
 
 #include <algorithm>
 
@@ -30,6 +39,8 @@ namespace corv::ctl {
 namespace {
 
 constexpr int kToolMs = 30'000;
+constexpr int kVisitMs = 3'000;
+constexpr qint64 kLargestText = 1'048'576;
 
 Outcome runTool(const QString &program, const QStringList &args)
 {
@@ -41,24 +52,35 @@ QString firstOf(const QByteArray &errors)
     return QString::fromUtf8(errors).simplified();
 }
 
-Check checkServices(const QSettings &settings, const QString &php)
+// The settings, as far as something else than what they are about tells that they are wrong.
+Check checkSettings(const QSettings &settings, const QString &path)
 {
-    QStringList services = system::monitoredServices(settings);
-    if (!php.isEmpty())
-        services.append(u"php%1-fpm"_s.arg(php));
+    const QString destination = backup::load(settings).destination;
+    QList<QByteArray> units;
+    for (const QString &unit : QDir(u"/etc/systemd/system"_s).entryList({u"*.mount"_s, u"*.automount"_s}, QDir::Files))
+        units.append(readUpTo(u"/etc/systemd/system/"_s + unit, kLargestText).value_or(QByteArray()));
+    const QString point =
+        plannedMount(destination, readUpTo(u"/etc/fstab"_s, kLargestText).value_or(QByteArray()), units);
+    return {u"settings"_s, path,
+            ctl::checkSettings(settings.allKeys(), path) +
+                checkDestination(destination, point,
+                                 isMounted(point, textOf(u"/proc/self/mounts"_s).value_or(QByteArray())))};
+}
 
-    Check check = {u"services"_s, services.join(u' '), {}};
-    for (const auto &value : system::serviceStatus(services)) {
-        const QJsonObject service = value.toObject();
-        if (service.value("active"_L1).toBool())
-            continue;
-        const QString name = service.value("name"_L1).toString();
-        const QString state =
-            service.value("loaded"_L1).toBool() ? service.value("sub"_L1).toString() : u"not installed"_s;
-        check.findings.append({Level::Fault, u"the service %1 does not run: it is %2"_s.arg(name, state),
-                               u"systemctl start "_s + shellWord(name)});
+Check checkServices(const QSettings &settings, const QString &path, const QString &php)
+{
+    const QStringList watched = system::monitoredServices(settings);
+    QStringList services = watched;
+    for (const QString &needed : neededServices(php)) {
+        if (!services.contains(needed))
+            services.append(needed);
     }
-    return check;
+    const QList<Service> found = readServices(services);
+    const bool isKnown = std::none_of(found.cbegin(), found.cend(), [](const Service &service) {
+        return service.second.value(u"LoadState"_s) == "not-found"_L1;
+    });
+    return {u"services"_s, services.join(u' '),
+            ctl::checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched})};
 }
 
 Check checkApache()
@@ -138,31 +160,53 @@ QStringList namesOf(const QList<hosting::User> &users)
     return names;
 }
 
-Check checkAccounts(const Accounts &users, const QString &php, const std::optional<Databases> &databases)
+// What is left over in files. It keeps services from starting, so that it is told of before them.
+Check checkFiles(const Accounts &users, const NamedParts &parts)
+{
+    return {u"leftovers"_s, u"sites, pools, homes"_s,
+            checkLeftovers(parts, {}, namesOf(users.all), namesOf(users.accounts))};
+}
+
+// began: when the examination did; what a deletion is working on meanwhile is none that was refused.
+Check checkAccounts(const Accounts &users, const QList<AccountSite> &sites, const QString &php,
+                    const std::optional<Databases> &databases, qint64 began)
 {
     const QStringList versions = phpVersions();
+    QStringList suspended;
+    for (const AccountSite &site : sites) {
+        if (site.suspended)
+            suspended.append(site.name);
+    }
+    const QString off =
+        suspended.isEmpty() ? QString() : u", %1 suspended (%2)"_s.arg(suspended.size()).arg(someOf(suspended));
     Check check = {
-        u"accounts"_s, u"%1, PHP %2"_s.arg(users.accounts.size()).arg(php.isEmpty() ? u"not installed"_s : php), {}};
+        u"accounts"_s,
+        u"%1%2, PHP %3"_s.arg(QString::number(users.accounts.size()), off, php.isEmpty() ? u"not installed"_s : php),
+        {}};
     for (const hosting::User &user : users.accounts)
         check.findings += checkAccount(readAccount(user, versions), php, databases);
-    check.findings += checkLeftovers(readNamedParts(versions), databases, namesOf(users.all), namesOf(users.accounts));
+    check.findings += checkLeftovers({}, databases, namesOf(users.all), namesOf(users.accounts));
+    check.findings += checkRefusedDeletions(deletionArchives(kArchives, {}), namesOf(users.accounts), began);
     return check;
+}
+
+Check checkSites(const Accounts &users, const QList<VirtualHost> &hosts, const QList<AccountSite> &sites)
+{
+    return {u"sites"_s, u"%1 enabled"_s.arg(hosts.size()), ctl::checkSites(hosts, sites, namesOf(users.all))};
+}
+
+Check checkVisitors(const QList<VirtualHost> &hosts, const QList<AccountSite> &sites, const QString &php)
+{
+    const QList<SiteSight> sights = sightsOf(hosts, sites, visit(visitsTo(hosts), kVisitMs));
+    const auto asked = std::count_if(sights.cbegin(), sights.cend(),
+                                     [](const SiteSight &sight) { return sight.sight != Sight::NotAsked; });
+    return {u"visitors"_s, u"%1 sites asked for their first page"_s.arg(asked), checkSights(sights, php)};
 }
 
 Check checkFormer()
 {
     return {u"ids"_s, u"%1 of deleted accounts kept"_s.arg(hosting::formerIds().users.size()),
             ctl::checkFormer(readFormer())};
-}
-
-// The name of the package that brings the kernel's quota modules to some members of the family, and whether it can be
-// had. apt-cache keeps what it computes in files of its own, which it is kept from here.
-bool hasModulesPackage(const QString &name)
-{
-    return installed(name) ||
-           !runTool(u"apt-cache"_s, {u"-o"_s, u"Dir::Cache::pkgcache="_s, u"-o"_s, u"Dir::Cache::srcpkgcache="_s,
-                                     u"show"_s, u"--no-all-versions"_s, name})
-                .output.isEmpty();
 }
 
 Check checkQuota()
@@ -175,8 +219,8 @@ Check checkQuota()
     state.hasPackage = installed(quota::kQuotaPackage);
     state.enabled = state.hasPackage && quota::enabled();
     state.isInFstab = asksForQuotas(textOf(u"/etc/fstab"_s).value_or(QByteArray()), state.mount);
-    state.modulesPackage = u"linux-modules-extra-"_s + QSysInfo::kernelVersion();
-    state.hasModules = state.enabled || !state.supported || hasModulesPackage(state.modulesPackage);
+    state.modulesPackage = modulesPackage();
+    state.hasModules = state.enabled || !state.supported || canHaveModulesPackage() || kernelHasQuotas();
     const QString word = state.enabled ? u"on"_s : state.supported ? u"off"_s : u"not to be had"_s;
     return {u"quotas"_s, u"%1, %2 on %3"_s.arg(word, state.type, state.mount), ctl::checkQuota(state)};
 }
@@ -188,6 +232,21 @@ Check checkApt()
     const QString seconds = QString::fromUtf8(value).trimmed();
     return {u"apt"_s, u"waits %1 s for its lock"_s.arg(seconds.isEmpty() ? u"0"_s : seconds),
             checkLockTimeout(seconds)};
+}
+
+Check checkUpdates()
+{
+    const bool isOn = isAutomatic();
+    return {u"updates"_s, isOn ? u"automatic"_s : u"not automatic"_s,
+            isOn ? checkAutomatic(readAutomatic()) : QList<Finding>()};
+}
+
+Check checkNotify(const QSettings &settings, const QJsonObject &backups)
+{
+    const Ways ways = waysIn(settings);
+    const QString to = (ways.mail + ways.command.mid(0, 1)).join(", "_L1);
+    return {u"notify"_s, to.isEmpty() ? u"nobody"_s : to,
+            ctl::checkNotify(ways, missingFor(ways), failures(), backups, QDateTime::currentSecsSinceEpoch())};
 }
 
 Check checkFolders(const QSettings &settings, const QString &destination)
@@ -230,7 +289,8 @@ Check checkBackups(const QJsonObject &status)
 Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
-    Check check = {u"homes"_s, u"sizes"_s, ctl::checkHomes(sizes, status)};
+    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s, ctl::checkHomes(sizes, status)};
+    check.findings += checkReach(findOutOfReach(namesOf(accounts)));
     if (sizes.isEmpty() && !accounts.isEmpty())
         check.findings.append({Level::Note, u"the homes could not be measured within a minute"_s, u"du -sh /home/*"_s});
     return check;
@@ -240,6 +300,7 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
 
 QList<Check> examine(const QString &settingsPath)
 {
+    const qint64 began = QDateTime::currentSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
     const QString php = hosting::phpVersion();
     const Accounts users = readAccounts();
@@ -247,16 +308,26 @@ QList<Check> examine(const QString &settingsPath)
     const std::optional<Databases> databases = readDatabases(&problem);
     const QJsonObject backups = readBackups(backup::load(settings));
 
-    return {checkServices(settings, php),
+    const QList<VirtualHost> hosts = readSites();
+    const QList<AccountSite> sites = readAccountSites();
+
+    // Causes before what they cause: what is mended from the top to the bottom is well in the end.
+    return {checkSettings(settings, settingsPath),
             checkApache(),
-            checkSshd(),
+            checkFiles(users, readNamedParts(phpVersions())),
+            checkServices(settings, settingsPath, php),
             checkPostgres(databases, problem),
-            checkAccounts(users, php, databases),
+            checkAccounts(users, sites, php, databases, began),
+            checkSites(users, hosts, sites),
+            checkVisitors(hosts, sites, php),
+            checkSshd(),
             checkFormer(),
             checkQuota(),
             checkApt(),
+            checkUpdates(),
             checkFolders(settings, backups.value("destination"_L1).toString()),
             checkBackups(backups),
+            checkNotify(settings, backups),
             checkHomes(users.accounts, backups)};
 }
 

@@ -6,6 +6,7 @@
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/Former.h"
+#include "ctl/doctor/Remainders.h"
 #include "ctl/doctor/System.h"
 
 #include <QByteArray>
@@ -45,6 +46,8 @@ QList<PostgresVersion> readClientVersions();
 QStringList phpVersions();
 
 AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions);
+// What a name has on this server that stands in the way of an account's creation.
+NameFacts readNameFacts(const QString &name);
 NamedParts readNamedParts(const QStringList &phpVersions);
 
 // What the accounts of the past have left, and what keeps it from those of the future.

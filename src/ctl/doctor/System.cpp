@@ -207,9 +207,9 @@ QList<Finding> checkQuota(const QuotaState &state)
     if (!state.hasModules) {
         return {
             {Level::Note,
-             u"disk quotas are off, and they cannot be switched on: there is no package %1"_s.arg(state.modulesPackage),
-             uR"(apt-get install -y equivs && cd /root && { echo 'Package: %1'; echo 'Version: 1'; echo 'Description: stands for modules that are in the kernel package'; } >modules && equivs-build modules && apt-get install -y ./%1_1_all.deb && corvctl quota enable)"_s
-                 .arg(state.modulesPackage)}};
+             u"disk quotas are off, and cannot be had: the running kernel has no quota_v2, and there is no package %1"_s
+                 .arg(state.modulesPackage),
+             u"grep QFMT_V2 /boot/config-$(uname -r)"_s}};
     }
     return {{Level::Note, u"disk quotas are off: nothing keeps one account from filling the disk"_s,
              u"corvctl quota enable"_s}};

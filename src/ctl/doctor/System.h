@@ -61,7 +61,7 @@ struct QuotaState
     bool enabled = false;
     bool hasPackage = false; // whether the quota tools are installed
     bool isInFstab = false;  // whether /etc/fstab asks for quotas there
-    bool hasModules = false; // whether the package with the kernel's quota modules is installed or can be
+    bool hasModules = false; // whether the kernel has its quota module, or a package with it can be had
     QString modulesPackage;  // its name
 };
 QList<Finding> checkQuota(const QuotaState &state);
