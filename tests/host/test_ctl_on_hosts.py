@@ -89,6 +89,14 @@ FAULTS = {
     "accounts are not kept apart": (
         "a2dismod -q -f corvane",
         ["Apache lacks the module corvane, so an account's .htaccess reaches the files and the PHP of all others"]),
+    "the cache of PHP is open to all accounts": (
+        "rm /etc/php/8.2/fpm/conf.d/90-corvane.ini; systemctl reload php8.2-fpm",
+        ["the cache of PHP 8.2 gives each account what the pages of all others hold",
+         "each account can list the scripts of all others in the cache of PHP 8.2, and empty it"]),
+    "the cache of PHP is opened again": (
+        "echo opcache.validate_permission=0 >/etc/php/8.2/fpm/conf.d/99-own.ini",
+        ["the cache of PHP 8.2 gives each account what the pages of all others hold"],
+        "rm /etc/php/8.2/fpm/conf.d/99-own.ini"),
     "the log format is off": (
         "a2disconf -q corv-logformat",
         ["Apache knows no log format 'corv', so the access logs of all accounts hold that word alone"]),

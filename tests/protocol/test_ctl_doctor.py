@@ -24,6 +24,13 @@ SETTINGS = "/etc/corvane/corvane.ini"
 UNIT = "LoadState,ActiveState,SubState,UnitFileState"
 
 
+PHP = """\
+opcache.enable => On => On
+opcache.restrict_api => /usr/share/corvane/opcache/ => /usr/share/corvane/opcache/
+opcache.validate_permission => On => On
+"""
+
+
 def databases(**changes):
     """What PostgreSQL answers to the doctor's question."""
     everything = {
@@ -72,6 +79,7 @@ def well(sandbox):
     sandbox.write("/etc/apache2/apache2.conf", "ErrorLog /x\n")
     sandbox.write(LOG_FORMAT, 'LogFormat "%h \\"%r\\"" corv\n')
     sandbox.mkdir("/run/sshd")
+    sandbox.answer("php-fpm8.2", "-i", out=PHP)
     sandbox.answer("psql", "-qtAX", ..., out=databases())
     answer_versions(sandbox, 14)
     sandbox.answer("findmnt", out="/home ext4\n")
@@ -118,6 +126,7 @@ ok      settings    /etc/corvane/corvane.ini
 ok      Apache      modules and log format
 ok      leftovers   sites, pools, homes
 ok      services    apache2 postgresql php8.2-fpm
+ok      PHP         cache of 8.2
 ok      PostgreSQL  the server 15.14, pg_dump 15.14, pg_restore 15.14, psql
                     15.14
 ok      accounts    1, PHP 8.2

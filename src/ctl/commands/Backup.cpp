@@ -28,6 +28,14 @@ QJsonArray backupsIn(const QJsonObject &reply)
     return reply.value("backups"_L1).toArray();
 }
 
+QStringList backupNames(const QJsonObject &reply)
+{
+    QStringList names;
+    for (const QJsonValue value : backupsIn(reply))
+        names.append(value.toObject().value("name"_L1).toString());
+    return names;
+}
+
 // The newest backup's name; empty where there is none.
 QString newestIn(const QJsonObject &reply)
 {
@@ -95,16 +103,6 @@ int list(Session &session, const Given &)
     return kDone;
 }
 
-// Which was probably meant, else where to look.
-QString hintAtBackup(const QJsonObject &reply, const QString &name)
-{
-    QStringList names;
-    for (const QJsonValue value : backupsIn(reply))
-        names.append(value.toObject().value("name"_L1).toString());
-    const QString hint = meantHint(u"backup"_s, name, names);
-    return hint.isEmpty() ? QString(kListBackups) : hint;
-}
-
 int show(Session &session, const Given &given)
 {
     const QString name = given.text("BACKUP");
@@ -112,8 +110,10 @@ int show(Session &session, const Given &given)
     if (!answer.ok())
         return *settled(session, answer);
     const QJsonObject backup = backupNamed(answer.reply, name);
-    if (backup.isEmpty())
-        return refuse(session, noBackup(name), hintAtBackup(answer.reply, name));
+    if (backup.isEmpty()) {
+        const QString hint = meantHint(u"backup"_s, name, backupNames(answer.reply));
+        return refuse(session, noBackup(name), hint.isEmpty() ? QString(kListBackups) : hint);
+    }
     if (!backup.contains("accounts"_L1)) {
         return refuse(session, u"the backup %1 has no list of what it holds: it was cut off, or is damaged"_s.arg(name),
                       u"journalctl -u corv-backup tells why"_s);

@@ -103,6 +103,22 @@ Check checkApache()
     return check;
 }
 
+// Of every version that has pools: a site may use another one than new accounts get.
+Check checkPhp()
+{
+    Check check = {u"PHP"_s, {}, {}};
+    QStringList seen;
+    for (const QString &version : phpVersions()) {
+        const std::optional<PhpState> state = readPhp(version);
+        if (!state)
+            continue;
+        seen.append(version);
+        check.findings += ctl::checkPhp(*state);
+    }
+    check.seen = seen.isEmpty() ? u"not installed"_s : u"cache of "_s + seen.join(u' ');
+    return check;
+}
+
 Check checkSshd()
 {
     const Outcome run = runTool(u"sshd"_s, {u"-T"_s});
@@ -316,6 +332,7 @@ QList<Check> examine(const QString &settingsPath)
             checkApache(),
             checkFiles(users, readNamedParts(phpVersions())),
             checkServices(settings, settingsPath, php),
+            checkPhp(),
             checkPostgres(databases, problem),
             checkAccounts(users, sites, php, databases, began),
             checkSites(users, hosts, sites),

@@ -138,6 +138,15 @@ QStringList phpVersions()
     return versions;
 }
 
+std::optional<PhpState> readPhp(const QString &version)
+{
+    const Outcome outcome = runWithin(kToolMs, u"php-fpm"_s + version, {u"-i"_s});
+    if (!outcome.finished)
+        return {};
+    const QString ours = u"/etc/php/%1/fpm/conf.d/90-corvane.ini"_s.arg(version);
+    return PhpState{version, parsePhpInfo(outcome.output), exists(ours)};
+}
+
 AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions)
 {
     AccountParts account;
