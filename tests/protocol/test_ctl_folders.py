@@ -109,7 +109,6 @@ def test_ctrl_c_leaves_nothing_of_a_folder_that_is_sent(server):
     wait_until(lambda: list(server.path("/home/alice").glob(".corvctl-*/index.html")), "the first file")
     code, out, err = interrupt(process)
     assert (code, out) == (130, "")
-    wait_until(lambda: not list(server.path("/home/alice").glob(".corvctl-*")), "the end of it")
     assert server.tree("/home/alice").keys() == {"public_html", "logs", "tmp", ".ssh"}
     assert os.listdir(server.path(TRANSFER)) == []
     server.expected_log += server.log_lines[len(server.expected_log):]
@@ -125,8 +124,8 @@ def test_ctrl_c_leaves_nothing_of_a_folder_that_is_fetched(server):
     assert os.listdir(server.path("/root")) == []
     # A download that the agent was about to hand over has no taker any more; what is a day old there is removed.
     assert len(os.listdir(server.path(TRANSFER))) <= 1
-    server.any_order = True
-    server.expected_log += server.log_lines[len(server.expected_log):]
+    server.request("ping")  # behind it in the queue
+    server.expected_log += ["agent: uid 0 ran files -> ok"] * (len(server.log_lines) - len(server.expected_log))
 
 
 def test_links_are_left_out_and_told(server):
@@ -235,7 +234,8 @@ def test_what_was_changed_meanwhile_is_not_written_over(text):
     ('rm "$1"', 1, "corvctl: the editor took the copy away, so nothing was written\n"),
 ])
 def test_an_editor_that_changes_nothing(text, script, code, err):
-    assert edit(text, script) == (code, "", err)
+    done = edit(text, script)
+    assert (done[0], done[1], done[2].removeprefix("Killed\n")) == (code, "", err)
     assert text.read("/home/alice/a.txt") == "hello\n"
     assert os.listdir(text.path("/tmp")) == []
     declare(text, "ok")

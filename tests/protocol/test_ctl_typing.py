@@ -86,4 +86,4 @@ def test_a_backup_that_is_not_there(sandbox, names, typed, hint):
     reply = json.dumps({"ok": True, "backups": [{"name": name} for name in names]}).encode() + b"\n"
     with FakeAgent(sandbox, answering(reply)):
         found = corvctl(sandbox, "--socket", FAKE_SOCKET, "backup", "show", typed, start=False)
-    assert found == (1, "", f"corvctl: no such backup\n  {hint}\n")
+    assert found == (1, "", f"corvctl: there is no backup {typed}\n  {hint}\n")

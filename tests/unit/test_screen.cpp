@@ -1,12 +1,17 @@
 #include "ctl/Keys.h"
 #include "ctl/Meant.h"
 #include "ctl/remote/SshLogin.h"
+#include "ctl/screen/BackupStage.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
 #include "ctl/screen/SystemdTime.h"
 #include "ctl/screen/Table.h"
 #include "ctl/screen/Terminal.h"
 
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <ctime>
@@ -44,6 +49,7 @@ private Q_SLOTS:
     void logsAreContinued_data();
     void logsAreContinued();
     void barsFit();
+    void theStageOfABackupIsReadFromItsFiles();
     void keysAreRead();
     void portsOfSshAreRead_data();
     void portsOfSshAreRead();
@@ -296,6 +302,37 @@ void TestScreen::barsFit()
              u"a  [###############...............]   50 %  50 B  50 B/s  1 s left"_s);
     QCOMPARE(progressLine(u"a"_s, 2048, -1, 2, 79), u"a  2.0 KiB  1.0 KiB/s"_s);
     QCOMPARE(progressLine(u"a"_s, 0, 0, 0, 79), u"a  0 B  0 B/s"_s);
+    // More than was expected: nobody knows how much is left.
+    QCOMPARE(progressLine(u"a"_s, 200, 100, 2, 79), u"a  200 B  100 B/s"_s);
+}
+
+void TestScreen::theStageOfABackupIsReadFromItsFiles()
+{
+    const QTemporaryDir folder;
+    const auto write = [&folder](const QString &name, qsizetype size, int second) {
+        QFile file(folder.filePath(name));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(QByteArray(size, 'x'));
+        file.flush();
+        QVERIFY(file.setFileTime(QDateTime::fromSecsSinceEpoch(second), QFileDevice::FileModificationTime));
+    };
+    QVERIFY(!backupStage(folder.path(), 3));
+    QVERIFY(QDir(folder.path()).mkpath(u".partial-2026-01-05_031500/accounts"_s));
+    QVERIFY(QDir(folder.path()).mkpath(u".partial-2026-01-04_031500/accounts"_s));
+    QVERIFY(QDir(folder.path()).mkpath(u"2026-01-06_031500/accounts"_s));
+    write(u".partial-2026-01-05_031500/panel.dump"_s, 100, 1);
+    QCOMPARE(stageText(*backupStage(folder.path(), 3)), u"panel and settings"_s);
+
+    const QString accounts = u".partial-2026-01-05_031500/accounts/"_s;
+    write(accounts + u"zoe-home.tar.gz"_s, 1000, 10);
+    write(accounts + u"zoe-db.dump"_s, 50, 11);
+    write(accounts + u"alice-home.tar.gz"_s, 2000, 12);
+    const std::optional<BackupStage> stage = backupStage(folder.path(), 3);
+    QVERIFY(stage);
+    QCOMPARE(stageText(*stage), u"account 2 of 3: alice, 2.0 KiB"_s);
+    QCOMPARE(stage->done, 3150);
+    // An account that was deleted meanwhile counts as one.
+    QCOMPARE(backupStage(folder.path(), 1)->accounts, 2);
 }
 
 void TestScreen::keysAreRead()

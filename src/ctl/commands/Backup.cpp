@@ -1,8 +1,10 @@
 #include "ctl/commands/Backup.h"
 
 #include "ctl/Command.h"
+#include "ctl/Interrupt.h"
 #include "ctl/Meant.h"
 #include "ctl/Session.h"
+#include "ctl/screen/BackupStage.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
 #include "ctl/screen/SystemdTime.h"
@@ -146,16 +148,22 @@ int log(Session &session, const Given &)
 int followBackup(Session &session, const QJsonObject &before)
 {
     LogFollower follower(session, before.value("log"_L1).toString());
+    BackupBar bar(session);
     const QDeadlineTimer start(kStartTime);
     bool seen = false;
     bool ended = false;
     const Answer last = askUntil(session, u"backup.status"_s, [&](const QJsonObject &reply) {
         const bool running = reply.value("running"_L1).toBool();
         const bool isNew = newestIn(reply) != newestIn(before);
+        bar.clear();
         seen = !follower.take(reply.value("log"_L1).toString()).isEmpty() || running || seen;
+        bar.show(reply);
         const bool hadEnded = std::exchange(ended, !running && (seen || start.hasExpired()));
         return !running && (isNew || hadEnded);
     });
+    bar.clear();
+    if (last.fate == Answer::Fate::Interrupted)
+        return fail(interruptedStatus(), u"the backup goes on; corvctl backup log shows how far it is"_s);
     if (const std::optional<int> end = settled(session, last); end && *end != kDone)
         return *end;
 

@@ -134,17 +134,28 @@ void Progress::show(qint64 done)
     draw(progressLine(m_what, done, m_total, static_cast<double>(now) / 1000, columnsOf(STDERR_FILENO) - 1));
 }
 
-Progress::~Progress()
+void Progress::rename(const QString &what)
+{
+    m_what = what;
+}
+
+void Progress::clear()
 {
     if (m_drawnAt >= 0)
         draw({});
+    m_drawnAt = -1;
+}
+
+Progress::~Progress()
+{
+    clear();
 }
 
 QString progressLine(const QString &what, qint64 done, qint64 total, double seconds, int columns)
 {
     const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0;
     QString numbers = humanBytes(done) + u"  "_s + humanBytes(static_cast<qint64>(rate)) + u"/s"_s;
-    if (total > 0) {
+    if (total > 0 && done <= total) {
         numbers = u"%1 %  "_s.arg(QString::number(100 * done / total).rightJustified(3)) + numbers;
         if (rate > 0)
             numbers += u"  %1 left"_s.arg(humanSeconds(static_cast<qint64>(static_cast<double>(total - done) / rate)));

@@ -65,6 +65,10 @@ public:
 
     // So many bytes are done.
     void show(qint64 done);
+    // It speaks of something else from now on (escaped).
+    void rename(const QString &what);
+    // Takes it away until it is shown again.
+    void clear();
 
 private:
     const Terminal &m_terminal;
