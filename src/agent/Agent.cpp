@@ -8,6 +8,7 @@
 #include "agent/hosting/Hosting.h"
 #include "agent/quota/Quota.h"
 #include "agent/security/Security.h"
+#include "common/Account.h"
 #include "common/BackupConfig.h"
 #include "common/Fd.h"
 #include "common/Json.h"
@@ -89,6 +90,19 @@ qsizetype placesOfOneUser()
         return kReservedDescriptors;
     const auto all = static_cast<qsizetype>(std::min<rlim_t>(descriptors.rlim_cur, std::numeric_limits<int>::max()));
     return std::max(all / 2, all - kReservedDescriptors);
+}
+
+// Whether nobody ever waits for such a request: it starts no program.
+bool isQuick(const QString &command)
+{
+    return command == "ping"_L1 || command == "system.info"_L1 || command == "system.disks"_L1;
+}
+
+// The account that a request is about; empty where it names none. The client may have sent any text.
+QString accountIn(const QJsonObject &args)
+{
+    const QString name = args.value("username"_L1).toString();
+    return hosting::validUsername(name) ? name : QString();
 }
 
 // A name as a client sent it, fit for one log line: whatever could end the line or steer a terminal is shown escaped.
@@ -173,7 +187,9 @@ bool Agent::listen(const QString &path, const QString &group)
             qCritical("agent: cannot give %s to group %s", qUtf8Printable(path), qUtf8Printable(group));
             return false;
         }
+        m_requestFile.setGroup(entry->gr_gid);
     }
+    m_requestFile.clear();
 
     m_readiness.setEvents(m_server.descriptor(), EPOLLIN);
     qInfo("agent: listening on %s", qUtf8Printable(path));
@@ -227,7 +243,13 @@ Reply Agent::dispatch(const QByteArray &request, quint32 uid)
         return fail(u"unknown command"_s);
     }
 
-    const Reply reply = (*command)(object.value("args"_L1).toObject());
+    const QJsonObject args = object.value("args"_L1).toObject();
+    const bool takesTime = !isQuick(name);
+    if (takesTime)
+        m_requestFile.begin(name, accountIn(args), uid);
+    const Reply reply = (*command)(args);
+    if (takesTime)
+        m_requestFile.end();
     const bool ok = reply.value("ok"_L1).toBool();
     qInfo("agent: uid %u ran %s -> %s", uid, qUtf8Printable(name), ok ? "ok" : "failed");
     return reply;

@@ -4,6 +4,7 @@
 #include "agent/LocalServer.h"
 #include "agent/Readiness.h"
 #include "agent/Reply.h"
+#include "agent/RequestFile.h"
 #include "common/BackupConfig.h"
 
 #include <QHash>
@@ -51,6 +52,7 @@ private:
     QStringList m_services;
     backup::Config m_backups;
     QHash<QString, Handler> m_commands;
+    RequestFile m_requestFile;
 };
 
 } // namespace corv

@@ -13,6 +13,8 @@
 /* The server's other headers need it before them. */
 #include "httpd.h"
 
+#include "filters.h"
+
 #include "apr_buckets.h"
 #include "apr_hash.h"
 #include "apr_strings.h"
@@ -43,6 +45,8 @@ struct stay
 {
     const struct account *account;
     int refused;
+    /* The name of a filter that was taken away again, NULL for none. */
+    const char *filter;
 };
 
 /* All accounts (struct account), by name. Written while the server reads its configuration. */
@@ -57,12 +61,12 @@ static ap_filter_rec_t *fileFilter;
  * Modules whose directives a .htaccess may use: they keep within what an account may do, or lead only to what is looked
  * at below. Left out are, of the server's own, mod_proxy_fcgi (it can set PHP_ADMIN_VALUE after the last look), mod_lua
  * (runs code as the web server), mod_cern_meta (sends files as headers), mod_authnz_ldap and mod_session_crypto (run
- * programs), those that read databases in a format that was never meant for hostile files, and all that nobody here has
- * read.
+ * programs), mod_authn_socache (ends the server's process where its cache is not switched on), those that read
+ * databases in a format that was never meant for hostile files, and all that nobody here has read.
  */
 static const char kKnownModules[] =
     " core.c mod_access_compat.c mod_actions.c mod_alias.c mod_auth_basic.c mod_auth_digest.c "
-    "mod_auth_form.c mod_authn_anon.c mod_authn_core.c mod_authn_file.c mod_authn_socache.c "
+    "mod_auth_form.c mod_authn_anon.c mod_authn_core.c mod_authn_file.c "
     "mod_authz_core.c mod_authz_groupfile.c mod_authz_host.c mod_authz_owner.c mod_authz_user.c "
     "mod_autoindex.c mod_brotli.c mod_charset_lite.c mod_deflate.c mod_dir.c mod_env.c mod_expires.c "
     "mod_filter.c mod_headers.c mod_http2.c mod_include.c mod_mime.c mod_negotiation.c mod_request.c "
@@ -182,6 +186,29 @@ static void forbidPrograms(request_rec *r)
     ap_set_core_module_config(r->per_dir_config, without);
 }
 
+/* Whether something is the account's, or root's in the account's home. */
+static int isOwn(apr_pool_t *pool, const struct account *account, apr_uid_t owner, const char *path)
+{
+    return owner == account->uid || (owner == 0 && isInHome(pool, account, path));
+}
+
+/* The folder in which a file was found missing, or that was itself asked for: modules that look for something like it
+ * read its names. */
+static int onTheFolder(request_rec *r, struct stay *stay)
+{
+    const char *const end = strrchr(r->filename, '/');
+    const char *const folder = r->finfo.filetype == APR_DIR || !end
+                                   ? r->filename
+                                   : apr_pstrmemdup(r->pool, r->filename, (apr_size_t)(end - r->filename));
+    apr_finfo_t found = r->finfo;
+    if ((found.filetype != APR_DIR || !(found.valid & APR_FINFO_USER)) &&
+        apr_stat(&found, folder, APR_FINFO_USER, r->pool) != APR_SUCCESS)
+        return refuse(r, stay, "the folder cannot be looked at");
+    if (!isOwn(r->pool, stay->account, found.user, folder))
+        return refuse(r, stay, "a folder that is neither the account's nor root's in its home");
+    return OK;
+}
+
 /* Right after all configuration of the request has been put together: is it an account's, and who speaks in its
  * .htaccess? */
 static int beforeAnyModule(request_rec *r)
@@ -200,7 +227,24 @@ static int beforeAnyModule(request_rec *r)
             return refuse(r, stay, apr_psprintf(r->pool, "directives of %s in .htaccess", stranger->name));
     }
     forbidPrograms(r);
-    return OK;
+    return r->finfo.filetype == APR_NOFILE || r->finfo.filetype == APR_DIR ? onTheFolder(r, stay) : OK;
+}
+
+/* What the endings of file names have added by now: a module that answers from here on would send its answer through
+ * it. */
+static int beforeTheFixups(request_rec *r)
+{
+    struct stay *const stay = stayOf(r);
+    const char *const filter = stay ? takeFiltersAway(r) : NULL;
+    return filter ? refuse(r, stay, apr_psprintf(r->pool, "the filter %s", filter)) : DECLINED;
+}
+
+/* What all other directives have added: filters are set up before the handler gets its turn. */
+static void afterTheFilters(request_rec *r)
+{
+    struct stay *const stay = stayOf(r);
+    if (stay)
+        stay->filter = takeFiltersAway(r);
 }
 
 /* The file that was found, also where another module only looks for it and then opens it without a handler. */
@@ -215,7 +259,7 @@ static int onTheFile(request_rec *r)
     if ((found.filetype == APR_LNK || !(found.valid & APR_FINFO_USER)) &&
         apr_stat(&found, r->filename, APR_FINFO_USER, r->pool) != APR_SUCCESS)
         return refuse(r, stay, "the file cannot be looked at");
-    if (found.user != stay->account->uid && (found.user != 0 || !isInHome(r->pool, stay->account, r->filename)))
+    if (!isOwn(r->pool, stay->account, found.user, r->filename))
         return refuse(r, stay, "a file that is neither the account's nor root's in its home");
     return DECLINED;
 }
@@ -261,6 +305,8 @@ static int beforeTheHandler(request_rec *r)
         return around ? refuse(r, around, "a page from outside the account within its own") : DECLINED;
     }
 
+    if (stay->filter)
+        return refuse(r, stay, apr_psprintf(r->pool, "the filter %s", stay->filter));
     if (r->proxyreq || after("proxy:", r->handler)) {
         if (!goesToOwnPool(r, stay->account->name))
             return refuse(r, stay, "a proxy other than the account's own PHP");
@@ -274,7 +320,7 @@ static int beforeTheHandler(request_rec *r)
      * is there. */
     if (!isOneOf(kAllowedHandlers, r->handler))
         r->handler = AP_DEFAULT_HANDLER_NAME;
-    ap_add_output_filter_handle(fileFilter, stay, r, r->connection);
+    ap_add_output_filter_handle(fileFilter, NULL, r, r->connection);
     return DECLINED;
 }
 
@@ -289,10 +335,15 @@ static int mayBeSent(apr_pool_t *pool, const struct account *account, apr_file_t
     return info.st_uid == 0 && isInHome(pool, account, apr_psprintf(pool, "/proc/self/fd/%d", descriptor));
 }
 
-/* The first of all filters: looks at the very files that a handler has opened and is about to send. */
+/*
+ * The first of all filters: looks at the very files that a handler has opened and is about to send. A .htaccess can add
+ * it too, any number of times and with a state of mod_filter's, so all that it knows is the request's.
+ */
 static apr_status_t onOpenFiles(ap_filter_t *f, apr_bucket_brigade *brigade)
 {
-    struct stay *const stay = f->ctx;
+    struct stay *const stay = f->r ? stayOf(f->r) : NULL;
+    if (!stay)
+        return ap_pass_brigade(f->next, brigade);
     for (apr_bucket *b = APR_BRIGADE_FIRST(brigade); b != APR_BRIGADE_SENTINEL(brigade); b = APR_BUCKET_NEXT(b)) {
         if (!APR_BUCKET_IS_FILE(b) || mayBeSent(f->r->pool, stay->account, ((const apr_bucket_file *)b->data)->fd))
             continue;
@@ -359,7 +410,9 @@ static void hooks(apr_pool_t *pool)
     fileFilter = ap_register_output_filter("CORVANE", onOpenFiles, NULL, AP_FTYPE_RESOURCE - 1);
     ap_hook_post_config(learn, NULL, NULL, APR_HOOK_MIDDLE);
     ap_hook_post_perdir_config(beforeAnyModule, NULL, NULL, APR_HOOK_REALLY_FIRST);
+    ap_hook_fixups(beforeTheFixups, NULL, NULL, APR_HOOK_REALLY_FIRST);
     ap_hook_fixups(onTheFile, NULL, NULL, APR_HOOK_REALLY_LAST);
+    ap_hook_insert_filter(afterTheFilters, NULL, NULL, APR_HOOK_REALLY_LAST);
     ap_hook_handler(beforeTheHandler, NULL, NULL, APR_HOOK_REALLY_FIRST);
 }
 

@@ -2,6 +2,7 @@
 
 #include "common/Json.h"
 #include "ctl/Described.h"
+#include "ctl/Interrupt.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -89,6 +90,23 @@ bool wasTaken(const Fd &socket)
     return ::ioctl(socket.get(), SIOCOUTQ, &unread) == 0 && unread == 0;
 }
 
+// The process that listens at the other end; 0 where that is not known.
+int agentAt(const Fd &socket)
+{
+    ucred peer = {};
+    socklen_t size = sizeof peer;
+    return ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.pid : 0;
+}
+
+// What becomes of a request when nobody waits for its reply any more; who asked knows which it was.
+Answer cutShort(bool isSent, bool mustWait)
+{
+    if (!isSent)
+        return failed(Answer::Fate::Interrupted, u"interrupted before %1 was sent: it is not carried out"_s);
+    return failed(Answer::Fate::Interrupted, mustWait ? u"the agent will go on with %1 after the request before it"_s
+                                                      : u"the agent goes on with %1"_s);
+}
+
 Answer readReply(const QByteArray &line)
 {
     const QJsonObject reply = parseObject(line);
@@ -145,13 +163,16 @@ Answer Client::request(const QByteArray &line, int seconds, const OnWaiting &onW
         const int left = static_cast<int>(std::min<qint64>(kTick, end.remainingTime()));
         if (::poll(&wanted, 1, left) < 0 && errno != EINTR)
             return cannotConnect(m_path, errno);
+        if (interrupted())
+            return cutShort(sent == data.size(), sent == data.size() && !m_way.open && !wasTaken(socket));
         if (end.hasExpired())
             return timedOut(seconds);
         if (wanted.revents == 0) {
             const auto waited = static_cast<int>(clock.elapsed() / 1000);
             if (m_way.lookAfter)
                 m_way.lookAfter();
-            onWaiting(m_way.open ? Waiting{{}, waited} : Waiting{sent == data.size() && wasTaken(socket), waited});
+            onWaiting(m_way.open ? Waiting{{}, waited}
+                                 : Waiting{sent == data.size() && wasTaken(socket), waited, agentAt(socket)});
             continue;
         }
 

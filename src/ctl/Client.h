@@ -20,13 +20,14 @@ struct Answer
         TooLarge,  // not sent: no agent takes such a line
         NoConnect, // no connection, a connection that was cut off, or something that is no agent at its other end
         TimedOut,
+        Interrupted, // by a signal; the agent goes on with a request that was sent
     };
 
     Fate fate = Fate::NoConnect;
     QByteArray line;   // the reply as it came, without its line feed
     QJsonObject reply; // the same, read; its member ok is a boolean
-    QString problem;   // without a reply: why, as a sentence
-    QString hint;      // what to do about it, empty when that is not known
+    QString problem;   // without a reply: why, as a sentence; of an interrupted request with %1 for its name
+    QString hint;      // what to do about it or was meant, empty when that is not known
 
     // Whether the agent did what it was asked for.
     [[nodiscard]] bool ok() const
@@ -40,7 +41,8 @@ struct Waiting
 {
     // Whether the agent has taken the request; until then it is busy with another. Not known of another server's.
     std::optional<bool> taken;
-    int seconds; // since it was sent
+    int seconds;   // since it was sent
+    int agent = 0; // the process of the agent of this server
 };
 
 // Called several times a second while a reply is waited for.

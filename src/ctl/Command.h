@@ -16,6 +16,7 @@ enum class Names { Nothing, Account, File, AgentCommand };
 enum class Kind {
     Required, // a word at its place
     Optional, // a word at its place that may be left out
+    Words,    // any number of words, the last of all
     Flag,     // an option without a value
     Value     // an option with a value
 };
@@ -34,7 +35,10 @@ struct Parameter
 class Given
 {
 public:
-    explicit Given(std::map<std::string, std::string> values) : m_values(std::move(values)) {}
+    explicit Given(std::map<std::string, std::string> values,
+                   std::map<std::string, std::vector<std::string>> words = {})
+        : m_values(std::move(values)), m_words(std::move(words))
+    {}
 
     [[nodiscard]] bool has(const char *name) const
     {
@@ -50,9 +54,16 @@ public:
     {
         return QString::fromStdString(bytes(name));
     }
+    // Each of the words of a parameter that takes any number of them.
+    [[nodiscard]] std::vector<std::string> words(const char *name) const
+    {
+        const auto found = m_words.find(name);
+        return found == m_words.end() ? std::vector<std::string>() : found->second;
+    }
 
 private:
     std::map<std::string, std::string> m_values;
+    std::map<std::string, std::vector<std::string>> m_words;
 };
 
 // Does a command's work and returns the exit status.
@@ -66,6 +77,7 @@ struct Command
     std::vector<Parameter> parameters = {};
     Handler handler = nullptr;
     std::vector<Command> commands = {};
+    bool isSurvey = false; // of several servers, what it prints with --plain is made one line for each
 };
 
 // The topics, one function each; main lists them.
@@ -78,6 +90,7 @@ Command databaseCommand();
 Command doctorCommand();
 Command fileCommand();
 Command firewallCommand();
+Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
 Command notifyCommand();
 Command proxyCommand();

@@ -1,16 +1,22 @@
 #include "ctl/CommandLine.h"
 
 #include "ctl/Described.h"
+#include "ctl/Meant.h"
+#include "ctl/Typing.h"
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstring>
+#include <iostream>
+#include <optional>
 #include <set>
 
 namespace corv::ctl {
 namespace {
 
 constexpr auto kHost = "--host";
+constexpr int kMostWords = 10'000;
 
 // The name under which a parameter is given to its handler: a word's own, an option's last one.
 std::string key(const Parameter &parameter)
@@ -21,7 +27,7 @@ std::string key(const Parameter &parameter)
 
 bool isWord(const Parameter &parameter)
 {
-    return parameter.kind == Kind::Required || parameter.kind == Kind::Optional;
+    return parameter.kind == Kind::Required || parameter.kind == Kind::Optional || parameter.kind == Kind::Words;
 }
 
 void addParameter(CLI::App &app, const Parameter &parameter)
@@ -32,6 +38,8 @@ void addParameter(CLI::App &app, const Parameter &parameter)
     }
     CLI::Option *option = app.add_option(parameter.name, parameter.help);
     option->expected(1);
+    if (parameter.kind == Kind::Words)
+        option->expected(0, kMostWords)->allow_extra_args();
     option->type_name(isWord(parameter) ? "" : "VALUE");
     if (parameter.kind == Kind::Required)
         option->required();
@@ -70,13 +78,16 @@ const Command *chosen(const std::vector<Command> &commands, const CLI::App &app,
 Given givenTo(const std::vector<Parameter> &parameters, const CLI::App &app)
 {
     std::map<std::string, std::string> values;
+    std::map<std::string, std::vector<std::string>> words;
     for (const Parameter &parameter : parameters) {
         const std::string name = key(parameter);
         const CLI::Option *option = app.get_option(name);
         if (option->count() > 0)
             values[name] = option->results().back();
+        if (option->count() > 0 && parameter.kind == Kind::Words)
+            words[name] = option->results();
     }
-    return Given(std::move(values));
+    return Given(std::move(values), std::move(words));
 }
 
 void readCommonOptions(const CLI::App &app, Options *options)
@@ -93,6 +104,19 @@ void readCommonOptions(const CLI::App &app, Options *options)
     options->hosts = app.get_option(kHost)->results();
 }
 
+// Where the only thing that is missing is the name of an account and this server has but one, that is named.
+void hintAtAccount(const Command &command, const CLI::App &app, bool isHere)
+{
+    const bool isMissing =
+        std::any_of(command.parameters.begin(), command.parameters.end(), [&app](const Parameter &parameter) {
+            return parameter.kind == Kind::Required && parameter.names == Names::Account &&
+                   app.get_option(key(parameter))->empty();
+        });
+    const std::optional<QStringList> names = isMissing && isHere ? accountNames({}) : std::nullopt;
+    if (names && names->size() == 1)
+        std::cerr << "the only account is '" << names->first().toStdString() << "'\n";
+}
+
 } // namespace
 
 const std::vector<Parameter> &commonOptions()
@@ -105,7 +129,7 @@ const std::vector<Parameter> &commonOptions()
         {"--timeout", "Wait so many seconds for a reply", Kind::Value},
         {"--socket", "The PATH of the agent's socket", Kind::Value, Names::File},
         {"-c,--config", "The agent's settings FILE", Kind::Value, Names::File},
-        {"-H,--host", "Run on another server, [USER@]HOST; may be given several times", Kind::Value},
+        {"-H,--host", "Run on another server, [USER@]HOST or @GROUP; may be given several times", Kind::Value},
     };
     return options;
 }
@@ -113,7 +137,7 @@ const std::vector<Parameter> &commonOptions()
 Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const char *const *argv, Options *options)
 {
     CLI::App app("Administers the Corvane hosting agent of this or another server.", "corvctl");
-    app.set_version_flag("--version", std::string("corvctl ") + version());
+    app.set_version_flag("-v,--version", std::string("corvctl ") + version());
     for (const Parameter &option : commonOptions())
         addParameter(app, option);
     app.get_option("--timeout")->check(CLI::Range(1, 1'000'000));
@@ -124,10 +148,18 @@ Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const ch
     for (const Command &command : commands)
         addCommand(app, command, words);
 
+    const Mistake mistake = mistakeIn(commands, commonOptions(), argc, argv);
+    if (!mistake.problem.isEmpty())
+        return {nullptr, Given({}), fail(kWrongUsage, mistake.problem, mistake.hint)};
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         const int code = app.exit(error, std::cout, std::cerr);
+        const CLI::App *its = nullptr;
+        const Command *command = chosen(commands, app, &its);
+        if (command && error.get_exit_code() == static_cast<int>(CLI::ExitCodes::RequiredError))
+            hintAtAccount(*command, *its, app.get_option(kHost)->empty());
         return {nullptr, Given({}), code == 0 ? kDone : kWrongUsage};
     }
 
@@ -136,7 +168,7 @@ Parsed parseCommandLine(const std::vector<Command> &commands, int argc, const ch
     const Command *command = chosen(commands, app, &its);
     if (!command)
         return {nullptr, Given({}), kWrongUsage};
-    return {command->handler, givenTo(command->parameters, *its), kDone};
+    return {command->handler, givenTo(command->parameters, *its), kDone, command->isSurvey};
 }
 
 } // namespace corv::ctl

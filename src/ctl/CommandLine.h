@@ -14,6 +14,7 @@ struct Parsed
     Handler handler = nullptr;
     Given given = Given({});
     int status = 0;
+    bool isSurvey = false; // as the command's
 };
 
 // The options that every command takes.

@@ -7,10 +7,11 @@ namespace corv::ctl {
 namespace {
 
 volatile std::sig_atomic_t signalled = 0;
+int guards = 0; // that are there
 
-void note(int)
+void note(int signal)
 {
-    signalled = 1;
+    signalled = signal;
 }
 
 void setHandlers(void (*ending)(int), void (*pipe)(int))
@@ -28,17 +29,31 @@ void setHandlers(void (*ending)(int), void (*pipe)(int))
 
 InterruptGuard::InterruptGuard()
 {
+    if (guards++ > 0)
+        return;
+    signalled = 0; // one that came before has had its effect
     setHandlers(note, SIG_IGN);
 }
 
 InterruptGuard::~InterruptGuard()
 {
-    setHandlers(SIG_DFL, SIG_DFL);
+    if (--guards == 0)
+        setHandlers(SIG_DFL, SIG_DFL);
 }
 
 bool interrupted()
 {
     return signalled != 0;
+}
+
+void forgetInterrupt()
+{
+    signalled = 0;
+}
+
+int interruptedStatus()
+{
+    return 128 + signalled;
 }
 
 } // namespace corv::ctl

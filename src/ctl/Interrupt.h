@@ -12,11 +12,17 @@ public:
     InterruptGuard &operator=(const InterruptGuard &) = delete;
     InterruptGuard(InterruptGuard &&) = delete;
     InterruptGuard &operator=(InterruptGuard &&) = delete;
-    // From here on the signals end the program again.
+    // From here on the signals end the program again, unless another guard is there.
     ~InterruptGuard();
 };
 
-// Whether such a signal (but for the pipe) has come.
+// Whether such a signal (but for the pipe) has come since the first guard that is there was made.
 bool interrupted();
+
+// Makes it as if none had come, so that what has to be done after one can be.
+void forgetInterrupt();
+
+// The exit status that tells of the signal, as a shell has it: 130 for the interrupt.
+int interruptedStatus();
 
 } // namespace corv::ctl

@@ -1,6 +1,9 @@
 #include "ctl/Session.h"
 
 #include "common/Json.h"
+#include "ctl/Interrupt.h"
+#include "ctl/Meant.h"
+#include "ctl/screen/Busy.h"
 #include "ctl/screen/Escape.h"
 
 #include <cstdio>
@@ -28,6 +31,7 @@ constexpr Advice kAdvice[] = {
      "where apt has no linux-modules-extra for this kernel, corvctl quota enable makes one: run it as root on the server"_L1},
     {"no such rule"_L1, "corvctl firewall list shows the rules with their numbers"_L1},
     {"that rule lets you reach this server over SSH"_L1, "ufw on the server itself deletes it"_L1},
+    {"restored-"_L1, "corvctl file rm ACCOUNT and that name deletes it"_L1},
     {"no such backup"_L1, "corvctl backup list shows the backups"_L1},
     {"that service is not on the [health] services list"_L1, "corvctl service list shows the services"_L1},
     {"Apache's configuration has an error"_L1, "apachectl configtest shows all of it"_L1},
@@ -44,6 +48,28 @@ QString adviceFor(const QString &sentence)
             return advice.next;
     }
     return {};
+}
+
+// The account that was probably meant, where there is none of that name.
+QString hintFor(const Session &session, const QString &sentence, const QJsonObject &args)
+{
+    if (!sentence.startsWith("no Corvane account named"_L1))
+        return {};
+    const std::optional<QStringList> names = accountNames(session);
+    return names ? meantHint(u"account"_s, args.value("username"_L1).toString(), *names) : QString();
+}
+
+// What the agent goes on with after an interruption, and where to see its end.
+QString whatGoesOn(const Session &session, const QString &sentence, const QString &command, const QJsonObject &args)
+{
+    const QString account = args.value("username"_L1).toString();
+    const QString what = sentence.arg(account.isEmpty() ? command : u"%1 of %2"_s.arg(command, account));
+    if (what.endsWith("not carried out"_L1))
+        return what;
+    const QString where = session.options.hosts.empty()
+                              ? QString()
+                              : u"-H %1 "_s.arg(QString::fromStdString(session.options.hosts.front()));
+    return u"%1; corvctl %2status shows when it is done"_s.arg(what, where);
 }
 
 void complain(const QString &sentence, const QString &hint)
@@ -69,6 +95,8 @@ int statusOf(Answer::Fate fate)
         return kNoConnection;
     case Answer::Fate::TimedOut:
         return kTimedOut;
+    case Answer::Fate::Interrupted:
+        return interruptedStatus();
     }
     return kNoConnection;
 }
@@ -86,9 +114,21 @@ Answer ask(Session &session, const QString &command, const QJsonObject &args)
         return {Answer::Fate::Printed, {}, {}, {}, {}};
     }
 
+    const InterruptGuard guard;
     Spinner spinner(session.terminal);
     const int seconds = session.options.timeout > 0 ? session.options.timeout : patience(command);
-    return session.client.request(line, seconds, [&](const Waiting &waiting) { spinner.show(waiting); });
+    int agent = 0;
+    Answer answer = session.client.request(line, seconds, [&](const Waiting &waiting) {
+        agent = waiting.agent;
+        spinner.show(waiting);
+    });
+    if (answer.fate == Answer::Fate::Replied && !answer.ok())
+        answer.hint = hintFor(session, answer.reply.value("error"_L1).toString(), args);
+    if (answer.fate == Answer::Fate::Interrupted)
+        answer.problem = whatGoesOn(session, answer.problem, command, args);
+    if (answer.fate == Answer::Fate::TimedOut && agent != 0)
+        answer.hint = busyWith(agent) + u"; --timeout waits longer"_s;
+    return answer;
 }
 
 std::optional<int> settled(const Session &session, const Answer &answer)
@@ -101,9 +141,10 @@ std::optional<int> settled(const Session &session, const Answer &answer)
     if (session.options.json)
         print((session.terminal.out ? escapedJson(answer.line) : answer.line) + '\n');
     if (!answer.ok()) {
-        const QString sentence = answer.reply.value("error"_L1).toString();
+        const QString said = answer.reply.value("error"_L1).toString();
+        const QString sentence = oneSentence(said.left(2 * kLongestSentence));
         return fail(kRefused, sentence.isEmpty() ? u"the agent refused, and did not say why"_s : sentence,
-                    adviceFor(sentence));
+                    answer.hint.isEmpty() ? adviceFor(sentence) : answer.hint);
     }
     return session.options.json ? std::optional<int>(kDone) : std::nullopt;
 }
@@ -121,6 +162,15 @@ int fail(int status, const QString &sentence, const QString &hint)
 {
     complain(sentence, hint);
     return status;
+}
+
+int refuse(const Session &session, const QString &sentence, const QString &hint)
+{
+    if (session.options.json) {
+        const QByteArray line = compactJson({{u"ok"_s, false}, {u"error"_s, sentence}});
+        print((session.terminal.out ? escapedJson(line) : line) + '\n');
+    }
+    return fail(kRefused, sentence, hint);
 }
 
 void note(const QString &sentence)

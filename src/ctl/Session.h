@@ -61,6 +61,10 @@ int settledWith(const Session &session, const Answer &answer, const QString &sen
 // Says on standard error what is wrong, escaped, and gives the status back.
 int fail(int status, const QString &sentence, const QString &hint = {});
 
+// Ends a command that this client refuses itself, although the agent did not: says why as for a refusal of the agent's,
+// with --json also as the reply line that tells it. Gives the exit status.
+int refuse(const Session &session, const QString &sentence, const QString &hint = {});
+
 // Says something on standard error that is neither a result nor a failure, escaped.
 void note(const QString &sentence);
 

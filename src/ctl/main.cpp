@@ -2,6 +2,8 @@
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
 #include "ctl/remote/Hosts.h"
+#include "ctl/remote/HostsFile.h"
+#include "ctl/remote/Many.h"
 #include "ctl/remote/Remote.h"
 
 #include <cstdio>
@@ -41,24 +43,35 @@ int run(Session &session, const Parsed &parsed)
 
 int main(int argc, char **argv)
 {
-    const std::vector<Command> commands = allCommands();
+    std::vector<Command> commands = allCommands();
+    commands.push_back(helpCommand(commands));
     Session session;
     session.commands = &commands;
     const Parsed parsed = parseCommandLine(commands, argc, argv, &session.options);
     if (!parsed.handler)
         return parsed.status;
 
-    const std::vector<std::string> hosts = session.options.hosts;
-    for (const std::string &host : hosts) {
-        if (const QString problem = hostProblem(QString::fromStdString(host)); !problem.isEmpty())
-            return fail(kWrongUsage, problem);
-    }
-    if (hosts.size() < 2)
+    // A group has the same form of output however many are in it.
+    const std::vector<std::string> named = session.options.hosts;
+    const bool isMany = named.size() > 1 || (named.size() == 1 && named.front().starts_with('@'));
+    QString problem;
+    session.options.hosts = expandHosts(named, kHostsFile, &problem);
+    if (!problem.isEmpty())
+        return fail(kWrongUsage, problem);
+    if (!isMany)
         return run(session, parsed);
-    session.options.isShown = findTerminal().out;
-    return onEachHost(hosts, [&](const std::string &host) {
+
+    const std::vector<std::string> hosts = session.options.hosts;
+    const bool isSurvey = parsed.isSurvey && !session.options.json && !session.options.printOnly;
+    session.terminal = findTerminal();
+    session.options.isShown = session.terminal.out;
+    const auto work = [&session, &parsed, isSurvey](const std::string &host) {
         session.options.hosts = {host};
         session.options.isOneOfMany = true;
+        session.options.plain = session.options.plain || isSurvey;
         return run(session, parsed);
-    });
+    };
+    if (session.options.json)
+        return jsonOfEachHost(hosts, work);
+    return isSurvey ? surveyOfHosts(session, hosts, work) : onEachHost(hosts, work);
 }

@@ -14,6 +14,7 @@ SECRET = "the victim's secret"
 
 PROXY = "a proxy other than the account's own PHP"
 FILE = "a file that is neither the account's nor root's in its home"
+FOLDER = "a folder that is neither the account's nor root's in its home"
 OUTSIDE = "a page from outside the account within its own"
 ADMIN_VALUE = "PHP_ADMIN_VALUE from .htaccess"
 
@@ -108,6 +109,9 @@ MORE_FROM_PHP = {
     "index, run by the server's pool": Attempt(
         "DirectoryIndex /tools/index.php\nSetEnv PHP_VALUE auto_prepend_file=/home/@ME@/public_html@HERE@/x.php",
         "php runs as www-data", path="", reason=FILE),
+    "fallback, run by the server's pool": Attempt(
+        "FallbackResource /tools/index.php\nSetEnvIf Request_URI . PHP_VALUE=auto_prepend_file=/home/@ME@/public_html@HERE@/x.php",
+        "php runs as www-data", path="missing", reason=FILE),
 }
 
 
@@ -175,7 +179,11 @@ FILES = {
     "link to the server's file": Attempt("Options FollowSymLinks", "password of the tools", path="y.txt",
                                          links={"y.txt": "/etc/tools.conf"}, reason=FILE),
     "listing of a folder": Attempt("Options FollowSymLinks Indexes\nDirectoryIndex disabled", "the-victims-folder", path="y/", links={"y": LINK},
-                                   reason=FILE),
+                                   reason=FOLDER),
+    "names that are spelled likewise": Attempt("Options FollowSymLinks\nCheckSpelling on", "/the-victims-folder", path="y/the-victims-foldr",
+                                               links={"y": LINK}, reason=FOLDER),
+    "names without their endings": Attempt("Options FollowSymLinks\nCheckSpelling on\nCheckBasenameMatch on", "/letter", path="y/letter.txt",
+                                           links={"y": LINK}, reason=FOLDER),
     "foot of a listing": secret(f"{LISTING}Options FollowSymLinks Indexes\nDirectoryIndex disabled\nReadmeName y.txt", path="",
                                 links={"y.txt": f"{LINK}/config.php"}),
     "foot of a listing named as a page of PHP": secret(
@@ -204,6 +212,7 @@ CLOSED = {
     "file() in If": secret("<If \"file('/home/@VICTIM@/public_html/config.php') =~ /secret/\">\n"
                            f'Header set X "{SECRET}"\n</If>', path="x.php"),
     "file() in ErrorDocument": secret('ErrorDocument 404 "%{file:/home/@VICTIM@/public_html/config.php}"', path="missing"),
+    "file() in SSLRequire": Attempt(f'SSLRequire file("{LINK}/config.php") =~ m/secret/', "php runs as @ME@,"),
     "address of a file in a rule": secret(f"Options FollowSymLinks\n{RULE}RewriteRule ^y$ {LINK}/config.php [L]", path="y"),
     "link that belongs to another": secret("", path="y.txt", links={"y.txt": f"{LINK}/config.php"}),
     "link to a folder that belongs to another": secret("", path="y/page.html", links={"y": LINK}),
@@ -218,6 +227,69 @@ CLOSED = {
     "environment across a redirect": Attempt(
         f"{RULE}SetEnv PHP_VALUE auto_prepend_file=/home/@ME@/public_html@HERE@/x.php\nRewriteRule ^y$ /tools/index.php [PT]",
         "php runs as www-data", path="y"),
+}
+
+# What ends a process of Apache's, with the requests of all other visitors in it. Apache adds these filters itself, with what they
+# work on; by name they come without it.
+FILTERED = "FilterDeclare mine {}\nFilterProvider mine {} true\nFilterChain mine"
+DEADLY = {
+    **{f"SetOutputFilter {name}": f'SetOutputFilter "{name}"' for name in ("CORE", "OLD_WRITE", "ssl/tls filter")},
+    **{f"SetInputFilter {name}": f'SetInputFilter "{name}"' for name in ("REQTIMEOUT", "SSL/TLS Filter", "SSL/TLS Buffer")},
+    "among others": "SetOutputFilter INCLUDES;CORE;DEFLATE",
+    "AddOutputFilter": "AddOutputFilter CORE .txt",
+    "AddInputFilter": "AddInputFilter REQTIMEOUT .txt",
+    "AddOutputFilter and a redirect": f"AddOutputFilter CORE .txt\n{RULE}RewriteRule ^y.txt$ /elsewhere [R]",
+    "AddOutputFilter and a page of an error": f"AddOutputFilter CORE .txt\nErrorDocument 410 @HERE@/y.txt\n{RULE}RewriteRule ^x.php$ - [G]",
+    "AddOutputFilterByType": "AddOutputFilterByType CORE text/plain",
+    "in If in If": '<If "true">\n<If "true">\nSetOutputFilter CORE\n</If>\n</If>',
+    "FilterProvider": FILTERED.format("RESOURCE", "CORE"),
+    "FilterProvider behind another": "FilterDeclare mine\nFilterProvider mine DEFLATE false\nFilterProvider mine OLD_WRITE true\nFilterChain mine",
+    "FilterProvider by a usual name": "FilterDeclare BYTYPE:DEFLATE\nFilterProvider BYTYPE:DEFLATE CORE true\nFilterChain BYTYPE:DEFLATE",
+    "FilterDeclare CONNECTION": FILTERED.format("CONNECTION", "DEFLATE"),
+    "FilterDeclare NETWORK": FILTERED.format("NETWORK", "DEFLATE"),
+    "FilterDeclare by the name of Apache's": "FilterDeclare CORE CONNECTION\nFilterChain CORE",
+    "included": "Options +Includes\nAddOutputFilter INCLUDES .html\nAddOutputFilter CORE .txt",
+    "password from a cache that is off": "AuthType Basic\nAuthName mine\nAuthBasicProvider socache file\nAuthnCacheProvideFor file\n"
+                                         "AuthUserFile /home/@ME@/public_html@HERE@/y.txt\nRequire valid-user",
+}
+
+# What is odd and must be answered all the same, with and without the module; with the module's own filter first of all.
+ODD = {
+    "the module's filter": "SetOutputFilter CORVANE",
+    "the module's filter twice": "SetOutputFilter CORVANE;CORVANE\nAddOutputFilter CORVANE .txt .html .php",
+    "the module's filter behind others": "Options +Includes\nSetOutputFilter INCLUDES;CORVANE;INCLUDES;DEFLATE;CORVANE",
+    "the module's filter by type": "AddOutputFilterByType CORVANE text/plain text/html",
+    **{f"the module's filter as {kind}": FILTERED.format(kind, "CORVANE")
+       for kind in ("RESOURCE", "CONTENT_SET", "PROTOCOL", "TRANSCODE")},
+    "the module's filter in the page of an error": "ErrorDocument 404 @HERE@/y.txt\nErrorDocument 403 @HERE@/y.html\nAddOutputFilter CORVANE .txt .html",
+    "the module's filter on what comes from PHP": "<Files x.php>\nSetOutputFilter CORVANE\n</Files>",
+    "the module's filter in": "SetInputFilter CORVANE",
+    "a handler of the module's name": "SetHandler CORVANE",
+    "a filter that nobody has": "SetOutputFilter mine\nSetInputFilter mine\nFilterChain mine",
+    "filters of protocols": "SetOutputFilter HTTP_HEADER;CONTENT_LENGTH;BYTERANGE;HTTP_OUTERROR",
+    "input of the protocol": "SetInputFilter HTTP_IN;CORE_IN",
+    "proxy without an address": 'SetHandler "proxy:"',
+    "proxy without a socket": 'SetHandler "proxy:unix:"',
+    "proxy without a scheme": 'SetHandler "proxy:unix:|"',
+    "rule to nowhere": f"{RULE}RewriteRule ^ unix: [P]",
+    "rule to no host": f"{RULE}RewriteRule ^ fcgi:// [P]",
+    "rule in a circle": f"{RULE}RewriteRule ^(.*)$ @HERE@/$1x [L]",
+    "rule that looks ahead": f"{RULE}RewriteCond %{{LA-U:REMOTE_USER}}%{{LA-F:REMOTE_USER}} x\nRewriteRule ^ -",
+    "page of an error in a circle": "ErrorDocument 404 @HERE@/none\nErrorDocument 403 @HERE@/none\nRequire all denied",
+    "fallback in a circle": "FallbackResource @HERE@/none",
+    "index of all kinds": "DirectoryIndex / @HERE@/ .. . x.php/y",
+    "handlers of forms": "SetHandler form-login-handler",
+    "redirect by hand": "SetHandler redirect-handler",
+    "folder by hand": "SetHandler httpd/unix-directory",
+    "listing of itself": f"{LISTING}DirectoryIndex disabled\nHeaderName @HERE@/\nReadmeName @HERE@/",
+    "conditions on conditions": "<If \"-U '@HERE@/y.txt'\">\n<If \"-F '/home/@ME@/public_html@HERE@/y.txt'\">\n</If>\n</If>",
+    "sections in sections": '<If "true">\n' * 60 + "</If>\n" * 60,
+    "pages with unusual marks": "Options +Includes\nSetOutputFilter INCLUDES\nSSIStartTag a\nSSIEndTag a\nXBitHack full",
+    "spelling and negotiation": "Options +MultiViews\nCheckSpelling on\nCheckCaseOnly off\nCheckBasenameMatch on",
+    "types of all kinds": "DefaultType none\nForceType None\nModMimeUsePathInfo On\nAddEncoding x-gzip .txt\nAddLanguage x .txt",
+    "limits": "LimitRequestBody 1\nLimitXMLRequestBody 1",
+    "cache for passwords that is off": "AuthType Basic\nAuthName mine\nAuthBasicProvider socache\nRequire valid-user",
+    "certificates without TLS": "SSLVerifyClient require\nSSLOptions +StdEnvVars +ExportCertData\nSSLUserName SSL_CLIENT_S_DN",
 }
 
 ALL = {f"{kind}: {name}": attempt
@@ -333,3 +405,60 @@ def test_a_link_that_is_exchanged_while_it_is_asked_for(tenants, guarded):
     print(f"{secrets} secrets, {mine} of the attacker's own, {other} refused or cut off")
     assert mine > 100
     assert (secrets > 0) is not guarded
+
+
+# What a visitor asks for in a folder, each over a connection of its own, plainly and for parts of it; tells how each was answered,
+# 0 for not at all.
+ASK_ALL = r"""
+import http.client, sys
+address, name, folder = sys.argv[1:]
+GET = [("GET", path, None) for path in ("y.txt", "x.php", "y.html", "", "none/a")]
+POST = [("POST", path, b"a=b" * 100) for path in ("y.txt", "x.php")]
+for more in ({}, {"Range": "bytes=1-3,5-9", "Accept-Encoding": "gzip"}):
+    for method, path, body in GET + POST:
+        headers = {"Host": name, "Authorization": "Basic YTpi", "Content-Type": "application/x-www-form-urlencoded", **more}
+        connection = http.client.HTTPConnection(address, timeout=20)
+        try:
+            connection.request(method, f"/{folder}/{path}", body, headers)
+            answer = connection.getresponse()
+            answer.read()
+            print(answer.status)
+        except (OSError, http.client.HTTPException):
+            print(0)
+"""
+ASKED = 14
+PASSWORD = "a:{SHA}6df9c8n4q0ZT0nLq0bVHnYJ3Q0I=\n" * 20
+
+
+def answers(tenants, htaccess):
+    """How visitors of a folder with that .htaccess are answered."""
+    folder = tenants.prepare(Attempt(htaccess, "", files={"y.txt": PASSWORD, "y.html": '<!--#include virtual="y.txt" -->mine'}))
+    asked = tenants.host.outside(["python3", "-c", ASK_ALL, ADDRESS, tenants.me.domain, folder], timeout=150)
+    return [int(status) for status in asked.out.split()]
+
+
+def ended(tenants):
+    """How many of Apache's processes were ended by a signal so far."""
+    return tenants.host.get("/var/log/apache2/error.log").count("exit signal")
+
+
+@pytest.mark.parametrize("name", DEADLY)
+def test_no_htaccess_ends_a_process_of_apache(tenants, guarded, name):
+    before = ended(tenants)
+    seen = answers(tenants, DEADLY[name])
+    assert len(seen) == ASKED
+    if guarded:
+        assert 0 not in seen and 403 in seen, tenants.log()
+        assert ended(tenants) == before
+    else:
+        tenants.host.wait_for(lambda: ended(tenants) > before, "the word of Apache about its process")
+        assert 0 in seen
+
+
+@pytest.mark.parametrize("name", ODD)
+def test_an_odd_htaccess_is_answered(tenants, guarded, name):
+    before = ended(tenants)
+    seen = answers(tenants, ODD[name])
+    assert len(seen) == ASKED and 0 not in seen, f"{seen}\n{tenants.log()}"
+    # Without the module the attempts above leave processes that end badly later on.
+    assert not guarded or ended(tenants) == before

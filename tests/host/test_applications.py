@@ -250,6 +250,28 @@ ProxyPass /service http://127.0.0.1:8001
 """
 
 
+REWRITES = """<?php
+$file = __DIR__ . '/cache.php';
+if (isset($_GET['q'])) {
+    file_put_contents($file, '<?php return ' . (int)$_GET['q'] . ';');
+    if (function_exists('opcache_invalidate'))
+        @opcache_invalidate($file, true);
+}
+echo 'made of ', include $file;
+"""
+
+
+def test_an_application_gets_the_code_that_it_has_just_written(running_host, site, lay, get):
+    """Though no account may throw anything out of the cache that all share."""
+    lay({"write.php": REWRITES, "cache.php": "<?php return 1;"})
+    running_host.ok(["touch", "-d", "1 minute ago", f"{site.home}/public_html/cache.php"])
+    assert get("/write.php").body == "made of 1"
+    assert get("/write.php").body == "made of 1"
+    assert get("/write.php?q=2").body == "made of 2"
+    assert get("/write.php").body == "made of 2"
+    assert get("/write.php?q=3").body == "made of 3"
+
+
 @pytest.fixture(scope="module")
 def servers_own(running_host, site):
     """What the administrator shows on all hosts: an application, a program, a service; and a host for the server's status."""

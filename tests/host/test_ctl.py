@@ -28,7 +28,8 @@ def test_the_whole_life_of_an_account(host):
     assert facts["Account"] == name and facts["Domain"] == domain
     password = facts["Database password"]
     host.wait_until_served(name, domain)
-    assert f"{name}\t{domain}\t/home/{name}\t" in corvctl(host, "--plain", "account", "list")
+    line = next(line for line in corvctl(host, "--plain", "account", "list").splitlines() if line.startswith(f"{name}\t"))
+    assert line.split("\t")[1:3] == [domain, "on-line"]
     assert host.sql("SELECT 1", database=name, role=name, password=password).out == "1\n"
     assert host.ssh(name, "id -un").out == f"{name}\n"
 
@@ -120,3 +121,44 @@ def test_what_comes_with_it_is_in_its_place(host):
     for shell, path in (("bash", "bash-completion/completions/corvctl"), ("zsh", "zsh/vendor-completions/_corvctl"),
                         ("fish", "fish/vendor_completions.d/corvctl.fish")):
         assert host.get(f"/usr/share/{path}") == corvctl(host, "completion", shell)
+
+
+def test_an_account_moves_to_another_domain(host, account):
+    new = f"moved-{account.name}.example"
+    done = host.run(["corvctl", "account", "domain", account.name, f"www.{new}"])
+    assert (done.code, done.out) == (0, f"{account.name} is at {new} now\n")
+    assert done.err == f"corvctl: the logs of {account.domain} stay where they are: /var/log/apache2/{account.domain}-*.log\n"
+    host.wait_until_served(account.name, new)
+    assert f"{account.name} is ready" in host.fetch(new).body or host.fetch(new).status == 200
+    assert host.exists(f"/var/log/apache2/{account.domain}-access.log")
+
+    # It follows a suspension, and what Apache does not take is undone.
+    corvctl(host, "account", "suspend", account.name)
+    back = host.run(["corvctl", "account", "domain", account.name, account.domain])
+    assert (back.code, back.out) == (0, f"{account.name} is at {account.domain} now\n")
+    host.wait_for(lambda: host.fetch(account.domain).status == 503, "the suspension under the old name")
+    host.ok(["sh", "-c", "echo Nonsense >/etc/apache2/conf-enabled/x.conf"])
+    try:
+        failed = host.run(["corvctl", "account", "domain", account.name, new])
+        assert failed.code == 1
+        assert "Invalid command 'Nonsense'" in failed.err
+        assert f"Corvane account,{account.domain}" in host.ok(["getent", "passwd", account.name])
+        assert f"ServerName {account.domain}\n" in host.get(f"/etc/apache2/sites-available/corv-{account.name}.conf")
+    finally:
+        host.ok(["rm", "/etc/apache2/conf-enabled/x.conf"])
+    corvctl(host, "account", "resume", account.name)
+
+
+def test_a_domain_that_another_account_has_is_refused(host, account):
+    name = host.free_name()
+    assert refused(host, "account", "create", name, account.domain).startswith(
+        f"corvctl: the site corv-{account.name} already answers to {account.domain} or www.{account.domain}")
+
+
+def test_all_that_an_account_has_is_shown(host, account):
+    shown = dict(line.split("\t", 1) for line in corvctl(host, "--plain", "account", "show", account.name).splitlines())
+    assert (shown["Domain"], shown["State"], shown["PHP"], shown["Certificate"]) == (
+        account.domain, "on-line", account.php, "none")
+    assert int(shown["Database"]) > 1_000_000
+    assert shown["Key"] == "ssh-ed25519 key@test"
+    assert shown["Fingerprint"].startswith("SHA256:")

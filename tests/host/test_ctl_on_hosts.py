@@ -17,6 +17,16 @@ SITES = "/etc/apache2/sites-available"
 PSQL = "runuser -u postgres -- psql -qc"
 # The newest backup, whose manifest a test replaces.
 NEWEST = f"$(ls -d {AUTO}/2* | tail -n 1)"
+# A page of PHP for the tenant, a site beside those of accounts, and its end.
+PAGE = "echo '<?php echo 1;' >/home/@/public_html/index.php; chown @:www-data /home/@/public_html/index.php"
+
+
+def site(name, *lines):
+    text = "\\n".join(["<VirtualHost *:80>", f"ServerName {name}.example", *lines, "</VirtualHost>"])
+    return f"printf '{text}\\n' >{SITES}/{name}.conf; a2ensite -q {name}; systemctl reload apache2"
+
+
+REMOVE = "a2dissite -q {0}; rm /etc/apache2/sites-available/{0}.conf; systemctl reload apache2"
 HOLES = "a dump can carry commands of a tenant that its restore runs as the superuser (CVE-2025-8714, CVE-2025-8715)"
 
 
@@ -79,6 +89,14 @@ FAULTS = {
     "accounts are not kept apart": (
         "a2dismod -q -f corvane",
         ["Apache lacks the module corvane, so an account's .htaccess reaches the files and the PHP of all others"]),
+    "the cache of PHP is open to all accounts": (
+        "rm /etc/php/8.2/fpm/conf.d/90-corvane.ini; systemctl reload php8.2-fpm",
+        ["the cache of PHP 8.2 gives each account what the pages of all others hold",
+         "each account can list the scripts of all others in the cache of PHP 8.2, and empty it"]),
+    "the cache of PHP is opened again": (
+        "echo opcache.validate_permission=0 >/etc/php/8.2/fpm/conf.d/99-own.ini",
+        ["the cache of PHP 8.2 gives each account what the pages of all others hold"],
+        "rm /etc/php/8.2/fpm/conf.d/99-own.ini"),
     "the log format is off": (
         "a2disconf -q corv-logformat",
         ["Apache knows no log format 'corv', so the access logs of all accounts hold that word alone"]),
@@ -87,8 +105,9 @@ FAULTS = {
         ["sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: Missing privilege separation "
          "directory: /run/sshd"]),
     "PostgreSQL is down": (
-        "systemctl stop 'postgresql@*' postgresql",  # the latter alone does not wait for the server
-        ["the service postgresql does not run: it is dead", "PostgreSQL cannot be asked: psql: error: connection to server on "
+        "systemctl stop CLUSTER postgresql",  # the latter alone does not wait for the server
+        ["the service postgresql does not run: it is dead", "the service CLUSTER does not run: it is dead",
+         "PostgreSQL cannot be asked: psql: error: connection to server on "
          "socket \"/var/run/postgresql/.s.PGSQL.5432\" failed: No such file or directory Is the server running locally and "
          "accepting connections on that socket?"]),
     "pg_dump has holes": (
@@ -100,7 +119,10 @@ FAULTS = {
         ["the panel's database corvane belongs to postgres, not to corv-web"]),
     "an account is only a user": (
         "useradd --create-home --comment 'Corvane account,half.example' half1",
-        ["the account half1 is only half there: its user has no site, no pool, no role and no database"]),
+        ["the account half1 is only half there: its user has no site, no pool, no role and no database"],
+        "corvctl account delete half1 --force --confirm half1"),
+    "a role is left over": (
+        "runuser -u postgres -- createuser gone3", ["PostgreSQL has a role gone3, but the server has no such user"]),
     "the mark is on another user": (
         "useradd --comment 'Corvane account,x.example' not-ours",
         ["the user 'not-ours' is marked as an account, but no account can have that name"]),
@@ -176,6 +198,52 @@ FAULTS = {
         "rmdir /var/lib/corvane/transfer", ["the folder /var/lib/corvane/transfer is missing"]),
     "backups are open to all": (
         f"chmod 755 {AUTO}", [f"the folder {AUTO} is root:root 0755 instead of root:root 0700"]),
+    "Apache is stopped": (
+        "systemctl stop apache2",
+        ["the service apache2 does not run: it is dead",
+         "visitors of localhost, @.example get no page from port 80: Connection refused"]),
+    "visitors see 503": (
+        f"{PAGE}; rm /run/php/corv-@.sock", ["visitors of @.example see 503 Service Unavailable"],
+        None, "rm /home/@/public_html/index.php"),
+    "visitors see 502": (
+        # What listens there closes each connection without a word.
+        "a2enmod -q proxy_http; systemctl restart apache2; systemd-run --quiet --unit=mute "
+        "--socket-property=ListenStream=127.0.0.1:8099 --socket-property=Accept=yes /bin/true; "
+        + site("mute", "ProxyPass / http://127.0.0.1:8099/"),
+        ["visitors of mute.example see 502 Bad Gateway"],
+        REMOVE.format("mute") + "; a2dismod -q proxy_http; systemctl stop mute.socket"),
+    "visitors see 503 of a program": (
+        site("dead", "<Location />", "SetHandler proxy:fcgi://127.0.0.1:9", "</Location>"),
+        ["visitors of dead.example see 503 Service Unavailable"], REMOVE.format("dead")),
+    "two accounts have one domain": (
+        "corvctl account create zz1 @.example --force",
+        ["the sites corv-@ and corv-zz1 both answer to @.example, www.@.example; visitors get those of corv-@"],
+        "corvctl account delete zz1 --confirm zz1"),
+    "a site outlives a suspension": (
+        site("corv-@-le-ssl", "DocumentRoot /home/@/public_html") + "; corvctl account suspend @",
+        ["the account @ is suspended, but the site corv-@-le-ssl serves its home or name all the same"],
+        None, f"rm {SITES}/corv-@-le-ssl.conf; corvctl account resume @"),
+    "a site outlives its account": (
+        "mkdir -p /var/www/gone3; " + site("old-shop", "DocumentRoot /var/www/gone3", "Alias /old /home/gone3/public_html"),
+        ["the site old-shop serves the home or the PHP of gone3, who is no user"], None, f"rm {SITES}/old-shop.conf"),
+    "a pool of nobody keeps PHP from starting": (
+        f"sed s/@/gone4/g {POOLS}/corv-@.conf >{POOLS}/corv-gone4.conf; "
+        "for i in 1 2 3 4 5 6 7 8; do systemctl restart php8.2-fpm || :; done",
+        ["a PHP pool is left of gone4, which is no account", "the service php8.2-fpm does not run: it is failed"]),
+    "a key of the settings is misspelt": (
+        f"cp {SETTINGS} /root/keys.ini; printf '[backup]\\nkeepdays=3\\n' >>{SETTINGS}",
+        ["the settings have a key backup/keepdays, which nothing reads; backup/keep_days is meant"],
+        None, f"grep -x keep_days=3 {SETTINGS}; mv /root/keys.ini {SETTINGS}; systemctl restart corv-agent"),
+    "a watched service is misspelt": (
+        f"cp {SETTINGS} /root/services.ini; printf '[health]\\nservices=apache2,postgresq\\n' >>{SETTINGS}",
+        ["the settings watch the service postgresq, but no unit has that name; postgresql is meant"],
+        None, f"grep -x services=apache2,postgresql {SETTINGS}; mv /root/services.ini {SETTINGS}; systemctl restart corv-agent"),
+    "the disk of the backups is not mounted": (
+        "cp /etc/fstab /root/fstab.disk; mkdir /srv/disk; echo 'tmpfs /srv/disk tmpfs mode=700 0 0' >>/etc/fstab; "
+        f"chmod 700 /srv/disk; cp -r {NEWEST} /srv/disk; cp {SETTINGS} /root/disk.ini; "
+        f"printf '[backup]\\ndestination=/srv/disk\\n' >>{SETTINGS}",
+        ["backups go to /srv/disk, but what should be mounted at /srv/disk is not: they would fill the disk below it"],
+        None, f"umount /srv/disk; mv /root/disk.ini {SETTINGS}; mv /root/fstab.disk /etc/fstab"),
     "no backup is planned": (
         "systemctl stop corv-backup.timer", ["no nightly backup is planned: its timer is off"]),
     "the last backup is old": (
@@ -215,17 +283,24 @@ ROUNDS = [
     ["a database is open to all", "an account's pool is put aside", "a site shows its source",
      "a role and a database are left over", "the last backup has errors"],
     ["a restore was cut off in its swap", "an account has two pools", "the destination is full"],
-    ["a restore was cut off", "a user is locked", "the mark is on another user"],
+    ["a restore was cut off", "a user is locked", "the mark is on another user", "a role is left over"],
     ["a suspended account's pool runs"],
     ["a pool was put aside and made anew", "a home is too large"],
+    ["Apache is stopped", "a pool of nobody keeps PHP from starting", "a key of the settings is misspelt"],
+    ["visitors see 503", "visitors see 502", "visitors see 503 of a program", "two accounts have one domain", "a site outlives its account",
+     "a watched service is misspelt"],
+    ["a site outlives a suspension", "the disk of the backups is not mounted"],
 ]
 
 
 @pytest.mark.core
 @pytest.mark.parametrize("names", ROUNDS, ids=lambda names: names[0])
 def test_finds_and_mends(well, names):
+    version = well.ok(["ls", "/etc/postgresql"]).strip()
+    cluster = f"postgresql@{version}-main"
+
     def here(text):
-        return text.replace("8.2", well.tenant.php).replace("@", well.tenant.name)
+        return text.replace("8.2", well.tenant.php).replace("@", well.tenant.name).replace("CLUSTER", cluster)
     faults = [(*FAULTS[name], None, None)[:4] for name in names]
     for plant, *_ in faults:
         sh(well, here(plant))
@@ -255,11 +330,12 @@ def test_every_fault_is_planted():
 
 def test_notes_what_may_be_meant(well):
     name = well.tenant.name
-    sh(well, f"runuser -u postgres -- createuser gone2; echo '# by hand' >>{SITES}/corv-{name}.conf")
+    sh(well, f"runuser -u postgres -- createuser gone2; {PSQL} 'GRANT USAGE ON SCHEMA public TO gone2'; echo '# by hand' >>{SITES}/corv-{name}.conf")
     code, found, commands = examine(well)
     assert (code, found) == (0, [
         f"the site file of the account {name} is not what the agent writes; it will be overwritten",
         "PostgreSQL has a role gone2, but the server has no such user"])
+    sh(well, f"{PSQL} 'DROP OWNED BY gone2'")
     for command in commands:
         sh(well, command)
     assert examine(well) == (0, [], [])
@@ -272,8 +348,9 @@ def test_shows_on_one_screen_how_the_server_is(well):
     lines = done.out.splitlines()
     assert lines[0] == "web1 needs attention in 3 places"
     assert [line.split()[:2] for line in lines if line.startswith("!")] == [["!", "Firewall"], ["!", "Bans"], ["!", "Updates"]]
-    assert "  Services  apache2, postgresql running" in lines
+    assert f"  Services  apache2, postgresql, php{well.tenant.php}-fpm, postgresql@" in done.out
     assert "  Accounts  1" in lines
+    assert "  Sites     2 answer as they should" in lines
     assert len(lines) < 24
 
 
@@ -367,6 +444,6 @@ def test_status_and_doctor_of_another_server(client):
     code, out, err = client("-H", "one", "status")
     assert (code, err) == (0, "")
     assert out.startswith("web1 needs attention in 3 places\n")
-    assert "\n  Accounts  1 at the last backup\n" in out
+    assert "\n  Accounts  1\n" in out
     code, out, err = client("-H", "one", "doctor", "--plain")
     assert (code, out, err) == (0, "", "")

@@ -66,10 +66,11 @@ def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, pa
     assert not host.exists("/run/corvane/agent.sock")
     assert not host.exists("/usr/libexec/corvane/corv-agent")
     assert host.exists("/etc/corvane/corvane.ini")
+    assert keeps_apart(host, account)
     works(host, account)
 
     host.ok(["apt-get", "-q", "purge", "--yes", "corv-agent"], env=NONINTERACTIVE)
-    for path in ("/etc/corvane", "/var/log/corvane", "/etc/apache2/conf-available/corv-logformat.conf",
+    for path in ("/etc/corvane", php_link(account.php), "/var/log/corvane", "/etc/apache2/conf-available/corv-logformat.conf",
                  "/etc/apache2/conf-enabled/corv-logformat.conf"):
         assert not host.exists(path), path
     assert host.get("/var/backups/corvane/auto/kept") == "a backup"
@@ -79,10 +80,53 @@ def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, pa
 
     host.install(package)
     assert host.ok([*PANEL_SQL, "SELECT owner FROM kept"]) == "the panel\n"
+    assert keeps_apart(host, account)
     works(host, account)
     reply = host.request("hosting.create", username=account.name, domain="again.example")
     assert reply == {"ok": False, "error": f"a user or group named '{account.name}' already exists on this server"}
     works(host, host.account())
+
+
+def php_link(version):
+    return f"/etc/php/{version}/fpm/conf.d/90-corvane.ini"
+
+
+def keeps_apart(host, account):
+    """Whether PHP both will be, and is, set to give compiled scripts to those alone who may read them."""
+    host.put(f"{account.home}/public_html/set.php", "<?php echo ini_get('opcache.validate_permission');", owner=account.name)
+    link = host.run(["readlink", php_link(account.php)]).out
+    return link == "/etc/corvane/php-fpm.ini\n" and host.fetch(account.domain, "/set.php").body == "1"
+
+
+@pytest.mark.core
+def test_phps_settings_come_with_each_version_and_an_administrators_stay(own_host, package):
+    host = own_host
+    account = host.account()
+    assert keeps_apart(host, account)
+
+    host.publish("php9.9-fpm", "1", files={"/etc/php/9.9/fpm/conf.d/10-x.ini": ""}, install=True)
+    assert host.ok(["readlink", php_link("9.9")]) == "/etc/corvane/php-fpm.ini\n"
+    host.ok(["rm", php_link("9.9")])
+    host.put(php_link("9.9"), "; the administrator's own\n")
+
+    settings = host.get("/etc/corvane/php-fpm.ini")
+    host.put("/etc/corvane/php-fpm.ini", settings + "opcache.revalidate_freq=9\n")
+    began = host.main_process(f"php{account.php}-fpm")
+    host.install(package)
+    assert host.get("/etc/corvane/php-fpm.ini") == settings + "opcache.revalidate_freq=9\n"
+    assert host.get(php_link("9.9")) == "; the administrator's own\n"
+    host.put("/etc/corvane/php-fpm.ini", settings)
+
+    # An upgrade from before there were any.
+    host.ok(["rm", php_link(account.php)])
+    host.ok(["systemctl", "reload", f"php{account.php}-fpm"])
+    host.wait_for(lambda: host.fetch(account.domain, "/set.php").body == "0", "PHP as it comes")
+    host.install(package)
+    host.wait_for(lambda: keeps_apart(host, account), "PHP's new settings")
+    assert host.main_process(f"php{account.php}-fpm") == began
+
+    host.ok(["rm", php_link("9.9")])
+    host.ok(["apt-get", "-q", "purge", "--yes", "php9.9-fpm"], env=NONINTERACTIVE)
 
 
 def module_is_loaded(host):

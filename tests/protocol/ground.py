@@ -17,7 +17,7 @@ REAL_TOOLS = "useradd usermod userdel chown chmod runuser tar du head tee mkdir 
 OTHER_TOOLS = (
     "pkill systemctl systemd-run journalctl apache2ctl a2ensite a2dissite psql pg_dump pg_restore findmnt quotaon"
     " quotaoff quotacheck setquota repquota quota modprobe mount umount ufw sshd fail2ban-client dpkg-query dpkg apt"
-    " apt-get unattended-upgrade uname"
+    " apt-get unattended-upgrade uname php-fpm8.2"
 ).split()
 
 PASSWD = """\

@@ -399,3 +399,169 @@ def test_a_backup_that_ends_while_the_agent_looks_is_seen_at_the_next_look(serve
     server.answer("journalctl", calls=(2, 99), out="old\ndone\n")
     assert written(server, "backup start --wait") == "done\nthe backup 2026-01-06_120000 was made\n"
     declare(server, ["backup.status", "backup.start", "backup.status", "backup.status"])
+
+
+STATE = ["systemctl", "show", "-p", "ActiveState", "--value", "corv-backup.service"]
+
+
+def test_a_backup_has_begun_when_it_runs(server):
+    for number, text in enumerate(("inactive", "inactive", "activating"), 1):
+        server.answer(*STATE, call=number, out=text + "\n")
+    assert written(server, "backup start") == "the backup has begun; corvctl backup log shows how far it is\n"
+    declare(server, ["backup.status", "backup.start", "backup.status", "backup.status"])
+
+
+@pytest.mark.parametrize("wait", ["", " --wait"])
+def test_a_second_backup_is_told_of_the_first(server, wait):
+    server.answer(*STATE, out="activating\n")
+    assert written(server, "backup start" + wait) == \
+        "! corvctl: a backup is being made already\n!   corvctl backup log shows how far it is\n= 1\n"
+    declare(server, ["backup.status"])
+
+
+def jails(server, *looks):
+    """Lets fail2ban answer with these jails and their addresses, look by look; None where it does not run."""
+    for number, found in enumerate(looks, 1):
+        if found is None:
+            server.answer("fail2ban-client", "status", call=number, exit=255)
+            continue
+        server.answer("fail2ban-client", "status", call=number,
+                      out=f"Status\n|- Number of jail:\t{len(found)}\n`- Jail list:\t{', '.join(found)}\n")
+
+
+def test_bans_are_on_when_fail2ban_answers(server):
+    jails(server, None, [], ["sshd", "recidive"])
+    assert written(server, "ban enable") == "fail2ban is on, with these jails: sshd, recidive\n"
+    declare(server, ["fail2ban.enable"] + ["fail2ban.status"] * 3)
+
+
+def test_an_address_is_banned_once_fail2ban_shows_it(server):
+    server.answer("fail2ban-client", "set", "sshd", "banip", "198.51.100.9", out="1\n",
+                  rest=False)
+    server.answer("fail2ban-client", "get", "sshd", "bantime", out="600\n")
+    shown = recorded("bookworm", "fail2ban-jail-banned")
+    server.answer("fail2ban-client", "status", "sshd", call=2,
+                  **{**shown, "out": shown["out"].replace(b"203.0.113.7" if isinstance(shown["out"], bytes) else "203.0.113.7",
+                                                          b"198.51.100.9" if isinstance(shown["out"], bytes) else "198.51.100.9")})
+    assert written(server, "ban add ::ffff:198.51.100.9") == "198.51.100.9 is banned by the jail sshd for 10 min\n"
+    assert ["fail2ban-client", "set", "sshd", "banip", "198.51.100.9"] in server.argvs("fail2ban-client")
+    declare(server, ["fail2ban.status", "fail2ban.status"])
+
+
+@pytest.mark.parametrize("address, complaint", [
+    ("127.0.0.1", "127.0.0.1 is no address that anybody comes from"),
+    ("0.0.0.0", "0.0.0.0 is no address that anybody comes from"),
+    ("224.0.0.1", "224.0.0.1 is no address that anybody comes from"),
+    ("::1", "::1 is no address that anybody comes from"),
+    ("ff02::1", "ff02::1 is no address that anybody comes from"),
+    ("192.0.2.55", "192.0.2.55 is the address that you are logged in from: the ban would lock you out"),
+    ("::ffff:192.0.2.55", "::ffff:192.0.2.55 is the address that you are logged in from: the ban would lock you out"),
+    ("192.0.2.0/24", "'192.0.2.0/24' is no IPv4 or IPv6 address; networks and names are not banned"),
+    ("--help", None),
+    ("web.example", "'web.example' is no IPv4 or IPv6 address; networks and names are not banned"),
+    ("1.2.3.4\n", "'1.2.3.4\\n' is no IPv4 or IPv6 address; networks and names are not banned"),
+])
+def test_an_address_that_nobody_should_ban_is_refused(server, address, complaint):
+    code, out, err = corvctl(server, "ban", "add", address, env={"SSH_CONNECTION": "192.0.2.55 51000 192.0.2.1 22"})
+    assert server.argvs("fail2ban-client") == []
+    if complaint is not None:
+        assert (code, out, err) == (1, "", f"corvctl: {complaint}\n")
+
+
+# The domain of an account
+
+
+@pytest.fixture
+def tenant(sandbox):
+    """A server with one account that creation made."""
+    assert sandbox.request("hosting.create", username="alice", domain="old.example")["ok"] is True
+    sandbox.path("/etc/apache2/sites-enabled").mkdir(exist_ok=True)
+    sandbox.symlink("/etc/apache2/sites-enabled/corv-alice.conf", "../sites-available/corv-alice.conf")
+    return sandbox
+
+
+SITE = "/etc/apache2/sites-available/corv-alice.conf"
+
+
+def comment(box):
+    return next(line.split(":")[4] for line in box.read("/etc/passwd").splitlines() if line.startswith("alice:"))
+
+
+@pytest.mark.parametrize("command", ["hosting.resume", "hosting.suspend"])
+def test_a_new_domain_is_in_the_user_database_and_the_site(tenant, command):
+    if command == "hosting.suspend":
+        assert tenant.request("hosting.suspend", username="alice") == {"ok": True}
+    before = tenant.read(SITE)
+    code, out, err = corvctl(tenant, "account", "domain", "alice", "WWW.New.example")
+    assert (code, out) == (0, "alice is at new.example now\n")
+    assert err == "corvctl: the logs of old.example stay where they are: /var/log/apache2/old.example-*.log\n"
+    assert comment(tenant) == "Corvane account,new.example"
+    assert tenant.read(SITE) == before.replace("old.example", "new.example")
+    declare(tenant, ["ping", command])
+
+
+def test_a_domain_that_apache_does_not_take_is_undone(tenant):
+    before = tenant.read(SITE)
+    tenant.answer("apache2ctl", "configtest", call=1, exit=1, err="Syntax error\n")
+    code, out, err = corvctl(tenant, "account", "domain", "alice", "new.example")
+    assert (code, out) == (1, "")
+    assert err == "corvctl: alice has its old domain, old.example, again\ncorvctl: apache2ctl failed: Syntax error\n"
+    assert comment(tenant) == "Corvane account,old.example"
+    assert tenant.read(SITE) == before
+    declare(tenant, ["ping", "hosting.resume-", "hosting.resume"])
+
+
+def test_a_domain_that_the_user_database_does_not_take_changes_nothing(tenant):
+    before = tenant.read(SITE)
+    tenant.answer("usermod", exit=1, err="usermod: no\n")
+    assert corvctl(tenant, "account", "domain", "alice", "new.example") == (1, "", "corvctl: usermod failed: usermod: no\n")
+    assert (comment(tenant), tenant.read(SITE)) == ("Corvane account,old.example", before)
+    declare(tenant, ["ping"])
+
+
+@pytest.mark.parametrize("domain, complaint", [
+    ("old.example", "alice has that domain already"),
+    ("taken.example", "the site by-hand already answers to taken.example or www.taken.example on this server, and Apache would "
+                      "serve only one of the two\n  choose another domain; --force takes it all the same"),
+    ("-x.example", None),
+    ("x.example\n.evil", "that is not a valid domain name"),
+])
+def test_a_domain_that_cannot_be_had_changes_nothing(tenant, domain, complaint):
+    tenant.write("/etc/apache2/sites-enabled/by-hand.conf", "<VirtualHost *:80>\nServerAlias www.taken.example\n</VirtualHost>\n")
+    before = tenant.read(SITE)
+    code, out, err = corvctl(tenant, "account", "domain", "alice", domain)
+    assert (code != 0, out) == (True, "")
+    if complaint is not None:
+        assert err == f"corvctl: {complaint}\n"
+    assert (comment(tenant), tenant.read(SITE)) == ("Corvane account,old.example", before)
+
+
+def test_a_domain_that_is_taken_is_not_given_to_a_new_account(tenant):
+    code, out, err = corvctl(tenant, "account", "create", "bobby", "www.old.example")
+    assert (code, out, err) == (1, "", "corvctl: the site corv-alice already answers to old.example or www.old.example on this "
+                                       "server, and Apache would serve only one of the two\n"
+                                       "  choose another domain; --force takes it all the same\n")
+    code, out, err = corvctl(tenant, "--plain", "account", "create", "bobby", "old.example", "--force")
+    assert (code, err) == (0, "corvctl: the site corv-alice already answers to old.example or www.old.example on this server\n")
+    tenant.secret(out.splitlines()[-1].split("\t")[1])
+    declare(tenant, ["hosting.create"])
+
+
+@pytest.mark.parametrize("command, requests", [(["suspend", "alice"], ["hosting.suspend"]),
+                                               (["delete", "alice", "--confirm", "alice"], ["hosting.delete"])])
+def test_sites_that_are_not_reached_are_named_before_and_after(tenant, command, requests):
+    tenant.write("/etc/apache2/sites-enabled/corv-alice-le-ssl.conf",
+                 "<VirtualHost *:443>\nServerName old.example\nDocumentRoot /home/alice/public_html\n</VirtualHost>\n")
+    code, _, err = corvctl(tenant, "account", *command)
+    assert (code, err) == (0, "corvctl: the site corv-alice-le-ssl serves alice too, and stays on line\n"
+                              "corvctl: still on line: corv-alice-le-ssl; to take it off: a2dissite -q corv-alice-le-ssl && "
+                              "systemctl reload apache2\n")
+    declare(tenant, requests)
+
+
+def test_the_list_tells_who_is_suspended(tenant):
+    assert tenant.request("hosting.suspend", username="alice") == {"ok": True}
+    code, out, _ = corvctl(tenant, "--json", "account", "list")
+    assert (code, [(one["username"], one["state"]) for one in json.loads(out)["accounts"]]) == (0, [("alice", "suspended")])
+    assert json.loads(corvctl(tenant, "--json", "account", "show", "alice")[1])["state"] == "suspended"
+    declare(tenant, ["hosting.getKeys", "backup.status"])

@@ -183,7 +183,8 @@ def test_a_refusal_is_escaped_and_has_an_end(sandbox):
     sentence = json.dumps({"ok": False, "error": STEERING + "x" * 10_000_000}).encode() + b"\n"
     code, out, err = ask(sandbox, answering(sentence), "host", "info")
     assert (code, out) == (1, "")
-    assert err.startswith("corvctl: " + HARMLESS) and err.endswith("x…\n") and len(err) < 5000
+    one_line = r"\x1b]0;title\x07\x1b[2J\x9b31m; \x7f\u202e\u2066\ufeff\u200b " + "\\\\"
+    assert err.startswith("corvctl: " + one_line) and err.endswith("x…\n") and len(err) < 5000
 
 
 def test_a_refusal_without_a_sentence_is_one(sandbox):

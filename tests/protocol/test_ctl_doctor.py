@@ -2,6 +2,8 @@
 
 import json
 import os
+import re
+import socket
 import time
 
 import pytest
@@ -18,7 +20,15 @@ ENABLED = "/etc/apache2/sites-enabled/corv-alice.conf"
 POOL = "/etc/php/8.2/fpm/pool.d/corv-alice.conf"
 BACKUPS = "/var/backups/corvane/auto"
 FAILURES = "/var/lib/corvane/failures"
+SETTINGS = "/etc/corvane/corvane.ini"
 UNIT = "LoadState,ActiveState,SubState,UnitFileState"
+
+
+PHP = """\
+opcache.enable => On => On
+opcache.restrict_api => /usr/share/corvane/opcache/ => /usr/share/corvane/opcache/
+opcache.validate_permission => On => On
+"""
 
 
 def databases(**changes):
@@ -69,6 +79,7 @@ def well(sandbox):
     sandbox.write("/etc/apache2/apache2.conf", "ErrorLog /x\n")
     sandbox.write(LOG_FORMAT, 'LogFormat "%h \\"%r\\"" corv\n')
     sandbox.mkdir("/run/sshd")
+    sandbox.answer("php-fpm8.2", "-i", out=PHP)
     sandbox.answer("psql", "-qtAX", ..., out=databases())
     answer_versions(sandbox, 14)
     sandbox.answer("findmnt", out="/home ext4\n")
@@ -111,12 +122,17 @@ def test_shows_what_it_looked_at(well):
     last = max(entry.name for entry in well.path(BACKUPS).iterdir())
     assert text == f"""\
 ok      agent       answers, version 0.1
-ok      services    apache2 postgresql php8.2-fpm
+ok      settings    /etc/corvane/corvane.ini
 ok      Apache      modules and log format
-ok      sshd        sshd -T
+ok      leftovers   sites, pools, homes
+ok      services    apache2 postgresql php8.2-fpm
+ok      PHP         cache of 8.2
 ok      PostgreSQL  the server 15.14, pg_dump 15.14, pg_restore 15.14, psql
                     15.14
 ok      accounts    1, PHP 8.2
+ok      sites       0 enabled
+ok      visitors    0 sites asked for their first page
+ok      sshd        sshd -T
 ok      ids         0 of deleted accounts kept
 ok      quotas      on, ext4 on /home
 ok      apt         waits 120 s for its lock
@@ -125,7 +141,7 @@ ok      folders     run, transfer, backups
 ok      backups     1 in {BACKUPS}, the last one
                     {last}
 ok      notify      root
-ok      homes       sizes
+ok      homes       sizes, what the web server reaches
 
 sandbox: 0 faults, 0 notes
 """
@@ -136,7 +152,7 @@ def test_shows_findings_within_eighty_columns_and_commands_whole(well):
     well.logs("agent: uid 0 ran ping -> ok")
     code, text = on_terminal(well, "doctor")
     assert code == 1
-    assert text.splitlines()[6:9] == [
+    assert text.splitlines()[7:10] == [
         "        accounts    1, PHP 8.2",
         "FAULT   the account alice has no pool in PHP 8.2, the version in force",
         f"        # corvctl doctor --pool alice >{POOL} && systemctl reload php8.2-fpm",
@@ -238,6 +254,17 @@ def large_home(box):
     back_up(box, accounts=[])
 
 
+def vhost(*lines, port=80):
+    return "".join([f"<VirtualHost 127.0.0.1:{port}>\n", *(line + "\n" for line in lines), "SSLEngine on\n</VirtualHost>\n"])
+
+
+def watch_misspelt(box):
+    box.write(SETTINGS, box.read(SETTINGS) + "[health]\nservices=apache2,postgresq\n")
+    box.write("/usr/lib/systemd/system/postgresql.service")
+    block = "LoadState=loaded\nActiveState=active\nSubState=running\n"
+    box.answer("systemctl", "show", "--no-pager", ..., out=f"{block}\nLoadState=not-found\nActiveState=inactive\n\n{block}")
+
+
 FAULTS = {
     "agent fails": (
         lambda box: answer_unit(box, "corv-agent.service", ActiveState="failed"),
@@ -250,7 +277,8 @@ FAULTS = {
     "service is down": (
         lambda box: box.answer("systemctl", "show", "--no-pager", ...,
                                out="LoadState=loaded\nActiveState=active\n\nLoadState=loaded\nActiveState=failed\nSubState=failed\n"),
-        "services", "the service postgresql does not run: it is failed", "systemctl start postgresql"),
+        "services", "the service postgresql does not run: it is failed",
+        "systemctl reset-failed postgresql; systemctl start postgresql"),
     "Apache is broken": (
         break_apache, "Apache", "Apache's configuration has an error, so that no site can be changed: Syntax error on line 3",
         "apache2ctl configtest"),
@@ -304,7 +332,7 @@ FAULTS = {
         "corvctl account resume alice"),
     "account is only a user": (
         leave_alone, "accounts", "the account bobby is only half there: its user has no site, no pool, no role and no database",
-        "tar -czf /root/bobby-home.tar.gz -C /home bobby && userdel --remove bobby"),
+        "corvctl account delete bobby --force"),
     "domain is none": (
         lambda box: give_domain(box, "Example"),
         "accounts", "the user database has no valid domain for the account alice, only 'Example'",
@@ -314,15 +342,15 @@ FAULTS = {
         "accounts", "the account alice is only half suspended: its site is on, its user is locked, its role is not locked",
         "corvctl account suspend alice"),
     "site is left over": (
-        lambda box: box.write("/etc/apache2/sites-available/corv-gone.conf"), "accounts",
+        lambda box: box.write("/etc/apache2/sites-available/corv-gone.conf"), "leftovers",
         "an Apache site is left of gone, which is no account",
         "rm -f /etc/apache2/sites-*/corv-gone.conf && systemctl reload apache2"),
     "pool is left over": (
-        lambda box: box.write("/etc/php/8.2/fpm/pool.d/corv-gone.conf"), "accounts",
+        lambda box: box.write("/etc/php/8.2/fpm/pool.d/corv-gone.conf"), "leftovers",
         "a PHP pool is left of gone, which is no account",
         "rm /etc/php/8.2/fpm/pool.d/corv-gone.conf; systemctl try-reload-or-restart php8.2-fpm"),
     "home is left over": (
-        lambda box: box.run("chown", "4711", str(box.mkdir("/home/gone")).removeprefix(str(box.root))), "accounts",
+        lambda box: box.run("chown", "4711", str(box.mkdir("/home/gone")).removeprefix(str(box.root))), "leftovers",
         "the folder /home/gone belongs to no user",
         "tar -czf /root/left-over-home.tar.gz /home/gone && rm -rf /home/gone"),
     "quotas are off": (
@@ -365,6 +393,27 @@ FAULTS = {
     "no backup is planned": (
         lambda box: answer_unit(box, "corv-backup.timer", ActiveState="inactive"),
         "backups", "no nightly backup is planned: its timer is off", "systemctl enable --now corv-backup.timer"),
+    "key is misspelt": (
+        lambda box: box.write(SETTINGS, box.read(SETTINGS) + "[backup]\nkeepdays=3\n"),
+        "settings", "the settings have a key backup/keepdays, which nothing reads; backup/keep_days is meant",
+        f"sed -i 's/^[[:space:]]*keepdays[[:space:]]*=/keep_days=/' {SETTINGS} && systemctl restart corv-agent"),
+    "disk of the backups is missing": (
+        lambda box: box.write("/etc/fstab", "UUID=1 /var/backups/corvane ext4 noauto 0 2\n"),
+        "settings", f"backups go to {BACKUPS}, but what should be mounted at /var/backups/corvane is not: they would fill the disk "
+        "below it", "mount /var/backups/corvane"),
+    "watched service is none": (
+        watch_misspelt, "services", "the settings watch the service postgresq, but no unit has that name; postgresql is meant",
+        f"sed -i '/^[[:space:]]*services[[:space:]]*=/s/postgresq/postgresql/' {SETTINGS} && systemctl restart corv-agent"),
+    "two sites have one name": (
+        lambda box: (box.write("/etc/apache2/sites-enabled/000-first.conf", vhost("ServerAlias WWW.Example.org")
+                               + vhost("ServerName www.example.org", port=9)),
+                     box.write(ENABLED, vhost("ServerName example.org", "ServerAlias www.example.org"))),
+        "sites", "the sites 000-first and corv-alice both answer to www.example.org; visitors get those of 000-first",
+        "grep -inE 'Server(Name|Alias)' /etc/apache2/sites-enabled/000-first.conf /etc/apache2/sites-enabled/corv-alice.conf"),
+    "site serves a home of nobody": (
+        lambda box: box.write("/etc/apache2/sites-enabled/old.conf", vhost("DocumentRoot /home/gone/public_html", port=9)),
+        "sites", "the site old serves the home or the PHP of gone, who is no user",
+        "a2dissite -q old && systemctl reload apache2"),
     "home is too large": (
         large_home, "homes", "the home of the account alice, 12.1 GiB, is too large to be archived within ten minutes",
         "du -xh --apparent-size --max-depth=2 /home/alice | sort -h | tail | cat -v"),
@@ -373,16 +422,18 @@ FAULTS = {
 
 # Those that do not hide each other are planted together, in the order in which they are found.
 TOGETHER = [
-    ["agent fails", "Apache is broken", "PostgreSQL is down", "account has no site", "site is left over", "quotas are off",
+    ["agent fails", "Apache is broken", "site is left over", "PostgreSQL is down", "account has no site", "quotas are off",
      "run folder is open to all", "transfer folder is open to all", "there is no backup"],
-    ["agent is disabled", "service is down", "module is missing", "log format is missing", "sshd -T fails",
-     "PostgreSQL has holes", "pool is in another version", "site is not enabled", "pool is left over", "home is left over",
+    ["agent is disabled", "module is missing", "log format is missing", "pool is left over", "home is left over",
+     "service is down", "PostgreSQL has holes", "pool is in another version", "site is not enabled", "sshd -T fails",
      "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "home is too large"],
     ["accounts are not kept apart", "panel database is missing", "pool is put aside", "account is only a user"],
     ["account has no database", "user is locked"],
     ["domain is none", "account has no role"],
     ["automatic updates have no package", "a failure was kept"],
     ["automatic updates have no timer", "nobody can be mailed"],
+    ["key is misspelt", "disk of the backups is missing", "two sites have one name", "site serves a home of nobody"],
+    ["watched service is none"],
 ]
 
 
@@ -506,3 +557,117 @@ def test_knows_where_links_in_homes_cannot_be_closed(well):
                               env={"PATH": PATH, "HOME": "/root"})
     assert (code, out, err) == (0, "note\tids\ttools that work as root in homes follow links there: it takes Linux 5.14, and in a "
                                    "container the right to mount\tuname -r\n", "")
+
+
+def test_finds_what_a_suspension_does_not_reach(well):
+    well.write("/etc/apache2/sites-enabled/corv-alice-le-ssl.conf", vhost("DocumentRoot /home/alice/public_html"))
+    assert doctor(well) == (0, [
+        ("note", "sites", "the site corv-alice-le-ssl serves the home or name of the account alice too; suspending or deleting it "
+                          "leaves that site on line", "apache2ctl -S")])
+    well.answer("psql", "-qtAX", ..., out=databases(roles=[{"name": "alice", "login": False, "plain": True},
+                                                          {"name": "corv-web", "login": True, "plain": True}]))
+    assert well.request("hosting.suspend", username="alice") == {"ok": True}
+    assert doctor(well) == (1, [
+        ("fault", "sites", "the account alice is suspended, but the site corv-alice-le-ssl serves its home or name all the same",
+         "a2dissite -q corv-alice-le-ssl && systemctl reload apache2")])
+
+
+def test_tells_how_many_accounts_are_suspended(well):
+    well.answer("psql", "-qtAX", ..., out=databases(roles=[{"name": "alice", "login": False, "plain": True},
+                                                          {"name": "corv-web", "login": True, "plain": True}]))
+    assert well.request("hosting.suspend", username="alice") == {"ok": True}
+    well.logs("agent: uid 0 ran ping -> ok")
+    code, out, err = corvctl(well, "doctor", "--json")
+    assert (code, err) == (0, "")
+    assert [check["seen"] for check in json.loads(out)["checks"] if check["check"] == "accounts"] == [
+        "1, 1 suspended (alice), PHP 8.2"]
+
+
+def test_finds_what_keeps_visitors_from_a_page(well):
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        port = server.getsockname()[1]
+    well.write(ENABLED, f"<VirtualHost 127.0.0.1:{port}>\nServerName example.org\nDocumentRoot /home/alice\n</VirtualHost>\n")
+    assert doctor(well) == (1, [
+        ("fault", "visitors", f"visitors of example.org get no page from port {port}: Connection refused",
+         "apache2ctl configtest && systemctl restart apache2")])
+
+
+def test_waits_for_nothing_that_is_no_file_in_the_folder_of_sites(well):
+    os.mkfifo(well.path("/etc/apache2/sites-enabled/pipe.conf"))
+    well.symlink("/etc/apache2/sites-enabled/device.conf", "/dev/zero")
+    well.write("/etc/apache2/sites-enabled/huge.conf", "x" * 1_048_577)
+    assert doctor(well) == (0, [])
+
+
+def test_never_proposes_to_delete_a_backup(well):
+    well.small_disk("/srv/disk", "64k")
+    well.settings(agent_allowed_user="corv-web", agent_socket_group="corv-web", backup_destination="/srv/disk")
+    for age in (3600, 90000):
+        name = back_up(well, age=age)
+        well.write(f"/srv/disk/{name}/manifest.json", well.read(f"{BACKUPS}/{name}/manifest.json"))
+    well.path("/srv/disk").chmod(0o700)
+    code, findings = doctor(well)
+    assert (code, [finding[1::2] for finding in findings]) == (1, [("backups", "df -h /srv/disk")])
+
+
+@pytest.mark.parametrize("plant, problem", [
+    (lambda box: box.path("/home/alice").chmod(0o700), "the web server cannot go through the home of the account alice"),
+    (lambda box: box.path("/home/alice/public_html").chmod(0o700),
+     "the web server cannot read the folder public_html of the account alice"),
+    (lambda box: box.path("/home/alice/public_html").rename(box.path("/home/alice/gone")),
+     "the account alice has no folder public_html"),
+    (lambda box: box.write("/home/alice/public_html/a\nb", "x", 0o640, "alice:alice"),
+     r"the web server cannot read public_html/a\nb of the account alice"),
+    (lambda box: [box.mkdir(f"/home/alice/public_html/{name}", 0o750, "alice:alice") for name in ("x", "y")],
+     "the web server cannot read 2 files and folders of the account alice, such as public_html/"),
+], ids=["home", "pages", "missing", "file", "folders"])
+def test_finds_what_the_web_server_cannot_reach(well, plant, problem):
+    plant(well)
+    code, findings = doctor(well)
+    assert code == 1
+    assert [(level, check, found.rstrip("xy") if "such as" in found else found, mend) for level, check, found, mend in findings] == [
+        ("fault", "homes", problem, "corvctl account publish alice")]
+    assert corvctl(well, "--plain", "account", "publish", "alice") == (0, "", "")
+    assert doctor(well) == (0, [])
+
+
+def test_calls_what_its_owner_keeps_to_himself_no_fault(well):
+    well.write("/home/alice/public_html/.env", "x", 0o600, "alice:alice")
+    well.mkdir("/home/alice/public_html/private", 0o700, "alice:alice")
+    well.symlink("/home/alice/public_html/link", "/root")
+    os.mkfifo(well.path("/home/alice/public_html/pipe"))
+    assert doctor(well) == (0, [])
+
+
+def test_walks_no_further_than_it_says(well):
+    """2000 entries of an account are looked at, however many there are."""
+    for number in range(3000):
+        well.write(f"/home/alice/public_html/{number}.html", "", 0o640, "alice:alice")
+    code, findings = doctor(well)
+    assert code == 1
+    assert [re.search(r"cannot read (\d+) files", finding[2])[1] for finding in findings] == ["2000"]
+
+
+def test_lists_the_archives_of_refused_deletions(well):
+    for name, mode in (("alice-20260105-031500-home.tar.gz", 0o644), ("alice-20260105-031500-db.dump", 0o644),
+                       ("alice-20260106-031500-home.tar.gz", 0o600), ("alice-20260106-031500-db.dump", 0o600),
+                       ("bobby-20260105-031500-home.tar.gz", 0o644)):
+        file = well.write(f"/var/backups/corvane/{name}", "x" * 1000, mode)
+        os.utime(file, (1767582900, 1767582900))
+    assert doctor(well) == (0, [
+        ("note", "accounts", "deletions of the account alice that were refused have left archives of 2.0 KiB",
+         "rm /var/backups/corvane/alice-20260105-031500-home.tar.gz /var/backups/corvane/alice-20260105-031500-db.dump")])
+
+
+def test_tells_a_deletion_that_was_cut_off(well):
+    for part in (SITE, POOL, ENABLED):
+        well.path(part).unlink()
+    for end in ("home.tar.gz", "db.dump"):
+        well.write(f"/var/backups/corvane/alice-20260105-031500-{end}", "x", 0o600)
+    answer_databases(databases=[{"name": "alice", "owner": "alice", "invalid": True},
+                                {"name": "corvane", "owner": "corv-web", "open": False}])(well)
+    assert doctor(well) == (1, [(
+        "fault", "accounts",
+        "a deletion of the account alice was cut off while its database was dropped; its archives are "
+        "/var/backups/corvane/alice-20260105-031500-home.tar.gz and /var/backups/corvane/alice-20260105-031500-db.dump",
+        "corvctl account delete alice --force")])

@@ -2,9 +2,11 @@
 
 import json
 import os
+import time
 
 import pytest
 from corvctl import corvctl, on_terminal
+from terminal import FAKE_SOCKET, FakeAgent
 
 PONG = '{"ok":true,"version":"0.1"}\n'
 # What ssh does with its words: -T -- HOST COMMAND...
@@ -18,6 +20,30 @@ def ssh(sandbox):
     sandbox.allows_loose_calls("ssh")
     sandbox.start()
     return sandbox
+
+
+def status_replies(full):
+    """Replies of a server that is well but for so many full disks."""
+    disks = [{"mount": f"/{name}", "total": 1 << 20, "avail": 1 << 10} for name in "ab"[:full]]
+    return {
+        "system.info": {"os": "Debian", "kernel": "6", "cpus": 1, "uptimeSeconds": 1}, "system.disks": {"disks": disks},
+        "services.status": {"services": [{"name": "apache2", "loaded": True, "active": True}]},
+        "security.status": {"firewall": {"ok": True, "installed": True, "active": True, "rules": []},
+                            "fail2ban": {"ok": True, "installed": True, "running": True, "jails": [{"name": "sshd", "banned": []}]}},
+        "updates.status": {"updates": 0, "security": 0, "lastCheck": int(time.time()), "automatic": True},
+        "backup.status": {"backups": [{"name": "x", "created": int(time.time()), "errors": [], "accounts": [], "bytes": 1}],
+                          "next": "x"},
+        "quota.status": {"enabled": False},
+    }
+
+
+def answer_status(connection, replies):
+    """The first line names the host, which the stand-in for ssh has put before the requests."""
+    stream = connection.makefile("rwb")
+    host = stream.readline().decode().strip()
+    for line in stream:
+        stream.write(json.dumps({"ok": True, **replies[host][json.loads(line)["cmd"]]}).encode() + b"\n")
+        stream.flush()
 
 
 def test_runs_the_same_through_ssh(ssh):
@@ -34,7 +60,7 @@ def test_a_refusal_over_there_is_one_here(ssh):
 
 
 @pytest.mark.parametrize("host", ["-oProxyCommand=x", "a@-x", "web 1", "web1\n", "web\t1", "web\x1b1", "web\u00a01", "web\u009b1",
-                                  "@web1", "root@", "$(x)", "a;b", "`x`"])
+                                  "root@", "$(x)", "a;b", "`x`"])
 def test_refuses_what_is_no_name_of_a_host(ssh, host):
     code, out, err = corvctl(ssh, "call", "ping", f"--host={host}")
     assert (code, out) == (2, "")
@@ -116,6 +142,80 @@ def test_refuses_a_bad_host_among_good_ones_before_anything_is_done(ssh):
     assert ssh.argvs("ssh") == []
 
 
+HOSTS = "# ours\n\n[web]\nroot@web1.example.org  # the old one\nweb2\n[db]\nweb2\ndb-1\n[none]\n"
+
+
+@pytest.mark.parametrize("named, hosts", [
+    (["@web"], ["root@web1.example.org", "web2"]), (["@db"], ["web2", "db-1"]),
+    (["@all"], ["root@web1.example.org", "web2", "db-1"]), (["@db", "web9", "@web"], ["web2", "db-1", "web9", "root@web1.example.org"]),
+])
+def test_a_group_is_its_hosts(ssh, named, hosts):
+    ssh.write("/etc/corvane/hosts", HOSTS)
+    ssh.logs(*["agent: uid 0 ran ping -> ok"] * len(hosts))
+    code, out, err = corvctl(ssh, "call", "ping", *(word for name in named for word in ("-H", name)))
+    assert (code, err) == (0, f"{len(hosts)} hosts: {len(hosts)} done\n")
+    assert sorted(out.splitlines()) == sorted(f"{host}: {PONG.strip()}" for host in hosts)
+
+
+@pytest.mark.parametrize("text, group, complaint", [
+    (HOSTS, "@wbe", "/etc/corvane/hosts has no group 'wbe'; did you mean '@web'?"),
+    (HOSTS, "@", "/etc/corvane/hosts has no group ''"),
+    (HOSTS, "@none", "the group 'none' of /etc/corvane/hosts is empty"),
+    ("[web]\nweb1\n-oProxyCommand=x\n", "@web", "/etc/corvane/hosts, line 3: a host's name does not begin with a dash"),
+    ("[web]\nweb1 web2\n", "@web", "/etc/corvane/hosts, line 2: a host's name holds no blanks, quotes or control characters"),
+    ("[web]\n$(x)\n", "@web", "/etc/corvane/hosts, line 2: a host's name holds no blanks, quotes or control characters"),
+    ("[web]\n@db\n", "@web", "/etc/corvane/hosts, line 2: a host is given as HOST, USER@HOST or @GROUP"),
+    ("[-x]\nweb1\n", "@web",
+     "/etc/corvane/hosts, line 1: a group is given as [NAME], of letters, digits, dots, dashes and underscores"),
+    ("[all]\nweb1\n", "@all", "/etc/corvane/hosts, line 1: the group 'all' is every host of the file"),
+])
+def test_a_group_that_cannot_be_had(ssh, text, group, complaint):
+    ssh.write("/etc/corvane/hosts", text)
+    assert corvctl(ssh, "call", "ping", "-H", group) == (2, "", f"corvctl: {complaint}\n")
+    assert ssh.argvs("ssh") == []
+
+
+def test_a_hosts_file_that_is_none(ssh):
+    assert corvctl(ssh, "call", "ping", "-H", "@web") == (
+        2, "", "corvctl: cannot read /etc/corvane/hosts: No such file or directory\n")
+    os.mkfifo(ssh.path("/etc/corvane/hosts"))
+    assert corvctl(ssh, "call", "ping", "-H", "@web") == (2, "", "corvctl: /etc/corvane/hosts is no file of hosts\n")
+
+
+def test_json_of_several_hosts_is_one_object_a_line(ssh):
+    ssh.logs("agent: uid 0 ran ping -> ok")
+    ssh.answer("ssh", "-T", "--", "web2", ..., ignore_input=True, exit=255, err="ssh: no route\n")
+    code, out, err = corvctl(ssh, "--json", "call", "ping", "-H", "web1", "-H", "web2")
+    assert (code, err) == (3, "2 hosts: 1 done, 1 no connection (web2)\n")
+    assert out == f'{{"host":"web1","reply":{PONG.strip()}}}\n{{"error":"web2: ssh: no route","exit":3,"host":"web2"}}\n'
+
+
+def test_json_of_a_refusal_has_its_host(ssh):
+    ssh.logs("agent: uid 0 ran quota.set -> failed")
+    ssh.write("/etc/corvane/hosts", "[one]\nweb1\n")
+    code, out, err = corvctl(ssh, "--json", "call", "quota.set", "-H", "@one")
+    assert (code, err) == (1, "1 hosts: 1 refused or at fault (web1)\n")
+    line = json.loads(out)
+    assert (line["host"], line["reply"]["ok"]) == ("web1", False)
+
+
+def test_status_of_several_hosts_is_a_line_each_with_the_worst_first(ssh):
+    replies = {host: status_replies(count) for host, count in (("web1", 0), ("web2", 1), ("web3", 2))}
+    with FakeAgent(ssh, lambda connection: answer_status(connection, replies)):
+        ssh.answer("ssh", shell='host=$3; shift 3; [ "$2" = account ] && { echo \'{"ok":true,"accounts":[]}\'; exit; }; '
+                                f'{{ echo "$host"; cat; }} | "$@" --socket {FAKE_SOCKET}')
+        ssh.answer("ssh", "-T", "--", "web4", ..., ignore_input=True, exit=255, err="ssh: no route\n")
+        code, out, err = corvctl(ssh, "status", *(word for number in range(1, 5) for word in ("-H", f"web{number}")))
+    assert (code, err) == (3, "4 hosts: 3 done, 1 no connection (web4)\n")
+    assert out == """\
+HOST  STATE          WHAT
+web4  no connection  web4: ssh: no route
+web3  2 places       disks: /a: 1.0 KiB of 1.0 MiB free; disks: /b: 1.0 KiB of 1.0 MiB free
+web2  1 place        disks: /a: 1.0 KiB of 1.0 MiB free
+web1  well           
+"""
+
+
 # The other end
 
 
@@ -174,9 +274,9 @@ ACCOUNTS = {"ok": True, "accounts": [{"username": "alice", "domain": "alice.exam
 def test_the_accounts_over_there(ssh):
     ssh.answer("ssh", out=json.dumps(ACCOUNTS) + "\n")
     assert corvctl(ssh, "account", "list", "-H", "web1") == (0, """\
-ACCOUNT  DOMAIN             HOME          UID
-alice    alice.example.org  /home/alice  1000
-b\\x1b                       /home/b      1001
+ACCOUNT  DOMAIN             STATE  USED  HOME          UID
+alice    alice.example.org         -     /home/alice  1000
+b\\x1b                              -     /home/b      1001
 """, "")
     code, out, err = corvctl(ssh, "account", "list", "--json", "-H", "web1")
     assert (code, json.loads(out), err) == (0, ACCOUNTS, "")

@@ -1,6 +1,9 @@
 """corvctl status: one screen that answers whether the server is well."""
 
+import contextlib
 import json
+import socket
+import threading
 import time
 
 import pytest
@@ -56,9 +59,10 @@ def status(sandbox, *args, commands=COMMANDS):
 def test_tells_of_a_server_that_is_well(server):
     found = status(server)
     assert {topic: {state for state, _ in lines} for topic, lines in found.items()} == dict.fromkeys(
-        ("server", "services", "disks", "accounts", "firewall", "bans", "updates", "backup"), {"ok"})
-    assert found["services"] == [("ok", "apache2, postgresql running")]
+        ("server", "services", "disks", "accounts", "sites", "firewall", "bans", "updates", "backup"), {"ok"})
+    assert found["services"] == [("ok", "apache2, postgresql, php8.2-fpm running")]
     assert found["accounts"] == [("ok", "1")]
+    assert found["sites"] == [("ok", "none")]
     assert found["updates"] == [("ok", "none, automatic")]
     assert found["backup"][0][1].startswith("2 h 0 min ago, 1 account, ")
     assert found["backup"][0][1].endswith(", no errors")
@@ -82,7 +86,7 @@ def test_says_what_needs_attention(server):
     server.write("/run/reboot-required")
     back_up(server, errors=["alice files: \x1b]0;x\x07"])
     found = status(server)
-    assert found["services"] == [("attention", "apache2 is failed; postgresql is not installed")]
+    assert found["services"] == [("attention", "php8.2-fpm is failed; apache2 is failed; postgresql is not installed")]
     assert found["firewall"] == [("attention", "off: corvctl firewall enable")]
     assert found["bans"] == [("attention", "fail2ban does not run: corvctl ban enable")]
     assert found["updates"] == [("attention", "3, 2 of them for security, a restart is due, automatic")]
@@ -108,6 +112,8 @@ def test_gives_all_replies_as_they_are(server):
     assert code == 0
     assert out.count("\n") == 1
     replies = json.loads(out)
+    assert replies.pop("here") == {
+        "services": [{"active": True, "name": "php8.2-fpm", "state": "running"}], "sites": [], "suspended": []}
     assert sorted(replies) == sorted(COMMANDS)
     assert replies["services.status"] == server.request("services.status")
 
@@ -121,3 +127,70 @@ def test_says_why_there_is_no_picture(sandbox):
     assert (code, out) == (3, "")
     assert err == ("corvctl: there is no socket /run/corvane/agent.sock\n"
                    "  is corv-agent installed and running? systemctl status corv-agent\n")
+
+
+def write_site(box, port):
+    """An account of its own whose site is on a port of this test's server."""
+    box.write("/etc/apache2/sites-enabled/corv-alice.conf",
+              f"<VirtualHost 127.0.0.1:{port}>\nServerName example.org\nDocumentRoot /home/alice/public_html\n</VirtualHost>\n")
+
+
+@contextlib.contextmanager
+def web(answer, closes=True):
+    """A server that gives each visitor the same bytes: its port."""
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        kept = []
+
+        def serve():
+            while True:
+                try:
+                    visitor, _ = server.accept()
+                except OSError:  # the server is closed
+                    return
+                visitor.recv(65536)
+                visitor.sendall(answer)
+                if closes:
+                    visitor.close()
+                kept.append(visitor)
+
+        thread = threading.Thread(target=serve)
+        thread.start()
+        yield server.getsockname()[1]
+        server.shutdown(socket.SHUT_RDWR)
+        thread.join()
+        for visitor in kept:
+            visitor.close()
+
+
+APACHES = (b"HTTP/1.1 503 Service Unavailable\r\nConnection: close\r\n\r\n"
+           b'<!DOCTYPE HTML PUBLIC "-//IETF//DTD HTML 2.0//EN">\n<html><head>\n<title>503 Service Unavailable</title>\n')
+
+
+@pytest.mark.parametrize("answer, line", [
+    (b"HTTP/1.1 200 OK\r\n\r\n", ("ok", "1 answer as they should")),
+    (b"HTTP/1.1 302 Found\r\nLocation: /login\r\n\r\n", ("ok", "1 answer as they should")),
+    (b"HTTP/1.1 403 Forbidden\r\n\r\n", ("ok", "1 answer as they should")),
+    (b"HTTP/1.1 503 x\r\n\r\nBack in an hour", ("ok", "1 answer as they should")),
+    (APACHES, ("attention", "503 Service Unavailable: example.org (1 asked)")),
+    (b"HTTP/1.1 502 Bad Gateway\r\n\r\n", ("attention", "502 Bad Gateway: example.org (1 asked)")),
+    (b"HTTP/1.1 500 x\r\n\r\n", ("attention", "500 Internal Server Error: example.org (1 asked)")),
+    (b"\x1b[2Jwhatever\r\n", ("attention", "no answer of HTTP: example.org (1 asked)")),
+])
+def test_sees_what_visitors_see(server, answer, line):
+    with web(answer) as port:
+        write_site(server, port)
+        assert status(server)["sites"] == [line]
+
+
+def test_does_not_wait_for_a_site_that_is_silent(server):
+    with web(b"", closes=False) as port:
+        write_site(server, port)
+        assert status(server)["sites"] == [("attention", "no answer within 1 s: example.org (1 asked)")]
+
+
+def test_knows_a_suspended_site_by_its_word(server):
+    server.answer("a2ensite", real=False)
+    server.add_account("bobby", "bobby.example")
+    server.request("hosting.suspend", username="bobby")
+    found = status(server)
+    assert found["accounts"] == [("ok", "2, 1 suspended (bobby)")]

@@ -19,14 +19,14 @@ def answers(members):
     return serve
 
 
-def test_says_that_the_agent_is_busy_with_another_request(sandbox):
+def test_says_with_what_the_agent_is_busy(sandbox):
     sandbox.answer("apt", wait="/tmp/go")
     with sandbox.connect() as client:
         client.send(b'{"cmd":"updates.status"}\n')
         sandbox.wait_for_call("apt")
         with Terminal(sandbox, "call", "ping") as terminal:
             shown = terminal.wait_for("(2 s)")
-            assert re.fullmatch(r"[|/\\-] the agent is busy with another request \(2 s\)", shown)
+            assert re.fullmatch(r"[|/\\-] the agent is busy with updates\.status, for root since \d s \(2 s\)", shown)
             sandbox.write("/tmp/go")
             assert terminal.end() == (0, '{"ok":true,"version":"0.1"}')
         sandbox.took("updates.status", client.reply())

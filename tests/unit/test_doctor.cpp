@@ -1,5 +1,6 @@
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Database.h"
+#include "ctl/doctor/Php.h"
 #include "ctl/doctor/Report.h"
 #include "ctl/doctor/System.h"
 
@@ -38,6 +39,56 @@ class TestDoctor : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void findsWhatThePoolsOfOnePhpShare_data()
+    {
+        QTest::addColumn<QByteArray>("output");
+        QTest::addColumn<bool>("readsOurs");
+        QTest::addColumn<QStringList>("wanted");
+        const QByteArray good = "PHP Version => 8.2.36\nDirective => Local Value => Master Value\n"
+                                "opcache.enable => On => On\nopcache.file_cache => no value => no value\n"
+                                "opcache.restrict_api => /usr/share/x/ => /usr/share/x/\n"
+                                "opcache.validate_permission => On => On\n";
+        const QString given = u"fault|the cache of PHP 8.2 gives each account what the pages of all others hold|"_s;
+        const QString listed =
+            u"note|each account can list the scripts of all others in the cache of PHP 8.2, and empty it|"_s;
+        const QString ours = u"/usr/libexec/corvane/php-settings"_s;
+        const QString shown = u"grep -rn -F opcache.%1 /etc/corvane/php-fpm.ini /etc/php/8.2/fpm"_s;
+        const auto but = [&good](const QByteArray &before, const QByteArray &after) {
+            return QByteArray(good).replace(before, after);
+        };
+
+        QTest::newRow("well") << good << true << QStringList();
+        QTest::newRow("well by the administrator's own settings") << good << false << QStringList();
+        QTest::newRow("as PHP comes") << but("validate_permission => On => On", "validate_permission => Off => Off")
+                                             .replace("/usr/share/x/", "no value")
+                                      << false << QStringList{given + ours, listed + ours};
+        QTest::newRow("undone elsewhere") << but("validate_permission => On => On", "validate_permission => On => Off")
+                                          << true << QStringList{given + shown.arg(u"validate_permission"_s)};
+        QTest::newRow("pages of accounts may list")
+            << but("/usr/share/x/", "/home/") << true << QStringList{listed + shown.arg(u"restrict_api"_s)};
+        QTest::newRow("cache in files")
+            << but("file_cache => no value => no value", "file_cache => /tmp => /tmp") << true
+            << QStringList{u"note|PHP 8.2 keeps compiled scripts in /tmp: an account that may write there can exchange "
+                           "those of others|grep -rn -F opcache.file_cache /etc/php/8.2/fpm"_s};
+        QTest::newRow("cache off") << QByteArray("opcache.enable => Off => Off\n") << false << QStringList();
+        QTest::newRow("no cache") << QByteArray("PHP Version => 8.2.36\n") << false << QStringList();
+        QTest::newRow("apcu") << good +
+                                     "APCu Support => Enabled\napc.enable_cli => Off => Off\napc.enabled => On => On\n"
+                              << true
+                              << QStringList{
+                                     u"fault|PHP 8.2 has the extension apcu, through which each account reads and "
+                                     "changes what the others keep in it|phpdismod -v 8.2 -s fpm apcu && systemctl "
+                                     "reload php8.2-fpm"_s};
+        QTest::newRow("apcu off") << good + "apc.enabled => Off => Off\n" << true << QStringList();
+    }
+    void findsWhatThePoolsOfOnePhpShare()
+    {
+        QFETCH(QByteArray, output);
+        QFETCH(bool, readsOurs);
+        QFETCH(QStringList, wanted);
+        QCOMPARE(asText(checkPhp({u"8.2"_s, parsePhpInfo(output), readsOurs})), wanted);
+    }
+
     void findsAJailThatBelievesAnyProgramNamedSshd_data()
     {
         QTest::addColumn<QByteArray>("output");

@@ -2,8 +2,15 @@
 #include "common/Site.h"
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"
+#include "ctl/doctor/Deletions.h"
+#include "ctl/doctor/Remainders.h"
 
+#include <QDateTime>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
+
+#include <functional>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace corv;
@@ -61,6 +68,8 @@ Databases databases(bool mayLogIn = true)
 }
 
 } // namespace
+
+Q_DECLARE_METATYPE(NameFacts)
 
 class TestDoctorAccounts : public QObject
 {
@@ -148,7 +157,168 @@ private Q_SLOTS:
         QCOMPARE(
             asText(checkAccount(account, kPhp, Databases{150014, {}, {}})),
             QStringList({u"fault|the account alice is only half there: its user has no site, no pool, no role and no "
-                         "database|tar -czf /root/alice-home.tar.gz -C /home alice && userdel --remove alice"_s}));
+                         "database|corvctl account delete alice --force"_s}));
+        QCOMPARE(asText(checkAccount(account, kPhp, Databases{150014, {{u"alice"_s, true, true}}, {}})),
+                 QStringList({u"fault|the account alice is only half there: its user has no site, no pool and no "
+                              "database|corvctl account delete alice --force"_s}));
+    }
+
+    void tellsADeletionThatWasCutOff()
+    {
+        Databases databases = ::databases();
+        databases.databases[0].isInvalid = true;
+        AccountParts account;
+        account.name = u"alice"_s;
+        account.domain = u"example.org"_s;
+        account.archives = {u"/b/alice-1-home.tar.gz"_s, u"/b/alice-1-db.dump"_s};
+        QCOMPARE(asText(checkAccount(account, kPhp, databases)),
+                 QStringList({u"fault|a deletion of the account alice was cut off while its database was dropped; its "
+                              "archives are /b/alice-1-home.tar.gz and /b/alice-1-db.dump|corvctl account delete alice "
+                              "--force"_s}));
+        account.archives = {};
+        QVERIFY(!problems(checkAccount(account, kPhp, databases)).join(u' ').contains(u"a deletion of"_s));
+    }
+
+    void callsARoleALeftoverThatHasNothingToDoWithAnything()
+    {
+        Databases databases = {150014, {{u"gone"_s, true, true, true}, {u"other"_s, true, true, false}}, {}};
+        QCOMPARE(asText(checkLeftovers({}, databases, {}, {})),
+                 QStringList({u"fault|PostgreSQL has a role gone, but the server has no such user|runuser -u postgres "
+                              "-- dropuser gone"_s,
+                              u"note|PostgreSQL has a role other, but the server has no such user|runuser -u postgres "
+                              "-- dropuser other"_s}));
+        databases.databases = {{u"gone"_s, u"gone"_s}};
+        databases.databases[0].isInvalid = true;
+        QCOMPARE(problems(checkLeftovers({}, databases, {}, {})).first(),
+                 u"the database gone, which belongs to no account, is what a drop left that was cut off"_s);
+    }
+
+    void saysWhatStandsInTheWayOfACreation_data()
+    {
+        QTest::addColumn<NameFacts>("facts");
+        QTest::addColumn<QStringList>("expected");
+        const auto facts = [](const std::function<void(NameFacts *)> &change) {
+            NameFacts name;
+            name.name = u"gone"_s;
+            name.databases = Databases{};
+            change(&name);
+            return name;
+        };
+        const Role role = {u"gone"_s, true, true, true};
+        const auto dropRole =
+            u"PostgreSQL has a role gone, but there is no such account|runuser -u postgres -- dropuser gone"_s;
+        QTest::newRow("nothing") << facts([](NameFacts *) {}) << QStringList();
+        QTest::newRow("role") << facts([&](NameFacts *name) { name->databases->roles = {role}; })
+                              << QStringList({dropRole});
+        QTest::newRow("role that may more") << facts([&](NameFacts *name) {
+            name->databases->roles = {{u"gone"_s, true, false, true}};
+        }) << QStringList({u"PostgreSQL has a role gone that may do more than an account's|"_s});
+        QTest::newRow("role and database")
+            << facts([&](NameFacts *name) {
+                   name->databases->roles = {role};
+                   name->databases->databases = {{u"gone"_s, u"gone"_s}};
+               })
+            << QStringList(
+                   {u"PostgreSQL has a database gone, but there is no such account|runuser -u postgres -- pg_dump "
+                    "-Fc gone >/var/backups/corvane/gone-1-db.dump && runuser -u postgres -- dropdb gone"_s,
+                    dropRole});
+        QTest::newRow("invalid database")
+            << facts([&](NameFacts *name) {
+                   name->databases->databases = {{u"gone"_s, u"gone"_s}};
+                   name->databases->databases[0].isInvalid = true;
+               })
+            << QStringList(
+                   {u"the database gone is what a drop left that was cut off|runuser -u postgres -- dropdb gone"_s});
+        QTest::newRow("another's database") << facts([&](NameFacts *name) {
+            name->databases->databases = {{u"gone"_s, u"postgres"_s}};
+        }) << QStringList({u"PostgreSQL has a database gone of postgres, which is not what an account leaves|"_s});
+        QTest::newRow("files")
+            << facts([&](NameFacts *name) {
+                   name->hasSite = true;
+                   name->homeHoldsLinks = true;
+                   name->hasEmptyGroup = true;
+                   name->pools = {u"/p"_s};
+               })
+            << QStringList({u"an Apache site is left of gone, which is no account|rm -f "
+                            "/etc/apache2/sites-enabled/corv-gone.conf /etc/apache2/sites-available/corv-gone.conf"_s,
+                            u"the folder /home/gone is there, and holds links|mv -T /home/gone /home/.former-gone-1"_s,
+                            u"there is a group gone without a user or a member|groupdel gone"_s,
+                            u"a PHP pool is left of gone, which is no account|rm -f /p"_s});
+        QTest::newRow("a pool alone") << facts([](NameFacts *name) { name->pools = {u"/p"_s}; }) << QStringList();
+        QTest::newRow("a user of the system") << facts([&](NameFacts *name) {
+            name->hasUser = true;
+            name->databases->roles = {role};
+        }) << QStringList();
+        QTest::newRow("a user of an account")
+            << facts([&](NameFacts *name) {
+                   name->hasUser = true;
+                   name->account = AccountParts();
+                   name->account->name = u"gone"_s;
+               })
+            << QStringList({u"the user gone is what is left of an account: take it away by corvctl account delete gone "
+                            "--force|"_s});
+        QTest::newRow("an account") << facts([&](NameFacts *name) {
+            name->hasUser = true;
+            name->account = whole();
+        }) << QStringList();
+    }
+    void saysWhatStandsInTheWayOfACreation()
+    {
+        QFETCH(NameFacts, facts);
+        QStringList found;
+        for (const Remainder &remainder : remaindersOf(facts, u"1"_s))
+            found.append(remainder.what + u'|' + shellLine(remainder.steps));
+        QTEST(found, "expected");
+    }
+
+    void saysWhatKeepsAnAccountFromBeingDeleted()
+    {
+        const auto statements = [](const Databases &databases) {
+            QStringList all;
+            for (const Obstacle &obstacle : obstaclesOfAccount(u"alice"_s, databases))
+                all.append(obstacle.statement);
+            return all;
+        };
+        QCOMPARE(statements(databases()), QStringList());
+        const QStringList make = {u"CREATE DATABASE alice OWNER alice"_s,
+                                  u"REVOKE ALL ON DATABASE alice FROM PUBLIC"_s};
+        QCOMPARE(statements({}), QStringList({u"CREATE ROLE alice NOLOGIN"_s}) + make);
+        QCOMPARE(statements({150014, {{u"alice"_s}}, {}}), make);
+        QCOMPARE(statements({150014, {{u"alice"_s}}, {{u"alice__old"_s, u"alice"_s}}}),
+                 QStringList({u"ALTER DATABASE alice__old RENAME TO alice"_s}));
+        Databases invalid = databases();
+        invalid.databases[0].isInvalid = true;
+        QCOMPARE(statements(invalid), QStringList({u"DROP DATABASE alice"_s}) + make);
+    }
+
+    void findsWhatRefusedDeletionsHaveLeft()
+    {
+        QTemporaryDir folder;
+        const auto write = [&folder](const QString &name, qint64 bytes, QFileDevice::Permissions more) {
+            QFile file(folder.filePath(name));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.resize(bytes));
+            QVERIFY(file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | more));
+        };
+        const QFileDevice::Permissions open = QFileDevice::ReadGroup | QFileDevice::ReadOther;
+        write(u"alice-20260105-031500-home.tar.gz"_s, 2048, open);
+        write(u"alice-20260105-031600-home.tar.gz"_s, 1024, open);
+        write(u"alice-20260105-031600-db.dump"_s, 0, open);
+        write(u"alice-20260105-031700-home.tar.gz"_s, 9, {});
+        write(u"alice-20260105-031700-db.dump"_s, 9, {});
+        write(u"bobby-20260105-031500-home.tar.gz"_s, 9, open);
+        write(u"alice-20260105-home.tar.gz"_s, 9, open);
+
+        const QList<DeletionArchives> all = deletionArchives(folder.path(), {});
+        QCOMPARE(all.size(), 4);
+        QCOMPARE(deletionArchives(folder.path(), u"bobby"_s).size(), 1);
+        QCOMPARE(all[2].isWhole, true);
+        const qint64 later = QDateTime::currentSecsSinceEpoch() + 10;
+        const QString at = folder.path() + u"/alice-20260105-03"_s;
+        QCOMPARE(asText(checkRefusedDeletions(all, {u"alice"_s}, later)),
+                 QStringList({u"note|deletions of the account alice that were refused have left archives of 3.0 KiB|rm "
+                              "@1500-home.tar.gz @1600-home.tar.gz @1600-db.dump"_s.replace(u'@', at)}));
+        QCOMPARE(asText(checkRefusedDeletions(all, {u"alice"_s}, 0)), QStringList());
+        QCOMPARE(asText(checkRefusedDeletions(all, {}, later)), QStringList());
     }
 
     void findsAMarkOnAUserThatCanBeNoAccount()

@@ -1,12 +1,15 @@
 #include "ctl/Keys.h"
+#include "ctl/Meant.h"
 #include "ctl/remote/SshLogin.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
+#include "ctl/screen/SystemdTime.h"
 #include "ctl/screen/Table.h"
 #include "ctl/screen/Terminal.h"
 
 #include <QTest>
 
+#include <ctime>
 #include <limits>
 
 using namespace Qt::Literals::StringLiterals;
@@ -29,6 +32,13 @@ private Q_SLOTS:
     void spansForPeople();
     void textsAreShortened_data();
     void textsAreShortened();
+    void whatAToolSaidIsOneSentence_data();
+    void whatAToolSaidIsOneSentence();
+    void timesOfSystemdAreRead_data();
+    void timesOfSystemdAreRead();
+    void theNearestWordWasMeant_data();
+    void theNearestWordWasMeant();
+    void theOnlyNameIsNamed();
     void tablesFit_data();
     void tablesFit();
     void logsAreContinued_data();
@@ -146,6 +156,81 @@ void TestScreen::textsAreShortened()
     QVERIFY(displayWidth(shortened(text, columns)) <= columns);
 }
 
+void TestScreen::whatAToolSaidIsOneSentence_data()
+{
+    QTest::addColumn<QString>("said");
+    QTest::addColumn<QString>("sentence");
+    QTest::newRow("nothing") << QString() << QString();
+    QTest::newRow("one") << u"no such rule"_s << u"no such rule"_s;
+    QTest::newRow("lines") << u"pg_dump failed: lost\ncannot go on\n"_s << u"pg_dump failed: lost; cannot go on"_s;
+    QTest::newRow("after a sign") << u"Syntax error on line 3:\n\tInvalid command 'x'.\nSee above"_s
+                                  << u"Syntax error on line 3: Invalid command 'x'. See above"_s;
+    QTest::newRow("tabs and returns") << u"a\tb  c\r\n\r\n\r\nd"_s << u"a b c; d"_s;
+    QTest::newRow("an escape stays for escaping") << u"a\x1b[31m\nb"_s << u"a\x1b[31m; b"_s;
+}
+
+void TestScreen::whatAToolSaidIsOneSentence()
+{
+    QFETCH(QString, said);
+    QTEST(oneSentence(said), "sentence");
+}
+
+void TestScreen::timesOfSystemdAreRead_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<qint64>("seconds"); // -1: none
+    QTest::newRow("UTC") << u"Tue 2026-01-06 03:42:10 UTC"_s << qint64(1767670930);
+    QTest::newRow("winter here") << u"Tue 2026-01-06 04:42:10 CET"_s << qint64(1767670930);
+    QTest::newRow("summer here") << u"Mon 2026-07-06 05:42:10 CEST"_s << qint64(1783309330);
+    QTest::newRow("another season's letters") << u"Tue 2026-01-06 03:42:10 CEST"_s << qint64(-1);
+    QTest::newRow("letters of elsewhere") << u"Tue 2026-01-06 03:42:10 PST"_s << qint64(-1);
+    QTest::newRow("numbers") << u"Tue 2026-01-06 06:42:10 +03"_s << qint64(1767670930);
+    QTest::newRow("half hours") << u"Tue 2026-01-06 00:12:10 -0330"_s << qint64(1767670930);
+    QTest::newRow("no zone") << u"Tue 2026-01-06 03:42:10"_s << qint64(-1);
+    QTest::newRow("no time") << u"Tue 2026-13-06 03:42:10 UTC"_s << qint64(-1);
+    QTest::newRow("nonsense") << u"n/a"_s << qint64(-1);
+    QTest::newRow("empty") << QString() << qint64(-1);
+}
+
+void TestScreen::timesOfSystemdAreRead()
+{
+    qputenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
+    tzset();
+    QFETCH(QString, text);
+    QTEST(systemdTime(text).value_or(-1), "seconds");
+}
+
+void TestScreen::theNearestWordWasMeant_data()
+{
+    QTest::addColumn<QString>("typed");
+    QTest::addColumn<QString>("word");
+    QTest::newRow("one missing") << u"acount"_s << u"account"_s;
+    QTest::newRow("one too many") << u"acccount"_s << u"account"_s;
+    QTest::newRow("one wrong") << u"filr"_s << u"file"_s;
+    QTest::newRow("swapped") << u"aotp"_s << u"atop"_s;
+    QTest::newRow("itself") << u"file"_s << u"file"_s;
+    QTest::newRow("far off") << u"nosuch"_s << QString();
+    QTest::newRow("as near to two") << u"bat"_s << QString();
+    QTest::newRow("empty") << QString() << QString();
+    QTest::newRow("of megabytes") << QString(10'000'000, u'a') << QString();
+}
+
+void TestScreen::theNearestWordWasMeant()
+{
+    QFETCH(QString, typed);
+    QTEST(meant(typed, {u"account"_s, u"file"_s, u"atop"_s, u"ban"_s, u"bar"_s}), "word");
+}
+
+void TestScreen::theOnlyNameIsNamed()
+{
+    QCOMPARE(meantHint(u"account"_s, u"x"_s, {u"shop"_s}), u"the only account is 'shop'"_s);
+    QCOMPARE(meantHint(u"account"_s, u"shp"_s, {u"shop"_s, u"blog"_s}), u"did you mean 'shop'?"_s);
+    QCOMPARE(meantHint(u"account"_s, u"nosuch"_s, {u"shop"_s, u"blog"_s}), QString());
+    QCOMPARE(meantHint(u"backup"_s, u"2026-01-05_031501"_s, {u"2026-01-05_031500"_s, u"2026-01-04_031500"_s}),
+             u"did you mean '2026-01-05_031500'?"_s);
+    QCOMPARE(meantHint(u"account"_s, u"x"_s, {}), QString());
+}
+
 void TestScreen::tablesFit_data()
 {
     QTest::addColumn<QStringList>("cells");
@@ -154,6 +239,7 @@ void TestScreen::tablesFit_data()
     QTest::newRow("two alike") << QStringList{QString(60, u'x'), QString(60, u'y')};
     QTest::newRow("wide signs") << QStringList{QString(100, u'画'), u"y"_s};
     QTest::newRow("just") << QStringList{QString(77, u'x'), u"y"_s};
+    QTest::newRow("many") << QStringList(10, QString(30, u'x'));
 }
 
 void TestScreen::tablesFit()
@@ -169,6 +255,9 @@ void TestScreen::tablesFit()
     terminal.columns = 80;
     for (const QString &line : tableText(terminal, titles, {row}).split(u'\n'))
         QVERIFY(displayWidth(line) <= 80);
+    terminal.columns = 40;
+    for (const QString &line : tableText(terminal, titles, {row}).split(u'\n'))
+        QVERIFY(displayWidth(line) <= 40);
     terminal.columns = 0;
     for (const QString &cell : cells)
         QVERIFY(tableText(terminal, titles, {row}).contains(cell));

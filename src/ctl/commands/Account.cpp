@@ -1,22 +1,12 @@
+#include "ctl/commands/Account.h"
+
 #include "ctl/Command.h"
 #include "ctl/Input.h"
 #include "ctl/Keys.h"
 #include "ctl/Session.h"
-#include "ctl/doctor/Facts.h"
-#include "ctl/remote/Remote.h"
+#include "ctl/commands/AccountSites.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
-
-#include "common/Account.h"
-#include "common/Environment.h"
-#include "common/Json.h"
-
-#include <QJsonArray>
-#include <QJsonDocument>
-
-#include <algorithm>
-
-#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -24,169 +14,25 @@ namespace corv::ctl {
 namespace {
 
 constexpr qint64 kMebibyte = 1'048'576;
-// How long the list of another server's accounts is waited for.
-constexpr int kListSeconds = 60;
 
 const Parameter kAccount = {"ACCOUNT", "the account's name", Kind::Required, Names::Account};
 
-QJsonObject accountIn(const Given &given)
-{
-    return {{u"username"_s, given.text("ACCOUNT")}};
-}
-
-// Adds what is read from a file or standard input to a request. False when it cannot be read.
-bool addSource(const Session &session, const QString &path, const QString &member, QJsonObject *args)
-{
-    const std::optional<QByteArray> content = readSource(session, path);
-    if (!content)
-        return false;
-    args->insert(member, QString::fromUtf8(*content).trimmed());
-    return true;
-}
-
-int create(Session &session, const Given &given)
-{
-    QJsonObject args = accountIn(given);
-    args.insert(u"domain"_s, given.text("DOMAIN"));
-    if (given.has("--key-file") && !addSource(session, given.text("--key-file"), u"sshKey"_s, &args))
-        return kWrongUsage;
-
-    const Answer answer = ask(session, u"hosting.create"_s, args);
-    if (const std::optional<int> end = settled(session, answer))
-        return *end;
-
-    const QString php = answer.reply.value("phpVersion"_L1).toString();
-    // The password is told here and never again.
-    printFacts(session, {{u"Account"_s, text(given.text("ACCOUNT"))},
-                         {u"Domain"_s, text(answer.reply.value("domain"_L1).toString())},
-                         {u"PHP"_s, text(php.isEmpty() ? u"none"_s : php)},
-                         {u"Access log"_s, text(answer.reply.value("accessLog"_L1).toString())},
-                         {u"Database"_s, text(given.text("ACCOUNT"))},
-                         {u"Database password"_s, text(answer.reply.value("dbPassword"_L1).toString())}});
-    return kDone;
-}
-
-// No command of the agent lists the accounts: the system's user database is their only record.
-QJsonArray accountsHere()
-{
-    QList<hosting::User> accounts;
-    for (const hosting::User &user : hosting::users()) {
-        if (hosting::hasMarker(user.comment))
-            accounts.append(user);
-    }
-    std::sort(accounts.begin(), accounts.end(), [](const auto &a, const auto &b) { return a.name < b.name; });
-
-    QJsonArray all;
-    for (const hosting::User &user : accounts)
-        all.append(QJsonObject{{u"username"_s, user.name},
-                               {u"domain"_s, hosting::domainIn(user.comment)},
-                               {u"home"_s, user.home},
-                               {u"uid"_s, static_cast<qint64>(user.uid)}});
-    return all;
-}
-
-// The list that a corvctl on another server prints. Nothing where there is none, which is said on standard error.
-std::optional<QJsonArray> accountsThere(const Session &session, int *status)
-{
-    const Distant list = runThere(session.options, {u"corvctl"_s, u"account"_s, u"list"_s, u"--json"_s}, kListSeconds);
-    const QJsonObject answer = QJsonDocument::fromJson(list.output).object();
-    if (list.problem.isEmpty() && answer.value("accounts"_L1).isArray())
-        return answer.value("accounts"_L1).toArray();
-    *status = list.problem.isEmpty() ? fail(kNoConnection, u"what answers there is no list of accounts"_s)
-                                     : fail(list.status, list.problem);
-    return {};
-}
-
-int list(Session &session, const Given &)
-{
-    if (session.options.printOnly)
-        return fail(kWrongUsage, u"the list of accounts is read from the user database, not asked for"_s);
-
-    int status = kNoConnection;
-    const std::optional<QJsonArray> accounts =
-        session.options.hosts.empty() ? accountsHere() : accountsThere(session, &status);
-    if (!accounts)
-        return status;
-
-    if (session.options.json) {
-        const QByteArray line = compactJson({{u"ok"_s, true}, {u"accounts"_s, *accounts}});
-        print((session.terminal.out ? escapedJson(line) : line) + '\n');
-        return kDone;
-    }
-    QList<Row> rows;
-    for (const QJsonValue value : *accounts) {
-        const QJsonObject account = value.toObject();
-        rows.append({text(account.value("username"_L1).toString()), text(account.value("domain"_L1).toString()),
-                     text(account.value("home"_L1).toString()), number(account.value("uid"_L1).toInteger())});
-    }
-    printTable(session, {u"ACCOUNT"_s, u"DOMAIN"_s, u"HOME"_s, u"UID"_s}, rows);
-    return kDone;
-}
-
 int suspend(Session &session, const Given &given)
 {
-    return settledWith(session, ask(session, u"hosting.suspend"_s, accountIn(given)),
-                       u"%1 is suspended"_s.arg(given.text("ACCOUNT")));
+    const QString name = given.text("ACCOUNT");
+    const QStringList beside = findSitesBeside(session, name);
+    warnOfSites(beside, name);
+    const Answer answer = ask(session, u"hosting.suspend"_s, accountIn(given));
+    const int status = settledWith(session, answer, u"%1 is suspended"_s.arg(name));
+    if (answer.ok())
+        tellOfSitesLeft(session, beside);
+    return status;
 }
 
 int resume(Session &session, const Given &given)
 {
     return settledWith(session, ask(session, u"hosting.resume"_s, accountIn(given)),
                        u"%1 is on-line again"_s.arg(given.text("ACCOUNT")));
-}
-
-// What keeps the account's database from being dumped, without which it is not deleted. Nothing where this server
-// cannot be asked: the agent then says what is wrong.
-QList<Obstacle> findObstacles(const Session &session, const QString &name)
-{
-    if (session.options.printOnly || !session.options.hosts.empty() || ::geteuid() != 0 ||
-        !hosting::validUsername(name))
-        return {};
-    cleanEnvironment();
-    QString problem;
-    const std::optional<Databases> databases = readDatabases(&problem);
-    const Database *const database = databases ? findDatabase(*databases, name) : nullptr;
-    return database ? obstaclesOf(*database) : QList<Obstacle>();
-}
-
-// Lifts them where that is wanted, and shows how in any case. Gives the status to end with where one stays.
-std::optional<int> liftObstacles(const QList<Obstacle> &obstacles, bool isWanted)
-{
-    for (const Obstacle &obstacle : obstacles) {
-        note(obstacle.what);
-        note(u"  "_s + obstacle.statement);
-        if (!isWanted)
-            continue;
-        if (const Outcome outcome = runStatements({obstacle.statement}); !outcome.succeeded)
-            return fail(kRefused, QString::fromUtf8(outcome.errors).simplified());
-    }
-    if (!obstacles.isEmpty() && !isWanted)
-        return fail(kRefused, u"the account cannot be deleted as it is, so nothing was deleted"_s,
-                    u"--force has these statements run before"_s);
-    return {};
-}
-
-int remove(Session &session, const Given &given)
-{
-    const QString name = given.text("ACCOUNT");
-    const std::optional<QString> typed = confirmation(
-        session, u"This deletes the account, its files and its database. Type %1 to go on:"_s.arg(escaped(name)));
-    if (!typed)
-        return kWrongUsage;
-    if (*typed != name)
-        return fail(kWrongUsage, u"that is not the account's name, so nothing was deleted"_s);
-    if (const std::optional<int> end = liftObstacles(findObstacles(session, name), given.has("--force")))
-        return *end;
-
-    const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
-    const QString archive = answer.reply.value("archive"_L1).toString();
-    if (const std::optional<int> end = settled(session, answer)) {
-        if (!archive.isEmpty() && !session.options.json)
-            note(u"the archives are at %1"_s.arg(archive));
-        return *end;
-    }
-    printFacts(session, {{u"Deleted"_s, text(name)}, {u"Archives"_s, text(archive)}});
-    return kDone;
 }
 
 int showKeys(Session &session, const Given &given)
@@ -283,6 +129,20 @@ int usage(Session &session, const Given &)
 
 } // namespace
 
+QJsonObject accountIn(const Given &given)
+{
+    return {{u"username"_s, given.text("ACCOUNT")}};
+}
+
+bool addSource(const Session &session, const QString &path, const QString &member, QJsonObject *args)
+{
+    const std::optional<QByteArray> content = readSource(session, path);
+    if (!content)
+        return false;
+    args->insert(member, QString::fromUtf8(*content).trimmed());
+    return true;
+}
+
 Command accountCommand()
 {
     return {"account",
@@ -295,9 +155,21 @@ Command accountCommand()
                  {{"ACCOUNT", "its name: 3 to 16 small letters and digits, a letter first"},
                   {"DOMAIN", "the site's domain"},
                   {"--key-file", "an SSH public key that lets the account's user in; - for standard input", Kind::Value,
-                   Names::File}},
-                 create},
-                {"list", "List the accounts of this server", {}, list},
+                   Names::File},
+                  {"--force", "take a domain that something on the server answers to already", Kind::Flag},
+                  {"--clear", "take away what a creation or deletion of that name has left, showing each command",
+                   Kind::Flag}},
+                 createAccount},
+                {"list",
+                 "List the accounts of this server with their state and what they use",
+                 {{"--sort",
+                   "what the list is sorted by; the name without this",
+                   Kind::Value,
+                   Names::Nothing,
+                   {"name", "domain", "state", "used"}}},
+                 listAccounts},
+                {"show", "Show all that an account has", {kAccount}, showAccount},
+                {"domain", "Give an account another domain", {kAccount, {"DOMAIN", "its new domain"}}, changeDomain},
                 {"suspend", "Take an account off-line", {kAccount}, suspend},
                 {"resume", "Put a suspended account back on-line", {kAccount}, resume},
                 {"delete",
@@ -305,7 +177,11 @@ Command accountCommand()
                  {kAccount,
                   {"--force", "lift what keeps its database from being dumped or dropped, showing each statement",
                    Kind::Flag}},
-                 remove},
+                 deleteAccount},
+                {"publish",
+                 "Let the web server reach an account's site as its creation did: home, public_html and what is in it",
+                 {kAccount},
+                 publishAccount},
                 {"keys",
                  "Show or replace an account's SSH public keys",
                  {kAccount,

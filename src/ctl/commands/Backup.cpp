@@ -1,8 +1,11 @@
+#include "ctl/commands/Backup.h"
+
 #include "ctl/Command.h"
-#include "ctl/Input.h"
+#include "ctl/Meant.h"
 #include "ctl/Session.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
+#include "ctl/screen/SystemdTime.h"
 #include "ctl/screen/Table.h"
 
 #include <QDeadlineTimer>
@@ -17,12 +20,18 @@ namespace {
 
 // How long a backup that was asked for may take to show up, in milliseconds: systemd begins it behind the reply's back.
 constexpr int kStartTime = 20'000;
-// The end of what the agent says where an account's database is loaded as its own, and the account may not log in.
-constexpr auto kSuspended = "resume the account first"_L1;
 
 QJsonArray backupsIn(const QJsonObject &reply)
 {
     return reply.value("backups"_L1).toArray();
+}
+
+QStringList backupNames(const QJsonObject &reply)
+{
+    QStringList names;
+    for (const QJsonValue value : backupsIn(reply))
+        names.append(value.toObject().value("name"_L1).toString());
+    return names;
 }
 
 // The newest backup's name; empty where there is none.
@@ -41,17 +50,26 @@ Cell errorsOf(const QJsonObject &backup)
     return count;
 }
 
+// For people as systemd writes it; for programs in seconds.
+Cell nextIn(const QJsonObject &reply)
+{
+    const QString next = reply.value("next"_L1).toString();
+    if (next.isEmpty())
+        return {u"none planned"_s, {}, Colour::Warning, false};
+    const std::optional<qint64> seconds = systemdTime(next);
+    return {escaped(next), seconds ? QString::number(*seconds) : QString(), Colour::None, false};
+}
+
 int status(Session &session, const Given &)
 {
     const Answer answer = ask(session, u"backup.status"_s);
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     const QJsonObject &reply = answer.reply;
-    const QString next = reply.value("next"_L1).toString();
     const QJsonObject newest = backupsIn(reply).at(0).toObject();
     QList<Fact> facts = {{u"Backups"_s, number(backupsIn(reply).size())},
                          {u"Being made"_s, yesNo(reply.value("running"_L1).toBool())},
-                         {u"Next"_s, next.isEmpty() ? text(u"none planned"_s, Colour::Warning) : text(next)},
+                         {u"Next"_s, nextIn(reply)},
                          {u"Kept for"_s,
                           {u"%1 d"_s.arg(reply.value("keepDays"_L1).toInteger()),
                            QString::number(reply.value("keepDays"_L1).toInteger()), Colour::None, true}},
@@ -85,19 +103,24 @@ int list(Session &session, const Given &)
 
 int show(Session &session, const Given &given)
 {
+    const QString name = given.text("BACKUP");
     const Answer answer = ask(session, u"backup.status"_s);
+    if (!answer.ok())
+        return *settled(session, answer);
+    const QJsonObject backup = backupNamed(answer.reply, name);
+    if (backup.isEmpty()) {
+        const QString hint = meantHint(u"backup"_s, name, backupNames(answer.reply));
+        return refuse(session, noBackup(name), hint.isEmpty() ? QString(kListBackups) : hint);
+    }
+    if (!backup.contains("accounts"_L1)) {
+        return refuse(session, u"the backup %1 has no list of what it holds: it was cut off, or is damaged"_s.arg(name),
+                      u"journalctl -u corv-backup tells why"_s);
+    }
     if (const std::optional<int> end = settled(session, answer))
         return *end;
-    QJsonObject backup;
-    for (const QJsonValue value : backupsIn(answer.reply)) {
-        if (value.toObject().value("name"_L1).toString() == given.text("BACKUP"))
-            backup = value.toObject();
-    }
-    if (backup.isEmpty())
-        return fail(kRefused, u"no such backup"_s, u"corvctl backup list shows the backups"_s);
 
     for (const QJsonValue error : backup.value("errors"_L1).toArray())
-        note(error.toString());
+        note(oneSentence(error.toString()));
     QList<Row> rows;
     for (const QJsonValue value : backup.value("accounts"_L1).toArray()) {
         const QJsonObject account = value.toObject();
@@ -152,62 +175,60 @@ int followBackup(Session &session, const QJsonObject &before)
     return kDone;
 }
 
+// Says that a backup that was asked for has begun, once it has: it shows in the log, runs, or is there.
+int hasBegun(Session &session, const Answer &answer, const QJsonObject &before)
+{
+    const QDeadlineTimer start(kStartTime);
+    bool seen = false;
+    const Answer last = askUntil(session, u"backup.status"_s, [&](const QJsonObject &reply) {
+        seen = reply.value("running"_L1).toBool() || newestIn(reply) != newestIn(before) ||
+               reply.value("log"_L1) != before.value("log"_L1);
+        return seen || start.hasExpired();
+    });
+    if (!last.ok())
+        return settled(session, last).value_or(kRefused);
+    if (!seen)
+        return fail(kRefused, u"the backup was asked for, but does not begin"_s,
+                    u"journalctl -u corv-backup tells why"_s);
+    return settledWith(session, answer, u"the backup has begun; corvctl backup log shows how far it is"_s);
+}
+
 int start(Session &session, const Given &given)
 {
     const bool wait = given.has("--wait") && !session.options.printOnly;
     QJsonObject before;
-    if (wait) {
+    if (!session.options.printOnly) {
         const Answer status = ask(session, u"backup.status"_s);
         if (!status.ok())
-            return *settled(session, status);
+            return settled(session, status).value_or(kRefused);
         before = status.reply;
+        if (before.value("running"_L1).toBool())
+            return fail(kRefused, u"a backup is being made already"_s, u"corvctl backup log shows how far it is"_s);
     }
 
     const Answer answer = ask(session, u"backup.start"_s);
     if (!wait)
-        return settledWith(session, answer, u"the backup has begun; corvctl backup log shows how far it is"_s);
+        return answer.ok() ? hasBegun(session, answer, before) : settled(session, answer).value_or(kDone);
     if (const std::optional<int> end = settled(session, answer); end && *end != kDone)
         return *end;
     return followBackup(session, before);
 }
 
-// Restores once more with the account resumed for that time. What the agent says of the restore is the answer, unless
-// it does not come to that.
-Answer restoreSuspended(Session &session, const QJsonObject &args)
-{
-    const QJsonObject account = {{u"username"_s, args.value("username"_L1)}};
-    if (const Answer resumed = ask(session, u"hosting.resume"_s, account); !resumed.ok())
-        return resumed;
-    const Answer answer = ask(session, u"backup.restore"_s, args);
-    if (const Answer suspended = ask(session, u"hosting.suspend"_s, account); !suspended.ok())
-        note(u"%1 could not be suspended again, and is on-line"_s.arg(account.value("username"_L1).toString()));
-    return answer;
-}
-
-int restore(Session &session, const Given &given)
-{
-    const QString name = given.text("ACCOUNT");
-    const QString what = given.text("files|database");
-    if (what == "database"_L1) {
-        const std::optional<QString> typed = confirmation(
-            session,
-            u"This replaces the database of %1 by the one in the backup. Type %1 to go on:"_s.arg(escaped(name)));
-        if (!typed)
-            return kWrongUsage;
-        if (*typed != name)
-            return fail(kWrongUsage, u"that is not the account's name, so nothing was restored"_s);
-    }
-
-    const QJsonObject args = {{u"username"_s, name}, {u"backup"_s, given.text("BACKUP")}, {u"what"_s, what}};
-    Answer answer = ask(session, u"backup.restore"_s, args);
-    if (given.has("--resume") && answer.reply.value("error"_L1).toString().endsWith(kSuspended))
-        answer = restoreSuspended(session, args);
-    const QString folder = answer.reply.value("restoredTo"_L1).toString();
-    return settledWith(session, answer,
-                       what == "files"_L1 ? u"the files are in %1"_s.arg(folder) : u"the database is restored"_s);
-}
-
 } // namespace
+
+QJsonObject backupNamed(const QJsonObject &status, const QString &name)
+{
+    for (const QJsonValue value : status.value("backups"_L1).toArray()) {
+        if (value.toObject().value("name"_L1).toString() == name)
+            return value.toObject();
+    }
+    return {};
+}
+
+QString noBackup(const QString &name)
+{
+    return u"there is no backup %1"_s.arg(name);
+}
 
 Command backupCommand()
 {
@@ -224,18 +245,7 @@ Command backupCommand()
               "Start a backup now",
               {{"--wait", "follow the log until the end; the exit status tells the outcome", Kind::Flag}},
               start},
-             {"restore",
-              "Bring back an account's files into a new folder, or its database in place of the present one",
-              {{"ACCOUNT", "the account's name", Kind::Required, Names::Account},
-               backup,
-               {"files|database",
-                "what to bring back; a database asks for the account's name",
-                Kind::Required,
-                Names::Nothing,
-                {"files", "database"}},
-               {"--resume", "resume a suspended account for the time of a database's restore, and suspend it again",
-                Kind::Flag}},
-              restore}}};
+             restoreCommand()}};
 }
 
 } // namespace corv::ctl

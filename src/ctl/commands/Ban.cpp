@@ -1,3 +1,5 @@
+#include "ctl/commands/Ban.h"
+
 #include "ctl/Command.h"
 #include "ctl/Session.h"
 #include "ctl/screen/Table.h"
@@ -49,11 +51,6 @@ int list(Session &session, const Given &)
     return kDone;
 }
 
-int enable(Session &session, const Given &)
-{
-    return settledWith(session, ask(session, u"fail2ban.enable"_s), u"fail2ban is on"_s);
-}
-
 int lift(Session &session, const Given &given)
 {
     const QString address = given.text("ADDRESS");
@@ -66,17 +63,22 @@ int lift(Session &session, const Given &given)
 
 Command banCommand()
 {
-    return {"ban",
-            "Addresses that are banned after failed logins (fail2ban)",
-            {},
-            nullptr,
-            {{"list", "List the banned addresses", {}, list},
-             {"jails", "List fail2ban's jails", {}, jails},
-             {"enable", "Install fail2ban and switch on the jails for SSH and the panel's sign-in", {}, enable},
-             {"lift",
-              "Lift the ban of an address",
-              {{"JAIL", "the jail that bans it"}, {"ADDRESS", "the address"}},
-              lift}}};
+    return {
+        "ban",
+        "Addresses that are banned after failed logins (fail2ban)",
+        {},
+        nullptr,
+        {{"list", "List the banned addresses", {}, list},
+         {"jails", "List fail2ban's jails", {}, jails},
+         {"enable", "Install fail2ban and switch on the jails for SSH and the panel's sign-in", {}, enableBans},
+         {"add",
+          "Ban an address until its jail's time is over",
+          {{"ADDRESS", "an IPv4 or IPv6 address"}, {"--jail", "the jail that bans it; sshd without this", Kind::Value}},
+          addBan},
+         {"lift",
+          "Lift the ban of an address",
+          {{"JAIL", "the jail that bans it"}, {"ADDRESS", "the address"}},
+          lift}}};
 }
 
 } // namespace corv::ctl

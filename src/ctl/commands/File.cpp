@@ -1,3 +1,4 @@
+#include "ctl/commands/File.h"
 #include "ctl/Command.h"
 #include "ctl/Input.h"
 #include "ctl/NewFile.h"
@@ -24,20 +25,9 @@ namespace {
 const Parameter kAccount = {"ACCOUNT", "the account's name", Kind::Required, Names::Account};
 const Parameter kPath = {"PATH", "a path in the account's home"};
 
-QJsonObject argsFor(const Given &given, const QString &operation)
-{
-    return {{u"username"_s, given.text("ACCOUNT")}, {u"op"_s, operation}, {u"path"_s, given.text("PATH")}};
-}
-
-// The last part of a path.
-QString nameIn(const QString &path)
-{
-    return QFileInfo(path.endsWith(u'/') ? path.chopped(1) : path).fileName();
-}
-
 int list(Session &session, const Given &given)
 {
-    const Answer answer = ask(session, u"files"_s, argsFor(given, u"list"_s));
+    const Answer answer = ask(session, u"files"_s, fileArguments(given, u"list"_s));
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     QList<Row> rows;
@@ -60,7 +50,7 @@ int list(Session &session, const Given &given)
 
 int read(Session &session, const Given &given)
 {
-    const Answer answer = ask(session, u"files"_s, argsFor(given, u"read"_s));
+    const Answer answer = ask(session, u"files"_s, fileArguments(given, u"read"_s));
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     const QString content = answer.reply.value("content"_L1).toString();
@@ -76,7 +66,7 @@ int write(Session &session, const Given &given)
         return kWrongUsage;
     if (!content->isValidUtf8())
         return fail(kWrongUsage, u"that is no text in UTF-8"_s, u"corvctl file put sends any file"_s);
-    QJsonObject args = argsFor(given, u"write"_s);
+    QJsonObject args = fileArguments(given, u"write"_s);
     args.insert(u"content"_s, QString::fromUtf8(*content));
     const Answer answer = ask(session, u"files"_s, args);
     return settledWith(session, answer,
@@ -85,13 +75,15 @@ int write(Session &session, const Given &given)
 
 int put(Session &session, const Given &given)
 {
+    if (given.has("--recursive"))
+        return putFolder(session, given);
     const QString local = given.text("FILE");
     if (local == "-"_L1 && session.options.isOneOfMany)
         return fail(kWrongUsage, u"standard input cannot go to several servers: name a FILE"_s);
     QString path = given.text("PATH");
     if (path.isEmpty() || path.endsWith(u'/'))
-        path += nameIn(local);
-    if (local == "-"_L1 && nameIn(path) == "-"_L1)
+        path += lastPart(local);
+    if (local == "-"_L1 && lastPart(path) == "-"_L1)
         return fail(kWrongUsage, u"standard input has no name: give a PATH"_s);
 
     const QString name = transferName();
@@ -104,7 +96,7 @@ int put(Session &session, const Given &given)
                                     : ::open(QFile::encodeName(local).constData(), O_RDONLY | O_CLOEXEC));
     if (!source)
         return fail(kWrongUsage, u"cannot read %1: %2"_s.arg(local, QString::fromLocal8Bit(std::strerror(errno))));
-    const Transferred sent = putIntoTransfer(session, source, name, escaped(nameIn(path)));
+    const Transferred sent = putIntoTransfer(session, source, name, escaped(lastPart(path)));
     if (sent.status != kDone)
         return fail(sent.status, u"%1: %2"_s.arg(local, sent.problem));
 
@@ -114,8 +106,70 @@ int put(Session &session, const Given &given)
     return settledWith(session, answer, u"%1: %2"_s.arg(path, humanBytes(answer.reply.value("size"_L1).toInteger())));
 }
 
-// Copies a download that waits in the transfer directory to where the user wants it.
-int fetch(const Session &session, const QJsonObject &download, const QString &local, const QString &what)
+int get(Session &session, const Given &given)
+{
+    if (given.has("--recursive"))
+        return getFolder(session, given);
+    if (session.options.isOneOfMany)
+        return fail(kWrongUsage, u"files of several servers cannot have one name: name one server"_s);
+    QString local = given.text("FILE");
+    if (local.isEmpty())
+        local = u"."_s;
+    if (local != "-"_L1 && QFileInfo(local).isDir())
+        local += u'/' + lastPart(given.text("PATH"));
+    if (local == "-"_L1 && session.terminal.out)
+        return fail(kWrongUsage, u"standard output is a terminal"_s, u"name a FILE, or use corvctl file cat"_s);
+
+    const Answer answer = ask(session, u"files"_s, fileArguments(given, u"download"_s));
+    if (answer.fate == Answer::Fate::Printed || !answer.ok())
+        return *settled(session, answer);
+    const int status = fetchDownload(session, answer.reply, local, escaped(lastPart(given.text("PATH"))));
+    if (status != kDone || local == "-"_L1)
+        return status;
+    return settledWith(session, answer, u"%1: %2"_s.arg(local, humanBytes(answer.reply.value("size"_L1).toInteger())));
+}
+
+int makeFolder(Session &session, const Given &given)
+{
+    return settledWith(session, ask(session, u"files"_s, fileArguments(given, u"mkdir"_s)),
+                       u"%1 is made"_s.arg(given.text("PATH")));
+}
+
+int move(Session &session, const Given &given)
+{
+    QJsonObject args = fileArguments(given, u"rename"_s);
+    args.insert(u"to"_s, given.text("TO"));
+    return settledWith(session, ask(session, u"files"_s, args),
+                       u"%1 is %2 now"_s.arg(given.text("PATH"), given.text("TO")));
+}
+
+int remove(Session &session, const Given &given)
+{
+    const QString path = given.text("PATH");
+    const QString name = lastPart(path);
+    const std::optional<QString> typed = confirmation(
+        session, u"This deletes %1 with all that is in it. Type %2 to go on:"_s.arg(escaped(path), escaped(name)));
+    if (!typed)
+        return kWrongUsage;
+    if (*typed != name)
+        return fail(kWrongUsage, u"that is not the name, so nothing was deleted"_s);
+    return settledWith(session, ask(session, u"files"_s, fileArguments(given, u"delete"_s)),
+                       u"%1 is deleted"_s.arg(path));
+}
+
+} // namespace
+
+QJsonObject fileArguments(const Given &given, const QString &operation)
+{
+    return {{u"username"_s, given.text("ACCOUNT")}, {u"op"_s, operation}, {u"path"_s, given.text("PATH")}};
+}
+
+QString lastPart(const QString &path)
+{
+    return QFileInfo(path.endsWith(u'/') ? path.chopped(1) : path).fileName();
+}
+
+int fetchDownload(const Session &session, const QJsonObject &download, const QString &local, const QString &what)
 {
     const QString name = download.value("transfer"_L1).toString();
     const qint64 size = download.value("size"_L1).toInteger(-1);
@@ -139,56 +193,6 @@ int fetch(const Session &session, const QJsonObject &download, const QString &lo
     return file.keep() ? kDone : fail(kRefused, u"%1: cannot be replaced"_s.arg(local));
 }
 
-int get(Session &session, const Given &given)
-{
-    if (session.options.isOneOfMany)
-        return fail(kWrongUsage, u"files of several servers cannot have one name: name one server"_s);
-    QString local = given.text("FILE");
-    if (local.isEmpty())
-        local = u"."_s;
-    if (local != "-"_L1 && QFileInfo(local).isDir())
-        local += u'/' + nameIn(given.text("PATH"));
-    if (local == "-"_L1 && session.terminal.out)
-        return fail(kWrongUsage, u"standard output is a terminal"_s, u"name a FILE, or use corvctl file cat"_s);
-
-    const Answer answer = ask(session, u"files"_s, argsFor(given, u"download"_s));
-    if (answer.fate == Answer::Fate::Printed || !answer.ok())
-        return *settled(session, answer);
-    const int status = fetch(session, answer.reply, local, escaped(nameIn(given.text("PATH"))));
-    if (status != kDone || local == "-"_L1)
-        return status;
-    return settledWith(session, answer, u"%1: %2"_s.arg(local, humanBytes(answer.reply.value("size"_L1).toInteger())));
-}
-
-int makeFolder(Session &session, const Given &given)
-{
-    return settledWith(session, ask(session, u"files"_s, argsFor(given, u"mkdir"_s)),
-                       u"%1 is made"_s.arg(given.text("PATH")));
-}
-
-int move(Session &session, const Given &given)
-{
-    QJsonObject args = argsFor(given, u"rename"_s);
-    args.insert(u"to"_s, given.text("TO"));
-    return settledWith(session, ask(session, u"files"_s, args),
-                       u"%1 is %2 now"_s.arg(given.text("PATH"), given.text("TO")));
-}
-
-int remove(Session &session, const Given &given)
-{
-    const QString path = given.text("PATH");
-    const QString name = nameIn(path);
-    const std::optional<QString> typed = confirmation(
-        session, u"This deletes %1 with all that is in it. Type %2 to go on:"_s.arg(escaped(path), escaped(name)));
-    if (!typed)
-        return kWrongUsage;
-    if (*typed != name)
-        return fail(kWrongUsage, u"that is not the name, so nothing was deleted"_s);
-    return settledWith(session, ask(session, u"files"_s, argsFor(given, u"delete"_s)), u"%1 is deleted"_s.arg(path));
-}
-
-} // namespace
-
 Command fileCommand()
 {
     return {
@@ -202,17 +206,23 @@ Command fileCommand()
           "Write a text file from standard input",
           {kAccount, kPath, {"--from", "take the text from this file", Kind::Value, Names::File}},
           write},
+         {"edit",
+          "Edit a text file with $EDITOR, and write it back unless it was changed meanwhile",
+          {kAccount, kPath},
+          editFile},
          {"put",
           "Send a file of up to 256 MiB",
           {kAccount,
            {"FILE", "a file of this machine; - for standard input", Kind::Required, Names::File},
-           {"PATH", "where it goes; its own name in the home without this", Kind::Optional}},
+           {"PATH", "where it goes; its own name in the home without this", Kind::Optional},
+           {"-r,--recursive", "send a folder with all that is in it", Kind::Flag}},
           put},
          {"get",
           "Fetch a file of up to 256 MiB",
           {kAccount,
            kPath,
-           {"FILE", "where it goes; here without this, - for standard output", Kind::Optional, Names::File}},
+           {"FILE", "where it goes; here without this, - for standard output", Kind::Optional, Names::File},
+           {"-r,--recursive", "fetch a folder with all that is in it", Kind::Flag}},
           get},
          {"mkdir", "Make a folder", {kAccount, kPath}, makeFolder},
          {"mv", "Rename or move a file or folder; replaces nothing", {kAccount, kPath, {"TO", "the new path"}}, move},

@@ -1,12 +1,15 @@
 #include "ctl/commands/Status.h"
 
-#include "common/Account.h"
+#include "common/InHand.h"
 #include "common/Json.h"
 #include "ctl/Command.h"
+#include "ctl/Meant.h"
 #include "ctl/Session.h"
+#include "ctl/commands/StatusHere.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Updates.h"
 #include "ctl/notify/Failures.h"
+#include "ctl/screen/Busy.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Wrap.h"
 
@@ -27,6 +30,8 @@ constexpr qint64 kOldBackup = 36 * kHour; // a night was missed
 constexpr qint64 kOldLists = 7 * kDay;    // nothing can be said of updates any more
 constexpr qint64 kLeastFreePercent = 10;
 
+constexpr qint64 kLongRequest = 2000; // milliseconds
+
 constexpr int kMarkColumns = 2;
 constexpr int kTopicColumns = 10;
 
@@ -38,7 +43,7 @@ QString plural(qint64 number, const QString &one, const QString &many)
 // The error of a reply, empty where there is none.
 QString errorIn(const QJsonObject &reply)
 {
-    return reply.value("ok"_L1).toBool() ? QString() : reply.value("error"_L1).toString(u"no reply"_s);
+    return reply.value("ok"_L1).toBool() ? QString() : oneSentence(reply.value("error"_L1).toString(u"no reply"_s));
 }
 
 StatusLine serverLine(const QJsonObject &info)
@@ -95,18 +100,12 @@ QList<StatusLine> diskLines(const QJsonObject &reply)
     return lines;
 }
 
-// Another server's user database cannot be read from here, and measuring all homes would hold its agent up for minutes.
-// Its last backup saved the accounts that there were then.
+// Without the user database, measuring all homes would tell their number, and hold the agent up for minutes.
 StatusLine accountsLine(const Replies &replies, std::optional<qsizetype> accounts)
 {
     const QJsonObject sizes = replies.value("hosting.usage"_L1).toObject().value("usage"_L1).toObject();
-    if (!accounts && sizes.isEmpty()) {
-        const QJsonObject last =
-            replies.value("backup.status"_L1).toObject().value("backups"_L1).toArray().first().toObject();
-        if (!last.contains("accounts"_L1))
-            return {u"Accounts"_s, u"their number is known on the server alone"_s};
-        return {u"Accounts"_s, u"%1 at the last backup"_s.arg(last.value("accounts"_L1).toArray().size())};
-    }
+    if (!accounts && sizes.isEmpty())
+        return {u"Accounts"_s, u"their number is known on the server alone"_s};
 
     QString text = QString::number(accounts.value_or(sizes.size()));
     if (!sizes.isEmpty()) {
@@ -199,7 +198,7 @@ QList<StatusLine> backupLines(const QJsonObject &reply, qint64 now)
              humanBytes(last.value("bytes"_L1).toInteger()), outcome, running),
          age > kOldBackup || !isTold || !errors.isEmpty()}};
     for (const auto &error : errors)
-        lines.append({QString(), error.toString().simplified(), true});
+        lines.append({QString(), oneSentence(error.toString()), true});
     if (reply.value("next"_L1).toString().isEmpty())
         lines.append({QString(), u"no next one is planned: systemctl enable --now corv-backup.timer"_s, true});
     return lines;
@@ -233,11 +232,14 @@ void showPlain(const QList<StatusLine> &lines)
     }
 }
 
-qsizetype accountsHere()
+// The agent answers nothing before it is done with it, so it is told at once. What has just begun is over in a moment.
+void tellOfRequestInHand(const Session &session)
 {
-    const QList<hosting::User> users = hosting::users();
-    return std::count_if(users.cbegin(), users.cend(),
-                         [](const hosting::User &user) { return hosting::hasMarker(user.comment); });
+    if (!session.options.hosts.empty() || session.options.printOnly)
+        return;
+    const std::optional<InHand> request = readInHand(kInHandPath);
+    if (request && bootMilliseconds() - request->began >= kLongRequest)
+        note(u"the agent is busy with %1; the rest follows when it is done"_s.arg(named(*request)));
 }
 
 // What the agent's replies do not tell, and this server itself does.
@@ -258,6 +260,7 @@ void addWhatIsKnownHere(const Replies &replies, qint64 now, QList<StatusLine> *l
 int status(Session &session, const Given &)
 {
     Replies replies;
+    tellOfRequestInHand(session);
     // What the agent refuses is part of the picture; an agent that does not answer is the end of it.
     for (const QString &command : {u"system.info"_s, u"services.status"_s, u"system.disks"_s, u"security.status"_s,
                                    u"updates.status"_s, u"backup.status"_s, u"quota.status"_s, u"hosting.usage"_s}) {
@@ -274,7 +277,10 @@ int status(Session &session, const Given &)
     }
     if (session.options.printOnly)
         return kDone;
+    const QJsonObject here = readHere(session);
     if (session.options.json) {
+        if (!here.isEmpty())
+            replies.insert(u"here"_s, here);
         const QByteArray line = compactJson(replies);
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
         return kDone;
@@ -282,9 +288,11 @@ int status(Session &session, const Given &)
 
     const bool isHere = session.options.hosts.empty();
     const qint64 now = QDateTime::currentSecsSinceEpoch();
-    QList<StatusLine> lines = statusLines(replies, isHere ? std::optional(accountsHere()) : std::nullopt, now);
+    const std::optional<QStringList> names = accountNames(session);
+    QList<StatusLine> lines = statusLines(replies, names ? std::optional(names->size()) : std::nullopt, now);
     if (isHere)
         addWhatIsKnownHere(replies, now, &lines);
+    addHere(here, &lines);
     if (session.options.plain)
         showPlain(lines);
     else
@@ -296,7 +304,7 @@ int status(Session &session, const Given &)
 
 Command statusCommand()
 {
-    return {"status", "Tell on one screen whether the server is well", {}, status};
+    return {"status", "Tell on one screen whether the server is well", {}, status, {}, true};
 }
 
 QList<StatusLine> statusLines(const Replies &replies, std::optional<qsizetype> accounts, qint64 now)

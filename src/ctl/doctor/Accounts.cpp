@@ -3,6 +3,7 @@
 #include "common/Account.h"
 #include "common/Pool.h"
 #include "common/Site.h"
+#include "ctl/doctor/Remainders.h"
 
 #include <QRegularExpression>
 
@@ -11,7 +12,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-constexpr auto kRestoring = "__restore"_L1;
 constexpr auto kReplaced = "__old"_L1;
 
 QString sql(const QString &statement)
@@ -32,18 +32,29 @@ QString domainOfSite(const AccountParts &account)
     return hosting::isStoredDomain(name) ? name : QString();
 }
 
-// What a creation or a deletion leaves that was cut off: a user alone. Everything else of it can only be guessed.
-bool isHalfThere(const AccountParts &account, const std::optional<Databases> &databases)
-{
-    return !account.site && account.pools.isEmpty() && account.parkedPools.isEmpty() && databases &&
-           !findRole(*databases, account.name) && !findDatabase(*databases, account.name);
-}
-
-Finding halfThere(const QString &name)
+// Everything else of it can only be guessed, so that the only way is on: to the end of a deletion.
+Finding halfThere(const QString &name, bool hasRole)
 {
     return {Level::Fault,
-            u"the account %1 is only half there: its user has no site, no pool, no role and no database"_s.arg(name),
-            u"tar -czf /root/%1-home.tar.gz -C /home %1 && userdel --remove %1"_s.arg(name)};
+            u"the account %1 is only half there: its user has no site, no pool%2 and no database"_s.arg(
+                name, hasRole ? QString() : u", no role"_s),
+            finishDeletion(name)};
+}
+
+// A deletion that ended while PostgreSQL dropped the database: its site and pools are gone by then, and its archives
+// are made.
+bool isHalfDeleted(const AccountParts &account, const std::optional<Databases> &databases)
+{
+    const Database *const database = databases ? findDatabase(*databases, account.name) : nullptr;
+    return database && database->isInvalid && !account.site && !account.archives.isEmpty();
+}
+
+Finding halfDeleted(const AccountParts &account)
+{
+    return {Level::Fault,
+            u"a deletion of the account %1 was cut off while its database was dropped; its archives are %2"_s.arg(
+                account.name, account.archives.join(u" and "_s)),
+            finishDeletion(account.name)};
 }
 
 bool hasDomain(const AccountParts &account)
@@ -237,44 +248,6 @@ QList<Finding> checkSite(const AccountParts &account, const QString &php, bool s
     return findings;
 }
 
-QList<Finding> checkScratchDatabases(const Databases &databases)
-{
-    QList<Finding> findings;
-    for (const Database &database : databases.databases) {
-        const bool restoring = database.name.endsWith(kRestoring);
-        if (!restoring && !database.name.endsWith(kReplaced))
-            continue;
-        const QString account = database.name.chopped(restoring ? kRestoring.size() : kReplaced.size());
-        // Where the live database is missing, that is told with the account.
-        if (!hosting::validUsername(account) || (!restoring && !findDatabase(databases, account)))
-            continue;
-        findings.append({Level::Fault, u"a restore that was cut off left the database %1"_s.arg(database.name),
-                         u"runuser -u postgres -- dropdb %1"_s.arg(database.name)});
-    }
-    return findings;
-}
-
-// A role and a database as creation makes them, whose user is gone. A role alone may be anybody's.
-QList<Finding> checkOrphans(const Databases &databases, const QStringList &users)
-{
-    QList<Finding> findings;
-    for (const Role &role : databases.roles) {
-        const QString &name = role.name;
-        if (!hosting::validUsername(name) || users.contains(name) || !role.isPlain)
-            continue;
-        const Database *const database = findDatabase(databases, name);
-        if (!database) {
-            findings.append({Level::Note, u"PostgreSQL has a role %1, but the server has no such user"_s.arg(name),
-                             u"runuser -u postgres -- dropuser %1"_s.arg(name)});
-        } else if (database->owner == name && !database->isOpen) {
-            findings.append({Level::Fault, u"the role and database %1 belong to no account"_s.arg(name),
-                             u"runuser -u postgres -- pg_dump -Fc %1 >/root/%1-db.dump && "
-                             "runuser -u postgres -- dropdb %1 && runuser -u postgres -- dropuser %1"_s.arg(name)});
-        }
-    }
-    return findings;
-}
-
 } // namespace
 
 bool letsMoreIn(const QByteArray &pool, const QString &account)
@@ -294,14 +267,6 @@ bool letsMoreIn(const QByteArray &pool, const QString &account)
     });
 }
 
-QString accountOfFile(const QString &fileName)
-{
-    static const QRegularExpression pattern(
-        QRegularExpression::anchoredPattern(u"corv-([a-z0-9]+)\\.conf(\\.suspended)?"_s));
-    const QString name = pattern.match(fileName).captured(1);
-    return hosting::validUsername(name) ? name : QString();
-}
-
 QList<Finding> checkAccount(const AccountParts &account, const QString &php, const std::optional<Databases> &databases)
 {
     if (!hosting::validUsername(account.name)) {
@@ -309,8 +274,10 @@ QList<Finding> checkAccount(const AccountParts &account, const QString &php, con
                  u"the user '%1' is marked as an account, but no account can have that name"_s.arg(account.name),
                  u"usermod --comment '' "_s + shellWord(account.name)}};
     }
+    if (isHalfDeleted(account, databases))
+        return {halfDeleted(account)};
     if (isHalfThere(account, databases))
-        return {halfThere(account.name)};
+        return {halfThere(account.name, findRole(*databases, account.name) != nullptr)};
 
     QList<Finding> findings = checkDomain(account);
     const Role *const role = databases ? findRole(*databases, account.name) : nullptr;
@@ -323,34 +290,6 @@ QList<Finding> checkAccount(const AccountParts &account, const QString &php, con
     const bool suspended = isSuspendedSite(account) || (!account.site && account.expired);
     return findings + checkSuspension(account, role) + checkPools(account, php, suspended) +
            checkSite(account, php, suspended);
-}
-
-QList<Finding> checkLeftovers(const NamedParts &parts, const std::optional<Databases> &databases,
-                              const QStringList &users, const QStringList &accounts)
-{
-    QList<Finding> findings;
-    for (const QString &pool : parts.pools) {
-        const QString name = accountOfFile(pool.section(u'/', -1));
-        if (name.isEmpty() || accounts.contains(name))
-            continue;
-        const QString php = pool.section(u'/', 3, 3);
-        findings.append({Level::Fault, u"a PHP pool is left of %1, which is no account"_s.arg(name),
-                         u"rm %1; systemctl try-reload-or-restart php%2-fpm"_s.arg(shellWord(pool), php)});
-    }
-    for (const QString &site : parts.sites) {
-        const QString name = accountOfFile(site);
-        if (name.isEmpty() || accounts.contains(name))
-            continue;
-        findings.append({Level::Fault, u"an Apache site is left of %1, which is no account"_s.arg(name),
-                         u"rm -f /etc/apache2/sites-*/%1 && systemctl reload apache2"_s.arg(site)});
-    }
-    for (const QString &home : parts.ownerlessHomes) {
-        findings.append({Level::Fault, u"the folder %1 belongs to no user"_s.arg(home),
-                         u"tar -czf /root/left-over-home.tar.gz %1 && rm -rf %1"_s.arg(shellWord(home))});
-    }
-    if (databases)
-        findings += checkScratchDatabases(*databases) + checkOrphans(*databases, users);
-    return findings;
 }
 
 } // namespace corv::ctl

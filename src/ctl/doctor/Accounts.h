@@ -21,6 +21,7 @@ struct AccountParts
     bool siteEnabled = false;
     QStringList pools;       // the PHP versions in which it has a pool
     QStringList parkedPools; // those in which it has a pool that a suspension put aside
+    QStringList archives;    // the paths of the archives of its last deletion that came to make both
     QStringList openPools;   // those whose pool, parked or not, lets in more than the agent's own (see letsMoreIn)
 };
 

@@ -54,10 +54,8 @@ QList<Finding> checkSpace(const QJsonObject &status, const QJsonArray &backups)
     const QString destination = status.value("destination"_L1).toString();
     if (free < 0 || free >= needed)
         return {};
-    // The oldest one is what the next run would remove anyway, sooner or later; never the only one.
-    const QString oldest = backups.last().toObject().value("name"_L1).toString();
-    const QString mend = backups.size() > 1 ? u"rm -r "_s + shellWord(destination + u'/' + oldest)
-                                            : u"df -h "_s + shellWord(destination);
+    // Which backup may go, if any, is for nobody else to say.
+    const QString mend = u"df -h "_s + shellWord(destination);
     return {
         {Level::Fault,
          u"only %1 are free at %2, and the next backup needs %3"_s.arg(gibibytes(free), destination, gibibytes(needed)),

@@ -49,7 +49,9 @@ const QString kDatabasesQuery =
     u"SELECT json_build_object("
     "'version', current_setting('server_version_num')::int, "
     "'roles', (SELECT coalesce(json_agg(json_build_object('name', rolname, 'login', rolcanlogin, 'plain', "
-    "NOT (rolsuper OR rolcreaterole OR rolcreatedb OR rolreplication OR rolbypassrls))), '[]') FROM pg_roles), "
+    "NOT (rolsuper OR rolcreaterole OR rolcreatedb OR rolreplication OR rolbypassrls), 'bare', NOT EXISTS (SELECT FROM "
+    "pg_shdepend WHERE refclassid = 'pg_authid'::regclass AND refobjid = pg_roles.oid) AND NOT EXISTS (SELECT FROM "
+    "pg_auth_members WHERE roleid = pg_roles.oid OR member = pg_roles.oid))), '[]') FROM pg_roles), "
     "'databases', (SELECT coalesce(json_agg(json_build_object('name', datname, 'owner', pg_get_userbyid(datdba), "
     "'open', has_database_privilege('public', oid, 'CONNECT'), 'template', datistemplate, 'closed', NOT datallowconn, "
     "'invalid', datconnlimit = -2, 'holders', (SELECT coalesce(json_agg(DISTINCT held.pid), '[]') FROM pg_locks AS "
@@ -73,8 +75,8 @@ std::optional<Databases> parseDatabases(const QByteArray &answer)
     found.version = object.value("version"_L1).toInt();
     for (const auto &value : object.value("roles"_L1).toArray()) {
         const QJsonObject role = value.toObject();
-        found.roles.append(
-            {role.value("name"_L1).toString(), role.value("login"_L1).toBool(), role.value("plain"_L1).toBool()});
+        found.roles.append({role.value("name"_L1).toString(), role.value("login"_L1).toBool(),
+                            role.value("plain"_L1).toBool(), role.value("bare"_L1).toBool()});
     }
     for (const auto &value : object.value("databases"_L1).toArray()) {
         const QJsonObject database = value.toObject();
@@ -161,6 +163,26 @@ QList<Obstacle> obstaclesOf(const Database &database)
     for (const int holder : database.holders)
         found.append({u"a session keeps a whole table of the database %1 to itself, so it cannot be dumped"_s.arg(name),
                       u"SELECT pg_terminate_backend(%1)"_s.arg(holder)});
+    return found;
+}
+
+QList<Obstacle> obstaclesOfAccount(const QString &account, const Databases &databases)
+{
+    QList<Obstacle> found;
+    if (!findRole(databases, account)) {
+        found.append(
+            {u"the account %1 has no role in PostgreSQL"_s.arg(account), u"CREATE ROLE %1 NOLOGIN"_s.arg(account)});
+    }
+    if (const Database *const database = findDatabase(databases, account))
+        return found + obstaclesOf(*database);
+    if (findDatabase(databases, account + u"__old"_s)) {
+        found.append({u"a restore that was cut off left the database of the account %1 as %1__old"_s.arg(account),
+                      u"ALTER DATABASE %1__old RENAME TO %1"_s.arg(account)});
+        return found;
+    }
+    found.append({u"the account %1 has no database, so it cannot be dumped"_s.arg(account),
+                  u"CREATE DATABASE %1 OWNER %1"_s.arg(account)});
+    found.append({u"which no other may enter"_s, u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(account)});
     return found;
 }
 

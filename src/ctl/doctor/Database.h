@@ -16,6 +16,7 @@ struct Role
     QString name;
     bool mayLogIn = false;
     bool isPlain = false; // it may do nothing but log in
+    bool isBare = false;  // nothing belongs to it, it has been granted nothing, and it is in no other
 };
 
 struct Database
@@ -72,6 +73,9 @@ struct Obstacle
     QString statement;
 };
 QList<Obstacle> obstaclesOf(const Database &database);
+
+// What keeps an account from being deleted: the same of its database, or that it, or the role, is missing.
+QList<Obstacle> obstaclesOfAccount(const QString &account, const Databases &databases);
 
 // Whether every role may connect to what all share: the server's own databases, and by pg_hba.conf to any.
 QList<Finding> checkSharedDatabases(const Databases &databases);

@@ -11,12 +11,19 @@
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Modules.h"
 #include "ctl/doctor/Notify.h"
 #include "ctl/doctor/Updates.h"
+#include "ctl/doctor/Services.h"
+#include "ctl/doctor/Settings.h"
+#include "ctl/doctor/SiteFacts.h"
+#include "ctl/doctor/Visitors.h"
+#include "ctl/doctor/Reach.h"
 
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QSettings>
@@ -32,6 +39,8 @@ namespace corv::ctl {
 namespace {
 
 constexpr int kToolMs = 30'000;
+constexpr int kVisitMs = 3'000;
+constexpr qint64 kLargestText = 1'048'576;
 
 Outcome runTool(const QString &program, const QStringList &args)
 {
@@ -43,24 +52,35 @@ QString firstOf(const QByteArray &errors)
     return QString::fromUtf8(errors).simplified();
 }
 
-Check checkServices(const QSettings &settings, const QString &php)
+// The settings, as far as something else than what they are about tells that they are wrong.
+Check checkSettings(const QSettings &settings, const QString &path)
 {
-    QStringList services = system::monitoredServices(settings);
-    if (!php.isEmpty())
-        services.append(u"php%1-fpm"_s.arg(php));
+    const QString destination = backup::load(settings).destination;
+    QList<QByteArray> units;
+    for (const QString &unit : QDir(u"/etc/systemd/system"_s).entryList({u"*.mount"_s, u"*.automount"_s}, QDir::Files))
+        units.append(readUpTo(u"/etc/systemd/system/"_s + unit, kLargestText).value_or(QByteArray()));
+    const QString point =
+        plannedMount(destination, readUpTo(u"/etc/fstab"_s, kLargestText).value_or(QByteArray()), units);
+    return {u"settings"_s, path,
+            ctl::checkSettings(settings.allKeys(), path) +
+                checkDestination(destination, point,
+                                 isMounted(point, textOf(u"/proc/self/mounts"_s).value_or(QByteArray())))};
+}
 
-    Check check = {u"services"_s, services.join(u' '), {}};
-    for (const auto &value : system::serviceStatus(services)) {
-        const QJsonObject service = value.toObject();
-        if (service.value("active"_L1).toBool())
-            continue;
-        const QString name = service.value("name"_L1).toString();
-        const QString state =
-            service.value("loaded"_L1).toBool() ? service.value("sub"_L1).toString() : u"not installed"_s;
-        check.findings.append({Level::Fault, u"the service %1 does not run: it is %2"_s.arg(name, state),
-                               u"systemctl start "_s + shellWord(name)});
+Check checkServices(const QSettings &settings, const QString &path, const QString &php)
+{
+    const QStringList watched = system::monitoredServices(settings);
+    QStringList services = watched;
+    for (const QString &needed : neededServices(php)) {
+        if (!services.contains(needed))
+            services.append(needed);
     }
-    return check;
+    const QList<Service> found = readServices(services);
+    const bool isKnown = std::none_of(found.cbegin(), found.cend(), [](const Service &service) {
+        return service.second.value(u"LoadState"_s) == "not-found"_L1;
+    });
+    return {u"services"_s, services.join(u' '),
+            ctl::checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched})};
 }
 
 Check checkApache()
@@ -80,6 +100,22 @@ Check checkApache()
         return definesLogFormat(textOf(file).value_or(QByteArray()), u"corv"_s);
     });
     check.findings = ctl::checkApache(parseModules(runTool(u"apache2ctl"_s, {u"-M"_s}).output), hasLogFormat);
+    return check;
+}
+
+// Of every version that has pools: a site may use another one than new accounts get.
+Check checkPhp()
+{
+    Check check = {u"PHP"_s, {}, {}};
+    QStringList seen;
+    for (const QString &version : phpVersions()) {
+        const std::optional<PhpState> state = readPhp(version);
+        if (!state)
+            continue;
+        seen.append(version);
+        check.findings += ctl::checkPhp(*state);
+    }
+    check.seen = seen.isEmpty() ? u"not installed"_s : u"cache of "_s + seen.join(u' ');
     return check;
 }
 
@@ -140,15 +176,47 @@ QStringList namesOf(const QList<hosting::User> &users)
     return names;
 }
 
-Check checkAccounts(const Accounts &users, const QString &php, const std::optional<Databases> &databases)
+// What is left over in files. It keeps services from starting, so that it is told of before them.
+Check checkFiles(const Accounts &users, const NamedParts &parts)
+{
+    return {u"leftovers"_s, u"sites, pools, homes"_s,
+            checkLeftovers(parts, {}, namesOf(users.all), namesOf(users.accounts))};
+}
+
+// began: when the examination did; what a deletion is working on meanwhile is none that was refused.
+Check checkAccounts(const Accounts &users, const QList<AccountSite> &sites, const QString &php,
+                    const std::optional<Databases> &databases, qint64 began)
 {
     const QStringList versions = phpVersions();
+    QStringList suspended;
+    for (const AccountSite &site : sites) {
+        if (site.suspended)
+            suspended.append(site.name);
+    }
+    const QString off =
+        suspended.isEmpty() ? QString() : u", %1 suspended (%2)"_s.arg(suspended.size()).arg(someOf(suspended));
     Check check = {
-        u"accounts"_s, u"%1, PHP %2"_s.arg(users.accounts.size()).arg(php.isEmpty() ? u"not installed"_s : php), {}};
+        u"accounts"_s,
+        u"%1%2, PHP %3"_s.arg(QString::number(users.accounts.size()), off, php.isEmpty() ? u"not installed"_s : php),
+        {}};
     for (const hosting::User &user : users.accounts)
         check.findings += checkAccount(readAccount(user, versions), php, databases);
-    check.findings += checkLeftovers(readNamedParts(versions), databases, namesOf(users.all), namesOf(users.accounts));
+    check.findings += checkLeftovers({}, databases, namesOf(users.all), namesOf(users.accounts));
+    check.findings += checkRefusedDeletions(deletionArchives(kArchives, {}), namesOf(users.accounts), began);
     return check;
+}
+
+Check checkSites(const Accounts &users, const QList<VirtualHost> &hosts, const QList<AccountSite> &sites)
+{
+    return {u"sites"_s, u"%1 enabled"_s.arg(hosts.size()), ctl::checkSites(hosts, sites, namesOf(users.all))};
+}
+
+Check checkVisitors(const QList<VirtualHost> &hosts, const QList<AccountSite> &sites, const QString &php)
+{
+    const QList<SiteSight> sights = sightsOf(hosts, sites, visit(visitsTo(hosts), kVisitMs));
+    const auto asked = std::count_if(sights.cbegin(), sights.cend(),
+                                     [](const SiteSight &sight) { return sight.sight != Sight::NotAsked; });
+    return {u"visitors"_s, u"%1 sites asked for their first page"_s.arg(asked), checkSights(sights, php)};
 }
 
 Check checkFormer()
@@ -237,7 +305,8 @@ Check checkBackups(const QJsonObject &status)
 Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
-    Check check = {u"homes"_s, u"sizes"_s, ctl::checkHomes(sizes, status)};
+    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s, ctl::checkHomes(sizes, status)};
+    check.findings += checkReach(findOutOfReach(namesOf(accounts)));
     if (sizes.isEmpty() && !accounts.isEmpty())
         check.findings.append({Level::Note, u"the homes could not be measured within a minute"_s, u"du -sh /home/*"_s});
     return check;
@@ -247,6 +316,7 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
 
 QList<Check> examine(const QString &settingsPath)
 {
+    const qint64 began = QDateTime::currentSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
     const QString php = hosting::phpVersion();
     const Accounts users = readAccounts();
@@ -254,11 +324,20 @@ QList<Check> examine(const QString &settingsPath)
     const std::optional<Databases> databases = readDatabases(&problem);
     const QJsonObject backups = readBackups(backup::load(settings));
 
-    return {checkServices(settings, php),
+    const QList<VirtualHost> hosts = readSites();
+    const QList<AccountSite> sites = readAccountSites();
+
+    // Causes before what they cause: what is mended from the top to the bottom is well in the end.
+    return {checkSettings(settings, settingsPath),
             checkApache(),
-            checkSshd(),
+            checkFiles(users, readNamedParts(phpVersions())),
+            checkServices(settings, settingsPath, php),
+            checkPhp(),
             checkPostgres(databases, problem),
-            checkAccounts(users, php, databases),
+            checkAccounts(users, sites, php, databases, began),
+            checkSites(users, hosts, sites),
+            checkVisitors(hosts, sites, php),
+            checkSshd(),
             checkFormer(),
             checkQuota(),
             checkApt(),

@@ -1,5 +1,7 @@
 #include "ctl/doctor/Facts.h"
 
+#include "ctl/doctor/Deletions.h"
+
 #include "common/Account.h"
 #include "common/BackupList.h"
 #include "common/FormerIds.h"
@@ -31,6 +33,7 @@ namespace {
 
 constexpr int kToolMs = 30'000;
 constexpr int kMeasureMs = 60'000;
+constexpr gid_t kFirstOwnGroup = 1000; // smaller ones are the system's
 constexpr auto kEnabledSites = "/etc/apache2/sites-enabled"_L1;
 constexpr auto kAvailableSites = "/etc/apache2/sites-available"_L1;
 
@@ -135,6 +138,15 @@ QStringList phpVersions()
     return versions;
 }
 
+std::optional<PhpState> readPhp(const QString &version)
+{
+    const Outcome outcome = runWithin(kToolMs, u"php-fpm"_s + version, {u"-i"_s});
+    if (!outcome.finished)
+        return {};
+    const QString ours = u"/etc/php/%1/fpm/conf.d/90-corvane.ini"_s.arg(version);
+    return PhpState{version, parsePhpInfo(outcome.output), exists(ours)};
+}
+
 AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions)
 {
     AccountParts account;
@@ -144,6 +156,10 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
     if (!hosting::validUsername(user.name))
         return account;
 
+    for (const DeletionArchives &archives : deletionArchives(kArchives, user.name)) {
+        if (archives.isWhole)
+            account.archives = {archives.home, archives.dump};
+    }
     account.site = textOf(hosting::sitePath(user.name));
     account.siteEnabled = QFileInfo::exists(u"%1/%2.conf"_s.arg(kEnabledSites, hosting::siteName(user.name)));
     for (const QString &version : phpVersions) {
@@ -160,6 +176,44 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
             account.openPools.append(version);
     }
     return account;
+}
+
+NameFacts readNameFacts(const QString &name)
+{
+    NameFacts facts;
+    facts.name = name;
+    QString problem; // where PostgreSQL cannot be asked the agent says so
+    facts.databases = readDatabases(&problem);
+    const QByteArray entry = name.toLocal8Bit();
+    const QStringList versions = phpVersions();
+    if (const passwd *user = ::getpwnam(entry.constData())) {
+        facts.hasUser = true;
+        const hosting::User found = {name, user->pw_uid, QString::fromLocal8Bit(user->pw_gecos),
+                                     QString::fromLocal8Bit(user->pw_dir)};
+        if (hosting::hasMarker(found.comment))
+            facts.account = readAccount(found, versions);
+        return facts;
+    }
+    const ::group *group = ::getgrnam(entry.constData());
+    facts.hasEmptyGroup = group && group->gr_gid >= kFirstOwnGroup && !*group->gr_mem;
+    facts.hasSite = exists(hosting::sitePath(name));
+    for (const QString &version : versions) {
+        for (const QString &pool : {hosting::poolPath(version, name), hosting::parkedPoolPath(version, name)}) {
+            if (exists(pool))
+                facts.pools.append(pool);
+        }
+    }
+    static const QStringList places = {u""_s,
+                                       u"/public_html"_s,
+                                       u"/logs"_s,
+                                       u"/tmp"_s,
+                                       u"/.ssh"_s,
+                                       u"/public_html/index.html"_s,
+                                       u"/.ssh/authorized_keys"_s};
+    facts.homeHoldsLinks = std::any_of(places.cbegin(), places.cend(), [&name](const QString &place) {
+        return QFileInfo(hosting::homePath(name) + place).isSymLink();
+    });
+    return facts;
 }
 
 NamedParts readNamedParts(const QStringList &phpVersions)

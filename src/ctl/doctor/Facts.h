@@ -6,6 +6,8 @@
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/Former.h"
+#include "ctl/doctor/Php.h"
+#include "ctl/doctor/Remainders.h"
 #include "ctl/doctor/System.h"
 
 #include <QByteArray>
@@ -44,7 +46,12 @@ QList<PostgresVersion> readClientVersions();
 // The PHP versions for which a folder of pools is there.
 QStringList phpVersions();
 
+// The settings of a PHP version's FPM; nothing where it is not installed.
+std::optional<PhpState> readPhp(const QString &version);
+
 AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions);
+// What a name has on this server that stands in the way of an account's creation.
+NameFacts readNameFacts(const QString &name);
 NamedParts readNamedParts(const QStringList &phpVersions);
 
 // What the accounts of the past have left, and what keeps it from those of the future.

@@ -37,7 +37,6 @@ struct Work
 {
     size_t host = 0; // its place in the list
     pid_t process = -1;
-    QByteArray prefix;
     std::array<Output, 2> outputs;
 };
 
@@ -72,7 +71,6 @@ bool begin(size_t index, const std::string &host, const std::function<int(const 
     const Fd farErr(err[1]);
 
     begun->host = index;
-    begun->prefix = escaped(QString::fromStdString(host)).toUtf8() + ": ";
     (void)std::fflush(nullptr); // what waits to be written would be written by both
     const pid_t parent = ::getpid();
     begun->process = ::fork();
@@ -82,7 +80,7 @@ bool begin(size_t index, const std::string &host, const std::function<int(const 
 }
 
 // Passes on what an output has; at its end it is closed.
-void passOn(Output *output, const QByteArray &prefix)
+void passOn(size_t host, Output *output, const HostLines &take)
 {
     std::array<char, kChunk> buffer = {};
     const ssize_t count = ::read(output->from.get(), buffer.data(), buffer.size());
@@ -95,7 +93,7 @@ void passOn(Output *output, const QByteArray &prefix)
     // A reply may be one line of many megabytes: what was looked through already is not looked through again.
     if (count > 0 && std::find(buffer.data(), buffer.data() + count, '\n') == buffer.data() + count)
         return;
-    (void)writeAll(output->to, takeLines(&output->text, prefix, count <= 0));
+    take(host, output->to, takeLines(&output->text, {}, count <= 0));
 }
 
 bool hasEnded(const Work &work)
@@ -112,7 +110,7 @@ int statusOf(const Work &work)
 }
 
 // Waits for some output of those who work.
-void passSome(std::vector<Work> *working)
+void passSome(std::vector<Work> *working, const HostLines &take)
 {
     std::vector<pollfd> waiting;
     std::vector<std::pair<Output *, const Work *>> outputs;
@@ -128,9 +126,11 @@ void passSome(std::vector<Work> *working)
         return;
     for (size_t i = 0; i < waiting.size(); ++i) {
         if (waiting[i].revents != 0)
-            passOn(outputs[i].first, outputs[i].second->prefix);
+            passOn(outputs[i].second->host, outputs[i].first, take);
     }
 }
+
+} // namespace
 
 QString wordFor(int status)
 {
@@ -147,8 +147,6 @@ QString wordFor(int status)
         return u"no connection"_s;
     }
 }
-
-} // namespace
 
 QByteArray takeLines(QByteArray *text, const QByteArray &prefix, bool atEnd)
 {
@@ -183,7 +181,8 @@ QString hostsSummary(const std::vector<std::string> &hosts, const std::vector<in
     return u"%1 hosts: %2"_s.arg(hosts.size()).arg(parts.join(", "_L1));
 }
 
-int onEachHost(const std::vector<std::string> &hosts, const std::function<int(const std::string &)> &work)
+std::vector<int> workOnEachHost(const std::vector<std::string> &hosts,
+                                const std::function<int(const std::string &)> &work, const HostLines &take)
 {
     std::vector<int> statuses(hosts.size(), kNoConnection);
     std::vector<Work> working;
@@ -196,15 +195,29 @@ int onEachHost(const std::vector<std::string> &hosts, const std::function<int(co
             ++next;
         }
         if (!working.empty())
-            passSome(&working);
+            passSome(&working, take);
         for (const Work &one : working) {
             if (hasEnded(one))
                 statuses[one.host] = statusOf(one);
         }
         std::erase_if(working, hasEnded);
     }
+    return statuses;
+}
+
+int endOfHosts(const std::vector<std::string> &hosts, const std::vector<int> &statuses)
+{
     (void)writeAll(STDERR_FILENO, hostsSummary(hosts, statuses).toUtf8() + '\n');
     return statuses.empty() ? kDone : *std::max_element(statuses.begin(), statuses.end());
+}
+
+int onEachHost(const std::vector<std::string> &hosts, const std::function<int(const std::string &)> &work)
+{
+    const auto withName = [&hosts](size_t host, int to, const QByteArray &lines) {
+        QByteArray text = lines;
+        (void)writeAll(to, takeLines(&text, escaped(QString::fromStdString(hosts[host])).toUtf8() + ": ", true));
+    };
+    return endOfHosts(hosts, workOnEachHost(hosts, work, withName));
 }
 
 } // namespace corv::ctl

@@ -16,6 +16,19 @@ namespace corv::ctl {
 // exit status; the greatest of them all is returned. Call it before there is an application object.
 int onEachHost(const std::vector<std::string> &hosts, const std::function<int(const std::string &)> &work);
 
+// Takes what a host wrote: whole lines, to standard output or to standard error (their descriptors' numbers).
+using HostLines = std::function<void(size_t host, int to, const QByteArray &lines)>;
+
+// The same with something else done with the lines, and without a summary: the exit statuses in the hosts' order.
+std::vector<int> workOnEachHost(const std::vector<std::string> &hosts,
+                                const std::function<int(const std::string &)> &work, const HostLines &take);
+
+// The summary on standard error; gives the greatest of the statuses.
+int endOfHosts(const std::vector<std::string> &hosts, const std::vector<int> &statuses);
+
+// The word for an exit status.
+QString wordFor(int status);
+
 // What became of the hosts, by their exit statuses in the same order: one sentence.
 QString hostsSummary(const std::vector<std::string> &hosts, const std::vector<int> &statuses);
 

@@ -107,7 +107,7 @@ QString hostProblem(const QString &host)
 {
     const QString name = host.section(u'@', -1);
     if (name.isEmpty() || host.startsWith(u'@'))
-        return u"a host is given as HOST or USER@HOST"_s;
+        return u"a host is given as HOST, USER@HOST or @GROUP"_s;
     // ssh would take it for an option.
     if (host.startsWith(u'-') || name.startsWith(u'-'))
         return u"a host's name does not begin with a dash"_s;

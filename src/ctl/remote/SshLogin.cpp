@@ -38,6 +38,21 @@ QByteArray connectionOf(int process)
     return {};
 }
 
+// The variable as the nearest process has it that was started over SSH; empty where there is none.
+QByteArray loginConnection()
+{
+    if (const QByteArray own = qgetenv("SSH_CONNECTION"); !own.isEmpty())
+        return own;
+    // sudo and su take the variable away, but not from the shell that they were started in.
+    int process = ::getppid();
+    for (int i = 0; process > 1 && i < kMostAncestors; ++i) {
+        if (const QByteArray found = connectionOf(process); !found.isEmpty())
+            return found;
+        process = parentOf(process);
+    }
+    return {};
+}
+
 } // namespace
 
 QString sshPortIn(const QByteArray &connection)
@@ -48,16 +63,12 @@ QString sshPortIn(const QByteArray &connection)
 
 QString sshLoginPort()
 {
-    if (const QByteArray own = qgetenv("SSH_CONNECTION"); !own.isEmpty())
-        return sshPortIn(own);
-    // sudo and su take the variable away, but not from the shell that they were started in.
-    int process = ::getppid();
-    for (int i = 0; process > 1 && i < kMostAncestors; ++i) {
-        if (const QByteArray found = connectionOf(process); !found.isEmpty())
-            return sshPortIn(found);
-        process = parentOf(process);
-    }
-    return {};
+    return sshPortIn(loginConnection());
+}
+
+QString sshLoginAddress()
+{
+    return QString::fromLatin1(loginConnection().split(' ').first());
 }
 
 } // namespace corv::ctl

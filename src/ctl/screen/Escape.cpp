@@ -1,5 +1,6 @@
 #include "ctl/screen/Escape.h"
 
+#include <QStringList>
 #include <QStringView>
 
 using namespace Qt::Literals::StringLiterals;
@@ -71,6 +72,21 @@ QString escaped(const QString &text)
 QString escapedLines(const QString &text)
 {
     return escape(text, true);
+}
+
+QString oneSentence(const QString &text)
+{
+    constexpr auto signs = ".,:;!?"_L1;
+    QString sentence;
+    for (const QString &line : text.split(u'\n')) {
+        const QString words = line.simplified();
+        if (words.isEmpty())
+            continue;
+        if (!sentence.isEmpty())
+            sentence += signs.contains(sentence.back()) ? " "_L1 : "; "_L1;
+        sentence += words;
+    }
+    return sentence;
 }
 
 QByteArray escapedJson(const QByteArray &json)

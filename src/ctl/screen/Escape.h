@@ -14,6 +14,10 @@ QString escaped(const QString &text);
 // The same for a text of several lines: line feeds and tabs stay.
 QString escapedLines(const QString &text);
 
+// What a tool said in several lines, as one sentence: lines are joined by "; " where the one before does not end with a
+// sign of its own, blanks and tabs become one blank. It is not escaped yet.
+QString oneSentence(const QString &text);
+
 // JSON on a terminal: what it may hold as it is but a terminal should not get is written in JSON's own way (\u009b), so
 // that it stays the same JSON.
 QByteArray escapedJson(const QByteArray &json);

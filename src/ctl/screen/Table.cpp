@@ -4,6 +4,7 @@
 #include "ctl/screen/Escape.h"
 
 #include <algorithm>
+#include <functional>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -11,8 +12,12 @@ namespace corv::ctl {
 namespace {
 
 constexpr int kGap = 2;
-// No column is shortened below this.
-constexpr int kNarrowest = 8;
+// Columns of words are shortened to the first, then to the second, and all to the last.
+constexpr int kNarrow = 8;
+constexpr int kNarrower = 5;
+constexpr int kNarrowest = 2;
+// What is left of a title over numbers that are narrower.
+constexpr int kTitle = 3;
 // No terminal is wider; what a string of megabytes takes beyond it need not be known.
 constexpr qsizetype kWidest = 2000;
 
@@ -27,38 +32,61 @@ QString padded(const QString &text, int width, bool right)
     return right ? blanks + text : text + blanks;
 }
 
-// Takes columns away from the widest until the table fits, or none can be narrower.
-void fit(QList<int> &widths, int columns)
+// A column before it is fitted: how wide it is, and what its widest value takes without the title.
+struct Column
+{
+    int width = 0;
+    int value = 0;
+    bool isNumber = false;
+};
+
+// Takes from the widest column that is wider than its floor until the table fits, or all are at theirs.
+void narrow(QList<Column> &columns, int room, const std::function<int(const Column &)> &floorOf)
 {
     const auto total = [&] {
-        int sum = kGap * static_cast<int>(widths.size() - 1);
-        for (const int width : widths)
-            sum += width;
+        int sum = kGap * static_cast<int>(columns.size() - 1);
+        for (const Column &column : columns)
+            sum += column.width;
         return sum;
     };
-    for (int over = total() - columns; over > 0; over = total() - columns) {
-        const auto widest = std::max_element(widths.begin(), widths.end());
-        if (*widest <= kNarrowest)
+    for (int over = total() - room; over > 0; over = total() - room) {
+        Column *widest = nullptr;
+        for (Column &column : columns) {
+            if (column.width > floorOf(column) && (!widest || column.width > widest->width))
+                widest = &column;
+        }
+        if (!widest)
             return;
-        int second = kNarrowest;
-        for (const int width : widths) {
-            if (width < *widest)
-                second = std::max(second, width);
+        int second = floorOf(*widest);
+        for (const Column &column : columns) {
+            if (column.width > floorOf(column) && column.width < widest->width)
+                second = std::max(second, column.width);
         }
         // Down to the next widest, or one by one where several share the place.
-        *widest -= std::clamp(*widest - second, 1, over);
+        widest->width -= std::clamp(widest->width - second, 1, over);
     }
 }
 
+// Words are shortened first, then the titles over numbers; half a number says something else than the number.
+void fit(QList<Column> &columns, int room)
+{
+    narrow(columns, room, [](const Column &column) { return column.isNumber ? column.width : kNarrow; });
+    narrow(columns, room,
+           [](const Column &column) { return column.isNumber ? std::max(column.value, kTitle) : kNarrow; });
+    narrow(columns, room,
+           [](const Column &column) { return column.isNumber ? std::max(column.value, kTitle) : kNarrower; });
+    narrow(columns, room, [](const Column &) { return kNarrowest; });
+}
+
 // A column with numbers stands at the right.
-QString lineOf(const Terminal &terminal, const Row &row, const QList<int> &widths, const QList<bool> &numbers)
+QString lineOf(const Terminal &terminal, const Row &row, const QList<Column> &columns)
 {
     QString line;
     for (qsizetype i = 0; i < row.size(); ++i) {
         const Cell &cell = row[i];
-        const QString shown = terminal.columns > 0 ? shortened(cell.shown, widths[i]) : cell.shown;
-        const bool last = i + 1 == row.size() && !numbers[i];
-        const QString in = last ? shown : padded(shown, widths[i], numbers[i]);
+        const QString shown = terminal.columns > 0 ? shortened(cell.shown, columns[i].width) : cell.shown;
+        const bool last = i + 1 == row.size() && !columns[i].isNumber;
+        const QString in = last ? shown : padded(shown, columns[i].width, columns[i].isNumber);
         line += coloured(terminal, cell.colour, in);
         if (i + 1 < row.size())
             line += QString(kGap, u' ');
@@ -84,6 +112,12 @@ Cell text(const QString &text, Colour colour)
 {
     const QString safe = escaped(text);
     return {safe, safe, colour, false};
+}
+
+Cell whole(const QString &text)
+{
+    const QString safe = escaped(text);
+    return {safe, safe, Colour::None, false, true};
 }
 
 Cell number(qint64 number)
@@ -125,26 +159,24 @@ Cell yesNo(bool value, Colour whenTrue, Colour whenFalse)
 
 QString tableText(const Terminal &terminal, const QStringList &titles, const QList<Row> &rows)
 {
-    QList<int> widths;
-    QList<bool> numbers;
+    QList<Column> columns;
     Row head;
     for (qsizetype i = 0; i < titles.size(); ++i) {
-        int width = displayWidth(titles[i]);
-        bool number = false;
+        Column column;
         for (const Row &row : rows) {
-            width = std::max(width, widthOf(row[i].shown));
-            number = number || row[i].number;
+            column.value = std::max(column.value, widthOf(row[i].shown));
+            column.isNumber = column.isNumber || row[i].number;
         }
-        widths.append(width);
-        numbers.append(number);
-        head.append({titles[i], {}, Colour::Strong, number});
+        column.width = std::max(displayWidth(titles[i]), column.value);
+        columns.append(column);
+        head.append({titles[i], {}, Colour::Strong, column.isNumber});
     }
     if (terminal.columns > 0)
-        fit(widths, terminal.columns);
+        fit(columns, terminal.columns);
 
-    QString result = lineOf(terminal, head, widths, numbers);
+    QString result = lineOf(terminal, head, columns);
     for (const Row &row : rows)
-        result += lineOf(terminal, row, widths, numbers);
+        result += lineOf(terminal, row, columns);
     return result;
 }
 
@@ -167,8 +199,8 @@ void printFacts(const Session &session, const QList<Fact> &facts)
             continue;
         }
         const int room = session.terminal.columns - width - kGap;
-        const QString shown =
-            session.terminal.columns > 0 ? shortened(fact.value.shown, std::max(room, kNarrowest)) : fact.value.shown;
+        const bool mayBeShort = session.terminal.columns > 0 && !fact.value.whole;
+        const QString shown = mayBeShort ? shortened(fact.value.shown, std::max(room, kNarrow)) : fact.value.shown;
         result += padded(fact.name, width + kGap, false) + coloured(session.terminal, fact.value.colour, shown) + u'\n';
     }
     print(result.toUtf8());

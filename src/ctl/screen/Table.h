@@ -18,9 +18,11 @@ struct Cell
     QString plain;
     Colour colour = Colour::None;
     bool number = false; // stands at the right
+    bool whole = false;  // as a fact it is never shortened
 };
 
 Cell text(const QString &text, Colour colour = Colour::None);
+Cell whole(const QString &text); // for what is told here only, or to be copied
 Cell number(qint64 number);
 Cell bytes(qint64 bytes);           // for programs: as a number
 Cell time(qint64 secondsSince1970); // likewise

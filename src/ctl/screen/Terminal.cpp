@@ -1,6 +1,7 @@
 #include "ctl/screen/Terminal.h"
 
 #include "ctl/Client.h"
+#include "ctl/screen/Busy.h"
 
 #include <algorithm>
 #include <clocale>
@@ -105,8 +106,9 @@ void Spinner::show(const Waiting &waiting)
     const char turning = "|/-\\"[m_turn++ % 4];
     const QString what = !waiting.taken   ? u"the agent over there is working, or busy with another request"_s
                          : *waiting.taken ? u"the agent is working"_s
-                                          : u"the agent is busy with another request"_s;
-    draw(u"%1 %2 (%3 s)"_s.arg(QChar::fromLatin1(turning), what, QString::number(waiting.seconds)));
+                                          : busyWith(waiting.agent);
+    const QString line = u"%1 %2 (%3 s)"_s.arg(QChar::fromLatin1(turning), what, QString::number(waiting.seconds));
+    draw(shortened(line, columnsOf(STDERR_FILENO) - 1));
 }
 
 Spinner::~Spinner()

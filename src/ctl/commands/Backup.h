@@ -1,0 +1,21 @@
+#pragma once
+
+#include "ctl/Command.h"
+
+#include <QJsonObject>
+#include <QString>
+
+namespace corv::ctl {
+
+constexpr auto kListBackups = QLatin1StringView("corvctl backup list shows the backups");
+
+// The backup of that name in a reply of backup.status; empty where there is none.
+QJsonObject backupNamed(const QJsonObject &status, const QString &name);
+
+// What is said where there is none.
+QString noBackup(const QString &name);
+
+// The command of the topic that has sources of its own.
+Command restoreCommand();
+
+} // namespace corv::ctl

@@ -1,0 +1,161 @@
+#include "ctl/commands/StatusHere.h"
+
+#include "common/Json.h"
+#include "common/Pool.h"
+#include "ctl/Session.h"
+#include "ctl/doctor/Services.h"
+#include "ctl/doctor/SiteFacts.h"
+#include "ctl/doctor/Visitors.h"
+#include "ctl/remote/Remote.h"
+
+#include <QJsonArray>
+#include <QStringList>
+
+#include <algorithm>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+constexpr int kVisitMs = 1'000;
+constexpr int kThereSeconds = 60;
+
+// The words of the JSON for what visitors see.
+constexpr std::pair<Sight, QLatin1StringView> kSights[] = {
+    {Sight::Well, "well"_L1},     {Sight::Suspended, "suspended"_L1}, {Sight::OwnError, "own error"_L1},
+    {Sight::Broken, "broken"_L1}, {Sight::Open, "open"_L1},           {Sight::NotAsked, "not asked"_L1}};
+
+QString wordOf(Sight sight)
+{
+    return std::find_if(std::begin(kSights), std::end(kSights), [&](const auto &one) { return one.first == sight; })
+        ->second;
+}
+
+QJsonArray servicesHere()
+{
+    QJsonArray all;
+    for (const auto &[name, unit] : readServices(neededServices(hosting::phpVersion()))) {
+        const bool exists = unit.value(u"LoadState"_s) != "not-found"_L1;
+        all.append(QJsonObject{{u"name"_s, name},
+                               {u"active"_s, unit.value(u"ActiveState"_s) == "active"_L1},
+                               {u"state"_s, exists ? unit.value(u"SubState"_s) : u"not installed"_s}});
+    }
+    return all;
+}
+
+QJsonArray sitesHere()
+{
+    QJsonArray all;
+    for (const SiteSight &sight : lookAtSites(kVisitMs)) {
+        QJsonObject site = {{u"site"_s, sight.site},
+                            {u"host"_s, sight.host},
+                            {u"port"_s, sight.port},
+                            {u"seen"_s, wordOf(sight.sight)}};
+        if (sight.status != 0)
+            site.insert(u"status"_s, sight.status);
+        if (sight.sight != Sight::Well && sight.sight != Sight::NotAsked)
+            site.insert(u"what"_s, seenText(sight));
+        all.append(site);
+    }
+    return all;
+}
+
+// The line about something, or a new one behind all others.
+StatusLine &lineOf(const QString &topic, QList<StatusLine> *lines)
+{
+    const auto found =
+        std::find_if(lines->begin(), lines->end(), [&topic](const StatusLine &line) { return line.topic == topic; });
+    return found == lines->end() ? *lines->insert(lines->end(), {topic, {}, false}) : *found;
+}
+
+void addServices(const QJsonArray &services, StatusLine *line)
+{
+    const QString running = u" running"_s;
+    QStringList up;
+    QStringList down;
+    for (const auto &value : services) {
+        const QJsonObject service = value.toObject();
+        const QString name = service.value("name"_L1).toString();
+        if (service.value("active"_L1).toBool())
+            up.append(name);
+        else
+            down.append(u"%1 is %2"_s.arg(name, service.value("state"_L1).toString()));
+    }
+    if (!up.isEmpty()) {
+        line->text = line->text.endsWith(running) ? line->text.chopped(running.size()) + u", "_s : line->text + u"; "_s;
+        line->text += up.join(u", "_s) + running;
+    }
+    if (!down.isEmpty()) {
+        line->text = down.join(u"; "_s) + u"; "_s + line->text;
+        line->needsAttention = true;
+    }
+}
+
+// Those that visitors see something wrong with, by what they see.
+StatusLine sitesLine(const QJsonArray &sites)
+{
+    qsizetype asked = 0;
+    qsizetype suspended = 0;
+    QStringList order;
+    QHash<QString, QStringList> wrong;
+    for (const auto &value : sites) {
+        const QJsonObject site = value.toObject();
+        const QString seen = site.value("seen"_L1).toString();
+        if (seen == wordOf(Sight::NotAsked))
+            continue;
+        ++asked;
+        if (seen == wordOf(Sight::Suspended))
+            ++suspended;
+        if (seen == wordOf(Sight::Well) || seen == wordOf(Sight::Suspended))
+            continue;
+        const QString what = seen == wordOf(Sight::Open) ? u"suspended, but open"_s : site.value("what"_L1).toString();
+        if (!wrong.contains(what))
+            order.append(what);
+        wrong[what].append(site.value("host"_L1).toString());
+    }
+    const QString off = suspended > 0 ? u", %1 suspended"_s.arg(suspended) : QString();
+    if (order.isEmpty())
+        return {u"Sites"_s, (asked == 0 ? u"none"_s : u"%1 answer as they should"_s.arg(asked)) + off, false};
+    QStringList parts;
+    for (const QString &what : order)
+        parts.append(u"%1: %2"_s.arg(what, someOf(wrong.value(what))));
+    return {u"Sites"_s, u"%1 (%2 asked%3)"_s.arg(parts.join(u"; "_s), QString::number(asked), off), true};
+}
+
+} // namespace
+
+QJsonObject readHere(const Session &session)
+{
+    if (!session.options.hosts.empty()) {
+        const Distant status = runThere(session.options, {u"corvctl"_s, u"status"_s, u"--json"_s}, kThereSeconds);
+        return parseObject(status.output).value("here"_L1).toObject();
+    }
+    QStringList suspended;
+    for (const AccountSite &account : readAccountSites()) {
+        if (account.suspended)
+            suspended.append(account.name);
+    }
+    return {{u"services"_s, servicesHere()},
+            {u"suspended"_s, QJsonArray::fromStringList(suspended)},
+            {u"sites"_s, sitesHere()}};
+}
+
+void addHere(const QJsonObject &here, QList<StatusLine> *lines)
+{
+    if (here.isEmpty()) {
+        lineOf(u"Sites"_s, lines).text = u"what their visitors see is known on the server alone"_s;
+        return;
+    }
+    addServices(here.value("services"_L1).toArray(), &lineOf(u"Services"_s, lines));
+    QStringList suspended;
+    for (const auto &name : here.value("suspended"_L1).toArray())
+        suspended.append(name.toString());
+    if (!suspended.isEmpty())
+        lineOf(u"Accounts"_s, lines).text += u", %1 suspended (%2)"_s.arg(suspended.size()).arg(someOf(suspended));
+    const auto accounts = std::find_if(lines->cbegin(), lines->cend(),
+                                       [](const StatusLine &line) { return line.topic == "Accounts"_L1; });
+    lines->insert(std::min(accounts - lines->cbegin() + 1, lines->size()), sitesLine(here.value("sites"_L1).toArray()));
+}
+
+} // namespace corv::ctl
