@@ -152,7 +152,7 @@ def test_shows_findings_within_eighty_columns_and_commands_whole(well):
     well.logs("agent: uid 0 ran ping -> ok")
     code, text = on_terminal(well, "doctor")
     assert code == 1
-    assert text.splitlines()[7:10] == [
+    assert text.splitlines()[8:11] == [
         "        accounts    1, PHP 8.2",
         "FAULT   the account alice has no pool in PHP 8.2, the version in force",
         f"        # corvctl doctor --pool alice >{POOL} && systemctl reload php8.2-fpm",
