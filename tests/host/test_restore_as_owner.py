@@ -165,6 +165,16 @@ def test_suspended_account_has_to_be_resumed_first(host, saved):
     assert word(host, account) == "saved"
 
 
+def test_a_suspended_account_is_resumed_for_its_restore_and_suspended_again(host, saved):
+    account, backup = saved
+    assert host.request("hosting.suspend", username=account.name) == {"ok": True}
+    host.ok(["corvctl", "backup", "restore", account.name, backup, "database", "--resume", "--confirm", account.name])
+    assert word(host, account) == "saved"
+    assert databases(host, account) == [""]
+    assert host.sql(f"SELECT rolcanlogin FROM pg_roles WHERE rolname = '{account.name}'").out == "f\n"
+    assert host.fetch(account.domain).status == 503
+
+
 def test_role_without_a_connection_left(host, saved):
     account, _ = saved
     host.sql(f"ALTER ROLE {account.name} CONNECTION LIMIT 0")

@@ -183,10 +183,10 @@ def test_ctrl_c_on_another_server_names_it(busy):
     busy.answer("ssh", shell='shift 3; exec "$@"')
     busy.allows_loose_calls("ssh")
     busy.start()
-    process = begin(busy, "-H", "web1", "account", "suspend", "alice")
+    process = begin(busy, "-H", "web1", "account", "resume", "alice")
     wait_until(lambda: busy.exists(REQUEST), "the request")
     assert interrupt(process, signal.SIGTERM) == (
-        143, "", "corvctl: the agent goes on with hosting.suspend of alice; corvctl -H web1 status shows when it is done\n")
+        143, "", "corvctl: the agent goes on with hosting.resume of alice; corvctl -H web1 status shows when it is done\n")
     busy.write("/tmp/go")
     wait_until(lambda: len(busy.log_lines) == 2, "the end of the request")
     busy.logs(busy.log_lines[1])

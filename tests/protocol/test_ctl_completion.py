@@ -131,7 +131,7 @@ def test_manual_page_has_no_flaws(page):
 
 def test_manual_page_names_every_command_and_option(sandbox):
     page = (ROOT / "man/corvctl.1").read_text().replace("\\-", "-")
-    listed = re.findall(r"^\.It Ic ([a-z -]+?)(?: (?:Ar|Cm|Op|Oo).*)?$", page, re.MULTILINE)
+    listed = re.findall(r"^\.It (?:Xo )?Ic ([a-z -]+?)(?: (?:Ar|Cm|Fl|Op|Oo).*)?$", page, re.MULTILINE)
     for topic in helped():
         for command in helped(topic) or {""}:
             path = f"{topic} {command}".strip()

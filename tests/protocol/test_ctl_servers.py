@@ -203,6 +203,7 @@ def test_status_of_several_hosts_is_a_line_each_with_the_worst_first(ssh):
     replies = {host: status_replies(count) for host, count in (("web1", 0), ("web2", 1), ("web3", 2))}
     with FakeAgent(ssh, lambda connection: answer_status(connection, replies)):
         ssh.answer("ssh", shell='host=$3; shift 3; [ "$2" = account ] && { echo \'{"ok":true,"accounts":[]}\'; exit; }; '
+                                '[ "$2" = status ] && { echo \'{"ok":true}\'; exit; }; '
                                 f'{{ echo "$host"; cat; }} | "$@" --socket {FAKE_SOCKET}')
         ssh.answer("ssh", "-T", "--", "web4", ..., ignore_input=True, exit=255, err="ssh: no route\n")
         code, out, err = corvctl(ssh, "status", *(word for number in range(1, 5) for word in ("-H", f"web{number}")))

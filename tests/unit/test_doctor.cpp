@@ -296,9 +296,10 @@ private Q_SLOTS:
                  QStringList({u"note|disk quotas are off: nothing keeps one account from filling the "
                               "disk|corvctl quota enable"_s}));
         state.hasModules = false;
-        QCOMPARE(problems(checkQuota(state)),
-                 QStringList({u"disk quotas are off, and cannot be had: the running kernel has no quota_v2, and there is no "
-                              "package linux-modules-extra-6.1"_s}));
+        QCOMPARE(
+            problems(checkQuota(state)),
+            QStringList({u"disk quotas are off, and cannot be had: the running kernel has no quota_v2, and there is no "
+                         "package linux-modules-extra-6.1"_s}));
         state.supported = false;
         QCOMPARE(asText(checkQuota(state)), QStringList());
     }

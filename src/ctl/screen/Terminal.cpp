@@ -163,10 +163,10 @@ QString progressLine(const QString &what, qint64 done, qint64 total, double seco
     const int nameColumns = std::max(8, columns - static_cast<int>(numbers.size()) - 16);
     const QString name = shortened(what, nameColumns);
     const int room = columns - displayWidth(name) - static_cast<int>(numbers.size()) - 6;
-    if (total <= 0 || room < 5)
+    if (total <= 0 || done > total || room < 5)
         return name + u"  "_s + numbers;
     const int length = std::min(room, kLongestBar);
-    const int filled = static_cast<int>(length * std::min(done, total) / total);
+    const int filled = static_cast<int>(length * done / total);
     return name + u"  ["_s + QString(filled, u'#') + QString(length - filled, u'.') + u"]  "_s + numbers;
 }
 
