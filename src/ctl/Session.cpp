@@ -5,6 +5,7 @@
 #include "ctl/Meant.h"
 #include "ctl/screen/Busy.h"
 #include "ctl/screen/Escape.h"
+#include "ctl/screen/RequestStage.h"
 
 #include <cstdio>
 
@@ -27,6 +28,8 @@ constexpr Advice kAdvice[] = {
     {"hard quotas are off"_L1, "corvctl quota enable switches them on"_L1},
     {"could not archive the files, so nothing was deleted: tar failed"_L1,
      "where files changed, shrank or vanished meanwhile: suspend the account, which ends what writes there, then delete it again"_L1},
+    {"userdel failed"_L1,
+     "corvctl account suspend ends the account's processes; corvctl account delete --force then finishes the deletion"_L1},
     {"installing quota"_L1,
      "where apt has no linux-modules-extra for this kernel, corvctl quota enable makes one: run it as root on the server"_L1},
     {"no such rule"_L1, "corvctl firewall list shows the rules with their numbers"_L1},
@@ -118,9 +121,15 @@ Answer ask(Session &session, const QString &command, const QJsonObject &args)
     Spinner spinner(session.terminal);
     const int seconds = session.options.timeout > 0 ? session.options.timeout : patience(command);
     int agent = 0;
+    int lookedAt = 0;
+    QString stage;
     Answer answer = session.client.request(line, seconds, [&](const Waiting &waiting) {
         agent = waiting.agent;
-        spinner.show(waiting);
+        if (session.terminal.moves && waiting.taken && waiting.seconds != lookedAt) {
+            lookedAt = waiting.seconds;
+            stage = requestStage(command, args, waiting.seconds);
+        }
+        spinner.show(waiting, stage);
     });
     if (answer.fate == Answer::Fate::Replied && !answer.ok())
         answer.hint = hintFor(session, answer.reply.value("error"_L1).toString(), args);

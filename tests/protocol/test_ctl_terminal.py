@@ -56,6 +56,35 @@ def test_says_that_the_agent_is_working_on_ones_own_request(sandbox):
     sandbox.took("updates.status", {"ok": True})
 
 
+def test_says_how_far_the_archive_of_a_deletion_is(sandbox):
+    sandbox.add_account("alice")
+    sandbox.answer("tar", wait="/tmp/go", exit=2, err="tar: no\n")
+    sandbox.start()
+    with Terminal(sandbox, "account", "delete", "alice", "--confirm", "alice") as terminal:
+        sandbox.wait_for_call("tar")
+        sandbox.write("/var/backups/corvane/alice-20991231-235959-home.tar.gz", "x" * 3_145_728)
+        assert re.fullmatch(r"[|/\\-] the agent has archived 3\.0 MiB, [0-9.]+ [KM]iB/s \(\d+ s\)",
+                            terminal.wait_for("archived"))
+        sandbox.write("/tmp/go")
+        assert terminal.end()[0] == 1
+    sandbox.logs("agent: uid 0 ran hosting.delete -> failed")
+
+
+def test_says_how_much_of_its_file_a_restore_has_read(sandbox):
+    sandbox.add_account("alice")
+    backup = "2025-03-09_031500"
+    sandbox.write(f"/var/backups/corvane/auto/{backup}/accounts/alice-home.tar.gz", b"x" * 4_194_304)
+    sandbox.answer("tar", unread=True, wait="/tmp/go")
+    sandbox.start()
+    with Terminal(sandbox, "backup", "restore", "alice", backup, "files") as terminal:
+        sandbox.wait_for_call("tar")
+        assert re.fullmatch(r"[|/\\-] the agent has read [0-9.]+ KiB of 4\.0 MiB, [0-9.]+ [KM]iB/s, \d+ s left \(\d+ s\)",
+                            terminal.wait_for("left"))
+        sandbox.write("/tmp/go")
+        assert terminal.end()[0] == 1
+    sandbox.logs("agent: uid 0 ran backup.restore -> failed")
+
+
 @pytest.mark.parametrize("env", [{"TERM": "dumb"}, {"TERM": ""}])
 def test_draws_nothing_on_a_terminal_that_cannot_be_drawn_on(sandbox, env):
     sandbox.answer("apt", wait="/tmp/go")

@@ -1,5 +1,6 @@
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Database.h"
+#include "ctl/doctor/Former.h"
 #include "ctl/doctor/Php.h"
 #include "ctl/doctor/Report.h"
 #include "ctl/doctor/System.h"
@@ -471,6 +472,16 @@ private Q_SLOTS:
         QVERIFY(read);
         QCOMPARE(reportLine(*read), line);
         QVERIFY(!parseReport("bash: corvctl: command not found\n"));
+    }
+
+    void namesAccountsWhoseIdsAreNotKept()
+    {
+        const FormerState state = {"passwd: files systemd\ngroup: files systemd\n", true, {u"old"_s}, {}};
+        QCOMPARE(
+            problems(checkFormer(state)),
+            QStringList(
+                {u"the id of the account old is none of a usual user's, so that the next account can get it when this "
+                 "one is deleted"_s}));
     }
 };
 

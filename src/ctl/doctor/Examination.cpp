@@ -219,10 +219,14 @@ Check checkVisitors(const QList<VirtualHost> &hosts, const QList<AccountSite> &s
     return {u"visitors"_s, u"%1 sites asked for their first page"_s.arg(asked), checkSights(sights, php)};
 }
 
-Check checkFormer()
+Check checkFormer(const Accounts &users)
 {
-    return {u"ids"_s, u"%1 of deleted accounts kept"_s.arg(hosting::formerIds().users.size()),
-            ctl::checkFormer(readFormer())};
+    FormerState state = readFormer();
+    for (const hosting::User &user : users.accounts) {
+        if (!hosting::isAccountId(user.uid))
+            state.unkeptAccounts.append(user.name);
+    }
+    return {u"ids"_s, u"%1 of deleted accounts kept"_s.arg(hosting::formerIds().users.size()), ctl::checkFormer(state)};
 }
 
 Check checkQuota()
@@ -338,7 +342,7 @@ QList<Check> examine(const QString &settingsPath)
             checkSites(users, hosts, sites),
             checkVisitors(hosts, sites, php),
             checkSshd(),
-            checkFormer(),
+            checkFormer(users),
             checkQuota(),
             checkApt(),
             checkUpdates(),

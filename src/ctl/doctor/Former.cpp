@@ -35,6 +35,13 @@ QList<Finding> checkFormer(const FormerState &state)
              "the right to mount"_s,
              u"uname -r"_s});
     }
+    for (const QString &account : state.unkeptAccounts) {
+        findings.append(
+            {Level::Note,
+             u"the id of the account %1 is none of a usual user's, so that the next account can get it when "
+             "this one is deleted"_s.arg(account),
+             u"id %1; grep -E '^[UG]ID_M' /etc/login.defs"_s.arg(account)});
+    }
     for (const QString &job : state.ownerlessJobs) {
         findings.append({Level::Fault,
                          job + u" is of a user who is gone, and would be a later user's of that name or id"_s,

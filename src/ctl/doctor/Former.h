@@ -14,6 +14,7 @@ struct FormerState
 {
     QByteArray nsswitch;           // the text of /etc/nsswitch.conf
     bool linksCanBeClosed = false; // whether tools that work as root in homes can be kept from following links
+    QStringList unkeptAccounts;    // accounts whose ids are none that are kept
     QStringList ownerlessJobs;     // the paths of jobs and marks, under names or of owners that no user has
 };
 

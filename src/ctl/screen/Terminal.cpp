@@ -99,13 +99,13 @@ QString shortened(const QString &text, int columns)
     return text;
 }
 
-void Spinner::show(const Waiting &waiting)
+void Spinner::show(const Waiting &waiting, const QString &stage)
 {
     if (!m_terminal.moves || waiting.seconds < kPatientSeconds)
         return;
     const char turning = "|/-\\"[m_turn++ % 4];
     const QString what = !waiting.taken   ? u"the agent over there is working, or busy with another request"_s
-                         : *waiting.taken ? u"the agent is working"_s
+                         : *waiting.taken ? (stage.isEmpty() ? u"the agent is working"_s : u"the agent has "_s + stage)
                                           : busyWith(waiting.agent);
     const QString line = u"%1 %2 (%3 s)"_s.arg(QChar::fromLatin1(turning), what, QString::number(waiting.seconds));
     draw(shortened(line, columnsOf(STDERR_FILENO) - 1));

@@ -44,7 +44,8 @@ public:
     Spinner &operator=(Spinner &&) = delete;
     ~Spinner();
 
-    void show(const Waiting &waiting);
+    // stage: how far the agent is, where that is known.
+    void show(const Waiting &waiting, const QString &stage = {});
 
 private:
     const Terminal &m_terminal;
