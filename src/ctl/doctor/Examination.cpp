@@ -8,6 +8,7 @@
 #include "common/Packages.h"
 #include "common/Pool.h"
 #include "common/Quotas.h"
+#include "common/Site.h"
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
@@ -310,7 +311,10 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
     Check check = {u"homes"_s, u"sizes, what the web server reaches"_s, ctl::checkHomes(sizes, status)};
-    check.findings += checkReach(findOutOfReach(namesOf(accounts)));
+    // An account without a site is only half there, which is told where accounts are.
+    QStringList served = namesOf(accounts);
+    served.removeIf([](const QString &name) { return !QFile::exists(hosting::sitePath(name)); });
+    check.findings += checkReach(findOutOfReach(served));
     if (sizes.isEmpty() && !accounts.isEmpty())
         check.findings.append({Level::Note, u"the homes could not be measured within a minute"_s, u"du -sh /home/*"_s});
     return check;
