@@ -39,7 +39,7 @@ int distance(const QString &one, const QString &other)
             const auto at = static_cast<qsizetype>(j);
             const int change = one[i - 1] == other[at - 1] ? 0 : 1;
             row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + change});
-            const bool areSwapped = i > 1 && j > 1 && one[i - 1] == other[at - 2] && one[i - 2] == other[at - 1];
+            const bool areSwapped = i > 1 && at > 1 && one[i - 1] == other[at - 2] && one[i - 2] == other[at - 1];
             if (areSwapped)
                 row[j] = std::min(row[j], beforeLast[j - 2] + 1);
         }

@@ -106,10 +106,12 @@ std::vector<std::string> expandHosts(const std::vector<std::string> &named, cons
         if (name.startsWith(u'@')) {
             if (groups.isEmpty()) {
                 const QByteArray text = readHosts(file, problem);
-                QString wrong;
-                groups = parseHosts(text, &wrong);
-                if (!wrong.isEmpty())
-                    *problem = path + u", "_s + wrong;
+                if (!problem->isEmpty())
+                    return {};
+                groups = parseHosts(text, problem);
+                // cppcheck-suppress knownConditionTrueFalse ; it takes the call for one that writes nothing there
+                if (!problem->isEmpty())
+                    problem->prepend(path + u", "_s);
             }
             if (problem->isEmpty())
                 more = hostsOf(groups, name.sliced(1), path, problem);
