@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 
 #include <fcntl.h>
 #include <pwd.h>
@@ -24,6 +23,8 @@ constexpr mode_t kRecordMode = 0644;
 constexpr id_t kUsualLast = 60'000; // where /etc/login.defs does not say
 constexpr id_t kLeastLeft = 1'000;
 const auto kLoginDefs = u"/etc/login.defs"_s;
+constexpr auto kShownDefs = "/run/corvane/login.defs";
+constexpr mode_t kShownMode = 0600;
 
 // Writes one record, and the link by which it is found by number.
 bool writeRecord(id_t id, const QString &kind, const QByteArray &record)
@@ -65,15 +66,16 @@ QByteArray writeLoginDefs()
         return {};
     const QByteArray text = loginDefsFrom(usual.readAll(), firstFree());
 
-    QByteArray path = "/run/corv-login.defs.XXXXXX";
-    const Fd file(::mkostemp(path.data(), O_CLOEXEC));
+    // Root alone writes to this folder, and the agent makes one account at a time.
+    (void)::unlink(kShownDefs);
+    const Fd file(::open(kShownDefs, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kShownMode));
     if (!file)
         return {};
     if (!writeAll(file.get(), text)) {
-        (void)::unlink(path.constData());
+        (void)::unlink(kShownDefs);
         return {};
     }
-    return path;
+    return kShownDefs;
 }
 
 } // namespace
