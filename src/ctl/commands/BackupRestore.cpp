@@ -221,7 +221,7 @@ int place(const Session &session, const QString &account, const Placing &placing
 }
 
 // Puts back what an earlier restore had replaced.
-int placeReplaced(const Session &session, const QString &account, Placing placing)
+int placeReplaced(const Session &session, const QString &account, const Placing &placing)
 {
     if (placing.paths.isEmpty()) {
         return fail(kWrongUsage, u"name what of %1 to put back"_s.arg(QString::fromUtf8(placing.source)),

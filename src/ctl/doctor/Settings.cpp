@@ -3,6 +3,7 @@
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <numeric>
 #include <vector>
 
 using namespace Qt::Literals::StringLiterals;
@@ -22,13 +23,12 @@ constexpr qsizetype kMountPointField = 1;
 int difference(const QString &one, const QString &other)
 {
     std::vector<int> row(static_cast<size_t>(other.size()) + 1);
-    for (size_t i = 0; i < row.size(); ++i)
-        row[i] = static_cast<int>(i);
-    for (qsizetype i = 0; i < one.size(); ++i) {
+    std::iota(row.begin(), row.end(), 0);
+    for (const QChar letter : one) {
         int diagonal = row[0]++;
         for (qsizetype j = 0; j < other.size(); ++j) {
             const auto at = static_cast<size_t>(j) + 1;
-            const int changed = diagonal + (one[i] == other[j] ? 0 : 1);
+            const int changed = diagonal + (letter == other[j] ? 0 : 1);
             diagonal = row[at];
             row[at] = std::min({changed, row[at] + 1, row[at - 1] + 1});
         }

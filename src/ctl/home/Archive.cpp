@@ -82,8 +82,8 @@ bool isAtOrBelow(const QByteArray &path, const QByteArray &top)
 
 bool isWanted(const QByteArray &path, const QList<QByteArray> &paths)
 {
-    return paths.isEmpty() || std::any_of(paths.cbegin(), paths.cend(), [&path](const QByteArray &wanted) {
-               return isAtOrBelow(path, wanted) || isAtOrBelow(wanted, path);
+    return paths.isEmpty() || std::any_of(paths.cbegin(), paths.cend(), [&path](const QByteArray &other) {
+               return isAtOrBelow(path, other) || other.startsWith(path + '/');
            });
 }
 
