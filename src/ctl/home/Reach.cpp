@@ -185,6 +185,7 @@ QByteArray openHere(const QByteArray &home, gid_t webGroup)
     return text;
 }
 
+// NOLINTNEXTLINE(readability-non-const-parameter): it is read into
 QString openToWebServer(const Rights &rights, const QByteArray &home, int *count)
 {
     const gid_t web = rights.groups.back();
