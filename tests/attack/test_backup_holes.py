@@ -66,15 +66,3 @@ def test_twenty_thousand_levels_do_not_end_the_archive_of_a_deletion(host, accou
     # What userdel cannot remove is another matter.
     assert "could not archive" not in reply.get("error", "")
     assert host.exists(reply["archive"].replace("*", "home.tar.gz"))
-
-
-def test_a_home_that_takes_tar_too_much_memory_fails_alone(host, account):
-    """What tar keeps grows with the square of the depth: at these levels to 5 GB, which would end other accounts' services."""
-    neighbour = host.account()
-    nest(host, account, 40_000)
-    errors = json.loads(host.get(f"{back_up(host)}/manifest.json"))["errors"]
-    assert [error.split(":")[0] for error in errors] == [f"{account.name} files"]
-    folder = f"/var/backups/corvane/auto/{host.ok(['ls', '/var/backups/corvane/auto']).split()[-1]}/accounts"
-    assert f"{neighbour.name}/public_html/index.html" in host.ok(["tar", "-tzf", f"{folder}/{neighbour.name}-home.tar.gz"])
-    most = int(host.ok(["systemctl", "show", "-P", "MemoryPeak", "corv-backup"]).strip() or 0)
-    assert 0 < most < 3 << 30
