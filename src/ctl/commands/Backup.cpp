@@ -255,7 +255,7 @@ QString noBackup(const QString &name)
 
 Command backupCommand()
 {
-    const Parameter backup = {"BACKUP", "its name in corvctl backup list"};
+    const Parameter backup = {"BACKUP", "its name in corvctl backup list", Kind::Required, Names::Backup};
     return {"backup",
             "Backups of all accounts",
             {},
