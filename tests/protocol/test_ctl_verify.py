@@ -109,3 +109,13 @@ def test_what_others_may_not_read_is_refused_to_them(server):
     done = server.run("setpriv", "--reuid=dave", "--regid=dave", "--clear-groups", "corvctl", "backup", "verify",
                       env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
     assert done == (3, "", "corvctl: backups are readable to root alone\n  run it as root\n")
+
+
+def test_the_list_tells_of_it(server):
+    server.path(f"{DISK}/{OTHER}/config.tar.gz").write_bytes(b"")
+    assert (verify(server)[0], verify(server, OTHER)[0]) == (0, 1)
+    code, out, err = corvctl(server, "--json", "backup", "list")
+    said = {backup["name"]: backup["verified"] for backup in json.loads(out)["backups"]}
+    assert (code, err) == (0, "")
+    assert said[NAME]["faults"] == [] and said[OTHER]["faults"] == ["config.tar.gz is empty"]
+    server.took("backup.status", {"ok": True})
