@@ -404,11 +404,11 @@ class Host:
         headers = {name.lower(): value for name, value in (line.split(": ", 1) for line in lines)}
         return Response(int(status.split()[1]), headers, body)
 
-    def ssh(self, account, command, *, key=None, input=None):
-        """Logs in from outside and runs a command; `account` is an Account or a user's name."""
+    def ssh(self, account, command, *, key=None, input=None, terminal=False):
+        """Logs in from outside and runs a command, on a terminal if asked to; `account` is an Account or a user's name."""
         name = account if isinstance(account, str) else account.name
         private = key or (self.key.private if isinstance(account, str) else account.key)
-        return self.outside(["ssh", "-F", "/dev/null", "-T", "-o", "BatchMode=yes", "-o", "IdentitiesOnly=yes",
+        return self.outside(["ssh", "-F", "/dev/null", "-tt" if terminal else "-T", "-o", "BatchMode=yes", "-o", "IdentitiesOnly=yes",
                              "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null", "-o", "LogLevel=ERROR",
                              "-i", str(private), f"{name}@{ADDRESS}", command], input=input)
 

@@ -357,6 +357,18 @@ def test_shows_on_one_screen_how_the_server_is(well):
     assert len(lines) < 24
 
 
+@pytest.mark.core
+def test_shows_when_an_account_last_logged_in(well):
+    def login():
+        return json.loads(well.ok(["corvctl", "--json", "account", "show", well.tenant.name])).get("lastLogin", 0)
+    began = int(well.ok(["date", "+%s"]))
+    assert login() < began
+    # With a terminal: Debian 12 keeps no record of others.
+    assert well.ssh(well.tenant, "true", terminal=True).code == 0
+    well.wait_for(lambda: login() >= began, "the login being shown")
+    assert login() <= int(well.ok(["date", "+%s"]))
+
+
 # Other servers: two hosts, reached by this machine's own ssh.
 
 
