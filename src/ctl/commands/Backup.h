@@ -15,7 +15,8 @@ QJsonObject backupNamed(const QJsonObject &status, const QString &name);
 // What is said where there is none.
 QString noBackup(const QString &name);
 
-// The command of the topic that has sources of its own.
+// The commands of the topic that have sources of their own.
+Command mountedCommand();
 Command restoreCommand();
 
 } // namespace corv::ctl
