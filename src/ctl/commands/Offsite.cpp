@@ -14,6 +14,7 @@
 #include <QJsonArray>
 #include <QSettings>
 
+#include <cstdio>
 #include <vector>
 
 #include <unistd.h>
@@ -48,8 +49,10 @@ int run(Session &session, const Given &)
         return fail(kRefused, problem);
     const bool isTold = !session.options.json && !session.options.plain;
     const Say say = [isTold](const QString &line) {
-        if (isTold)
-            printLine(escaped(line));
+        if (!isTold)
+            return;
+        printLine(escaped(line));
+        (void)std::fflush(stdout); // to the journal as it happens
     };
     const QSettings settings(settingsPath(session.options), QSettings::IniFormat);
     const QString destination = backup::load(settings).destination;

@@ -16,6 +16,7 @@
 #include <QFile>
 
 #include <algorithm>
+#include <cstdio>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -44,8 +45,10 @@ struct Drill
 
 void say(const Drill &drill, const QString &line)
 {
-    if (!drill.session.options.json && !drill.session.options.plain)
-        printLine(escaped(line));
+    if (drill.session.options.json || drill.session.options.plain)
+        return;
+    printLine(escaped(line));
+    (void)std::fflush(stdout);
 }
 
 void removeFolder()

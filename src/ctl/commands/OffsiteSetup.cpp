@@ -15,6 +15,8 @@
 #include <QFile>
 #include <QSysInfo>
 
+#include <cstdio>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
@@ -25,8 +27,10 @@ constexpr mode_t kSettingsMode = 0644;
 
 void say(const Session &session, const QString &line)
 {
-    if (!session.options.json && !session.options.plain)
-        printLine(escaped(line));
+    if (session.options.json || session.options.plain)
+        return;
+    printLine(escaped(line));
+    (void)std::fflush(stdout);
 }
 
 // The key that this server reaches a vault with.
