@@ -25,7 +25,8 @@ namespace corv::ctl {
 namespace {
 
 constexpr size_t kChunk = 262'144;
-constexpr int kLookMs = 500;         // how often the programs are looked at
+constexpr int kLookMs = 500; // how often the programs are looked at
+constexpr int kAgainMs = 1'000;
 constexpr int kGoodbyeMs = 10'000;   // in which an interrupted program puts its own things right
 constexpr qint64 kKeptWords = 4'096; // of what a program says
 constexpr qint64 kTarBlock = 512;
@@ -71,6 +72,7 @@ void start(QProcess &process, const EndOfStream &end, const Streams &streams)
         ::dup2(streams.out, STDOUT_FILENO);
         ::dup2(streams.errors, STDERR_FILENO);
         prepare();
+        ::signal(SIGPIPE, SIG_DFL); // the guard's
         // Without us nobody could tell the receiver that what it got is not all.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (::getppid() != parent)
@@ -79,14 +81,17 @@ void start(QProcess &process, const EndOfStream &end, const Streams &streams)
     process.start(end.program, end.args);
 }
 
-// First asked to end, which leaves a program the time to put its own things right, then killed.
+// First asked to end, which leaves a program the time to put its own things right, then killed. Asked more than once:
+// one that has only just been started may not be itself yet.
 void end(QProcess &process)
 {
-    if (process.state() == QProcess::NotRunning)
-        return;
-    if (process.processId() > 0)
-        ::kill(static_cast<pid_t>(-process.processId()), SIGINT);
-    if (!process.waitForFinished(kGoodbyeMs))
+    const QDeadlineTimer goodbye(kGoodbyeMs);
+    while (process.state() != QProcess::NotRunning && !goodbye.hasExpired()) {
+        if (process.processId() > 0)
+            (void)::kill(static_cast<pid_t>(-process.processId()), SIGINT);
+        (void)process.waitForFinished(kAgainMs);
+    }
+    if (process.state() != QProcess::NotRunning)
         killGroup(process);
 }
 
