@@ -248,6 +248,7 @@ Command backupCommand()
              {"list", "List the backups", {}, list},
              {"show", "Show what a backup holds of each account, and what could not be saved", {backup}, show},
              {"log", "Show the end of the backups' log", {}, log},
+             mountedCommand(),
              {"start",
               "Start a backup now",
               {{"--wait", "follow the log until the end; the exit status tells the outcome", Kind::Flag}},

@@ -16,6 +16,9 @@ QList<Finding> checkBackups(const QJsonObject &status, qint64 now, bool timerAct
 // status is the reply of backup.status: a home that the last run saved in time is not too large.
 QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject &status);
 
+// Whether an error of a backup tells of nothing but files that were being written to, which are saved all the same.
+bool isHarmless(const QString &error);
+
 // When a backup began, in seconds since 1970, by its name in local time; 0 for what is no such name.
 qint64 backupTime(const QString &name);
 
