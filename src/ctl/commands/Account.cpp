@@ -201,6 +201,12 @@ Command accountCommand()
                  "Set or lift an account's hard disk limit",
                  {kAccount, {"SIZE", "such as 500M, 2G or 1T (powers of 1024); none lifts the limit"}},
                  limit},
+                {"state",
+                 "Show of which accounts there is a state: passwords' hashes and jobs, which no archive of theirs holds",
+                 {{"--write", "write the states down anew, as it is done before each backup and at each deletion",
+                   Kind::Flag},
+                  {"--place", "put them into the newest backup, as it is done after each", Kind::Flag}},
+                 accountState},
                 {"usage", "Tell how much disk space each account uses", {}, usage},
             }};
 }
