@@ -1,0 +1,213 @@
+#include "ctl/verify/Fault.h"
+#include "ctl/verify/Reader.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+using namespace Qt::Literals::StringLiterals;
+using namespace corv::ctl;
+
+namespace {
+
+// A dump that PostgreSQL 15 made of a database "shop" with two tables, of 40 and 2 rows.
+const auto kDump = u"data/shop.dump"_s;
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace
+
+// Runs the real tar, gzip and pg_restore, under the user that reads saved files, so it needs root.
+class TestVerify : public QObject
+{
+    Q_OBJECT
+
+private:
+    QTemporaryDir m_folder;
+
+    QString written(const QString &name, const QByteArray &content)
+    {
+        const QString path = m_folder.filePath(name);
+        QFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+            qFatal("cannot write %s", qPrintable(path));
+        return path;
+    }
+
+    void shell(const QString &script)
+    {
+        QProcess process;
+        process.setWorkingDirectory(m_folder.path());
+        process.start(u"sh"_s, {u"-ec"_s, script});
+        if (!process.waitForFinished() || process.exitCode() != 0)
+            qFatal("%s: %s", qPrintable(script), process.readAllStandardError().constData());
+    }
+
+    // The archive of the home of an account shop.
+    QByteArray archive()
+    {
+        return contentOf(m_folder.filePath(u"shop-home.tar.gz"_s));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        shell(u"mkdir -p shop/a other; head -c 300000 /dev/urandom >shop/a/noise; echo x >shop/b; ln -s /etc/passwd "
+              u"shop/l;"
+              "tar -czf shop-home.tar.gz shop; tar -czf other-home.tar.gz other; tar -czf both.tar.gz shop other;"
+              "tar -czf none.tar.gz -T /dev/null; tar -cf - shop | head -c 200000 | gzip >short.tar.gz;"
+              "tar -cf plain.tar shop; mkfifo pipe; ln -s shop-home.tar.gz link"_s);
+    }
+
+    void passesAWholeArchive()
+    {
+        QCOMPARE(faultOfArchive(m_folder.filePath(u"shop-home.tar.gz"_s), {}), std::nullopt);
+        QCOMPARE(faultOfHome(m_folder.filePath(u"shop-home.tar.gz"_s), u"shop"_s, {}), std::nullopt);
+    }
+
+    void findsWhatIsWrongWithAnArchive_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("fault");
+        QTest::newRow("missing") << u"nothing"_s << u"is missing"_s;
+        QTest::newRow("empty") << u"empty"_s << u"is empty"_s;
+        QTest::newRow("folder") << u"shop"_s << u"is no regular file"_s;
+        QTest::newRow("fifo") << u"pipe"_s << u"is no regular file"_s;
+        QTest::newRow("link") << u"link"_s << u"cannot be opened: Too many levels of symbolic links"_s;
+        QTest::newRow("cut") << u"cut"_s
+                             << u"is damaged: gzip: stdin: unexpected end of file; "
+                                "tar: Unexpected EOF in archive"_s;
+        QTest::newRow("its last byte cut") << u"cut1"_s << u"is damaged: gzip: stdin: unexpected end of file"_s;
+        QTest::newRow("one bit of its checksum")
+            << u"sum"_s << u"is damaged: gzip: stdin: invalid compressed data--crc error"_s;
+        QTest::newRow("something behind it")
+            << u"trailing"_s << u"is damaged: gzip: stdin: decompression OK, trailing garbage ignored"_s;
+        QTest::newRow("cut before it was packed")
+            << u"short.tar.gz"_s << u"is damaged: tar: Unexpected EOF in archive"_s;
+        QTest::newRow("not packed") << u"plain.tar"_s << u"is damaged: gzip: stdin: not in gzip format"_s;
+    }
+
+    void findsWhatIsWrongWithAnArchive()
+    {
+        QFETCH(QString, name);
+        const QByteArray whole = archive();
+        written(u"empty"_s, {});
+        written(u"cut"_s, whole.left(whole.size() / 2));
+        written(u"cut1"_s, whole.chopped(1));
+        written(u"trailing"_s, whole + "more");
+        QByteArray other = whole;
+        other[other.size() - 5] = static_cast<char>(other[other.size() - 5] ^ 1);
+        other[other.size() - 6] = static_cast<char>(other[other.size() - 6] ^ 1);
+        written(u"sum"_s, other);
+        QTEST(faultOfArchive(m_folder.filePath(name), {}).value_or(QString()), "fault");
+        QTEST(faultOfHome(m_folder.filePath(name), u"shop"_s, {}).value_or(QString()), "fault");
+    }
+
+    void findsDamageInTheMiddleOfAnArchive()
+    {
+        QByteArray other = archive();
+        for (qsizetype at = other.size() / 2; at < other.size() / 2 + 64; ++at)
+            other[at] = static_cast<char>(~other[at]);
+        QVERIFY(faultOfArchive(written(u"middle"_s, other), {}).value_or(QString()).startsWith(u"is damaged: "_s));
+    }
+
+    void tellsTheHomesOfOthers_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::newRow("another's") << u"other-home.tar.gz"_s;
+        QTest::newRow("two") << u"both.tar.gz"_s;
+        QTest::newRow("none") << u"none.tar.gz"_s;
+    }
+
+    void tellsTheHomesOfOthers()
+    {
+        QFETCH(QString, name);
+        QCOMPARE(faultOfHome(m_folder.filePath(name), u"shop"_s, {}),
+                 u"is no archive of the home of shop: it holds other files, or none"_s);
+    }
+
+    // What an account's user may lay into the home, whose names tar prints.
+    void isNotFloodedByNames()
+    {
+        shell(
+            u"rm -rf many; mkdir many; cd many; for i in $(seq 300); do : >\"$(printf '%0200d' $i)\"; done; cd ..; tar -czf many.tar.gz many"_s);
+        QCOMPARE(faultOfArchive(m_folder.filePath(u"many.tar.gz"_s), {}), std::nullopt);
+        QCOMPARE(faultOfHome(m_folder.filePath(u"many.tar.gz"_s), u"many"_s, {}), std::nullopt);
+        QCOMPARE(faultOfHome(m_folder.filePath(u"many.tar.gz"_s), u"shop"_s, {}),
+                 u"is no archive of the home of shop: it holds other files, or none"_s);
+    }
+
+    void keepsToItsTime()
+    {
+        // A bomb: gigabytes of zeros in as many megabytes.
+        shell(
+            u"head -c 67108864 /dev/zero | gzip -1 >zeros.gz; truncate -s 4G zeros;"
+            "tar -cf - zeros | head -c 512 | gzip >bomb.tar.gz; for i in $(seq 60); do cat zeros.gz; done >>bomb.tar.gz"_s);
+        Bounds bounds;
+        bounds.milliseconds = 200;
+        QCOMPARE(faultOfArchive(m_folder.filePath(u"bomb.tar.gz"_s), bounds), u"cannot be read: it takes too long"_s);
+    }
+
+    void passesAWholeDump()
+    {
+        QCOMPARE(faultOfDump(kDump, {}), std::nullopt);
+        QCOMPARE(faultOfDatabase(kDump, u"shop"_s, {}), std::nullopt);
+    }
+
+    void tellsTheDumpsOfOthers()
+    {
+        QCOMPARE(faultOfDatabase(kDump, u"blog"_s, {}), u"is a dump of another database, shop"_s);
+    }
+
+    void findsWhatIsWrongWithADump()
+    {
+        const QByteArray whole = contentOf(kDump);
+        QVERIFY(whole.size() > 4000);
+        QCOMPARE(faultOfDump(written(u"empty"_s, {}), {}), u"is empty"_s);
+        QCOMPARE(faultOfDump(m_folder.filePath(u"nothing"_s), {}), u"is missing"_s);
+        QVERIFY(faultOfDump(written(u"cut"_s, whole.left(whole.size() - 20)), {}));
+        QVERIFY(faultOfDump(written(u"half"_s, whole.left(whole.size() / 2)), {}));
+        QVERIFY(faultOfDump(written(u"text"_s, "select 1;\n"), {}));
+        QCOMPARE(faultOfDatabase(written(u"text"_s, "select 1;\n"), u"shop"_s, {}),
+                 u"is damaged: it does not begin as a dump does"_s);
+        // In the rows, behind the list that "pg_restore --list" reads.
+        QByteArray other = whole;
+        other[whole.size() - 300] = static_cast<char>(~other[whole.size() - 300]);
+        QVERIFY(faultOfDump(written(u"middle"_s, other), {}));
+    }
+
+    void readsTheNameInADump()
+    {
+        const QByteArray whole = contentOf(kDump);
+        QCOMPARE(databaseInDump(whole), QByteArray("shop"));
+        for (qsizetype size = 0; size < 60; ++size)
+            QCOMPARE(databaseInDump(whole.left(size)), std::nullopt);
+        QByteArray other = whole;
+        other[0x36] = '\x7f'; // how long the name is, by its highest byte but one
+        QCOMPARE(databaseInDump(other), std::nullopt);
+        other = whole;
+        other[8] = '\x09'; // bytes of a number
+        QCOMPARE(databaseInDump(other), std::nullopt);
+    }
+
+    void shortensComplaints()
+    {
+        QCOMPARE(complaintIn(u"setpriv: took too long"_s), u"it takes too long"_s);
+        QCOMPARE(complaintIn(u"setpriv failed: exit code 3"_s), u"exit code 3"_s);
+        QCOMPARE(complaintIn(u"setpriv failed: tar: a\n\x1b[2J\ntar: Child returned status 1"_s), u"tar: a; \x1b[2J"_s);
+        QCOMPARE(
+            complaintIn(u"setpriv failed: tar: Child died with signal 9\ntar: Error is not recoverable: exiting now"_s),
+            u"tar: Child died with signal 9"_s);
+        QCOMPARE(complaintIn(u"x"_s.repeated(500)).size(), 200);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestVerify)
+#include "test_verify.moc"
