@@ -95,6 +95,7 @@ Command hostCommand();
 Command notifyCommand();
 Command proxyCommand();
 Command quotaCommand();
+Command serverCommand();
 Command serviceCommand();
 Command statusCommand();
 Command updateCommand();

@@ -138,8 +138,9 @@ void keepStateOf(const Session &session, const QString &name)
     if (!isHere(session) || !hosting::isOurs(name))
         return;
     if (const QString problem = keepStates(); !problem.isEmpty())
-        note(u"what no archive of %1 holds, its passwords' hashes and its jobs, could not all be written down: %2"_s.arg(
-            name, problem));
+        note(
+            u"what no archive of %1 holds, its passwords' hashes and its jobs, could not all be written down: %2"_s.arg(
+                name, problem));
 }
 
 // A deletion that was refused leaves what it had archived by then.

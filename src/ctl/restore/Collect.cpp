@@ -32,24 +32,6 @@ constexpr auto kJobs = "/var/spool/cron/atjobs"_L1;
 constexpr auto kLingering = "/var/lib/systemd/linger"_L1;
 constexpr qsizetype kMostJobs = 100;
 
-// The jobs of at of one user, the next first.
-QList<KeptJob> jobsOf(uid_t uid)
-{
-    QList<KeptJob> jobs;
-    qint64 left = kLargestJobs;
-    for (const QFileInfo &file : QDir(kJobs).entryInfoList(QDir::Files | QDir::NoSymLinks, QDir::Name)) {
-        if (file.ownerId() != uid || file.size() > left || jobs.size() >= kMostJobs)
-            continue;
-        const std::optional<KeptJob> job = parseJob(file.fileName().toLatin1(), boundedText(file.filePath(), left));
-        if (!job)
-            continue;
-        left -= job->script.size();
-        jobs.append(*job);
-    }
-    std::sort(jobs.begin(), jobs.end(), [](const KeptJob &one, const KeptJob &other) { return one.time < other.time; });
-    return jobs;
-}
-
 AccountState systemState(const hosting::User &user, const QStringList &phpVersions, const Used &used)
 {
     AccountState state;
@@ -92,8 +74,8 @@ bool addRole(const QByteArray &line, QList<AccountState> *states)
 {
     const QJsonObject role = parseObject(line);
     const QString name = role.value("name"_L1).toString();
-    const auto state = std::find_if(states->begin(), states->end(),
-                                    [&name](const AccountState &one) { return one.username == name; });
+    const auto state =
+        std::find_if(states->begin(), states->end(), [&name](const AccountState &one) { return one.username == name; });
     if (name.isEmpty() || state == states->end())
         return false;
     state->role = role.value("role"_L1).toString();
@@ -136,6 +118,23 @@ QList<AccountState> collectStates(QString *problem)
     for (const QByteArray &line : outcome.output.split('\n'))
         (void)addRole(line, &states);
     return states;
+}
+
+QList<KeptJob> jobsOf(uid_t uid)
+{
+    QList<KeptJob> jobs;
+    qint64 left = kLargestJobs;
+    for (const QFileInfo &file : QDir(kJobs).entryInfoList(QDir::Files | QDir::NoSymLinks, QDir::Name)) {
+        if (file.ownerId() != uid || file.size() > left || jobs.size() >= kMostJobs)
+            continue;
+        const std::optional<KeptJob> job = parseJob(file.fileName().toLatin1(), boundedText(file.filePath(), left));
+        if (!job)
+            continue;
+        left -= job->script.size();
+        jobs.append(*job);
+    }
+    std::sort(jobs.begin(), jobs.end(), [](const KeptJob &one, const KeptJob &other) { return one.time < other.time; });
+    return jobs;
 }
 
 QByteArray boundedText(const QString &path, qint64 most)

@@ -6,6 +6,8 @@
 #include <QList>
 #include <QString>
 
+#include <sys/types.h>
+
 namespace corv::ctl {
 
 // Reads of this server what is written down of its accounts. All of it takes root.
@@ -18,6 +20,9 @@ QList<AccountState> collectStates(QString *problem);
 // account it is about. False for a line that is about none of them.
 extern const QString kRolesQuery;
 bool addRole(const QByteArray &line, QList<AccountState> *states);
+
+// The jobs of at of one user, the next first.
+QList<KeptJob> jobsOf(uid_t uid);
 
 // What a regular file that nobody but root and its owner can put there holds, at most so many bytes; empty for none.
 // Follows no link and never waits.

@@ -56,8 +56,7 @@ QStringList goingOf(const QList<AccountState> &states)
     QStringList going;
     const std::optional<InHand> request = readInHand(kInHandPath);
     for (const AccountState &state : states) {
-        const bool isInHand =
-            request && request->command == "hosting.delete"_L1 && request->account == state.username;
+        const bool isInHand = request && request->command == "hosting.delete"_L1 && request->account == state.username;
         if (isInHand || !exists(hosting::sitePath(state.username)))
             going.append(state.username);
     }

@@ -8,9 +8,9 @@
 
 namespace corv::ctl {
 
-// Where the states of accounts are kept, each in a file that is root's alone: the last one of every account in a file of
-// this server; those of a backup's accounts in its folder; and beside the two archives of each deletion the one of that
-// account.
+// Where the states of accounts are kept, each in a file that is root's alone: the last one of every account in a file
+// of this server; those of a backup's accounts in its folder; and beside the two archives of each deletion the one of
+// that account.
 
 inline const QString kKeptStates = QStringLiteral("/var/lib/corvane/accounts.state");
 // The file's name in a backup, and the end of its name beside the archives of a deletion.

@@ -313,8 +313,7 @@ QByteArray bareCrontab(const QByteArray &crontab)
 std::optional<KeptJob> parseJob(const QByteArray &fileName, const QByteArray &text)
 {
     // The queue, five digits of the job's number, eight of the minutes since 1970.
-    static const QRegularExpression form(
-        QRegularExpression::anchoredPattern(u"([A-Za-z])[0-9a-f]{5}([0-9a-f]{8})"_s));
+    static const QRegularExpression form(QRegularExpression::anchoredPattern(u"([A-Za-z])[0-9a-f]{5}([0-9a-f]{8})"_s));
     const QRegularExpressionMatch match = form.match(QString::fromLatin1(fileName));
     if (!match.hasMatch() || !text.startsWith("#!/bin/sh\n"))
         return {};

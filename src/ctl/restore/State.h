@@ -55,10 +55,10 @@ struct AccountState
     qint64 uid = 0;
     QString shell;
     bool isSuspended = false;
-    bool lingers = false;            // whether its services run without a login
-    std::optional<QString> role;     // the hash of the role's password, empty for none; nothing where it was not to be had
-    QString shadow;                  // the second field of its line in shadow
-    std::optional<qint64> limitMb;   // its disk limit, 0 for none; nothing where quotas are off
+    bool lingers = false;        // whether its services run without a login
+    std::optional<QString> role; // the hash of the role's password, empty for none; nothing where it was not to be had
+    QString shadow;              // the second field of its line in shadow
+    std::optional<qint64> limitMb; // its disk limit, 0 for none; nothing where quotas are off
     std::optional<KeptDatabase> database;
     QList<KeptSetting> settings;
     QByteArray crontab; // empty for none
@@ -75,8 +75,8 @@ constexpr qint64 kLargestCrontab = 1'048'576;
 constexpr qint64 kLargestJobs = 1'048'576;
 constexpr qsizetype kLongestSetting = 8192;
 
-// A state as one line of JSON with its line feed, and the state of such a line; nothing for what is no such line, or has
-// a member of another type or form than is written. Members that are not known are passed over.
+// A state as one line of JSON with its line feed, and the state of such a line; nothing for what is no such line, or
+// has a member of another type or form than is written. Members that are not known are passed over.
 QByteArray stateLine(const AccountState &state);
 std::optional<AccountState> parseStateLine(const QByteArray &line);
 
@@ -97,8 +97,8 @@ QByteArray bareCrontab(const QByteArray &crontab);
 // A job of at from the name and the text of its file; nothing for one that runs, and for what is no job.
 std::optional<KeptJob> parseJob(const QByteArray &fileName, const QByteArray &text);
 
-// Whether texts are of the form of a role's password hash, of a password hash in shadow (without the mark of a lock), or
-// of a shell's path. What is not is never put back.
+// Whether texts are of the form of a role's password hash, of a password hash in shadow (without the mark of a lock),
+// or of a shell's path. What is not is never put back.
 bool isRoleHash(const QString &text);
 bool isShadowHash(const QString &text);
 bool isShellPath(const QString &text);
