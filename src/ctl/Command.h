@@ -96,6 +96,7 @@ Command notifyCommand();
 Command offsiteCommand();
 Command proxyCommand();
 Command quotaCommand();
+Command serverCommand();
 Command serviceCommand();
 Command statusCommand();
 Command updateCommand();

@@ -98,11 +98,16 @@ private:
         QByteArray around;
         Fd folder;
         const auto set = [&](const ArchiveEntry &entry) {
-            if (!entry.isPlain)
+            if (!entry.isPlain && !(entry.isLink && entry.isWebs))
                 return;
             if (const QByteArray parent = parentOf(entry.path); !folder || parent != around) {
                 folder = openBeneath(m_source.get(), parent);
                 around = parent;
+            }
+            if (entry.isLink) {
+                (void)::fchownat(folder.get(), nameOf(entry.path).constData(), static_cast<uid_t>(-1), m_web,
+                                 AT_SYMLINK_NOFOLLOW);
+                return;
             }
             // What is to be moved elsewhere must let its owner write to it until then.
             const bool isMoved = entry.isFolder && m_placing.paths.contains(entry.path);
