@@ -13,6 +13,7 @@
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Compressor.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Modules.h"
@@ -322,13 +323,19 @@ Check checkBackups(const QJsonObject &status)
     return {u"backups"_s,
             u"%1 in %2%3"_s.arg(QString::number(backups.size()), status.value("destination"_L1).toString(),
                                 last.isEmpty() ? QString() : u", the last one "_s + last),
-            ctl::checkBackups(status, QDateTime::currentSecsSinceEpoch(), planned)};
+            ctl::checkBackups(status, QDateTime::currentSecsSinceEpoch(), planned) +
+                checkVerdict(status, readVerdict(status.value("destination"_L1).toString(), last),
+                             QDateTime::currentSecsSinceEpoch()) +
+                checkCompressor(readCompressor())};
 }
 
 Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
-    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s, ctl::checkHomes(sizes, status)};
+    // The trial takes its second only where it matters.
+    const qint64 measured = isNearLimit(sizes) ? measureCompressor(readCompressor()) : 0;
+    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s,
+                   ctl::checkHomes(sizes, status, measured > 0 ? measured : kCautiousBytesPerSecond)};
     // An account without a site is only half there, which is told where accounts are.
     QStringList served = namesOf(accounts);
     served.removeIf([](const QString &name) { return !QFile::exists(hosting::sitePath(name)); });
