@@ -144,9 +144,12 @@ def test_unpacks_nothing_for_what_a_backup_has_not(alice):
     before = alice.tree(HOME)
     hint = "\n  corvctl backup list shows the backups\n"
     assert in_place(alice, "public_html", "nosuch") == (1, "", f"corvctl: the backup {BACKUP} has no nosuch of alice{hint}")
-    assert in_place(alice, backup="2024-01-01_000000") == (1, "", f"corvctl: there is no backup 2024-01-01_000000{hint}")
+    assert in_place(alice, backup="2024-01-01_000000") == (
+        1, "", f"corvctl: there is no backup 2024-01-01_000000\n  the only backup is '{BACKUP}'\n")
+    alice.took("backup.status", {"ok": True})
     code, out, err = in_place(alice, backup="nonsense", options=["--json"])
     assert (code, json.loads(out)) == (1, {"ok": False, "error": "there is no backup nonsense"})
+    alice.took("backup.status", {"ok": True})
     alice.path(ARCHIVE).unlink()
     assert in_place(alice) == (1, "", f"corvctl: that backup has no files for alice{hint}")
     assert alice.tree(HOME) == before

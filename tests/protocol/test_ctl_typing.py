@@ -87,3 +87,11 @@ def test_a_backup_that_is_not_there(sandbox, names, typed, hint):
     with FakeAgent(sandbox, answering(reply)):
         found = corvctl(sandbox, "--socket", FAKE_SOCKET, "backup", "show", typed, start=False)
     assert found == (1, "", f"corvctl: there is no backup {typed}\n  {hint}\n")
+
+
+def test_a_backup_that_is_not_there_to_be_restored(sandbox):
+    none = json.dumps({"ok": False, "error": "that backup has no files for alice"}).encode() + b"\n"
+    some = json.dumps({"ok": True, "backups": [{"name": "2026-01-05_031500"}, {"name": "2026-01-04_031500"}]}).encode() + b"\n"
+    with FakeAgent(sandbox, answering(none, some)):
+        found = corvctl(sandbox, "--socket", FAKE_SOCKET, "backup", "restore", "alice", "2026-01-05_03150", "files", start=False)
+    assert found == (1, "", "corvctl: there is no backup 2026-01-05_03150\n  did you mean '2026-01-05_031500'?\n")

@@ -199,11 +199,10 @@ private Q_SLOTS:
 
     void shortensComplaints()
     {
-        QCOMPARE(complaintIn(u"setpriv: took too long"_s), u"it takes too long"_s);
-        QCOMPARE(complaintIn(u"setpriv failed: exit code 3"_s), u"exit code 3"_s);
-        QCOMPARE(complaintIn(u"setpriv failed: tar: a\n\x1b[2J\ntar: Child returned status 1"_s), u"tar: a; \x1b[2J"_s);
+        QCOMPARE(complaintIn(QString()), u"the program that reads it failed without a word"_s);
+        QCOMPARE(complaintIn(u"tar: a\n\x1b[2J\ntar: Child returned status 1"_s), u"tar: a; \x1b[2J"_s);
         QCOMPARE(
-            complaintIn(u"setpriv failed: tar: Child died with signal 9\ntar: Error is not recoverable: exiting now"_s),
+            complaintIn(u"tar: Child died with signal 9\ntar: Error is not recoverable: exiting now"_s),
             u"tar: Child died with signal 9"_s);
         QCOMPARE(complaintIn(u"x"_s.repeated(500)).size(), 200);
     }

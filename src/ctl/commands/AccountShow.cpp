@@ -82,7 +82,7 @@ void addSecrets(const Options &options, const hosting::User &user, QJsonObject *
         account->insert(
             u"database"_s,
             QJsonObject{{u"name"_s, user.name}, {u"bytes"_s, database->bytes}, {u"readOnly"_s, database->isReadOnly}});
-    if (const std::optional<qint64> login = lastLogin(user.uid))
+    if (const std::optional<qint64> login = lastLogin(user))
         account->insert(u"lastLogin"_s, *login);
     QJsonObject certificate = account->value("certificate"_L1).toObject();
     if (!certificate.isEmpty()) {

@@ -12,10 +12,17 @@ constexpr auto kListBackups = QLatin1StringView("corvctl backup list shows the b
 // The backup of that name in a reply of backup.status; empty where there is none.
 QJsonObject backupNamed(const QJsonObject &status, const QString &name);
 
-// What is said where there is none.
-QString noBackup(const QString &name);
+// Says that there is no backup of that name, and which was probably meant, by a reply of backup.status. Returns the
+// status to end with.
+int refuseNoBackup(const Session &session, const QString &name, const QJsonObject &status);
 
-// The command of the topic that has sources of its own.
+// The commands of the topic that have sources of their own.
+Command mountedCommand();
 Command restoreCommand();
+Command verifyCommand();
+
+// What `restore` does with --in-place: puts files of a backup, or of what an earlier restore replaced, in the place of
+// the live ones. Returns the status to end with.
+int restoreInPlace(Session &session, const Given &given);
 
 } // namespace corv::ctl
