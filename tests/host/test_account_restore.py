@@ -50,6 +50,14 @@ def test_a_deleted_account_is_back_with_one_command(host, shop):
     assert host.run(["grep", "-rl", "SCRAM-SHA-256", "/var/log"]).out == ""
 
 
+def test_the_states_are_listed_without_what_is_in_them(host, shop):
+    host.ok(["corvctl", "account", "state", "--write"])
+    shown = json.loads(host.ok(["corvctl", "--json", "account", "state"]))
+    assert [account.keys() for account in shown["accounts"] if account["username"] == shop.name] == [{"username", "taken"}]
+    assert host.mode("/var/lib/corvane/accounts.state") == "600 root root"
+    assert "SCRAM" not in host.ok(["corvctl", "account", "state"])
+
+
 def test_one_that_the_panel_deleted_is_back_too(host, shop):
     before = everything(host, shop.name)
     assert host.request("hosting.delete", username=shop.name, confirm=shop.name)["ok"] is True
