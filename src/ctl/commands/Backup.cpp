@@ -254,7 +254,7 @@ int refuseNoBackup(const Session &session, const QString &name, const QJsonObjec
 
 Command backupCommand()
 {
-    const Parameter backup = {"BACKUP", "its name in corvctl backup list"};
+    const Parameter backup = {"BACKUP", "its name in corvctl backup list", Kind::Required, Names::Backup};
     return {"backup",
             "Backups of all accounts",
             {},
