@@ -1,5 +1,6 @@
 #include "common/Child.h"
 
+#include "common/Environment.h"
 #include "common/FolderStream.h"
 #include "common/Held.h"
 
@@ -67,6 +68,7 @@ void prepareChild(QProcess &process)
         if (error == QProcess::FailedToStart)
             QObject::connect(&process, &QObject::destroyed, closeLostPipes);
     });
+    process.setProcessEnvironment(childEnvironment());
     process.setChildProcessModifier([] { // between fork and exec
         ::setsid();
         sigset_t none;

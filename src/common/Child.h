@@ -7,8 +7,8 @@ class QProcess;
 namespace corv {
 
 // Gives every tool that the agent starts through process a session of its own (so that it can be killed with all that
-// it started), no blocked signals, and none of the agent's descriptors; sees to it that one that cannot be executed
-// leaves none behind either. Call it before the process is started.
+// it started), no blocked signals, none of the agent's descriptors and the environment of childEnvironment; sees to it
+// that one that cannot be executed leaves no descriptor behind either. Call it before the process is started.
 void prepareChild(QProcess &process);
 
 // Waits for the end of a process that has been started, at most so many milliseconds. False when it takes longer, and

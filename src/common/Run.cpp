@@ -88,7 +88,7 @@ void limitChild(QProcess &process, int resource, qint64 bytes)
 void surround(QProcess &process, const Surroundings &surroundings)
 {
     if (!surroundings.environment.isEmpty()) {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        QProcessEnvironment environment = process.processEnvironment();
         for (auto entry = surroundings.environment.cbegin(); entry != surroundings.environment.cend(); ++entry)
             environment.insert(entry.key(), entry.value());
         process.setProcessEnvironment(environment);

@@ -43,7 +43,9 @@ int list(const Session &session, const QString &account, const QList<Source> &so
                                    {u"made"_s, source.made},
                                    {u"homeBytes"_s, source.homeBytes},
                                    {u"dbBytes"_s, source.dumpBytes},
-                                   {u"state"_s, !source.state.isEmpty()}});
+                                   {u"state"_s, !source.state.isEmpty()},
+                                   {u"checked"_s, source.checked},
+                                   {u"fault"_s, source.fault}});
         printJson(session, {{u"ok"_s, true}, {u"account"_s, account}, {u"sources"_s, all}});
         return kDone;
     }
@@ -52,8 +54,11 @@ int list(const Session &session, const QString &account, const QList<Source> &so
         rows.append({text(source.from), text(kindText(source.kind)), time(source.made),
                      source.home.isEmpty() ? nothing() : bytes(source.homeBytes),
                      source.dump.isEmpty() ? nothing() : bytes(source.dumpBytes),
-                     source.state.isEmpty() ? text(u"no"_s, Colour::Warning) : text(u"yes"_s)});
-    printTable(session, {u"FROM"_s, u"KIND"_s, u"MADE"_s, u"FILES"_s, u"DATABASE"_s, u"STATE"_s}, rows);
+                     source.state.isEmpty() ? text(u"no"_s, Colour::Warning) : text(u"yes"_s),
+                     !source.fault.isEmpty() ? text(u"damaged"_s, Colour::Bad)
+                     : source.checked > 0    ? time(source.checked)
+                                             : nothing()});
+    printTable(session, {u"FROM"_s, u"KIND"_s, u"MADE"_s, u"FILES"_s, u"DATABASE"_s, u"STATE"_s, u"VERIFIED"_s}, rows);
     if (!session.options.plain)
         printLine(u"\nTo bring it back from the first of them:\n  corvctl account restore %1 --from %2"_s.arg(
             account, sources.first().from));

@@ -19,6 +19,7 @@ int refuseNoBackup(const Session &session, const QString &name, const QJsonObjec
 // The commands of the topic that have sources of their own.
 Command mountedCommand();
 Command restoreCommand();
+Command verifyCommand();
 
 // What `restore` does with --in-place: puts files of a backup, or of what an earlier restore replaced, in the place of
 // the live ones. Returns the status to end with.

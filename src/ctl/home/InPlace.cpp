@@ -105,8 +105,7 @@ private:
                 around = parent;
             }
             if (entry.isLink) {
-                (void)::fchownat(folder.get(), nameOf(entry.path).constData(), static_cast<uid_t>(-1), m_web,
-                                 AT_SYMLINK_NOFOLLOW);
+                (void)giveLink(folder.get(), nameOf(entry.path), m_web);
                 return;
             }
             // What is to be moved elsewhere must let its owner write to it until then.

@@ -112,6 +112,9 @@ private:
     QString create()
     {
         const QString &target = m_plan.target;
+        // The agent may still be at the creation that was asked for then: it answers behind that.
+        if (m_plan.cutOff)
+            (void)ask(m_session, u"ping"_s);
         if (m_plan.cutOff && uidOf(target) != 0) {
             m_say(u"going on with the account that an earlier restore has made"_s);
             clearAttempt(target);

@@ -6,6 +6,7 @@
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/restore/Kept.h"
+#include "ctl/verify/Verdict.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -30,6 +31,16 @@ QString fileAt(const QString &path)
 {
     const QFileInfo file(path);
     return file.isFile() && !file.isSymLink() ? path : QString();
+}
+
+// Where a folder has the archives: in accounts, as a backup has them, or, of a single account, in itself. Empty where
+// that is a link.
+QString insideOf(const QString &folder)
+{
+    const QFileInfo accounts(folder + u"/accounts"_s);
+    if (accounts.isSymLink())
+        return {};
+    return accounts.isDir() ? accounts.filePath() : folder;
 }
 
 // What lies at the beginnings of names; nothing where neither archive does.
@@ -72,6 +83,24 @@ QString baseOf(const QString &path)
     return path;
 }
 
+// What was found out of a backup's archives of an account.
+void addVerdict(const QString &destination, Source *source)
+{
+    const std::optional<Verdict> verdict = readVerdict(destination, source->from);
+    QList<qint64> times;
+    for (const QString &path : {source->home, source->dump}) {
+        for (const FileVerdict &file : verdict.value_or(Verdict()).files) {
+            if (path.isEmpty() || !path.endsWith(u'/' + file.file))
+                continue;
+            times.append(file.checked);
+            if (source->fault.isEmpty() && !file.fault.isEmpty())
+                source->fault = u"%1 %2"_s.arg(file.file, file.fault);
+        }
+    }
+    const bool isBoth = times.size() == (source->home.isEmpty() ? 0 : 1) + (source->dump.isEmpty() ? 0 : 1);
+    source->checked = isBoth ? *std::min_element(times.cbegin(), times.cend()) : 0;
+}
+
 QString refusalOfFile(const QString &path)
 {
     struct stat status = {};
@@ -88,10 +117,10 @@ QString refusalOfFile(const QString &path)
 
 std::optional<Source> sourceIn(const QString &folder, const QString &account)
 {
-    const QFileInfo accounts(folder + u"/accounts"_s);
-    if (!accounts.isDir() || accounts.isSymLink() || !hosting::validUsername(account))
+    const QString inside = insideOf(folder);
+    if (inside.isEmpty() || !hosting::validUsername(account))
         return {};
-    std::optional<Source> source = sourceAt(u"%1/%2"_s.arg(accounts.filePath(), account), folder + u'/' + kStateFile);
+    std::optional<Source> source = sourceAt(inside + u'/' + account, folder + u'/' + kStateFile);
     if (!source)
         return {};
     source->from = folder;
@@ -119,6 +148,7 @@ QList<Source> sourcesOf(const backup::Config &config, const QString &account)
             source->kind = Source::Kind::Backup;
             source->from = name;
             source->made = backupTime(name);
+            addVerdict(config.destination, &*source);
             sources.append(*source);
         }
     }
@@ -172,7 +202,7 @@ std::optional<Source> findSource(const backup::Config &config, const QString &ac
 QStringList accountsIn(const QString &folder)
 {
     QStringList names;
-    for (const QString &file : QDir(folder + u"/accounts"_s).entryList(QDir::Files | QDir::NoSymLinks, QDir::Name)) {
+    for (const QString &file : QDir(insideOf(folder)).entryList(QDir::Files | QDir::NoSymLinks, QDir::Name)) {
         for (const QString &end : {QString(kHomeEnd), QString(kDumpEnd)}) {
             const QString name = file.endsWith(end) ? file.chopped(end.size()) : QString();
             if (hosting::validUsername(name) && !names.contains(name))

@@ -26,6 +26,8 @@ struct Source
     qint64 made = 0; // seconds since 1970
     qint64 homeBytes = 0;
     qint64 dumpBytes = 0;
+    qint64 checked = 0; // when both archives had been read to their ends, in seconds since 1970; 0 for never
+    QString fault;      // what was found wrong with one of them then
 };
 
 // What there is for an account on this server, the newest first.
@@ -40,7 +42,7 @@ std::optional<Source> findSource(const backup::Config &config, const QString &ac
 // The accounts that a folder of a backup's form holds anything of, by name.
 QStringList accountsIn(const QString &folder);
 
-// What such a folder holds of one.
+// What such a folder holds of one, or one that holds the archives themselves.
 std::optional<Source> sourceIn(const QString &folder, const QString &account);
 
 // Why not all that a source names is root's alone to write to, empty when it is.

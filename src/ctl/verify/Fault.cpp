@@ -1,7 +1,10 @@
 #include "ctl/verify/Fault.h"
 
+#include "ctl/Interrupt.h"
 #include "ctl/verify/Reader.h"
+#include "ctl/verify/Watched.h"
 
+#include <algorithm>
 #include <array>
 
 #include <unistd.h>
@@ -15,31 +18,36 @@ constexpr qsizetype kMostOutput = 4'096;
 // Of the first bytes of a dump: the longest name of a database has 63.
 constexpr size_t kHeaderBytes = 512;
 
-hosting::Surroundings within(const Bounds &bounds)
+// Why a program could not read a file to its end; nothing where it could.
+std::optional<QString> faultIn(const Ended &reading)
 {
-    hosting::Surroundings surroundings;
-    surroundings.milliseconds = bounds.milliseconds;
-    surroundings.memoryBytes = bounds.memoryBytes;
-    return surroundings;
+    if (reading.succeeded)
+        return {};
+    if (reading.wasStopped)
+        return u"was not read to its end"_s;
+    if (reading.tookTooLong)
+        return u"cannot be read: it takes too long"_s;
+    return u"is damaged: "_s + complaintIn(QString::fromUtf8(reading.errors));
 }
 
-QString damaged(const QString &message)
+bool goesOn()
 {
-    return (message.endsWith(": took too long"_L1) ? u"cannot be read: "_s : u"is damaged: "_s) + complaintIn(message);
+    return !interrupted();
 }
 
 // Has tar list the archive to its end. One pass is what "gzip -t" and "tar -t" find out in two: tar reads on behind the
 // last member until gzip has seen its checksum, and fails where gzip does. Debian's own gzip, so that what igzip has
 // packed is read by another program than wrote it.
-QString list(const Fd &file, const QStringList &options, const Bounds &bounds, QByteArray *output)
+std::optional<QString> list(const Fd &file, const QStringList &options, const Bounds &bounds, QByteArray *output)
 {
-    hosting::Streams streams;
-    streams.inputFile = file.get();
-    streams.output = output;
-    streams.maxOutput = kMostOutput;
     const QStringList tar = {
         u"tar"_s, u"--use-compress-program=/usr/bin/gzip"_s, u"--quoting-style=escape"_s, u"-t"_s, u"-f"_s, u"-"_s};
-    return runAsReader(tar + options, streams, within(bounds));
+    Watch watch = {{}, goesOn};
+    if (output)
+        watch.output = [output](const QByteArray &piece) {
+            *output += piece.left(std::max<qsizetype>(kMostOutput - output->size(), 0));
+        };
+    return faultIn(watchAsReader(tar + options, file.get(), {}, bounds, watch));
 }
 
 // Reads the numbers and texts of a dump's beginning: each number has a byte for its sign before it.
@@ -88,9 +96,7 @@ std::optional<QString> faultOfArchive(const QString &path, const Bounds &bounds)
     if (!saved.fault.isEmpty())
         return saved.fault;
 
-    if (const QString error = list(saved.file, {}, bounds, nullptr); !error.isEmpty())
-        return damaged(error);
-    return {};
+    return list(saved.file, {}, bounds, nullptr);
 }
 
 std::optional<QString> faultOfHome(const QString &path, const QString &account, const Bounds &bounds)
@@ -102,10 +108,10 @@ std::optional<QString> faultOfHome(const QString &path, const QString &account, 
     // Told of is what does not lie in the account's home, and the home itself: one line where all is well, however many
     // files there are.
     QByteArray output;
-    const QString error =
+    const std::optional<QString> fault =
         list(saved.file, {u"--anchored"_s, u"--wildcards"_s, u"--exclude=%1/?*"_s.arg(account)}, bounds, &output);
-    if (!error.isEmpty())
-        return damaged(error);
+    if (fault)
+        return fault;
     if (output != account.toLatin1() + "/\n")
         return u"is no archive of the home of %1: it holds other files, or none"_s.arg(account);
     return {};
@@ -117,14 +123,9 @@ std::optional<QString> faultOfDump(const QString &path, const Bounds &bounds)
     if (!saved.fault.isEmpty())
         return saved.fault;
 
-    hosting::Streams streams;
-    streams.inputFile = saved.file.get();
     // Not "--list", which reads the beginning alone.
-    const QString error =
-        runAsReader({u"pg_restore"_s, u"--file=/dev/null"_s, u"--format=custom"_s}, streams, within(bounds));
-    if (!error.isEmpty())
-        return damaged(error);
-    return {};
+    return faultIn(watchAsReader({u"pg_restore"_s, u"--file=/dev/null"_s, u"--format=custom"_s}, saved.file.get(), {},
+                                 bounds, {{}, goesOn}));
 }
 
 std::optional<QString> faultOfDatabase(const QString &path, const QString &database, const Bounds &bounds)

@@ -18,22 +18,23 @@ namespace {
 constexpr uid_t kNobody = 65'534;
 constexpr qsizetype kLongestComplaint = 200;
 
+} // namespace
+
 // Not runuser: it opens a session, with two lines in the log for each file that is looked at.
-QStringList withoutRights()
+QStringList readerCommand(const QStringList &program)
 {
     const passwd *const user = ::getpwnam(QFile::encodeName(kReaderName).constData());
     const uid_t uid = user ? user->pw_uid : kNobody;
     const gid_t gid = user ? user->pw_gid : kNobody;
-    return {u"--reuid=%1"_s.arg(uid),
-            u"--regid=%1"_s.arg(gid),
-            u"--clear-groups"_s,
-            u"--inh-caps=-all"_s,
-            u"--bounding-set=-all"_s,
-            u"--no-new-privs"_s,
-            u"--"_s};
+    const QStringList rights = {u"--reuid=%1"_s.arg(uid),
+                                u"--regid=%1"_s.arg(gid),
+                                u"--clear-groups"_s,
+                                u"--inh-caps=-all"_s,
+                                u"--bounding-set=-all"_s,
+                                u"--no-new-privs"_s,
+                                u"--"_s};
+    return rights + program;
 }
-
-} // namespace
 
 SavedFile openSaved(const QString &path)
 {
@@ -53,25 +54,13 @@ SavedFile openSaved(const QString &path)
     return saved;
 }
 
-QString runAsReader(const QStringList &program, const hosting::Streams &streams,
-                    const hosting::Surroundings &surroundings)
-{
-    hosting::Surroundings around = surroundings;
-    around.environment.insert(u"HOME"_s, u"/"_s); // root's own is closed to it
-    return hosting::runWith(u"setpriv"_s, withoutRights() + program, streams, around);
-}
-
 QString complaintIn(const QString &message)
 {
-    static const QString prefix = u"setpriv failed: "_s;
-    if (message == "setpriv: took too long"_L1)
-        return u"it takes too long"_s;
-    QStringList lines =
-        (message.startsWith(prefix) ? message.sliced(prefix.size()) : message).split(u'\n', Qt::SkipEmptyParts);
+    QStringList lines = message.split(u'\n', Qt::SkipEmptyParts);
     // What tar adds to what it, or gzip, has said already.
     static const QRegularExpression known(
         u"\\Atar: (?:Child (?:returned|died)|Error is not recoverable|Exiting with failure status)"_s);
-    const QString first = lines.value(0);
+    const QString first = lines.value(0, u"the program that reads it failed without a word"_s);
     lines.removeIf([](const QString &line) { return known.match(line).hasMatch(); });
     if (lines.isEmpty())
         lines.append(first);

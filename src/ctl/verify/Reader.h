@@ -1,12 +1,9 @@
 #pragma once
 
 #include "common/Fd.h"
-#include "common/Run.h"
 
 #include <QString>
 #include <QStringList>
-
-#include <optional>
 
 namespace corv::ctl {
 
@@ -24,13 +21,11 @@ struct SavedFile
 // Opens a saved file. A link is none, nor is anything that is no regular file; one without a byte is not whole.
 SavedFile openSaved(const QString &path);
 
-// Runs a program under the user of that name, or as nobody where there is none of that name, without any right that
-// root has, as hosting::runWith does otherwise.
-QString runAsReader(const QStringList &program, const hosting::Streams &streams,
-                    const hosting::Surroundings &surroundings);
+// What setpriv is given to run a program under the user of that name, or as nobody where there is none of that name,
+// without any right that root has.
+QStringList readerCommand(const QStringList &program);
 
-// What is left of a message of runAsReader's for whoever reads what is wrong with a file: one line, without the names
-// of the programs around the one that complained.
+// What a program that read a file complained of, in one line, for whoever is told what is wrong with the file.
 QString complaintIn(const QString &message);
 
 } // namespace corv::ctl
