@@ -146,7 +146,8 @@ QString execute(const QString &program, const QStringList &args, const Streams &
     if (!streams.input.isEmpty())
         process.write(streams.input);
     process.closeWriteChannel();
-    if (!waitForEnd(process, surroundings.milliseconds > 0 ? surroundings.milliseconds : kFinishMs)) {
+    if (!waitForEnd(process, surroundings.milliseconds > 0 ? surroundings.milliseconds : kFinishMs,
+                    surroundings.goesOn)) {
         killGroup(process);
         return program + ": took too long"_L1;
     }

@@ -93,8 +93,10 @@ Command firewallCommand();
 Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
 Command notifyCommand();
+Command offsiteCommand();
 Command proxyCommand();
 Command quotaCommand();
+Command serverCommand();
 Command serviceCommand();
 Command statusCommand();
 Command updateCommand();

@@ -393,6 +393,19 @@ class Host:
             server.kill()
             server.wait()
 
+    @contextmanager
+    def reaching(self, other, port):
+        """A block in which this host reaches the other host's port at the address OUTSIDE."""
+        way = subprocess.Popen([*self._visiting(), "/usr/bin/python3", ROOT / "tests/host/forward.py", OUTSIDE, str(port),
+                                str(other._process.pid), ADDRESS], stdout=subprocess.PIPE, preexec_fn=_die_with_parent)
+        try:
+            if way.stdout.read(1) != b".":
+                raise HostError(f"no way from {self.name} to {other.name}")
+            yield
+        finally:
+            way.kill()
+            way.wait()
+
     def fetch(self, domain, path="/", *options):
         """Fetches a page over HTTP; `options` are curl's."""
         done = self.outside(["curl", "-q", "-sS", "-i", "--max-time", "30", "-H", f"Host: {domain}", *options,
@@ -404,11 +417,11 @@ class Host:
         headers = {name.lower(): value for name, value in (line.split(": ", 1) for line in lines)}
         return Response(int(status.split()[1]), headers, body)
 
-    def ssh(self, account, command, *, key=None, input=None):
-        """Logs in from outside and runs a command; `account` is an Account or a user's name."""
+    def ssh(self, account, command, *, key=None, input=None, terminal=False):
+        """Logs in from outside and runs a command, on a terminal if asked to; `account` is an Account or a user's name."""
         name = account if isinstance(account, str) else account.name
         private = key or (self.key.private if isinstance(account, str) else account.key)
-        return self.outside(["ssh", "-F", "/dev/null", "-T", "-o", "BatchMode=yes", "-o", "IdentitiesOnly=yes",
+        return self.outside(["ssh", "-F", "/dev/null", "-tt" if terminal else "-T", "-o", "BatchMode=yes", "-o", "IdentitiesOnly=yes",
                              "-o", "StrictHostKeyChecking=no", "-o", "UserKnownHostsFile=/dev/null", "-o", "LogLevel=ERROR",
                              "-i", str(private), f"{name}@{ADDRESS}", command], input=input)
 

@@ -28,6 +28,7 @@ def server(boot):
     """)
     host.ok(["corvctl", "backup", "start", "--wait"])
     host.backup = sh(host, f"ls {AUTO} | tail -n 1").strip()
+    host.cluster = f"postgresql@{sh(host, 'ls /etc/postgresql').strip()}-main"
     return host
 
 
@@ -160,10 +161,10 @@ def test_a_name_can_be_used_again_after_postgresql_went_away_in_a_creation(serve
         server.ok(["chmod", "777", "/run/stand-ins"])  # psql runs as postgres
         creation = server.background([*line])
         server.wait_for_hold()
-        server.ok(["systemctl", "stop", "postgresql@15-main"])
+        server.ok(["systemctl", "stop", server.cluster])
         server.release()
         creation.wait(60)
-    server.ok(["systemctl", "start", "postgresql@15-main"])
+    server.ok(["systemctl", "start", server.cluster])
     assert server.run(["id", name]).code != 0
     assert faults_of(server, name) == [("fault", f"PostgreSQL has a role {name}, but the server has no such user", drop)]
 
@@ -213,7 +214,7 @@ def test_a_deletion_that_was_cut_off_while_the_database_was_dropped_is_finished(
     dump, home = archives
     assert faults_of(server, name) == [
         ("fault", f"a deletion of the account {name} was cut off while its database was dropped; its archives are {home} and {dump}",
-         f"corvctl account delete {name} --force")]
+         f"corvctl account delete {name}")]
 
     assert server.request("hosting.delete", username=name, confirm=name)["error"].startswith("could not dump the database")
     refused = [path for path in sh(server, f"ls /var/backups/corvane/{name}-*").split() if path not in archives]
@@ -242,11 +243,11 @@ def test_a_deletion_that_was_cut_off_while_the_database_was_dropped_is_finished(
 
 def test_a_refused_deletion_says_what_it_leaves(server):
     name = server.account().name
-    server.ok(["systemctl", "stop", "postgresql@15-main"])
+    server.ok(["systemctl", "stop", server.cluster])
     try:
         done = server.run(["corvctl", "account", "delete", name, "--confirm", name])
     finally:
-        server.ok(["systemctl", "start", "postgresql@15-main"])
+        server.ok(["systemctl", "start", server.cluster])
     left = [path for path in sh(server, f"ls /var/backups/corvane/{name}-*").split() if path.endswith("-home.tar.gz")]
     assert (done.code, done.out) == (1, "")
     assert re.search(r"^corvctl: the archive of the home that was made before stays, [\d.]+ \w+, in a folder of root's: "

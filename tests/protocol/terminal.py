@@ -112,11 +112,12 @@ class FakeAgent:
         self.close()
 
 
-def answering(line):
-    """Reads one request and answers it with these bytes."""
+def answering(*lines):
+    """Reads as many requests as there are lines, and answers each with its own."""
     def serve(connection):
-        read_line(connection)
-        connection.sendall(line)
+        for line in lines:
+            read_line(connection)
+            connection.sendall(line)
     return serve
 
 

@@ -108,9 +108,9 @@ private Q_SLOTS:
         QFETCH(QByteArray, output);
         const QStringList wanted = {
             u"fault|fail2ban's jail for SSH believes any local program named sshd, so that every user can have "
-            "addresses banned|[ ! -e /etc/fail2ban/filter.d/sshd.local ] && printf '[Definition]\\njournalmatch = "
+            "addresses banned|[ ! -e /etc/fail2ban/jail.d/sshd-journal.local ] && printf '[sshd]\\njournalmatch = "
             "_SYSTEMD_UNIT=ssh.service\\n' "
-            ">/etc/fail2ban/filter.d/sshd.local && systemctl restart fail2ban"_s};
+            ">/etc/fail2ban/jail.d/sshd-journal.local && systemctl restart fail2ban"_s};
         QFETCH(bool, found);
         QCOMPARE(asText(checkSshdJail(output)), found ? wanted : QStringList());
     }

@@ -125,10 +125,8 @@ int show(Session &session, const Given &given)
     if (!answer.ok())
         return *settled(session, answer);
     const QJsonObject backup = backupNamed(answer.reply, name);
-    if (backup.isEmpty()) {
-        const QString hint = meantHint(u"backup"_s, name, backupNames(answer.reply));
-        return refuse(session, noBackup(name), hint.isEmpty() ? QString(kListBackups) : hint);
-    }
+    if (backup.isEmpty())
+        return refuseNoBackup(session, name, answer.reply);
     if (!backup.contains("accounts"_L1)) {
         return refuse(session, u"the backup %1 has no list of what it holds: it was cut off, or is damaged"_s.arg(name),
                       u"journalctl -u corv-backup tells why"_s);
@@ -248,9 +246,15 @@ QJsonObject backupNamed(const QJsonObject &status, const QString &name)
     return {};
 }
 
-QString noBackup(const QString &name)
+int refuseNoBackup(const Session &session, const QString &name, const QJsonObject &status)
 {
-    return u"there is no backup %1"_s.arg(name);
+    return refuseNoBackup(session, name, backupNames(status));
+}
+
+int refuseNoBackup(const Session &session, const QString &name, const QStringList &backups)
+{
+    const QString hint = meantHint(u"backup"_s, name, backups);
+    return refuse(session, u"there is no backup %1"_s.arg(name), hint.isEmpty() ? QString(kListBackups) : hint);
 }
 
 Command backupCommand()
@@ -264,6 +268,7 @@ Command backupCommand()
              {"list", "List the backups", {}, list},
              {"show", "Show what a backup holds of each account, and what could not be saved", {backup}, show},
              {"log", "Show the end of the backups' log", {}, log},
+             mountedCommand(),
              {"start",
               "Start a backup now",
               {{"--wait", "follow the log until the end; the exit status tells the outcome", Kind::Flag}},

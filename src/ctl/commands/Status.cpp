@@ -308,8 +308,10 @@ int status(Session &session, const Given &)
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     const std::optional<QStringList> names = accountNames(session);
     QList<StatusLine> lines = statusLines(replies, names ? std::optional(names->size()) : std::nullopt, now);
-    if (isHere)
+    if (isHere) {
+        addOffsite(session, now, &lines);
         addWhatIsKnownHere(session, replies, now, &lines);
+    }
     addHere(here, &lines);
     if (session.options.plain)
         showPlain(lines);

@@ -71,6 +71,20 @@ Used archives(const backup::Config &config)
     return used;
 }
 
+// By the unit, which is the journal's own word: any program may write such a line in the daemon's name.
+std::optional<qint64> lastLoginInJournal(const QString &name)
+{
+    if (!hosting::validUsername(name))
+        return {};
+    const Outcome outcome =
+        runWithin(kToolMs, u"journalctl"_s,
+                  {u"--quiet"_s, u"--no-pager"_s, u"--output=short-unix"_s, u"--reverse"_s, u"--lines=1"_s,
+                   u"--grep=^Accepted [a-z/-]+ for %1 from "_s.arg(name), u"_SYSTEMD_UNIT=ssh.service"_s});
+    bool isNumber = false;
+    const double seconds = firstWord(outcome.output).toDouble(&isNumber);
+    return isNumber && outcome.succeeded ? std::optional(qint64(seconds)) : std::nullopt;
+}
+
 } // namespace
 
 Used readUsed(const backup::Config &config)
@@ -112,15 +126,15 @@ QString stateOf(const AccountParts &account)
     return account.siteEnabled ? u"on-line"_s : u"not enabled"_s;
 }
 
-std::optional<qint64> lastLogin(uid_t user)
+std::optional<qint64> lastLogin(const hosting::User &user)
 {
     const Fd file(::open("/var/log/lastlog", O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file)
-        return {};
+        return lastLoginInJournal(user.name);
     lastlog entry = {};
     // A user behind the file's end has not logged in yet.
     const ssize_t count =
-        ::pread(file.get(), &entry, sizeof entry, static_cast<off_t>(user) * static_cast<off_t>(sizeof entry));
+        ::pread(file.get(), &entry, sizeof entry, static_cast<off_t>(user.uid) * static_cast<off_t>(sizeof entry));
     return count == sizeof entry ? qint64(entry.ll_time) : 0;
 }
 

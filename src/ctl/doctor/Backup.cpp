@@ -37,13 +37,6 @@ QStringList errorsOf(const QJsonObject &backup)
     return errors;
 }
 
-// An error that tells of nothing but files that were being written to.
-bool isHarmless(const QString &error)
-{
-    const QStringList lines = error.split(u'\n', Qt::SkipEmptyParts);
-    return std::all_of(lines.cbegin(), lines.cend(), [](const QString &line) { return line.endsWith(kHarmless); });
-}
-
 QString gibibytes(qint64 bytes)
 {
     return u"%1 GiB"_s.arg(QString::number(static_cast<double>(bytes) / static_cast<double>(kGibibyte), 'f', 1));
@@ -109,6 +102,12 @@ bool wasCutOff(const QString &account, const QJsonObject &backup)
 }
 
 } // namespace
+
+bool isHarmless(const QString &error)
+{
+    const QStringList lines = error.split(u'\n', Qt::SkipEmptyParts);
+    return std::all_of(lines.cbegin(), lines.cend(), [](const QString &line) { return line.endsWith(kHarmless); });
+}
 
 qint64 backupTime(const QString &name)
 {

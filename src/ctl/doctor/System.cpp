@@ -164,7 +164,8 @@ QList<Finding> checkSshdJail(const QByteArray &output)
     return {
         {Level::Fault,
          u"fail2ban's jail for SSH believes any local program named sshd, so that every user can have addresses banned"_s,
-         uR"([ ! -e /etc/fail2ban/filter.d/sshd.local ] && printf '[Definition]\njournalmatch = _SYSTEMD_UNIT=ssh.service\n' >/etc/fail2ban/filter.d/sshd.local && systemctl restart fail2ban)"_s}};
+         // In the jail and not in its filter: what Debian 13's own jail says prevails over the filter.
+         uR"([ ! -e /etc/fail2ban/jail.d/sshd-journal.local ] && printf '[sshd]\njournalmatch = _SYSTEMD_UNIT=ssh.service\n' >/etc/fail2ban/jail.d/sshd-journal.local && systemctl restart fail2ban)"_s}};
 }
 
 QList<Finding> checkLockTimeout(const QString &value)
