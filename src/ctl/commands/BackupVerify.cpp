@@ -146,7 +146,7 @@ int verify(Session &session, const Given &given)
                       u"corvctl backup start --wait makes one"_s);
     const QString name = asked == kNewest ? names.first() : asked;
     if (!names.contains(name))
-        return refuse(session, noBackup(name), meantHint(u"backup"_s, name, names));
+        return refuse(session, u"there is no backup %1"_s.arg(name), meantHint(u"backup"_s, name, names));
     const Fd mine = lock();
     if (!mine)
         return refuse(session, u"a backup is being verified already"_s, u"systemctl status corv-verify.service"_s);
