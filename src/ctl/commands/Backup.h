@@ -16,8 +16,10 @@ QJsonObject backupNamed(const QJsonObject &status, const QString &name);
 // status to end with.
 int refuseNoBackup(const Session &session, const QString &name, const QJsonObject &status);
 
-// The command of the topic that has sources of its own.
+// The commands of the topic that have sources of their own.
+Command mountedCommand();
 Command restoreCommand();
+Command verifyCommand();
 
 // What `restore` does with --in-place: puts files of a backup, or of what an earlier restore replaced, in the place of
 // the live ones. Returns the status to end with.
