@@ -151,7 +151,6 @@ _corvctl_accounts() {
 }
 
 _corvctl_backups() {
-    echo newest
     corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1
 }
 
@@ -203,7 +202,7 @@ _corvctl_accounts() {
 
 _corvctl_backups() {
     local -a backups
-    backups=(newest ${(f)"$(corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1)"})
+    backups=(${(f)"$(corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1)"})
     compadd -a backups
 }
 
@@ -252,7 +251,6 @@ function __corvctl_accounts
 end
 
 function __corvctl_backups
-    echo newest
     corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1
 end
 

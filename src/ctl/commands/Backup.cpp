@@ -248,13 +248,18 @@ QJsonObject backupNamed(const QJsonObject &status, const QString &name)
 
 int refuseNoBackup(const Session &session, const QString &name, const QJsonObject &status)
 {
-    const QString hint = meantHint(u"backup"_s, name, backupNames(status));
+    return refuseNoBackup(session, name, backupNames(status));
+}
+
+int refuseNoBackup(const Session &session, const QString &name, const QStringList &backups)
+{
+    const QString hint = meantHint(u"backup"_s, name, backups);
     return refuse(session, u"there is no backup %1"_s.arg(name), hint.isEmpty() ? QString(kListBackups) : hint);
 }
 
 Command backupCommand()
 {
-    const Parameter backup = {"BACKUP", "its name in corvctl backup list"};
+    const Parameter backup = {"BACKUP", "its name in corvctl backup list", Kind::Required, Names::Backup};
     return {"backup",
             "Backups of all accounts",
             {},

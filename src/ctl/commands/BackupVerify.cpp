@@ -6,7 +6,6 @@
 #include "common/Json.h"
 #include "ctl/Command.h"
 #include "ctl/Interrupt.h"
-#include "ctl/Meant.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
 #include "ctl/commands/Backup.h"
@@ -146,7 +145,7 @@ int verify(Session &session, const Given &given)
                       u"corvctl backup start --wait makes one"_s);
     const QString name = asked == kNewest ? names.first() : asked;
     if (!names.contains(name))
-        return refuse(session, u"there is no backup %1"_s.arg(name), meantHint(u"backup"_s, name, names));
+        return refuseNoBackup(session, name, names);
     const Fd mine = lock();
     if (!mine)
         return refuse(session, u"a backup is being verified already"_s, u"systemctl status corv-verify.service"_s);

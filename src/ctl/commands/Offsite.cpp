@@ -12,6 +12,7 @@
 #include "ctl/screen/Table.h"
 
 #include <QJsonArray>
+#include <QProcess>
 #include <QSettings>
 
 #include <cstdio>
@@ -180,8 +181,8 @@ int passOn(Session &session, const Given &given)
     std::vector<std::string> words = {"restic"};
     for (const QString &word : optionsFor(repository->place))
         words.push_back(word.toStdString());
-    for (const std::string &word : given.words("ARGUMENT"))
-        words.push_back(word);
+    for (const QString &word : QProcess::splitCommand(given.text("ARGUMENTS")))
+        words.push_back(word.toStdString());
     std::vector<char *> argv;
     for (std::string &word : words)
         argv.push_back(word.data());
@@ -245,7 +246,7 @@ Command offsiteCommand()
              offsiteDrillCommand(),
              {"restic",
               "Run restic with the place, its key and its credentials",
-              {{"ARGUMENT", "what restic is to do; after -- where it has options", Kind::Words}},
+              {{"ARGUMENTS", "what restic is to do, as one word: 'snapshots --json'"}},
               passOn}}};
 }
 

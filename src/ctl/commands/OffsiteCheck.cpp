@@ -67,7 +67,7 @@ int check(Session &session, const Given &given)
     if (const QString unkept = keepOffsite(state); problem.isEmpty())
         problem = unkept;
     if (!problem.isEmpty()) {
-        return refuse(session, problem, u"corvctl offsite restic -- check --read-data tells all; docs: backup.md"_s);
+        return refuse(session, problem, u"corvctl offsite restic 'check --read-data' tells all that is wrong"_s);
     }
     if (session.options.json)
         print("{\"ok\":true}\n");

@@ -174,7 +174,7 @@ QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject
         const qint64 most = kToolSeconds * bytesPerSecond;
         const bool tooLarge = sizes.value(name) > most;
         if (!cutOff && (!tooLarge || wasSaved(name, last))) {
-            if (static_cast<double>(sizes.value(name)) > kNear * static_cast<double>(most))
+            if (!wasSaved(name, last) && static_cast<double>(sizes.value(name)) > kNear * static_cast<double>(most))
                 findings.append(
                     {Level::Note,
                      u"the home of the account %1 has %2; about %3 can be archived within ten minutes"_s.arg(

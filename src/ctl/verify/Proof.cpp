@@ -28,7 +28,7 @@ constexpr qsizetype kLongestError = 160;
 // The role's own password, which what a dump runs may set, lets nobody in: it has run out. Its settings and all that
 // it owns go with it. It sees all rows, as a superuser's restore does.
 const QStringList kMake = {
-    u"CREATE ROLE corv_verify LOGIN NOINHERIT BYPASSRLS VALID UNTIL '1970-01-01'"_s,
+    u"CREATE ROLE corv_verify LOGIN BYPASSRLS VALID UNTIL '1970-01-01'"_s,
     u"CREATE DATABASE corv_verify OWNER corv_verify TEMPLATE template0 ALLOW_CONNECTIONS false"_s,
     // Nobody has been in it by then.
     u"REVOKE ALL ON DATABASE corv_verify FROM PUBLIC"_s, u"ALTER DATABASE corv_verify ALLOW_CONNECTIONS true"_s};
@@ -128,13 +128,15 @@ QList<qint64> countRestored(const QMap<QByteArray, qint64> &dumped, const Bounds
     for (auto table = dumped.cbegin(); table != dumped.cend(); ++table)
         statements += "SELECT count(*) FROM ONLY " + table.key() + ";\n";
     QByteArray output;
+    // The role may have been given settings by what the dump ran; these go before.
     const qsizetype most = (dumped.size() + 1) * 24; // a number of nineteen digits and its line feed
     const auto take = [&](const QByteArray &piece) {
         output += piece.left(std::max<qsizetype>(most - output.size(), 0));
     };
     const Ended counted = watchAsReader(
         {u"psql"_s, u"--no-psqlrc"_s, u"-qtA"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s, u"--dbname=corv_verify"_s}, -1,
-        statements, bounds, {take, [] { return !interrupted(); }}, {{u"PGOPTIONS"_s, u"-csearch_path=pg_catalog"_s}});
+        statements, bounds, {take, [] { return !interrupted(); }},
+        {{u"PGOPTIONS"_s, u"-csearch_path=pg_catalog -cstatement_timeout=0 -crow_security=off"_s}});
     QList<qint64> counts;
     if (!counted.succeeded)
         return counts;

@@ -27,6 +27,7 @@ void prepare(QProcess &process, int file, const Bounds &bounds, const QMap<QStri
     for (auto entry = environment.cbegin(); entry != environment.cend(); ++entry)
         variables.insert(entry.key(), entry.value());
     process.setProcessEnvironment(variables);
+    process.setWorkingDirectory(u"/"_s); // root's own folder is closed to it
     // Opened anew, and so from its beginning, whatever has been read of it.
     if (file >= 0)
         process.setStandardInputFile(u"/proc/self/fd/%1"_s.arg(file));
