@@ -1,5 +1,6 @@
 """The drill: a server is lost, and all of its accounts are on a fresh one from its last backup, the same in everything."""
 
+import json
 import subprocess
 
 import pytest
@@ -75,7 +76,9 @@ def test_a_lost_server_is_back_on_a_fresh_one(lost, boot):
         assert everything(fresh, shop.name) == lost.before[shop.name]
     assert of_panel(fresh, PANEL) == "the panel\n"
     assert fresh.request("backup.status")["keepDays"] == 21
-    assert fresh.run(["corvctl", "doctor"]).code == 0
+    checks = json.loads(fresh.run(["corvctl", "--json", "doctor"]).out)["checks"]
+    assert [finding["problem"] for check in checks for finding in check["findings"] if finding["level"] == "fault"] == [
+        "there is no backup yet"]
 
     # A third time there is nothing to do.
     done = fresh.run([*words[:4], "--confirm", words[-1]])
