@@ -72,7 +72,7 @@ void start(QProcess &process, const EndOfStream &end, const Streams &streams)
         ::dup2(streams.out, STDOUT_FILENO);
         ::dup2(streams.errors, STDERR_FILENO);
         prepare();
-        ::signal(SIGPIPE, SIG_DFL); // the guard's
+        (void)::signal(SIGPIPE, SIG_DFL); // the guard's
         // Without us nobody could tell the receiver that what it got is not all.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (::getppid() != parent)
