@@ -74,6 +74,9 @@ void prepareChild(QProcess &process)
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
+        // Left ignored by the one or other terminal that the client is started in.
+        (void)::signal(SIGTTIN, SIG_DFL);
+        (void)::signal(SIGTTOU, SIG_DFL);
         ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     });
 }

@@ -190,7 +190,7 @@ def test_a_password_in_the_name_of_the_place_is_refused(server):
 
 
 def test_without_a_place_every_command_says_how_to_have_one(sandbox):
-    for command in (["run"], ["list"], ["check"], ["fetch", "alice"], ["drill"], ["restic"]):
+    for command in (["run"], ["list"], ["check"], ["fetch", "alice"], ["drill"], ["restic", "snapshots"]):
         assert corvctl(sandbox, "offsite", *command) == (
             1, "", "corvctl: no off-site place is set up\n  corvctl offsite setup REPOSITORY sets one up\n"), command
     assert corvctl(sandbox, "offsite", "status") == (
