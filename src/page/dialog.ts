@@ -10,6 +10,12 @@ export function shellLine(argv: string[]): string {
     return argv.map(word => /^[\w@%+=:,./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`).join(" ");
 }
 
+// The lines of the client that do what an action does.
+export function sameLine(same: string[] | string[][]): string {
+    const lines = (Array.isArray(same[0]) ? same : [same]) as string[][];
+    return lines.map(argv => `corvctl ${shellLine(argv)}`).join(" && ");
+}
+
 type Input = HTMLInputElement | HTMLTextAreaElement | HTMLSelectElement;
 
 function inputOf(field: Field): Input {
@@ -63,7 +69,7 @@ export function openDialog(action: Action, tools: Tools) {
     const look = () => {
         submit.disabled = !fields.every((field, at) => isComplete(field, inputs[at]!.value));
         same.replaceChildren(make("span", { class: "help" }, _("The same by hand:")), " ",
-            copyable(`corvctl ${shellLine(action.same(values()))}`));
+            copyable(sameLine(action.same(values()))));
     };
     const say = (...children: Child[]) => outcome.replaceChildren(...children.filter((child): child is Node => child instanceof Node));
 

@@ -5,13 +5,19 @@ import { openDialog } from "./dialog";
 import { make, type Child } from "./elements";
 import { accountPage } from "./pages/account";
 import { accountsPage } from "./pages/accounts";
+import { backupsPage } from "./pages/backups";
+import { filesPage } from "./pages/files";
+import { firewallPage } from "./pages/firewall";
 import { overviewPage } from "./pages/overview";
+import { servicesPage } from "./pages/services";
+import { updatesPage } from "./pages/updates";
 import { alert, button, empty, type Level } from "./parts";
 import { pendingText } from "./pending";
 import { NoAgent } from "./problem";
 import { _, format } from "./text";
 import { followTheme } from "./theme";
 import type { Page, Parts, Tools } from "./tools";
+import { transferList } from "./transfers";
 import "./index.css";
 
 // The data of a page is its own matter: here they are parts that come or do not.
@@ -23,14 +29,23 @@ const kAgainSeconds = 3;
 const kTabs: [string, () => string][] = [
     ["", () => _("Overview")],
     ["accounts", () => _("Accounts")],
+    ["backups", () => _("Backups")],
+    ["firewall", () => _("Firewall and bans")],
+    ["updates", () => _("Updates")],
+    ["services", () => _("Services and quotas")],
 ];
 
+const kPages = new Map<string, unknown>([
+    ["accounts", accountsPage], ["backups", backupsPage], ["firewall", firewallPage], ["updates", updatesPage], ["services", servicesPage],
+]);
+
 function pageAt(path: string[]): AnyPage {
-    const [first = "", second] = path;
+    const [first = "", second, ...rest] = path;
+    if (first === "files" && second)
+        return filesPage(second, ...rest) as unknown as AnyPage;
     if (first === "accounts" && second)
         return accountPage(second) as unknown as AnyPage;
-    const pages: Record<string, Page<never>> = { accounts: accountsPage as never };
-    return (pages[first] ?? overviewPage) as unknown as AnyPage;
+    return (kPages.get(first) ?? overviewPage) as unknown as AnyPage;
 }
 
 const content = make("div", { id: "content" });
@@ -165,7 +180,7 @@ document.addEventListener("DOMContentLoaded", () => {
     document.body.append(make("div", { class: "pf-v6-c-page pf-m-no-sidebar" },
         make("div", { class: "pf-v6-c-page__main-container" },
             make("main", { class: "pf-v6-c-page__main", tabindex: -1 },
-                make("section", { class: "pf-v6-c-page__main-section" }, tabs, busy, notices, content)))));
+                make("section", { class: "pf-v6-c-page__main-section" }, tabs, busy, notices, transferList, content)))));
     setInterval(drawBusy, 1000);
     cockpit.addEventListener("locationchanged", follow);
     watchAccess(access => {

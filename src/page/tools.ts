@@ -24,8 +24,8 @@ export interface Action {
     fields?: Field[];
     does: string;
     danger?: boolean;
-    // The arguments of the corvctl line that does the same.
-    same(values: Values): string[];
+    // The arguments of the corvctl line that does the same, or of each of several.
+    same(values: Values): string[] | string[][];
     // What it does; what it gives is shown until it is closed.
     run(values: Values, progress: (text: string) => void): Promise<Child[] | void>;
     // What is offered where the connection was lost in the middle.

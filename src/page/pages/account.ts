@@ -82,7 +82,7 @@ function restoreAction(username: string, backup: string, tools: Tools): Action {
                 return done.restoredTo ? [make("p", {}, _("The files are in:")), copyable(done.restoredTo)] : undefined;
             }
             // The dialog has the name typed, so that the client need not ask for it.
-            const said = await run([...sameRestore(username, way, backup, folder), "--yes"], progress);
+            const said = await run([...sameRestore(username, way, backup, folder), "--confirm", username], progress);
             return [log(_("What it says"), said)];
         },
     };

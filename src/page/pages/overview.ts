@@ -77,7 +77,7 @@ function verdict(data: Parts<Data>): HTMLElement {
         ? alert("success", _("The server is well")) : alert("info", _("Well as far as it has been seen; still looking…")));
 }
 
-function restartAction(hostname: string, tools: Tools): Action {
+export function restartAction(hostname: string, tools: Tools): Action {
     return {
         id: "restart", title: format(_("Restart $0"), hostname), does: _("Restart the server"), danger: true,
         text: [make("p", {}, _("All sites are gone until the server is up again; this page comes back by itself."))],
