@@ -36,7 +36,9 @@ def main():
     for name in ("index.html", "manifest.json"):
         shutil.copy(HERE / name, to / name)
     for source in sorted((HERE / "po").glob("*.po")):
-        (to / f"po.{source.stem}.js").write_text(catalogue.script(source), encoding="utf-8")
+        path = to / f"po.{source.stem}.js"
+        path.write_text(catalogue.script(source), encoding="utf-8")
+        compressed(path)
     size = sum(compressed(to / name) for name in ("index.js", "index.css"))
     if size > LIMIT:
         sys.exit(f"the page is {size} bytes compressed, more than {LIMIT}")
