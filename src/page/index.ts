@@ -115,7 +115,7 @@ async function loadPage() {
         data = Object.fromEntries(sources.map(([name]) => [name, null]));
         drawPage();
     }
-    await Promise.all(sources.map(async ([name, ask]) => {
+    const bring = async ([name, ask]: [string, () => Promise<unknown>]) => {
         const part = await ask().then(here => ({ here }), (problem: Error) => ({ problem }));
         if (mine !== load || !isFull)
             return;
@@ -125,7 +125,11 @@ async function loadPage() {
             data = { ...data, [name]: part };
             drawPage();
         }
-    }));
+    };
+    const isLater = ([name]: [string, unknown]) => shown.later?.includes(name) ?? false;
+    await Promise.all(sources.filter(source => !isLater(source)).map(bring));
+    if (mine === load && isFull)
+        await Promise.all(sources.filter(isLater).map(bring));
     if (mine !== load)
         return;
     const gone = problems.find(problem => problem instanceof NoAgent);

@@ -72,6 +72,25 @@ export function tableRow(names: string[], { key, cells }: Row): HTMLElement {
         }, cell)));
 }
 
+// How many rows are drawn before the reader sees them.
+const kRowsAtOnce = 60;
+const fillings = new WeakMap<Element, object>();
+
+// Fills a table's body with rows in place of those that were in it: the first at once, the others while the reader looks already.
+export function fillRows(body: HTMLElement, names: string[], rows: (() => Row)[]) {
+    const mine = {};
+    fillings.set(body, mine);
+    body.replaceChildren();
+    const fill = (from: number) => {
+        if (fillings.get(body) !== mine)
+            return;
+        body.append(...rows.slice(from, from + kRowsAtOnce).map(row => tableRow(names, row())));
+        if (from + kRowsAtOnce < rows.length)
+            setTimeout(() => fill(from + kRowsAtOnce));
+    };
+    fill(0);
+}
+
 // A table; on narrow screens each row becomes a block whose lines carry the names of the columns. A head may be an element of its own.
 export function table(name: string, id: string, heads: (string | [string, Child])[], rows: Row[]): HTMLElement {
     const names = heads.map(head => typeof head === "string" ? head : head[0]);
@@ -135,5 +154,8 @@ export function shown<T>(part: Part<T>, view: (here: T) => Child[]): Child[] {
 
 // A log in a block that can be scrolled by keyboard too.
 export function log(name: string, text: string): HTMLElement {
-    return make("pre", { class: "log", tabindex: 0, role: "region", "aria-label": name }, text);
+    const block = make("pre", { class: "log", tabindex: 0, role: "region", "aria-label": name }, text);
+    // The end is what one wants to read, as soon as it has been put into the page.
+    queueMicrotask(() => { block.scrollTop = block.scrollHeight; });
+    return block;
 }

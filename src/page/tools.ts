@@ -49,6 +49,8 @@ export interface Page<D> {
     title(): string;
     // What the page shows, each by how it is asked for; each is shown as it comes.
     sources(tools: Tools): { [K in keyof D]: () => Promise<D[K]> };
+    // What is asked for only when the others have come.
+    later?: (keyof D)[];
     // The page as a function of what has come.
     view(data: Parts<D>, tools: Tools): Child[];
     // After how many seconds to ask again; null where nothing moves.

@@ -1,7 +1,6 @@
 """A browser in Cockpit, on our page: what tests of the page do, in the words of whoever sits in front of it."""
 
 import json
-import time
 
 from browser import Browser
 
@@ -14,6 +13,7 @@ class Cockpit(Browser):
     """`page` is the document of our page, as an expression."""
 
     page = PAGE
+    _world = None
 
     def login(self, user, password, *, administrator=True, path="/corvane"):
         self.send("Page.navigate", url=ADDRESS + path)
@@ -29,6 +29,10 @@ class Cockpit(Browser):
     def find(self, selector):
         """An expression for the first element of the page that a selector names."""
         return f"{PAGE}.querySelector({json.dumps(selector)})"
+
+    def row(self, key, inner=""):
+        """An expression for the row of a table, or for an element in it, by what the row is about."""
+        return self.find(f'[data-row="{key}"] {inner}'.strip())
 
     def button(self, text, within="body"):
         """An expression for the button, or link, of the page with a text, or whose name for screen readers is the text."""
@@ -89,14 +93,22 @@ class Cockpit(Browser):
                 w.dispatchEvent(new w.CustomEvent('cockpit-style', {{detail: {{style: '{style}'}}}}))""")
         self.wait(f"{PAGE}.documentElement.classList.contains('pf-v6-theme-dark') === {json.dumps(style == 'dark')}")
 
-    def in_page(self, code):
-        """The value of an expression that is evaluated as a script of the page's own frame."""
-        tree = self.send("Page.getFrameTree")["frameTree"]
-        frame = next(child["frame"]["id"] for child in tree["childFrames"] if child["frame"].get("name") == "cockpit1:localhost/corvane")
-        contexts = [event["params"]["context"] for event in self.events if event["method"] == "Runtime.executionContextCreated"]
-        context = [one["id"] for one in contexts if one["auxData"].get("frameId") == frame and one["auxData"].get("isDefault")][-1]
-        return self.js(code, contextId=context)
+    def leave_dialog(self):
+        """Closes what a test that failed has left open."""
+        self.js(f"{PAGE}?.querySelectorAll('dialog').forEach(one => one.close())")
 
+    def forget_frames(self):
+        self._world = None
 
-def seconds(since):
-    return round(time.monotonic() - since, 2)
+    def apart(self, code):
+        """The value of an expression in a world of its own beside the page's scripts, where its security policy does not hold."""
+        if self._world is None:
+            tree = self.send("Page.getFrameTree")["frameTree"]
+            frame = next(one["frame"]["id"] for one in tree["childFrames"] if one["frame"].get("name") == "cockpit1:localhost/corvane")
+            self._world = self.send("Page.createIsolatedWorld", frameId=frame)["executionContextId"]
+        return self.js(code, contextId=self._world)
+
+    def give_files(self, selector, *paths):
+        """Chooses files for a file field, as the browser's own window for that would."""
+        found = self.send("Runtime.evaluate", expression=self.find(selector))["result"]["objectId"]
+        self.send("DOM.setFileInputFiles", files=[str(path) for path in paths], objectId=found)

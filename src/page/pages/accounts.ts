@@ -1,7 +1,7 @@
 // All accounts: found, sorted, filtered; made, taken off-line and back, deleted.
 import { accounts, type Account } from "../client";
 import { make, type Child } from "../elements";
-import { bar, button, copyable, empty, label, link, shown, tableRow, table, type Part, type Row } from "../parts";
+import { bar, button, copyable, empty, label, fillRows, link, shown, table, type Part, type Row } from "../parts";
 import { _, backupText, bytesText, format, plural } from "../text";
 import type { Action, Page, Tools } from "../tools";
 import type { Replies } from "../protocol";
@@ -131,13 +131,13 @@ function list(all: Account[], backups: Part<Replies["backup.status"]>, tools: To
     const last: Part<Map<string, string>> = backups && "here" in backups ? { here: lastBackups(backups.here) } : backups;
     const largest = Math.max(1, ...all.map(account => account.usedBytes ?? 0));
     const names = [_("Account"), _("Domain"), _("State"), _("Disk used"), _("Last backup"), ""];
-    const rows = () => chosen(all, wished).map(account => rowOf(account, largest, last, tools));
     const count = make("span", { class: "help", role: "status" });
     const shownTable = table(_("Hosting accounts"), "accounts", names, []);
+    shownTable.classList.add("pf-m-fixed");
     const body = shownTable.querySelector("tbody")!;
     const fill = () => {
-        const found = rows();
-        body.replaceChildren(...found.map(row => tableRow(names, row)));
+        const found = chosen(all, wished);
+        fillRows(body, names, found.map(account => () => rowOf(account, largest, last, tools)));
         count.replaceChildren(plural("$0 account", "$0 accounts", found.length));
     };
     const choice = (id: string, name: string, value: string, choices: [string, string][], changed: (value: string) => void) =>

@@ -1,6 +1,6 @@
 // The files of an account, as its user sees them and with its user's rights.
 import { make, type Child } from "../elements";
-import { alert, button, label, shown, table, tableRow, type Row } from "../parts";
+import { alert, button, fillRows, label, shown, table, type Row } from "../parts";
 import { Refused } from "../problem";
 import type { Replies } from "../protocol";
 import { _, bytesText, format, plural, timeText } from "../text";
@@ -13,8 +13,6 @@ export interface Data { list: Replies["files list"] }
 
 // What the editor of the agent takes.
 const kEditableBytes = 2097152;
-// How many rows are drawn before the reader sees them; the others follow.
-const kRowsAtOnce = 250;
 
 export interface Place { username: string; folder: string[] }
 
@@ -200,12 +198,8 @@ function listing(place: Place, { entries, truncated }: Replies["files list"], to
     const names = [_("Name"), _("Size"), _("Changed"), _("Mode"), ""];
     const whole = table(format(_("Files of $0"), place.username), "files", names, []);
     const body = whole.querySelector("tbody")!;
-    const fill = (from: number) => {
-        body.append(...entries.slice(from, from + kRowsAtOnce).map(entry => tableRow(names, rowOf(place, entry, tools))));
-        if (from + kRowsAtOnce < entries.length)
-            setTimeout(() => fill(from + kRowsAtOnce));
-    };
-    fill(0);
+    whole.classList.add("pf-m-fixed");
+    fillRows(body, names, entries.map(entry => () => rowOf(place, entry, tools)));
     const picked = (input: HTMLInputElement) => send(place, [...input.files ?? []].map(file =>
         ({ path: (file.webkitRelativePath || file.name).split("/"), file })), entries, tools);
     const files: HTMLInputElement = make("input", { type: "file", id: "pick-files", multiple: true, hidden: true, change: () => picked(files) });

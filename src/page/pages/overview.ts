@@ -108,8 +108,8 @@ function accountsCard(all: Account[]): Child[] {
     const largest = [...all].sort((a, b) => (b.usedBytes ?? 0) - (a.usedBytes ?? 0)).slice(0, 5);
     const most = Math.max(1, largest[0]?.usedBytes ?? 1);
     return [make("p", {}, plural("$0 account", "$0 accounts", all.length), ", ", plural("$0 suspended", "$0 suspended", suspended)),
-        facts(...largest.map(({ username, usedBytes = 0 }): [string, ...Child[]] =>
-            [username, bar(usedBytes / most, bytesText(usedBytes), "info")]))];
+        facts(...largest.map(({ username, usedBytes }): [string, ...Child[]] =>
+            [username, usedBytes === undefined ? "-" : bar(usedBytes / most, bytesText(usedBytes), "info")]))];
 }
 
 function backupsCard({ backups, running, next, freeBytes }: Data["backups"]): Child[] {
@@ -153,6 +153,8 @@ export const overviewPage: Page<Data> = {
         security: () => agent.request("security.status", {}), updates: () => agent.request("updates.status", {}),
         accounts, sites, doctor,
     }),
+    // Both ask the agent for much of this once more, and take seconds: they come when the reader has something to look at.
+    later: ["sites", "doctor"],
     view: (data, tools) => [
         verdict(data),
         cards(

@@ -37,6 +37,7 @@ export class FakeElement extends FakeNode {
     attributes = new Map<string, string>();
     listeners: Record<string, ((event: unknown) => void)[]> = {};
     style: Record<string, string> = {};
+    classList = { add: (name: string) => { this.setAttribute("class", `${this.getAttribute("class") ?? ""} ${name}`); } };
     value = "";
     constructor(readonly tag: string) { super(); }
     setAttribute(name: string, value: string) {
