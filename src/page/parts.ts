@@ -73,7 +73,7 @@ export function tableRow(names: string[], { key, cells }: Row): HTMLElement {
 }
 
 // How many rows are drawn before the reader sees them.
-const kRowsAtOnce = 60;
+const kRowsAtOnce = 50;
 const fillings = new WeakMap<Element, object>();
 
 // Fills a table's body with rows in place of those that were in it: the first at once, the others while the reader looks already.
@@ -154,7 +154,8 @@ export function shown<T>(part: Part<T>, view: (here: T) => Child[]): Child[] {
 
 // A log in a block that can be scrolled by keyboard too.
 export function log(name: string, text: string): HTMLElement {
-    const block = make("pre", { class: "log", tabindex: 0, role: "region", "aria-label": name }, text);
+    // Of a line that a program wrote over and over, the last state.
+    const block = make("pre", { class: "log", tabindex: 0, role: "region", "aria-label": name }, text.replace(/[^\n]*\r(?=[^\n])/g, ""));
     // The end is what one wants to read, as soon as it has been put into the page.
     queueMicrotask(() => { block.scrollTop = block.scrollHeight; });
     return block;

@@ -145,6 +145,19 @@ class Browser:
         self.send("Input.dispatchKeyEvent", type="keyDown" if text else "rawKeyDown", **common, **({"text": text} if text else {}))
         self.send("Input.dispatchKeyEvent", type="keyUp", **common)
 
+    def processor_ms(self, code):
+        """Evaluates an expression, and gives the processor's time that its scripts, styles and layout took."""
+        self.send("Performance.enable", timeDomain="threadTicks")
+        before = self._worked()
+        self.js(code)
+        after = self._worked()
+        self.send("Performance.disable")
+        return 1000 * (after - before)
+
+    def _worked(self):
+        metrics = {one["name"]: one["value"] for one in self.send("Performance.getMetrics")["metrics"]}
+        return sum(metrics[name] for name in ("ScriptDuration", "LayoutDuration", "RecalcStyleDuration"))
+
     def complaints(self):
         """What the pages logged as errors: scripts that failed, what the content security policy refused, what was not there."""
         found = []

@@ -44,16 +44,29 @@ def test_the_overview_is_there_about_as_soon_as_cockpits_own(server):
 
 def test_a_thousand_accounts_are_drawn_at_once(server, page):
     accounts = [{"username": f"a{n}", "domain": f"a{n}.example.org", "state": "on-line", "usedBytes": n} for n in range(1000)]
+    # What is told is the processor's time, so that it means the same on a busy machine.
     with client_that_says(server, {"ok": True, "accounts": accounts}):
         page.visit("services")
         page.visit("accounts")
         page.wait_for('[data-row="a999"]')
         # A search that finds all draws the whole table once more.
-        took = page.js(f"""(() => {{ const w = {FRAME}.contentWindow, began = performance.now(), search = {page.find('#search')};
-            search.dispatchEvent(new w.Event('input')); {page.find('#accounts')}.getBoundingClientRect();
-            return performance.now() - began; }})()""")
+        took = page.processor_ms(f"""(() => {{ const w = {FRAME}.contentWindow, search = {page.find('#search')};
+            search.dispatchEvent(new w.Event('input')); {page.find('#accounts')}.getBoundingClientRect(); }})()""")
     note(thousand_accounts_ms=took)
-    assert took <= 600
+    assert took <= 150
+
+
+def test_five_thousand_files_are_drawn_at_once(server, page):
+    server.ok(["runuser", "-u", "alice", "--", "sh", "-c", "mkdir ~/many && cd ~/many && seq -f 'file-%05g' 5000 | xargs touch"])
+    page.visit("files", "alice")
+    page.wait_for("#files")
+    began = time.monotonic()
+    page.visit("files", "alice", "many")
+    page.wait_for('[data-row="file-00001"]')
+    first = time.monotonic() - began
+    page.wait_for('[data-row="file-05000"]', 60)
+    note(five_thousand_files_first_s=first, all_s=time.monotonic() - began)
+    assert first <= 5
 
 
 def test_a_request_through_the_page_costs_little_more_than_the_sockets_own(server, page):

@@ -112,13 +112,18 @@ function accountsCard(all: Account[]): Child[] {
             [username, usedBytes === undefined ? "-" : bar(usedBytes / most, bytesText(usedBytes), "info")]))];
 }
 
-function backupsCard({ backups, running, next, freeBytes }: Data["backups"]): Child[] {
+// The copies elsewhere are the examination's to know.
+function backupsCard({ backups, running, next, freeBytes }: Data["backups"], examined: Part<Doctor>): Child[] {
     const [newest] = backups;
     return [facts(
         [_("Last"), newest ? backupText(newest.name) : _("None"), " ",
             running ? label(_("One is being made"), "info") : newest && (newest.errors?.length ? label(_("With problems"), "danger") : label(_("Whole"), "success"))],
         [_("Next"), next || label(_("None planned"), "warning")],
-        [_("Free there"), freeBytes < 0 ? "-" : bytesText(freeBytes)])];
+        [_("Free there"), freeBytes < 0 ? "-" : bytesText(freeBytes)],
+        [_("Off-site"), ...examined === null ? ["…"] : shown(examined, ({ checks }) => {
+            const offsite = checks.find(({ check }) => check === "off-site");
+            return offsite ? [offsite.seen, " ", offsite.findings.length > 0 && label(_("With problems"), "danger")] : [_("No copies")];
+        })])];
 }
 
 function securityCard({ firewall, fail2ban }: Data["security"]): Child[] {
@@ -140,9 +145,12 @@ function updatesCard(updates: Data["updates"]): Child[] {
 function findings({ checks }: Doctor): Child[] {
     const rows = checks.flatMap(({ check, findings }) => findings.map(({ level, problem, mend }, at) => ({
         key: `${check} ${at}`, cells: [check, label(level === "fault" ? _("Fault") : _("Note"), level === "fault" ? "danger" : "info"), problem, copyable(mend)] })));
-    if (rows.length === 0)
-        return [make("p", {}, plural("$0 check, nothing found", "$0 checks, nothing found", checks.length))];
-    return [table(_("Findings"), "findings", [_("Part"), _("Kind"), _("What was found"), _("What mends it")], rows)];
+    return [
+        rows.length === 0 ? make("p", {}, plural("$0 check, nothing found", "$0 checks, nothing found", checks.length))
+            : table(_("Findings"), "findings", [_("Part"), _("Kind"), _("What was found"), _("What mends it")], rows),
+        make("details", {}, make("summary", {}, _("What was looked at")),
+            facts(...checks.map(({ check, seen }): [string, ...Child[]] => [check, seen]))),
+    ];
 }
 
 export const overviewPage: Page<Data> = {
@@ -161,7 +169,7 @@ export const overviewPage: Page<Data> = {
             serverCard(data, tools),
             card(_("Services"), shown(data.services, servicesCard), [link(_("All services"), "services")]),
             card(_("Accounts"), shown(data.accounts, accountsCard), [link(_("All accounts"), "accounts")]),
-            card(_("Backups"), shown(data.backups, backupsCard), [link(_("All backups"), "backups")]),
+            card(_("Backups"), shown(data.backups, here => backupsCard(here, data.doctor)), [link(_("All backups"), "backups")]),
             card(_("Security"), shown(data.security, securityCard), [link(_("Firewall and bans"), "firewall")]),
             card(_("Updates"), shown(data.updates, updatesCard), [link(_("All updates"), "updates")])),
         card(_("Examination"), shown(data.doctor, findings), [copyable("corvctl doctor")]),
