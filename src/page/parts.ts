@@ -152,10 +152,14 @@ export function shown<T>(part: Part<T>, view: (here: T) => Child[]): Child[] {
     return "here" in part ? view(part.here) : [alert("danger", problemText(part.problem))];
 }
 
+// Of each line that a program wrote over and over, the last state.
+export function lastStates(text: string): string {
+    return text.split("\n").map(line => line.slice(line.lastIndexOf("\r", line.length - 2) + 1)).join("\n");
+}
+
 // A log in a block that can be scrolled by keyboard too.
 export function log(name: string, text: string): HTMLElement {
-    // Of a line that a program wrote over and over, the last state.
-    const block = make("pre", { class: "log", tabindex: 0, role: "region", "aria-label": name }, text.replace(/[^\n]*\r(?=[^\n])/g, ""));
+    const block = make("pre", { class: "log", tabindex: 0, role: "region", "aria-label": name }, lastStates(text));
     // The end is what one wants to read, as soon as it has been put into the page.
     queueMicrotask(() => { block.scrollTop = block.scrollHeight; });
     return block;

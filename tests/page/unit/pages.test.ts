@@ -10,7 +10,7 @@ import { gone, sizes } from "../../../src/page/pages/backups";
 import { lineEnd, modeText, pathOf } from "../../../src/page/pages/files";
 import { keepsPage, opens, ownPort } from "../../../src/page/pages/firewall";
 import { concerns, overviewPage, type Data } from "../../../src/page/pages/overview";
-import { problemText } from "../../../src/page/parts";
+import { lastStates, problemText } from "../../../src/page/parts";
 import { pendingText } from "../../../src/page/pending";
 import { place } from "../../../src/page/plot";
 import { NoAgent, Refused } from "../../../src/page/problem";
@@ -194,4 +194,10 @@ test("modes, paths, sizes and times are written for a reader", () => {
     assert.equal(agoText(kNow - 7200, kNow), "2 hours ago");
     assert.equal(backupText("2026-11-22_031500"), "2026-11-22 03:15");
     assert.equal(backupText("../x"), "../x");
+});
+
+test("of a line that was written over and over the last state is shown, and a long log costs no time", () => {
+    assert.equal(lastStates("a\n5%\r10%\r100%\nb\r\n\n"), "a\n100%\nb\r\n\n");
+    const long = "x".repeat(4 << 20);
+    assert.equal(lastStates(long), long);
 });
