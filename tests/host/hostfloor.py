@@ -393,6 +393,19 @@ class Host:
             server.kill()
             server.wait()
 
+    @contextmanager
+    def reaching(self, other, port):
+        """A block in which this host reaches the other host's port at the address OUTSIDE."""
+        way = subprocess.Popen([*self._visiting(), "/usr/bin/python3", ROOT / "tests/host/forward.py", OUTSIDE, str(port),
+                                str(other._process.pid), ADDRESS], stdout=subprocess.PIPE, preexec_fn=_die_with_parent)
+        try:
+            if way.stdout.read(1) != b".":
+                raise HostError(f"no way from {self.name} to {other.name}")
+            yield
+        finally:
+            way.kill()
+            way.wait()
+
     def fetch(self, domain, path="/", *options):
         """Fetches a page over HTTP; `options` are curl's."""
         done = self.outside(["curl", "-q", "-sS", "-i", "--max-time", "30", "-H", f"Host: {domain}", *options,

@@ -186,6 +186,14 @@ def test_lines_come_while_the_run_goes_on(sandbox):
     assert sandbox.agent.wait() == 0
 
 
+def test_memory_of_tar_has_an_end(sandbox):
+    """What tar keeps of folders in each other grows with the square of their depth: to 5 GB at forty thousand."""
+    sandbox.add_account("alice")
+    sandbox.answer("tar", "-czf", "*-home.tar.gz", ..., shell="{ ulimit -v; ulimit -s; } >/tmp/limits")
+    run(sandbox)
+    assert sandbox.read("/tmp/limits").split() == ["2097152", "1048576"]
+
+
 def test_name_of_an_account_is_no_option_or_path(sandbox):
     sandbox.add_user("-dash", "Corvane account,example.org", home=False)
     _, _, stamp = run(sandbox)

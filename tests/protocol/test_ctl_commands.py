@@ -78,6 +78,10 @@ def server(sandbox):
     stamp = sandbox.write("/var/lib/apt/periodic/update-success-stamp", "")
     os.utime(stamp, (NOW, NOW))
     saved = [{"username": "alice", "domain": "alice.example.org", "homeBytes": 70000, "dbBytes": 3000000}]
+    sandbox.write(f"{DISK}/2026-01-04_031500.verified.json", json.dumps(
+        {"backup": "2026-01-04_031500", "checked": 1767500000, "files": [
+            {"file": "accounts/alice-home.tar.gz", "fault": ""},
+            {"file": "accounts/alice-db.dump", "fault": "is damaged: \x1b[2J"}]}))
     backup(sandbox, "2026-01-04_031500", {"created": NOW - 90000, "seconds": 4000, "accounts": saved, "panelBytes": 0,
                                           "errors": []})
     backup(sandbox, "2026-01-05_031500", {"created": NOW, "seconds": 75, "accounts": saved, "panelBytes": 0,
@@ -135,7 +139,7 @@ COMMANDS = {
     "host info": "system.info", "host disks": "system.disks", "service list": "services.status", "quota status": "quota.status",
     "firewall status": "firewall.status", "firewall list": "firewall.status", "ban list": "fail2ban.status",
     "ban jails": "fail2ban.status", "update status": "updates.status", "update list": "updates.status",
-    "update log": "updates.status", "backup status": "backup.status", "backup list": "backup.status",
+    "update log": "updates.status", "backup status": "backup.status",
     "backup log": "backup.status", "backup show 2026-01-05_031500": "backup.status", "account usage": "hosting.usage",
     "call services.status": "services.status",
 }
@@ -522,7 +526,7 @@ def test_a_domain_that_the_user_database_does_not_take_changes_nothing(tenant):
 @pytest.mark.parametrize("domain, complaint", [
     ("old.example", "alice has that domain already"),
     ("taken.example", "the site by-hand already answers to taken.example or www.taken.example on this server, and Apache would "
-                      "serve only one of the two\n  choose another domain; --force takes it all the same"),
+                      "serve only one of the two\n  choose another domain"),
     ("-x.example", None),
     ("x.example\n.evil", "that is not a valid domain name"),
 ])
@@ -541,6 +545,8 @@ def test_a_domain_that_is_taken_is_not_given_to_a_new_account(tenant):
     assert (code, out, err) == (1, "", "corvctl: the site corv-alice already answers to old.example or www.old.example on this "
                                        "server, and Apache would serve only one of the two\n"
                                        "  choose another domain; --force takes it all the same\n")
+    code, out, _ = corvctl(tenant, "--json", "account", "create", "bobby", "old.example")
+    assert (code, json.loads(out)) == (1, {"ok": False, "error": err.partition("\n")[0].removeprefix("corvctl: ")})
     code, out, err = corvctl(tenant, "--plain", "account", "create", "bobby", "old.example", "--force")
     assert (code, err) == (0, "corvctl: the site corv-alice already answers to old.example or www.old.example on this server\n")
     tenant.secret(out.splitlines()[-1].split("\t")[1])

@@ -299,8 +299,8 @@ FAULTS = {
         "sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: Missing privilege separation "
         "directory: /run/sshd", "install -d -o root -g root -m 0755 /run/sshd"),
     "PostgreSQL is down": (
-        lambda box: box.answer("psql", "-qtAX", ..., exit=2, err="psql: error: connection refused\n"),
-        "PostgreSQL", "PostgreSQL cannot be asked: psql: error: connection refused", "systemctl start postgresql"),
+        lambda box: box.answer("psql", "-qtAX", ..., exit=2, err="psql: error: connection refused\n\tIs it there?\n"),
+        "PostgreSQL", "PostgreSQL cannot be asked: psql: error: connection refused; Is it there?", "systemctl start postgresql"),
     "PostgreSQL has holes": (
         answer_databases(version=150013), "PostgreSQL",
         "the server is of PostgreSQL 15.13; before 15.14 a dump can carry commands of a tenant that its restore runs as the "
@@ -352,7 +352,7 @@ FAULTS = {
     "home is left over": (
         lambda box: box.run("chown", "4711", str(box.mkdir("/home/gone")).removeprefix(str(box.root))), "leftovers",
         "the folder /home/gone belongs to no user",
-        "tar -czf /root/left-over-home.tar.gz /home/gone && rm -rf /home/gone"),
+        "tar -czf /root/left-over-gone.tar.gz /home/gone && rm -rf /home/gone"),
     "quotas are off": (
         quotas_off, "quotas", "/etc/fstab asks for disk quotas on /home, but they are off: no limit holds", "quotaon -u /home"),
     "apt waits for ever": (
@@ -529,6 +529,27 @@ def test_tells_the_pool_that_an_account_should_have(well):
     assert corvctl(well, "doctor", "--pool", "../x") == (2, "", "corvctl: '../x' is no name of an account\n")
 
 
+def test_what_the_agent_is_working_on_is_not_taken_for_cut_off(well):
+    answer_databases(databases=[{"name": "alice", "owner": "alice", "open": False},
+                                {"name": "alice__restore", "owner": "alice", "open": False},
+                                {"name": "corvane", "owner": "corv-web", "open": False}])(well)
+    well.path(SITE).unlink()
+    install(well)
+    well.start()
+    with open(f"/proc/{well.agent.pid}/status", encoding="utf-8") as status:
+        inside = next(line.split()[-1] for line in status if line.startswith("NSpid:"))
+    with open(f"/proc/{well.agent.pid}/stat", encoding="utf-8") as stat:
+        began = stat.read().rpartition(")")[2].split()[19]
+    request = {"command": "backup.restore", "account": "alice", "uid": 0, "began": 0, "agent": int(inside)}
+    well.write("/run/corvane/request", json.dumps({**request, "agentBegan": int(began)}))
+    assert doctor(well) == (0, [])
+    well.write("/run/corvane/request", json.dumps({**request, "agentBegan": int(began) - 1}))  # of one that was killed
+    code, findings = doctor(well)
+    assert code == 1
+    assert ("fault", "accounts", "a restore that was cut off left the database alice__restore",
+            "runuser -u postgres -- dropdb alice__restore") in findings
+
+
 def test_needs_root(well):
     install(well)
     code, out, err = well.run("setpriv", "--reuid=33", "--clear-groups", "corvctl", "doctor")
@@ -670,4 +691,4 @@ def test_tells_a_deletion_that_was_cut_off(well):
         "fault", "accounts",
         "a deletion of the account alice was cut off while its database was dropped; its archives are "
         "/var/backups/corvane/alice-20260105-031500-home.tar.gz and /var/backups/corvane/alice-20260105-031500-db.dump",
-        "corvctl account delete alice --force")])
+        "corvctl account delete alice")])

@@ -1,40 +1,24 @@
 #include "ctl/doctor/Settings.h"
 
+#include "ctl/Meant.h"
+
 #include <QRegularExpression>
 
 #include <algorithm>
-#include <numeric>
-#include <vector>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
 namespace {
 
-const QStringList kKeys = {u"agent/allowed_user"_s, u"agent/socket"_s,     u"agent/socket_group"_s,
-                           u"backup/destination"_s, u"backup/keep_days"_s, u"health/services"_s,
-                           u"notify/command"_s,     u"notify/mail"_s};
+const QStringList kKeys = {u"agent/allowed_user"_s,  u"agent/socket"_s,       u"agent/socket_group"_s,
+                           u"backup/destination"_s,  u"backup/keep_days"_s,   u"backup/require_mount"_s,
+                           u"health/services"_s,     u"notify/command"_s,     u"notify/mail"_s,
+                           u"offsite/append_only"_s, u"offsite/repository"_s, u"offsite/retention"_s};
 
 constexpr int kMostLetters = 2; // that a misspelt name differs in
 constexpr qsizetype kLongestName = 100;
 constexpr qsizetype kMountPointField = 1;
-
-// How many letters have to be put in, taken out or changed to make one word of the other.
-int difference(const QString &one, const QString &other)
-{
-    std::vector<int> row(static_cast<size_t>(other.size()) + 1);
-    std::iota(row.begin(), row.end(), 0);
-    for (const QChar letter : one) {
-        int diagonal = row[0]++;
-        for (qsizetype j = 0; j < other.size(); ++j) {
-            const auto at = static_cast<size_t>(j) + 1;
-            const int changed = diagonal + (letter == other[j] ? 0 : 1);
-            diagonal = row[at];
-            row[at] = std::min({changed, row[at] + 1, row[at - 1] + 1});
-        }
-    }
-    return row.back();
-}
 
 // The key that a misspelt one stands for: the same one in another section, or one that is written almost so.
 QString meantKey(const QString &key)
@@ -54,7 +38,7 @@ QString rename(const QString &key, const QString &known, const QString &path)
     static const QRegularExpression plain(QRegularExpression::anchoredPattern(u"[A-Za-z0-9_-]+/[A-Za-z0-9_-]+"_s));
     const QString section = key.section(u'/', 0, 0);
     const bool isSections = key.section(u'/', 1) == known.section(u'/', 1);
-    const bool isMisspelt = difference(section, known.section(u'/', 0, 0)) <= kMostLetters;
+    const bool isMisspelt = distance(section, known.section(u'/', 0, 0)) <= kMostLetters;
     if (!plain.match(key).hasMatch() || (isSections && !isMisspelt))
         return u"editor "_s + shellWord(path);
     const QString change =
@@ -96,7 +80,7 @@ QString nearestName(const QString &name, const QStringList &names)
     for (const QString &other : names) {
         if (std::abs(other.size() - name.size()) >= least)
             continue;
-        if (const int letters = difference(name, other); letters < least) {
+        if (const int letters = distance(name, other); letters < least) {
             least = letters;
             nearest = other;
         }
