@@ -18,6 +18,9 @@ export interface Doctor { host: string; faults: number; notes: number; checks: {
 
 export interface Site { site: string; host: string; port: number; seen: string; status?: number; what?: string }
 
+// What the last verification of a backup found.
+export interface Verdict { checked: number; faults: string[] }
+
 const kFinding = { level: "string", problem: "string", mend: "string" };
 const kAccount = { username: "string", domain: "string", state: "string", "usedBytes?": "integer" };
 
@@ -32,6 +35,7 @@ const kDoctor: Shape = {
     host: "string", faults: "integer", notes: "integer",
     checks: [{ check: "string", seen: "string", findings: [kFinding] }],
 };
+const kVerdicts: Shape = { backups: [{ name: "string", "verified?": { checked: "integer", faults: ["string"] } }] };
 const kSites: Shape = {
     here: { sites: [{ site: "string", host: "string", port: "integer", seen: "string", "status?": "integer", "what?": "string" }] },
 };
@@ -96,6 +100,12 @@ export function account(name: string): Promise<Shown> {
 
 export function doctor(): Promise<Doctor> {
     return ask(["doctor"], kDoctor);
+}
+
+// The backups that were verified, by name.
+export async function verdicts(): Promise<Map<string, Verdict>> {
+    const { backups } = await ask<{ backups: { name: string; verified?: Verdict }[] }>(["backup", "list"], kVerdicts);
+    return new Map(backups.flatMap(({ name, verified }) => verified ? [[name, verified] as [string, Verdict]] : []));
 }
 
 // What a visitor of each site sees.

@@ -99,7 +99,8 @@ function drawPage() {
 }
 
 function sameData(before: unknown, now: unknown): boolean {
-    return JSON.stringify(before) === JSON.stringify(now);
+    const plain = (_name: string, value: unknown) => value instanceof Map ? [...value] : value;
+    return JSON.stringify(before, plain) === JSON.stringify(now, plain);
 }
 
 // Asks for what the page shows, and draws each part as it comes. A part that was there stays until the new one is.

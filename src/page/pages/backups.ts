@@ -1,10 +1,10 @@
 // The backups that there are, how they went, and what becomes of them elsewhere.
-import { accounts, ask, run, type Account } from "../client";
+import { accounts, ask, run, verdicts, type Account, type Verdict } from "../client";
 import { make, type Child } from "../elements";
-import { alert, bar, button, card, cards, facts, label, log, shown, table } from "../parts";
+import { alert, bar, button, card, cards, facts, label, log, shown, table, type Part } from "../parts";
 import { plot, type Point } from "../plot";
 import type { Replies, Shape } from "../protocol";
-import { _, backupText, bytesText, format, plural, spanText, timeText } from "../text";
+import { _, agoText, backupText, bytesText, format, plural, spanText, timeText } from "../text";
 import type { Action, Page, Tools } from "../tools";
 
 type Status = Replies["backup.status"];
@@ -14,7 +14,8 @@ export interface Offsite {
     state: { copied: string; copiedAt: number; checkedAt: number; checkProblem: string; problems: string[] };
 }
 
-export interface Data { backups: Status; offsite: Offsite; accounts: Account[] }
+type Verdicts = Map<string, Verdict>;
+export interface Data { backups: Status; offsite: Offsite; accounts: Account[]; verdicts: Verdicts }
 
 const kOffsite: Shape = {
     repository: "string",
@@ -120,14 +121,26 @@ function offsiteCard({ repository, state }: Offsite, tools: Tools): HTMLElement 
     ], [button(_("Copy now"), () => tools.act(kCopyNow())), button(_("Fetch…"), () => tools.act(fetchAction()), { id: "fetch-offsite" })]);
 }
 
-function list(status: Status, tools: Tools): Child[] {
+// Whether a backup was verified, and what that found.
+export function verdictOf(name: string, verdicts: Part<Verdicts>): Child {
+    if (verdicts === null)
+        return "…";
+    const verdict = "here" in verdicts ? verdicts.here.get(name) : undefined;
+    if (!verdict)
+        return label(_("Not verified"), "none");
+    return verdict.faults.length === 0 ? make("span", {}, label(_("Whole"), "success"), " ", agoText(verdict.checked))
+        : make("ul", {}, ...verdict.faults.map(fault => make("li", {}, fault)));
+}
+
+function list(status: Status, verdicts: Part<Verdicts>, tools: Tools): Child[] {
     if (status.backups.length === 0)
         return [alert("warning", _("There is no backup"))];
     return [plot(_("Sizes of the backups"), [{ name: _("Size"), points: sizes(status) }]),
-        table(_("Backups"), "backups", [_("Backup"), _("Size"), _("Took"), _("Accounts"), _("Problems"), ""], status.backups.map(one => ({
+        table(_("Backups"), "backups", [_("Backup"), _("Size"), _("Took"), _("Accounts"), _("Problems"), _("Verified"), ""], status.backups.map(one => ({
             key: one.name, cells: [backupText(one.name), bytesText(one.bytes), one.seconds === undefined ? "-" : spanText(one.seconds),
                 one.accounts ? String(one.accounts.length) : "-",
                 one.errors?.length ? make("ul", {}, ...one.errors.map(error => make("li", {}, error))) : label(_("None"), "success"),
+                verdictOf(one.name, verdicts),
                 button(_("Verify"), () => tools.act(verifyAction(one.name)), { kind: "link", label: format(_("Verify $0"), backupText(one.name)) })],
         })))];
 }
@@ -141,14 +154,14 @@ function goneCard(found: [string, string][], tools: Tools): HTMLElement | null {
 export const backupsPage: Page<Data> = {
     title: () => _("Backups"),
     sources: ({ agent }) => ({
-        backups: () => agent.request("backup.status", {}), accounts, offsite: () => ask<Offsite>(["offsite", "status"], kOffsite),
+        backups: () => agent.request("backup.status", {}), accounts, verdicts, offsite: () => ask<Offsite>(["offsite", "status"], kOffsite),
     }),
-    view: ({ backups, offsite, accounts }, tools) => [
+    view: ({ backups, offsite, accounts, verdicts }, tools) => [
         cards(...shown(backups, status => [stateCard(status, tools)]),
             ...(offsite && "here" in offsite ? [offsiteCard(offsite.here, tools)]
                 : [card(_("Off-site"), offsite ? [make("p", {}, _("No copies are made elsewhere, as far as this server tells:")),
                     make("p", { class: "help" }, offsite.problem.message)] : [_("Asking…")])])),
-        card(_("Backups"), shown(backups, status => list(status, tools))),
+        card(_("Backups"), shown(backups, status => list(status, verdicts, tools))),
         backups && "here" in backups && accounts && "here" in accounts ? goneCard(gone(backups.here, accounts.here), tools) : null,
     ],
     again: ({ backups }) => backups && "here" in backups && backups.here.running ? kLiveSeconds : null,

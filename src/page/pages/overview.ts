@@ -1,15 +1,16 @@
 // How the server is, at a glance: what needs attention first, then each part with the way to it.
-import { accounts, doctor, sites, type Account, type Doctor, type Site } from "../client";
+import { accounts, doctor, sites, verdicts, type Account, type Doctor, type Site, type Verdict } from "../client";
 import { make, type Child } from "../elements";
 import { alert, bar, button, card, cards, copyable, facts, label, link, shown, table, type Level, type Part } from "../parts";
 import type { Replies } from "../protocol";
 import { _, agoText, backupText, bytesText, format, plural, spanText } from "../text";
 import type { Action, Page, Parts, Tools } from "../tools";
+import { verdictOf } from "./backups";
 
 export interface Data {
     info: Replies["system.info"]; disks: Replies["system.disks"]; services: Replies["services.status"];
     security: Replies["security.status"]; updates: Replies["updates.status"]; backups: Replies["backup.status"];
-    accounts: Account[]; sites: Site[]; doctor: Doctor;
+    accounts: Account[]; sites: Site[]; doctor: Doctor; verdicts: Map<string, Verdict>;
 }
 
 const kOldBackupSeconds = 36 * 3600;
@@ -43,6 +44,12 @@ export function concerns(data: Parts<Data>, now = Date.now() / 1000): [Level, st
             found.push(["danger", plural("The last backup has $0 problem", "The last backup has $0 problems", newest.errors.length), "backups"]);
         if (newest?.created && now - newest.created > kOldBackupSeconds)
             found.push(["warning", format(_("The last backup is from $0"), agoText(newest.created, now)), "backups"]);
+    });
+    look(data.verdicts, all => {
+        for (const [name, { faults }] of all) {
+            if (faults.length > 0)
+                found.push(["danger", format(_("The backup of $0 is not whole"), backupText(name)), "backups"]);
+        }
     });
     look(data.updates, ({ security, rebootRequired }) => {
         if (security > 0)
@@ -113,11 +120,12 @@ function accountsCard(all: Account[]): Child[] {
 }
 
 // The copies elsewhere are the examination's to know.
-function backupsCard({ backups, running, next, freeBytes }: Data["backups"], examined: Part<Doctor>): Child[] {
+function backupsCard({ backups, running, next, freeBytes }: Data["backups"], { doctor: examined, verdicts }: Parts<Data>): Child[] {
     const [newest] = backups;
     return [facts(
         [_("Last"), newest ? backupText(newest.name) : _("None"), " ",
             running ? label(_("One is being made"), "info") : newest && (newest.errors?.length ? label(_("With problems"), "danger") : label(_("Whole"), "success"))],
+        [_("Verified"), newest ? verdictOf(newest.name, verdicts) : "-"],
         [_("Next"), next || label(_("None planned"), "warning")],
         [_("Free there"), freeBytes < 0 ? "-" : bytesText(freeBytes)],
         [_("Off-site"), ...examined === null ? ["…"] : shown(examined, ({ checks }) => {
@@ -159,17 +167,17 @@ export const overviewPage: Page<Data> = {
         info: () => agent.request("system.info", {}), disks: () => agent.request("system.disks", {}),
         services: () => agent.request("services.status", {}), backups: () => agent.request("backup.status", {}),
         security: () => agent.request("security.status", {}), updates: () => agent.request("updates.status", {}),
-        accounts, sites, doctor,
+        accounts, sites, doctor, verdicts,
     }),
-    // Both ask the agent for much of this once more, and take seconds: they come when the reader has something to look at.
-    later: ["sites", "doctor"],
+    // They ask the agent for much of this once more, and take seconds: they come when the reader has something to look at.
+    later: ["verdicts", "sites", "doctor"],
     view: (data, tools) => [
         verdict(data),
         cards(
             serverCard(data, tools),
             card(_("Services"), shown(data.services, servicesCard), [link(_("All services"), "services")]),
             card(_("Accounts"), shown(data.accounts, accountsCard), [link(_("All accounts"), "accounts")]),
-            card(_("Backups"), shown(data.backups, here => backupsCard(here, data.doctor)), [link(_("All backups"), "backups")]),
+            card(_("Backups"), shown(data.backups, here => backupsCard(here, data)), [link(_("All backups"), "backups")]),
             card(_("Security"), shown(data.security, securityCard), [link(_("Firewall and bans"), "firewall")]),
             card(_("Updates"), shown(data.updates, updatesCard), [link(_("All updates"), "updates")])),
         card(_("Examination"), shown(data.doctor, findings), [copyable("corvctl doctor")]),

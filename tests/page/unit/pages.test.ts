@@ -88,6 +88,7 @@ test("a server without a fault is well only when all of it was seen", () => {
         info: null, disks: { here: { disks: [] } }, services: { here: { services: [{ name: "apache2", loaded: true, active: true }] } },
         security: { here: { firewall: { ok: true, installed: true, sshPort: "22", active: true }, fail2ban: { ok: true, installed: false } } },
         updates: null, backups: { here: backups({ name: "a", bytes: 1, created: kNow }) }, accounts: null, sites: { here: [] },
+        verdicts: { here: new Map([["a", { checked: kNow, faults: [] }]]) },
         doctor: { here: { host: "w", faults: 0, notes: 0, checks: [] } },
     } as Parts<Data>;
     assert.deepEqual(concerns(well, kNow), []);
@@ -102,12 +103,13 @@ test("each thing that needs attention is a sentence with the way to it", () => {
         updates: { here: { security: 2, updates: 3, rebootRequired: true } as never },
         backups: { here: backups({ name: "a", bytes: 1, created: kNow - 3 * 86400, errors: ["x", "y"] }) }, accounts: null,
         sites: { here: [{ site: "s", host: "shop.example", port: 80, seen: "error", what: "500" }, { site: "t", host: "b", port: 80, seen: "suspended" }] },
+        verdicts: { here: new Map([["2026-11-22_031500", { checked: kNow, faults: ["cut"] }]]) },
         doctor: { here: { host: "w", faults: 1, notes: 0, checks: [] } },
     } as Parts<Data>;
     assert.deepEqual(concerns(sick, kNow), [
         ["danger", "The service apache2 does not run", "services"], ["danger", "The disk /home is nearly full", ""],
         ["danger", "The last backup has 2 problems", "backups"], ["warning", "The last backup is from 3 days ago", "backups"],
-        ["warning", "2 security updates wait", "updates"], ["warning", "The server waits for a restart", "updates"],
+        ["danger", "The backup of 2026-11-22 03:15 is not whole", "backups"], ["warning", "2 security updates wait", "updates"], ["warning", "The server waits for a restart", "updates"],
         ["warning", "The firewall is off", "firewall"], ["danger", "shop.example: 500", "accounts"],
         ["danger", "The examination found 1 fault", ""]]);
 });
