@@ -60,6 +60,8 @@ let load = 0;
 let again: ReturnType<typeof setTimeout> | undefined;
 let pending: readonly Pending[] = [];
 let isFull = false;
+let isPressed = false;
+let isOverdue = false;
 
 const agent = new Agent(now => {
     pending = now;
@@ -83,9 +85,13 @@ const tools: Tools = {
     redraw: () => drawPage(),
 };
 
-// Draws the page, and gives the focus back to what had it.
+// Draws the page, and gives the focus back to what had it. Not while a button of the mouse is down: what it was pressed on must still
+// be there when it is let go.
 function drawPage() {
     if (!page || !isFull)
+        return;
+    isOverdue = isPressed;
+    if (isPressed)
         return;
     const active = document.activeElement as HTMLInputElement | null;
     const id = active && content.contains(active) ? active.id : "";
@@ -96,6 +102,12 @@ function drawPage() {
     now?.focus({ preventScroll: true });
     if (now && begin !== null)
         now.setSelectionRange(begin, end);
+}
+
+function press(isDown: boolean) {
+    isPressed = isDown;
+    if (!isDown && isOverdue)
+        setTimeout(drawPage);
 }
 
 function sameData(before: unknown, now: unknown): boolean {
@@ -110,6 +122,7 @@ async function loadPage() {
     if (!shown || !isFull)
         return;
     const mine = ++load;
+    content.setAttribute("aria-busy", "true");
     const sources = Object.entries(shown.sources(tools));
     const problems: Error[] = [];
     if (Object.keys(data).length === 0) {
@@ -133,6 +146,7 @@ async function loadPage() {
         await Promise.all(sources.filter(isLater).map(bring));
     if (mine !== load)
         return;
+    content.setAttribute("aria-busy", "false");
     const gone = problems.find(problem => problem instanceof NoAgent);
     if (gone)
         return waitForAgent(gone as NoAgent);
@@ -187,6 +201,9 @@ document.addEventListener("DOMContentLoaded", () => {
             make("main", { class: "pf-v6-c-page__main", tabindex: -1 },
                 make("section", { class: "pf-v6-c-page__main-section" }, tabs, busy, notices, transferList, content)))));
     setInterval(drawBusy, 1000);
+    document.addEventListener("pointerdown", () => press(true), true);
+    for (const end of ["pointerup", "pointercancel", "dragend"])
+        document.addEventListener(end, () => press(false), true);
     cockpit.addEventListener("locationchanged", follow);
     watchAccess(access => {
         isFull = access === true;

@@ -72,23 +72,25 @@ export function tableRow(names: string[], { key, cells }: Row): HTMLElement {
         }, cell)));
 }
 
-// How many rows are drawn before the reader sees them.
+// How many rows are drawn before the reader sees them, and then at a time.
 const kRowsAtOnce = 50;
+const kRowsThen = 250;
 const fillings = new WeakMap<Element, object>();
 
-// Fills a table's body with rows in place of those that were in it: the first at once, the others while the reader looks already.
-export function fillRows(body: HTMLElement, names: string[], rows: (() => Row)[]) {
+// Fills a table with rows in place of those that were in it: the first at once, the others while the reader looks already. Each lot is
+// a body of its own, so that the browser does not lay out the ones before it again.
+export function fillRows(whole: HTMLElement, names: string[], rows: (() => Row)[]) {
     const mine = {};
-    fillings.set(body, mine);
-    body.replaceChildren();
-    const fill = (from: number) => {
-        if (fillings.get(body) !== mine)
+    fillings.set(whole, mine);
+    whole.replaceChildren(whole.firstChild!);
+    const fill = (from: number, to: number) => {
+        if (fillings.get(whole) !== mine)
             return;
-        body.append(...rows.slice(from, from + kRowsAtOnce).map(row => tableRow(names, row())));
-        if (from + kRowsAtOnce < rows.length)
-            setTimeout(() => fill(from + kRowsAtOnce));
+        whole.append(make("tbody", { class: "pf-v6-c-table__tbody" }, ...rows.slice(from, to).map(row => tableRow(names, row()))));
+        if (to < rows.length)
+            setTimeout(() => fill(to, to + kRowsThen));
     };
-    fill(0);
+    fill(0, kRowsAtOnce);
 }
 
 // A table; on narrow screens each row becomes a block whose lines carry the names of the columns. A head may be an element of its own.

@@ -10,7 +10,7 @@ import tempfile
 import time
 
 # What Cockpit's own pages log before and while somebody logs in: the question whether there is a session, and fonts of its shell.
-EXPECTED = ("/cockpit/login", "/shell/assets/", "/static/fonts/", "favicon")
+EXPECTED = ("/cockpit/login", "/shell/assets/", "/system/assets/fonts/", "/static/fonts/", "favicon")
 
 
 class Failed(AssertionError):

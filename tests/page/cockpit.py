@@ -30,6 +30,13 @@ class Cockpit(Browser):
         """An expression for the first element of the page that a selector names."""
         return f"{PAGE}.querySelector({json.dumps(selector)})"
 
+    def click(self, code):
+        """A click, as a person does it: on what has come to rest."""
+        self.wait(code)
+        if PAGE in code:
+            self.wait(f"{PAGE}.querySelector('#content').ariaBusy !== 'true'", 60)
+        super().click(code)
+
     def row(self, key, inner=""):
         """An expression for the row of a table, or for an element in it, by what the row is about."""
         return self.find(f'[data-row="{key}"] {inner}'.strip())

@@ -49,8 +49,12 @@ def test_a_thousand_accounts_are_drawn_at_once(server, page):
         page.visit("services")
         page.visit("accounts")
         page.wait_for('[data-row="a999"]')
-        # A search that finds all draws the whole table once more.
+        # A search that finds nothing, and one that finds all, which draws the whole table.
+        page.click(page.find("#search"))
+        page.type("nobody")
+        page.wait(f"!{page.row('a1')}")
         took = page.processor_ms(f"""(() => {{ const w = {FRAME}.contentWindow, search = {page.find('#search')};
+            search.value = '';
             search.dispatchEvent(new w.Event('input')); {page.find('#accounts')}.getBoundingClientRect(); }})()""")
     note(thousand_accounts_ms=took)
     assert took <= 150

@@ -159,15 +159,46 @@ def test_a_backup_is_made_and_brought_back(server, page):
     assert "Restore shop" in page.do()
 
 
-def test_what_the_client_says_of_a_backup_is_shown(server, page):
+def test_a_backup_is_verified(server, page):
     page.visit("backups")
     name = server.request("backup.status")["backups"][0]["name"]
+    page.wait_for_text("Not verified", "#backups")
     page.click(page.row(name, "button"))
-    said = page.do(120)
-    told = server.run(["corvctl", "backup", "verify", name])
-    # A client that has no such command says so itself.
-    assert (told.out or told.err.splitlines()[0].removeprefix("corvctl: ")).split(":")[0].strip()[:30] in said
-    page.leave_dialog()
+    assert f"the backup {name} is whole" in page.do(120)
+    page.wait(f"!{page.find('#backups')}.innerText.includes('Not verified')")
+    page.wait(f"{page.row(name)}.innerText.includes('Whole')")
+
+
+def test_an_account_that_is_gone_is_brought_back(server, page):
+    assert server.request("hosting.create", username="erin", domain="erin.example.org")["ok"]
+    server.put("/home/erin/public_html/index.html", "erin's page", owner="erin")
+    server.ok(["corvctl", "backup", "start", "--wait"])
+    assert server.request("hosting.delete", username="erin", confirm="erin")["ok"]
+    page.visit("accounts")
+    page.visit("backups")
+    page.press_button("Bring erin back")
+    page.fill("confirm", "erin")
+    page.do(120)
+    assert server.get("/home/erin/public_html/index.html") == "erin's page"
+    page.wait(f"!{page.row('erin')}")
+
+
+def test_backups_are_copied_and_fetched_off_site(server, page):
+    page.visit("backups")
+    page.wait_for_text("No copies are made elsewhere")
+    server.ok(["apt-get", "-q", "install", "--yes", "restic"], env={"DEBIAN_FRONTEND": "noninteractive"})
+    server.ok(["corvctl", "offsite", "setup", "/srv/copies"])
+    page.visit("accounts")
+    page.visit("backups")
+    page.wait_for_text("/srv/copies")
+    page.press_button("Copy now")
+    page.do(170)
+    newest = server.request("backup.status")["backups"][0]["name"]
+    assert json.loads(server.ok(["corvctl", "--json", "offsite", "status"]))["state"]["copied"] == newest
+    page.click(page.find("#fetch-offsite"))
+    page.fill("username", "shop")
+    page.do(170)
+    assert server.exists(f"/var/backups/corvane/fetched/shop-{newest}")
 
 
 def test_files_are_made_edited_renamed_and_deleted(server, page):

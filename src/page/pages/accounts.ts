@@ -134,10 +134,9 @@ function list(all: Account[], backups: Part<Replies["backup.status"]>, tools: To
     const count = make("span", { class: "help", role: "status" });
     const shownTable = table(_("Hosting accounts"), "accounts", names, []);
     shownTable.classList.add("pf-m-fixed");
-    const body = shownTable.querySelector("tbody")!;
     const fill = () => {
         const found = chosen(all, wished);
-        fillRows(body, names, found.map(account => () => rowOf(account, largest, last, tools)));
+        fillRows(shownTable, names, found.map(account => () => rowOf(account, largest, last, tools)));
         count.replaceChildren(plural("$0 account", "$0 accounts", found.length));
     };
     const choice = (id: string, name: string, value: string, choices: [string, string][], changed: (value: string) => void) =>

@@ -197,9 +197,8 @@ function rowOf(place: Place, entry: Entry, tools: Tools): Row {
 function listing(place: Place, { entries, truncated }: Replies["files list"], tools: Tools): Child[] {
     const names = [_("Name"), _("Size"), _("Changed"), _("Mode"), ""];
     const whole = table(format(_("Files of $0"), place.username), "files", names, []);
-    const body = whole.querySelector("tbody")!;
     whole.classList.add("pf-m-fixed");
-    fillRows(body, names, entries.map(entry => () => rowOf(place, entry, tools)));
+    fillRows(whole, names, entries.map(entry => () => rowOf(place, entry, tools)));
     const picked = (input: HTMLInputElement) => send(place, [...input.files ?? []].map(file =>
         ({ path: (file.webkitRelativePath || file.name).split("/"), file })), entries, tools);
     const files: HTMLInputElement = make("input", { type: "file", id: "pick-files", multiple: true, hidden: true, change: () => picked(files) });
