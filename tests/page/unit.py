@@ -23,7 +23,7 @@ def main():
         subprocess.run(["esbuild", *tests, "--bundle", "--platform=node", "--target=node18", "--format=esm", "--log-level=warning",
                         f"--outdir={folder}", "--out-extension:.js=.mjs"], check=True)
         subprocess.run([sys.executable, "-B", PAGE / "build.py", Path(folder) / "built"], check=True)
-        sys.exit(subprocess.run(["node", "--test", *sorted(Path(folder).glob("*.mjs"))], check=False).returncode)
+        sys.exit(subprocess.run(["node", "--test", "--test-reporter=tap", *sorted(Path(folder).glob("*.mjs"))], check=False).returncode)
 
 
 if __name__ == "__main__":
