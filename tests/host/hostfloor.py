@@ -311,7 +311,7 @@ class Host:
         tool stays reachable by its path, and the function `hold` waits in the script for `release`."""
         self.put(f"/run/stand-ins/{tool}", f"#!/bin/sh\n{HOLD}{script}\n", mode="0755")
         self.put("/run/systemd/system/corv-agent.service.d/stand-ins.conf",
-                 "[Service]\nEnvironment=PATH=/run/stand-ins:/usr/sbin:/usr/bin:/sbin:/bin\n")
+                 "[Service]\nEnvironment=PATH=/run/stand-ins:/usr/libexec/corvane/tools:/usr/sbin:/usr/bin:/sbin:/bin\n")
         try:
             self._restart_agent()
             yield

@@ -35,24 +35,26 @@ chown -R $1:$1 private; chown -R $1:www-data public_html
 """
 
 
-def make_shop(host, name=None):
-    """An account with a PHP page over its database, rewritten addresses, odd files, a crontab, a login's password and settings."""
+def make_shop(host):
+    """An account with a PHP page over its database, rewritten addresses, odd files, a crontab, a password and settings."""
     account = host.account()
-    host.put(f"{account.home}/public_html/index.php", PAGE.format(account.name, account.password), owner=f"{account.name}:www-data")
+    host.put(f"{account.home}/public_html/index.php", PAGE.format(account.name, account.password),
+             owner=f"{account.name}:www-data")
     host.ok(["bash", "-ec", FILES, "bash", account.name])
     done = host.sql(SCHEMA, database=account.name, role=account.name, password=account.password)
     assert done.code == 0, done.err
     host.ok(["crontab", "-u", account.name, "-"], input=CRONTAB)
     host.ok(["chpasswd", "-e"], input=f"{account.name}:{LOGIN_HASH}\n")
     for statement in (f"ALTER DATABASE {account.name} SET search_path = app, \"$user\", public",
-                      f"ALTER DATABASE {account.name} SET statement_timeout = '1h'", f"ALTER ROLE {account.name} SET work_mem = '8MB'"):
+                      f"ALTER DATABASE {account.name} SET statement_timeout = '1h'",
+                      f"ALTER ROLE {account.name} SET work_mem = '8MB'"):
         assert host.sql(statement).code == 0
     return account
 
 
 def everything(host, name):
-    """Names, kinds, modes, sizes, owners, links and times of the home's entries but for tmp, contents, the database, hashes, jobs and
-    settings; lines to compare."""
+    """Names, kinds, modes, sizes, owners, links and times of the home's entries but for tmp, contents, the database,
+    hashes, jobs and settings; lines to compare."""
     files = host.ok(["bash", "-ec", f"""cd /home/{name}
         find . -mindepth 1 -path ./tmp -prune -o -printf '%p %y %m %s %u %g %l %n\\n' | LC_ALL=C sort
         find . -mindepth 1 -path ./tmp -prune -o -not -type l -printf '%p %TY-%Tm-%Td %TH:%TM\\n' | LC_ALL=C sort

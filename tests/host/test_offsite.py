@@ -14,6 +14,7 @@ AUTO = "/var/backups/corvane/auto"
 UNIT = "corv-offsite.service"
 PLACE = f"ssh://vault@{OUTSIDE}"
 STORE = "/home/vault/web1"
+AUTHORIZED = "/home/vault/.ssh/authorized_keys"
 KEPT = f"/var/lib/corvane/failures/{UNIT}"
 APT = {"DEBIAN_FRONTEND": "noninteractive"}
 KEY = re.compile(r"^    ((?:[a-z2-9]{4}-){7}[a-z2-9]{4})$", re.MULTILINE)
@@ -67,7 +68,7 @@ def server(boot, vault):
     with host.reaching(vault, 22):
         host.first = host.run(["corvctl", "offsite", "setup", PLACE])
         line = next(line for line in host.first.out.splitlines() if line.startswith("restrict,"))
-        vault.put("/home/vault/.ssh/authorized_keys", f"{line}\n")
+        vault.put(AUTHORIZED, f"{line}\n")
         host.second = host.run(["corvctl", "offsite", "setup", PLACE])
         assert host.second.code == 0, host.second
         yield host
@@ -294,6 +295,21 @@ def test_a_server_that_is_taken_over_can_add_and_take_nothing_away(server, vault
     assert copy(server).code == 0
 
 
+def test_a_vault_that_deletes_is_refused_and_told_of(server, vault):
+    authorized = vault.get(AUTHORIZED)
+    vault.put(AUTHORIZED, authorized.replace(" --append-only", ""))
+    try:
+        done = server.run(["corvctl", "offsite", "setup", PLACE])
+        assert (done.code, done.err) == (1, "corvctl: the vault lets this server delete what it holds\n"
+                                         "  its authorized_keys needs rclone serve restic --stdio --append-only\n")
+        done = server.run(["corvctl", "offsite", "check", "--all"])
+        assert (done.code, done.err.splitlines()[0]) == (
+            1, "corvctl: the place no longer refuses to forget: a break-in here can take away all backups")
+    finally:
+        vault.put(AUTHORIZED, authorized)
+    assert server.run(["corvctl", "offsite", "check", "--all"]).code == 0
+
+
 @pytest.mark.core
 def test_a_damaged_pack_is_found_by_the_check_that_reads_it(server, vault):
     start_backup(server)
@@ -364,11 +380,11 @@ def test_a_lost_server_comes_back_with_the_address_and_the_key(server, vault):
     server.ok(["mv", "/etc/corvane/offsite", "/root/offsite"])
     settings = server.get(SETTINGS)
     server.put(SETTINGS, server.usual)
-    authorized = vault.get("/home/vault/.ssh/authorized_keys")
+    authorized = vault.get(AUTHORIZED)
     try:
         asked = server.run(["corvctl", "offsite", "setup", PLACE])
         line = next(line for line in asked.out.splitlines() if line.startswith("restrict,"))
-        vault.put("/home/vault/.ssh/authorized_keys", f"{line}\n")
+        vault.put(AUTHORIZED, f"{line}\n")
         wrong = server.run(["corvctl", "offsite", "setup", PLACE, "--key-file", "-"], input="wrong\n")
         assert wrong.code == 1 and "wrong password or no key found" in wrong.err
         done = server.run(["corvctl", "offsite", "setup", PLACE, "--key-file", "-"], input=key)
@@ -379,7 +395,7 @@ def test_a_lost_server_comes_back_with_the_address_and_the_key(server, vault):
     finally:
         server.ok(["sh", "-c", "rm -rf /etc/corvane/offsite /root/back; mv /root/offsite /etc/corvane/offsite"])
         server.put(SETTINGS, settings)
-        vault.put("/home/vault/.ssh/authorized_keys", authorized)
+        vault.put(AUTHORIZED, authorized)
 
 
 def test_a_disk_of_the_server_forgets_by_the_rules_and_setup_says_what_that_means(server):

@@ -1,5 +1,6 @@
 """The drill: a server is lost, and all of its accounts are on a fresh one from its last backup, the same in everything."""
 
+import json
 import subprocess
 
 import pytest
@@ -12,7 +13,7 @@ PANEL = "SELECT word FROM says"
 
 def copy(source, target, folder):
     """Brings a folder from one host to the other, as it is."""
-    with source.background(["tar", "-cf", "-", folder.lstrip("/")], cwd=None, stdout=subprocess.PIPE) as sender:
+    with source.background(["tar", "-C", "/", "-cf", "-", folder.lstrip("/")], stdout=subprocess.PIPE) as sender:
         with target.background(["sh", "-c", "mkdir -p /srv && tar -C /srv -xpf -"], stdin=sender.stdout) as receiver:
             sender.stdout.close()
             assert receiver.wait(timeout=120) == 0
@@ -48,13 +49,14 @@ def test_a_lost_server_is_back_on_a_fresh_one(lost, boot):
 
     refused = fresh.run(["corvctl", "server", "restore", "/root"])
     assert (refused.code, refused.err) == (
-        1, "corvctl: /root is no folder of a backup\n  a backup is a folder such as /var/backups/corvane/auto/2026-11-22_031500\n")
+        1, "corvctl: /root is no folder of a backup\n"
+        "  a backup is a folder such as /var/backups/corvane/auto/2026-11-22_031500\n")
     fresh.ok(["corvctl", "server", "restore", folder, "--only", first.name, "--confirm", words[-1]])
     assert fresh.request("hosting.usage")["usage"].keys() == {first.name}
 
     # Ended in the middle, it is done again and goes on.
-    with fresh.background(["sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words], stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                          text=True) as process:
+    with fresh.background(["sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words], stdout=subprocess.DEVNULL,
+                          stderr=subprocess.PIPE, text=True) as process:
         inner = process.stderr.readline().strip()
         for line in process.stderr:
             if f"{second.name}: loading the database" in line:
@@ -74,7 +76,9 @@ def test_a_lost_server_is_back_on_a_fresh_one(lost, boot):
         assert everything(fresh, shop.name) == lost.before[shop.name]
     assert of_panel(fresh, PANEL) == "the panel\n"
     assert fresh.request("backup.status")["keepDays"] == 21
-    assert fresh.run(["corvctl", "doctor"]).code == 0
+    checks = json.loads(fresh.run(["corvctl", "--json", "doctor"]).out)["checks"]
+    assert [finding["problem"] for check in checks for finding in check["findings"] if finding["level"] == "fault"] == [
+        "there is no backup yet"]
 
     # A third time there is nothing to do.
     done = fresh.run([*words[:4], "--confirm", words[-1]])

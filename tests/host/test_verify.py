@@ -128,7 +128,7 @@ def test_what_is_damaged_is_found_and_told(host, saved):
             [f"accounts/{shop.name}-home.tar.gz is damaged: gzip: stdin: invalid compressed data--crc error"]
         assert found(f"truncate -s -1 {home}") == \
             [f"accounts/{shop.name}-home.tar.gz has {size - 1} bytes, and {size} when it was made"]
-        assert found(f": >{home}") == [f"accounts/{shop.name}-home.tar.gz has 0 bytes, and {size} when it was made"]
+        assert found(f": >{home}") == [f"accounts/{shop.name}-home.tar.gz is empty"]
         assert found(f"rm {dump}") == [f"accounts/{shop.name}-db.dump is missing"]
         bytes_of_dump = int(host.ok(["stat", "-c", "%s", dump]))
         (fault,) = found(flip.format(dump, bytes_of_dump - 2000))
@@ -181,7 +181,7 @@ def test_a_dump_that_needs_a_superuser_is_noted(host, saved):
 
 def test_a_dump_that_fills_the_disk_or_never_ends_is_let_go(host, saved):
     shop, _, _ = saved
-    fill(host, shop, "CREATE MATERIALIZED VIEW endless AS SELECT pg_sleep(CASE WHEN session_user = 'corv_verify' THEN 100000 END)")
+    fill(host, shop, "CREATE MATERIALIZED VIEW endless AS SELECT pg_sleep(CASE WHEN session_user = 'corv_verify' THEN 100000 END)::text AS t")
     name = back_up(host)
     unit = host.ok(["systemd-run", "--unit=proof-test", "--service-type=exec", "corvctl", "backup", "verify", name, "--deep"])
     host.wait_for(lambda: host.sql("SELECT count(*) FROM pg_stat_activity WHERE query ~ 'endless' AND usename = 'corv_verify'").out
@@ -193,28 +193,96 @@ def test_a_dump_that_fills_the_disk_or_never_ends_is_let_go(host, saved):
 
 # The compressor
 
-def archive_of(host, account, *environment):
-    """Packs the home as a backup does, with the unit's PATH."""
-    return ["env", *environment, "PATH=/usr/libexec/corvane/tools:/usr/sbin:/usr/bin:/sbin:/bin",
-            "/usr/libexec/corvane/corv-agent", "--backup"]
+UNPACKING = "unpacking stopped (over the disk limit?): "
+TRAILING = ("gzip: stdin: decompression OK, trailing garbage ignored\ntar: Child returned status 2\n"
+            "tar: Error is not recoverable: exiting now")
+
+
+@pytest.fixture(params=["igzip", "gzip"])
+def compressor(host, request):
+    """With the link of the package, and with one that leads nowhere."""
+    assert host.ok(["readlink", "/usr/libexec/corvane/tools/gzip"]) == "/usr/bin/igzip\n"
+    if request.param == "gzip":
+        host.ok(["mv", "/usr/bin/igzip", "/root/igzip"])
+    yield request.param
+    host.run(["sh", "-c", "[ ! -e /root/igzip ] || mv /root/igzip /usr/bin/igzip"])
+    host.ok(["sh", "-c", f"rm -rf {DESTINATION}/*"])
 
 
 @pytest.mark.core
-def test_archives_are_packed_by_igzip_or_without_it_by_gzip(host, account):
-    assert host.ok(["readlink", "/usr/libexec/corvane/tools/gzip"]) == "/usr/bin/igzip\n"
+def test_archives_are_packed_by_igzip_or_without_it_by_gzip(host, account, compressor):
     host.ok(["sh", "-ec", 'head -c 2000000 /dev/urandom >"$HOME/noise"; seq 100000 >"$HOME/numbers"'], user=account.name)
-    path = f"accounts/{account.name}-home.tar.gz"
-    for hide, header in (("true", "igzip"), ("mv /usr/bin/igzip /root/igzip", "gzip")):
-        host.ok(["sh", "-ec", hide])
-        try:
-            name = back_up(host)
-            assert host.request("backup.status")["backups"][0]["errors"] == []
-            # Only gzip writes what time it is, or that it was in a hurry, into these bytes; both are the kernel's own Unix.
-            packed = host.ok(["sh", "-ec", f"gzip -lv {DESTINATION}/{name}/{path} >/dev/null && "
-                              f"head -c 10 {DESTINATION}/{name}/{path} | od -An -tx1"]).split()
-            assert packed[:3] == ["1f", "8b", "08"] and (packed[9] == "03") == (header == "gzip"), packed
-            host.request("backup.restore", username=account.name, backup=name, what="files")
-            host.ok(["diff", "-r", f"/home/{account.name}/numbers", f"/home/{account.name}/restored-{name}/numbers"])
-            host.ok(["rm", "-rf", f"/home/{account.name}/restored-{name}", f"{DESTINATION}/{name}"])
-        finally:
-            host.run(["sh", "-c", "[ ! -e /root/igzip ] || mv /root/igzip /usr/bin/igzip"])
+    name = back_up(host)
+    archive = f"{DESTINATION}/{name}/accounts/{account.name}-home.tar.gz"
+    assert host.request("backup.status")["backups"][0]["errors"] == []
+    host.ok(["gzip", "-t", archive])
+    # igzip writes the time into the header of what it reads from a pipe, gzip none.
+    header = host.ok(["sh", "-c", f"head -c 10 {archive} | od -An -tx1"]).split()
+    assert header[:3] == ["1f", "8b", "08"] and (header[4:8] == ["00"] * 4) == (compressor == "gzip"), header
+    assert host.request("backup.restore", username=account.name, backup=name, what="files")["ok"] is True
+    host.ok(["diff", "-r", f"/home/{account.name}/numbers", f"/home/{account.name}/restored-{name}/numbers"])
+
+
+@pytest.mark.core
+def test_what_is_wrong_with_an_archive_is_told_with_either(host, account, compressor):
+    host.ok(["sh", "-ec", 'head -c 2000000 /dev/urandom >"$HOME/noise"'], user=account.name)
+    name = back_up(host)
+    archive = f"{DESTINATION}/{name}/accounts/{account.name}-home.tar.gz"
+    host.ok(["cp", "-a", archive, "/root/whole.tar.gz"])
+
+    def restored(script):
+        host.ok(["sh", "-ec", f"cp -a /root/whole.tar.gz {archive}; {script}"])
+        reply = host.request("backup.restore", username=account.name, backup=name, what="files")
+        host.ok(["rm", "-rf", f"/home/{account.name}/restored-{name}"])
+        return reply
+
+    assert restored("true")["ok"] is True
+    assert restored(f"echo more >>{archive}") == {"ok": False, "error": UNPACKING + TRAILING}
+    assert restored(f"head -c 4096 /dev/zero >>{archive}")["ok"] is True  # which gzip takes for padding
+    for script in (f"truncate -s -1 {archive}", f"truncate -s 1000000 {archive}", f": >{archive}", f"echo x >{archive}",
+                   f"printf '\\252\\125\\252' | dd of={archive} bs=1 seek=1000000 conv=notrunc status=none"):
+        reply = restored(script)
+        assert reply["ok"] is False and reply["error"].startswith(UNPACKING), (script, reply)
+
+
+@pytest.mark.core
+def test_a_full_disk_is_a_problem_with_either(host, account, compressor):
+    host.ok(["sh", "-ec", 'head -c 3000000 /dev/urandom >"$HOME/noise"'], user=account.name)
+    host.ok(["sh", "-ec", f"mkdir -p {DESTINATION}; mount -t tmpfs -o size=1m tmpfs {DESTINATION}"])
+    try:
+        host.run(["systemctl", "start", "corv-backup.service"])
+        # Nothing is left for a manifest either.
+        said = host.request("backup.status")["log"].rpartition(f"  account {account.name}\n")[2]
+        begin = "igzip: Error encountered while writing to file (null)\n" if compressor == "igzip" else \
+            "gzip: stdout: No space left on device\n"
+        assert said.startswith(f"  ! {account.name} files: tar failed: {begin}"), said
+        assert "tar: Error is not recoverable: exiting now\n" in said
+    finally:
+        host.wait_for(lambda: host.ok(["systemctl", "show", "-p", "ActiveState", "--value", "corv-verify.service"]).strip()
+                      in ("inactive", "failed"), "the verification behind the backup")
+        host.ok(["umount", DESTINATION])
+        host.run(["systemctl", "reset-failed", "corv-backup.service", "corv-verify.service"])
+        host.ok(["sh", "-c", "rm -f /var/lib/corvane/failures/corv-*"])
+
+
+def test_the_doctor_tells_of_the_compressor(host, compressor):
+    drop_in = "/run/systemd/system/corv-backup.service.d/path.conf"
+    host.put(drop_in, "[Service]\nEnvironment=PATH=/usr/sbin:/usr/bin:/sbin:/bin\n")
+    host.ok(["systemctl", "daemon-reload"])
+    try:
+        doctor = json.loads(host.run(["corvctl", "--json", "doctor"], timeout=120).out)
+    finally:
+        host.ok(["sh", "-c", f"rm -r $(dirname {drop_in}); systemctl daemon-reload"])
+    problems = [one["problem"] for check in doctor["checks"] for one in check["findings"] if "ten times" in one["problem"]]
+    slow = ["isal is not installed, so that backups and deletions take up to ten times as long"]
+    assert problems == (slow if compressor == "gzip" else []) + [
+        "the PATH of corv-backup.service was changed and does not begin with /usr/libexec/corvane/tools any more, so that its "
+        "archives take up to ten times as long"]
+
+
+def test_nothing_else_finds_the_compressor(host):
+    """But the tar of the agent: what an account runs, and what packages' scripts run, knows the options of gzip."""
+    with host.stand_in("useradd", 'echo "$PATH" >/run/stand-ins/seen; exec /usr/sbin/useradd "$@"'):
+        assert ":/usr/libexec/corvane/tools:" in host.ok(["systemctl", "show", "-p", "Environment", "--value", "corv-agent.service"])
+        host.account()
+        assert host.get("/run/stand-ins/seen") == "/run/stand-ins:/usr/sbin:/usr/bin:/sbin:/bin\n"

@@ -158,5 +158,5 @@ def test_manual_page_names_every_command_and_option(sandbox):
 def test_manual_page_of_the_settings_names_every_key():
     page = (ROOT / "man/corvane.ini.5").read_text()
     keys = re.findall(r"^;?(\w+)=", (ROOT / "data/corvane.ini").read_text(), re.MULTILINE)
-    assert len(keys) == 8
+    assert len(keys) == 12
     assert set(re.findall(r"^\.It Ic (\w+)$", page, re.MULTILINE)) == set(keys)

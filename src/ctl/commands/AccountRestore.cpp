@@ -55,9 +55,7 @@ int list(const Session &session, const QString &account, const QList<Source> &so
                      source.home.isEmpty() ? nothing() : bytes(source.homeBytes),
                      source.dump.isEmpty() ? nothing() : bytes(source.dumpBytes),
                      source.state.isEmpty() ? text(u"no"_s, Colour::Warning) : text(u"yes"_s),
-                     !source.fault.isEmpty() ? text(u"damaged"_s, Colour::Bad)
-                     : source.checked > 0    ? time(source.checked)
-                                             : nothing()});
+                     !source.fault.isEmpty() ? text(u"damaged"_s, Colour::Bad) : yesNo(source.checked > 0)});
     printTable(session, {u"FROM"_s, u"KIND"_s, u"MADE"_s, u"FILES"_s, u"DATABASE"_s, u"STATE"_s, u"VERIFIED"_s}, rows);
     if (!session.options.plain)
         printLine(u"\nTo bring it back from the first of them:\n  corvctl account restore %1 --from %2"_s.arg(

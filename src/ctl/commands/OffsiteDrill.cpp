@@ -125,7 +125,8 @@ QString clearAway(const Drill &drill)
             (void)QFile::remove(kArchives + u'/' + file);
     }
     removeFolder();
-    return problem.isEmpty() ? QString() : u"the account %1 could not be deleted: %2"_s.arg(drill.name, problem);
+    return problem.isEmpty() ? QString()
+                             : u"the account %1 could not be deleted: %2"_s.arg(drill.name, oneSentence(problem));
 }
 
 QString work(const Drill &drill, const Repository &repository, const SavedHome &saved)
@@ -145,7 +146,7 @@ QString work(const Drill &drill, const Repository &repository, const SavedHome &
     say(drill, u"restoring it as %1, at %2"_s.arg(drill.name, drill.domain));
     const QString problem = self({u"account"_s, u"restore"_s, drill.account, u"--from"_s, kFolder, u"--as"_s,
                                   drill.name, u"--domain"_s, drill.domain, u"--confirm"_s, drill.name});
-    return problem.isEmpty() ? pageProblem(drill) : u"it could not be restored: "_s + problem;
+    return problem.isEmpty() ? pageProblem(drill) : u"it could not be restored: "_s + oneSentence(problem);
 }
 
 int drill(Session &session, const Given &given)

@@ -131,8 +131,14 @@ Verdict verifyBackup(const Search &search, QString *problem)
         return verdict;
     }
     merge(found, &verdict);
-    if (found.size() == all.size() + 1 && !(search.deep && search.dueAlone))
+    if (found.size() == all.size() + 1 && !(search.deep && search.dueAlone)) {
         verdict.checked = search.now;
+        // What it was asked to hold once, and is not any more, is nothing to be told of.
+        verdict.files.removeIf([&found](const FileVerdict &one) {
+            return std::none_of(found.cbegin(), found.cend(),
+                                [&one](const FileVerdict &fresh) { return fresh.file == one.file; });
+        });
+    }
     if (!keepVerdict(search.destination, verdict))
         *problem = u"cannot write "_s + verdictPath(search.destination, search.backup);
     return verdict;
