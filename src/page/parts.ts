@@ -14,10 +14,14 @@ interface ButtonLook { kind?: "primary" | "secondary" | "danger" | "link"; id?: 
 
 export function button(text: string, clicked: () => void, look: ButtonLook = {}): HTMLButtonElement {
     const { kind = "secondary", id, disabled = false, label, title } = look;
-    return make("button", {
-        class: `pf-v6-c-button pf-m-${kind}${kind === "link" ? " pf-m-inline" : " pf-m-small"}`, type: "button", disabled,
-        click: clicked, ...(id && { id }), ...(label && { "aria-label": label }), ...(title && { title }),
-    }, make("span", { class: "pf-v6-c-button__text" }, text));
+    const common = {
+        type: "button", disabled, click: clicked, ...(id && { id }), ...(label && { "aria-label": label }), ...(title && { title }),
+    };
+    // Tables have thousands of these, and each button of PatternFly's brings more than a hundred properties to be worked out.
+    if (kind === "link")
+        return make("button", { class: "text-button", ...common }, text);
+    return make("button", { class: `pf-v6-c-button pf-m-${kind} pf-m-small`, ...common },
+        make("span", { class: "pf-v6-c-button__text" }, text));
 }
 
 // A link to another page of ours.
