@@ -51,6 +51,7 @@ export function openDialog(action: Action, tools: Tools) {
     const outcome = make("div", { role: "status" });
     const same = make("div", { class: "same" });
     const progress = make("pre", { class: "log", hidden: true, tabindex: 0, "aria-label": _("What it says") });
+    const before = document.activeElement?.id ?? "";
     let isOpen = true;
 
     const submit = make("button", { class: `pf-v6-c-button pf-m-${action.danger ? "danger" : "primary"}`, type: "submit", id: "dialog-do" },
@@ -62,7 +63,12 @@ export function openDialog(action: Action, tools: Tools) {
         make("footer", { class: "pf-v6-c-modal-box__footer" }, submit, close));
     const dialog = make("dialog", {
         class: "pf-v6-c-modal-box pf-m-sm", id: action.id, "aria-labelledby": "dialog-title",
-        close: () => { isOpen = false; dialog.remove(); },
+        close: () => {
+            isOpen = false;
+            dialog.remove();
+            // The page may have been drawn anew meanwhile, so that the browser has lost what had the focus.
+            document.getElementById(before)?.focus();
+        },
     }, make("header", { class: "pf-v6-c-modal-box__header" },
         make("h1", { class: "pf-v6-c-modal-box__title", id: "dialog-title" }, action.title)), form);
 
