@@ -105,6 +105,20 @@ def test_brings_back_what_is_gone_with_the_folder_around_it(alice):
     assert folders(alice) == ["restored-2024-01-01_000000"]
 
 
+def test_no_name_of_the_accounts_becomes_an_option_of_what_root_is_told_to_run(alice):
+    name = "-Hevil.example;id"
+    alice.write(f"{HOME}/{name}", "saved", 0o644, "alice:alice")
+    subprocess.run(["tar", "-czf", alice.path(ARCHIVE), "--owner-map=/dev/null", "-C", alice.path("/home"), "alice"], check=True)
+    code, out, err = in_place(alice, f"./{name}")
+    alice.took("backup.restore", {"ok": True})
+    assert (code, err) == (0, "")
+    (stamp,) = [folder for folder in folders(alice) if folder.startswith("replaced")]
+    assert out.splitlines()[-2] == f"  corvctl backup restore alice {stamp} files --in-place './{name}'"
+    code, out, err = in_place(alice, f"./{name}", backup=stamp, options=["--plain"])
+    assert (code, err) == (0, "")
+    assert out.splitlines()[0] == f"In place\t{name}"
+
+
 def test_says_how_the_replaced_ones_come_back_or_go(alice):
     code, out, err = in_place(alice, "public_html/index.html", "notes.txt")
     alice.took("backup.restore", {"ok": True})

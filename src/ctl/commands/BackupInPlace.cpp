@@ -128,8 +128,9 @@ int tell(const Session &session, const QString &account, const Placing &placing,
         return kDone;
 
     QStringList words;
+    // The account chose the names: none of them is to be an option of root's command.
     for (const QString &path : shownPaths(done.replaced))
-        words.append(shellWord(path));
+        words.append(shellWord(path.startsWith(u'-') ? u"./"_s + path : path));
     const QString folder = QString::fromUtf8(placing.aside);
     // Each in one line, however long, so that it can be copied.
     printLine(u"\nTo have the replaced ones back, or to delete them:"_s);
