@@ -126,6 +126,9 @@ def test_a_deletion_that_was_cut_off_is_finished_once_its_archives_were_read(san
     assert err.startswith(SHOWN + "corvctl: both can be read to their ends, so the deletion goes on\n")
     assert out.splitlines()[-1] == f"Its database\t{ARCHIVES}/alice-20260105-031500-db.dump"
     assert statements(sandbox) == LIFTED
+    (check,) = sandbox.calls("pg_restore")
+    # Its list alone would not show that the rows are damaged.
+    assert (check.argv, check.stdin) == (["pg_restore", "--file", "/dev/null"], b"x")
     names = [argv[:2] for argv in sandbox.argvs("tar", "runuser")]
     assert names.index(["tar", "-tzf"]) == 1  # before anything was changed, after the question to PostgreSQL
     assert not sandbox.has_user("alice")

@@ -76,9 +76,9 @@ QString checkArchives(const DeletionArchives &archives)
     const Fd dump(::open(QFile::encodeName(archives.dump).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     hosting::Streams streams;
     streams.inputFile = dump.get();
-    const QString problem =
-        dump ? hosting::runWith(u"runuser"_s, {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_restore"_s, u"--list"_s}, streams)
-             : u"cannot be read"_s;
+    // Its list of contents stands at the beginning, and is whole also where the rows behind it are damaged.
+    const QStringList readAll = {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_restore"_s, u"--file"_s, u"/dev/null"_s};
+    const QString problem = dump ? hosting::runWith(u"runuser"_s, readAll, streams) : u"cannot be read"_s;
     return problem.isEmpty() ? QString() : u"%1 is damaged: %2"_s.arg(archives.dump, problem);
 }
 
