@@ -214,7 +214,7 @@ def test_a_deletion_that_was_cut_off_while_the_database_was_dropped_is_finished(
     dump, home = archives
     assert faults_of(server, name) == [
         ("fault", f"a deletion of the account {name} was cut off while its database was dropped; its archives are {home} and {dump}",
-         f"corvctl account delete {name} --force")]
+         f"corvctl account delete {name}")]
 
     assert server.request("hosting.delete", username=name, confirm=name)["error"].startswith("could not dump the database")
     refused = [path for path in sh(server, f"ls /var/backups/corvane/{name}-*").split() if path not in archives]

@@ -670,4 +670,4 @@ def test_tells_a_deletion_that_was_cut_off(well):
         "fault", "accounts",
         "a deletion of the account alice was cut off while its database was dropped; its archives are "
         "/var/backups/corvane/alice-20260105-031500-home.tar.gz and /var/backups/corvane/alice-20260105-031500-db.dump",
-        "corvctl account delete alice --force")])
+        "corvctl account delete alice")])

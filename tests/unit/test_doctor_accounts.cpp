@@ -171,10 +171,10 @@ private Q_SLOTS:
         account.name = u"alice"_s;
         account.domain = u"example.org"_s;
         account.archives = {u"/b/alice-1-home.tar.gz"_s, u"/b/alice-1-db.dump"_s};
-        QCOMPARE(asText(checkAccount(account, kPhp, databases)),
-                 QStringList({u"fault|a deletion of the account alice was cut off while its database was dropped; its "
-                              "archives are /b/alice-1-home.tar.gz and /b/alice-1-db.dump|corvctl account delete alice "
-                              "--force"_s}));
+        QCOMPARE(
+            asText(checkAccount(account, kPhp, databases)),
+            QStringList({u"fault|a deletion of the account alice was cut off while its database was dropped; its "
+                         "archives are /b/alice-1-home.tar.gz and /b/alice-1-db.dump|corvctl account delete alice"_s}));
         account.archives = {};
         QVERIFY(!problems(checkAccount(account, kPhp, databases)).join(u' ').contains(u"a deletion of"_s));
     }
@@ -257,6 +257,17 @@ private Q_SLOTS:
                })
             << QStringList({u"the user gone is what is left of an account: take it away by corvctl account delete gone "
                             "--force|"_s});
+        QTest::newRow("a user of an account whose deletion was cut off")
+            << facts([&](NameFacts *name) {
+                   name->hasUser = true;
+                   name->account = AccountParts();
+                   name->account->name = u"gone"_s;
+                   name->account->archives = {u"/b/gone-1-home.tar.gz"_s, u"/b/gone-1-db.dump"_s};
+                   name->databases->databases = {{u"gone"_s, u"gone"_s}};
+                   name->databases->databases[0].isInvalid = true;
+               })
+            << QStringList(
+                   {u"the user gone is what is left of an account: take it away by corvctl account delete gone|"_s});
         QTest::newRow("an account") << facts([&](NameFacts *name) {
             name->hasUser = true;
             name->account = whole();

@@ -38,7 +38,7 @@ Finding halfThere(const QString &name, bool hasRole)
     return {Level::Fault,
             u"the account %1 is only half there: its user has no site, no pool%2 and no database"_s.arg(
                 name, hasRole ? QString() : u", no role"_s),
-            finishDeletion(name)};
+            finishDeletion(name, true)};
 }
 
 // A deletion that ended while PostgreSQL dropped the database: its site and pools are gone by then, and its archives
@@ -54,7 +54,7 @@ Finding halfDeleted(const AccountParts &account)
     return {Level::Fault,
             u"a deletion of the account %1 was cut off while its database was dropped; its archives are %2"_s.arg(
                 account.name, account.archives.join(u" and "_s)),
-            finishDeletion(account.name)};
+            finishDeletion(account.name, false)};
 }
 
 bool hasDomain(const AccountParts &account)

@@ -42,9 +42,9 @@ bool isHalfThere(const AccountParts &account, const std::optional<Databases> &da
            !findDatabase(*databases, account.name) && !findDatabase(*databases, account.name + u"__old"_s);
 }
 
-QString finishDeletion(const QString &account)
+QString finishDeletion(const QString &account, bool isForced)
 {
-    return u"corvctl account delete %1 --force"_s.arg(account);
+    return u"corvctl account delete "_s + account + (isForced ? u" --force"_s : QString());
 }
 
 QList<Remainder> remaindersOf(const NameFacts &facts, const QString &stamp)
@@ -55,8 +55,9 @@ QList<Remainder> remaindersOf(const NameFacts &facts, const QString &stamp)
         const bool isCutOff = !facts.account->site && database && database->isInvalid;
         if (!isCutOff && !isHalfThere(*facts.account, facts.databases))
             return {};
-        return {
-            {u"the user %1 is what is left of an account: take it away by %2"_s.arg(name, finishDeletion(name)), {}}};
+        return {{u"the user %1 is what is left of an account: take it away by %2"_s.arg(
+                     name, finishDeletion(name, !isCutOff || facts.account->archives.isEmpty())),
+                 {}}};
     }
     if (facts.hasUser)
         return {};

@@ -50,7 +50,8 @@ QString shellLine(const QList<Step> &steps);
 // What only half an account is: whether nothing but its user, and perhaps its role, is there.
 bool isHalfThere(const AccountParts &account, const std::optional<Databases> &databases);
 
-// The command that takes an account away of which parts are missing.
-QString finishDeletion(const QString &account);
+// The command that takes an account away of which parts are missing. Forced, it makes what a deletion insists on; where
+// a deletion has made its archives, it must not be: they are looked at then, and damaged ones stop it.
+QString finishDeletion(const QString &account, bool isForced);
 
 } // namespace corv::ctl
