@@ -123,6 +123,25 @@ def test_a_program_that_others_may_write_to_is_not_run(server):
     assert server.calls("page") == []
 
 
+@pytest.mark.parametrize("way, folder", [("{}/page", "{}"), ("{}/inner/page", "{}"), ("{}/link", "{}"),
+                                         ("/usr/local/sbin/link", "{}")])
+def test_a_program_in_whose_place_others_may_put_another_is_not_run(server, way, folder):
+    server.add_account("alice")
+    home = "/home/alice"
+    for path in (f"{home}/page", f"{home}/inner/page"):
+        server.mkdir(os.path.dirname(path)) if "inner" in path else None
+        server.add_standin(path)
+        server.path(path).chmod(0o755)
+    server.symlink(f"{home}/link", program(server))
+    server.symlink("/usr/local/sbin/link", f"{home}/page")
+    command = way.format(home)
+    server.settings(f"[notify]\ncommand={command}\n")
+    assert corvctl(server, "notify", "test") == (
+        1, "", f"corvctl: the setting command is of no use: {command} can be put elsewhere by others than root, "
+               f"who may write to {folder.format(home)}\n")
+    assert server.calls("page") == []
+
+
 @pytest.mark.parametrize("command, problem", [
     ("page", "'page' is no absolute path"), ("/usr/sbin/nosuch x", "there is no /usr/sbin/nosuch"), ("/etc", "/etc is no program"),
     ("/etc/passwd", "/etc/passwd is no program")])

@@ -6,6 +6,7 @@
 
 #include <QDateTime>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSettings>
@@ -24,7 +25,31 @@ constexpr int kTellMs = 60'000;
 constexpr int kAskMs = 30'000;
 constexpr qsizetype kMostRecipients = 20;
 
-// Why root should not run this file; empty where it may. Whoever could write it would be root at the next failure.
+// Debian gives this group /usr/local on servers that were installed long ago; who is in it counts as root.
+constexpr gid_t kStaff = 50;
+
+bool isRoots(const struct stat &status, mode_t others)
+{
+    return status.st_uid == 0 && (status.st_mode & others) == 0;
+}
+
+// The first folder on the way that others than root may write to; empty where there is none.
+QString foreignFolder(const QString &path)
+{
+    for (qsizetype end = 0; end >= 0; end = path.indexOf(u'/', end + 1)) {
+        const QString folder = end == 0 ? u"/"_s : path.left(end);
+        struct stat status = {};
+        if (::lstat(QFile::encodeName(folder).constData(), &status) != 0)
+            return folder;
+        const mode_t others = status.st_gid == 0 || status.st_gid == kStaff ? S_IWOTH : S_IWGRP | S_IWOTH;
+        if (!S_ISLNK(status.st_mode) && !isRoots(status, others))
+            return folder;
+    }
+    return {};
+}
+
+// Why root should not run this file; empty where it may. Whoever could write it, or put another in its place, would be
+// root at the next failure.
 QString programProblem(const QString &path)
 {
     struct stat status = {};
@@ -34,8 +59,13 @@ QString programProblem(const QString &path)
         return u"there is no %1"_s.arg(path);
     if (!S_ISREG(status.st_mode) || (status.st_mode & S_IXUSR) == 0)
         return u"%1 is no program"_s.arg(path);
-    if (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    if (!isRoots(status, S_IWGRP | S_IWOTH))
         return u"%1 can be changed by others than root"_s.arg(path);
+    // By the way that is written, and by where its links lead.
+    for (const QString &way : {path, QFileInfo(path).canonicalFilePath()}) {
+        if (const QString folder = foreignFolder(way); !folder.isEmpty())
+            return u"%1 can be put elsewhere by others than root, who may write to %2"_s.arg(path, folder);
+    }
     return {};
 }
 
