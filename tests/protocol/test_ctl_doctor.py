@@ -352,7 +352,7 @@ FAULTS = {
     "home is left over": (
         lambda box: box.run("chown", "4711", str(box.mkdir("/home/gone")).removeprefix(str(box.root))), "leftovers",
         "the folder /home/gone belongs to no user",
-        "tar -czf /root/left-over-home.tar.gz /home/gone && rm -rf /home/gone"),
+        "tar -czf /root/left-over-gone.tar.gz /home/gone && rm -rf /home/gone"),
     "quotas are off": (
         quotas_off, "quotas", "/etc/fstab asks for disk quotas on /home, but they are off: no limit holds", "quotaon -u /home"),
     "apt waits for ever": (

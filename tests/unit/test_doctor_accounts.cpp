@@ -491,16 +491,41 @@ private Q_SLOTS:
         const NamedParts parts = {
             {u"corv-alice.conf"_s, u"corv-bob.conf"_s, u"corv-Bob.conf"_s, u"000-default.conf"_s},
             {u"/etc/php/8.2/fpm/pool.d/corv-alice.conf"_s, u"/etc/php/8.2/fpm/pool.d/corv-bob.conf.suspended"_s},
-            {u"/home/old one"_s}};
-        QCOMPARE(
-            asText(checkLeftovers(parts, databases(), {u"root"_s, u"alice"_s}, {u"alice"_s})),
-            QStringList(
-                {u"fault|a PHP pool is left of bob, which is no account|rm "
-                 "/etc/php/8.2/fpm/pool.d/corv-bob.conf.suspended; systemctl try-reload-or-restart php8.2-fpm"_s,
-                 u"fault|an Apache site is left of bob, which is no account|rm -f "
-                 "/etc/apache2/sites-*/corv-bob.conf && systemctl reload apache2"_s,
-                 u"fault|the folder /home/old one belongs to no user|tar -czf /root/left-over-home.tar.gz '/home/old "
-                 "one' && rm -rf '/home/old one'"_s}));
+            {u"/home/old one"_s, u"/home/old2"_s}};
+        QCOMPARE(asText(checkLeftovers(parts, databases(), {u"root"_s, u"alice"_s}, {u"alice"_s})),
+                 QStringList(
+                     {u"fault|a PHP pool is left of bob, which is no account|rm "
+                      "/etc/php/8.2/fpm/pool.d/corv-bob.conf.suspended; systemctl try-reload-or-restart php8.2-fpm"_s,
+                      u"fault|an Apache site is left of bob, which is no account|rm -f "
+                      "/etc/apache2/sites-*/corv-bob.conf && systemctl reload apache2"_s,
+                      u"fault|the folder /home/old one belongs to no user|tar -czf '/root/left-over-old one.tar.gz' "
+                      u"'/home/old "
+                      "one' && rm -rf '/home/old one'"_s,
+                      u"fault|the folder /home/old2 belongs to no user|tar -czf /root/left-over-old2.tar.gz /home/old2 "
+                      u"&& rm "
+                      "-rf /home/old2"_s}));
+    }
+
+    void leavesOutWhatTheAgentIsWorkingOn()
+    {
+        NamedParts parts = {{u"corv-alice.conf"_s, u"corv-bob.conf"_s},
+                            {u"/etc/php/8.2/fpm/pool.d/corv-alice.conf.suspended"_s, u"/p/corv-bob.conf"_s},
+                            {u"/home/alice"_s, u"/home/alice2"_s}};
+        std::optional<Databases> all = Databases{150014, {{u"alice"_s, true, true}, {u"bob"_s, true, true}}, {}};
+        for (const char *name : {"alice", "alice__old", "alice__restore", "alice2", "bob__restore"})
+            all->databases.append({QString::fromLatin1(name), u"x"_s});
+        leaveOut(u"alice"_s, &parts, &all);
+        QCOMPARE(parts.sites, QStringList({u"corv-bob.conf"_s}));
+        QCOMPARE(parts.pools, QStringList({u"/p/corv-bob.conf"_s}));
+        QCOMPARE(parts.ownerlessHomes, QStringList({u"/home/alice2"_s}));
+        QCOMPARE(all->databases.size(), 2);
+        QCOMPARE(all->databases[0].name, u"alice2"_s);
+        QCOMPARE(all->databases[1].name, u"bob__restore"_s);
+        QCOMPARE(all->roles.size(), 1);
+        QCOMPARE(all->roles[0].name, u"bob"_s);
+        std::optional<Databases> none;
+        leaveOut(u"bob"_s, &parts, &none);
+        QVERIFY(!none && parts.sites.isEmpty());
     }
 
     void findsLeftoversInPostgres()

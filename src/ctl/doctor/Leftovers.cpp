@@ -86,8 +86,10 @@ QList<Finding> checkLeftovers(const NamedParts &parts, const std::optional<Datab
                          u"rm -f /etc/apache2/sites-*/%1 && systemctl reload apache2"_s.arg(site)});
     }
     for (const QString &home : parts.ownerlessHomes) {
+        // Each in an archive of its own, or that of the second would take the place of the first.
+        const QString archive = u"/root/left-over-%1.tar.gz"_s.arg(home.section(u'/', -1));
         findings.append({Level::Fault, u"the folder %1 belongs to no user"_s.arg(home),
-                         u"tar -czf /root/left-over-home.tar.gz %1 && rm -rf %1"_s.arg(shellWord(home))});
+                         u"tar -czf %2 %1 && rm -rf %1"_s.arg(shellWord(home), shellWord(archive))});
     }
     if (databases)
         findings += checkScratchDatabases(*databases) + checkOrphans(*databases, users);
