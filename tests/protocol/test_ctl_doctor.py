@@ -529,6 +529,27 @@ def test_tells_the_pool_that_an_account_should_have(well):
     assert corvctl(well, "doctor", "--pool", "../x") == (2, "", "corvctl: '../x' is no name of an account\n")
 
 
+def test_what_the_agent_is_working_on_is_not_taken_for_cut_off(well):
+    answer_databases(databases=[{"name": "alice", "owner": "alice", "open": False},
+                                {"name": "alice__restore", "owner": "alice", "open": False},
+                                {"name": "corvane", "owner": "corv-web", "open": False}])(well)
+    well.path(SITE).unlink()
+    install(well)
+    well.start()
+    with open(f"/proc/{well.agent.pid}/status", encoding="utf-8") as status:
+        inside = next(line.split()[-1] for line in status if line.startswith("NSpid:"))
+    with open(f"/proc/{well.agent.pid}/stat", encoding="utf-8") as stat:
+        began = stat.read().rpartition(")")[2].split()[19]
+    request = {"command": "backup.restore", "account": "alice", "uid": 0, "began": 0, "agent": int(inside)}
+    well.write("/run/corvane/request", json.dumps({**request, "agentBegan": int(began)}))
+    assert doctor(well) == (0, [])
+    well.write("/run/corvane/request", json.dumps({**request, "agentBegan": int(began) - 1}))  # of one that was killed
+    code, findings = doctor(well)
+    assert code == 1
+    assert ("fault", "accounts", "a restore that was cut off left the database alice__restore",
+            "runuser -u postgres -- dropdb alice__restore") in findings
+
+
 def test_needs_root(well):
     install(well)
     code, out, err = well.run("setpriv", "--reuid=33", "--clear-groups", "corvctl", "doctor")

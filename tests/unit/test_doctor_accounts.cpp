@@ -1,6 +1,7 @@
 #include "common/Pool.h"
 #include "common/Site.h"
 #include "ctl/doctor/Accounts.h"
+#include "ctl/doctor/AtWork.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Remainders.h"

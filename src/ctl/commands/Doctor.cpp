@@ -1,5 +1,6 @@
 #include "common/Account.h"
 #include "common/Environment.h"
+#include "common/InHand.h"
 #include "common/Json.h"
 #include "common/Pool.h"
 #include "ctl/Command.h"
@@ -8,6 +9,7 @@
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Report.h"
 #include "ctl/remote/Remote.h"
+#include "ctl/screen/Busy.h"
 
 #include <QSysInfo>
 
@@ -35,9 +37,12 @@ Check checkAgent(Session &session)
     const bool isBusy = answer.fate == Answer::Fate::TimedOut;
     check.findings = ctl::checkAgent(unit, answer.ok() || isBusy ? QString() : answer.problem);
     if (isBusy) {
-        check.findings.append(
-            {Level::Note, u"the agent did not answer within %1 s: it works on another request, or hangs"_s.arg(seconds),
-             u"journalctl -u corv-agent -n 20"_s});
+        const std::optional<InHand> request = readInHand(kInHandPath);
+        check.findings.append({Level::Note,
+                               u"the agent did not answer within %1 s: it %2"_s.arg(
+                                   QString::number(seconds), request ? u"works on "_s + named(*request)
+                                                                     : u"works on another request, or hangs"_s),
+                               u"journalctl -u corv-agent -n 20"_s});
     }
     return check;
 }

@@ -11,6 +11,7 @@
 #include "common/Site.h"
 #include "common/System.h"
 #include "common/TimedRun.h"
+#include "ctl/doctor/AtWork.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
@@ -156,6 +157,7 @@ struct Accounts
 {
     QList<hosting::User> all; // every user
     QList<hosting::User> accounts;
+    QString atWork; // the account that the agent is working on, which is not among them
 };
 
 Accounts readAccounts()
@@ -200,6 +202,8 @@ Check checkAccounts(const Accounts &users, const QList<AccountSite> &sites, cons
         u"accounts"_s,
         u"%1%2, PHP %3"_s.arg(QString::number(users.accounts.size()), off, php.isEmpty() ? u"not installed"_s : php),
         {}};
+    if (!users.atWork.isEmpty())
+        check.seen += u"; without %1, which the agent is working on"_s.arg(users.atWork);
     for (const hosting::User &user : users.accounts)
         check.findings += checkAccount(readAccount(user, versions), php, databases);
     check.findings += checkLeftovers({}, databases, namesOf(users.all), namesOf(users.accounts));
@@ -327,9 +331,18 @@ QList<Check> examine(const QString &settingsPath)
     const qint64 began = QDateTime::currentMSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
     const QString php = hosting::phpVersion();
-    const Accounts users = readAccounts();
+    QString atWork = accountAtWork();
+    Accounts users = readAccounts();
     QString problem;
-    const std::optional<Databases> databases = readDatabases(&problem);
+    std::optional<Databases> databases = readDatabases(&problem);
+    NamedParts parts = readNamedParts(phpVersions());
+    if (atWork.isEmpty())
+        atWork = accountAtWork(); // a request that has begun meanwhile
+    if (!atWork.isEmpty()) {
+        leaveOut(atWork, &parts, &databases);
+        users.accounts.removeIf([&](const hosting::User &user) { return user.name == atWork; });
+        users.atWork = atWork;
+    }
     const QJsonObject backups = readBackups(backup::load(settings));
 
     const QList<VirtualHost> hosts = readSites();
@@ -338,7 +351,7 @@ QList<Check> examine(const QString &settingsPath)
     // Causes before what they cause: what is mended from the top to the bottom is well in the end.
     return {checkSettings(settings, settingsPath),
             checkApache(),
-            checkFiles(users, readNamedParts(phpVersions())),
+            checkFiles(users, parts),
             checkServices(settings, settingsPath, php),
             checkPhp(),
             checkPostgres(databases, problem),
