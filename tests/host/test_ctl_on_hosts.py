@@ -108,7 +108,7 @@ FAULTS = {
         "systemctl stop CLUSTER postgresql",  # the latter alone does not wait for the server
         ["the service postgresql does not run: it is dead", "the service CLUSTER does not run: it is dead",
          "PostgreSQL cannot be asked: psql: error: connection to server on "
-         "socket \"/var/run/postgresql/.s.PGSQL.5432\" failed: No such file or directory Is the server running locally and "
+         "socket \"/var/run/postgresql/.s.PGSQL.5432\" failed: No such file or directory; Is the server running locally and "
          "accepting connections on that socket?"]),
     "pg_dump has holes": (
         "printf '#!/bin/sh\\necho pg_dump \\\\(PostgreSQL\\\\) 15.13\\n' >/usr/local/bin/pg_dump; chmod 755 /usr/local/bin/pg_dump",

@@ -299,8 +299,8 @@ FAULTS = {
         "sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: Missing privilege separation "
         "directory: /run/sshd", "install -d -o root -g root -m 0755 /run/sshd"),
     "PostgreSQL is down": (
-        lambda box: box.answer("psql", "-qtAX", ..., exit=2, err="psql: error: connection refused\n"),
-        "PostgreSQL", "PostgreSQL cannot be asked: psql: error: connection refused", "systemctl start postgresql"),
+        lambda box: box.answer("psql", "-qtAX", ..., exit=2, err="psql: error: connection refused\n\tIs it there?\n"),
+        "PostgreSQL", "PostgreSQL cannot be asked: psql: error: connection refused; Is it there?", "systemctl start postgresql"),
     "PostgreSQL has holes": (
         answer_databases(version=150013), "PostgreSQL",
         "the server is of PostgreSQL 15.13; before 15.14 a dump can carry commands of a tenant that its restore runs as the "

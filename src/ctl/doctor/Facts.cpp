@@ -11,6 +11,7 @@
 #include "common/Site.h"
 #include "common/TimedRun.h"
 #include "common/Usage.h"
+#include "ctl/screen/Escape.h"
 
 #include <QDir>
 #include <QFile>
@@ -114,7 +115,7 @@ std::optional<Databases> readDatabases(QString *problem)
     const Outcome outcome = runStatements({kDatabasesQuery});
     const std::optional<Databases> found = parseDatabases(outcome.output);
     if (!found)
-        *problem = QString::fromUtf8(outcome.errors).simplified();
+        *problem = oneSentence(QString::fromUtf8(outcome.errors));
     return found;
 }
 
