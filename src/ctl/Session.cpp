@@ -182,6 +182,13 @@ int refuse(const Session &session, const QString &sentence, const QString &hint)
     return fail(kRefused, sentence, hint);
 }
 
+int refuseNoAccount(const Session &session, const QString &name)
+{
+    const QString sentence = u"no Corvane account named '%1'"_s.arg(name);
+    const QString hint = hintFor(session, sentence, {{u"username"_s, name}});
+    return refuse(session, sentence, hint.isEmpty() ? adviceFor(sentence) : hint);
+}
+
 void note(const QString &sentence)
 {
     complain(sentence, {});

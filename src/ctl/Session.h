@@ -65,6 +65,9 @@ int fail(int status, const QString &sentence, const QString &hint = {});
 // with --json also as the reply line that tells it. Gives the exit status.
 int refuse(const Session &session, const QString &sentence, const QString &hint = {});
 
+// Refuses a command for want of the account, and names the one that was probably meant. Gives the exit status.
+int refuseNoAccount(const Session &session, const QString &name);
+
 // Says something on standard error that is neither a result nor a failure, escaped.
 void note(const QString &sentence);
 

@@ -522,7 +522,7 @@ def test_a_domain_that_the_user_database_does_not_take_changes_nothing(tenant):
 @pytest.mark.parametrize("domain, complaint", [
     ("old.example", "alice has that domain already"),
     ("taken.example", "the site by-hand already answers to taken.example or www.taken.example on this server, and Apache would "
-                      "serve only one of the two\n  choose another domain; --force takes it all the same"),
+                      "serve only one of the two\n  choose another domain"),
     ("-x.example", None),
     ("x.example\n.evil", "that is not a valid domain name"),
 ])
@@ -541,6 +541,8 @@ def test_a_domain_that_is_taken_is_not_given_to_a_new_account(tenant):
     assert (code, out, err) == (1, "", "corvctl: the site corv-alice already answers to old.example or www.old.example on this "
                                        "server, and Apache would serve only one of the two\n"
                                        "  choose another domain; --force takes it all the same\n")
+    code, out, _ = corvctl(tenant, "--json", "account", "create", "bobby", "old.example")
+    assert (code, json.loads(out)) == (1, {"ok": False, "error": err.partition("\n")[0].removeprefix("corvctl: ")})
     code, out, err = corvctl(tenant, "--plain", "account", "create", "bobby", "old.example", "--force")
     assert (code, err) == (0, "corvctl: the site corv-alice already answers to old.example or www.old.example on this server\n")
     tenant.secret(out.splitlines()[-1].split("\t")[1])

@@ -57,6 +57,17 @@ def test_an_account_that_is_not_there(sandbox, accounts, typed, hint):
     assert sandbox.calls() == []
 
 
+@pytest.mark.parametrize("line", ["account show shpo", "account domain shpo new.example", "account publish shpo",
+                                  "backup restore shpo 2026-01-05_031500 files --in-place"])
+def test_an_account_that_is_not_there_and_that_the_agent_is_not_asked_for(sandbox, line):
+    for name in ("shop", "alice"):
+        sandbox.add_account(name)
+    said = "corvctl: no Corvane account named 'shpo'\n  did you mean 'shop'?\n"
+    assert corvctl(sandbox, *line.split(), start=False) == (1, "", said)
+    reply = '{"error":"no Corvane account named \'shpo\'","ok":false}\n'
+    assert corvctl(sandbox, "--json", *line.split(), start=False) == (1, reply, said)
+
+
 def test_an_account_that_is_not_there_on_another_server(sandbox):
     accounts = json.dumps({"ok": True, "accounts": [{"username": "shop"}, {"username": "b\x1b"}]})
     sandbox.answer("ssh", shell=f'shift 3; [ "$2" = account ] || exec "$@"; echo \'{accounts}\'')

@@ -56,17 +56,15 @@ int changeThere(const Session &session, const QString &name, const QString &doma
 }
 
 // Why the account cannot have the domain, after it was said; nothing when it can.
-std::optional<int> refuse(const Session &session, const QString &name, const QString &old, const QString &domain,
-                          const QString &state)
+std::optional<int> refuseDomain(const Session &session, const QString &name, const QString &old, const QString &domain,
+                                const QString &state)
 {
-    if (domain.isEmpty())
-        return fail(kRefused, u"that is not a valid domain name"_s);
     if (domain == old)
-        return fail(kRefused, u"%1 has that domain already"_s.arg(name));
+        return refuse(session, u"%1 has that domain already"_s.arg(name));
     if (state != "on-line"_L1 && state != "suspended"_L1)
-        return fail(kRefused, u"%1 is neither on-line nor suspended, but: %2"_s.arg(name, state),
-                    u"corvctl doctor tells what is wrong with it"_s);
-    return refuseTaken(session, domain, name, false);
+        return refuse(session, u"%1 is neither on-line nor suspended, but: %2"_s.arg(name, state),
+                      u"corvctl doctor tells what is wrong with it"_s);
+    return refuseTaken(session, domain, name, {});
 }
 
 } // namespace
@@ -79,9 +77,10 @@ int changeDomain(Session &session, const Given &given)
     const QString domain = hosting::normalDomain(given.text("DOMAIN"));
     if (session.options.printOnly)
         return fail(kWrongUsage, u"the domain is changed in the user database, not by one request"_s);
-    if (!hosting::validUsername(name) || domain.isEmpty())
-        return fail(kRefused, domain.isEmpty() ? u"that is not a valid domain name"_s
-                                               : u"no Corvane account named '%1'"_s.arg(name));
+    if (domain.isEmpty())
+        return refuse(session, u"that is not a valid domain name"_s);
+    if (!hosting::validUsername(name))
+        return refuseNoAccount(session, name);
     if (!session.options.hosts.empty())
         return changeThere(session, name, domain);
     if (::geteuid() != 0)
@@ -95,11 +94,10 @@ int changeDomain(Session &session, const Given &given)
             user = one;
     }
     if (user.name.isEmpty())
-        return fail(kRefused, u"no Corvane account named '%1'"_s.arg(name),
-                    u"corvctl account list shows the accounts"_s);
+        return refuseNoAccount(session, name);
     const QString old = hosting::domainIn(user.comment);
     const QString state = stateOf(readAccount(user, {}));
-    if (const std::optional<int> end = refuse(session, name, old, domain, state))
+    if (const std::optional<int> end = refuseDomain(session, name, old, domain, state))
         return *end;
 
     // An agent that cannot be asked leaves nothing half done.
@@ -109,7 +107,7 @@ int changeDomain(Session &session, const Given &given)
     // Until both halves are done, or undone, no signal ends this.
     const InterruptGuard guard;
     if (const QString problem = setComment(name, withDomain(user.comment, domain)); !problem.isEmpty())
-        return fail(kRefused, problem);
+        return refuse(session, problem);
     const QString command = state == "suspended"_L1 ? u"hosting.suspend"_s : u"hosting.resume"_s;
     const Answer answer = ask(session, command, accountIn(given));
     if (!answer.ok()) {

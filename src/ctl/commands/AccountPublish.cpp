@@ -27,10 +27,8 @@ int publishAccount(Session &session, const Given &given)
                     u"run it as root: sudo corvctl account publish ..."_s);
     }
     const std::optional<Rights> rights = accountRights(account);
-    if (!hosting::validUsername(account) || !hosting::isOurs(account) || !rights) {
-        return refuse(session, u"no Corvane account named '%1'"_s.arg(account),
-                      u"corvctl account list shows the accounts"_s);
-    }
+    if (!hosting::validUsername(account) || !hosting::isOurs(account) || !rights)
+        return refuseNoAccount(session, account);
 
     int count = 0;
     if (const QString problem = openToWebServer(*rights, QFile::encodeName(hosting::homePath(account)), &count);

@@ -234,15 +234,13 @@ int showAccount(Session &session, const Given &given)
         return kDone;
     }
     if (!hosting::validUsername(name))
-        return fail(kRefused, u"no Corvane account named '%1'"_s.arg(name),
-                    u"corvctl account list shows the accounts"_s);
+        return refuseNoAccount(session, name);
 
     QJsonObject account;
     if (session.options.hosts.empty()) {
         const std::optional<hosting::User> user = findAccount(name);
         if (!user)
-            return fail(kRefused, u"no Corvane account named '%1'"_s.arg(name),
-                        u"corvctl account list shows the accounts"_s);
+            return refuseNoAccount(session, name);
         account = readParts(*user);
         if (const std::optional<int> end = addTold(session, &account))
             return *end;

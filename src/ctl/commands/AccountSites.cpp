@@ -42,7 +42,8 @@ QString accountWith(const Session &session, const QString &domain, const QString
 
 } // namespace
 
-std::optional<int> refuseTaken(const Session &session, const QString &domain, const QString &account, bool force)
+std::optional<int> refuseTaken(const Session &session, const QString &domain, const QString &account,
+                               std::optional<bool> isForced)
 {
     const QString name = hosting::normalDomain(domain);
     if (session.options.printOnly || name.isEmpty())
@@ -64,12 +65,12 @@ std::optional<int> refuseTaken(const Session &session, const QString &domain, co
         return {};
 
     const QString sentence = u"%1 already answers to %2 or www.%2 on this server"_s.arg(holder, name);
-    if (force) {
+    if (isForced.value_or(false)) {
         note(sentence);
         return {};
     }
-    return fail(kRefused, sentence + u", and Apache would serve only one of the two"_s,
-                u"choose another domain; --force takes it all the same"_s);
+    return refuse(session, sentence + u", and Apache would serve only one of the two"_s,
+                  isForced ? u"choose another domain; --force takes it all the same"_s : u"choose another domain"_s);
 }
 
 QStringList findSitesBeside(const Session &session, const QString &account)

@@ -9,9 +9,11 @@ namespace corv::ctl {
 
 struct Session;
 
-// Refuses a domain that something else on the server already answers to, and says what; with force it only says so. The
-// account is the one that is to have it. Gives the status to end with where it is refused.
-std::optional<int> refuseTaken(const Session &session, const QString &domain, const QString &account, bool force);
+// Refuses a domain that something else on the server already answers to, and says what; forced it only says so. The
+// account is the one that is to have it; isForced is nothing for a command that cannot be forced. Gives the status to
+// end with where it is refused.
+std::optional<int> refuseTaken(const Session &session, const QString &domain, const QString &account,
+                               std::optional<bool> isForced);
 
 // The names of the sites that serve an account beside its own, which neither a suspension nor a deletion reaches.
 QStringList findSitesBeside(const Session &session, const QString &account);

@@ -196,10 +196,8 @@ int restoreInPlace(Session &session, const Given &given)
         return fail(kNoConnection, u"putting files in place takes root, to work with the account's rights"_s,
                     u"run it as root: sudo corvctl backup restore ... --in-place"_s);
     }
-    if (!hosting::validUsername(account) || !hosting::isOurs(account)) {
-        return refuse(session, u"no Corvane account named '%1'"_s.arg(account),
-                      u"corvctl account list shows the accounts"_s);
-    }
+    if (!hosting::validUsername(account) || !hosting::isOurs(account))
+        return refuseNoAccount(session, account);
 
     cleanEnvironment();
     Placing placing;
