@@ -137,11 +137,12 @@ def test_a_deletion_that_was_cut_off_is_finished_once_its_archives_were_read(san
 @pytest.mark.parametrize("program, call", [("tar", "home.tar.gz"), ("pg_restore", "db.dump")])
 def test_a_damaged_archive_stops_the_deletion(sandbox, program, call):
     half_deleted(sandbox)
-    sandbox.answer(program, exit=1, err="unexpected end of file")
+    sandbox.answer(program, exit=1, err="a warning\n\tunexpected end of file")
     code, out, err = delete(sandbox)
     assert (code, out) == (1, "")
     runner = "tar" if program == "tar" else "runuser"
-    assert err == SHOWN + (f"corvctl: {ARCHIVES}/alice-20260105-031500-{call} is damaged: {runner} failed: unexpected end of file\n"
+    assert err == SHOWN + (f"corvctl: {ARCHIVES}/alice-20260105-031500-{call} is damaged: {runner} failed: a warning; "
+                           "unexpected end of file\n"
                            "  nothing was deleted; --force deletes the rest all the same\n")
     assert statements(sandbox) == []
     assert sandbox.has_user("alice")

@@ -7,6 +7,7 @@
 #include "ctl/commands/AccountSites.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Remainders.h"
+#include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
 
 #include <QDateTime>
@@ -62,7 +63,7 @@ std::optional<int> clearTheWay(const Session &session, const QList<Remainder> &r
             const QString problem =
                 hosting::run(step.command.constFirst(), step.command.mid(1), {}, nullptr, step.output);
             if (!problem.isEmpty())
-                return refuse(session, problem);
+                return refuse(session, oneSentence(problem));
         }
     }
     return {};

@@ -72,14 +72,14 @@ Deletion lookInto(const Session &session, const QString &name)
 QString checkArchives(const DeletionArchives &archives)
 {
     if (const QString problem = hosting::run(u"tar"_s, {u"-tzf"_s, archives.home}); !problem.isEmpty())
-        return u"%1 is damaged: %2"_s.arg(archives.home, problem);
+        return u"%1 is damaged: %2"_s.arg(archives.home, oneSentence(problem));
     const Fd dump(::open(QFile::encodeName(archives.dump).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     hosting::Streams streams;
     streams.inputFile = dump.get();
     // Its list of contents stands at the beginning, and is whole also where the rows behind it are damaged.
     const QStringList readAll = {u"-u"_s, u"postgres"_s, u"--"_s, u"pg_restore"_s, u"--file"_s, u"/dev/null"_s};
     const QString problem = dump ? hosting::runWith(u"runuser"_s, readAll, streams) : u"cannot be read"_s;
-    return problem.isEmpty() ? QString() : u"%1 is damaged: %2"_s.arg(archives.dump, problem);
+    return problem.isEmpty() ? QString() : u"%1 is damaged: %2"_s.arg(archives.dump, oneSentence(problem));
 }
 
 // Shows the archives of a deletion that was cut off. Gives the status to end with where they do not stand for what is
