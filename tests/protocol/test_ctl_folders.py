@@ -61,6 +61,7 @@ def test_a_folder_travels_there_and_back(server):
     assert corvctl(server, "file", "get", "-r", "alice", "public_html/new", "/root/back") == (
         0, "/root/back: 3 file(s), 390.6 KiB\n", "")
     assert files_below(server.path("/root/back")) == SITE
+    assert server.entry("/root/back") == "0700 root:root"
     assert sorted(os.listdir(server.path("/root"))) == ["back", "site"]
     assert os.listdir(server.path(TRANSFER)) == []
     # Is it there, four folders, three files, its name; four lists and three files.

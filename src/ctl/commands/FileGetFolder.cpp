@@ -159,7 +159,8 @@ int getFolder(Session &session, const Given &given)
     const InterruptGuard guard;
     const Fd parent(::open(QFile::encodeName(target.path()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const QByteArray partial = ".corvctl-" + transferName().toLatin1();
-    const bool isMade = parent && ::mkdirat(parent.get(), partial.constData(), 0777) == 0;
+    // For its owner alone: what an account keeps from others is in it too.
+    const bool isMade = parent && ::mkdirat(parent.get(), partial.constData(), 0700) == 0;
     const Fd folder(
         isMade ? ::openat(parent.get(), partial.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC) : -1);
     if (!folder)

@@ -31,8 +31,8 @@ Used parseQuotas(const QByteArray &output, const QHash<uid_t, QString> &names);
 QString stateOf(const AccountParts &account);
 
 // When a user last logged in by SSH or at a terminal, in seconds since 1970: 0 for never, nothing where this server
-// keeps no record. On Debian 13, which has no /var/log/lastlog any more, what SSH's own lines in the journal say, as far
-// back as that is kept.
+// keeps no record. On Debian 13, which has no /var/log/lastlog any more, what SSH's own lines in the journal say, as
+// far back as that is kept.
 std::optional<qint64> lastLogin(const hosting::User &user);
 
 // How large a database is, in bytes, and whether it is read-only.
