@@ -88,7 +88,7 @@ void limitChild(QProcess &process, int resource, qint64 bytes)
 void surround(QProcess &process, const Surroundings &surroundings)
 {
     if (!surroundings.environment.isEmpty()) {
-        QProcessEnvironment environment = process.processEnvironment();
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         for (auto entry = surroundings.environment.cbegin(); entry != surroundings.environment.cend(); ++entry)
             environment.insert(entry.key(), entry.value());
         process.setProcessEnvironment(environment);
@@ -146,8 +146,7 @@ QString execute(const QString &program, const QStringList &args, const Streams &
     if (!streams.input.isEmpty())
         process.write(streams.input);
     process.closeWriteChannel();
-    if (!waitForEnd(process, surroundings.milliseconds > 0 ? surroundings.milliseconds : kFinishMs,
-                    surroundings.goesOn)) {
+    if (!waitForEnd(process, surroundings.milliseconds > 0 ? surroundings.milliseconds : kFinishMs)) {
         killGroup(process);
         return program + ": took too long"_L1;
     }
