@@ -124,7 +124,7 @@ def test_a_program_that_others_may_write_to_is_not_run(server):
 
 
 @pytest.mark.parametrize("way, folder", [("{}/page", "{}"), ("{}/inner/page", "{}"), ("{}/link", "{}"),
-                                         ("/usr/local/sbin/link", "{}")])
+                                         ("/usr/local/sbin/link", "{}"), ("/usr/local/sbin/through", "{}")])
 def test_a_program_in_whose_place_others_may_put_another_is_not_run(server, way, folder):
     server.add_account("alice")
     home = "/home/alice"
@@ -134,6 +134,7 @@ def test_a_program_in_whose_place_others_may_put_another_is_not_run(server, way,
         server.path(path).chmod(0o755)
     server.symlink(f"{home}/link", program(server))
     server.symlink("/usr/local/sbin/link", f"{home}/page")
+    server.symlink("/usr/local/sbin/through", f"{home}/link")  # and from there to a program of root's
     command = way.format(home)
     server.settings(f"[notify]\ncommand={command}\n")
     assert corvctl(server, "notify", "test") == (

@@ -71,15 +71,18 @@ Used archives(const backup::Config &config)
     return used;
 }
 
-// By the unit, which is the journal's own word: any program may write such a line in the daemon's name.
-std::optional<qint64> lastLoginInJournal(const QString &name)
+// By the unit, which is the journal's own word: any program may write such a line in the daemon's name. With the id: a
+// former account may have had the name.
+std::optional<qint64> lastLoginInJournal(const hosting::User &user)
 {
-    if (!hosting::validUsername(name))
+    if (!hosting::validUsername(user.name))
         return {};
     const Outcome outcome =
         runWithin(kToolMs, u"journalctl"_s,
                   {u"--quiet"_s, u"--no-pager"_s, u"--output=short-unix"_s, u"--reverse"_s, u"--lines=1"_s,
-                   u"--grep=^Accepted [a-z/-]+ for %1 from "_s.arg(name), u"_SYSTEMD_UNIT=ssh.service"_s});
+                   u"--grep=^pam_unix\\(sshd:session\\): session opened for user %1\\(uid=%2\\) by "_s.arg(
+                       user.name, QString::number(user.uid)),
+                   u"_SYSTEMD_UNIT=ssh.service"_s});
     bool isNumber = false;
     const double seconds = firstWord(outcome.output).toDouble(&isNumber);
     return isNumber && outcome.succeeded ? std::optional(qint64(seconds)) : std::nullopt;
@@ -130,7 +133,7 @@ std::optional<qint64> lastLogin(const hosting::User &user)
 {
     const Fd file(::open("/var/log/lastlog", O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file)
-        return lastLoginInJournal(user.name);
+        return lastLoginInJournal(user);
     lastlog entry = {};
     // A user behind the file's end has not logged in yet.
     const ssize_t count =

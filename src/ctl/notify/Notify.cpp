@@ -6,12 +6,14 @@
 
 #include <QDateTime>
 #include <QFile>
-#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QSysInfo>
+
+#include <filesystem>
+#include <system_error>
 
 #include <sys/stat.h>
 
@@ -27,25 +29,42 @@ constexpr qsizetype kMostRecipients = 20;
 
 // Debian gives this group /usr/local on servers that were installed long ago; who is in it counts as root.
 constexpr gid_t kStaff = 50;
+constexpr int kMostLinks = 40; // as many as the kernel follows
 
 bool isRoots(const struct stat &status, mode_t others)
 {
     return status.st_uid == 0 && (status.st_mode & others) == 0;
 }
 
-// The first folder on the way that others than root may write to; empty where there is none.
-QString foreignFolder(const QString &path)
+// The first folder on the way to a file that others than root may write to, by every link on that way; empty where
+// there is none.
+QString foreignFolder(QString path)
 {
-    for (qsizetype end = 0; end >= 0; end = path.indexOf(u'/', end + 1)) {
-        const QString folder = end == 0 ? u"/"_s : path.left(end);
+    int links = 0;
+    for (qsizetype end = 1;;) {
+        const QString part = path.left(end);
         struct stat status = {};
-        if (::lstat(QFile::encodeName(folder).constData(), &status) != 0)
-            return folder;
+        if (::lstat(QFile::encodeName(part).constData(), &status) != 0)
+            return part;
+        if (S_ISLNK(status.st_mode)) {
+            std::error_code error;
+            const QString target =
+                QString::fromStdString(std::filesystem::read_symlink(part.toStdString(), error).string());
+            if (error || ++links > kMostLinks)
+                return part;
+            const QString base = target.startsWith(u'/') ? QString() : part.left(part.lastIndexOf(u'/') + 1);
+            path = base + target + path.mid(end);
+            end = 1;
+            continue;
+        }
+        if (end == path.size())
+            return {};
         const mode_t others = status.st_gid == 0 || status.st_gid == kStaff ? S_IWOTH : S_IWGRP | S_IWOTH;
-        if (!S_ISLNK(status.st_mode) && !isRoots(status, others))
-            return folder;
+        if (!isRoots(status, others))
+            return part;
+        const qsizetype next = path.indexOf(u'/', end == 1 ? 1 : end + 1);
+        end = next < 0 ? path.size() : next;
     }
-    return {};
 }
 
 // Why root should not run this file; empty where it may. Whoever could write it, or put another in its place, would be
@@ -61,12 +80,9 @@ QString programProblem(const QString &path)
         return u"%1 is no program"_s.arg(path);
     if (!isRoots(status, S_IWGRP | S_IWOTH))
         return u"%1 can be changed by others than root"_s.arg(path);
-    // By the way that is written, and by where its links lead.
-    for (const QString &way : {path, QFileInfo(path).canonicalFilePath()}) {
-        if (const QString folder = foreignFolder(way); !folder.isEmpty())
-            return u"%1 can be put elsewhere by others than root, who may write to %2"_s.arg(path, folder);
-    }
-    return {};
+    const QString folder = foreignFolder(path);
+    return folder.isEmpty() ? QString()
+                            : u"%1 can be put elsewhere by others than root, who may write to %2"_s.arg(path, folder);
 }
 
 QString hand(const QString &program, const QStringList &args, const QByteArray &input,
