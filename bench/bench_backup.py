@@ -23,13 +23,23 @@ import glob, json, os, resource, shutil, socket, statistics, subprocess, sys, ti
 
 AGENT = "/usr/libexec/corvane/corv-agent"
 DESTINATION = "/srv/backup"
+# What the references have: Debian's gzip. The agent's units have the folder with igzip before that.
 TOOLS = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "HOME": "/root"}
+OURS = {**TOOLS, "PATH": "/usr/libexec/corvane/tools:" + TOOLS["PATH"]}
 
 
 def seconds(work):
     began = time.perf_counter()
     work()
     return time.perf_counter() - began
+
+
+def processor(work):
+    """The processor's seconds of all programs that the work starts and waits for."""
+    before = resource.getrusage(resource.RUSAGE_CHILDREN)
+    work()
+    after = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
 
 
 def sh(script, *words):
@@ -50,7 +60,7 @@ def request(command, **args):
 
 def backup_by_agent():
     global peak
-    process = subprocess.Popen([AGENT, "--backup"], env=TOOLS, cwd="/", stdout=subprocess.DEVNULL)
+    process = subprocess.Popen([AGENT, "--backup"], env=OURS, cwd="/", stdout=subprocess.DEVNULL)
     while process.poll() is None:
         try:
             for line in open(f"/proc/{process.pid}/status"):
@@ -91,6 +101,43 @@ def backup(rounds):
         clear()
         reference.append(seconds(lambda: sh(SCRIPT, DESTINATION)))
     return ours, reference, [], peak
+
+
+def effort(rounds):
+    global peak
+    peak = 0
+    ours, reference = [], []
+    for _ in range(rounds):
+        clear()
+        ours.append(processor(backup_by_agent))
+        clear()
+        reference.append(processor(lambda: sh(SCRIPT, DESTINATION)))
+    size = sum(os.path.getsize(path) for path in glob.glob(DESTINATION + "/x/accounts/*-home.tar.gz"))
+    clear()
+    backup_by_agent()
+    mine = sum(os.path.getsize(path) for path in glob.glob(DESTINATION + "/*/accounts/*-home.tar.gz"))
+    return ours, reference, [mine, size]
+
+
+DELETE = r"""
+pkill -u "$1" || true
+tar -czf "/srv/$1-home.tar.gz" -C /home "$1"
+runuser -u postgres -- pg_dump -Fc "$1" >"/srv/$1-db.dump"
+a2dissite -q "corv-$1"
+rm -f "/etc/apache2/sites-available/corv-$1.conf" /etc/php/*/fpm/pool.d/corv-"$1".conf
+apache2ctl configtest
+systemctl reload apache2
+systemctl reload "php$2-fpm"
+runuser -u postgres -- psql -qtAX -c "DROP DATABASE \"$1\" WITH (FORCE)" -c "DROP ROLE \"$1\""
+userdel --remove "$1"
+"""
+
+
+def deletion(rounds, php, *users):
+    """The first half of the accounts by the agent, the others by the same commands."""
+    ours = [seconds(lambda: check(request("hosting.delete", username=user, confirm=user))) for user in users[:rounds]]
+    reference = [seconds(lambda: sh(DELETE, user, php)) for user in users[rounds:]]
+    return ours, reference, []
 
 
 def files(rounds, user, name):
@@ -217,8 +264,18 @@ def sql(host, account, statement):
 
 
 def measure_run(host):
-    peak = measure(host, f"backup run, {ACCOUNTS} accounts, 2 GiB", ["a shell script"], 1.02, "backup", ROUNDS)
+    peak = measure(host, f"backup run, {ACCOUNTS} accounts, 2 GiB", ["a shell script with gzip"], 0.25, "backup", ROUNDS)
     print(f"| its own peak memory | {peak / 1024:.1f} MiB | | | 20 MiB |", flush=True)
+    mine, theirs = measure(host, "its processor time", ["the script's"], 0.2, "effort", 1)
+    print(f"| its archives | {mine / 1e6:.1f} MB | {theirs / 1e6:.1f} MB | {mine / theirs:.3f} | |", flush=True)
+
+
+def measure_deletion(host):
+    accounts = [host.account() for _ in range(2 * ROUNDS)]
+    for account in accounts:
+        fill(host, account, 1024)
+    measure(host, "deletion of 1 GiB", ["the same commands with gzip"], 0.25, "deletion", ROUNDS, accounts[0].php,
+            *[account.name for account in accounts])
 
 
 def measure_restores(host, account):
@@ -227,7 +284,7 @@ def measure_restores(host, account):
         " FROM generate_series(1, 5000000) AS i; ALTER TABLE large ADD PRIMARY KEY (i); CREATE INDEX ON large (text)")
     assert host.run(["/usr/libexec/corvane/corv-agent", "--backup"], timeout=3600).code == 0
     name = host.request("backup.status")["backups"][0]["name"]
-    measure(host, "restore of files, 1 GiB", ["tar -xzf"], 1.03, "files", ROUNDS, account.name, name)
+    measure(host, "restore of files, 1 GiB", ["tar -xzf with gzip"], 0.6, "files", ROUNDS, account.name, name)
     measure(host, "restore of a database", ["cat, pg_restore", "createdb, cat, pg_restore, dropdb"], 1.03, "database", ROUNDS,
             account.name, name)
 
@@ -238,7 +295,7 @@ def measure_status(host):
 
 
 def main(parts):
-    """All parts, or those named: run, restores, status."""
+    """All parts, or those named: run, deletion, restores, status."""
     package = os.environ.get("CORV_PACKAGE") or subprocess.run(
         [TREE / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()[-1]
     host = Host(f"bench-{os.getpid()}")
@@ -247,8 +304,12 @@ def main(parts):
         accounts = prepare(host, ACCOUNTS if not parts or "run" in parts else 1)
         if not parts or "run" in parts:
             measure_run(host)
+        # By the agent: a PHP-FPM that finds a pool of a user who is gone loads no other either.
         for account in accounts[1:]:
-            host.ok(["userdel", "--remove", "--force", account.name])
+            assert host.request("hosting.delete", username=account.name, confirm=account.name)["ok"] is True
+        host.ok(["sh", "-c", "rm -f /var/backups/corvane/*.tar.gz /var/backups/corvane/*.dump"])
+        if not parts or "deletion" in parts:
+            measure_deletion(host)
         if not parts or "restores" in parts:
             measure_restores(host, accounts[0])
         if not parts or "status" in parts:

@@ -1,5 +1,7 @@
 #include "common/Archiver.h"
 
+#include "common/Environment.h"
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::hosting {
@@ -24,6 +26,7 @@ const auto kOptions = u"--sparse --anchored --no-wildcards"_s;
 Surroundings archiverSurroundings()
 {
     Surroundings surroundings;
+    surroundings.environment = toolsVariables();
     surroundings.environment.insert(u"TAR_OPTIONS"_s, kOptions);
     surroundings.stackBytes = kStackBytes;
     surroundings.memoryBytes = kMemoryBytes;

@@ -1,5 +1,6 @@
 #include "common/Child.h"
 
+#include "common/Environment.h"
 #include "common/FolderStream.h"
 #include "common/Held.h"
 
@@ -67,16 +68,20 @@ void prepareChild(QProcess &process)
         if (error == QProcess::FailedToStart)
             QObject::connect(&process, &QObject::destroyed, closeLostPipes);
     });
+    process.setProcessEnvironment(childEnvironment());
     process.setChildProcessModifier([] { // between fork and exec
         ::setsid();
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
+        // Left ignored by the one or other terminal that the client is started in.
+        (void)::signal(SIGTTIN, SIG_DFL);
+        (void)::signal(SIGTTOU, SIG_DFL);
         ::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     });
 }
 
-bool waitForEnd(QProcess &process, int milliseconds)
+bool waitForEnd(QProcess &process, int milliseconds, const std::function<bool()> &goesOn)
 {
     const QDeadlineTimer deadline(milliseconds);
     // A program that has ended by now cannot be waited for.
@@ -84,7 +89,7 @@ bool waitForEnd(QProcess &process, int milliseconds)
         const qint64 rest = deadline.remainingTime();
         if (process.waitForFinished(static_cast<int>(std::min<qint64>(rest, kLookMs))))
             break;
-        if (deadline.hasExpired())
+        if (deadline.hasExpired() || (goesOn && !goesOn()))
             return false;
         const auto pid = static_cast<pid_t>(process.processId());
         if (pid > 0 && isStopped(pid))

@@ -1,12 +1,20 @@
 #include "common/Environment.h"
 
 #include <QByteArray>
+#include <QStringList>
 
 #include <cstring>
 
 #include <unistd.h>
 
+using namespace Qt::Literals::StringLiterals;
+
 namespace corv {
+namespace {
+
+const auto kPath = u"PATH"_s;
+
+} // namespace
 
 void cleanEnvironment()
 {
@@ -21,6 +29,23 @@ void cleanEnvironment()
             ++entry;
         }
     }
+}
+
+QProcessEnvironment childEnvironment()
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    QStringList folders = environment.value(kPath).split(u':');
+    if (folders.removeAll(QString::fromLatin1(kToolsFolder)) > 0)
+        environment.insert(kPath, folders.join(u':'));
+    return environment;
+}
+
+QMap<QString, QString> toolsVariables()
+{
+    const QString path = qEnvironmentVariable("PATH");
+    if (!path.split(u':').contains(QString::fromLatin1(kToolsFolder)))
+        return {};
+    return {{kPath, path}};
 }
 
 } // namespace corv

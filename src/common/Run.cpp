@@ -88,7 +88,7 @@ void limitChild(QProcess &process, int resource, qint64 bytes)
 void surround(QProcess &process, const Surroundings &surroundings)
 {
     if (!surroundings.environment.isEmpty()) {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        QProcessEnvironment environment = process.processEnvironment();
         for (auto entry = surroundings.environment.cbegin(); entry != surroundings.environment.cend(); ++entry)
             environment.insert(entry.key(), entry.value());
         process.setProcessEnvironment(environment);
@@ -146,7 +146,8 @@ QString execute(const QString &program, const QStringList &args, const Streams &
     if (!streams.input.isEmpty())
         process.write(streams.input);
     process.closeWriteChannel();
-    if (!waitForEnd(process, surroundings.milliseconds > 0 ? surroundings.milliseconds : kFinishMs)) {
+    if (!waitForEnd(process, surroundings.milliseconds > 0 ? surroundings.milliseconds : kFinishMs,
+                    surroundings.goesOn)) {
         killGroup(process);
         return program + ": took too long"_L1;
     }

@@ -5,6 +5,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <limits>
 
 namespace corv::hosting {
@@ -41,7 +42,8 @@ struct Surroundings
     // Whether no link below /home leads anywhere for it (see common/OwnMounts.h): for what walks as root where accounts
     // may swap a folder for a link at any moment. Where the kernel cannot do that it runs all the same.
     bool linksLeadNowhere = false;
-    QByteArray loginDefs; // the path of a file that it finds in the place of /etc/login.defs; empty: none
+    std::function<bool()> goesOn; // asked twice a second while it runs; once it says no it is killed
+    QByteArray loginDefs;         // the path of a file that it finds in the place of /etc/login.defs; empty: none
 };
 
 // As run, with these streams and surroundings. A program that prints more than is received is killed, and counts as one

@@ -19,7 +19,7 @@ Outcome runWithin(int milliseconds, const QString &program, const QStringList &a
     prepareChild(process);
     process.setStandardInputFile(QProcess::nullDevice());
     if (!environment.isEmpty()) {
-        QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+        QProcessEnvironment variables = process.processEnvironment();
         for (auto entry = environment.cbegin(); entry != environment.cend(); ++entry)
             variables.insert(entry.key(), entry.value());
         process.setProcessEnvironment(variables);

@@ -11,7 +11,7 @@ namespace corv::ctl {
 struct Session;
 
 // What a parameter's value names, for completion on the shell's command line.
-enum class Names { Nothing, Account, File, AgentCommand };
+enum class Names { Nothing, Account, File, AgentCommand, Backup };
 
 enum class Kind {
     Required, // a word at its place
@@ -93,8 +93,10 @@ Command firewallCommand();
 Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
 Command notifyCommand();
+Command offsiteCommand();
 Command proxyCommand();
 Command quotaCommand();
+Command serverCommand();
 Command serviceCommand();
 Command statusCommand();
 Command updateCommand();

@@ -150,6 +150,10 @@ _corvctl_accounts() {
     getent passwd | awk -F: '$5 ~ /^Corvane account/ { print $1 }'
 }
 
+_corvctl_backups() {
+    corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1
+}
+
 _corvctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev="" path="" position=0 i word
     COMPREPLY=()
@@ -196,6 +200,12 @@ _corvctl_accounts() {
     compadd -a accounts
 }
 
+_corvctl_backups() {
+    local -a backups
+    backups=(${(f)"$(corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1)"})
+    compadd -a backups
+}
+
 _corvctl() {
     local prev="" trail="" word
     local -i position=0 i
@@ -240,6 +250,10 @@ function __corvctl_accounts
     getent passwd | awk -F: '$5 ~ /^Corvane account/ { print $1 }'
 end
 
+function __corvctl_backups
+    corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1
+end
+
 # Whether so many words stand behind this path.
 function __corvctl_at
     set -l words (commandline -opc)
@@ -278,6 +292,8 @@ QString cases(const QList<Position> &positions, bool zsh)
         QString action;
         if (position.names == Names::Account)
             action = zsh ? u"_corvctl_accounts"_s : u"words=$(_corvctl_accounts)"_s;
+        else if (position.names == Names::Backup)
+            action = zsh ? u"_corvctl_backups"_s : u"words=$(_corvctl_backups)"_s;
         else if (position.names == Names::File)
             action = zsh ? u"_files"_s : u"mapfile -t COMPREPLY < <(compgen -f -- \"$cur\") && return"_s;
         else if (!position.words.isEmpty())
@@ -325,6 +341,8 @@ QString fishArguments(const Position &position)
 {
     if (position.names == Names::Account)
         return u"-a '(__corvctl_accounts)'"_s;
+    if (position.names == Names::Backup)
+        return u"-a '(__corvctl_backups)'"_s;
     if (position.names == Names::File)
         return u"-F"_s;
     return u"-a "_s + quoted(namesOf(position.words, false));
@@ -382,8 +400,8 @@ QString fish(const std::vector<Command> &commands, const QList<Position> &words,
     text += fishCommands(commands, {});
     for (const Position &position : words) {
         const bool commandNames = !position.words.isEmpty() && !position.words[0][1].isEmpty();
-        if (!commandNames &&
-            (position.names == Names::Account || position.names == Names::File || !position.words.isEmpty()))
+        if (!commandNames && (position.names == Names::Account || position.names == Names::File ||
+                              position.names == Names::Backup || !position.words.isEmpty()))
             text += fishLine(u"__corvctl_at \"%1\" %2"_s.arg(position.path, QString::number(position.number)),
                              fishArguments(position), {});
     }

@@ -311,7 +311,7 @@ class Host:
         tool stays reachable by its path, and the function `hold` waits in the script for `release`."""
         self.put(f"/run/stand-ins/{tool}", f"#!/bin/sh\n{HOLD}{script}\n", mode="0755")
         self.put("/run/systemd/system/corv-agent.service.d/stand-ins.conf",
-                 "[Service]\nEnvironment=PATH=/run/stand-ins:/usr/sbin:/usr/bin:/sbin:/bin\n")
+                 "[Service]\nEnvironment=PATH=/run/stand-ins:/usr/libexec/corvane/tools:/usr/sbin:/usr/bin:/sbin:/bin\n")
         try:
             self._restart_agent()
             yield
@@ -392,6 +392,19 @@ class Host:
         finally:
             server.kill()
             server.wait()
+
+    @contextmanager
+    def reaching(self, other, port):
+        """A block in which this host reaches the other host's port at the address OUTSIDE."""
+        way = subprocess.Popen([*self._visiting(), "/usr/bin/python3", ROOT / "tests/host/forward.py", OUTSIDE, str(port),
+                                str(other._process.pid), ADDRESS], stdout=subprocess.PIPE, preexec_fn=_die_with_parent)
+        try:
+            if way.stdout.read(1) != b".":
+                raise HostError(f"no way from {self.name} to {other.name}")
+            yield
+        finally:
+            way.kill()
+            way.wait()
 
     def fetch(self, domain, path="/", *options):
         """Fetches a page over HTTP; `options` are curl's."""

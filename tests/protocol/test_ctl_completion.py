@@ -55,6 +55,10 @@ def offered(request, tmp_path_factory):
                                   "'alice:x:1001:1001:Corvane account,example.org:/home/alice:/bin/bash' "
                                   "'carol:x:1002:1002:Corvane account,a.b:/home/carol:/bin/bash'\n")
     (tools / "getent").chmod(0o755)
+    # And the client that tells of the backups.
+    (tools / "corvctl").write_text("#!/bin/sh\n[ \"$*\" = '--plain backup list' ] || exit 1\n"
+                                   "printf '%s\\t1\\t2\\n' 2026-01-05_031500 2026-01-04_031500\n")
+    (tools / "corvctl").chmod(0o755)
 
     def offer(*words):
         environment = {"PATH": f"{tools}:/usr/bin:/bin", "HOME": str(tools), "LC_ALL": "C.UTF-8"}
@@ -88,6 +92,14 @@ def test_offers_the_accounts_of_the_user_database(offered):
         assert offered(*line) == {"alice", "carol"}
     assert offered("account", "limit", "al") == {"alice"}
     assert offered("account", "create", "") == set()
+
+
+def test_offers_the_backups(offered):
+    backups = {"2026-01-05_031500", "2026-01-04_031500"}
+    for line in (["backup", "show", ""], ["backup", "verify", ""], ["backup", "verify", "--deep", ""]):
+        assert offered(*line) == backups
+    assert offered("backup", "verify", "2026-01-05") == {"2026-01-05_031500"}
+    assert offered("backup", "verify", "2026-01-05_031500", "") == set()
 
 
 def test_offers_the_commands_of_the_protocol(offered):
@@ -146,5 +158,5 @@ def test_manual_page_names_every_command_and_option(sandbox):
 def test_manual_page_of_the_settings_names_every_key():
     page = (ROOT / "man/corvane.ini.5").read_text()
     keys = re.findall(r"^;?(\w+)=", (ROOT / "data/corvane.ini").read_text(), re.MULTILINE)
-    assert len(keys) == 8
+    assert len(keys) == 12
     assert set(re.findall(r"^\.It Ic (\w+)$", page, re.MULTILINE)) == set(keys)

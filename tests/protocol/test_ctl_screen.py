@@ -45,8 +45,8 @@ def test_programs_get_the_next_backup_in_seconds(sandbox, next_one, seconds):
 
 
 NARROW = {
-    40: "BACKUP        SIZE  AC…       TOOK  ERR…\n2026-01…  68.6 KiB    1  1 h 6 min     0\n",
-    30: "BACK…   SIZE  AC…    TOOK  ER…\n2026…  68.6…    1  1 h 6…    0\n",
+    40: "BA…  SIZE  AC…   TOOK  ER…  VERI…  FAUL…\n20…  68.…    1  1 h …    0  -      -\n",
+    30: "B…  S…  A…  TO…  ER…  VE…  FA…\n2…  6…   1  1 …    0  -    -\n",
 }
 
 

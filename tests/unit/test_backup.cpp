@@ -1,3 +1,4 @@
+#include "agent/backup/Trailer.h"
 #include "common/BackupConfig.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
@@ -62,6 +63,30 @@ class TestBackup : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void tellsTheEndOfAnArchive_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<bool>("isEnd");
+        QTest::newRow("10,240 bytes") << QByteArray("\x12\x34\x56\x78\x00\x28\x00\x00", 8) << true;
+        QTest::newRow("two zeros behind it") << QByteArray("\x56\x78\x00\x28\x00\x00\x00\x00", 8) << true;
+        QTest::newRow("one zero behind it") << QByteArray("\x34\x56\x78\x00\x28\x00\x00\x00", 8) << true;
+        QTest::newRow("512 bytes, one zero behind it") << QByteArray("\x34\x56\x78\x00\x02\x00\x00\x00", 8) << true;
+        QTest::newRow("many zeros behind it") << QByteArray(8, '\0') << true;
+        QTest::newRow("more than 4 GiB") << QByteArray("\x12\x34\x56\x78\x00\xe0\xff\xff", 8) << true;
+        QTest::newRow("one byte behind it") << QByteArray("\x34\x56\x78\x00\x28\x00\x00x", 8) << false;
+        QTest::newRow("a text behind it") << QByteArray("\x00\x00 more", 7) << false;
+        QTest::newRow("a line behind it") << QByteArray("\x28\x00\x00more\n", 8) << false;
+        QTest::newRow("no whole block") << QByteArray("\x12\x34\x56\x78\x01\x28\x00\x00", 8) << false;
+        QTest::newRow("cut short") << QByteArray("\x00\x00\x00", 3) << false;
+        QTest::newRow("nothing") << QByteArray() << false;
+    }
+
+    void tellsTheEndOfAnArchive()
+    {
+        QFETCH(QByteArray, bytes);
+        QTEST(isEndOfArchive(bytes), "isEnd");
+    }
+
     void init()
     {
         m_scratch = std::make_unique<QTemporaryDir>();

@@ -1,4 +1,5 @@
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Compressor.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/Former.h"
 #include "ctl/doctor/Php.h"
@@ -436,17 +437,30 @@ private Q_SLOTS:
         const auto large =
             u"fault|the home of the account alice, 11.2 GiB, is too large to be archived within ten minutes|"_s +
             mend.arg(u"alice"_s);
-        QCOMPARE(asText(checkHomes(sizes, {})), QStringList({large}));
+        const auto near = u"note|the home of the account bob has 11.2 GiB; about 11.2 GiB can be archived within ten "
+                          "minutes|"_s +
+                          mend.arg(u"bob"_s);
+        QCOMPARE(asText(checkHomes(sizes, {})), QStringList({large, near}));
+        // By what the compressor in force does.
+        QCOMPARE(asText(checkHomes(sizes, {}, 30'000'000)), QStringList());
+        QCOMPARE(
+            asText(checkHomes({{u"bob"_s, 12'600'000'001}}, {}, 30'000'000)),
+            QStringList({u"note|the home of the account bob has 11.7 GiB; about 16.8 GiB can be archived within ten "
+                         "minutes|"_s +
+                         mend.arg(u"bob"_s)}));
+        QVERIFY(isNearLimit({{u"alice"_s, 1}, {u"bob"_s, 8'500'000'000}}));
+        QVERIFY(!isNearLimit({{u"alice"_s, 8'300'000'000}}));
 
         const auto last = [](const QJsonArray &errors, qint64 seconds) {
             return QJsonObject{
                 {u"backups"_s,
                  QJsonArray{QJsonObject{{u"seconds"_s, seconds},
                                         {u"errors"_s, errors},
-                                        {u"accounts"_s, QJsonArray{QJsonObject{{u"username"_s, u"alice"_s}}}}}}}};
+                                        {u"accounts"_s, QJsonArray{QJsonObject{{u"username"_s, u"alice"_s}},
+                                                                   QJsonObject{{u"username"_s, u"bob"_s}}}}}}}};
         };
         QCOMPARE(asText(checkHomes(sizes, last({}, 599))), QStringList());
-        QCOMPARE(asText(checkHomes(sizes, last({}, 600))), QStringList({large}));
+        QCOMPARE(asText(checkHomes(sizes, last({}, 600))), QStringList({large, near}));
         QCOMPARE(asText(checkHomes(sizes, last({u"alice files: tar failed: x"_s}, 599))), QStringList({large}));
         QCOMPARE(
             asText(checkHomes(sizes, last({u"carol files: tar: took too long"_s}, 10))),
@@ -454,6 +468,54 @@ private Q_SLOTS:
                 {u"fault|the home of the account carol, 0.0 GiB, is too large to be archived within ten minutes; the "
                  "last backup cut it off|"_s +
                  mend.arg(u"carol"_s)}));
+    }
+
+    void judgesWhatWasFoundOutOfABackup()
+    {
+        const qint64 made = backupTime(u"2026-01-05_031500"_s);
+        const QJsonObject status = {{u"backups"_s, QJsonArray{QJsonObject{{u"name"_s, u"2026-01-05_031500"_s}}}}};
+        QCOMPARE(asText(checkVerdict({}, {}, made)), QStringList());
+        const QStringList none = {u"note|whether the last backup can be restored was not looked at|"
+                                  "systemctl start corv-verify.service"_s};
+        QCOMPARE(asText(checkVerdict(status, {}, made + 50'399)), QStringList());
+        QCOMPARE(asText(checkVerdict(status, {}, made + 50'400)), none);
+        Verdict verdict = {u"2026-01-05_031500"_s, 0, {}};
+        QCOMPARE(asText(checkVerdict(status, verdict, made + 50'400)), none);
+        verdict.checked = made + 1;
+        QCOMPARE(asText(checkVerdict(status, verdict, made + 50'400)), QStringList());
+        for (int i = 0; i < 6; ++i)
+            verdict.files.append({QString::number(i), 1, made, u"is damaged"_s, 0, 0, 0, {}});
+        QCOMPARE(asText(checkVerdict(status, verdict, made)),
+                 QStringList({u"fault|the last backup is not whole: 0 is damaged; 1 is damaged; 2 is damaged; "
+                              "3 is damaged; 4 is damaged; and 1 more|corvctl backup start --wait"_s}));
+    }
+
+    void judgesTheCompressor()
+    {
+        const auto fast = u"/usr/libexec/corvane/tools:/usr/bin"_s;
+        Compressor compressor = {true, true, {{u"a.service"_s, fast}, {u"b.service"_s, fast}}};
+        QCOMPARE(asText(checkCompressor(compressor)), QStringList());
+        QVERIFY(isFast(compressor));
+        compressor.paths.insert(u"b.service"_s, u"/usr/bin:/usr/libexec/corvane/tools"_s);
+        QCOMPARE(asText(checkCompressor(compressor)),
+                 QStringList({u"note|the PATH of b.service was changed and does not begin with "
+                              "/usr/libexec/corvane/tools any more, so that its archives take up to ten times as long|"
+                              "systemctl cat b.service"_s}));
+        QVERIFY(!isFast(compressor));
+        compressor = {true, false, {{u"a.service"_s, fast}}};
+        QCOMPARE(asText(checkCompressor(compressor)),
+                 QStringList({u"note|isal is not installed, so that backups and deletions take up to ten times as long|"
+                              "apt-get install -y isal"_s}));
+        QVERIFY(!isFast(compressor));
+        compressor.canHaveIsal = false;
+        QCOMPARE(asText(checkCompressor(compressor)), QStringList());
+    }
+
+    void readsAUnitsPath()
+    {
+        QCOMPARE(pathIn("A=b PATH=/x:/y LC_ALL=C\n"), u"/x:/y"_s);
+        QCOMPARE(pathIn("MANPATH=/x\n"), QString());
+        QCOMPARE(pathIn(""), QString());
     }
 
     void aReportSurvivesItsLine()

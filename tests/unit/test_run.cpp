@@ -1,7 +1,10 @@
+#include "common/Archiver.h"
 #include "common/Run.h"
+#include "common/TimedRun.h"
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -289,6 +292,40 @@ private Q_SLOTS:
         const QString error = sh(u"head -c 200000000 /dev/zero | tr '\\0' e >&2; exit 1"_s);
         QCOMPARE(error, u"sh failed: "_s + QString(400, u'e'));
         QVERIFY2(peakKiB() - before < 64 * 1024L, qPrintable(QString::number(peakKiB() - before)));
+    }
+
+    void keepsTheFastCompressorForArchives()
+    {
+        const QByteArray path = qgetenv("PATH");
+        const auto back = qScopeGuard([&path] { qputenv("PATH", path); });
+        qputenv("PATH", "/usr/libexec/corvane/tools:" + path + ":/usr/libexec/corvane/tools");
+        QByteArray seen;
+        QCOMPARE(sh(u"printf %s \"$PATH\""_s, {}, &seen), QString());
+        QCOMPARE(seen, path);
+
+        // Neither by way of variables and limits of a program's own.
+        corv::hosting::Surroundings surroundings;
+        surroundings.environment.insert(u"OWN"_s, u"x"_s);
+        QCOMPARE(runWith(u"sh"_s, {u"-c"_s, u"printf %s \"$OWN $PATH\""_s}, receiving(&seen, kMiB), surroundings),
+                 QString());
+        QCOMPARE(seen, "x " + path);
+        QCOMPARE(
+            corv::runWithin(10'000, u"sh"_s, {u"-c"_s, u"printf %s \"$OWN $PATH\""_s}, {{u"OWN"_s, u"y"_s}}).output,
+            "y " + path);
+
+        QCOMPARE(runWith(u"sh"_s, {u"-c"_s, u"printf %s \"$PATH\""_s}, receiving(&seen, kMiB),
+                         corv::hosting::archiverSurroundings()),
+                 QString());
+        QCOMPARE(seen, "/usr/libexec/corvane/tools:" + path + ":/usr/libexec/corvane/tools");
+    }
+
+    void givesArchivesNoCompressorThatItWasNotGiven()
+    {
+        QByteArray seen;
+        QCOMPARE(runWith(u"sh"_s, {u"-c"_s, u"printf %s \"$PATH\""_s}, receiving(&seen, kMiB),
+                         corv::hosting::archiverSurroundings()),
+                 QString());
+        QCOMPARE(seen, qgetenv("PATH"));
     }
 
 private:

@@ -2,10 +2,12 @@
 #include "agent/backup/Relay.h"
 #include "agent/backup/Scratch.h"
 #include "agent/backup/Server.h"
+#include "agent/backup/Trailer.h"
 #include "agent/hosting/Existing.h"
 #include "common/Account.h"
 #include "common/BackupFolders.h"
 #include "common/Child.h"
+#include "common/Environment.h"
 #include "common/Paths.h"
 #include "common/Run.h"
 
@@ -56,7 +58,7 @@ bool succeeded(const QProcess &process)
 
 void setEnvironment(QProcess &process, const QMap<QString, QString> &variables)
 {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    QProcessEnvironment environment = process.processEnvironment();
     for (auto entry = variables.cbegin(); entry != variables.cend(); ++entry)
         environment.insert(entry.key(), entry.value());
     process.setProcessEnvironment(environment);
@@ -136,9 +138,16 @@ Reply restoreFiles(const QString &user, const QString &backup, const QString &ar
     // Made and filled under the account's own rights: whatever its owner puts in the way leads nowhere else.
     if (const QString error = hosting::asUser(user, {u"mkdir"_s, target}); !error.isEmpty())
         return fail(error);
-    const Stream stream = pipe(archive, {u"-u"_s, user, u"--"_s, u"tar"_s, u"-xzf"_s, u"-"_s, u"-C"_s, target,
-                                         u"--strip-components=1"_s, u"--no-same-owner"_s});
-    if (const QString error = problemOf(stream); !error.isEmpty())
+    // The tar is ours although it runs as the account: no shell, and nothing of the account's, comes to see its PATH.
+    const QMap<QString, QString> tools = toolsVariables();
+    const Stream stream = pipe(archive,
+                               {u"-u"_s, user, u"--"_s, u"tar"_s, u"-xzf"_s, u"-"_s, u"-C"_s, target,
+                                u"--strip-components=1"_s, u"--no-same-owner"_s},
+                               tools);
+    QString error = problemOf(stream);
+    if (error.isEmpty() && !tools.isEmpty())
+        error = problemBehind(archive); // which a compressor of ours keeps to itself
+    if (!error.isEmpty())
         return fail(u"unpacking stopped (over the disk limit?): "_s + error);
 
     return {{u"ok"_s, true}, {u"restoredTo"_s, target}};

@@ -22,5 +22,8 @@ int changeDomain(Session &session, const Given &given);
 int publishAccount(Session &session, const Given &given);
 int listAccounts(Session &session, const Given &given);
 int showAccount(Session &session, const Given &given);
+int exportOfAccount(Session &session, const Given &given);
+int restoreOfAccount(Session &session, const Given &given);
+int accountState(Session &session, const Given &given);
 
 } // namespace corv::ctl

@@ -11,6 +11,7 @@
 #include "ctl/commands/AccountSites.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/restore/Kept.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
 
@@ -131,6 +132,17 @@ std::optional<int> makeHome(const QString &name, bool isWanted)
     return problem.isEmpty() ? std::nullopt : std::optional(fail(kRefused, problem));
 }
 
+// Writes down what neither archive holds while it is there.
+void keepStateOf(const Session &session, const QString &name)
+{
+    if (!isHere(session) || !hosting::isOurs(name))
+        return;
+    if (const QString problem = keepStates(); !problem.isEmpty())
+        note(
+            u"what no archive of %1 holds, its passwords' hashes and its jobs, could not all be written down: %2"_s.arg(
+                name, problem));
+}
+
 // A deletion that was refused leaves what it had archived by then.
 void tellWhatStays(const Session &session, const Answer &answer, const QString &name, qint64 began)
 {
@@ -177,11 +189,14 @@ int deleteAccount(Session &session, const Given &given)
             return *end;
     }
 
+    keepStateOf(session, name);
     // Files have the time of a clock that is some milliseconds behind.
     const qint64 began = QDateTime::currentSecsSinceEpoch() * 1000;
     const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
     if (answer.ok())
         tellOfSitesLeft(session, beside);
+    if (isHere(session) && hosting::validUsername(name))
+        (void)keepStates(); // puts the state beside the archives; the watcher tries that too
     const QString archive = answer.reply.value("archive"_L1).toString();
     if (const std::optional<int> end = settled(session, answer)) {
         if (!archive.isEmpty() && !session.options.json)

@@ -1,9 +1,11 @@
 #include "ctl/commands/Backup.h"
 
+#include "common/Json.h"
 #include "ctl/Command.h"
 #include "ctl/Interrupt.h"
 #include "ctl/Meant.h"
 #include "ctl/Session.h"
+#include "ctl/commands/BackupVerdicts.h"
 #include "ctl/screen/BackupStage.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
@@ -68,7 +70,7 @@ int status(Session &session, const Given &)
     if (const std::optional<int> end = settled(session, answer))
         return *end;
     const QJsonObject &reply = answer.reply;
-    const QJsonObject newest = backupsIn(reply).at(0).toObject();
+    const QJsonObject newest = withVerdicts(session, reply).at(0).toObject();
     QList<Fact> facts = {{u"Backups"_s, number(backupsIn(reply).size())},
                          {u"Being made"_s, yesNo(reply.value("running"_L1).toBool())},
                          {u"Next"_s, nextIn(reply)},
@@ -81,6 +83,8 @@ int status(Session &session, const Given &)
     if (!newest.isEmpty()) {
         facts.append({u"Newest"_s, text(newest.value("name"_L1).toString())});
         facts.append({u"Its errors"_s, errorsOf(newest)});
+        facts.append({u"Verified"_s, verifiedOf(newest)});
+        facts.append({u"Its faults"_s, faultsOf(newest)});
     }
     printFacts(session, facts);
     return kDone;
@@ -89,17 +93,28 @@ int status(Session &session, const Given &)
 int list(Session &session, const Given &)
 {
     const Answer answer = ask(session, u"backup.status"_s);
-    if (const std::optional<int> end = settled(session, answer))
-        return *end;
+    if (!answer.ok())
+        return settled(session, answer).value_or(kRefused);
+    const QJsonArray backups = withVerdicts(session, answer.reply);
+    if (session.options.json) {
+        QJsonObject reply = answer.reply;
+        reply.insert(u"backups"_s, backups);
+        const QByteArray line = compactJson(reply);
+        print((session.terminal.out ? escapedJson(line) : line) + '\n');
+        return kDone;
+    }
     QList<Row> rows;
-    for (const QJsonValue value : backupsIn(answer.reply)) {
+    for (const QJsonValue value : backups) {
         const QJsonObject backup = value.toObject();
         rows.append({text(backup.value("name"_L1).toString()), bytes(backup.value("bytes"_L1).toInteger()),
                      backup.contains("accounts"_L1) ? number(backup.value("accounts"_L1).toArray().size()) : nothing(),
                      backup.contains("seconds"_L1) ? span(backup.value("seconds"_L1).toInteger()) : nothing(),
-                     errorsOf(backup)});
+                     errorsOf(backup), verifiedOf(backup), faultsOf(backup)});
+        for (const QString &fault : faultSentences(backup))
+            note(u"%1: %2"_s.arg(backup.value("name"_L1).toString(), fault));
     }
-    printTable(session, {u"BACKUP"_s, u"SIZE"_s, u"ACCOUNTS"_s, u"TOOK"_s, u"ERRORS"_s}, rows);
+    printTable(session, {u"BACKUP"_s, u"SIZE"_s, u"ACCOUNTS"_s, u"TOOK"_s, u"ERRORS"_s, u"VERIFIED"_s, u"FAULTS"_s},
+               rows);
     return kDone;
 }
 
@@ -233,13 +248,18 @@ QJsonObject backupNamed(const QJsonObject &status, const QString &name)
 
 int refuseNoBackup(const Session &session, const QString &name, const QJsonObject &status)
 {
-    const QString hint = meantHint(u"backup"_s, name, backupNames(status));
+    return refuseNoBackup(session, name, backupNames(status));
+}
+
+int refuseNoBackup(const Session &session, const QString &name, const QStringList &backups)
+{
+    const QString hint = meantHint(u"backup"_s, name, backups);
     return refuse(session, u"there is no backup %1"_s.arg(name), hint.isEmpty() ? QString(kListBackups) : hint);
 }
 
 Command backupCommand()
 {
-    const Parameter backup = {"BACKUP", "its name in corvctl backup list"};
+    const Parameter backup = {"BACKUP", "its name in corvctl backup list", Kind::Required, Names::Backup};
     return {"backup",
             "Backups of all accounts",
             {},
@@ -248,10 +268,12 @@ Command backupCommand()
              {"list", "List the backups", {}, list},
              {"show", "Show what a backup holds of each account, and what could not be saved", {backup}, show},
              {"log", "Show the end of the backups' log", {}, log},
+             mountedCommand(),
              {"start",
               "Start a backup now",
               {{"--wait", "follow the log until the end; the exit status tells the outcome", Kind::Flag}},
               start},
+             verifyCommand(),
              restoreCommand()}};
 }
 

@@ -5,6 +5,7 @@
 #include "ctl/Command.h"
 #include "ctl/Meant.h"
 #include "ctl/Session.h"
+#include "ctl/commands/BackupVerdicts.h"
 #include "ctl/commands/StatusHere.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Updates.h"
@@ -242,8 +243,24 @@ void tellOfRequestInHand(const Session &session)
         note(u"the agent is busy with %1; the rest follows when it is done"_s.arg(named(*request)));
 }
 
+// Whether the newest backup was verified, behind what the agent says of it.
+void addVerdict(const Session &session, const QJsonObject &reply, QList<StatusLine> *lines)
+{
+    const QJsonObject newest = withVerdicts(session, reply).at(0).toObject();
+    const auto backup =
+        std::find_if(lines->begin(), lines->end(), [](const StatusLine &line) { return line.topic == "Backup"_L1; });
+    if (backup == lines->end() || !newest.contains("verified"_L1))
+        return;
+    const QStringList faults = faultSentences(newest);
+    backup->text += faults.isEmpty() ? u", verified"_s : u", not whole"_s;
+    backup->needsAttention = backup->needsAttention || !faults.isEmpty();
+    auto behind = std::next(backup);
+    for (const QString &fault : faults)
+        behind = std::next(lines->insert(behind, {QString(), fault, true}));
+}
+
 // What the agent's replies do not tell, and this server itself does.
-void addWhatIsKnownHere(const Replies &replies, qint64 now, QList<StatusLine> *lines)
+void addWhatIsKnownHere(const Session &session, const Replies &replies, qint64 now, QList<StatusLine> *lines)
 {
     const auto isUpdates = [](const StatusLine &line) { return line.topic == "Updates"_L1; };
     const auto updates = std::find_if(lines->cbegin(), lines->cend(), isUpdates);
@@ -251,6 +268,7 @@ void addWhatIsKnownHere(const Replies &replies, qint64 now, QList<StatusLine> *l
         for (const Finding &finding : checkAutomatic(readAutomatic()))
             lines->insert(std::next(updates), {QString(), u"%1: %2"_s.arg(finding.problem, finding.mend), true});
     }
+    addVerdict(session, replies.value("backup.status"_L1).toObject(), lines);
     for (const Failed &failed : failures()) {
         lines->append(
             {u"Failed"_s, u"%1; journalctl -u %2 says why"_s.arg(failureSentence(failed, now), failed.unit), true});
@@ -290,8 +308,10 @@ int status(Session &session, const Given &)
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     const std::optional<QStringList> names = accountNames(session);
     QList<StatusLine> lines = statusLines(replies, names ? std::optional(names->size()) : std::nullopt, now);
-    if (isHere)
-        addWhatIsKnownHere(replies, now, &lines);
+    if (isHere) {
+        addOffsite(session, now, &lines);
+        addWhatIsKnownHere(session, replies, now, &lines);
+    }
     addHere(here, &lines);
     if (session.options.plain)
         showPlain(lines);

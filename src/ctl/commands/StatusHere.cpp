@@ -3,15 +3,20 @@
 #include "common/Json.h"
 #include "common/Pool.h"
 #include "ctl/Session.h"
+#include "ctl/Settings.h"
+#include "ctl/doctor/Offsite.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/remote/Remote.h"
 
 #include <QJsonArray>
+#include <QSettings>
 #include <QStringList>
 
 #include <algorithm>
+
+#include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -139,6 +144,20 @@ QJsonObject readHere(const Session &session)
     return {{u"services"_s, servicesHere()},
             {u"suspended"_s, QJsonArray::fromStringList(suspended)},
             {u"sites"_s, sitesHere()}};
+}
+
+void addOffsite(const Session &session, qint64 now, QList<StatusLine> *lines)
+{
+    const OffsitePlace place = placeIn(QSettings(settingsPath(session.options), QSettings::IniFormat));
+    if (place.repository.isEmpty() || ::geteuid() != 0)
+        return;
+    const OffsiteState state = readOffsite();
+    QStringList problems = {lateCopy(state, now), state.problems.join(u"; "_s), state.checkProblem};
+    problems.removeAll(QString());
+    if (problems.isEmpty())
+        lines->append({u"Off-site"_s, u"the backup %1 since %2"_s.arg(state.copied, humanTime(state.copiedAt)), false});
+    else
+        lines->append({u"Off-site"_s, problems.join(u"; "_s), true});
 }
 
 void addHere(const QJsonObject &here, QList<StatusLine> *lines)

@@ -14,7 +14,10 @@ struct Session;
 // where that cannot be had.
 QJsonObject readHere(const Session &session);
 
-// Adds that to the lines of the screen.
+// Adds how the copies of the backups elsewhere are, where the settings name a place for them and the caller may know.
+void addOffsite(const Session &session, qint64 now, QList<StatusLine> *lines);
+
+// Adds to the lines of the screen what readHere gave.
 void addHere(const QJsonObject &here, QList<StatusLine> *lines);
 
 } // namespace corv::ctl

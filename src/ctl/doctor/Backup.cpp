@@ -15,9 +15,11 @@ constexpr qint64 kHour = 3600;
 // A run starts within the same hour each night, so that a backup of this age means that a night was missed.
 constexpr qint64 kOldSeconds = 36 * kHour;
 constexpr qint64 kToolSeconds = 600; // after which a home's archive is cut off
-// What tar and gzip do on a common processor, told by runs of the backup on slow machines; faster ones prove
-// themselves.
-constexpr qint64 kBytesPerSecond = 20'000'000;
+// From which part of what fits on a home comes near it.
+constexpr double kNear = 0.7;
+// No verification takes longer to begin and to end than this.
+constexpr qint64 kVerifiedSeconds = 14 * kHour;
+constexpr qsizetype kMostFaults = 5;
 constexpr qint64 kGibibyte = 1'073'741'824;
 // Where no backup tells how large the next one gets.
 constexpr qint64 kLeastFree = kGibibyte;
@@ -33,13 +35,6 @@ QStringList errorsOf(const QJsonObject &backup)
     for (const auto &error : backup.value("errors"_L1).toArray())
         errors.append(error.toString());
     return errors;
-}
-
-// An error that tells of nothing but files that were being written to.
-bool isHarmless(const QString &error)
-{
-    const QStringList lines = error.split(u'\n', Qt::SkipEmptyParts);
-    return std::all_of(lines.cbegin(), lines.cend(), [](const QString &line) { return line.endsWith(kHarmless); });
 }
 
 QString gibibytes(qint64 bytes)
@@ -108,6 +103,12 @@ bool wasCutOff(const QString &account, const QJsonObject &backup)
 
 } // namespace
 
+bool isHarmless(const QString &error)
+{
+    const QStringList lines = error.split(u'\n', Qt::SkipEmptyParts);
+    return std::all_of(lines.cbegin(), lines.cend(), [](const QString &line) { return line.endsWith(kHarmless); });
+}
+
 qint64 backupTime(const QString &name)
 {
     const QDateTime time = QDateTime::fromString(name, u"yyyy-MM-dd_HHmmss"_s);
@@ -131,7 +132,37 @@ QList<Finding> checkBackups(const QJsonObject &status, qint64 now, bool timerAct
     return findings;
 }
 
-QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject &status)
+QList<Finding> checkVerdict(const QJsonObject &status, const std::optional<Verdict> &verdict, qint64 now)
+{
+    const QJsonObject last = status.value("backups"_L1).toArray().first().toObject();
+    const QString name = last.value("name"_L1).toString();
+    const qint64 made = std::max(backupTime(name), last.value("created"_L1).toInteger());
+    if (name.isEmpty())
+        return {};
+    if (!verdict || verdict->checked == 0) {
+        if (now - made < kVerifiedSeconds)
+            return {};
+        return {{Level::Note, u"whether the last backup can be restored was not looked at"_s,
+                 u"systemctl start corv-verify.service"_s}};
+    }
+    const QStringList faults = faultsIn(*verdict);
+    if (faults.isEmpty())
+        return {};
+    const qsizetype more = faults.size() - kMostFaults;
+    return {{Level::Fault,
+             u"the last backup is not whole: %1%2"_s.arg(faults.mid(0, kMostFaults).join("; "_L1),
+                                                         more > 0 ? u"; and %1 more"_s.arg(more) : QString()),
+             QString(kStartBackup)}};
+}
+
+bool isNearLimit(const QHash<QString, qint64> &sizes)
+{
+    return std::any_of(sizes.cbegin(), sizes.cend(), [](qint64 size) {
+        return static_cast<double>(size) > kNear * static_cast<double>(kToolSeconds * kCautiousBytesPerSecond);
+    });
+}
+
+QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject &status, qint64 bytesPerSecond)
 {
     const QJsonObject last = status.value("backups"_L1).toArray().first().toObject();
     QStringList names = sizes.keys();
@@ -140,9 +171,17 @@ QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject
     QList<Finding> findings;
     for (const QString &name : names) {
         const bool cutOff = wasCutOff(name, last);
-        const bool tooLarge = sizes.value(name) > kToolSeconds * kBytesPerSecond;
-        if (!cutOff && (!tooLarge || wasSaved(name, last)))
+        const qint64 most = kToolSeconds * bytesPerSecond;
+        const bool tooLarge = sizes.value(name) > most;
+        if (!cutOff && (!tooLarge || wasSaved(name, last))) {
+            if (!wasSaved(name, last) && static_cast<double>(sizes.value(name)) > kNear * static_cast<double>(most))
+                findings.append(
+                    {Level::Note,
+                     u"the home of the account %1 has %2; about %3 can be archived within ten minutes"_s.arg(
+                         name, gibibytes(sizes.value(name)), gibibytes(most)),
+                     u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail | cat -v"_s.arg(name)});
             continue;
+        }
         findings.append(
             {Level::Fault,
              u"the home of the account %1, %2, is too large to be archived within ten minutes%3"_s.arg(

@@ -1,10 +1,13 @@
 #pragma once
 
 #include "ctl/doctor/Finding.h"
+#include "ctl/verify/Verdict.h"
 
 #include <QHash>
 #include <QJsonObject>
 #include <QString>
+
+#include <optional>
 
 namespace corv::ctl {
 
@@ -12,9 +15,23 @@ namespace corv::ctl {
 // says whether the nightly runs are planned.
 QList<Finding> checkBackups(const QJsonObject &status, qint64 now, bool timerActive);
 
-// Homes that no run can archive within the agent's ten minutes. sizes holds the bytes of each account's home, and
-// status is the reply of backup.status: a home that the last run saved in time is not too large.
-QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject &status);
+// What was found out of the last backup, where status is the reply of backup.status and verdict what there is of it.
+QList<Finding> checkVerdict(const QJsonObject &status, const std::optional<Verdict> &verdict, qint64 now);
+
+// What tar and gzip pack in a second on a slow machine.
+constexpr qint64 kCautiousBytesPerSecond = 20'000'000;
+
+// Homes that no run can archive within the agent's ten minutes, or that come near that, where so many bytes are packed
+// in a second. sizes holds the bytes of each account's home, and status is the reply of backup.status: a home that the
+// last run saved in time is not too large.
+QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject &status,
+                          qint64 bytesPerSecond = kCautiousBytesPerSecond);
+
+// Whether a home is so large that it matters how many bytes are packed in a second.
+bool isNearLimit(const QHash<QString, qint64> &sizes);
+
+// Whether an error of a backup tells of nothing but files that were being written to, which are saved all the same.
+bool isHarmless(const QString &error);
 
 // When a backup began, in seconds since 1970, by its name in local time; 0 for what is no such name.
 qint64 backupTime(const QString &name);

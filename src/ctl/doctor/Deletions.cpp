@@ -39,6 +39,8 @@ QList<DeletionArchives> deletionArchives(const QString &folder, const QString &a
         if ((file.permissions() & kOthers) == QFileDevice::Permissions())
             ++finished[key];
         archives.isWhole = finished.value(key) == 2;
+        const QString state = u"%1/%2-accounts.state"_s.arg(folder, key);
+        archives.state = QFileInfo(state).isFile() ? state : QString();
     }
     return found.values();
 }
@@ -56,7 +58,7 @@ QList<Finding> checkRefusedDeletions(const QList<DeletionArchives> &archives, co
         QStringList files;
         qint64 bytes = 0;
         for (const DeletionArchives &one : refused.value(account)) {
-            for (const QString &file : {one.home, one.dump}) {
+            for (const QString &file : {one.home, one.dump, one.state}) {
                 if (!file.isEmpty())
                     files.append(shellWord(file));
             }

@@ -18,6 +18,7 @@ struct DeletionArchives
     QString stamp;        // when the deletion began
     QString home;         // the path of the home's archive, empty where there is none
     QString dump;         // likewise of the database
+    QString state;        // likewise of what neither holds
     qint64 bytes = 0;     // of both
     qint64 changed = 0;   // milliseconds since 1970 at which the later one was last written to
     bool isWhole = false; // whether both are there and finished, which is told by their modes

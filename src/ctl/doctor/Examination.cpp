@@ -8,15 +8,18 @@
 #include "common/Packages.h"
 #include "common/Pool.h"
 #include "common/Quotas.h"
+#include "common/RequiredMount.h"
 #include "common/Site.h"
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/AtWork.h"
 #include "ctl/doctor/Backup.h"
+#include "ctl/doctor/Compressor.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Modules.h"
 #include "ctl/doctor/Notify.h"
+#include "ctl/doctor/Offsite.h"
 #include "ctl/doctor/Reach.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/Settings.h"
@@ -29,6 +32,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QSettings>
+#include <QStandardPaths>
 
 #include <algorithm>
 
@@ -61,8 +65,12 @@ Check checkSettings(const QSettings &settings, const QString &path)
     QList<QByteArray> units;
     for (const QString &unit : QDir(u"/etc/systemd/system"_s).entryList({u"*.mount"_s, u"*.automount"_s}, QDir::Files))
         units.append(readUpTo(u"/etc/systemd/system/"_s + unit, kLargestText).value_or(QByteArray()));
+    // What has to be mounted, by the settings' own word or by what the system plans.
+    const QString required = backup::requiredMount(settings);
     const QString point =
-        plannedMount(destination, readUpTo(u"/etc/fstab"_s, kLargestText).value_or(QByteArray()), units);
+        required.isEmpty()
+            ? plannedMount(destination, readUpTo(u"/etc/fstab"_s, kLargestText).value_or(QByteArray()), units)
+            : required;
     return {u"settings"_s, path,
             ctl::checkSettings(settings.allKeys(), path) +
                 checkDestination(destination, point,
@@ -274,6 +282,17 @@ Check checkNotify(const QSettings &settings, const QJsonObject &backups)
             ctl::checkNotify(ways, missingFor(ways), failures(), backups, QDateTime::currentSecsSinceEpoch())};
 }
 
+Check checkOffsite(const OffsitePlace &place)
+{
+    const OffsiteState state = readOffsite();
+    return {
+        u"off-site"_s,
+        u"%1%2"_s.arg(place.repository, state.copied.isEmpty() ? QString() : u", the newest there "_s + state.copied),
+        ctl::checkOffsite(place, state, !QStandardPaths::findExecutable(u"restic"_s).isEmpty(),
+                          unitProperties(u"corv-offsite-check.timer"_s).value(u"ActiveState"_s) == "active"_L1,
+                          QDateTime::currentSecsSinceEpoch())};
+}
+
 Check checkFolders(const QSettings &settings, const QString &destination)
 {
     constexpr mode_t kOpen = 0755;
@@ -308,13 +327,19 @@ Check checkBackups(const QJsonObject &status)
     return {u"backups"_s,
             u"%1 in %2%3"_s.arg(QString::number(backups.size()), status.value("destination"_L1).toString(),
                                 last.isEmpty() ? QString() : u", the last one "_s + last),
-            ctl::checkBackups(status, QDateTime::currentSecsSinceEpoch(), planned)};
+            ctl::checkBackups(status, QDateTime::currentSecsSinceEpoch(), planned) +
+                checkVerdict(status, readVerdict(status.value("destination"_L1).toString(), last),
+                             QDateTime::currentSecsSinceEpoch()) +
+                checkCompressor(readCompressor())};
 }
 
 Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
-    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s, ctl::checkHomes(sizes, status)};
+    // The trial takes its second only where it matters.
+    const qint64 measured = isNearLimit(sizes) ? measureCompressor(readCompressor()) : 0;
+    Check check = {u"homes"_s, u"sizes, what the web server reaches"_s,
+                   ctl::checkHomes(sizes, status, measured > 0 ? measured : kCautiousBytesPerSecond)};
     // An account without a site is only half there, which is told where accounts are.
     QStringList served = namesOf(accounts);
     served.removeIf([](const QString &name) { return !QFile::exists(hosting::sitePath(name)); });
@@ -349,24 +374,28 @@ QList<Check> examine(const QString &settingsPath)
     const QList<AccountSite> sites = readAccountSites();
 
     // Causes before what they cause: what is mended from the top to the bottom is well in the end.
-    return {checkSettings(settings, settingsPath),
-            checkApache(),
-            checkFiles(users, parts),
-            checkServices(settings, settingsPath, php),
-            checkPhp(),
-            checkPostgres(databases, problem),
-            checkAccounts(users, sites, php, databases, began),
-            checkSites(users, hosts, sites),
-            checkVisitors(hosts, sites, php),
-            checkSshd(),
-            checkFormer(users),
-            checkQuota(),
-            checkApt(),
-            checkUpdates(),
-            checkFolders(settings, backups.value("destination"_L1).toString()),
-            checkBackups(backups),
-            checkNotify(settings, backups),
-            checkHomes(users.accounts, backups)};
+    QList<Check> checks = {checkSettings(settings, settingsPath),
+                           checkApache(),
+                           checkFiles(users, parts),
+                           checkServices(settings, settingsPath, php),
+                           checkPhp(),
+                           checkPostgres(databases, problem),
+                           checkAccounts(users, sites, php, databases, began),
+                           checkSites(users, hosts, sites),
+                           checkVisitors(hosts, sites, php),
+                           checkSshd(),
+                           checkFormer(users),
+                           checkQuota(),
+                           checkApt(),
+                           checkUpdates(),
+                           checkFolders(settings, backups.value("destination"_L1).toString()),
+                           checkBackups(backups),
+                           checkNotify(settings, backups),
+                           checkHomes(users.accounts, backups)};
+    // Who has no such place is not told of it at each look.
+    if (const OffsitePlace place = placeIn(settings); !place.repository.isEmpty())
+        checks.append(checkOffsite(place));
+    return checks;
 }
 
 } // namespace corv::ctl

@@ -11,9 +11,10 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-const QStringList kKeys = {u"agent/allowed_user"_s, u"agent/socket"_s,     u"agent/socket_group"_s,
-                           u"backup/destination"_s, u"backup/keep_days"_s, u"health/services"_s,
-                           u"notify/command"_s,     u"notify/mail"_s};
+const QStringList kKeys = {u"agent/allowed_user"_s,  u"agent/socket"_s,       u"agent/socket_group"_s,
+                           u"backup/destination"_s,  u"backup/keep_days"_s,   u"backup/require_mount"_s,
+                           u"health/services"_s,     u"notify/command"_s,     u"notify/mail"_s,
+                           u"offsite/append_only"_s, u"offsite/repository"_s, u"offsite/retention"_s};
 
 constexpr int kMostLetters = 2; // that a misspelt name differs in
 constexpr qsizetype kLongestName = 100;

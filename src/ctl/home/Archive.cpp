@@ -122,6 +122,7 @@ std::optional<ArchiveEntry> parseArchiveLine(const QByteArray &line, const QByte
     entry.mode = *mode;
     entry.isFolder = kind == 'd';
     entry.isPlain = entry.isFolder || kind == '-';
+    entry.isLink = kind == 'l';
     entry.isWebs = fields[1].endsWith(QByteArray("/") + kWebGroup);
     return entry;
 }

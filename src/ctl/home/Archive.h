@@ -18,6 +18,7 @@ struct ArchiveEntry
     bool isFolder = false;
     bool isPlain = false; // a regular file or a folder, the only ones with an access of their own
     bool isWebs = false;  // whether its group is the web server's
+    bool isLink = false;  // a symbolic link, which has a group and nothing else of its own
 };
 
 // The entry that a line of "tar -tv --quoting-style=escape" tells of; nothing for the home itself, for what lies

@@ -70,4 +70,12 @@ bool setAccess(int folder, const QByteArray &name, gid_t group, mode_t mode)
     return ::chmod(self.constData(), mode & (isFolder ? kFolderBits : kFileBits)) == 0;
 }
 
+bool giveLink(int folder, const QByteArray &name, gid_t group)
+{
+    const Fd entry(::openat(folder, name.constData(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    return entry && ::fstat(entry.get(), &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid == ::geteuid() &&
+           ::fchownat(entry.get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) == 0;
+}
+
 } // namespace corv::ctl

@@ -26,4 +26,7 @@ Fd openBeneath(int folder, const QByteArray &path);
 // file or a folder of this user's. A file's special bits are never set. A group of -1 stays as it is.
 bool setAccess(int folder, const QByteArray &name, gid_t group, mode_t mode);
 
+// Gives a symbolic link itself to a group; its mode counts for nothing.
+bool giveLink(int folder, const QByteArray &name, gid_t group);
+
 } // namespace corv::ctl

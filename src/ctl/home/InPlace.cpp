@@ -98,11 +98,15 @@ private:
         QByteArray around;
         Fd folder;
         const auto set = [&](const ArchiveEntry &entry) {
-            if (!entry.isPlain)
+            if (!entry.isPlain && !(entry.isLink && entry.isWebs))
                 return;
             if (const QByteArray parent = parentOf(entry.path); !folder || parent != around) {
                 folder = openBeneath(m_source.get(), parent);
                 around = parent;
+            }
+            if (entry.isLink) {
+                (void)giveLink(folder.get(), nameOf(entry.path), m_web);
+                return;
             }
             // What is to be moved elsewhere must let its owner write to it until then.
             const bool isMoved = entry.isFolder && m_placing.paths.contains(entry.path);

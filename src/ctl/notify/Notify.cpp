@@ -166,7 +166,11 @@ Event eventOf(const QString &unit)
     Event event = testEvent();
     event.unit = unit;
     event.result = propertyOf(unit, u"Result"_s);
-    event.log = logOf(unit);
+    // One that could not even be started, because something that it needs could not, tells of its last run.
+    if (event.result == "success"_L1)
+        event.result = u"dependency"_s;
+    else
+        event.log = logOf(unit);
     return event;
 }
 

@@ -1,0 +1,206 @@
+#include "common/Account.h"
+#include "common/Run.h"
+#include "common/Tree.h"
+#include "ctl/Interrupt.h"
+#include "ctl/Session.h"
+#include "ctl/commands/Offsite.h"
+#include "ctl/doctor/Deletions.h"
+#include "ctl/doctor/Visits.h"
+#include "ctl/offsite/Fetch.h"
+#include "ctl/offsite/Lock.h"
+#include "ctl/offsite/State.h"
+#include "ctl/screen/Escape.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+
+#include <algorithm>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+constexpr int kStepMs = 2 * 3'600'000;
+constexpr int kVisitMs = 30'000;
+constexpr mode_t kFolderMode = 0700;
+constexpr int kLowestError = 500;
+const auto kFolder = u"/var/backups/corvane/.drill"_s;
+const auto kDrillName = u"drill"_s;
+
+// One drill: whose, and under which name.
+struct Drill
+{
+    const Session &session;
+    QString account;
+    QString name;
+    QString domain;
+};
+
+void say(const Drill &drill, const QString &line)
+{
+    if (drill.session.options.json || drill.session.options.plain)
+        return;
+    printLine(escaped(line));
+    (void)std::fflush(stdout);
+}
+
+void removeFolder()
+{
+    const Fd parent(::open(QFile::encodeName(kArchives).constData(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (parent && QFile::exists(kFolder))
+        (void)removeTree(parent.get(), QFile::encodeName(kFolder.section(u'/', -1)).constData());
+}
+
+// This very program, with another command.
+QString self(const QStringList &args)
+{
+    hosting::Surroundings surroundings;
+    surroundings.milliseconds = kStepMs;
+    return hosting::runWith(QFile::symLinkTarget(u"/proc/self/exe"_s), args, {}, surroundings);
+}
+
+// A name that no user has.
+QString freeName()
+{
+    QStringList taken;
+    for (const hosting::User &user : hosting::users())
+        taken.append(user.name);
+    int number = 1;
+    while (taken.contains(kDrillName + QString::number(number)))
+        ++number;
+    return kDrillName + QString::number(number);
+}
+
+// The account whose turn it is: the one behind the last one, by name.
+QString nextAccount(const QList<Snapshot> &all, const QString &last)
+{
+    QStringList accounts;
+    for (const Snapshot &one : all) {
+        const QString name = one.path.mid(1).chopped(homeName(QString()).size());
+        if (one.has(kHomeTag) && !accounts.contains(name) && hosting::isOurs(name))
+            accounts.append(name);
+    }
+    accounts.sort();
+    const auto next = std::upper_bound(accounts.cbegin(), accounts.cend(), last);
+    if (accounts.isEmpty())
+        return {};
+    return next == accounts.cend() ? accounts.first() : *next;
+}
+
+Visited firstPage(const QString &domain)
+{
+    return visit({{u"127.0.0.1"_s, 80, domain}}, kVisitMs).value(0);
+}
+
+// The page has to be what the live site's is, where there is one.
+QString pageProblem(const Drill &drill)
+{
+    const Visited page = firstPage(drill.domain);
+    if (page.status == 0)
+        return u"its site does not answer: "_s + page.problem;
+    const QString live = hosting::domainOf(drill.account);
+    const int wanted = live.isEmpty() ? 0 : firstPage(live).status;
+    say(drill, wanted > 0 ? u"its first page: %1, the live one: %2"_s.arg(page.status).arg(wanted)
+                          : u"its first page: %1"_s.arg(page.status));
+    if (wanted > 0 && page.status != wanted)
+        return u"its first page is %1, and the live one %2"_s.arg(page.status).arg(wanted);
+    return wanted == 0 && page.status >= kLowestError ? u"its first page is %1"_s.arg(page.status) : QString();
+}
+
+// Takes away the account of the drill and the archives that its deletion made: they are what was fetched.
+QString clearAway(const Drill &drill)
+{
+    QString problem;
+    if (hosting::isOurs(drill.name))
+        problem = self({u"account"_s, u"delete"_s, drill.name, u"--confirm"_s, drill.name});
+    if (problem.isEmpty()) {
+        for (const QString &file : QDir(kArchives).entryList({drill.name + u"-*"_s}, QDir::Files | QDir::NoSymLinks))
+            (void)QFile::remove(kArchives + u'/' + file);
+    }
+    removeFolder();
+    return problem.isEmpty() ? QString()
+                             : u"the account %1 could not be deleted: %2"_s.arg(drill.name, oneSentence(problem));
+}
+
+QString work(const Drill &drill, const Repository &repository, const SavedHome &saved)
+{
+    removeFolder(); // of a drill that was killed
+    (void)::mkdir(QFile::encodeName(kArchives).constData(), kFolderMode);
+    if (::mkdir(QFile::encodeName(kFolder).constData(), kFolderMode) != 0)
+        return u"%1 cannot be made"_s.arg(kFolder);
+    say(drill, u"fetching %1 of the backup %2 and reading it through"_s.arg(drill.account, saved.backup));
+    const Fetched fetched = fetchAccount(repository, drill.account, saved, kFolder);
+    if (!fetched.problem.isEmpty())
+        return fetched.problem;
+    for (const QString &missing : fetched.missing)
+        say(drill, missing);
+    if (interrupted())
+        return u"interrupted"_s;
+    say(drill, u"restoring it as %1, at %2"_s.arg(drill.name, drill.domain));
+    const QString problem = self({u"account"_s, u"restore"_s, drill.account, u"--from"_s, kFolder, u"--as"_s,
+                                  drill.name, u"--domain"_s, drill.domain, u"--confirm"_s, drill.name});
+    return problem.isEmpty() ? pageProblem(drill) : u"it could not be restored: "_s + oneSentence(problem);
+}
+
+int drill(Session &session, const Given &given)
+{
+    int status = kDone;
+    if (const std::optional<int> end = notHere(session, u"drill"_s))
+        return *end;
+    const std::optional<Repository> repository = openedPlace(session, &status);
+    if (!repository)
+        return status;
+    const InterruptGuard guard;
+    QString problem;
+    const Fd lock = lockOffsite(false, &problem);
+    if (!lock)
+        return fail(kRefused, problem);
+    const QList<Snapshot> all = readSnapshots(*repository, &problem);
+    if (!problem.isEmpty())
+        return refuse(session, problem);
+    OffsiteState state = readOffsite();
+    const QString account = given.has("ACCOUNT") ? given.text("ACCOUNT") : nextAccount(all, state.drilled);
+    const std::optional<SavedHome> saved = newestOf(savedOf(all, account, given.text("--server")), {});
+    if (!saved)
+        return refuse(session, u"nothing of %1 is there"_s.arg(account), u"corvctl offsite list shows what is"_s);
+
+    const QString name = freeName();
+    const Drill one = {session, account, name, name + u".drill.example"_s};
+    problem = work(one, *repository, *saved);
+    const int signal = interrupted() ? interruptedStatus() : kDone;
+    forgetInterrupt(); // what was made is to be taken away all the same
+    const QString left = clearAway(one);
+    problem = hosting::joined({problem, left});
+    state.drilled = account;
+    state.drilledAt = QDateTime::currentSecsSinceEpoch();
+    state.drillProblem = problem;
+    problem = hosting::joined({problem, keepOffsite(state)});
+    if (signal != kDone)
+        return fail(signal, problem);
+    if (!problem.isEmpty())
+        return refuse(session, u"the drill with %1 failed: %2"_s.arg(account, problem));
+    if (session.options.json)
+        print("{\"ok\":true}\n");
+    say(one, u"%1 came back from what is off-site, and was taken away again"_s.arg(account));
+    return kDone;
+}
+
+} // namespace
+
+Command offsiteDrillCommand()
+{
+    return {"drill",
+            "Fetch an account, restore it under another name, fetch its page, and take it away again",
+            {{"ACCOUNT", "the account; the one whose turn it is without it", Kind::Optional, Names::Account},
+             {"--server", "the server whose account it was, where several copy to the same place", Kind::Value}},
+            drill};
+}
+
+} // namespace corv::ctl

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "ctl/offsite/Restic.h"
+#include "ctl/offsite/State.h"
+
+#include <QJsonObject>
+#include <QString>
+
+#include <functional>
+
+namespace corv::ctl {
+
+// Says a line while the work goes on.
+using Say = std::function<void(const QString &line)>;
+
+// Copies the newest finished backup below the destination to the place, and forgets there what the settings no longer
+// keep. What is there of it already is not copied again. Goes on after a failure; the new state has all of them. Call
+// it with the lock.
+OffsiteState copyNewest(const Repository &repository, const QString &destination, const OffsiteState &before,
+                        const Say &say);
+
+// The newest finished backup below a folder; empty for none.
+QString newestBackup(const QString &destination);
+
+// The accounts whose home archives lie in the folder of a backup, by name.
+QStringList homesIn(const QString &folder);
+
+// Whether a backup whose manifest this is could not save an account's home whole: something else happened to it than
+// that files were written to meanwhile.
+bool isPartOnly(const QJsonObject &manifest, const QString &account);
+
+// Removes restic's cache where it has become larger than it is worth.
+void boundCache(const Repository &repository);
+
+} // namespace corv::ctl

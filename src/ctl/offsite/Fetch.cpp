@@ -1,0 +1,147 @@
+#include "ctl/offsite/Fetch.h"
+
+#include "common/Fd.h"
+#include "common/Json.h"
+#include "common/Run.h"
+#include "ctl/offsite/Stream.h"
+#include "ctl/verify/Fault.h"
+
+#include <QFile>
+
+#include <algorithm>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+constexpr int kFetchMs = 8 * 3'600'000;
+constexpr mode_t kMode = 0600;
+
+Fd newFile(const QString &path)
+{
+    return Fd(::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kMode));
+}
+
+// The paths that a snapshot holds.
+QStringList pathsIn(const Repository &repository, const Snapshot &snapshot, QString *problem)
+{
+    const Answered listed = restic(repository, {u"ls"_s, u"--json"_s, u"--no-lock"_s, snapshot.id}, kAskMs);
+    *problem = listed.problem;
+    QStringList paths;
+    for (const QByteArray &line : listed.output.split('\n')) {
+        const QString path = parseObject(line).value("path"_L1).toString();
+        if (!path.isEmpty())
+            paths.append(path);
+    }
+    return paths;
+}
+
+QString fetchFile(const Repository &repository, const Snapshot &snapshot, const QString &path, const QString &to)
+{
+    const Fd file = newFile(to);
+    if (!file)
+        return u"cannot write "_s + to;
+    hosting::Streams streams;
+    streams.outputFile = file.get();
+    hosting::Surroundings surroundings;
+    surroundings.environment = repository.environment;
+    surroundings.milliseconds = kFetchMs;
+    return hosting::runWith(u"restic"_s,
+                            resticArgs(repository, {u"dump"_s, u"--quiet"_s, u"--no-lock"_s, snapshot.id, path}),
+                            streams, surroundings);
+}
+
+Fetched fetchHome(const Repository &repository, const QString &account, const SavedHome &saved, const QString &to)
+{
+    const Fd file = newFile(to);
+    if (!file)
+        return {u"cannot write "_s + to, {}, 0};
+    // Compressed again, as every backup has it.
+    const Streamed done = stream(
+        {u"restic"_s,
+         resticArgs(repository, {u"dump"_s, u"--quiet"_s, u"--no-lock"_s, saved.home.id, u'/' + homeName(account)}),
+         repository.environment},
+        {u"gzip"_s, {u"-c"_s}, {}, file.get()}, kFetchMs, tarEndProblem);
+    return {done.problem, {}, done.bytes};
+}
+
+// The database, and what no archive holds.
+QString fetchRest(const Repository &repository, const QString &account, const SavedHome &saved, const QString &folder,
+                  QStringList *missing)
+{
+    QString problem;
+    const QStringList there = saved.rest ? pathsIn(repository, *saved.rest, &problem) : QStringList();
+    if (!problem.isEmpty())
+        return problem;
+    const QString base = saved.rest ? saved.rest->path : QString();
+    const QString dump = account + u"-db.dump"_s;
+    const std::pair<QString, QString> files[] = {{u"/accounts/"_s + dump, dump},
+                                                 {u"/accounts.state"_s, u"accounts.state"_s}};
+    for (const auto &[path, name] : files) {
+        if (!there.contains(base + path)) {
+            missing->append(u"the backup %1 has no %2"_s.arg(saved.backup, name));
+            continue;
+        }
+        if (const QString wrong = fetchFile(repository, *saved.rest, base + path, folder + u'/' + name);
+            !wrong.isEmpty())
+            return wrong;
+    }
+    if (!QFile::exists(folder + u'/' + dump))
+        return {};
+    const std::optional<QString> fault = faultOfDump(folder + u'/' + dump, {});
+    return fault ? dump + u' ' + *fault : QString();
+}
+
+} // namespace
+
+QList<SavedHome> savedOf(const QList<Snapshot> &all, const QString &account, const QString &server)
+{
+    QList<SavedHome> saved;
+    for (const Snapshot &home : all) {
+        const bool isOurs = home.has(kHomeTag) && home.path == u'/' + homeName(account);
+        if (!isOurs || home.backup().isEmpty() || (!server.isEmpty() && home.server != server))
+            continue;
+        SavedHome one = {home.backup(), home, {}};
+        const auto rest = std::find_if(all.cbegin(), all.cend(), [&home](const Snapshot &other) {
+            return other.has(kRestTag) && other.backup() == home.backup() && other.server == home.server;
+        });
+        if (rest != all.cend())
+            one.rest = *rest;
+        saved.append(one);
+    }
+    return saved;
+}
+
+std::optional<SavedHome> newestOf(const QList<SavedHome> &saved, const QString &date)
+{
+    std::optional<SavedHome> newest;
+    for (const SavedHome &one : saved) {
+        const bool isBetter = !newest || newest->home.has(kPartTag) || !one.home.has(kPartTag);
+        if (one.backup.startsWith(date) && isBetter)
+            newest = one;
+    }
+    return newest;
+}
+
+Fetched fetchAccount(const Repository &repository, const QString &account, const SavedHome &saved,
+                     const QString &folder)
+{
+    const QString archive = u"%1/%2-home.tar.gz"_s.arg(folder, account);
+    Fetched fetched = fetchHome(repository, account, saved, archive);
+    if (!fetched.problem.isEmpty())
+        return fetched;
+    if (const std::optional<QString> fault = faultOfHome(archive, account, {})) {
+        fetched.problem = u"%1-home.tar.gz %2"_s.arg(account, *fault);
+        return fetched;
+    }
+    if (saved.home.has(kPartTag))
+        fetched.missing.append(u"the backup %1 could not save the home whole"_s.arg(saved.backup));
+    fetched.problem = fetchRest(repository, account, saved, folder, &fetched.missing);
+    return fetched;
+}
+
+} // namespace corv::ctl

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "ctl/restore/State.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+namespace corv::ctl {
+
+// Puts back on an account what was written down of it. Each function returns what could not be put back, as sentences;
+// none where all is. Secrets go to the tools by their standard input. Call them as root, for an account that is there.
+
+// The hash of the role's password, and the settings of role and database. Where the hash cannot be had again, as one
+// that goes with the old name, *isLost says so: the role then keeps the password that it was made with.
+QStringList applyRole(const AccountState &state, const QString &account, bool *isLost);
+
+// The login: the hash in shadow, the shell, services without a login.
+QStringList applyLogin(const AccountState &state, const QString &account);
+
+// The jobs of at, which its user has to be able to log in for. What was to run by now, or is there already, is not made
+// again.
+QStringList applyJobs(const AccountState &state, const QString &account, qint64 now);
+
+// The crontab.
+QStringList applyCrontab(const AccountState &state, const QString &account);
+
+// What is told of the database as it is now that was otherwise: its encoding and its locale.
+QStringList databaseDifferences(const AccountState &state, const QString &account);
+
+// The parts of it, for tests: the statements for psql.
+QByteArray passwordScript(const QString &account, const QString &hash);
+QByteArray settingScript(const QString &account, const KeptSetting &setting);
+
+// A value that PostgreSQL keeps of a setting that is a list of names, such as search_path, as those names. False where
+// it is none.
+bool splitNames(const QString &value, QStringList *names);
+
+} // namespace corv::ctl
