@@ -30,10 +30,4 @@ QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject
 // Whether a home is so large that it matters how many bytes are packed in a second.
 bool isNearLimit(const QHash<QString, qint64> &sizes);
 
-// Whether an error of a backup tells of nothing but files that were being written to, which are saved all the same.
-bool isHarmless(const QString &error);
-
-// When a backup began, in seconds since 1970, by its name in local time; 0 for what is no such name.
-qint64 backupTime(const QString &name);
-
 } // namespace corv::ctl
