@@ -105,6 +105,16 @@ int show(const Session &session, const Verdict &verdict)
     return status;
 }
 
+// Nothing is due, which is no fault: what is wrong with the backups themselves is told where they are made.
+int showNothingDue(const Session &session, const QString &why)
+{
+    if (session.options.json)
+        print("{\"ok\":true,\"files\":[]}\n");
+    else if (!session.options.plain)
+        printLine(u"nothing is due: "_s + why);
+    return kDone;
+}
+
 int verifyThere(const Session &session, const Given &given)
 {
     QStringList command = {u"corvctl"_s, u"--json"_s, u"backup"_s, u"verify"_s};
@@ -127,8 +137,6 @@ int verify(Session &session, const Given &given)
     const QString asked = given.has("BACKUP") ? given.text("BACKUP") : kNewest;
     if (asked != kNewest && !backup::isBackupName(asked))
         return fail(kWrongUsage, u"'%1' is no name of a backup"_s.arg(asked));
-    if (given.has("--due") && !given.has("--deep"))
-        return fail(kWrongUsage, u"--due goes with --deep"_s);
     if (session.options.printOnly)
         return fail(kWrongUsage, u"nothing is asked of the agent for this"_s);
     if (!session.options.hosts.empty())
@@ -140,12 +148,19 @@ int verify(Session &session, const Given &given)
     const QString destination =
         backup::load(QSettings(settingsPath(session.options), QSettings::IniFormat)).destination;
     const QStringList names = backupNames(destination);
+    if (names.isEmpty() && given.has("--due"))
+        return showNothingDue(session, u"there is no backup in %1"_s.arg(escaped(destination)));
     if (names.isEmpty())
         return refuse(session, u"there is no backup in %1"_s.arg(destination),
                       u"corvctl backup start --wait makes one"_s);
     const QString name = asked == kNewest ? names.first() : asked;
     if (!names.contains(name))
         return refuseNoBackup(session, name, names);
+    if (given.has("--due") && !given.has("--deep")) {
+        const std::optional<Verdict> known = readVerdict(destination, name);
+        if (known && known->checked != 0 && faultsIn(*known).isEmpty())
+            return showNothingDue(session, u"the backup %1 was found whole already"_s.arg(name));
+    }
     const Fd mine = lock();
     if (!mine)
         return refuse(session, u"a backup is being verified already"_s, u"systemctl status corv-verify.service"_s);
@@ -179,7 +194,8 @@ Command verifyCommand()
             {{"BACKUP", "its name in corvctl backup list, or newest (the one that is meant without it)", Kind::Optional,
               Names::Backup},
              {"--deep", "restore each dump into a database of its own, count its rows, and drop it again", Kind::Flag},
-             {"--due", "with --deep: only those dumps whose turn it is this week", Kind::Flag}},
+             {"--due", "only where it was not read yet; with --deep: only the dumps whose turn it is this week",
+              Kind::Flag}},
             verify};
 }
 

@@ -145,6 +145,24 @@ QList<Finding> checkVerdict(const QJsonObject &status, const std::optional<Verdi
              QString(kStartBackup)}};
 }
 
+QList<Finding> checkBesideBackups(bool proofPlanned, bool deletionsWatched)
+{
+    QList<Finding> findings;
+    if (!proofPlanned)
+        findings.append({Level::Fault, u"no dump is restored for a proof each week: its timer is off"_s,
+                         u"systemctl enable --now corv-prove.timer"_s});
+    if (!deletionsWatched)
+        findings.append({Level::Fault,
+                         u"what the archives of deletions do not hold is not written down: its watcher is off"_s,
+                         u"systemctl enable --now corv-state.path"_s});
+    return findings;
+}
+
+QString largestHome(qint64 bytesPerSecond)
+{
+    return gibibytes(kToolSeconds * bytesPerSecond);
+}
+
 bool isNearLimit(const QHash<QString, qint64> &sizes)
 {
     return std::any_of(sizes.cbegin(), sizes.cend(), [](qint64 size) {
@@ -168,7 +186,7 @@ QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject
                 findings.append(
                     {Level::Note,
                      u"the home of the account %1 has %2; about %3 can be archived within ten minutes"_s.arg(
-                         name, gibibytes(sizes.value(name)), gibibytes(most)),
+                         name, gibibytes(sizes.value(name)), largestHome(bytesPerSecond)),
                      u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail | cat -v"_s.arg(name)});
             continue;
         }
