@@ -16,7 +16,7 @@ OTHER_POOLS = "/etc/php/8.1/fpm/pool.d"
 SITES = "/etc/apache2/sites-available"
 PSQL = "runuser -u postgres -- psql -qc"
 # The newest backup, whose manifest a test replaces.
-NEWEST = f"$(ls -d {AUTO}/2* | tail -n 1)"
+NEWEST = f"$(ls -d {AUTO}/2*[0-9] | tail -n 1)"
 # A page of PHP for the tenant, a site beside those of accounts, and its end.
 PAGE = "echo '<?php echo 1;' >/home/@/public_html/index.php; chown @:www-data /home/@/public_html/index.php"
 
@@ -321,7 +321,7 @@ def test_finds_and_mends(well, names):
     for plant, *_ in faults:
         sh(well, here(plant))
 
-    newest = (well.run(["ls", AUTO]).out.split() or [""])[-1]
+    newest = ([name for name in well.run(["ls", AUTO]).out.split() if name[-1].isdigit()] or [""])[-1]
     code, found, commands = examine(well)
     assert sorted(re.sub(r"is \d+ hours old", "is N hours old", problem) for problem in found) == sorted(
         here(problem).replace("NAME", newest) for _, problems, *_ in faults for problem in problems)

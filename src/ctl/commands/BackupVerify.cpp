@@ -8,6 +8,7 @@
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
+#include "ctl/Turn.h"
 #include "ctl/commands/Backup.h"
 #include "ctl/remote/Remote.h"
 #include "ctl/screen/Escape.h"
@@ -22,8 +23,6 @@
 
 #include <algorithm>
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -32,7 +31,7 @@ namespace corv::ctl {
 namespace {
 
 const auto kNewest = u"newest"_s;
-constexpr auto kLock = "/run/corvane/verify.lock";
+const auto kLock = u"/run/corvane/verify.lock"_s;
 // As long as the units give it.
 constexpr int kRemoteSeconds = 86'400;
 
@@ -47,15 +46,6 @@ QStringList backupNames(const QString &destination)
     }
     std::sort(names.begin(), names.end(), std::greater<>());
     return names;
-}
-
-// One at a time: there is one name for the database of a proof.
-Fd lock()
-{
-    Fd file(::open(kLock, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (file && ::flock(file.get(), LOCK_EX | LOCK_NB) != 0)
-        file.reset();
-    return file;
 }
 
 Cell outcomeOf(const FileVerdict &one)
@@ -161,16 +151,18 @@ int verify(Session &session, const Given &given)
         if (known && known->checked != 0 && faultsIn(*known).isEmpty())
             return showNothingDue(session, u"the backup %1 was found whole already"_s.arg(name));
     }
-    const Fd mine = lock();
-    if (!mine)
-        return refuse(session, u"a backup is being verified already"_s, u"systemctl status corv-verify.service"_s);
 
     // Its signals end what it does with a word, and with nothing left behind.
     const InterruptGuard guard;
+    QString problem;
+    // There is one name for the database of a proof.
+    const Fd turn = takeTurn(kLock, u"another verification"_s, &problem);
+    if (!turn)
+        return problem.isEmpty() ? fail(interruptedStatus(), u"interrupted; nothing was looked at"_s)
+                                 : refuse(session, problem);
     clearVerdicts(destination);
     (void)clearProof(); // of one that was killed; the next proof says why that cannot be done
     Progress progress(session.terminal, {}, -1);
-    QString problem;
     Search search = {destination, name, given.has("--deep"), given.has("--due"), QDateTime::currentSecsSinceEpoch(),
                      {},          {}};
     search.progress = [&progress](const QString &file, qsizetype done, qsizetype all) {

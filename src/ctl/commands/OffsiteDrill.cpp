@@ -159,7 +159,7 @@ int drill(Session &session, const Given &given)
         return status;
     const InterruptGuard guard;
     QString problem;
-    const Fd lock = lockOffsite(false, &problem);
+    const Fd lock = lockOffsite(&problem);
     if (!lock)
         return fail(kRefused, problem);
     const QList<Snapshot> all = readSnapshots(*repository, &problem);
