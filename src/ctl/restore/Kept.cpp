@@ -78,18 +78,6 @@ QStringList placeBesideDeletions(const QList<AccountState> &kept)
     return problems;
 }
 
-// The newest finished backup; empty where there is none.
-QString newestBackup(const QString &destination)
-{
-    QString newest;
-    for (const backup::Folder &folder : backup::foldersIn(destination)) {
-        const QString name = QString::fromLatin1(folder.name);
-        if (backup::isBackupName(name) && name > newest)
-            newest = name;
-    }
-    return newest.isEmpty() ? QString() : destination + u'/' + newest;
-}
-
 } // namespace
 
 QString stateBeside(const QString &base)
@@ -154,9 +142,10 @@ QString keepStates()
 QString placeInBackup(const backup::Config &config)
 {
     const Fd lock = locked();
-    const QString folder = newestBackup(config.destination);
+    const QString newest = backup::newestIn(config.destination);
+    const QString folder = config.destination + u'/' + newest;
     const QString path = folder + u'/' + kStateFile;
-    if (folder.isEmpty() || exists(path))
+    if (newest.isEmpty() || exists(path))
         return {};
     int bad = 0;
     QString problem;
