@@ -1,0 +1,366 @@
+"""Everything that the page does, done there by mouse and keyboard, and seen on the server."""
+
+import hashlib
+import json
+import os
+
+from hostfloor import ROOT, Host
+
+LIMIT = 180
+
+
+def test_the_overview_tells_how_the_server_is(server, page):
+    page.visit()
+    page.wait(f"{page.find('#content')} && !{page.page}.querySelector('#content .asked')", 60)
+    said = page.text("#content")
+    assert "The firewall is off" in page.text("#verdict")
+    for text in ("web1", "apache2", "3 accounts, 1 suspended", "Examination"):
+        assert text in said
+    doctor = json.loads(server.run(["corvctl", "--json", "doctor"]).out)
+    for check in doctor["checks"]:
+        for finding in check["findings"]:
+            assert finding["mend"] in said
+
+
+def test_the_server_restarts_only_by_its_name(server, page):
+    page.visit()
+    page.click(page.find("#restart-server"))
+    page.wait_for("#restart")
+    page.fill("confirm", "web")
+    assert page.js(f"{page.find('#dialog-do')}.disabled") is True
+    page.fill("confirm", "web1")
+    assert page.js(f"{page.find('#dialog-do')}.disabled") is False
+    assert "corvctl host restart" in page.text("#restart")
+    page.click(page.find("#dialog-close"))
+    page.wait(f"!{page.find('dialog')}")
+
+
+def test_an_account_is_made_suspended_resumed_and_deleted(server, page):
+    key = server.make_key("page").public
+    page.visit("accounts")
+    page.wait_for("#create-account")
+    page.click(page.find("#create-account"))
+    page.fill("username", "carol")
+    page.fill("domain", "carol.example.org")
+    page.fill("sshKey", key)
+    assert "corvctl account create carol carol.example.org --key" in page.text("#create")
+    said = page.do()
+    password = page_password(said)
+    assert server.sql("SELECT 1", database="carol", role="carol", password=password).out.strip() == "1"
+    server.wait_until_served("carol", "carol.example.org")
+
+    page.wait_for('[data-row="carol"]')
+    page.press_button("Suspend carol")
+    page.do()
+    page.wait_for_text("Suspended", '[data-row="carol"]')
+    assert server.fetch("carol.example.org").status == 503
+    page.press_button("Resume carol")
+    page.do()
+    page.wait_for_text("On-line", '[data-row="carol"]')
+
+    page.press_button("Delete carol")
+    page.wait_for("#delete")
+    assert page.js(f"{page.find('#dialog-do')}.disabled") is True
+    page.fill("confirm", "carol")
+    said = page.do()
+    assert "/var/backups/corvane/carol-" in said
+    page.wait(f"!{page.row('carol')}")
+    assert server.run(["id", "carol"]).code == 1
+
+
+def page_password(said):
+    """The password in what a dialog says: the one word of 24 characters."""
+    return next(word for word in said.split() if len(word) == 24)
+
+
+def test_a_refusal_stays_in_the_dialog(server, page):
+    page.visit("accounts")
+    page.click(page.find("#create-account"))
+    page.fill("username", "shop")
+    page.fill("domain", "other.example.org")
+    assert server.request("hosting.create", username="shop", domain="other.example.org")["error"] in page.do()
+    assert page.js(f"{page.find('#field-username')}.value") == "shop"
+    page.click(page.find("#dialog-close"))
+
+
+def test_accounts_are_searched_filtered_and_sorted(server, page):
+    page.visit("accounts")
+    rows = f"[...{page.page}.querySelectorAll('#accounts tbody tr')].map(row => row.dataset.row)"
+    page.wait_for('[data-row="shop"]')
+    page.click(page.find("#search"))
+    page.type("ali")
+    page.wait(f"{rows}.join() === 'alice'")
+    for _ in "ali":
+        page.press("Backspace", 8)
+    page.choose("#state", "suspended")
+    page.wait(f"{rows}.join() === 'bob'")
+    page.choose("#state", "")
+    page.choose("#by", "state")
+    page.wait(f"{rows}.join() === 'alice,shop,bob'")
+    page.choose("#by", "username")
+
+
+def test_an_accounts_keys_database_and_limit(server, page):
+    key = server.make_key("second").public
+    page.visit("accounts", "shop")
+    page.click(page.find("#edit-keys"))
+    page.fill("keys", key)
+    page.do()
+    fingerprint = server.ok(["ssh-keygen", "-lf", "/home/shop/.ssh/authorized_keys"]).split()[1]
+    page.wait_for_text(fingerprint, "#keys-table")
+
+    page.click(page.find("#new-password"))
+    password = page_password(page.do())
+    assert server.sql("SELECT 1", database="shop", role="shop", password=password).out.strip() == "1"
+    page.click(page.find("#read-only-switch"))
+    page.do()
+    assert "read-only transaction" in server.sql("CREATE TABLE t ()", database="shop", role="shop", password=password).err
+    page.wait_for_text("Read-only")
+    page.click(page.button("Make writable"))
+    page.do()
+    assert server.sql("CREATE TABLE t ()", database="shop", role="shop", password=password).code == 0
+
+    page.click(page.find("#set-limit"))
+    page.fill("mb", "100")
+    assert "corvctl account limit shop 100M" in page.text("#limit")
+    assert server.request("quota.set", username="shop", mb=100)["error"] in page.do()
+    page.click(page.find("#dialog-close"))
+
+
+def test_a_backup_is_made_and_brought_back(server, page):
+    server.put("/home/shop/public_html/index.html", "the good page", owner="shop")
+    page.visit("backups")
+    page.click(page.find("#start-backup"))
+    page.do()
+    page.wait_for("#backups tbody tr", 60)
+    name = server.request("backup.status")["backups"][0]["name"]
+    page.wait(f"{page.row(name)} && !{page.find('#start-backup')}.disabled", 60)
+
+    page.visit("accounts", "shop")
+    server.put("/home/shop/public_html/index.html", "a broken page", owner="shop")
+    restore = page.row(name, "button")
+    page.click(restore)
+    page.choose("#field-way", "folder")
+    page.fill("folder", "public_html/index.html")
+    page.fill("confirm", "shop")
+    assert f"corvctl backup restore shop {name} files --in-place public_html/index.html" in page.text("#restore")
+    page.do()
+    assert server.get("/home/shop/public_html/index.html") == "the good page"
+
+    page.click(restore)
+    page.fill("confirm", "shop")
+    said = page.do()
+    folder = next(word for word in said.split() if word.startswith("/home/shop/"))
+    assert server.get(f"{folder}/public_html/index.html") == "the good page"
+
+    page.click(restore)
+    page.choose("#field-way", "database")
+    page.fill("confirm", "shop")
+    assert "Restore shop" in page.do()
+
+
+def test_a_backup_is_verified(server, page):
+    page.visit("backups")
+    name = server.request("backup.status")["backups"][0]["name"]
+    page.wait_for_text("Not verified", "#backups")
+    page.click(page.row(name, "button"))
+    assert f"the backup {name} is whole" in page.do(120)
+    page.wait(f"!{page.find('#backups')}.innerText.includes('Not verified')")
+    page.wait(f"{page.row(name)}.innerText.includes('Whole')")
+
+
+def test_an_account_that_is_gone_is_brought_back(server, page):
+    assert server.request("hosting.create", username="erin", domain="erin.example.org")["ok"]
+    server.put("/home/erin/public_html/index.html", "erin's page", owner="erin")
+    server.ok(["corvctl", "backup", "start", "--wait"])
+    assert server.request("hosting.delete", username="erin", confirm="erin")["ok"]
+    page.visit("accounts")
+    page.visit("backups")
+    page.press_button("Bring erin back")
+    page.fill("confirm", "erin")
+    page.do(120)
+    assert server.get("/home/erin/public_html/index.html") == "erin's page"
+    page.wait(f"!{page.row('erin')}")
+
+
+def test_backups_are_copied_and_fetched_off_site(server, page):
+    page.visit("backups")
+    page.wait_for_text("No copies are made elsewhere")
+    server.ok(["apt-get", "-q", "install", "--yes", "restic"], env={"DEBIAN_FRONTEND": "noninteractive"})
+    server.ok(["corvctl", "offsite", "setup", "/srv/copies"])
+    page.visit("accounts")
+    page.visit("backups")
+    page.wait_for_text("/srv/copies")
+    page.press_button("Copy now")
+    page.do(170)
+    newest = server.request("backup.status")["backups"][0]["name"]
+    assert json.loads(server.ok(["corvctl", "--json", "offsite", "status"]))["state"]["copied"] == newest
+    page.click(page.find("#fetch-offsite"))
+    page.fill("username", "shop")
+    page.do(170)
+    assert server.exists(f"/var/backups/corvane/fetched/shop-{newest}")
+
+
+def test_files_are_made_edited_renamed_and_deleted(server, page):
+    page.visit("files", "alice", "public_html")
+    page.click(page.find("#make-folder"))
+    page.fill("name", "img")
+    page.do()
+    page.wait_for('[data-row="img"]')
+    assert server.run(["stat", "-c", "%U %F", "/home/alice/public_html/img"]).out == "alice directory\n"
+
+    page.click(page.find("#make-file"))
+    page.fill("name", "a b.txt")
+    page.fill("content", "one")
+    page.do()
+    assert server.get("/home/alice/public_html/a b.txt") == "one"
+
+    page.press_button("a b.txt")
+    page.fill("content", "two")
+    page.do()
+    assert server.get("/home/alice/public_html/a b.txt") == "two"
+
+    page.press_button("Rename a b.txt")
+    page.fill("to", "public_html/c.txt")
+    page.do()
+    page.wait_for('[data-row="c.txt"]')
+    assert not server.exists("/home/alice/public_html/a b.txt")
+
+    page.press_button("Delete c.txt")
+    page.do()
+    page.wait(f"!{page.row('c.txt')}")
+    assert not server.exists("/home/alice/public_html/c.txt")
+
+
+def test_the_editor_sees_that_somebody_changed_the_file(server, page):
+    server.put("/home/alice/public_html/page.html", "first\r\nsecond\r\n", owner="alice")
+    page.visit("files", "alice")
+    page.visit("files", "alice", "public_html")
+    page.press_button("page.html")
+    page.wait_for("#editor")
+    server.put("/home/alice/public_html/page.html", "somebody else's", owner="alice")
+    page.fill("content", "mine\nsecond\n")
+    assert "changed this file meanwhile" in page.do()
+    assert server.get("/home/alice/public_html/page.html") == "somebody else's"
+    page.click(page.find("#dialog-do:not(:disabled)"))
+    page.wait(f"!{page.find('dialog')}")
+    assert server.ok(["od", "-An", "-c", "/home/alice/public_html/page.html"]).split() == [*"mine", "\\r", "\\n", *"second", "\\r", "\\n"]
+
+
+def test_files_travel_both_ways(server, page, tmp_path):
+    small, big = tmp_path / "small.txt", tmp_path / "größer.bin"
+    small.write_text("small")
+    big.write_bytes(os.urandom(5 << 20))
+    page.visit("files", "alice")
+    page.wait_for("#pick-files")
+    page.give_files("#pick-files", small, big)
+    page.wait_for('[data-row="größer.bin"]', 60)
+    page.wait(f"!{page.find('#transfers [data-file]')}", 60)
+    digest = hashlib.sha256(big.read_bytes()).hexdigest()
+    assert server.ok(["sha256sum", "/home/alice/größer.bin"]).split()[0].lstrip("\\") == digest
+    assert server.get("/home/alice/small.txt") == "small"
+    assert server.run(["ls", "-A", "/var/lib/corvane/transfer"]).out == ""
+
+    folder = tmp_path / "fetched"
+    folder.mkdir()
+    page.send("Browser.setDownloadBehavior", session=None, behavior="allow", downloadPath=str(folder))
+    page.press_button("Download größer.bin")
+    Host.wait_for(server, lambda: (folder / "größer.bin").exists(), "the download", 60)
+    assert hashlib.sha256((folder / "größer.bin").read_bytes()).hexdigest() == digest
+    server.wait_for(lambda: server.run(["ls", "-A", "/var/lib/corvane/transfer"]).out == "", "an empty transfer folder")
+
+
+def test_an_upload_is_cancelled(server, page, tmp_path):
+    large = tmp_path / "large.bin"
+    large.write_bytes(b"")
+    os.truncate(large, 200 << 20)
+    page.visit("files", "alice", "logs")
+    page.visit("files", "alice")
+    page.wait_for("#pick-files")
+    page.give_files("#pick-files", large)
+    page.press_button("Cancel large.bin")
+    page.wait_for_text("Cancelled", "#transfers", 60)
+    page.press_button("Dismiss", "#transfers")
+    server.wait_for(lambda: server.run(["ls", "-A", "/var/lib/corvane/transfer"]).out == "", "an empty transfer folder")
+    assert not server.exists("/home/alice/large.bin")
+
+
+def test_services_restart_and_quotas_say_why_not(server, page):
+    page.visit("services")
+    server.wait_for_unit("apache2")
+    before = server.main_process("apache2")
+    page.press_button("Restart apache2")
+    page.do()
+    server.wait_for(lambda: server.main_process("apache2") not in ("0", before), "Apache's restart")
+    page.wait_for_text(server.request("quota.status")["reason"])
+
+
+def test_the_firewall_keeps_the_door_open_through_which_one_came(server, page):
+    page.visit("firewall")
+    page.click(page.find("#firewall-on"))
+    assert "corvctl firewall allow 9090 --proto tcp && corvctl firewall enable" in page.text("#enable")
+    page.do(170)
+    page.wait_for_text("keeps this page", "#rules")
+    assert server.fetch("shop.example.org").status in (200, 403, 404)
+    # A visitor who comes anew gets in, too.
+    assert server.outside(["curl", "-ksS", "-o", "/dev/null", "-w", "%{http_code}", "https://10.213.0.2:9090/"]).out == "200"
+    assert page.js(f"Boolean({page.button('Delete the rule for 9090/tcp')})") is False
+
+    page.click(page.find("#open-port"))
+    page.fill("port", "8080")
+    page.do()
+    page.wait_for_text("8080/tcp", "#rules")
+    page.press_button("Delete the rule for 8080/tcp")
+    page.do()
+    page.wait(f"[...{page.find('#rules')}.querySelectorAll('th')].every(e => e.textContent !== '8080/tcp')")
+    page.click(page.find("#firewall-off"))
+    page.do()
+    assert server.request("firewall.status")["active"] is False
+
+
+def test_a_ban_is_seen_and_lifted(server, page):
+    page.visit("firewall")
+    page.click(page.find("#bans-on"))
+    page.do(170)
+    server.wait_for(lambda: server.run(["fail2ban-client", "status", "sshd"]).code == 0, "the jail")
+    server.ok(["fail2ban-client", "set", "sshd", "banip", "192.0.2.7"])
+    page.visit()
+    page.visit("firewall")
+    page.wait_for_text("192.0.2.7", "#banned")
+    page.press_button("Lift the ban of 192.0.2.7")
+    page.do()
+    page.wait_for_text("Nobody is banned")
+    assert "192.0.2.7" not in server.ok(["fail2ban-client", "status", "sshd"])
+
+
+def test_the_documented_jail_counts_failed_logins_at_this_page(server, page):
+    block = (ROOT / "docs/page.md").read_text().split("```ini\n[pam-generic]")[1].split("```")[0]
+    server.put("/etc/fail2ban/jail.d/cockpit.local", "[pam-generic]" + block)
+    server.ok(["systemctl", "restart", "fail2ban"])
+    server.wait_for(lambda: server.run(["fail2ban-client", "status", "pam-generic"]).code == 0, "the jail")
+    server.outside(["curl", "-ksS", "-o", "/dev/null", "-u", "boss:wrong", "https://10.213.0.2:9090/cockpit/login"])
+    # Once, and not as often as it takes to be banned: the browser has the same address.
+    server.wait_for(lambda: "Total failed:\t1" in server.ok(["fail2ban-client", "status", "pam-generic"]), "the count of the failed login")
+
+
+def test_updates_are_looked_for_and_installed(server, page):
+    # What installs security updates; the agent does not install it itself.
+    server.ok(["apt-get", "-q", "install", "--yes", "unattended-upgrades"], env={"DEBIAN_FRONTEND": "noninteractive"})
+    server.publish("page-one", "1.0", install=True)
+    server.publish("page-one", "2.0", security=True)
+    page.visit("updates")
+    page.click(page.find("#refresh-updates"))
+    page.do(170)
+    page.wait_for_text("page-one", "#packages")
+    page.click(page.find("#install-security"))
+    page.do()
+    page.wait_for_text("Nothing waits", patience=120)
+    assert server.ok(["dpkg-query", "-W", "-f=${Version}", "page-one"]) == "2.0"
+    page.wait_for("#content .log")
+
+    # The package that installs security updates switches them on when it comes.
+    assert server.request("updates.status")["automatic"] is True
+    for named, on in (("Automatic off", False), ("Automatic on", True)):
+        page.press_button(named)
+        page.do()
+        assert server.request("updates.status")["automatic"] is on
