@@ -21,6 +21,17 @@ export interface Site { site: string; host: string; port: number; seen: string; 
 // What the last verification of a backup found.
 export interface Verdict { checked: number; faults: string[] }
 
+export interface Source { from: string; kind: string; made: number; homeBytes: number; dbBytes: number; state: boolean; checked: number; fault: string }
+
+// What is known of the copies elsewhere.
+export interface Offsite {
+    repository: string;
+    state: { copied: string; copiedAt: number; checkedAt: number; checkProblem: string; problems: string[] };
+}
+
+// An account that is gone.
+export interface Gone { username: string; domain: string; sources: Source[] }
+
 const kFinding = { level: "string", problem: "string", mend: "string" };
 const kAccount = { username: "string", domain: "string", state: "string", "usedBytes?": "integer" };
 
@@ -36,6 +47,14 @@ const kDoctor: Shape = {
     checks: [{ check: "string", seen: "string", findings: [kFinding] }],
 };
 const kVerdicts: Shape = { backups: [{ name: "string", "verified?": { checked: "integer", faults: ["string"] } }] };
+const kOffsite: Shape = {
+    repository: "string",
+    state: { copied: "string", copiedAt: "integer", checkedAt: "integer", checkProblem: "string", problems: ["string"] },
+};
+const kGone: Shape = {
+    accounts: [{ username: "string", domain: "string", sources: [{ from: "string", kind: "string", made: "integer", homeBytes: "integer",
+        dbBytes: "integer", state: "boolean", checked: "integer", fault: "string" }] }],
+};
 const kSites: Shape = {
     here: { sites: [{ site: "string", host: "string", port: "integer", seen: "string", "status?": "integer", "what?": "string" }] },
 };
@@ -106,6 +125,16 @@ export function doctor(): Promise<Doctor> {
 export async function verdicts(): Promise<Map<string, Verdict>> {
     const { backups } = await ask<{ backups: { name: string; verified?: Verdict }[] }>(["backup", "list"], kVerdicts);
     return new Map(backups.flatMap(({ name, verified }) => verified ? [[name, verified] as [string, Verdict]] : []));
+}
+
+// The copies elsewhere. Rejects with Refused where there are none to be made.
+export function offsite(): Promise<Offsite> {
+    return ask(["offsite", "status"], kOffsite);
+}
+
+// The accounts that are gone and can be brought back, each with what from, the newest first.
+export async function gone(): Promise<Gone[]> {
+    return (await ask<{ accounts: Gone[] }>(["account", "restore"], kGone)).accounts;
 }
 
 // What a visitor of each site sees.

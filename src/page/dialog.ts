@@ -1,20 +1,9 @@
 // The dialog of an action: what it takes, the line that does the same by hand, what became of it.
 import { make, type Child } from "./elements";
-import { alert, button, copyable, problemText } from "./parts";
+import { alert, button, copyable, problemText, sameLine } from "./parts";
 import { NoAgent } from "./problem";
 import { _, format } from "./text";
 import type { Action, Field, Tools, Values } from "./tools";
-
-// Words as a shell takes them.
-export function shellLine(argv: string[]): string {
-    return argv.map(word => /^[\w@%+=:,./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`).join(" ");
-}
-
-// The lines of the client that do what an action does.
-export function sameLine(same: string[] | string[][]): string {
-    const lines = (Array.isArray(same[0]) ? same : [same]) as string[][];
-    return lines.map(argv => `corvctl ${shellLine(argv)}`).join(" && ");
-}
 
 type Input = HTMLInputElement | HTMLTextAreaElement | HTMLSelectElement;
 
@@ -32,21 +21,25 @@ function inputOf(field: Field): Input {
     return input;
 }
 
-function lineOf(field: Field, input: Input): HTMLElement {
-    const title = field.must === undefined ? field.title : format(_("To confirm, type $0"), field.must);
-    return make("div", { class: "field" },
-        make("label", { for: `field-${field.name}` }, title),
+// What is to be typed into a field, undefined where that is the reader's choice.
+function mustOf({ must }: Field, values: Values): string | undefined {
+    return typeof must === "function" ? must(values) : must;
+}
+
+function lineOf(field: Field, input: Input, title: HTMLElement): HTMLElement {
+    return make("div", { class: "field" }, title,
         make("span", { class: `pf-v6-c-form-control ${field.kind === "area" ? "pf-m-textarea" : ""}` }, input),
         field.help && make("div", { class: "help", id: `help-${field.name}` }, field.help));
 }
 
-function isComplete(field: Field, value: string): boolean {
-    return field.must === undefined ? Boolean(field.optional) || value.trim() !== "" : value === field.must;
+function isComplete(field: Field, value: string, must: string | undefined): boolean {
+    return must === undefined ? Boolean(field.optional) || value.trim() !== "" : value === must;
 }
 
 export function openDialog(action: Action, tools: Tools) {
     const fields = action.fields ?? [];
     const inputs = fields.map(inputOf);
+    const titles = fields.map(field => make("label", { for: `field-${field.name}` }));
     const values = (): Values => Object.fromEntries(inputs.map(input => [input.name, input.value]));
     const outcome = make("div", { role: "status" });
     const same = make("div", { class: "same" });
@@ -59,7 +52,7 @@ export function openDialog(action: Action, tools: Tools) {
     const close = button(_("Cancel"), () => dialog.close(), { kind: "link", id: "dialog-close" });
     const form = make("form", { method: "dialog", submit: event => { event.preventDefault(); void perform(); }, input: () => look() },
         make("div", { class: "pf-v6-c-modal-box__body" }, ...(action.text ?? []),
-            ...fields.map((field, at) => lineOf(field, inputs[at]!)), same, progress, outcome),
+            ...fields.map((field, at) => lineOf(field, inputs[at]!, titles[at]!)), same, progress, outcome),
         make("footer", { class: "pf-v6-c-modal-box__footer" }, submit, close));
     const dialog = make("dialog", {
         class: "pf-v6-c-modal-box pf-m-sm", id: action.id, "aria-labelledby": "dialog-title",
@@ -73,9 +66,14 @@ export function openDialog(action: Action, tools: Tools) {
         make("h1", { class: "pf-v6-c-modal-box__title", id: "dialog-title" }, action.title)), form);
 
     const look = () => {
-        submit.disabled = !fields.every((field, at) => isComplete(field, inputs[at]!.value));
+        const given = values();
+        fields.forEach((field, at) => {
+            const must = mustOf(field, given);
+            titles[at]!.textContent = must === undefined ? field.title : format(_("To confirm, type $0"), must);
+        });
+        submit.disabled = !fields.every((field, at) => isComplete(field, inputs[at]!.value, mustOf(field, given)));
         same.replaceChildren(make("span", { class: "help" }, _("The same by hand:")), " ",
-            copyable(sameLine(action.same(values()))));
+            copyable(sameLine(action.same(given))));
     };
     const say = (...children: Child[]) => outcome.replaceChildren(...children.filter((child): child is Node => child instanceof Node));
 

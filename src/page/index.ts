@@ -24,6 +24,8 @@ import "./index.css";
 type AnyPage = Page<Record<string, unknown>>;
 
 const kAgainSeconds = 3;
+// Parts that come within so long of each other are drawn together.
+const kTogetherMs = 40;
 
 // The pages by the first word of the address, in the order of the tabs.
 const kTabs: [string, () => string][] = [
@@ -62,6 +64,8 @@ let pending: readonly Pending[] = [];
 let isFull = false;
 let isPressed = false;
 let isOverdue = false;
+let drawn = 0;
+let drawing: ReturnType<typeof setTimeout> | undefined;
 
 const agent = new Agent(now => {
     pending = now;
@@ -85,6 +89,12 @@ const tools: Tools = {
     redraw: () => drawPage(),
 };
 
+// Draws the page now, or with what comes right behind.
+function drawSoon() {
+    clearTimeout(drawing);
+    drawing = setTimeout(drawPage, Math.max(0, drawn + kTogetherMs - performance.now()));
+}
+
 // Draws the page, and gives the focus back to what had it. Not while a button of the mouse is down: what it was pressed on must still
 // be there when it is let go.
 function drawPage() {
@@ -93,11 +103,17 @@ function drawPage() {
     isOverdue = isPressed;
     if (isPressed)
         return;
+    clearTimeout(drawing);
+    drawing = undefined;
+    drawn = performance.now();
+    const scrolled = document.getElementById("scrolled")!;
+    const top = scrolled.scrollTop;
     const active = document.activeElement as HTMLInputElement | null;
     const id = active && content.contains(active) ? active.id : "";
     const [begin, end] = id && active!.type === "text" ? [active!.selectionStart, active!.selectionEnd] : [null, null];
     content.replaceChildren(make("h1", { class: "pf-v6-c-title pf-m-xl", tabindex: -1 }, page.title()),
         ...page.view(data, tools).filter((child): child is Node => child instanceof Node));
+    scrolled.scrollTop = top;
     const now = id ? document.getElementById(id) as HTMLInputElement | null : null;
     now?.focus({ preventScroll: true });
     if (now && begin !== null)
@@ -137,7 +153,7 @@ async function loadPage() {
             problems.push(part.problem);
         if (part && "problem" in part || !sameData(data[name], part)) {
             data = { ...data, [name]: part };
-            drawPage();
+            drawSoon();
         }
     };
     const isLater = ([name]: [string, unknown]) => shown.later?.includes(name) ?? false;
@@ -146,6 +162,8 @@ async function loadPage() {
         await Promise.all(sources.filter(isLater).map(bring));
     if (mine !== load)
         return;
+    if (drawing !== undefined)
+        drawPage();
     content.setAttribute("aria-busy", "false");
     const gone = problems.find(problem => problem instanceof NoAgent);
     if (gone)
@@ -190,6 +208,7 @@ function follow() {
         href: `#/${name}`, class: "tab", ...((path[0] ?? "") === name && { "aria-current": "page" }) }, title())));
     document.title = `${page.title()} - ${_("Hosting")}`;
     void loadPage();
+    document.getElementById("scrolled")!.scrollTop = 0;
 }
 
 followTheme();
@@ -198,7 +217,7 @@ document.addEventListener("DOMContentLoaded", () => {
     document.documentElement.dir = cockpit.language_direction || "ltr";
     document.body.append(make("div", { class: "pf-v6-c-page pf-m-no-sidebar" },
         make("div", { class: "pf-v6-c-page__main-container" },
-            make("main", { class: "pf-v6-c-page__main", tabindex: -1 },
+            make("main", { class: "pf-v6-c-page__main", id: "scrolled", tabindex: -1 },
                 make("section", { class: "pf-v6-c-page__main-section" }, tabs, busy, notices, transferList, content)))));
     setInterval(drawBusy, 1000);
     document.addEventListener("pointerdown", () => press(true), true);

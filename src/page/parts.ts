@@ -1,5 +1,5 @@
 // What pages are put together from, in PatternFly's manner.
-import { make, type Child } from "./elements";
+import { draw, make, type Child } from "./elements";
 import { NoAgent, Refused } from "./problem";
 import { _, format } from "./text";
 
@@ -76,27 +76,6 @@ export function tableRow(names: string[], { key, cells }: Row): HTMLElement {
         }, cell)));
 }
 
-// How many rows are drawn before the reader sees them, and then at a time.
-const kRowsAtOnce = 50;
-const kRowsThen = 250;
-const fillings = new WeakMap<Element, object>();
-
-// Fills a table with rows in place of those that were in it: the first at once, the others while the reader looks already. Each lot is
-// a body of its own, so that the browser does not lay out the ones before it again.
-export function fillRows(whole: HTMLElement, names: string[], rows: (() => Row)[]) {
-    const mine = {};
-    fillings.set(whole, mine);
-    whole.replaceChildren(whole.firstChild!);
-    const fill = (from: number, to: number) => {
-        if (fillings.get(whole) !== mine)
-            return;
-        whole.append(make("tbody", { class: "pf-v6-c-table__tbody" }, ...rows.slice(from, to).map(row => tableRow(names, row()))));
-        if (to < rows.length)
-            setTimeout(() => fill(to, to + kRowsThen));
-    };
-    fill(0, kRowsAtOnce);
-}
-
 // A table; on narrow screens each row becomes a block whose lines carry the names of the columns. A head may be an element of its own.
 export function table(name: string, id: string, heads: (string | [string, Child])[], rows: Row[]): HTMLElement {
     const names = heads.map(head => typeof head === "string" ? head : head[0]);
@@ -119,11 +98,30 @@ export function empty(id: string, title: string, text: string, ...actions: Child
                 make("div", { class: "pf-v6-c-empty-state__actions" }, ...actions))));
 }
 
+const kDisc = "M8 0a8 8 0 1 0 0 16A8 8 0 0 0 8 0z";
+const kIcons: Record<Level, string> = {
+    success: `${kDisc}M6.9 11.6 3.7 8.7 5 7.3l1.7 1.5 4-4.4 1.5 1.3z`, info: `${kDisc}M7 7h2v6H7zM7 3h2v2H7z`,
+    warning: "M8 1 0 15h16zM7 6h2v5H7zM7 12h2v2H7z", danger: `${kDisc}M7 3h2v6H7zM7 11h2v2H7z`,
+};
+
 export function alert(level: Level, title: string, ...more: Child[]): HTMLElement {
     const names: Record<Level, string> = { success: _("Done:"), info: _("Note:"), warning: _("Warning:"), danger: _("Error:") };
     return make("div", { class: `pf-v6-c-alert pf-m-inline pf-m-${level}` },
+        make("div", { class: "pf-v6-c-alert__icon", "aria-hidden": "true" },
+            draw("svg", { viewBox: "0 0 16 16", class: "icon" }, draw("path", { d: kIcons[level], "fill-rule": "evenodd" }))),
         make("p", { class: "pf-v6-c-alert__title" }, make("span", { class: "pf-v6-screen-reader" }, `${names[level]} `), title),
         make("div", { class: "pf-v6-c-alert__description" }, ...more));
+}
+
+// Words as a shell takes them.
+export function shellLine(argv: string[]): string {
+    return argv.map(word => /^[\w@%+=:,./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`).join(" ");
+}
+
+// The lines of the client that do what an action does.
+export function sameLine(same: string[] | string[][]): string {
+    const lines = (Array.isArray(same[0]) ? same : [same]) as string[][];
+    return lines.map(argv => `corvctl ${shellLine(argv)}`).join(" && ");
 }
 
 // A line to be copied.

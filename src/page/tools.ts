@@ -3,6 +3,8 @@ import type { Agent } from "./channel";
 import type { Child } from "./elements";
 import type { Level, Part } from "./parts";
 
+export type Values = Record<string, string>;
+
 export interface Field {
     name: string;
     title: string;
@@ -10,12 +12,10 @@ export interface Field {
     value?: string;
     choices?: [string, string][];
     help?: string;
-    // The text that has to be typed, for what cannot be taken back.
-    must?: string;
+    // The text that has to be typed, for what cannot be taken back; it may depend on what was chosen.
+    must?: string | ((values: Values) => string);
     optional?: boolean;
 }
-
-export type Values = Record<string, string>;
 
 export interface Action {
     id: string;

@@ -1,6 +1,6 @@
 // The list of files on their way: how far each is, how fast, and the way to stop it. It outlives the page that began them.
 import { make } from "./elements";
-import { bar, button, problemText } from "./parts";
+import { bar, button, copyable, problemText, sameLine } from "./parts";
 import { _, bytesText, format } from "./text";
 import { Cancelled, type Gone } from "./transfer";
 
@@ -8,13 +8,16 @@ const kEverySeconds = 0.2;
 
 export const transferList = make("div", { id: "transfers", role: "log", "aria-label": _("Files on their way") });
 
-// Does a piece of work that tells how far it is, as a line of the list. Gives whether it ended well; whoever calls goes on either way.
-export async function follow(name: string, size: number, work: (gone: Gone, signal: AbortSignal) => Promise<void>): Promise<boolean> {
+// Does a piece of work that tells how far it is, as a line of the list with what does the same by hand. Gives whether it ended well;
+// whoever calls goes on either way.
+export async function follow(name: string, size: number, same: string[], work: (gone: Gone, signal: AbortSignal) => Promise<void>): Promise<boolean> {
     const stop = new AbortController();
     const began = performance.now();
     const state = make("span", {});
     const ending = button(_("Cancel"), () => stop.abort(), { kind: "link", label: format(_("Cancel $0"), name) });
-    const line: HTMLElement = make("div", { class: "notice", "data-file": name }, make("span", {}, name), state, ending);
+    const line: HTMLElement = make("div", { class: "notice", "data-file": name }, make("span", {}, name), state, ending,
+        make("details", {}, make("summary", { "aria-label": format(_("The same by hand: $0"), name) }, _("The same by hand:")),
+            copyable(sameLine(same))));
     let shown = -1;
     const gone: Gone = bytes => {
         const seconds = (performance.now() - began) / 1000;

@@ -119,3 +119,15 @@ class Cockpit(Browser):
         """Chooses files for a file field, as the browser's own window for that would."""
         found = self.send("Runtime.evaluate", expression=self.find(selector))["result"]["objectId"]
         self.send("DOM.setFileInputFiles", files=[str(path) for path in paths], objectId=found)
+
+    def drop(self, selector, *paths):
+        """Drags files and folders of this machine over an element, and lets them go there."""
+        self.wait_for(selector)
+        x, y = self.js(f"""(() => {{ const box = {self.find(selector)}.getBoundingClientRect(), outer = {FRAME}.getBoundingClientRect();
+            return [outer.x + box.x + box.width / 2, outer.y + box.y + 10]; }})()""")
+        data = {"items": [], "files": [str(path) for path in paths], "dragOperationsMask": 1}
+        for kind in ("dragEnter", "dragOver", "drop"):
+            self.send("Input.dispatchDragEvent", type=kind, x=x, y=y, data=data)
+
+    def scroll_to_the_end(self):
+        self.js(f"{self.find('#scrolled')}.scrollTop = 1e9")

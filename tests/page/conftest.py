@@ -1,11 +1,13 @@
 """The page in a real browser, in real Cockpit, on one booted host with the real agent; one login for the whole run."""
 
 import hashlib
+import json
 import os
 import pathlib
 import subprocess
 import sys
 import tarfile
+from contextlib import contextmanager
 
 import pytest
 
@@ -46,6 +48,18 @@ def axe():
     assert hashlib.sha256(path.read_bytes()).hexdigest() == expected
     with tarfile.open(path) as archive:
         return archive.extractfile("package/axe.min.js").read().decode()
+
+
+@contextmanager
+def client_that_says(server, reply):
+    """The client replaced by a program that prints a prepared reply."""
+    server.put("/run/reply.json", json.dumps(reply))
+    server.ok(["mv", "/usr/bin/corvctl", "/usr/bin/corvctl.real"])
+    try:
+        server.put("/usr/bin/corvctl", "#!/bin/sh\nexec cat /run/reply.json\n", mode="0755")
+        yield
+    finally:
+        server.ok(["mv", "/usr/bin/corvctl.real", "/usr/bin/corvctl"])
 
 
 @pytest.fixture(scope="session")

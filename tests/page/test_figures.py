@@ -2,45 +2,64 @@
 
 import json
 import time
-from contextlib import contextmanager
 
-from conftest import PASSWORD, RESULTS
-from cockpit import FRAME, Cockpit
+from conftest import PASSWORD, RESULTS, client_that_says
+from cockpit import FRAME, PAGE, Cockpit
 
-# Cockpit's own overview, once it shows what the system is.
-OWN = "document.querySelector('iframe[name=\"cockpit1:localhost/system\"]')?.contentDocument?.querySelector('#system_information_systime_button')?.innerText"
+# Cockpit's own overview and ours, once all that they show is there. Its own first shows what the system is, then what an
+# administrator may do, which takes a program that starts as root, and last how much memory is used.
+SYSTEM = "document.querySelector('iframe[name=\"cockpit1:localhost/system\"]')?.contentDocument"
+OWN = {
+    "shown": f"{SYSTEM}?.querySelector('#system_information_systime_button')?.innerText",
+    "administrator": f"{SYSTEM}?.querySelector('#reboot-button')?.disabled === false",
+    "full": f"/\\d+ [MGT]iB/.test({SYSTEM}?.querySelector('.system-usage')?.innerText)",
+}
+OURS = {
+    "administrator": f"{PAGE}.querySelector('#content h1')",
+    "full": f"{PAGE}.querySelectorAll('.cards .pf-v6-c-card').length === 6 && !{PAGE}.querySelector('.cards .asked')",
+}
+LIMIT_OF_RATIO = 1.3
+
+MEDIAN_THROUGH = f"""(async () => {{
+    const w = {FRAME}.contentWindow, took = [];
+    const channel = w.cockpit.channel({{payload: 'stream', unix: '/run/corvane/agent.sock', superuser: 'require', binary: true}});
+    for (let n = 0; n < 40; ++n) {{
+        const began = performance.now();
+        await new Promise(done => {{
+            channel.addEventListener('message', done, {{once: true}});
+            channel.send(new w.TextEncoder().encode('{{"cmd":"ping"}}\\n'));
+        }});
+        took.push(performance.now() - began);
+    }}
+    channel.close();
+    return took.sort((a, b) => a - b)[20];
+}})()"""
 
 
-def seconds_to(server, path, shown):
+def seconds_to(server, path, states):
+    """After how many seconds from the login each of some states was there."""
     browser = Cockpit(prefix=server._visiting())
     try:
         browser.login("boss", PASSWORD, path=path)
         began = time.monotonic()
-        browser.wait(shown(browser), 60)
-        return time.monotonic() - began
+        after = {}
+        for name, state in states.items():
+            browser.wait(state, 60)
+            after[name] = time.monotonic() - began
+        return after
     finally:
         browser.close()
 
 
-@contextmanager
-def client_that_says(server, reply):
-    """The client replaced by a program that prints a prepared reply."""
-    server.put("/run/reply.json", json.dumps(reply))
-    server.ok(["mv", "/usr/bin/corvctl", "/usr/bin/corvctl.real"])
-    try:
-        server.put("/usr/bin/corvctl", "#!/bin/sh\nexec cat /run/reply.json\n", mode="0755")
-        yield
-    finally:
-        server.ok(["mv", "/usr/bin/corvctl.real", "/usr/bin/corvctl"])
-
-
 def test_the_overview_is_there_about_as_soon_as_cockpits_own(server):
-    full = "{0}.querySelectorAll('.cards .pf-v6-c-card').length === 6 && !{0}.querySelector('.cards .asked')"
-    own = [seconds_to(server, "/system", lambda browser: OWN) for _ in range(2)]
-    ours = [seconds_to(server, "/corvane", lambda browser: full.format(browser.page)) for _ in range(2)]
-    note(own=min(own), ours=min(ours), ratio=min(ours) / min(own))
-    # Half a second more than 1.3 times: what the agent's own programs (apt, ufw) take one after the other is not the page's.
-    assert min(ours) <= 1.3 * min(own) + 0.5
+    pairs = []
+    # Whatever else the machine does comes and goes: the best of up to three.
+    while len(pairs) < 3 and (not pairs or pairs[-1][1]["full"] > LIMIT_OF_RATIO * pairs[-1][0]["full"]):
+        pairs.append((seconds_to(server, "/system", OWN), seconds_to(server, "/corvane", OURS)))
+    own, ours = min(pairs, key=lambda pair: pair[1]["full"] / pair[0]["full"])
+    note(**{f"own_{name}_s": value for name, value in own.items()}, **{f"ours_{name}_s": value for name, value in ours.items()},
+         ratio=ours["full"] / own["full"], ratio_to_administrator=ours["full"] / own["administrator"])
+    assert ours["full"] <= LIMIT_OF_RATIO * own["full"]
 
 
 def test_a_thousand_accounts_are_drawn_at_once(server, page):
@@ -49,6 +68,8 @@ def test_a_thousand_accounts_are_drawn_at_once(server, page):
     with client_that_says(server, {"ok": True, "accounts": accounts}):
         page.visit("services")
         page.visit("accounts")
+        page.wait_for('[data-row="a1"]')
+        page.scroll_to_the_end()
         page.wait_for('[data-row="a999"]')
         # A search that finds nothing, and one that finds all, which draws the whole table.
         page.click(page.find("#search"))
@@ -69,26 +90,21 @@ def test_five_thousand_files_are_drawn_at_once(server, page):
     page.visit("files", "alice", "many")
     page.wait_for('[data-row="file-00001"]')
     first = time.monotonic() - began
-    page.wait_for('[data-row="file-05000"]', 60)
-    note(five_thousand_files_first_s=first, all_s=time.monotonic() - began)
+    later = []
+    # The last rows, and some in the middle, drawn as soon as the reader gets there.
+    for name, share in (("05000", 1), ("02500", 0.5), ("01250", 0.25)):
+        began = time.monotonic()
+        page.js(f"(e => {{ e.scrollTop = e.scrollHeight * {share}; }})({page.find('#scrolled')})")
+        page.wait_for(f'[data-row="file-{name}"]')
+        later.append(time.monotonic() - began)
+    note(five_thousand_files_first_s=first, later_rows_s=max(later))
     assert first <= 5
+    assert max(later) <= 1
 
 
 def test_a_request_through_the_page_costs_little_more_than_the_sockets_own(server, page):
-    through = page.js(f"""(async () => {{
-        const w = {FRAME}.contentWindow, took = [];
-        const channel = w.cockpit.channel({{payload: 'stream', unix: '/run/corvane/agent.sock', superuser: 'require', binary: true}});
-        for (let n = 0; n < 40; ++n) {{
-            const began = performance.now();
-            await new Promise(done => {{
-                channel.addEventListener('message', done, {{once: true}});
-                channel.send(new w.TextEncoder().encode('{{"cmd":"ping"}}\\n'));
-            }});
-            took.push(performance.now() - began);
-        }}
-        channel.close();
-        return took.sort((a, b) => a - b)[20];
-    }})()""")
+    # The best of a few rounds: whatever else the machine does comes and goes.
+    through = min(page.js(MEDIAN_THROUGH) for _ in range(5))
     took = []
     with server.connection() as connection:
         for _ in range(40):
@@ -97,7 +113,7 @@ def test_a_request_through_the_page_costs_little_more_than_the_sockets_own(serve
             server.receive(connection)
             took.append(1000 * (time.monotonic() - began))
     note(through_ms=through, socket_ms=sorted(took)[20])
-    assert through - sorted(took)[20] <= 40
+    assert through - sorted(took)[20] <= 8
 
 
 def note(**figures):

@@ -4,6 +4,8 @@ import hashlib
 import json
 import os
 
+from agents import agent_in_its_place
+from cockpit import FRAME
 from hostfloor import ROOT, Host
 
 LIMIT = 180
@@ -23,16 +25,21 @@ def test_the_overview_tells_how_the_server_is(server, page):
 
 
 def test_the_server_restarts_only_by_its_name(server, page):
-    page.visit()
-    page.click(page.find("#restart-server"))
-    page.wait_for("#restart")
-    page.fill("confirm", "web")
-    assert page.js(f"{page.find('#dialog-do')}.disabled") is True
-    page.fill("confirm", "web1")
-    assert page.js(f"{page.find('#dialog-do')}.disabled") is False
-    assert "corvctl host restart" in page.text("#restart")
-    page.click(page.find("#dialog-close"))
-    page.wait(f"!{page.find('dialog')}")
+    # The agent has systemd restart the host a few seconds later: here only what it asks for is written down.
+    with server.stand_in("systemd-run", 'echo "$*" >/run/asked'):
+        page.visit("services")
+        page.visit()
+        page.click(page.find("#restart-server"))
+        page.wait_for("#restart")
+        page.fill("confirm", "web")
+        assert page.js(f"{page.find('#dialog-do')}.disabled") is True
+        page.fill("confirm", "web1")
+        assert page.js(f"{page.find('#dialog-do')}.disabled") is False
+        assert "corvctl host restart" in page.text("#restart")
+        page.do()
+        assert server.get("/run/asked").endswith("systemctl reboot\n")
+    page.visit("services")
+    page.wait_for("#services")
 
 
 def test_an_account_is_made_suspended_resumed_and_deleted(server, page):
@@ -64,7 +71,7 @@ def test_an_account_is_made_suspended_resumed_and_deleted(server, page):
     page.fill("confirm", "carol")
     said = page.do()
     assert "/var/backups/corvane/carol-" in said
-    page.wait(f"!{page.row('carol')}")
+    page.wait(f"!{page.find('#accounts [data-row=carol]')} && {page.find('#gone [data-row=carol]')}")
     assert server.run(["id", "carol"]).code == 1
 
 
@@ -141,9 +148,9 @@ def test_a_backup_is_made_and_brought_back(server, page):
     restore = page.row(name, "button")
     page.click(restore)
     page.choose("#field-way", "folder")
-    page.fill("folder", "public_html/index.html")
+    page.fill("folder", "public_html")
     page.fill("confirm", "shop")
-    assert f"corvctl backup restore shop {name} files --in-place public_html/index.html" in page.text("#restore")
+    assert f"corvctl backup restore shop {name} files --in-place public_html" in page.text("#restore")
     page.do()
     assert server.get("/home/shop/public_html/index.html") == "the good page"
 
@@ -160,27 +167,51 @@ def test_a_backup_is_made_and_brought_back(server, page):
 
 
 def test_a_backup_is_verified(server, page):
+    # It is verified by itself, as soon as it is made; here it has not been yet.
+    server.ok(["systemctl", "stop", "corv-verify.service"])
+    server.ok(["sh", "-c", "rm -f /var/backups/corvane/auto/*.verified.json"])
+    page.visit("services")
     page.visit("backups")
     name = server.request("backup.status")["backups"][0]["name"]
     page.wait_for_text("Not verified", "#backups")
-    page.click(page.row(name, "button"))
+    page.click(page.row(name, "button[aria-label^='Verify']"))
     assert f"the backup {name} is whole" in page.do(120)
     page.wait(f"!{page.find('#backups')}.innerText.includes('Not verified')")
     page.wait(f"{page.row(name)}.innerText.includes('Whole')")
 
 
+def test_a_backup_is_restored_from_the_list_of_backups(server, page):
+    page.visit("backups")
+    name = server.request("backup.status")["backups"][0]["name"]
+    server.put("/home/alice/public_html/index.html", "made later", owner="alice")
+    page.click(page.row(name, "button[aria-label^='Restore']"))
+    page.choose("#field-account", "alice")
+    page.choose("#field-way", "home")
+    page.fill("confirm", "shop")
+    assert page.js(f"{page.find('#dialog-do')}.disabled") is True
+    page.fill("confirm", "alice")
+    assert f"corvctl backup restore alice {name} files --in-place" in page.text("#restore")
+    page.do()
+    assert server.run(["cat", "/home/alice/public_html/index.html"]).out != "made later"
+
+
 def test_an_account_that_is_gone_is_brought_back(server, page):
-    assert server.request("hosting.create", username="erin", domain="erin.example.org")["ok"]
+    made = server.request("hosting.create", username="erin", domain="erin.example.org")
     server.put("/home/erin/public_html/index.html", "erin's page", owner="erin")
     server.ok(["corvctl", "backup", "start", "--wait"])
-    assert server.request("hosting.delete", username="erin", confirm="erin")["ok"]
-    page.visit("accounts")
+    server.ok(["corvctl", "account", "delete", "erin", "--confirm", "erin"])
     page.visit("backups")
+    page.visit("accounts")
     page.press_button("Bring erin back")
+    sources = page.js(f"Array.from({page.find('#field-from')}.options, one => one.value)")
+    assert sources == [one["from"] for one in json.loads(server.ok(["corvctl", "--json", "account", "restore", "erin"]))["sources"]]
+    assert [source.startswith("erin-") for source in sources] == [True, False]
+    assert f"corvctl account restore erin --from {sources[0]}" in page.text("#undelete")
     page.fill("confirm", "erin")
     page.do(120)
     assert server.get("/home/erin/public_html/index.html") == "erin's page"
-    page.wait(f"!{page.row('erin')}")
+    assert server.sql("SELECT 1", database="erin", role="erin", password=made["dbPassword"]).out == "1\n"
+    page.wait(f"{page.find('#accounts')} && {page.row('erin')} && !{page.find('#gone [data-row=erin]')}")
 
 
 def test_backups_are_copied_and_fetched_off_site(server, page):
@@ -270,6 +301,56 @@ def test_files_travel_both_ways(server, page, tmp_path):
     server.wait_for(lambda: server.run(["ls", "-A", "/var/lib/corvane/transfer"]).out == "", "an empty transfer folder")
 
 
+def test_several_files_and_folders_are_dropped(server, page, tmp_path):
+    for path in ("site/index.html", "site/img/a b.png", "site/img/deep/c.txt", "one.txt", "two.txt"):
+        (tmp_path / path).parent.mkdir(parents=True, exist_ok=True)
+        (tmp_path / path).write_text(path)
+    page.visit("files", "alice")
+    page.wait_for("#drop")
+    page.drop("#drop", tmp_path / "site", tmp_path / "one.txt", tmp_path / "two.txt")
+    page.wait(f"{page.row('site')} && {page.row('two.txt')}", 60)
+    page.wait(f"!{page.find('#transfers [data-file]')}", 60)
+    for path in ("site/index.html", "site/img/a b.png", "site/img/deep/c.txt", "one.txt", "two.txt"):
+        assert server.get(f"/home/alice/{path}") == path
+    assert server.run(["stat", "-c", "%U", "/home/alice/site/img/deep"]).out == "alice\n"
+
+    # What is there already is replaced only when that was said.
+    (tmp_path / "one.txt").write_text("one again")
+    page.drop("#drop", tmp_path / "one.txt")
+    page.wait_for("#replace")
+    assert server.get("/home/alice/one.txt") == "one.txt"
+    page.do()
+    server.wait_for(lambda: server.get("/home/alice/one.txt") == "one again", "the replaced file")
+
+
+def test_files_are_found_and_reached_by_the_keyboard(server, page):
+    page.visit("files", "alice")
+    page.wait_for('[data-row="two.txt"]')
+    page.click(page.find("#search"))
+    page.type("ONE.t")
+    page.wait(f"{page.page}.querySelectorAll('#files [data-row]').length === 1")
+    page.js(f"{page.find('#search')}.select()")
+    page.type(".txt")
+    page.wait(f"{page.row('two.txt')}")
+    page.js(f"{page.row('one.txt', 'button')}.focus()")
+    page.press("ArrowDown", 40)
+    focused = f"{page.page}.activeElement.closest('[data-row]').dataset.row"
+    below = page.js(focused)
+    assert below != "one.txt"
+    page.press("ArrowUp", 38)
+    assert page.js(focused) == "one.txt"
+    page.press("F2", 113)
+    page.wait_for("#rename")
+    page.press("Escape", 27)
+    page.wait(f"!{page.find('dialog')}")
+    assert page.js(focused) == "one.txt"
+    page.press("Delete", 46)
+    page.wait_for("#delete-file")
+    assert "corvctl file rm alice one.txt" in page.text("#delete-file")
+    page.press("Escape", 27)
+    page.wait(f"!{page.find('dialog')}")
+
+
 def test_an_upload_is_cancelled(server, page, tmp_path):
     large = tmp_path / "large.bin"
     large.write_bytes(b"")
@@ -293,6 +374,20 @@ def test_services_restart_and_quotas_say_why_not(server, page):
     page.do()
     server.wait_for(lambda: server.main_process("apache2") not in ("0", before), "Apache's restart")
     page.wait_for_text(server.request("quota.status")["reason"])
+
+
+def test_quotas_are_switched_on(server, page):
+    # No file system of such a host has quotas: the agent's replies are those of one that has.
+    state = {"ok": True, "mount": "/", "device": "/dev/vda1", "fsType": "ext4", "supported": True, "enabled": False, "reason": ""}
+    whole = server.request("quota.status")
+    with agent_in_its_place(server, {"quota.status": {**whole, **{name: value for name, value in state.items() if name in whole}},
+                                     "quota.enable": {"ok": True}, "services.status": server.request("services.status")}) as asked:
+        page.visit("updates")
+        page.visit("services")
+        page.click(page.find("#quotas-on"))
+        assert "corvctl quota enable" in page.text("#quotas")
+        page.do()
+        assert {"cmd": "quota.enable", "args": {}} in asked()
 
 
 def test_the_firewall_keeps_the_door_open_through_which_one_came(server, page):
@@ -331,6 +426,12 @@ def test_a_ban_is_seen_and_lifted(server, page):
     page.do()
     page.wait_for_text("Nobody is banned")
     assert "192.0.2.7" not in server.ok(["fail2ban-client", "status", "sshd"])
+    page.click(page.find("#ban-one"))
+    page.fill("address", "192.0.2.8")
+    page.choose("#field-jail", "sshd")
+    page.do()
+    page.wait_for_text("192.0.2.8", "#banned")
+    server.ok(["corvctl", "ban", "lift", "sshd", "192.0.2.8"])
 
 
 def test_the_documented_jail_counts_failed_logins_at_this_page(server, page):
@@ -357,6 +458,16 @@ def test_updates_are_looked_for_and_installed(server, page):
     page.wait_for_text("Nothing waits", patience=120)
     assert server.ok(["dpkg-query", "-W", "-f=${Version}", "page-one"]) == "2.0"
     page.wait_for("#content .log")
+
+    # The log of an installation that still runs is there after a reload, too.
+    whole = server.request("updates.status")
+    with agent_in_its_place(server, {"updates.status": {**whole, "running": True, "log": "Unpacking page-one\n"}}):
+        page.js(f"{FRAME}.contentWindow.location.reload()")
+        page.forget_frames()
+        page.wait_for_text("Unpacking page-one", "#content .log")
+        page.wait_for_text("Being installed")
+    page.js(f"{FRAME}.contentWindow.location.reload()")
+    page.wait_for("#packages, #automatic-updates")
 
     # The package that installs security updates switches them on when it comes.
     assert server.request("updates.status")["automatic"] is True

@@ -1,12 +1,13 @@
 // One account: how it is, who gets in, its database, its backups and their way back.
-import { account, run, sites, type Shown, type Site } from "../client";
+import { account, sites, type Shown, type Site } from "../client";
 import { make, type Child } from "../elements";
-import { alert, bar, button, card, cards, copyable, facts, label, link, log, shown, table } from "../parts";
+import { alert, bar, button, card, cards, facts, label, link, shown, table } from "../parts";
 import { plot, type Point } from "../plot";
 import type { Replies } from "../protocol";
 import { _, backupText, bytesText, format, timeText } from "../text";
 import type { Action, Page, Tools } from "../tools";
 import { deleteAction, resetAction, resumeAction, stateLabel, suspendAction } from "./accounts";
+import { restoreAction } from "./restoring";
 
 type Backups = Replies["backup.status"];
 export interface Data { account: Shown; sites: Site[]; backups: Backups; keys: Replies["hosting.getKeys"] }
@@ -49,41 +50,6 @@ function limitAction(username: string, bytes: number | undefined, tools: Tools):
             if (!Number.isInteger(limit) || limit < 0)
                 throw new Error(_("The limit is a whole number."));
             await tools.agent.request("quota.set", { username, mb: limit });
-        },
-    };
-}
-
-const kWays = ["beside", "folder", "home", "database"];
-
-function sameRestore(username: string, way: string, backup: string, folder: string): string[] {
-    const begin = ["backup", "restore", username, backup];
-    if (way === "database" || way === "beside")
-        return [...begin, way === "database" ? "database" : "files"];
-    return [...begin, "files", "--in-place", ...(way === "folder" ? [folder || "public_html"] : [])];
-}
-
-function restoreAction(username: string, backup: string, tools: Tools): Action {
-    const names: Record<string, string> = {
-        beside: _("Files, into a new folder beside the present ones"), folder: _("One file or folder, in place"),
-        home: _("The whole home, in place"), database: _("The database, in place of the present one"),
-    };
-    return {
-        id: "restore", title: format(_("Restore $0 from $1"), username, backupText(backup)), does: _("Restore"), danger: true,
-        text: [make("p", {}, _("What is replaced in place is kept beside it; the present database is not."))],
-        fields: [
-            { name: "way", title: _("What"), kind: "choice", value: "beside", choices: kWays.map(way => [way, names[way]!]) },
-            { name: "folder", title: _("File or folder (for one in place)"), value: "public_html", optional: true },
-            { name: "confirm", title: "", must: username },
-        ],
-        same: ({ way = "", folder = "" }) => sameRestore(username, way, backup, folder),
-        run: async ({ way = "", folder = "" }, progress) => {
-            if (way === "beside" || way === "database") {
-                const done = await tools.agent.request("backup.restore", { username, backup, what: way === "database" ? "database" : "files" });
-                return done.restoredTo ? [make("p", {}, _("The files are in:")), copyable(done.restoredTo)] : undefined;
-            }
-            // The dialog has the name typed, so that the client need not ask for it.
-            const said = await run([...sameRestore(username, way, backup, folder), "--confirm", username], progress);
-            return [log(_("What it says"), said)];
         },
     };
 }
@@ -133,12 +99,12 @@ function backupsOf(username: string, status: Backups, tools: Tools): Child[] {
     return [
         plot(format(_("Growth of $0"), username), [
             { name: _("Home"), points: growth(status, username, "homeBytes") },
-            { name: _("Database"), points: growth(status, username, "dbBytes") }]),
+            { name: _("Database"), points: growth(status, username, "dbBytes") }], bytesText),
         table(_("Backups of the account"), "account-backups", [_("Backup"), _("Home"), _("Database"), ""], mine.map(({ name, accounts = [] }) => {
             const one = accounts.find(account => account.username === username);
             return { key: name, cells: [backupText(name), one?.homeBytes === undefined ? "-" : bytesText(one.homeBytes),
                 one?.dbBytes === undefined ? "-" : bytesText(one.dbBytes),
-                button(_("Restore…"), () => tools.act(restoreAction(username, name, tools)),
+                button(_("Restore…"), () => tools.act(restoreAction([username], name, tools)),
                     { kind: "link", label: format(_("Restore from $0"), backupText(name)) })] };
         })),
     ];

@@ -1,12 +1,14 @@
 // All accounts: found, sorted, filtered; made, taken off-line and back, deleted.
-import { accounts, type Account } from "../client";
+import { accounts, gone, type Account, type Gone } from "../client";
 import { make, type Child } from "../elements";
-import { bar, button, copyable, empty, label, fillRows, link, shown, table, type Part, type Row } from "../parts";
+import { fillRows } from "../longtable";
+import { bar, button, card, copyable, empty, label, link, shown, table, type Part, type Row } from "../parts";
+import type { Replies } from "../protocol";
 import { _, backupText, bytesText, format, plural } from "../text";
 import type { Action, Page, Tools } from "../tools";
-import type { Replies } from "../protocol";
+import { goneTable } from "./restoring";
 
-interface Data { accounts: Account[]; backups: Replies["backup.status"] }
+interface Data { accounts: Account[]; backups: Replies["backup.status"]; gone: Gone[] }
 
 // What the reader looks for; it outlives a load of the page.
 export const wished = { text: "", state: "", by: "username" as "username" | "domain" | "state" | "usedBytes" };
@@ -159,6 +161,10 @@ function list(all: Account[], backups: Part<Replies["backup.status"]>, tools: To
 
 export const accountsPage: Page<Data> = {
     title: () => _("Hosting accounts"),
-    sources: ({ agent }) => ({ accounts, backups: () => agent.request("backup.status", {}) }),
-    view: (data, tools) => shown(data.accounts, all => list(all, data.backups, tools)),
+    sources: ({ agent }) => ({ accounts, backups: () => agent.request("backup.status", {}), gone }),
+    // It looks through all backups.
+    later: ["gone"],
+    view: (data, tools) => [
+        ...shown(data.accounts, all => list(all, data.backups, tools)),
+        card(_("Deleted accounts"), shown(data.gone, all => goneTable(all, tools)), [copyable("corvctl account restore")])],
 };

@@ -1,28 +1,22 @@
 // The backups that there are, how they went, and what becomes of them elsewhere.
-import { accounts, ask, run, verdicts, type Account, type Verdict } from "../client";
+import { offsite, run, verdicts, type Offsite, type Verdict } from "../client";
 import { make, type Child } from "../elements";
 import { alert, bar, button, card, cards, facts, label, log, shown, table, type Part } from "../parts";
 import { plot, type Point } from "../plot";
-import type { Replies, Shape } from "../protocol";
+import type { Replies } from "../protocol";
 import { _, agoText, backupText, bytesText, format, plural, spanText, timeText } from "../text";
 import type { Action, Page, Tools } from "../tools";
+import { restoreAction } from "./restoring";
 
 type Status = Replies["backup.status"];
 
-export interface Offsite {
-    repository: string;
-    state: { copied: string; copiedAt: number; checkedAt: number; checkProblem: string; problems: string[] };
-}
-
 type Verdicts = Map<string, Verdict>;
-export interface Data { backups: Status; offsite: Offsite; accounts: Account[]; verdicts: Verdicts }
+export interface Data { backups: Status; offsite: Offsite; verdicts: Verdicts }
 
-const kOffsite: Shape = {
-    repository: "string",
-    state: { copied: "string", copiedAt: "integer", checkedAt: "integer", checkProblem: "string", problems: ["string"] },
-};
 const kDaySeconds = 86400;
 const kLiveSeconds = 2;
+const kStartTries = 20;
+const kStartMs = 250;
 
 // The backups' sizes, oldest first; those with problems marked, and a mark on the ground for each day without one.
 export function sizes({ backups }: Status): Point[] {
@@ -38,27 +32,22 @@ export function sizes({ backups }: Status): Point[] {
     return points;
 }
 
-// Accounts that backups hold and the server does not, each with the newest backup that does.
-export function gone({ backups }: Status, present: readonly Account[]): [string, string][] {
-    const names = new Set(present.map(({ username }) => username));
-    const found: [string, string][] = [];
-    for (const { name, accounts = [] } of backups) {
-        for (const { username } of accounts) {
-            if (username && !names.has(username)) {
-                names.add(username);
-                found.push([username, name]);
-            }
-        }
-    }
-    return found;
+// Whether a backup that was asked for has begun, or even ended: systemd starts it in its own time.
+async function hasBegun(agent: Tools["agent"], before: Status): Promise<boolean> {
+    const now = await agent.request("backup.status", {});
+    return now.running || now.backups[0]?.name !== before.backups[0]?.name || now.log !== before.log;
 }
 
-function startAction(tools: Tools): Action {
+function startAction(status: Status, tools: Tools): Action {
     return {
         id: "start", title: _("Make a backup now"), does: _("Start"),
         text: [make("p", {}, _("All accounts are saved, one after the other; the page shows how far it is."))],
         same: () => ["backup", "start", "--wait"],
-        run: async () => { await tools.agent.request("backup.start", {}); },
+        run: async () => {
+            await tools.agent.request("backup.start", {});
+            for (let tries = 0; tries < kStartTries && !await hasBegun(tools.agent, status); ++tries)
+                await new Promise(done => setTimeout(done, kStartMs));
+        },
     };
 }
 
@@ -68,17 +57,6 @@ function verifyAction(backup: string): Action {
         text: [make("p", {}, _("Each archive and each dump is read to its end."))],
         same: () => ["backup", "verify", backup],
         run: async (_values, progress) => [log(_("What it says"), await run(["backup", "verify", backup], progress))],
-    };
-}
-
-function undeleteAction(username: string, backup: string): Action {
-    return {
-        id: "undelete", title: format(_("Bring $0 back"), username), does: _("Bring it back"),
-        text: [make("p", {}, format(_("Files, database and settings as they were in the backup of $0."), backupText(backup)))],
-        fields: [{ name: "confirm", title: "", must: username }],
-        same: () => ["account", "restore", username, "--from", backup],
-        run: async (_values, progress) => [log(_("What it says"),
-            await run(["account", "restore", username, "--from", backup, "--confirm", username], progress))],
     };
 }
 
@@ -108,16 +86,21 @@ function stateCard(status: Status, tools: Tools): HTMLElement {
             [_("Kept for"), plural("$0 day", "$0 days", keepDays)],
             [_("Disk"), freeBytes < 0 ? "-" : bar(1 - freeBytes / totalBytes, format(_("$0 of $1 free"), bytesText(freeBytes), bytesText(totalBytes)))]),
         running && log(_("Log of the backup"), status.log),
-    ], [button(_("Make a backup now"), () => tools.act(startAction(tools)), { kind: "primary", id: "start-backup", disabled: running })]);
+    ], [button(_("Make a backup now"), () => tools.act(startAction(status, tools)), { kind: "primary", id: "start-backup", disabled: running })]);
 }
 
-function offsiteCard({ repository, state }: Offsite, tools: Tools): HTMLElement {
+// Problems of the copies elsewhere, of the last copy and of the last check.
+export function offsiteProblems({ state }: Offsite): string[] {
+    return [...state.problems, state.checkProblem].filter(problem => problem !== "");
+}
+
+function offsiteCard(offsite: Offsite, tools: Tools): HTMLElement {
+    const { repository, state } = offsite;
     const when = (seconds: number) => seconds > 0 ? timeText(seconds) : _("never");
-    const problems = [...state.problems, state.checkProblem].filter(problem => problem !== "");
     return card(_("Off-site"), [
         facts([_("Place"), make("code", {}, repository)], [_("Newest there"), state.copied ? backupText(state.copied) : _("None")],
             [_("Copied"), when(state.copiedAt)], [_("Checked"), when(state.checkedAt)]),
-        ...problems.map(problem => alert("danger", problem)),
+        ...offsiteProblems(offsite).map(problem => alert("danger", problem)),
     ], [button(_("Copy now"), () => tools.act(kCopyNow())), button(_("Fetch…"), () => tools.act(fetchAction()), { id: "fetch-offsite" })]);
 }
 
@@ -132,37 +115,41 @@ export function verdictOf(name: string, verdicts: Part<Verdicts>): Child {
         : make("ul", {}, ...verdict.faults.map(fault => make("li", {}, fault)));
 }
 
+// How long each took that tells it, the oldest first.
+export function durations({ backups }: Status): Point[] {
+    return backups.flatMap(({ created, seconds }) => created === undefined || seconds === undefined ? [] : [{ at: created, value: seconds }]).reverse();
+}
+
 function list(status: Status, verdicts: Part<Verdicts>, tools: Tools): Child[] {
     if (status.backups.length === 0)
         return [alert("warning", _("There is no backup"))];
-    return [plot(_("Sizes of the backups"), [{ name: _("Size"), points: sizes(status) }]),
+    return [cards(
+        plot(_("Sizes of the backups"), [{ name: _("Size"), points: sizes(status) }], bytesText),
+        plot(_("How long the backups took"), [{ name: _("Took"), points: durations(status) }], spanText)),
         table(_("Backups"), "backups", [_("Backup"), _("Size"), _("Took"), _("Accounts"), _("Problems"), _("Verified"), ""], status.backups.map(one => ({
             key: one.name, cells: [backupText(one.name), bytesText(one.bytes), one.seconds === undefined ? "-" : spanText(one.seconds),
                 one.accounts ? String(one.accounts.length) : "-",
                 one.errors?.length ? make("ul", {}, ...one.errors.map(error => make("li", {}, error))) : label(_("None"), "success"),
                 verdictOf(one.name, verdicts),
-                button(_("Verify"), () => tools.act(verifyAction(one.name)), { kind: "link", label: format(_("Verify $0"), backupText(one.name)) })],
+                make("span", { class: "row-actions" },
+                    button(_("Verify"), () => tools.act(verifyAction(one.name)), { kind: "link", label: format(_("Verify $0"), backupText(one.name)) }),
+                    one.accounts && one.accounts.length > 0 && button(_("Restore…"), () => tools.act(restoreAction(
+                        one.accounts!.flatMap(({ username }) => username ?? []).sort(), one.name, tools)),
+                    { kind: "link", label: format(_("Restore from $0"), backupText(one.name)) }))],
         })))];
-}
-
-function goneCard(found: [string, string][], tools: Tools): HTMLElement | null {
-    return found.length === 0 ? null : card(_("Accounts that are gone"), [table(_("Accounts that are gone"), "gone",
-        [_("Account"), _("Newest backup"), ""], found.map(([username, backup]) => ({ key: username, cells: [username, backupText(backup),
-            button(_("Bring back…"), () => tools.act(undeleteAction(username, backup)), { kind: "link", label: format(_("Bring $0 back"), username) })] })))]);
 }
 
 export const backupsPage: Page<Data> = {
     title: () => _("Backups"),
     sources: ({ agent }) => ({
-        backups: () => agent.request("backup.status", {}), accounts, verdicts, offsite: () => ask<Offsite>(["offsite", "status"], kOffsite),
+        backups: () => agent.request("backup.status", {}), verdicts, offsite,
     }),
-    view: ({ backups, offsite, accounts, verdicts }, tools) => [
+    view: ({ backups, offsite, verdicts }, tools) => [
         cards(...shown(backups, status => [stateCard(status, tools)]),
             ...(offsite && "here" in offsite ? [offsiteCard(offsite.here, tools)]
                 : [card(_("Off-site"), offsite ? [make("p", {}, _("No copies are made elsewhere, as far as this server tells:")),
                     make("p", { class: "help" }, offsite.problem.message)] : [_("Asking…")])])),
         card(_("Backups"), shown(backups, status => list(status, verdicts, tools))),
-        backups && "here" in backups && accounts && "here" in accounts ? goneCard(gone(backups.here, accounts.here), tools) : null,
     ],
     again: ({ backups }) => backups && "here" in backups && backups.here.running ? kLiveSeconds : null,
 };

@@ -1,4 +1,5 @@
 // The firewall, and who is banned. Whoever looks at this page came in by a port: what would shut it is refused.
+import { run } from "../client";
 import { make, type Child } from "../elements";
 import { alert, button, card, cards, facts, label, shown, table } from "../parts";
 import { Refused } from "../problem";
@@ -139,6 +140,17 @@ function banAction(tools: Tools): Action {
     };
 }
 
+function banAddressAction(jails: string[]): Action {
+    return {
+        id: "ban-address", title: _("Ban an address"), does: _("Ban"),
+        text: [make("p", {}, _("It is shut out of the jail's ports until the jail's time is over."))],
+        fields: [{ name: "address", title: _("Address") },
+            { name: "jail", title: _("Jail"), kind: "choice", value: jails[0]!, choices: jails.map((name): [string, string] => [name, name]) }],
+        same: ({ address, jail = "" }) => ["ban", "add", address?.trim() || "ADDRESS", "--jail", jail],
+        run: async ({ address = "", jail = "" }) => { await run(["ban", "add", address.trim(), "--jail", jail]); },
+    };
+}
+
 function liftAction(jail: string, ip: string, tools: Tools): Action {
     return {
         id: "lift", title: format(_("Lift the ban of $0"), ip), does: _("Lift"),
@@ -156,7 +168,10 @@ function bansCard({ installed, running, jails = [] }: Fail2ban, tools: Tools): H
             jails.map(jail => ({ key: jail.name, cells: [jail.name, String(jail.failed), String(jail.banned.length), String(jail.totalBanned)] }))),
         banned.length > 0 ? table(_("Banned addresses"), "banned", [_("Address"), _("Jail"), ""], banned)
             : running && alert("info", _("Nobody is banned")),
-    ], [!running && button(_("Switch on"), () => tools.act(banAction(tools)), { kind: "primary", id: "bans-on" })]);
+    ], [
+        jails.length > 0 && button(_("Ban an address…"), () => tools.act(banAddressAction(jails.map(({ name }) => name))), { id: "ban-one" }),
+        !running && button(_("Switch on"), () => tools.act(banAction(tools)), { kind: "primary", id: "bans-on" }),
+    ]);
 }
 
 export const firewallPage: Page<Data> = {

@@ -1,16 +1,17 @@
 // How the server is, at a glance: what needs attention first, then each part with the way to it.
-import { accounts, doctor, sites, verdicts, type Account, type Doctor, type Site, type Verdict } from "../client";
+import { accounts, doctor, offsite, sites, verdicts, type Account, type Doctor, type Offsite, type Site, type Verdict } from "../client";
 import { make, type Child } from "../elements";
-import { alert, bar, button, card, cards, copyable, facts, label, link, shown, table, type Level, type Part } from "../parts";
+import { alert, bar, button, card, cards, copyable, facts, label, link, problemText, shown, table, type Level, type Part } from "../parts";
+import { Refused } from "../problem";
 import type { Replies } from "../protocol";
 import { _, agoText, backupText, bytesText, format, plural, spanText } from "../text";
 import type { Action, Page, Parts, Tools } from "../tools";
-import { verdictOf } from "./backups";
+import { offsiteProblems, verdictOf } from "./backups";
 
 export interface Data {
     info: Replies["system.info"]; disks: Replies["system.disks"]; services: Replies["services.status"];
     security: Replies["security.status"]; updates: Replies["updates.status"]; backups: Replies["backup.status"];
-    accounts: Account[]; sites: Site[]; doctor: Doctor; verdicts: Map<string, Verdict>;
+    accounts: Account[]; sites: Site[]; doctor: Doctor; verdicts: Map<string, Verdict>; offsite: Offsite;
 }
 
 const kOldBackupSeconds = 36 * 3600;
@@ -50,6 +51,10 @@ export function concerns(data: Parts<Data>, now = Date.now() / 1000): [Level, st
             if (faults.length > 0)
                 found.push(["danger", format(_("The backup of $0 is not whole"), backupText(name)), "backups"]);
         }
+    });
+    look(data.offsite, copies => {
+        for (const problem of offsiteProblems(copies))
+            found.push(["danger", format(_("Off-site: $0"), problem), "backups"]);
     });
     look(data.updates, ({ security, rebootRequired }) => {
         if (security > 0)
@@ -119,19 +124,25 @@ function accountsCard(all: Account[]): Child[] {
             [username, usedBytes === undefined ? "-" : bar(usedBytes / most, bytesText(usedBytes), "info")]))];
 }
 
-// The copies elsewhere are the examination's to know.
-function backupsCard({ backups, running, next, freeBytes }: Data["backups"], { doctor: examined, verdicts }: Parts<Data>): Child[] {
+function offsiteText(newest: string | undefined, copies: Part<Offsite>): Child[] {
+    if (copies === null)
+        return ["…"];
+    if ("problem" in copies)
+        return copies.problem instanceof Refused ? [label(_("No copies elsewhere"), "none")] : [problemText(copies.problem)];
+    const { copied } = copies.here.state;
+    return [copied === "" ? label(_("Nothing yet"), "warning") : copied === newest ? label(_("Copied"), "success")
+        : label(format(_("Up to $0"), backupText(copied)), "warning")];
+}
+
+function backupsCard({ backups, running, next, freeBytes }: Data["backups"], { verdicts, offsite }: Parts<Data>): Child[] {
     const [newest] = backups;
     return [facts(
         [_("Last"), newest ? backupText(newest.name) : _("None"), " ",
             running ? label(_("One is being made"), "info") : newest && (newest.errors?.length ? label(_("With problems"), "danger") : label(_("Whole"), "success"))],
         [_("Verified"), newest ? verdictOf(newest.name, verdicts) : "-"],
+        [_("Off-site"), ...offsiteText(newest?.name, offsite)],
         [_("Next"), next || label(_("None planned"), "warning")],
-        [_("Free there"), freeBytes < 0 ? "-" : bytesText(freeBytes)],
-        [_("Off-site"), ...examined === null ? ["…"] : shown(examined, ({ checks }) => {
-            const offsite = checks.find(({ check }) => check === "off-site");
-            return offsite ? [offsite.seen, " ", offsite.findings.length > 0 && label(_("With problems"), "danger")] : [_("No copies")];
-        })])];
+        [_("Free there"), freeBytes < 0 ? "-" : bytesText(freeBytes)])];
 }
 
 function securityCard({ firewall, fail2ban }: Data["security"]): Child[] {
@@ -167,10 +178,10 @@ export const overviewPage: Page<Data> = {
         info: () => agent.request("system.info", {}), disks: () => agent.request("system.disks", {}),
         services: () => agent.request("services.status", {}), backups: () => agent.request("backup.status", {}),
         security: () => agent.request("security.status", {}), updates: () => agent.request("updates.status", {}),
-        accounts, sites, doctor, verdicts,
+        accounts, sites, doctor, verdicts, offsite,
     }),
     // They ask the agent for much of this once more, and take seconds: they come when the reader has something to look at.
-    later: ["verdicts", "sites", "doctor"],
+    later: ["verdicts", "offsite", "sites", "doctor"],
     view: (data, tools) => [
         verdict(data),
         cards(

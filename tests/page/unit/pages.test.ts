@@ -2,15 +2,16 @@ import { FakeElement, programs, spawned, type FakeNode } from "./dom";
 import assert from "node:assert/strict";
 import test from "node:test";
 import { accounts, doctor, run } from "../../../src/page/client";
-import { sameLine, shellLine } from "../../../src/page/dialog";
 import { make } from "../../../src/page/elements";
 import { growth } from "../../../src/page/pages/account";
 import { accountsPage, chosen, lastBackups, wished } from "../../../src/page/pages/accounts";
-import { gone, sizes } from "../../../src/page/pages/backups";
-import { lineEnd, modeText, pathOf } from "../../../src/page/pages/files";
+import { durations, sizes } from "../../../src/page/pages/backups";
+import { lineEnd, pathOf } from "../../../src/page/pages/fileactions";
+import { modeText } from "../../../src/page/pages/files";
 import { keepsPage, opens, ownPort } from "../../../src/page/pages/firewall";
+import { restoreAction, undeleteAction } from "../../../src/page/pages/restoring";
 import { concerns, overviewPage, type Data } from "../../../src/page/pages/overview";
-import { lastStates, problemText } from "../../../src/page/parts";
+import { lastStates, problemText, sameLine, shellLine } from "../../../src/page/parts";
 import { pendingText } from "../../../src/page/pending";
 import { place } from "../../../src/page/plot";
 import { NoAgent, Refused } from "../../../src/page/problem";
@@ -36,7 +37,7 @@ test("text stays text, and no attribute becomes a script", () => {
 
 test("an account whose names are an attack is drawn as text", () => {
     const attack = "<script>alert(1)</script>";
-    const page = accountsPage.view({ accounts: { here: [{ username: attack, domain: attack, state: attack }] }, backups: null }, tools);
+    const page = accountsPage.view({ accounts: { here: [{ username: attack, domain: attack, state: attack }] }, backups: null, gone: { here: [{ username: attack, domain: attack, sources: [] }] } }, tools);
     const root = new FakeElement("div");
     root.append(...page as never as FakeNode[]);
     assert.ok(root.textContent.includes(attack));
@@ -61,13 +62,17 @@ test("accounts are found, filtered and sorted", () => {
 test("the newest backup of an account counts", () => {
     const status = backups({ name: "2", bytes: 1, accounts: [{ username: "shop" }] }, { name: "1", bytes: 1, accounts: [{ username: "shop" }, { username: "old" }] });
     assert.deepEqual([...lastBackups(status)], [["shop", "2"], ["old", "1"]]);
-    assert.deepEqual(gone(status, [{ username: "shop", domain: "", state: "" }]), [["old", "1"]]);
 });
 
 test("a backup that is missing or has problems is marked, and none is made up", () => {
     const day = 86400;
     const status = backups({ name: "c", bytes: 7, created: 3 * day, errors: [] }, { name: "b", bytes: 1 }, { name: "a", bytes: 5, created: day, errors: ["x"] });
     assert.deepEqual(sizes(status), [{ at: day, value: 5, mark: "with problems" }, { at: 2 * day, value: 0, mark: "no backup" }, { at: 3 * day, value: 7 }]);
+});
+
+test("the time that backups took is drawn where it is told", () => {
+    const status = backups({ name: "c", bytes: 7, created: 30, seconds: 9 }, { name: "b", bytes: 1, created: 20 }, { name: "a", bytes: 5, created: 10, seconds: 4 });
+    assert.deepEqual(durations(status), [{ at: 10, value: 4 }, { at: 30, value: 9 }]);
 });
 
 test("an account grows by what the manifests tell", () => {
@@ -89,7 +94,7 @@ test("a server without a fault is well only when all of it was seen", () => {
         security: { here: { firewall: { ok: true, installed: true, sshPort: "22", active: true }, fail2ban: { ok: true, installed: false } } },
         updates: null, backups: { here: backups({ name: "a", bytes: 1, created: kNow }) }, accounts: null, sites: { here: [] },
         verdicts: { here: new Map([["a", { checked: kNow, faults: [] }]]) },
-        doctor: { here: { host: "w", faults: 0, notes: 0, checks: [] } },
+        doctor: { here: { host: "w", faults: 0, notes: 0, checks: [] } }, offsite: { problem: new Refused("no off-site place is set up") },
     } as Parts<Data>;
     assert.deepEqual(concerns(well, kNow), []);
     assert.match(words(overviewPage.view(well, tools)), /still looking|needs attention/);
@@ -105,11 +110,13 @@ test("each thing that needs attention is a sentence with the way to it", () => {
         sites: { here: [{ site: "s", host: "shop.example", port: 80, seen: "error", what: "500" }, { site: "t", host: "b", port: 80, seen: "suspended" }] },
         verdicts: { here: new Map([["2026-11-22_031500", { checked: kNow, faults: ["cut"] }]]) },
         doctor: { here: { host: "w", faults: 1, notes: 0, checks: [] } },
+        offsite: { here: { repository: "/b", state: { copied: "", copiedAt: 0, checkedAt: 0, checkProblem: "a pack is damaged", problems: ["no way there"] } } },
     } as Parts<Data>;
     assert.deepEqual(concerns(sick, kNow), [
         ["danger", "The service apache2 does not run", "services"], ["danger", "The disk /home is nearly full", ""],
         ["danger", "The last backup has 2 problems", "backups"], ["warning", "The last backup is from 3 days ago", "backups"],
-        ["danger", "The backup of 2026-11-22 03:15 is not whole", "backups"], ["warning", "2 security updates wait", "updates"], ["warning", "The server waits for a restart", "updates"],
+        ["danger", "The backup of 2026-11-22 03:15 is not whole", "backups"],
+        ["danger", "Off-site: no way there", "backups"], ["danger", "Off-site: a pack is damaged", "backups"], ["warning", "2 security updates wait", "updates"], ["warning", "The server waits for a restart", "updates"],
         ["warning", "The firewall is off", "firewall"], ["danger", "shop.example: 500", "accounts"],
         ["danger", "The examination found 1 fault", ""]]);
 });
@@ -118,6 +125,26 @@ test("the port of this page is the browser's", () => {
     assert.equal(ownPort({ port: "9090", protocol: "https:" }), 9090);
     assert.equal(ownPort({ port: "", protocol: "https:" }), 443);
     assert.equal(ownPort({ port: "", protocol: "http:" }), 80);
+});
+
+const source = { from: "2026-11-22_031500", kind: "backup", made: kNow, homeBytes: 1000, dbBytes: 0, state: true, checked: 0, fault: "" };
+
+test("an account that is gone comes back from what the reader chooses, by its name", () => {
+    const action = undeleteAction({ username: "old", domain: "", sources: [source, { ...source, from: "old-20261121-120000", kind: "deletion" }] });
+    assert.deepEqual(action.fields!.map(({ name, value, must }) => [name, value, must]), [["from", "2026-11-22_031500", undefined], ["confirm", undefined, "old"]]);
+    assert.deepEqual(action.same({ from: "old-20261121-120000" }), ["account", "restore", "old", "--from", "old-20261121-120000"]);
+});
+
+test("a restore asks for the name of the account that was chosen", () => {
+    const must = (names: string[], chosen: Record<string, string>) =>
+        (restoreAction(names, "b", tools).fields!.find(({ name }) => name === "confirm")!.must as (values: Record<string, string>) => string)(chosen);
+    assert.equal(must(["shop"], {}), "shop");
+    assert.equal(must(["alice", "shop"], { account: "shop" }), "shop");
+    const action = restoreAction(["alice", "shop"], "b", tools);
+    assert.deepEqual(action.same({ account: "shop", way: "folder", folder: "x y" }), ["backup", "restore", "shop", "b", "files", "--in-place", "x y"]);
+    assert.deepEqual(action.same({ account: "shop", way: "home", folder: "x" }), ["backup", "restore", "shop", "b", "files", "--in-place"]);
+    assert.deepEqual(action.same({ account: "shop", way: "beside", folder: "x" }), ["backup", "restore", "shop", "b", "files"]);
+    assert.deepEqual(action.same({ account: "shop", way: "database", folder: "x" }), ["backup", "restore", "shop", "b", "database"]);
 });
 
 const rule = (to: string, action = "ALLOW IN", from = "Anywhere") => ({ number: 1, to, action, from, ssh: false });
