@@ -1,6 +1,6 @@
 // The client on the server, for what the agent has no command for. Its arguments are a list, so that no shell reads them.
 import { misfit } from "./check";
-import { Misfit, NoAgent, Refused } from "./problem";
+import { Misfit, NoAgent, Refused, Unknown } from "./problem";
 import type { Shape } from "./protocol";
 
 export interface Account { username: string; domain: string; state: string; usedBytes?: number }
@@ -29,6 +29,9 @@ export interface Offsite {
     state: { copied: string; copiedAt: number; checkedAt: number; checkProblem: string; problems: string[] };
 }
 
+// What a site has for HTTPS.
+export interface Certificate { username: string; domain: string; state: string; remark: string; validUntil?: number }
+
 // An account that is gone.
 export interface Gone { username: string; domain: string; sources: Source[] }
 
@@ -51,6 +54,9 @@ const kOffsite: Shape = {
     repository: "string",
     state: { copied: "string", copiedAt: "integer", checkedAt: "integer", checkProblem: "string", problems: ["string"] },
 };
+const kCertificates: Shape = {
+    sites: [{ username: "string", domain: "string", state: "string", remark: "string", "validUntil?": "integer" }],
+};
 const kGone: Shape = {
     accounts: [{ username: "string", domain: "string", sources: [{ from: "string", kind: "string", made: "integer", homeBytes: "integer",
         dbBytes: "integer", state: "boolean", checked: "integer", fault: "string" }] }],
@@ -60,7 +66,7 @@ const kSites: Shape = {
 };
 
 // Runs the client and gives what it printed. It prints its report and fails when the report is bad, so that what it printed counts
-// first. Rejects with Refused or NoAgent.
+// first. Rejects with Refused, Unknown or NoAgent.
 export async function run(argv: string[], output?: (text: string) => void): Promise<string> {
     let printed = "";
     const take = (text: string) => {
@@ -75,6 +81,8 @@ export async function run(argv: string[], output?: (text: string) => void): Prom
         const { problem, message, exit_status } = error as CockpitError;
         if (problem)
             throw new NoAgent(problem, message);
+        if (/^corvctl: no command '/.test(message))
+            throw new Unknown(message.replace(/^corvctl: /, ""));
         if (exit_status !== 1 || printed.trim() === "" || output)
             throw new Refused((errorIn(printed) ?? message).replace(/^corvctl: /, ""));
     }
@@ -130,6 +138,17 @@ export async function verdicts(): Promise<Map<string, Verdict>> {
 // The copies elsewhere. Rejects with Refused where there are none to be made.
 export function offsite(): Promise<Offsite> {
     return ask(["offsite", "status"], kOffsite);
+}
+
+// What each site has for HTTPS; null where the client knows nothing of that. Rejects with Refused where HTTPS is off.
+export async function certificates(): Promise<Certificate[] | null> {
+    try {
+        return (await ask<{ sites: Certificate[] }>(["https", "list"], kCertificates)).sites;
+    } catch (error) {
+        if (error instanceof Unknown)
+            return null;
+        throw error;
+    }
 }
 
 // The accounts that are gone and can be brought back, each with what from, the newest first.

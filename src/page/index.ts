@@ -223,6 +223,9 @@ document.addEventListener("DOMContentLoaded", () => {
     document.addEventListener("pointerdown", () => press(true), true);
     for (const end of ["pointerup", "pointercancel", "dragend"])
         document.addEventListener(end, () => press(false), true);
+    // A file that is dropped beside its place would be opened by the browser, in place of Cockpit.
+    for (const kind of ["dragover", "drop"])
+        document.addEventListener(kind, event => event.preventDefault());
     cockpit.addEventListener("locationchanged", follow);
     watchAccess(access => {
         isFull = access === true;

@@ -44,8 +44,8 @@ export function bar(share: number, text: string, level: Level = share >= 0.95 ? 
         make("span", { class: "usage-text" }, text));
 }
 
-export function card(title: string, body: Child[], actions: Child[] = []): HTMLElement {
-    return make("section", { class: "pf-v6-c-card" },
+export function card(title: string, body: Child[], actions: Child[] = [], id = ""): HTMLElement {
+    return make("section", { class: "pf-v6-c-card", ...(id && { id }) },
         make("div", { class: "pf-v6-c-card__header" },
             make("div", { class: "pf-v6-c-card__header-main" },
                 make("h2", { class: "pf-v6-c-card__title-text" }, title)),

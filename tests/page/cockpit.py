@@ -123,6 +123,7 @@ class Cockpit(Browser):
     def drop(self, selector, *paths):
         """Drags files and folders of this machine over an element, and lets them go there."""
         self.wait_for(selector)
+        self.js(f"{self.find(selector)}.scrollIntoView()")
         x, y = self.js(f"""(() => {{ const box = {self.find(selector)}.getBoundingClientRect(), outer = {FRAME}.getBoundingClientRect();
             return [outer.x + box.x + box.width / 2, outer.y + box.y + 10]; }})()""")
         data = {"items": [], "files": [str(path) for path in paths], "dragOperationsMask": 1}

@@ -16,7 +16,7 @@ OWN = {
 }
 OURS = {
     "administrator": f"{PAGE}.querySelector('#content h1')",
-    "full": f"{PAGE}.querySelectorAll('.cards .pf-v6-c-card').length === 6 && !{PAGE}.querySelector('.cards .asked')",
+    "full": f"{PAGE}.querySelectorAll('.cards .pf-v6-c-card').length >= 6 && !{PAGE}.querySelector('.cards .asked')",
 }
 LIMIT_OF_RATIO = 1.3
 

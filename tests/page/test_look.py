@@ -1,12 +1,17 @@
 """How the page looks: every page in both themes, for readers of all kinds, on screens of all sizes. Its pictures are results."""
 
 import json
+import os
+import shutil
 
 import pytest
 from conftest import RESULTS
 from cockpit import FRAME
+from hostfloor import ROOT
 
 PAGES = [(), ("accounts",), ("accounts", "shop"), ("backups",), ("firewall",), ("updates",), ("services",), ("files", "shop")]
+# Those of docs/page.md.
+PICTURES = {((), "light"): "page-overview.png", (("accounts", "shop"), "light"): "page-account.png"}
 
 
 def name_of(path):
@@ -25,7 +30,10 @@ def test_is_accessible_in_both_themes(page, axe, path):
     try:
         for theme in ("light", "dark"):
             page.theme(theme)
-            page.screenshot(RESULTS / f"{name_of(path)}-{theme}.png")
+            picture = RESULTS / f"{name_of(path)}-{theme}.png"
+            page.screenshot(picture)
+            if (path, theme) in PICTURES and os.environ.get("CORV_PAGE_PICTURES"):
+                shutil.copy(picture, ROOT / "docs" / PICTURES[path, theme])
             found = page.apart("axe.run(document).then(r => JSON.stringify([r.passes.length, "
                                "r.violations.map(v => [v.id, v.nodes.map(n => n.html.slice(0, 120) + n.failureSummary.slice(0, 300))])]))")
             passed, violations = json.loads(found)

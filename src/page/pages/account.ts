@@ -1,5 +1,5 @@
 // One account: how it is, who gets in, its database, its backups and their way back.
-import { account, sites, type Shown, type Site } from "../client";
+import { account, certificates, sites, type Certificate, type Shown, type Site } from "../client";
 import { make, type Child } from "../elements";
 import { alert, bar, button, card, cards, facts, label, link, shown, table } from "../parts";
 import { plot, type Point } from "../plot";
@@ -7,10 +7,11 @@ import type { Replies } from "../protocol";
 import { _, backupText, bytesText, format, timeText } from "../text";
 import type { Action, Page, Tools } from "../tools";
 import { deleteAction, resetAction, resumeAction, stateLabel, suspendAction } from "./accounts";
+import { certificateText, type Certificates } from "./certificates";
 import { restoreAction } from "./restoring";
 
 type Backups = Replies["backup.status"];
-export interface Data { account: Shown; sites: Site[]; backups: Backups; keys: Replies["hosting.getKeys"] }
+export interface Data { account: Shown; sites: Site[]; certificates: Certificates; backups: Backups; keys: Replies["hosting.getKeys"] }
 
 // The sizes of an account in each backup that tells them, the oldest first.
 export function growth({ backups }: Backups, username: string, of: "homeBytes" | "dbBytes"): Point[] {
@@ -54,7 +55,7 @@ function limitAction(username: string, bytes: number | undefined, tools: Tools):
     };
 }
 
-function stateCard(one: Shown, all: Data["sites"] | null, tools: Tools): HTMLElement {
+function stateCard(one: Shown, all: Data["sites"] | null, own: Certificate | undefined, tools: Tools): HTMLElement {
     const { username, state } = one;
     const seen = (all ?? []).filter(site => site.host === one.domain);
     return card(_("Site"), [facts(
@@ -63,7 +64,7 @@ function stateCard(one: Shown, all: Data["sites"] | null, tools: Tools): HTMLEle
         [_("Visitors see"), ...(all === null ? ["…"] : seen.length === 0 ? ["-"] : seen.map(site =>
             label(site.seen === "well" ? _("The page") : site.what ?? site.seen, site.seen === "well" ? "success" : site.seen === "suspended" ? "warning" : "danger")))],
         [_("PHP"), one.php ?? "-"],
-        [_("Certificate"), one.certificate?.validUntil ? format(_("until $0"), timeText(one.certificate.validUntil)) : _("none known")],
+        [_("Certificate"), ...(own ? certificateText(own) : [one.certificate?.validUntil ? format(_("until $0"), timeText(one.certificate.validUntil)) : _("none known")])],
         [_("Disk used"), one.usedBytes === undefined ? "-" : one.limitBytes
             ? bar(one.usedBytes / one.limitBytes, format(_("$0 of $1"), bytesText(one.usedBytes), bytesText(one.limitBytes))) : bytesText(one.usedBytes)],
     )], [
@@ -114,13 +115,14 @@ export function accountPage(name: string): Page<Data> {
     return {
         title: () => name,
         sources: ({ agent }) => ({
-            account: () => account(name), sites, backups: () => agent.request("backup.status", {}),
+            account: () => account(name), sites, certificates, backups: () => agent.request("backup.status", {}),
             keys: () => agent.request("hosting.getKeys", { username: name }),
         }),
         view: (data, tools) => [
             make("p", {}, link(_("All accounts"), "accounts"), " · ", link(_("Files"), "files", name)),
             ...shown(data.account, one => [cards(
-                stateCard(one, data.sites && "here" in data.sites ? data.sites.here : null, tools),
+                stateCard(one, data.sites && "here" in data.sites ? data.sites.here : null,
+                    data.certificates && "here" in data.certificates ? data.certificates.here?.find(({ username }) => username === name) : undefined, tools),
                 databaseCard(one, tools),
                 keysCard(one, data.keys && "here" in data.keys ? data.keys.here.keys : null, tools))]),
             card(_("Backups"), shown(data.backups, status => backupsOf(name, status, tools))),

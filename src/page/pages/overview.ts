@@ -1,5 +1,5 @@
 // How the server is, at a glance: what needs attention first, then each part with the way to it.
-import { accounts, doctor, offsite, sites, verdicts, type Account, type Doctor, type Offsite, type Site, type Verdict } from "../client";
+import { accounts, certificates, doctor, offsite, sites, verdicts, type Account, type Doctor, type Offsite, type Site, type Verdict } from "../client";
 import { make, type Child } from "../elements";
 import { alert, bar, button, card, cards, copyable, facts, label, link, problemText, shown, table, type Level, type Part } from "../parts";
 import { Refused } from "../problem";
@@ -7,11 +7,12 @@ import type { Replies } from "../protocol";
 import { _, agoText, backupText, bytesText, format, plural, spanText } from "../text";
 import type { Action, Page, Parts, Tools } from "../tools";
 import { offsiteProblems, verdictOf } from "./backups";
+import { certificateConcerns, certificatesCard, type Certificates } from "./certificates";
 
 export interface Data {
     info: Replies["system.info"]; disks: Replies["system.disks"]; services: Replies["services.status"];
     security: Replies["security.status"]; updates: Replies["updates.status"]; backups: Replies["backup.status"];
-    accounts: Account[]; sites: Site[]; doctor: Doctor; verdicts: Map<string, Verdict>; offsite: Offsite;
+    accounts: Account[]; sites: Site[]; doctor: Doctor; verdicts: Map<string, Verdict>; offsite: Offsite; certificates: Certificates;
 }
 
 const kOldBackupSeconds = 36 * 3600;
@@ -34,7 +35,7 @@ export function concerns(data: Parts<Data>, now = Date.now() / 1000): [Level, st
     look(data.disks, ({ disks }) => {
         for (const disk of disks) {
             if (disk.avail < disk.total * 0.1)
-                found.push([disk.avail < disk.total * 0.05 ? "danger" : "warning", format(_("The disk $0 is nearly full"), disk.mount), ""]);
+                found.push([disk.avail < disk.total * 0.05 ? "danger" : "warning", format(_("The disk $0 is nearly full"), disk.mount), "#server"]);
         }
     });
     look(data.backups, ({ backups, running }) => {
@@ -56,6 +57,7 @@ export function concerns(data: Parts<Data>, now = Date.now() / 1000): [Level, st
         for (const problem of offsiteProblems(copies))
             found.push(["danger", format(_("Off-site: $0"), problem), "backups"]);
     });
+    look(data.certificates, all => found.push(...certificateConcerns(all).map(([level, text]): [Level, string, string] => [level, text, "#certificates"])));
     look(data.updates, ({ security, rebootRequired }) => {
         if (security > 0)
             found.push(["warning", plural("$0 security update waits", "$0 security updates wait", security), "updates"]);
@@ -72,9 +74,14 @@ export function concerns(data: Parts<Data>, now = Date.now() / 1000): [Level, st
     });
     look(data.doctor, ({ faults }) => {
         if (faults > 0)
-            found.push(["danger", plural("The examination found $0 fault", "The examination found $0 faults", faults), ""]);
+            found.push(["danger", plural("The examination found $0 fault", "The examination found $0 faults", faults), "#examination"]);
     });
     return found;
+}
+
+// A link to a part of this page, whose address is taken by the page itself.
+function jump(text: string, to: string): HTMLElement {
+    return button(text, () => document.querySelector(to)?.scrollIntoView({ behavior: "smooth" }), { kind: "link" });
 }
 
 function verdict(data: Parts<Data>): HTMLElement {
@@ -82,7 +89,7 @@ function verdict(data: Parts<Data>): HTMLElement {
     if (found.length > 0) {
         return make("div", { id: "verdict" }, alert(found.some(([level]) => level === "danger") ? "danger" : "warning",
             plural("$0 thing needs attention", "$0 things need attention", found.length),
-            make("ul", {}, ...found.map(([, text, to]) => make("li", {}, to ? link(text, to) : text)))));
+            make("ul", {}, ...found.map(([, text, to]) => make("li", {}, to.startsWith("#") ? jump(text, to) : link(text, to))))));
     }
     const isWhole = Object.values(data).every(part => part !== null);
     return make("div", { id: "verdict" }, isWhole
@@ -107,7 +114,7 @@ function serverCard(data: Parts<Data>, tools: Tools): HTMLElement {
             [_("Up for"), spanText(info.uptimeSeconds)])]),
         ...shown(data.disks, ({ disks }) => disks.map(disk => make("div", {}, make("div", {}, disk.mount),
             bar(1 - disk.avail / disk.total, format(_("$0 of $1 free"), bytesText(disk.avail), bytesText(disk.total)))))),
-    ], actions);
+    ], actions, "server");
 }
 
 function servicesCard(services: Data["services"]): Child[] {
@@ -178,10 +185,10 @@ export const overviewPage: Page<Data> = {
         info: () => agent.request("system.info", {}), disks: () => agent.request("system.disks", {}),
         services: () => agent.request("services.status", {}), backups: () => agent.request("backup.status", {}),
         security: () => agent.request("security.status", {}), updates: () => agent.request("updates.status", {}),
-        accounts, sites, doctor, verdicts, offsite,
+        accounts, sites, doctor, verdicts, offsite, certificates,
     }),
     // They ask the agent for much of this once more, and take seconds: they come when the reader has something to look at.
-    later: ["verdicts", "offsite", "sites", "doctor"],
+    later: ["verdicts", "offsite", "certificates", "sites", "doctor"],
     view: (data, tools) => [
         verdict(data),
         cards(
@@ -190,7 +197,8 @@ export const overviewPage: Page<Data> = {
             card(_("Accounts"), shown(data.accounts, accountsCard), [link(_("All accounts"), "accounts")]),
             card(_("Backups"), shown(data.backups, here => backupsCard(here, data)), [link(_("All backups"), "backups")]),
             card(_("Security"), shown(data.security, securityCard), [link(_("Firewall and bans"), "firewall")]),
-            card(_("Updates"), shown(data.updates, updatesCard), [link(_("All updates"), "updates")])),
-        card(_("Examination"), shown(data.doctor, findings), [copyable("corvctl doctor")]),
+            card(_("Updates"), shown(data.updates, updatesCard), [link(_("All updates"), "updates")]),
+            certificatesCard(data.certificates)),
+        card(_("Examination"), shown(data.doctor, findings), [copyable("corvctl doctor")], "examination"),
     ],
 };

@@ -1,7 +1,7 @@
 import { FakeElement, programs, spawned, type FakeNode } from "./dom";
 import assert from "node:assert/strict";
 import test from "node:test";
-import { accounts, doctor, run } from "../../../src/page/client";
+import { accounts, certificates, doctor, run } from "../../../src/page/client";
 import { make } from "../../../src/page/elements";
 import { growth } from "../../../src/page/pages/account";
 import { accountsPage, chosen, lastBackups, wished } from "../../../src/page/pages/accounts";
@@ -10,6 +10,7 @@ import { lineEnd, pathOf } from "../../../src/page/pages/fileactions";
 import { modeText } from "../../../src/page/pages/files";
 import { keepsPage, opens, ownPort } from "../../../src/page/pages/firewall";
 import { restoreAction, undeleteAction } from "../../../src/page/pages/restoring";
+import { certificatesCard } from "../../../src/page/pages/certificates";
 import { concerns, overviewPage, type Data } from "../../../src/page/pages/overview";
 import { lastStates, problemText, sameLine, shellLine } from "../../../src/page/parts";
 import { pendingText } from "../../../src/page/pending";
@@ -94,7 +95,7 @@ test("a server without a fault is well only when all of it was seen", () => {
         security: { here: { firewall: { ok: true, installed: true, sshPort: "22", active: true }, fail2ban: { ok: true, installed: false } } },
         updates: null, backups: { here: backups({ name: "a", bytes: 1, created: kNow }) }, accounts: null, sites: { here: [] },
         verdicts: { here: new Map([["a", { checked: kNow, faults: [] }]]) },
-        doctor: { here: { host: "w", faults: 0, notes: 0, checks: [] } }, offsite: { problem: new Refused("no off-site place is set up") },
+        doctor: { here: { host: "w", faults: 0, notes: 0, checks: [] } }, offsite: { problem: new Refused("no off-site place is set up") }, certificates: { here: null },
     } as Parts<Data>;
     assert.deepEqual(concerns(well, kNow), []);
     assert.match(words(overviewPage.view(well, tools)), /still looking|needs attention/);
@@ -111,20 +112,44 @@ test("each thing that needs attention is a sentence with the way to it", () => {
         verdicts: { here: new Map([["2026-11-22_031500", { checked: kNow, faults: ["cut"] }]]) },
         doctor: { here: { host: "w", faults: 1, notes: 0, checks: [] } },
         offsite: { here: { repository: "/b", state: { copied: "", copiedAt: 0, checkedAt: 0, checkProblem: "a pack is damaged", problems: ["no way there"] } } },
+        certificates: { here: [
+            { username: "s", domain: "shop.example", state: "served", remark: "", validUntil: kNow + 9e6 }, { username: "t", domain: "t.example", state: "ending", remark: "" },
+            { username: "u", domain: "u.example", state: "left out", remark: "it leads elsewhere" }, { username: "v", domain: "v.example", state: "waiting", remark: "" }] },
     } as Parts<Data>;
     assert.deepEqual(concerns(sick, kNow), [
-        ["danger", "The service apache2 does not run", "services"], ["danger", "The disk /home is nearly full", ""],
+        ["danger", "The service apache2 does not run", "services"], ["danger", "The disk /home is nearly full", "#server"],
         ["danger", "The last backup has 2 problems", "backups"], ["warning", "The last backup is from 3 days ago", "backups"],
         ["danger", "The backup of 2026-11-22 03:15 is not whole", "backups"],
-        ["danger", "Off-site: no way there", "backups"], ["danger", "Off-site: a pack is damaged", "backups"], ["warning", "2 security updates wait", "updates"], ["warning", "The server waits for a restart", "updates"],
+        ["danger", "Off-site: no way there", "backups"], ["danger", "Off-site: a pack is damaged", "backups"],
+        ["warning", "HTTPS of t.example: Ends soon", "#certificates"], ["danger", "HTTPS of u.example: it leads elsewhere", "#certificates"], ["warning", "2 security updates wait", "updates"], ["warning", "The server waits for a restart", "updates"],
         ["warning", "The firewall is off", "firewall"], ["danger", "shop.example: 500", "accounts"],
-        ["danger", "The examination found 1 fault", ""]]);
+        ["danger", "The examination found 1 fault", "#examination"]]);
 });
 
 test("the port of this page is the browser's", () => {
     assert.equal(ownPort({ port: "9090", protocol: "https:" }), 9090);
     assert.equal(ownPort({ port: "", protocol: "https:" }), 443);
     assert.equal(ownPort({ port: "", protocol: "http:" }), 80);
+});
+
+test("certificates are shown where the client knows of them, and nothing where it does not", () => {
+    assert.equal(certificatesCard(null), null);
+    assert.equal(certificatesCard({ here: null }), null);
+    assert.match(words([certificatesCard({ problem: new Refused("HTTPS is off") })]), /Off/);
+    const said = words([certificatesCard({ here: [
+        { username: "s", domain: "shop.example", state: "served", remark: "", validUntil: kNow }, { username: "u", domain: "u.example", state: "left out", remark: "it leads elsewhere" }] })]);
+    assert.match(said, /1 site/);
+    assert.match(said, /u\.exampleLeft out {2}it leads elsewhere/);
+    assert.doesNotMatch(said, /shop\.example/);
+});
+
+test("a client that knows nothing of HTTPS is no error, one that refuses is", async () => {
+    programs.push({ printed: "", fails: { exit_status: 2, message: "corvctl: no command 'https'\n  corvctl help lists them" } });
+    assert.equal(await certificates(), null);
+    programs.push({ printed: '{"ok":false,"error":"HTTPS is off"}', fails: { exit_status: 1, message: "corvctl: HTTPS is off" } });
+    await assert.rejects(certificates(), (error: Error) => error instanceof Refused && error.message === "HTTPS is off");
+    programs.push({ printed: '{"ok":true,"sites":[{"username":"s","domain":"d","names":["d"],"state":"served","remark":"","brought":false,"validUntil":5}]}' });
+    assert.equal((await certificates())![0]!.validUntil, 5);
 });
 
 const source = { from: "2026-11-22_031500", kind: "backup", made: kNow, homeBytes: 1000, dbBytes: 0, state: true, checked: 0, fault: "" };
