@@ -35,6 +35,12 @@ bool isBackupName(const QString &name)
     return pattern.match(name).hasMatch();
 }
 
+qint64 timeOf(const QString &name)
+{
+    const QDateTime time = QDateTime::fromString(name, kStampFormat.toString());
+    return time.isValid() ? time.toSecsSinceEpoch() : 0;
+}
+
 QList<Folder> foldersIn(const QString &path)
 {
     const FolderStream stream(::opendir(QFile::encodeName(path).constData()));

@@ -17,6 +17,9 @@ constexpr QStringView kPartialPrefix = u".partial-";
 // Whether name has the form of a finished backup's, be it a valid time or not.
 bool isBackupName(const QString &name);
 
+// When a backup began, in seconds since 1970, by its name in local time; 0 for what is no such name.
+qint64 timeOf(const QString &name);
+
 // A folder inside another; a link to one is none.
 struct Folder
 {

@@ -131,7 +131,7 @@ def put_back(host, account):
         done
         runuser -u postgres -- psql -qtAXc "DROP DATABASE IF EXISTS {account.name} WITH (FORCE)" 2>/dev/null
         runuser -u postgres -- createdb -O {account.name} {account.name}
-        backup=$(ls -d {DESTINATION}/2* | tail -n 1)
+        backup=$(ls -d {DESTINATION}/2*[0-9] | tail -n 1)
         runuser -u postgres -- pg_restore -d {account.name} <"$backup/accounts/{account.name}-db.dump"
         runuser -u postgres -- psql -qtAXc "UPDATE says SET word = 'live'" {account.name}"""], timeout=300)
 

@@ -27,7 +27,7 @@ def server(boot):
             echo note >../note.txt'
     """)
     host.ok(["corvctl", "backup", "start", "--wait"])
-    host.backup = sh(host, f"ls {AUTO} | tail -n 1").strip()
+    host.backup = sh(host, f"ls {AUTO} | grep [0-9]$ | tail -n 1").strip()
     host.cluster = f"postgresql@{sh(host, 'ls /etc/postgresql').strip()}-main"
     return host
 

@@ -45,7 +45,7 @@ int run(Session &session, const Given &)
 
     const InterruptGuard guard;
     QString problem;
-    const Fd lock = lockOffsite(true, &problem);
+    const Fd lock = lockOffsite(&problem);
     if (!lock)
         return fail(kRefused, problem);
     const bool isTold = !session.options.json && !session.options.plain;

@@ -1,13 +1,12 @@
 #include "ctl/offsite/Copy.h"
 
 #include "common/Account.h"
+#include "common/Archives.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
 #include "common/Fd.h"
 #include "common/Tree.h"
 #include "ctl/Interrupt.h"
-#include "ctl/doctor/Backup.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/offsite/Stream.h"
 #include "ctl/screen/Terminal.h"
 
@@ -66,7 +65,7 @@ bool isThere(const Run &run, const QString &tag, const QString &path)
 // What each snapshot of the backup is made with. Its time is the backup's, by which it is kept or forgotten.
 QStringList backupArgs(const Run &run, const QString &tag)
 {
-    const QString time = QDateTime::fromSecsSinceEpoch(backupTime(run.backup)).toString(u"yyyy-MM-dd HH:mm:ss"_s);
+    const QString time = QDateTime::fromSecsSinceEpoch(backup::timeOf(run.backup)).toString(u"yyyy-MM-dd HH:mm:ss"_s);
     return {u"backup"_s, u"--quiet"_s, u"--json"_s, u"--host"_s, run.server, u"--time"_s, time,
             u"--tag"_s,  kOurTag,      u"--tag"_s,  tag,         u"--tag"_s, run.backup};
 }
@@ -185,7 +184,7 @@ bool isPartOnly(const QJsonObject &manifest, const QString &account)
 {
     const QJsonArray errors = manifest.value("errors"_L1).toArray();
     return std::any_of(errors.cbegin(), errors.cend(), [&account](const QJsonValue &error) {
-        return error.toString().startsWith(account + u" files:"_s) && !isHarmless(error.toString());
+        return error.toString().startsWith(account + u" files:"_s) && !backup::isHarmless(error.toString());
     });
 }
 

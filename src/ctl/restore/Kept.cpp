@@ -1,5 +1,6 @@
 #include "ctl/restore/Kept.h"
 
+#include "common/Archives.h"
 #include "common/AtomicFile.h"
 #include "common/BackupFolders.h"
 #include "common/Fd.h"
@@ -7,7 +8,6 @@
 #include "common/Paths.h"
 #include "common/Run.h"
 #include "common/Site.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/restore/Collect.h"
 
 #include <QDateTime>

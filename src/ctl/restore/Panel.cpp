@@ -1,9 +1,9 @@
 #include "ctl/restore/Panel.h"
 
+#include "common/Archives.h"
 #include "common/Fd.h"
 #include "common/Paths.h"
 #include "common/Run.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/verify/Fault.h"
 

@@ -1,10 +1,9 @@
 #include "ctl/restore/Sources.h"
 
 #include "common/Account.h"
+#include "common/Archives.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
-#include "ctl/doctor/Backup.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/verify/Verdict.h"
 
@@ -142,12 +141,12 @@ QList<Source> sourcesOf(const backup::Config &config, const QString &account)
     QList<Source> sources;
     for (const backup::Folder &folder : backup::foldersIn(config.destination)) {
         const QString name = QString::fromLatin1(folder.name);
-        if (!backup::isBackupName(name) || backupTime(name) == 0)
+        if (!backup::isBackupName(name) || backup::timeOf(name) == 0)
             continue;
         if (std::optional<Source> source = sourceIn(config.destination + u'/' + name, account)) {
             source->kind = Source::Kind::Backup;
             source->from = name;
-            source->made = backupTime(name);
+            source->made = backup::timeOf(name);
             addVerdict(config.destination, &*source);
             sources.append(*source);
         }
