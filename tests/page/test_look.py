@@ -20,7 +20,7 @@ def name_of(path):
 
 def settle(page, path):
     page.visit(*path)
-    page.wait(f"{page.find('#content')} && !{page.page}.querySelector('#content .asked')", 60)
+    page.wait(f"{page.find('#content')}.ariaBusy === 'false' && !{page.page}.querySelector('#content .asked')", 60)
 
 
 @pytest.mark.parametrize("path", PAGES, ids=name_of)
