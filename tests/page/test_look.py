@@ -44,15 +44,17 @@ def test_is_accessible_in_both_themes(page, axe, path):
 
 
 @pytest.mark.parametrize("path", PAGES, ids=name_of)
-def test_fits_a_screen_of_320_pixels(page, path):
+def test_fits_screens_of_320_to_2560_pixels(page, path):
     settle(page, path)
-    page.resize(320, 800)
     try:
-        width = page.js(f"[{page.page}.documentElement.scrollWidth, {page.page}.documentElement.clientWidth, "
-                        f"...[...{page.page}.querySelectorAll('.pf-v6-c-page__main-container')].map(e => e.scrollWidth - e.clientWidth)]")
-        page.screenshot(RESULTS / f"{name_of(path)}-narrow.png")
-        assert width[0] <= width[1]
-        assert width[2] <= 0
+        for size in ((320, 800), (2560, 1300)):
+            page.resize(*size)
+            width = page.js(f"[{page.page}.documentElement.scrollWidth, {page.page}.documentElement.clientWidth, "
+                            f"{page.find('#scrolled')}.scrollWidth - {page.find('#scrolled')}.clientWidth]")
+            if size[0] == 320:
+                page.screenshot(RESULTS / f"{name_of(path)}-narrow.png")
+            assert width[0] <= width[1], size
+            assert width[2] <= 0, size
     finally:
         page.resize(1280, 900)
 

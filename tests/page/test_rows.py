@@ -166,6 +166,28 @@ def test_a_backup_is_made_and_brought_back(server, page):
     assert "Restore shop" in page.do()
 
 
+def test_a_run_is_seen_as_it_goes_on_beside_those_that_failed_or_are_missing(server, page):
+    day = 86400
+    whole = server.request("backup.status")
+    made = {"bytes": 5000, "seconds": 60, "panelBytes": 0, "accounts": [], "errors": []}
+    backups = [{**made, "name": "2026-11-22_031500", "created": 1795317300},
+               {**made, "name": "2026-11-19_031500", "created": 1795317300 - 3 * day, "seconds": 90, "errors": ["shop: tar failed: exit code 2"]}]
+    replies = {**whole, "backups": backups, "running": True, "log": "account shop"}
+    with agent_in_its_place(server, {"backup.status": replies}) as asked:
+        page.visit("services")
+        page.visit("backups")
+        page.wait_for_text("account shop", "#content .log")
+        page.wait_for_text("shop: tar failed: exit code 2", "#backups")
+        marks = page.js(f"Array.from({page.page}.querySelectorAll('.plot .mark title'), one => one.textContent.split(', ').at(-1))")
+        assert marks == ["with problems", "no backup", "no backup"]
+        assert page.js(f"{page.find('#start-backup')}.disabled") is True
+        # It asks again by itself.
+        replies["log"] += "\naccount zoo"
+        server.put("/run/replies.json", json.dumps({"backup.status": replies}))
+        page.wait_for_text("account zoo", "#content .log")
+        assert {"cmd": "backup.status", "args": {}} in asked()
+
+
 def test_a_backup_is_verified(server, page):
     # It is verified by itself, as soon as it is made; here it has not been yet.
     server.ok(["systemctl", "stop", "corv-verify.service"])

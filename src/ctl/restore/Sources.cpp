@@ -203,7 +203,7 @@ QStringList accountsKnown(const backup::Config &config)
     QStringList names;
     for (const backup::Folder &folder : backup::foldersIn(config.destination)) {
         const QString name = QString::fromLatin1(folder.name);
-        if (backup::isBackupName(name) && backupTime(name) != 0)
+        if (backup::isBackupName(name) && backup::timeOf(name) != 0)
             names += accountsIn(config.destination + u'/' + name);
     }
     for (const DeletionArchives &archives : deletionArchives(kArchives, QString()))
