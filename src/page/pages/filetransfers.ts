@@ -15,12 +15,16 @@ export async function fetchFile(place: Place, { name, size }: Entry, tools: Tool
     });
 }
 
+// How long the list may lag behind while many files are sent.
+const kReloadMs = 3000;
+
 // A file with its path below the folder that is shown.
 export interface Chosen { path: string[]; file: File }
 
 // Sends files, one after the other, making the folders that they bring with them.
 async function sendAll(place: Place, files: readonly Chosen[], tools: Tools) {
     const made = new Set<string>();
+    let loaded = performance.now();
     for (const { path, file } of files) {
         const same = ["file", "put", place.username, path.join("/"), pathOf(place, ...path)];
         await follow(path.join("/"), file.size, same, async (gone, signal) => {
@@ -36,15 +40,19 @@ async function sendAll(place: Place, files: readonly Chosen[], tools: Tools) {
             }
             await upload(tools.agent, place.username, pathOf(place, ...path), file, gone, signal);
         });
-        tools.reload();
+        if (performance.now() - loaded > kReloadMs) {
+            loaded = performance.now();
+            tools.reload();
+        }
     }
+    tools.reload();
 }
 
 function replaceAction(place: Place, files: readonly Chosen[], names: string[], tools: Tools): Action {
     return {
         id: "replace", title: plural("Replace $0 file", "Replace $0 files", names.length), does: _("Replace"), danger: true,
         text: [make("p", {}, names.slice(0, 20).join(", "))],
-        same: () => ["file", "put", place.username, names[0]!, pathOf(place, names[0]!)],
+        same: () => files.slice(0, 20).map(({ path }) => ["file", "put", place.username, path.join("/"), pathOf(place, ...path)]),
         run: async () => { void sendAll(place, files, tools); },
     };
 }
