@@ -236,5 +236,5 @@ document.addEventListener("DOMContentLoaded", () => {
         } else if (access) {
             follow();
         }
-    });
+    }, () => agent.request("ping", {}));
 });
