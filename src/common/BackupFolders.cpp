@@ -57,6 +57,17 @@ QList<Folder> foldersIn(const QString &path)
     return folders;
 }
 
+QString newestIn(const QString &path)
+{
+    QString newest;
+    for (const Folder &folder : foldersIn(path)) {
+        const QString name = QFile::decodeName(folder.name);
+        if (isBackupName(name) && name > newest)
+            newest = name;
+    }
+    return newest;
+}
+
 bool isPast(const Folder &folder, const QDate &today, int keepDays)
 {
     const QString name = QFile::decodeName(folder.name);

@@ -31,6 +31,9 @@ struct Folder
 // them. Empty when it cannot be read.
 QList<Folder> foldersIn(const QString &path);
 
+// The name of the newest finished backup in the folder with that path; empty where there is none.
+QString newestIn(const QString &path);
+
 // Whether the folder is to be deleted today: a finished backup that is more than keepDays calendar days old, or an
 // unfinished one that was last changed before today. Whatever else lies there stays.
 bool isPast(const Folder &folder, const QDate &today, int keepDays);

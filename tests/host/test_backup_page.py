@@ -51,7 +51,8 @@ def sql(*statements):
     """What the page says that has happened to a database, done by hand."""
     def prepare(hosts):
         for statement in statements:
-            hosts["server"].sql(statement.replace("NAME", hosts["server"].tenant.name))
+            done = hosts["server"].sql(re.sub(r"\bNAME", hosts["server"].tenant.name, statement))
+            assert (done.code, done.err) == (0, ""), statement
     return prepare
 
 

@@ -27,7 +27,8 @@ echo $count >/run/stand-ins/count
 }} | /usr/bin/psql "$@"
 """
 PG_RESTORE = '{ head -c 1000000; hold; cat; } | /usr/bin/pg_restore "$@"'
-TAR = '{ head -c 1000000; hold; cat; } | /usr/bin/tar "$@"'
+# The compressor writes nothing before it has read a million bytes.
+TAR = '{ head -c 5000000; hold; cat; } | /usr/bin/tar "$@"'
 
 STEPS = {
     "before the scratch database is made": ("psql", PSQL.format(call=1, lines=3)),

@@ -1,6 +1,7 @@
 #include "ctl/commands/Offsite.h"
 
 #include "common/BackupConfig.h"
+#include "common/BackupFolders.h"
 #include "common/Environment.h"
 #include "common/Json.h"
 #include "ctl/Interrupt.h"
@@ -60,7 +61,7 @@ int run(Session &session, const Given &)
     OffsiteState state = readOffsite();
     for (int round = 0; round < kMostRounds && !interrupted(); ++round) {
         state = copyNewest(*repository, destination, state, say);
-        if (!state.problems.isEmpty() || state.copied == newestBackup(destination))
+        if (!state.problems.isEmpty() || state.copied == backup::newestIn(destination))
             break;
     }
     if (const QString unkept = keepOffsite(state); !unkept.isEmpty())

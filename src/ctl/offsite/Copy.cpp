@@ -158,17 +158,6 @@ void copyBackup(Run &run)
 
 } // namespace
 
-QString newestBackup(const QString &destination)
-{
-    QString newest;
-    for (const backup::Folder &folder : backup::foldersIn(destination)) {
-        const QString name = QFile::decodeName(folder.name);
-        if (backup::isBackupName(name) && name > newest)
-            newest = name;
-    }
-    return newest;
-}
-
 QStringList homesIn(const QString &folder)
 {
     QStringList accounts;
@@ -203,7 +192,7 @@ OffsiteState copyNewest(const Repository &repository, const QString &destination
 {
     QElapsedTimer clock;
     clock.start();
-    Run run = {repository, say, QSysInfo::machineHostName(), newestBackup(destination), {}, {}, before};
+    Run run = {repository, say, QSysInfo::machineHostName(), backup::newestIn(destination), {}, {}, before};
     run.folder = destination + u'/' + run.backup;
     run.state.problems.clear();
     run.state.homes = run.state.bytes = run.state.added = 0;

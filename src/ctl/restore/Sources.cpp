@@ -4,6 +4,7 @@
 #include "common/Archives.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
+#include "common/Trust.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/verify/Verdict.h"
 
@@ -14,8 +15,6 @@
 #include <QJsonArray>
 
 #include <algorithm>
-
-#include <sys/stat.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -98,18 +97,6 @@ void addVerdict(const QString &destination, Source *source)
     }
     const bool isBoth = times.size() == (source->home.isEmpty() ? 0 : 1) + (source->dump.isEmpty() ? 0 : 1);
     source->checked = isBoth ? *std::min_element(times.cbegin(), times.cend()) : 0;
-}
-
-QString refusalOfFile(const QString &path)
-{
-    struct stat status = {};
-    if (path.isEmpty())
-        return {};
-    if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
-        return path + u" cannot be read"_s;
-    if (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        return path + u" could have been written by others than root"_s;
-    return {};
 }
 
 } // namespace
@@ -229,7 +216,8 @@ QStringList accountsIn(const QString &folder)
 QString refusalOf(const Source &source)
 {
     for (const QString &path : {source.home, source.dump, source.state}) {
-        if (const QString refusal = refusalOfFile(path); !refusal.isEmpty())
+        const QString refusal = path.isEmpty() ? QString() : refusalOfFile(path);
+        if (!refusal.isEmpty())
             return refusal;
     }
     return {};
