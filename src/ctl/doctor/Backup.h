@@ -21,7 +21,8 @@ QList<Finding> checkVerdict(const QJsonObject &status, const std::optional<Verdi
 // What tar and gzip pack in a second on a slow machine.
 constexpr qint64 kCautiousBytesPerSecond = 20'000'000;
 
-// What stands beside the backups and is off: the weekly proof, and what writes down what no archive of a deletion holds.
+// What stands beside the backups and is off: the weekly proof, and what writes down what no archive of a deletion
+// holds.
 QList<Finding> checkBesideBackups(bool proofPlanned, bool deletionsWatched);
 
 // Homes that no run can archive within the agent's ten minutes, or that come near that, where so many bytes are packed
