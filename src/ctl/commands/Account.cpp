@@ -207,7 +207,7 @@ Command accountCommand()
                  exportOfAccount},
                 {"restore",
                  "Bring back an account that is gone, with its passwords, jobs and settings; asks for its name",
-                 {{"ACCOUNT", "the name that it had"},
+                 {{"ACCOUNT", "the name that it had; lists those that are gone without this", Kind::Optional},
                   {"--from", "a backup, the archives of its deletion, or a folder; lists them without this",
                    Kind::Value, Names::File},
                   {"--as", "another name for it", Kind::Value},

@@ -1,3 +1,4 @@
+#include "common/Account.h"
 #include "common/BackupConfig.h"
 #include "common/Json.h"
 #include "ctl/Command.h"
@@ -34,6 +35,32 @@ void printJson(const Session &session, const QJsonObject &object)
     print((session.terminal.out ? escapedJson(line) : line) + '\n');
 }
 
+QJsonArray objectsOf(const QList<Source> &sources)
+{
+    QJsonArray all;
+    for (const Source &source : sources)
+        all.append(QJsonObject{{u"from"_s, source.from},
+                               {u"kind"_s, kindText(source.kind)},
+                               {u"made"_s, source.made},
+                               {u"homeBytes"_s, source.homeBytes},
+                               {u"dbBytes"_s, source.dumpBytes},
+                               {u"state"_s, !source.state.isEmpty()},
+                               {u"checked"_s, source.checked},
+                               {u"fault"_s, source.fault}});
+    return all;
+}
+
+Row rowOf(const Source &source)
+{
+    return {text(source.from),
+            text(kindText(source.kind)),
+            time(source.made),
+            source.home.isEmpty() ? nothing() : bytes(source.homeBytes),
+            source.dump.isEmpty() ? nothing() : bytes(source.dumpBytes),
+            source.state.isEmpty() ? text(u"no"_s, Colour::Warning) : text(u"yes"_s),
+            !source.fault.isEmpty() ? text(u"damaged"_s, Colour::Bad) : yesNo(source.checked > 0)};
+}
+
 // The restores of an account that were cut off, under whatever name.
 QList<Journal> inHandOf(const QString &account)
 {
@@ -58,17 +85,7 @@ int list(const Session &session, const QString &account, const QList<Source> &so
         QJsonArray cutOff;
         for (const Journal &journal : inHand)
             cutOff.append(QJsonObject{{u"from"_s, journal.from}, {u"as"_s, journal.target}});
-        QJsonArray all;
-        for (const Source &source : sources)
-            all.append(QJsonObject{{u"from"_s, source.from},
-                                   {u"kind"_s, kindText(source.kind)},
-                                   {u"made"_s, source.made},
-                                   {u"homeBytes"_s, source.homeBytes},
-                                   {u"dbBytes"_s, source.dumpBytes},
-                                   {u"state"_s, !source.state.isEmpty()},
-                                   {u"checked"_s, source.checked},
-                                   {u"fault"_s, source.fault}});
-        QJsonObject listed = {{u"ok"_s, true}, {u"account"_s, account}, {u"sources"_s, all}};
+        QJsonObject listed = {{u"ok"_s, true}, {u"account"_s, account}, {u"sources"_s, objectsOf(sources)}};
         if (!cutOff.isEmpty())
             listed.insert(u"cutOff"_s, cutOff);
         printJson(session, listed);
@@ -76,16 +93,47 @@ int list(const Session &session, const QString &account, const QList<Source> &so
     }
     QList<Row> rows;
     for (const Source &source : sources)
-        rows.append({text(source.from), text(kindText(source.kind)), time(source.made),
-                     source.home.isEmpty() ? nothing() : bytes(source.homeBytes),
-                     source.dump.isEmpty() ? nothing() : bytes(source.dumpBytes),
-                     source.state.isEmpty() ? text(u"no"_s, Colour::Warning) : text(u"yes"_s),
-                     !source.fault.isEmpty() ? text(u"damaged"_s, Colour::Bad) : yesNo(source.checked > 0)});
+        rows.append(rowOf(source));
     printTable(session, {u"FROM"_s, u"KIND"_s, u"MADE"_s, u"FILES"_s, u"DATABASE"_s, u"STATE"_s, u"VERIFIED"_s}, rows);
     if (!session.options.plain && !sources.isEmpty())
         printLine(u"\nTo bring it back from the first of them:\n  corvctl account restore %1 --from %2"_s.arg(
             account, sources.first().from));
     tellInHand(inHand);
+    return kDone;
+}
+
+// The accounts that there are no more, each with the newest of what it can be brought back from.
+int listGone(const Session &session, const backup::Config &config)
+{
+    QStringList gone = accountsKnown(config);
+    for (const hosting::User &user : hosting::users()) {
+        if (hosting::hasMarker(user.comment))
+            gone.removeAll(user.name);
+    }
+    QJsonArray accounts;
+    QList<Row> rows;
+    for (const QString &account : std::as_const(gone)) {
+        const QList<Source> sources = sourcesOf(config, account);
+        if (sources.isEmpty())
+            continue;
+        accounts.append(QJsonObject{
+            {u"username"_s, account}, {u"domain"_s, sources.first().domain}, {u"sources"_s, objectsOf(sources)}});
+        // The name of each tells its kind and its day.
+        Row row = rowOf(sources.first());
+        row.remove(1, 2);
+        rows.append(Row{text(account)} + row);
+    }
+    if (session.options.json) {
+        printJson(session, {{u"ok"_s, true}, {u"accounts"_s, accounts}});
+        return kDone;
+    }
+    if (rows.isEmpty()) {
+        note(u"no account is gone of which there is a backup or an archive"_s);
+        return kDone;
+    }
+    printTable(session, {u"ACCOUNT"_s, u"FROM"_s, u"FILES"_s, u"DATABASE"_s, u"STATE"_s, u"VERIFIED"_s}, rows);
+    if (!session.options.plain)
+        printLine(u"\nTo bring one back:\n  corvctl account restore ACCOUNT --from FROM"_s);
     return kDone;
 }
 
@@ -175,6 +223,11 @@ int restoreOfAccount(Session &session, const Given &given)
         return *end;
     bareEnvironment();
     const backup::Config config = backup::load(QSettings(settingsPath(session.options), QSettings::IniFormat));
+    if (account.isEmpty() &&
+        (given.has("--from") || given.has("--as") || given.has("--domain") || given.has("--no-jobs")))
+        return fail(kWrongUsage, u"whose account is it? Name the one that is to be brought back"_s);
+    if (account.isEmpty())
+        return listGone(session, config);
     Source source;
     if (const std::optional<int> end = choose(session, config, given, &source))
         return *end;
