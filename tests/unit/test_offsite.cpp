@@ -163,7 +163,8 @@ void TestOffsite::secretsGoIntoTheEnvironmentAlone()
     variables = environmentFor(place, {}, kKeyFile);
     QCOMPARE(variables.value(u"RESTIC_REPOSITORY"_s), u"rclone:vault"_s);
     QCOMPARE(optionsFor(place).size(), 2);
-    QVERIFY(optionsFor(place).last().startsWith("rclone.program=ssh -F none -a -x -i /etc/corvane/offsite/ssh_key "_L1));
+    QVERIFY(
+        optionsFor(place).last().startsWith("rclone.program=ssh -F none -a -x -i /etc/corvane/offsite/ssh_key "_L1));
     QVERIFY(optionsFor(place).last().endsWith(" -l vault host"_L1));
 }
 

@@ -100,8 +100,8 @@ SetupKey settleKey(const Session &session, const Given &given)
         const QByteArray key = content.value_or(QByteArray()).trimmed();
         settled.file = kTriedKeyFile;
         settled.isKnown = true;
-        settled.problem =
-            key.isEmpty() || key.contains('\n') ? u"the key is one line of text"_s : keepSecret(settled.file, key + '\n');
+        settled.problem = key.isEmpty() || key.contains('\n') ? u"the key is one line of text"_s
+                                                              : keepSecret(settled.file, key + '\n');
         return settled;
     }
     if (secretIn(kKeyFile, &settled.problem) || !settled.problem.isEmpty())

@@ -109,8 +109,7 @@ QString fetchRest(const Repository &repository, const QString &account, const Sa
             !wrong.isEmpty())
             return wrong;
     }
-    if (QFile::exists(folder + u'/' + states) &&
-        !keepOwnState(folder + u'/' + states, account, folder + u'/' + state))
+    if (QFile::exists(folder + u'/' + states) && !keepOwnState(folder + u'/' + states, account, folder + u'/' + state))
         missing->append(u"the backup %1 has no state of %2"_s.arg(saved.backup, account));
     if (!QFile::exists(folder + u'/' + dump))
         return {};
