@@ -131,9 +131,8 @@ QString clearAway(const Drill &drill)
     if (problem.isEmpty()) {
         for (const QString &file : QDir(kArchives).entryList({drill.name + u"-*"_s}, QDir::Files | QDir::NoSymLinks))
             (void)QFile::remove(kArchives + u'/' + file);
-    }
-    if (problem.isEmpty())
         removeJournal(drill.name); // where it ended before there was an account
+    }
     removeFolder();
     return problem.isEmpty() ? QString()
                              : u"the account %1 could not be deleted: %2"_s.arg(drill.name, oneSentence(problem));

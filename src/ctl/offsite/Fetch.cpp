@@ -91,10 +91,14 @@ bool keepOwnState(const QString &all, const QString &account, const QString &to)
 QString fetchRest(const Repository &repository, const QString &account, const SavedHome &saved, const QString &folder,
                   QStringList *missing)
 {
-    QString problem;
-    const QStringList there = saved.rest ? pathsIn(repository, *saved.rest, &problem) : QStringList();
-    if (!problem.isEmpty())
-        return problem;
+    QStringList there;
+    if (saved.rest) {
+        QString problem;
+        there = pathsIn(repository, *saved.rest, &problem);
+        // cppcheck-suppress knownConditionTrueFalse ; it takes the call for one that writes nothing there
+        if (!problem.isEmpty())
+            return problem;
+    }
     const QString base = saved.rest ? saved.rest->path : QString();
     const QString dump = account + u"-db.dump"_s;
     const auto state = u"accounts.state"_s;

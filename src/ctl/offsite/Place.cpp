@@ -39,8 +39,10 @@ OffsitePlace placeIn(const QSettings &settings)
     OffsitePlace place;
     place.repository = textSetting(settings, u"offsite/repository"_s);
     place.appendOnly = settings.value(u"offsite/append_only"_s).toBool();
+    const QString retention = textSetting(settings, u"offsite/retention"_s, kUsualRetention);
     QString problem;
-    place.retention = retentionIn(textSetting(settings, u"offsite/retention"_s, kUsualRetention), &problem);
+    place.retention = retentionIn(retention, &problem);
+    // cppcheck-suppress knownConditionTrueFalse ; it takes the call for one that writes nothing there
     if (!problem.isEmpty())
         place.problems.append(problem);
     if (place.repository.isEmpty())
