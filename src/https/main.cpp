@@ -1,0 +1,28 @@
+// Puts hosting accounts' sites on port 443, beside the agent: started by Apache's unit, by units of its own, and by
+// Apache.
+
+#include "common/Environment.h"
+#include "https/Sync.h"
+
+#include <QCoreApplication>
+#include <QStringList>
+
+#include <cstdio>
+
+#include <sys/stat.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+int main(int argc, char **argv)
+{
+    const QCoreApplication application(argc, argv);
+    const QStringList words = QCoreApplication::arguments().mid(1);
+    ::umask(022);
+    corv::cleanEnvironment();
+    if (words == QStringList{u"sync"_s})
+        return corv::https::sync();
+    if (words == QStringList{u"rescue"_s})
+        return corv::https::rescue();
+    (void)std::fputs("usage: corv-https sync | rescue\n", stderr);
+    return 2;
+}
