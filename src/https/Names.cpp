@@ -23,6 +23,14 @@ bool leadsHere(const State &state, const QString &name)
     return state.names.value(name).leadsHere;
 }
 
+void noteUnseen(const Twin &twin, const State &state, QStringList *unseen)
+{
+    for (const QString &name : namesOf(twin)) {
+        if (!state.names.contains(name))
+            unseen->append(name);
+    }
+}
+
 } // namespace
 
 Others parseVhosts(const QByteArray &output, const QString &ownFile)
@@ -73,7 +81,7 @@ bool isTaken(const Others &others, const QString &name)
     });
 }
 
-Plan plan(const QList<Candidate> &candidates, const Others &others, const State &state, qint64 now)
+Plan plan(const QList<Candidate> &candidates, const Others &others, const State &state, qint64 now, int room)
 {
     Plan plan;
     QMap<QString, QString> owners;
@@ -112,7 +120,12 @@ Plan plan(const QList<Candidate> &candidates, const Others &others, const State 
         const OrderState order = state.orders.value(domain);
         twin.renews = candidate.options.own.isEmpty() && leadsHere(state, domain) &&
                       (!twin.www || leadsHere(state, www)) && order.nextAt <= now;
+        const bool isFirst = twin.renews && !twin.certified && order.startedAt == 0;
+        if (isFirst && room-- <= 0)
+            twin.renews = false;
         plan.twins.append(twin);
+        if (twin.options.own.isEmpty() && !twin.site.suspended)
+            noteUnseen(twin, state, &plan.unseen);
     }
     return plan;
 }

@@ -42,7 +42,8 @@ struct Plan
 {
     QList<Twin> twins;
     QMap<QString, SiteState> sites; // by account; names and refusals not filled in
+    QStringList unseen;             // names that were never asked whether they lead here
 };
-Plan plan(const QList<Candidate> &candidates, const Others &others, const State &state, qint64 now);
+Plan plan(const QList<Candidate> &candidates, const Others &others, const State &state, qint64 now, int room);
 
 } // namespace corv::https

@@ -4,10 +4,12 @@
 #include "common/HttpsOptions.h"
 #include "common/Paths.h"
 #include "https/Inventory.h"
+#include "https/Orders.h"
 #include "https/Rehearsal.h"
 #include "https/Settings.h"
 #include "https/Sift.h"
 #include "https/Store.h"
+#include "https/Work.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
@@ -44,7 +46,8 @@ struct Run
     State state;
     QDeadlineTimer deadline;
     bool storeIsFull = false;
-    QString complaint; // the last
+    bool hasUnseen = false; // names that were never asked whether they lead here
+    QString complaint;      // the last
 };
 
 QByteArray textOf(const Run &run, const QList<int> &places)
@@ -112,7 +115,13 @@ bool prepare(Run *run, const Settings &settings, const QByteArray &tls, QMap<QSt
     if (!others)
         return false;
     run->base = baseText(settings.authority, !others->any, tls);
-    const Plan planned = plan(candidates, *others, run->state, run->now);
+    QStringList domains;
+    for (const Candidate &candidate : candidates)
+        domains.append(candidate.site.domain);
+    noteJobs(&run->state, domains, secondsIn(settings.authority.retry));
+    const Plan planned =
+        plan(candidates, *others, run->state, run->now, roomForOrders(run->state, settings.orders, run->now));
+    run->hasUnseen = !planned.unseen.isEmpty();
     *sites = planned.sites;
     for (const Twin &twin : planned.twins) {
         const QByteArray text = twinText(twin, tls);
@@ -266,6 +275,8 @@ int sync()
     run.state.at = run.now;
     run.state.milliseconds = static_cast<int>(timer.elapsed());
     saveState(run.state);
+    if (run.hasUnseen && !leaveNote("sites"))
+        say(u"nobody can be told of the new names"_s);
     return isPublished ? 0 : 1;
 }
 

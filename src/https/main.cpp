@@ -3,6 +3,7 @@
 
 #include "common/Environment.h"
 #include "https/Sync.h"
+#include "https/Work.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -23,6 +24,10 @@ int main(int argc, char **argv)
         return corv::https::sync();
     if (words == QStringList{u"rescue"_s})
         return corv::https::rescue();
-    (void)std::fputs("usage: corv-https sync | rescue\n", stderr);
+    if (words == QStringList{u"work"_s})
+        return corv::https::work();
+    if (words.size() >= 2 && words.first() == "message"_L1)
+        return corv::https::message(words.at(1));
+    (void)std::fputs("usage: corv-https sync | work | rescue | message EVENT NAME\n", stderr);
     return 2;
 }

@@ -217,23 +217,23 @@ private Q_SLOTS:
     {
         const QList<Candidate> sites{candidate(u"shop"_s, u"shop.example"_s)};
         const State unseen;
-        QVERIFY(plan(sites, {}, unseen, kNow).twins.first().www);
-        QVERIFY(!plan(sites, {}, unseen, kNow).twins.first().renews);
+        QVERIFY(plan(sites, {}, unseen, kNow, 9).twins.first().www);
+        QVERIFY(!plan(sites, {}, unseen, kNow, 9).twins.first().renews);
 
         State state = leadingHere({u"shop.example"_s, u"www.shop.example"_s});
-        QVERIFY(plan(sites, {}, state, kNow).twins.first().renews);
+        QVERIFY(plan(sites, {}, state, kNow, 9).twins.first().renews);
         state.orders[u"shop.example"_s].nextAt = kNow + 1;
-        QVERIFY(!plan(sites, {}, state, kNow).twins.first().renews);
-        QVERIFY(plan(sites, {}, state, kNow + 1).twins.first().renews);
+        QVERIFY(!plan(sites, {}, state, kNow, 9).twins.first().renews);
+        QVERIFY(plan(sites, {}, state, kNow + 1, 9).twins.first().renews);
 
         state.names[u"www.shop.example"_s] = {false, u"leads elsewhere"_s, 0, 0, 1};
-        const Plan without = plan(sites, {}, state, kNow + 1);
+        const Plan without = plan(sites, {}, state, kNow + 1, 9);
         QVERIFY(without.twins.first().renews);
         QCOMPARE(namesOf(without.twins.first()), QStringList{u"shop.example"_s});
         QCOMPARE(without.sites.value(u"shop"_s).withoutWww, u"leads elsewhere"_s);
 
         state.names[u"shop.example"_s].leadsHere = false;
-        QVERIFY(!plan(sites, {}, state, kNow + 1).twins.first().renews);
+        QVERIFY(!plan(sites, {}, state, kNow + 1, 9).twins.first().renews);
     }
 
     void aNameBelongsToTheFirstThatHasIt()
@@ -247,7 +247,7 @@ private Q_SLOTS:
         Candidate unclear = candidate(u"fff"_s, u"unclear.example"_s);
         unclear.optionsAreClear = false;
         const Others others{{u"taken.example"_s, u"www.half.example"_s}, {}, true};
-        const Plan planned = plan({first, second, theirs, halfTheirs, off, unclear}, others, {}, kNow);
+        const Plan planned = plan({first, second, theirs, halfTheirs, off, unclear}, others, {}, kNow, 9);
 
         QCOMPARE(planned.twins.size(), 2);
         QCOMPARE(planned.twins.at(0).site.account, u"aaa"_s);
