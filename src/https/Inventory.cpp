@@ -1,13 +1,12 @@
 #include "https/Inventory.h"
 
-#include "common/Fd.h"
+#include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -20,56 +19,13 @@ constexpr auto kSites = "/etc/apache2/sites-enabled";
 const auto kPrefix = u"corv-"_s;
 const auto kSuffix = u".conf"_s;
 
-// The agent's sites have less than a kilobyte, a certificate with its chain some ten.
+// The agent's sites have less than a kilobyte.
 constexpr qsizetype kLargestSite = qsizetype{8} * 1024;
-constexpr qsizetype kLargestChoices = qsizetype{4} * 1024;
-constexpr qsizetype kLargestCertificate = qsizetype{256} * 1024;
 // A fallback certificate, its key and a description for each of a hundred sites.
 constexpr quint64 kRoomBytes = quint64{2} * 1024 * 1024;
 constexpr fsfilcnt_t kRoomFiles = 500;
 
-QString storeFolder(const QString &domain)
-{
-    return u"%1/domains/%2"_s.arg(QLatin1StringView(kStore), domain);
-}
-
-void setOptions(Candidate *candidate)
-{
-    const QString path = optionsPath(candidate->site.account);
-    struct stat status = {};
-    if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
-        return;
-    const std::optional<QByteArray> text = readWhole(path, kLargestChoices);
-    const std::optional<SiteOptions> options = text ? parseOptions(*text) : std::nullopt;
-    candidate->optionsAreClear = options.has_value();
-    candidate->options = options.value_or(SiteOptions());
-}
-
 } // namespace
-
-std::optional<QByteArray> readWhole(const QString &path, qsizetype most)
-{
-    const Fd file(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status = {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > most)
-        return std::nullopt;
-    QByteArray bytes(most + 1, Qt::Uninitialized);
-    qsizetype size = 0;
-    while (size <= most) {
-        const ssize_t count = ::read(file.get(), bytes.data() + size, static_cast<size_t>(bytes.size() - size));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return std::nullopt;
-        if (count == 0)
-            break;
-        size += count;
-    }
-    if (size > most)
-        return std::nullopt;
-    bytes.truncate(size);
-    return bytes;
-}
 
 QList<Candidate> readCandidates(qint64 now, QStringList *told)
 {
@@ -86,28 +42,14 @@ QList<Candidate> readCandidates(qint64 now, QStringList *told)
             continue;
         }
         Candidate candidate{*site};
-        setOptions(&candidate);
+        const std::optional<SiteOptions> options = readOptions(account);
+        candidate.optionsAreClear = options.has_value();
+        candidate.options = options.value_or(SiteOptions());
         const std::optional<Certificate> certificate = certificateOf(site->domain, candidate.options);
         candidate.certified = certificate && certificate->begins <= now && now < certificate->ends;
         candidates.append(candidate);
     }
     return candidates;
-}
-
-std::optional<Certificate> certificateOf(const QString &domain, const SiteOptions &options)
-{
-    QStringList paths;
-    if (!options.own.isEmpty())
-        paths.append(ownCertificatePath(options.own));
-    else
-        // The kind of its key stands in its name.
-        paths = {storeFolder(domain) + u"/pubcert.p-256.pem"_s, storeFolder(domain) + u"/pubcert.pem"_s};
-    for (const QString &path : std::as_const(paths)) {
-        const std::optional<QByteArray> pem = readWhole(path, kLargestCertificate);
-        if (const std::optional<Certificate> certificate = pem ? parseCertificate(*pem) : std::nullopt)
-            return certificate;
-    }
-    return std::nullopt;
 }
 
 QString printOf(const QByteArray &text, const QString &domain, const SiteOptions &options)

@@ -1,8 +1,8 @@
 #include "https/Orders.h"
 
+#include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 #include "common/Json.h"
-#include "https/Inventory.h"
 
 #include <QFile>
 #include <QJsonObject>

@@ -1,5 +1,6 @@
 #include "https/Store.h"
 #include "https/Sync.h"
+#include "https/Work.h"
 
 #include "common/HttpsOptions.h"
 #include "common/Paths.h"
@@ -22,6 +23,24 @@ constexpr int kMostRescues = 10;
 constexpr int kStartMilliseconds = 100000;
 
 } // namespace
+
+int again()
+{
+    if (!makeFolders())
+        return 1;
+    const Fd lock = takeLock();
+    State state = loadState();
+    state.rescues = 0;
+    state.rescuedUntil = 0;
+    for (SiteState &site : state.sites)
+        site.refused.clear();
+    for (NameState &name : state.names)
+        name.nextAt = 0;
+    for (OrderState &order : state.orders)
+        order.nextAt = 0;
+    saveState(state);
+    return leaveNote("again") ? 0 : 1;
+}
 
 int rescue()
 {

@@ -1,8 +1,8 @@
 #include "https/Store.h"
 
 #include "common/AtomicFile.h"
+#include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
-#include "https/Inventory.h"
 
 #include <QDeadlineTimer>
 

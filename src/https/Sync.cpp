@@ -1,6 +1,7 @@
 #include "https/Sync.h"
 
 #include "common/AtomicFile.h"
+#include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 #include "common/Paths.h"
 #include "https/Inventory.h"

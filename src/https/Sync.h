@@ -10,6 +10,9 @@ bool isOn();
 // status: 0 also where something was left out, which is told on standard error.
 int sync();
 
+// Forgets what was refused, and every pause before something is tried again. Gives the exit status.
+int again();
+
 // Takes all of HTTPS away after Apache has ended by itself with it, and starts Apache. Gives the exit status.
 int rescue();
 

@@ -1,5 +1,6 @@
 #include "https/Work.h"
 
+#include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 #include "common/TimedRun.h"
 #include "https/Inventory.h"

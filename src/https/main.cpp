@@ -24,10 +24,12 @@ int main(int argc, char **argv)
         return corv::https::sync();
     if (words == QStringList{u"rescue"_s})
         return corv::https::rescue();
+    if (words == QStringList{u"again"_s})
+        return corv::https::again();
     if (words == QStringList{u"work"_s})
         return corv::https::work();
     if (words.size() >= 2 && words.first() == "message"_L1)
         return corv::https::message(words.at(1));
-    (void)std::fputs("usage: corv-https sync | work | rescue | message EVENT NAME\n", stderr);
+    (void)std::fputs("usage: corv-https sync | work | again | rescue | message EVENT NAME\n", stderr);
     return 2;
 }
