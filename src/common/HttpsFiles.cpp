@@ -19,6 +19,17 @@ constexpr qsizetype kLargestChoices = qsizetype{4} * 1024;
 // One with its chain has some ten kilobytes.
 constexpr qsizetype kLargestCertificate = qsizetype{256} * 1024;
 
+struct Folder
+{
+    const char *path;
+    mode_t mode;
+};
+// Apache passes through those of the store as another user; what is private there lies deeper.
+constexpr Folder kFolders[] = {{"/run/corvane", 0755},       {kRunFolder, 0755},   {kProbeFolder, 0755},
+                               {"/var/lib/corvane", 0755},   {kStateFolder, 0755}, {"/etc/corvane", 0755},
+                               {"/etc/corvane/https", 0711}, {kStore, 0755},       {kOwnFolder, 0700},
+                               {kOptionsFolder, 0755}};
+
 } // namespace
 
 std::optional<QByteArray> readWhole(const QString &path, qsizetype most)
@@ -74,6 +85,17 @@ std::optional<SiteOptions> readOptions(const QString &account)
         return SiteOptions();
     const std::optional<QByteArray> text = readWhole(path, kLargestChoices);
     return text ? parseOptions(*text) : std::nullopt;
+}
+
+bool makeFolders()
+{
+    for (const Folder &folder : kFolders) {
+        if (::mkdir(folder.path, folder.mode) == 0)
+            (void)::chmod(folder.path, folder.mode); // whatever the mask is; missing rights show at once
+        else if (errno != EEXIST)
+            return false;
+    }
+    return true;
 }
 
 } // namespace corv::https

@@ -23,4 +23,8 @@ std::optional<Certificate> certificateOf(const QString &domain, const SiteOption
 // What was chosen for an account; nothing where that cannot be read.
 std::optional<SiteOptions> readOptions(const QString &account);
 
+// Makes the folders that all of it stands on. Those are missing before HTTPS is first switched on, and where /run or
+// the state were cleared away. False where one cannot be made.
+bool makeFolders();
+
 } // namespace corv::https

@@ -41,6 +41,7 @@ Settings readSettings(const QSettings &file)
     authority.bindingKeyFile = checked(file, "binding"_L1, path, {}, problem);
     authority.retry = checked(file, "retry"_L1, u"[1-9][0-9]{0,5}(s|m|h|d)"_s, u"1h"_s, problem);
     authority.renewWindow = checked(file, "renew_window"_L1, u"[1-9][0-9]{0,5}(s|m|h|d|%)"_s, u"33%"_s, problem);
+    authority.check = checked(file, "check"_L1, u"[1-9][0-9]{0,5}(s|m|h|d)"_s, u"1h"_s, problem);
     settings.probes = checked(file, "probe"_L1, u"yes|no"_s, u"yes"_s, problem) == "yes"_L1;
     const QString orders = checked(file, "orders"_L1, u"[0-9]{1,5}"_s, QString::number(kDefaultOrders), problem);
     settings.orders = std::min(orders.toInt(), kMostOrders);

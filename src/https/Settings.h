@@ -19,7 +19,7 @@ struct Settings
 };
 
 // The settings of the file, keys https/contact, https/authority, https/authority_ca, https/binding, https/retry,
-// https/renew_window, https/probe and https/orders.
+// https/renew_window, https/check, https/probe and https/orders.
 Settings readSettings(const QSettings &file);
 
 // The directives in the text of the file with the protocol's settings, as they stand in each site.

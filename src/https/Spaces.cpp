@@ -17,6 +17,7 @@
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,7 +45,7 @@ struct Command
     std::string program;
     std::vector<std::string> words;
     std::string store;
-    bool isReadOnly = false;
+    bool isFull = false;
 };
 
 bool tmpfs(const char *folder)
@@ -53,20 +54,71 @@ bool tmpfs(const char *folder)
     return ::mount("tmpfs", folder, "tmpfs", MS_NOSUID | MS_NODEV, kMemoryFolder) == 0;
 }
 
-// Lets the server change its store without changing the real one.
-bool coverStore(const Command &command)
+constexpr auto kStoreCopy = "/run/apache2/store";
+
+// Runs a tool to its end, without output.
+bool runTool(const std::vector<const char *> &words)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        (void)::close_range(0, ~0U, CLOSE_RANGE_CLOEXEC);
+        std::vector<char *> arguments;
+        for (const char *word : words)
+            arguments.push_back(const_cast<char *>(word));
+        arguments.push_back(nullptr);
+        ::execv(arguments.front(), arguments.data());
+        ::_exit(127);
+    }
+    int status = 0;
+    return child > 0 && ::waitpid(child, &status, 0) == child && status == 0;
+}
+
+// Takes the room from a file system in memory that is left on it.
+bool fill(const char *folder)
+{
+    struct statvfs status = {};
+    if (::statvfs(folder, &status) != 0)
+        return false;
+    const std::string size = "size=" + std::to_string((status.f_blocks - status.f_bfree) * status.f_frsize);
+    return ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV, size.c_str()) == 0;
+}
+
+// A copy of the store in its place.
+bool copyStore(const Command &command)
+{
+    const std::string from = command.store + "/.";
+    return ::mkdir(kStoreCopy, 0755) == 0 && tmpfs(kStoreCopy) &&
+           runTool({"/bin/cp", "-a", "--", from.c_str(), kStoreCopy}) && (!command.isFull || fill(kStoreCopy)) &&
+           ::mount(kStoreCopy, command.store.c_str(), nullptr, MS_BIND, nullptr) == 0;
+}
+
+// What is written to the store goes elsewhere, which takes no time however large it is.
+bool overlayStore(const Command &command)
 {
     const char *store = command.store.c_str();
-    if (command.isReadOnly)
-        return ::mount(store, store, nullptr, MS_BIND, nullptr) == 0 &&
-               ::mount(nullptr, store, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
     const std::string upper = std::string(kRunFolder) + "/upper";
     const std::string work = std::string(kRunFolder) + "/work";
     // The folder's own owner and mode are those of the upper one.
     if (::mkdir(upper.c_str(), 0755) != 0 || ::mkdir(work.c_str(), 0700) != 0)
         return false;
-    const std::string options = "lowerdir=" + command.store + ",upperdir=" + upper + ",workdir=" + work;
-    return ::mount("overlay", store, "overlay", 0, options.c_str()) == 0;
+    const std::string options = "redirect_dir=on,lowerdir=" + command.store + ",upperdir=" + upper + ",workdir=" + work;
+    if (::mount("overlay", store, "overlay", 0, options.c_str()) != 0)
+        return false;
+    // Apache renames whole folders there. Not every kernel and file system lets it.
+    const std::string folder = command.store + "/domains";
+    const std::string other = command.store + "/domains.moved";
+    if (::access(folder.c_str(), F_OK) != 0 || ::rename(folder.c_str(), other.c_str()) == 0) {
+        (void)::rename(other.c_str(), folder.c_str()); // where there was one
+        return true;
+    }
+    (void)::umount2(store, MNT_DETACH);
+    return false;
+}
+
+// Lets the server change its store without changing the real one.
+bool coverStore(const Command &command)
+{
+    return (!command.isFull && overlayStore(command)) || copyStore(command);
 }
 
 bool coverFolders(const Command &command)
@@ -176,9 +228,9 @@ Spaces::~Spaces()
     stop();
 }
 
-bool Spaces::start(const QString &program, const QStringList &words, const QString &store, bool isReadOnly)
+bool Spaces::start(const QString &program, const QStringList &words, const QString &store, bool isFull)
 {
-    Command command{program.toStdString(), {}, QFile::encodeName(store).toStdString(), isReadOnly};
+    Command command{program.toStdString(), {}, QFile::encodeName(store).toStdString(), isFull};
     for (const QString &word : words)
         command.words.push_back(word.toStdString());
 

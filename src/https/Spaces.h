@@ -25,7 +25,7 @@ public:
 
     // Starts program in name spaces of its own, where the folder store can be written to without a change of the real
     // one, or with isReadOnly not at all. False when no process can be had for it.
-    bool start(const QString &program, const QStringList &words, const QString &store, bool isReadOnly);
+    bool start(const QString &program, const QStringList &words, const QString &store, bool isFull);
 
     // Waits until the server has written its process id, or has ended, at most so many milliseconds; ends it.
     End wait(int milliseconds);

@@ -23,17 +23,6 @@ constexpr int kLockMilliseconds = 20000;
 constexpr useconds_t kLockPause = 20000;
 constexpr qsizetype kLargestState = qsizetype{16} * 1024 * 1024;
 
-struct Folder
-{
-    const char *path;
-    mode_t mode;
-};
-// Apache passes through those of the store as another user; what is private there lies deeper.
-constexpr Folder kFolders[] = {{"/run/corvane", 0755},       {kRunFolder, 0755},   {kProbeFolder, 0755},
-                               {"/var/lib/corvane", 0755},   {kStateFolder, 0755}, {"/etc/corvane", 0755},
-                               {"/etc/corvane/https", 0711}, {kStore, 0755},       {kOwnFolder, 0700},
-                               {kOptionsFolder, 0755}};
-
 } // namespace
 
 void say(const QString &sentence)
@@ -63,17 +52,6 @@ void saveState(const State &state)
 {
     if (!replaceFile(QString::fromLatin1(kStateFile), stateText(state), 0644))
         say(u"cannot write %1"_s.arg(QLatin1StringView(kStateFile)));
-}
-
-bool makeFolders()
-{
-    for (const Folder &folder : kFolders) {
-        if (::mkdir(folder.path, folder.mode) == 0)
-            (void)::chmod(folder.path, folder.mode); // whatever the mask is; missing rights show at once
-        else if (errno != EEXIST)
-            return false;
-    }
-    return true;
 }
 
 } // namespace corv::https

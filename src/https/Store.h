@@ -17,7 +17,4 @@ State loadState();
 // Keeps the state. What cannot be kept is said; nothing but speed depends on it.
 void saveState(const State &state);
 
-// Makes the folders that all of it stands on. Those are missing where /run or the state were cleared away.
-bool makeFolders();
-
 } // namespace corv::https

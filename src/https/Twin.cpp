@@ -46,6 +46,7 @@ MDStapling off
 MDRenewMode auto
 MDRetryDelay %2
 MDRenewWindow %3
+MDCheckInterval %5
 MDMessageCmd /usr/libexec/corvane/corv-https message
 Alias /.well-known/corv-probe/ %4/
 <Directory %4>
@@ -101,7 +102,8 @@ QByteArray baseText(const Authority &authority, bool answersForOthers, const QBy
 {
     QByteArray text = "# Made by corv-https before each start and reload of Apache; never edit.\n";
     text += QString(kBase)
-                .arg(QLatin1StringView(kStore), authority.retry, authority.renewWindow, QLatin1StringView(kProbeFolder))
+                .arg(QLatin1StringView(kStore), authority.retry, authority.renewWindow, QLatin1StringView(kProbeFolder),
+                     authority.check)
                 .toUtf8();
     if (!authority.directory.isEmpty())
         text += "MDCertificateAuthority " + authority.directory.toUtf8() + '\n';

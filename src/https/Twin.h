@@ -34,6 +34,7 @@ struct Authority
     QString bindingKeyFile;   // an external account binding, as Apache reads it; empty: none
     QString retry = {};       // after which Apache asks again by itself
     QString renewWindow = {}; // how long before its end a certificate is renewed
+    QString check = {};       // how often Apache looks whether it is time for that
 };
 
 // What stands before all twins. With answersForOthers, names that nobody has get an answer of their own here; where the

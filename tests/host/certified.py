@@ -11,6 +11,7 @@ LIVE = "/run/corvane/https/sites.conf"
 
 AUTHORITY = r"""
 mkdir -p /srv/pebble && cd /srv/pebble
+systemctl stop pebble dnstest 2>/dev/null
 openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout key.pem -out cert.pem -days 30 -subj /CN=pebble \
     -addext subjectAltName=DNS:localhost,IP:127.0.0.1 2>/dev/null
 cat >pebble.json <<END
@@ -28,23 +29,31 @@ authority=https://127.0.0.1:14000/dir
 authority_ca=/srv/pebble/cert.pem
 contact=admin@web1.test
 retry=2s
+check=2s
 """
 
 
 @dataclass
 class Secure:
-    """An answer over HTTPS: status, headers and body as they came, the certificate's issuer, HTTP's version."""
+    """An answer over HTTPS: status, headers and body as they came, the certificate's issuer and end, HTTP's version."""
 
     status: int
     text: str
     issuer: str
+    ends: str
     version: str
 
 
-def prepare(host, seconds=3600):
-    """Has the authority run, whose certificates are good for so many seconds, and HTTPS on."""
-    host.ok(["apt-get", "-q", "install", "--yes", "pebble"], env={"DEBIAN_FRONTEND": "noninteractive"})
+def start_authority(host, seconds=3600):
+    """Has a fresh authority run, whose certificates are good for so many seconds; it knows nobody from before."""
     host.ok(["bash", "-c", AUTHORITY, "bash", str(seconds)])
+    host.run(["sh", "-c", f"rm -rf {STORE}/accounts/*"])
+
+
+def prepare(host):
+    """Has the authority run, and HTTPS on."""
+    host.ok(["apt-get", "-q", "install", "--yes", "pebble"], env={"DEBIAN_FRONTEND": "noninteractive"})
+    start_authority(host)
     host.put("/etc/corvane/https.conf", SETTINGS)
     host.ok(["corvctl", "https", "on"])
 
@@ -82,9 +91,9 @@ def secure(host, domain, path="/", *options):
                          f"https://{domain}{path}"])
     if done.code != 0:
         return None
-    issuer = next((line for line in done.err.splitlines() if "issuer:" in line), "")
+    issuer, ends = (next((line for line in done.err.splitlines() if word in line), "") for word in ("issuer:", "expire date:"))
     head = done.out.split("\r\n", 1)[0].split()
-    return Secure(int(head[1]), done.out, issuer, head[0])
+    return Secure(int(head[1]), done.out, issuer, ends, head[0])
 
 
 def plain(host, domain, path="/"):

@@ -3,7 +3,7 @@
 import json
 
 import pytest
-from certified import LIVE, STATE, STORE, certified, lead, listed, plain, prepare, reload, secure, wait_for_certificate
+from certified import LIVE, STATE, STORE, certified, lead, listed, plain, prepare, reload, secure, start_authority, wait_for_certificate
 
 LIMIT = 240
 
@@ -260,6 +260,17 @@ wait
 """
 
 
+def test_apache_that_ended_is_started_also_when_the_sites_were_taken_away_meanwhile(server):
+    name, domain = certified(server)
+    server.ok(["sh", "-c", f": >{LIVE}; rm -f /run/corvane/https/started; kill -KILL $(cat /run/apache2/apache2.pid); "
+               "systemctl stop apache2; systemctl start corv-https-rescue"])
+    server.wait_for(lambda: is_up(server) and plain(server, domain) == 200, "port 80")
+    # Once more at once is for reasons of its own.
+    server.ok(["systemctl", "stop", "apache2"])
+    server.ok(["sh", "-c", f": >{LIVE}; systemctl start corv-https-rescue"])
+    assert not is_up(server)
+
+
 def test_a_kill_at_any_moment_leaves_apache_and_no_trial_behind(server):
     name, domain = certified(server)
     for hundredths in range(0, 30, 3):
@@ -279,7 +290,9 @@ def test_a_full_disk_takes_no_site_down(server):
                f"cp -a /root/kept/. {STORE}/ && (dd if=/dev/zero of={STORE}/full bs=4k 2>/dev/null || true)"])
     try:
         reload(server)
-        assert is_up(server) and plain(server, domain) == 200 and secure(server, domain).status == 200
+        assert is_up(server) and plain(server, domain) == 200
+        assert secure(server, domain), server.journal("apache2")
+        assert secure(server, domain).status == 200
         other = server.free_name()
         assert server.request("hosting.create", username=other, domain=f"{other}.example", sshKey=server.key.public)["ok"]
         server.wait_for(lambda: server.fetch(f"{other}.example", "/").status == 200, "the new site")
@@ -308,11 +321,24 @@ def test_while_the_authority_is_down_nobody_hammers_at_it_and_then_the_certifica
         assert json.loads(server.get(STATE))["orders"][domain]["failures"] == failures
         assert f"<MDomainSet {domain} www.{domain}>\n    MDMembers manual\n    MDRenewMode manual\n" in server.get(LIVE)
     finally:
-        server.ok(["bash", "-c", "sed -i s/retry=1h/retry=2s/ /etc/corvane/https.conf; systemctl reset-failed pebble 2>/dev/null; "
-                   "systemd-run -q --unit=pebble -E PEBBLE_VA_NOSLEEP=1 -E PEBBLE_WFE_NONCEREJECT=0 "
-                   "pebble -config /srv/pebble/pebble.json -dnsserver 127.0.0.1:8053; rm -rf " + STORE + "/accounts/*"])
+        server.ok(["sed", "-i", "s/retry=1h/retry=2s/", "/etc/corvane/https.conf"])
+        start_authority(server)
     server.ok(["/usr/libexec/corvane/corv-https", "again"])
     wait_for_certificate(server, domain)
+
+
+def test_a_certificate_renews_by_itself_also_while_its_site_is_suspended(server):
+    start_authority(server, 30)
+    try:
+        name, domain = certified(server)
+        first = secure(server, domain).ends
+        server.wait_for(lambda: secure(server, domain).ends != first, "the renewal", timeout=60)
+        assert server.request("hosting.suspend", username=name) == {"ok": True}
+        second = secure(server, domain).ends
+        server.wait_for(lambda: secure(server, domain).ends != second, "the renewal while suspended", timeout=60)
+        assert secure(server, domain).status == plain(server, domain) == 503
+    finally:
+        start_authority(server)
 
 
 def test_the_sites_own_rules_know_that_it_is_https_and_who_visits(server):

@@ -3,6 +3,8 @@
 #include "common/HttpsState.h"
 #include "common/Site.h"
 #include "https/Names.h"
+#include "https/Orders.h"
+#include "https/Probe.h"
 #include "https/Recognise.h"
 #include "https/Rehearsal.h"
 #include "https/Settings.h"
@@ -173,16 +175,21 @@ private Q_SLOTS:
 
     void theBaseAnswersForNamesOfNobodyWhereNoneOfOthersDoes()
     {
-        const Authority authority{{}, {}, {}, {}, u"1h"_s, u"33%"_s};
+        const Authority authority{{}, {}, {}, {}, u"1h"_s, u"33%"_s, u"1h"_s};
         QVERIFY(baseText(authority, true, {}).contains("    ServerName corvane.invalid\n"));
         QVERIFY(!baseText(authority, false, {}).contains("VirtualHost"));
         QVERIFY(!baseText(authority, true, {}).contains("MDContactEmail"));
-        const Authority own{
-            u"https://ca.example/dir"_s, u"/etc/ca.pem"_s, u"a@b.example"_s, u"/etc/eab"_s, u"5m"_s, u"10d"_s};
+        const Authority own{u"https://ca.example/dir"_s,
+                            u"/etc/ca.pem"_s,
+                            u"a@b.example"_s,
+                            u"/etc/eab"_s,
+                            u"5m"_s,
+                            u"10d"_s,
+                            u"30m"_s};
         const QByteArray text = baseText(own, false, {});
         for (const char *line : {"MDCertificateAuthority https://ca.example/dir\n", "MDCACertificateFile /etc/ca.pem\n",
                                  "MDContactEmail a@b.example\n", "MDExternalAccountBinding /etc/eab\n",
-                                 "MDRetryDelay 5m\n", "MDRenewWindow 10d\n"})
+                                 "MDRetryDelay 5m\n", "MDRenewWindow 10d\n", "MDCheckInterval 30m\n"})
             QVERIFY2(text.contains(line), line);
     }
 
@@ -258,6 +265,89 @@ private Q_SLOTS:
         QCOMPARE(planned.sites.value(u"ddd"_s).withoutWww, u"another site has www.half.example on port 443"_s);
         QCOMPARE(planned.sites.value(u"eee"_s).leftOut, u"switched off"_s);
         QCOMPARE(planned.sites.value(u"fff"_s).leftOut, u"/etc/corvane/https.d/fff cannot be read"_s);
+    }
+
+    void noMoreFirstCertificatesAreAskedForThanThereIsRoom()
+    {
+        const QList<Candidate> sites{candidate(u"aaa"_s, u"a.example"_s), candidate(u"bbb"_s, u"b.example"_s),
+                                     candidate(u"ccc"_s, u"c.example"_s)};
+        State state = leadingHere({u"a.example"_s, u"www.a.example"_s, u"b.example"_s, u"www.b.example"_s,
+                                   u"c.example"_s, u"www.c.example"_s});
+        state.orders[u"a.example"_s].startedAt = kNow - 60;
+        const auto renewing = [&](int room) {
+            QStringList domains;
+            for (const Twin &twin : plan(sites, {}, state, kNow, room).twins) {
+                if (twin.renews)
+                    domains.append(twin.site.domain);
+            }
+            return domains;
+        };
+        // One that was begun goes on.
+        QCOMPARE(renewing(0), QStringList{u"a.example"_s});
+        QCOMPARE(renewing(1), (QStringList{u"a.example"_s, u"b.example"_s}));
+        QCOMPARE(renewing(2), (QStringList{u"a.example"_s, u"b.example"_s, u"c.example"_s}));
+        QCOMPARE(roomForOrders(state, 150, kNow), 149);
+        QCOMPARE(roomForOrders(state, 1, kNow), 0);
+        QCOMPARE(roomForOrders(state, 0, kNow), 0);
+        QCOMPARE(roomForOrders(state, 1, kNow + 3 * 3600), 1);
+    }
+
+    void aNameThatLedHereIsBelievedForAWhile()
+    {
+        const Probed miss{false, u"it has no address"_s};
+        NameState name = after({}, miss, kNow);
+        QVERIFY((name == NameState{false, u"it has no address"_s, kNow, kNow + 300, 1}));
+        name = after(name, {true, {}}, kNow);
+        QVERIFY((name == NameState{true, {}, kNow, kNow + 86400, 0}));
+        name = after(name, miss, kNow);
+        QVERIFY(name.leadsHere && name.nextAt == kNow + 300);
+        name = after(name, miss, kNow);
+        QVERIFY(name.leadsHere && name.nextAt == kNow + 600);
+        name = after(name, miss, kNow);
+        QVERIFY(!name.leadsHere && name.nextAt == kNow + 1200);
+        for (int i = 0; i < 100; ++i)
+            name = after(name, miss, kNow);
+        QCOMPARE(name.nextAt, kNow + 21600);
+    }
+
+    void onlyTheTokenIsAnAnswer_data()
+    {
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<bool>("good");
+        QTest::newRow("as it is") << "HTTP/1.1 200 OK\r\nA: b\r\n\r\ntoken"_ba << true;
+        QTest::newRow("a line feed behind") << "HTTP/1.1 200 OK\r\nA: b\r\n\r\ntoken\n"_ba << true;
+        QTest::newRow("another status") << "HTTP/1.1 404 Not Found\r\nA: b\r\n\r\ntoken"_ba << false;
+        QTest::newRow("more than it") << "HTTP/1.1 200 OK\r\nA: b\r\n\r\ntoken token"_ba << false;
+        QTest::newRow("in a header") << "HTTP/1.1 200 OK\r\nA: token\r\n\r\n"_ba << false;
+        QTest::newRow("no header") << "HTTP/1.1 200 OK\r\n"_ba << false;
+        QTest::newRow("no HTTP") << "token"_ba << false;
+        QTest::newRow("nothing") << QByteArray() << false;
+    }
+
+    void onlyTheTokenIsAnAnswer()
+    {
+        QFETCH(QByteArray, answer);
+        QFETCH(bool, good);
+        QCOMPARE(isAnswer(answer, "token"), good);
+    }
+
+    void readsWhatApacheIsAt()
+    {
+        const std::optional<Job> job =
+            parseJob("{\"name\": \"a\", \"finished\": false, \"errors\": 2, \"last\": {\"detail\": \"why\"}}");
+        QVERIFY(job && !job->finished && job->errors == 2);
+        QCOMPARE(job->said, u"why"_s);
+        QVERIFY(parseJob("{\"name\": \"a\", \"finished\": true}")->finished);
+        QVERIFY(!parseJob("{}"));
+        QVERIFY(!parseJob("garbage"));
+    }
+
+    void readsTimesOfApache()
+    {
+        QCOMPARE(secondsIn(u"90s"_s), 90);
+        QCOMPARE(secondsIn(u"5m"_s), 300);
+        QCOMPARE(secondsIn(u"1h"_s), 3600);
+        QCOMPARE(secondsIn(u"2d"_s), 172800);
     }
 
     void findsTheBadPartsInFewAttempts()

@@ -72,6 +72,8 @@ int accountHttps(Session &session, const Given &given)
     options.noWww = given.has("--no-www");
 
     const InterruptGuard guard;
+    if (!https::makeFolders())
+        return refuse(session, u"cannot make the folders for HTTPS"_s);
     if (given.has("--cert")) {
         if (const QString problem = bring(given, account, hosting::domainOf(account), &options); !problem.isEmpty())
             return refuse(session, u"the certificate is not used: "_s + problem);

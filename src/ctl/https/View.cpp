@@ -57,7 +57,7 @@ HttpsSite judgeSite(const QString &account, const https::State &state, const htt
         site.stage = HttpsSite::Stage::Off;
         return site;
     }
-    if (kept.names.isEmpty()) {
+    if (kept.names.isEmpty() || !state.none.isEmpty()) {
         site.stage = HttpsSite::Stage::LeftOut;
         site.remark = state.none.isEmpty() ? kept.leftOut : state.none;
         return site;
