@@ -1,5 +1,6 @@
 #include "https/Orders.h"
 
+#include "common/Fd.h"
 #include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 #include "common/Json.h"
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -66,6 +68,18 @@ void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds)
         order.said = job->said;
         order.nextAt = writtenAt + std::min(retrySeconds << (order.failures - 1), kLongestPause);
     }
+}
+
+void forgetJob(const QString &domain)
+{
+    const QByteArray staging = QByteArray(kStore) + "/staging";
+    // Apache's user writes below it: whatever he puts there, nothing else is removed than a file of this name in that
+    // folder.
+    constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const Fd folder(::open(staging.constData(), flags));
+    const Fd job(folder ? ::openat(folder.get(), QFile::encodeName(domain).constData(), flags) : -1);
+    if (job)
+        (void)::unlinkat(job.get(), "job.json", 0); // is there or not
 }
 
 int roomForOrders(const State &state, int most, qint64 now)

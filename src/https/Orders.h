@@ -28,6 +28,9 @@ std::optional<Job> readJob(const QString &domain, qint64 *writtenAt);
 // most.
 void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds);
 
+// Has Apache begin anew with an order that failed and whose pause is over: it would keep to a pause of its own.
+void forgetJob(const QString &domain);
+
 // How many of so many first certificates in three hours may still be asked for.
 int roomForOrders(const State &state, int most, qint64 now);
 

@@ -1,3 +1,4 @@
+#include "https/Orders.h"
 #include "https/Store.h"
 #include "https/Sync.h"
 #include "https/Work.h"
@@ -66,8 +67,11 @@ int again()
         site.refused.clear();
     for (NameState &name : state.names)
         name.nextAt = 0;
-    for (OrderState &order : state.orders)
-        order.nextAt = 0;
+    for (auto order = state.orders.begin(); order != state.orders.end(); ++order) {
+        order->nextAt = 0;
+        if (order->failures > 0)
+            forgetJob(order.key());
+    }
     saveState(state);
     return leaveNote("again") ? 0 : 1;
 }

@@ -207,7 +207,7 @@ bool publish(const QByteArray &text)
     return false;
 }
 
-// Remembers when Apache is first told to get a certificate.
+// Remembers when Apache is first told to get a certificate, and has it begin anew where one failed.
 void noteOrders(Run *run, const QList<int> &chosen)
 {
     for (const int place : chosen) {
@@ -217,6 +217,9 @@ void noteOrders(Run *run, const QList<int> &chosen)
         OrderState &order = run->state.orders[twin.site.domain];
         if (order.startedAt == 0)
             order.startedAt = run->now;
+        if (order.nextAt > 0)
+            forgetJob(twin.site.domain); // its pause is over: planned as it is only then
+        order.nextAt = 0;
     }
 }
 

@@ -2,6 +2,10 @@
 #include "common/HttpsOptions.h"
 #include "common/HttpsState.h"
 #include "common/Site.h"
+#include "ctl/doctor/Https.h"
+#include "ctl/https/Apache.h"
+#include "ctl/https/Own.h"
+#include "ctl/https/View.h"
 #include "https/Names.h"
 #include "https/Orders.h"
 #include "https/Probe.h"
@@ -472,6 +476,76 @@ private Q_SLOTS:
         }
         QVERIFY(!parseCertificate("garbage"));
         QVERIFY(!parseCertificate({}));
+    }
+
+    void judgesHowFarASiteIs_data()
+    {
+        QTest::addColumn<qint64>("daysGone");
+        QTest::addColumn<QString>("word");
+        QTest::addColumn<QString>("remark");
+        // Of ninety days, Apache renews when thirty are left.
+        QTest::newRow("fresh") << qint64{0} << u"served"_s << QString();
+        QTest::newRow("to be renewed") << qint64{61} << u"served"_s << QString();
+        QTest::newRow("should have been renewed") << qint64{81} << u"ending"_s << u"the authority is away"_s;
+        QTest::newRow("past its end") << qint64{90} << u"expired"_s << u"the authority is away"_s;
+        QTest::newRow("before its begin") << qint64{-1} << u"expired"_s << u"the authority is away"_s;
+    }
+
+    void judgesHowFarASiteIs()
+    {
+        QFETCH(qint64, daysGone);
+        QFETCH(QString, word);
+        QFETCH(QString, remark);
+        constexpr qint64 day = 86400;
+        State state = leadingHere({u"shop.example"_s});
+        state.sites[u"shop"_s] = {u"shop.example"_s, {u"shop.example"_s}, {}, {}, {}, 0};
+        state.orders[u"shop.example"_s] = {1, u"the authority is away"_s, 1, 2, 0};
+        const Certificate certificate{kNow - daysGone * day, kNow + (90 - daysGone) * day, {}, {}};
+        const ctl::HttpsSite site = ctl::judgeSite(u"shop"_s, state, {}, certificate, kNow);
+        QCOMPARE(ctl::stageWord(site.stage), word);
+        QCOMPARE(site.remark, remark);
+        QCOMPARE(site.ends, certificate.ends);
+    }
+
+    void theDoctorTellsWhatIsWrongWithHttps()
+    {
+        State state;
+        state.sites[u"bad"_s].refused = u"print"_s;
+        QList<ctl::HttpsSite> sites;
+        const auto add = [&](const QString &account, ctl::HttpsSite::Stage stage) {
+            sites.append({account, account + u".example"_s, {}, stage, u"why"_s, 0, false});
+        };
+        using Stage = ctl::HttpsSite::Stage;
+        add(u"good"_s, Stage::Served);
+        add(u"off"_s, Stage::Off);
+        add(u"bad"_s, Stage::LeftOut);
+        add(u"theirs"_s, Stage::LeftOut);
+        add(u"new"_s, Stage::Waiting);
+        add(u"late"_s, Stage::Ending);
+        add(u"old"_s, Stage::Expired);
+        QStringList told;
+        for (const ctl::Finding &finding : ctl::checkHttps(state, sites))
+            told.append((finding.level == ctl::Level::Fault ? u"fault "_s : u"note "_s) + finding.problem);
+        const QStringList expected{u"fault bad.example is not on HTTPS: why"_s,
+                                   u"note theirs.example is not on HTTPS: why"_s,
+                                   u"note new.example has no certificate yet: why"_s,
+                                   u"fault the certificate of late.example ends soon: why"_s,
+                                   u"fault the certificate of old.example is not good at this time: why"_s};
+        QCOMPARE(told, expected);
+        QVERIFY(ctl::checkHttps({}, {}).isEmpty());
+        state.rehearsed = false;
+        QCOMPARE(ctl::checkHttps(state, {}).size(), 1);
+        state.none = u"why"_s;
+        QCOMPARE(ctl::checkHttps(state, sites).first().problem, u"no account's site is on HTTPS: why"_s);
+    }
+
+    void aStarCoversOneLabel()
+    {
+        QVERIFY(ctl::coversName({u"a.example"_s}, u"a.example"_s));
+        QVERIFY(ctl::coversName({u"*.example"_s}, u"a.example"_s));
+        QVERIFY(!ctl::coversName({u"*.example"_s}, u"www.a.example"_s));
+        QVERIFY(!ctl::coversName({u"*.example"_s}, u"example"_s));
+        QVERIFY(!ctl::coversName({}, u"a.example"_s));
     }
 
     void takesOnlySettingsThatAreWordsOfApache()

@@ -44,11 +44,8 @@ QString whatBecame(const QString &account)
     const std::optional<https::State> state = readHttps();
     if (!state)
         return u"HTTPS is off for all; corvctl https on switches it on"_s;
-    const QList<HttpsSite> sites = readHttpsSites(*state, QDateTime::currentSecsSinceEpoch());
-    for (const HttpsSite &site : sites) {
-        if (site.account == account)
-            return site.remark;
-    }
+    if (const std::optional<HttpsSite> site = readHttpsSite(account, *state, QDateTime::currentSecsSinceEpoch()))
+        return site->remark;
     return u"its site is not enabled, or not as the agent writes it"_s;
 }
 

@@ -86,13 +86,20 @@ std::optional<https::State> readHttps()
         https::readWhole(QString::fromLatin1(https::kStateFile), kLargestState).value_or(QByteArray()));
 }
 
+std::optional<HttpsSite> readHttpsSite(const QString &account, const https::State &state, qint64 now)
+{
+    const auto kept = state.sites.constFind(account);
+    if (kept == state.sites.constEnd())
+        return {};
+    const https::SiteOptions options = https::readOptions(account).value_or(https::SiteOptions());
+    return judgeSite(account, state, options, https::certificateOf(kept->domain, options), now);
+}
+
 QList<HttpsSite> readHttpsSites(const https::State &state, qint64 now)
 {
     QList<HttpsSite> sites;
-    for (auto site = state.sites.begin(); site != state.sites.end(); ++site) {
-        const https::SiteOptions options = https::readOptions(site.key()).value_or(https::SiteOptions());
-        sites.append(judgeSite(site.key(), state, options, https::certificateOf(site->domain, options), now));
-    }
+    for (const QString &account : state.sites.keys())
+        sites.append(*readHttpsSite(account, state, now));
     return sites;
 }
 

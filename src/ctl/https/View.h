@@ -45,4 +45,7 @@ std::optional<https::State> readHttps();
 // All sites that were seen at the last reload of Apache, by account. For root, who may read the certificates.
 QList<HttpsSite> readHttpsSites(const https::State &state, qint64 now);
 
+// The one of an account; nothing where it was not seen there.
+std::optional<HttpsSite> readHttpsSite(const QString &account, const https::State &state, qint64 now);
+
 } // namespace corv::ctl
