@@ -35,6 +35,12 @@ bool isBackupName(const QString &name)
     return pattern.match(name).hasMatch();
 }
 
+qint64 timeOf(const QString &name)
+{
+    const QDateTime time = QDateTime::fromString(name, kStampFormat.toString());
+    return time.isValid() ? time.toSecsSinceEpoch() : 0;
+}
+
 QList<Folder> foldersIn(const QString &path)
 {
     const FolderStream stream(::opendir(QFile::encodeName(path).constData()));
@@ -49,6 +55,17 @@ QList<Folder> foldersIn(const QString &path)
         folders.append({name, QDateTime::fromSecsSinceEpoch(status.st_mtime).date()});
     }
     return folders;
+}
+
+QString newestIn(const QString &path)
+{
+    QString newest;
+    for (const Folder &folder : foldersIn(path)) {
+        const QString name = QFile::decodeName(folder.name);
+        if (isBackupName(name) && name > newest)
+            newest = name;
+    }
+    return newest;
 }
 
 bool isPast(const Folder &folder, const QDate &today, int keepDays)

@@ -17,6 +17,9 @@ constexpr QStringView kPartialPrefix = u".partial-";
 // Whether name has the form of a finished backup's, be it a valid time or not.
 bool isBackupName(const QString &name);
 
+// When a backup began, in seconds since 1970, by its name in local time; 0 for what is no such name.
+qint64 timeOf(const QString &name);
+
 // A folder inside another; a link to one is none.
 struct Folder
 {
@@ -27,6 +30,9 @@ struct Folder
 // The folders directly inside the one with that path, hidden ones included, in the order in which the file system has
 // them. Empty when it cannot be read.
 QList<Folder> foldersIn(const QString &path);
+
+// The name of the newest finished backup in the folder with that path; empty where there is none.
+QString newestIn(const QString &path);
 
 // Whether the folder is to be deleted today: a finished backup that is more than keepDays calendar days old, or an
 // unfinished one that was last changed before today. Whatever else lies there stays.

@@ -9,6 +9,8 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::backup {
@@ -46,6 +48,13 @@ QJsonObject readManifest(const QString &folder, qint64 *budget)
     const QByteArray text = file.read(status.st_size);
     *budget -= text.size();
     return QJsonDocument::fromJson(text).object();
+}
+
+bool isHarmless(const QString &error)
+{
+    const QStringList lines = error.split(u'\n', Qt::SkipEmptyParts);
+    return std::all_of(lines.cbegin(), lines.cend(),
+                       [](const QString &line) { return line.endsWith("file changed as we read it"_L1); });
 }
 
 } // namespace corv::backup

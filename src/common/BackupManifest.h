@@ -35,4 +35,7 @@ QByteArray manifestText(const Manifest &manifest);
 // its size is taken. Empty when there is none, when it is no regular file or when it holds no object.
 QJsonObject readManifest(const QString &folder, qint64 *budget);
 
+// Whether an error of a run tells of nothing but files that were being written to, which are saved all the same.
+bool isHarmless(const QString &error);
+
 } // namespace corv::backup

@@ -160,9 +160,11 @@ def is_deleted_with_whole_copies(host, account):
     assert host.fetch(account.domain).body != UNAVAILABLE
 
     assert host.mode("/var/backups/corvane") == "700 root root"
-    files = [base + "-db.dump", base + "-home.tar.gz"]
-    assert host.ok(["sh", "-c", f"ls {reply['archive']}"]).split() == files
-    assert [host.mode(path) for path in files] == ["600 root root"] * 2
+    # What neither archive holds is written down beside them, by the watcher.
+    files = [base + "-db.dump", base + "-home.tar.gz", base + "-accounts.state"]
+    host.wait_for(lambda: host.exists(files[2]), "the state beside the archives")
+    assert sorted(host.ok(["sh", "-c", f"ls {reply['archive']}"]).split()) == sorted(files)
+    assert [host.mode(path) for path in files] == ["600 root root"] * 3
     host.ok(["sh", "-c", f"mkdir /root/restored && tar -xzpf {files[1]} -C /root/restored --numeric-owner"])
     # Same names, contents, links, modes and owners; a FIFO has no content that could be compared.
     look = "cd $1 && find . -printf '%p %y %m %U %G %l\\n' | sort && find . -type f -exec sha256sum {} + | sort"

@@ -144,33 +144,64 @@ def test_nothing_is_made_of_what_is_damaged_or_not_roots(host, shop, harm, messa
 
 HOSTILE = r"""
 import io, sys, tarfile
-name, path = sys.argv[1:3]
+name, path, more = sys.argv[1:4]
 with tarfile.open(path, "w:gz", format=tarfile.GNU_FORMAT) as tar:
     def add(member, data=b"evil", kind=tarfile.REGTYPE, link="", mode=0o644, owner="root", group="root"):
-        info = tarfile.TarInfo(member)
+        info = tarfile.TarInfo(f"{name}/{member}")
         info.type, info.linkname, info.mode, info.uname, info.gname, info.size = kind, link, mode, owner, group, 0
+        if kind == tarfile.CHRTYPE:
+            info.devmajor, info.devminor = 1, 3
         if kind == tarfile.REGTYPE:
             info.size = len(data)
         tar.addfile(info, io.BytesIO(data))
-    add(f"{name}/", kind=tarfile.DIRTYPE, mode=0o6777)
-    add(f"{name}/public_html/", kind=tarfile.DIRTYPE, mode=0o7777, group="www-data")
-    add(f"{name}/public_html/index.html", b"page", group="www-data")
-    add(f"{name}/suid", mode=0o6755)
-    add(f"{name}/groups", mode=0o664, owner="postgres", group="shadow")
-    add(f"{name}/out", kind=tarfile.SYMTYPE, link="/etc/cron.d")
-    add(f"{name}/out/evil", b"* * * * * root id >/evil\n")
-    add(f"{name}/\x1b[31mred\n", b"")
+    add("", kind=tarfile.DIRTYPE, mode=0o6777)
+    add("public_html/", kind=tarfile.DIRTYPE, mode=0o7777, group="www-data")
+    add("public_html/index.html", b"page", group="www-data")
+    add("suid", mode=0o6755)
+    add("groups", mode=0o2664, owner="postgres", group="shadow")
+    add("out", kind=tarfile.SYMTYPE, link="/etc/cron.d")
+    add("a -> b", kind=tarfile.SYMTYPE, link="x")
+    add("c link to d", b"first")
+    add("second link to e", kind=tarfile.LNKTYPE, link=f"{name}/c link to d")
+    add("\x1b[31mred\n", b"")
+    if more == "through a link":
+        add("out/evil", b"* * * * * root id >/evil\n")
+    elif more == "above":
+        add("../../etc/cron.d/evil", b"* * * * * root id >/evil\n")
+    elif more == "device":
+        add("null", kind=tarfile.CHRTYPE, mode=0o666)
+    elif more == "hard link":
+        add("shadow", kind=tarfile.LNKTYPE, link="/etc/shadow")
 """
 
 
-def test_an_archive_that_its_owner_made_gives_him_nothing(host, shop):
+def restored_from(host, shop, more):
+    """What a restore says of an archive that the account's owner made, with one member more."""
     base = f"{DELETIONS}/{delete(host, shop)}"
-    host.ok(["python3", "-c", HOSTILE, shop.name, f"{base}-home.tar.gz"])
-    host.run(["corvctl", "account", "restore", shop.name, "--from", base, "--confirm", shop.name])
-    assert host.exists(shop.home)
-    assert not host.exists("/etc/cron.d/evil")
-    assert host.ok(["sh", "-c", f"find {shop.home} -type f -perm /6000; find {shop.home} -type d -perm /4000"]) == ""
+    host.ok(["python3", "-c", HOSTILE, shop.name, f"{base}-home.tar.gz", more])
+    shadow = host.mode("/etc/shadow")
+    done = host.run(["corvctl", "account", "restore", shop.name, "--from", base, "--confirm", shop.name])
+    assert host.mode("/etc/shadow") == shadow and not host.exists("/etc/cron.d/evil")
+    assert host.ok(["sh", "-c", f"find {shop.home} -type f -perm /6000; find {shop.home} -type d -perm /4000; "
+                                f"find {shop.home} -type c -o -type b"]) == ""
     assert host.ok(["sh", "-c", f"find {shop.home} ! -user {shop.name} -o ! -group {shop.name} ! -group www-data"]) == ""
+    assert host.ok(["sh", "-c", f"ls -A {shop.home} | grep ^.corv- || :"]) == ""
+    return done
+
+
+def test_an_archive_that_its_owner_made_gives_him_nothing(host, shop):
+    done = restored_from(host, shop, "nothing")
+    assert done.code == 0, done.err
+    assert host.mode(f"{shop.home}/suid") == f"755 {shop.name} {shop.name}"
+    assert host.mode(f"{shop.home}/groups") == f"664 {shop.name} {shop.name}"
+    assert host.ok(["readlink", f"{shop.home}/a -> b", f"{shop.home}/out"]) == "x\n/etc/cron.d\n"
+    assert host.ok(["cat", f"{shop.home}/second link to e"]) == "first"
+
+
+@pytest.mark.parametrize("more", ["through a link", "above", "device", "hard link"])
+def test_an_archive_that_reaches_out_of_the_home_is_not_taken(host, shop, more):
+    done = restored_from(host, shop, more)
+    assert done.code == 1 and "tar: " in done.err, done.err
 
 
 STEPS = ["reading the archives", "making the account", "loading the database", "putting back", "unpacking the files",

@@ -162,6 +162,8 @@ def saved(first):
     host.put("/run/go", "")
     entry = host.wait_for(lambda: status(host)["backups"], "the backup", 300)[0]
     host.wait_for(lambda: not status(host)["running"], "the end of the run", 60)
+    host.wait_for(lambda: host.exists(f"{DESTINATION}/{entry['name']}/accounts.state"), "what no archive holds, behind the run")
+    entry = status(host)["backups"][0]
     host.ok(["rm", HOLD_RUN])
     host.ok(["systemctl", "daemon-reload"])
     trees = {account.name: tree(host, account.home) for account in (site, many, data)}

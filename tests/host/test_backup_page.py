@@ -38,7 +38,7 @@ def hosts(boot):
 
 
 def newest(server):
-    return server.ok(["sh", "-c", f"ls {AUTO} | tail -n 1"]).strip()
+    return server.ok(["sh", "-c", f"ls {AUTO} | grep [0-9]$ | tail -n 1"]).strip()
 
 
 def replaced(server):
@@ -51,7 +51,8 @@ def sql(*statements):
     """What the page says that has happened to a database, done by hand."""
     def prepare(hosts):
         for statement in statements:
-            hosts["server"].sql(statement.replace("NAME", hosts["server"].tenant.name))
+            done = hosts["server"].sql(re.sub(r"\bNAME", hosts["server"].tenant.name, statement))
+            assert (done.code, done.err) == (0, ""), statement
     return prepare
 
 
@@ -108,7 +109,7 @@ def test_the_commands_of_the_page_do_what_it_says(hosts, heading, commands):
             if command.startswith(start):
                 prepare(hosts)
         words = {"NAME": server.tenant.name, "BACKUP": newest(server), "replaced-DATE": replaced(server), "VAULT": OUTSIDE}
-        line = re.sub("replaced-DATE|NAME|BACKUP|VAULT", lambda word: words[word[0]], command)
+        line = re.sub(r"replaced-DATE|\bNAME|BACKUP|VAULT", lambda word: words[word[0]], command)
         done = host.run(["sh", "-c", line], env=APT, timeout=300)
         server.said = done.out if "offsite setup" in command else ""
         assert done.code == 0, f"{line}\n{done.out}{done.err}"

@@ -63,7 +63,7 @@ def test_the_whole_life_of_an_account(host):
     assert (done.code, done.out) == (2, "") and "this has to be confirmed" in done.err
     archives = dict(line.split("\t") for line in corvctl(host, "--plain", "account", "delete", name, "--confirm", name).splitlines())
     assert archives["Deleted"] == name
-    assert len(host.ok(["sh", "-c", f"ls {archives['Archives']}"]).split()) == 2
+    assert len(host.ok(["sh", "-c", f"ls {archives['Archives']}"]).split()) == 3  # home, database, what neither holds
     assert name not in corvctl(host, "account", "list")
     assert refused(host, "account", "suspend", name) == \
         f"corvctl: no Corvane account named '{name}'\n  corvctl account list shows the accounts\n"

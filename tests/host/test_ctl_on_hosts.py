@@ -16,7 +16,7 @@ OTHER_POOLS = "/etc/php/8.1/fpm/pool.d"
 SITES = "/etc/apache2/sites-available"
 PSQL = "runuser -u postgres -- psql -qc"
 # The newest backup, whose manifest a test replaces.
-NEWEST = f"$(ls -d {AUTO}/2* | tail -n 1)"
+NEWEST = f"$(ls -d {AUTO}/2*[0-9] | tail -n 1)"
 # A page of PHP for the tenant, a site beside those of accounts, and its end.
 PAGE = "echo '<?php echo 1;' >/home/@/public_html/index.php; chown @:www-data /home/@/public_html/index.php"
 
@@ -248,7 +248,21 @@ FAULTS = {
         "systemctl stop corv-backup.timer", ["no nightly backup is planned: its timer is off"]),
     "the last backup is old": (
         f"rm -r {AUTO}/*; mkdir {AUTO}/2026-01-05_031500; echo '{{\"errors\":[]}}' >{AUTO}/2026-01-05_031500/manifest.json",
-        ["the last backup, 2026-01-05_031500, is N hours old"]),
+        ["the last backup, 2026-01-05_031500, is N hours old", "whether the last backup can be restored was not looked at"]),
+    "the last backup is damaged": (
+        f"truncate -s -1 {NEWEST}/config.tar.gz; corvctl backup verify || true",
+        ["the last backup is not whole: config.tar.gz is damaged: gzip: stdin: unexpected end of file"]),
+    "a unit has another PATH": (
+        "mkdir -p /etc/systemd/system/corv-backup.service.d; "
+        "printf '[Service]\\nEnvironment=PATH=/usr/bin:/bin\\n' >/etc/systemd/system/corv-backup.service.d/x.conf; systemctl daemon-reload",
+        ["the PATH of corv-backup.service was changed and does not begin with /usr/libexec/corvane/tools any more, so that its "
+         "archives take up to ten times as long"],
+        "rm -r /etc/systemd/system/corv-backup.service.d; systemctl daemon-reload"),
+    "no proof is planned": (
+        "systemctl stop corv-prove.timer", ["no dump is restored for a proof each week: its timer is off"]),
+    "deletions are not watched": (
+        "systemctl stop corv-state.path",
+        ["what the archives of deletions do not hold is not written down: its watcher is off"]),
     "there is no backup": (f"rm -r {AUTO}/*", ["there is no backup yet"]),
     "the last backup has errors": (
         f"sed -i 's/\"errors\": \\[/&\"@ files: tar: took too long\"/' {NEWEST}/manifest.json",
@@ -256,8 +270,8 @@ FAULTS = {
          "the home of the account @, 0.0 GiB, is too large to be archived within ten minutes; the last backup cut it off"],
         "corvctl backup start --wait"),
     "a home is too large": (
-        f"truncate -s 13G /home/@/large; echo '{{\"errors\":[]}}' >{NEWEST}/manifest.json",
-        ["the home of the account @, 13.0 GiB, is too large to be archived within ten minutes"],
+        f"truncate -s 4T /home/@/large; echo '{{\"errors\":[]}}' >{NEWEST}/manifest.json",
+        ["the home of the account @, 4096.0 GiB, is too large to be archived within ten minutes"],
         "rm /home/@/large; corvctl backup start --wait"),
     "the destination is full": (
         f"mkdir /srv/small; mount -t tmpfs -o size=16m,mode=700 small /srv/small; cp -r {NEWEST} /srv/small; "
@@ -281,11 +295,11 @@ ROUNDS = [
      "an account's pool is in another version", "an account has no site", "the transfer folder is another's",
      "there is no backup"],
     ["a database is open to all", "an account's pool is put aside", "a site shows its source",
-     "a role and a database are left over", "the last backup has errors"],
-    ["a restore was cut off in its swap", "an account has two pools", "the destination is full"],
+     "a role and a database are left over", "the last backup has errors", "no proof is planned"],
+    ["a restore was cut off in its swap", "an account has two pools", "the destination is full", "a unit has another PATH"],
     ["a restore was cut off", "a user is locked", "the mark is on another user", "a role is left over",
      "the cache of PHP is open to all accounts", "an account is only a user"],
-    ["a suspended account's pool runs"],
+    ["a suspended account's pool runs", "the last backup is damaged", "deletions are not watched"],
     ["a pool was put aside and made anew", "a home is too large", "the cache of PHP is opened again"],
     ["Apache is stopped", "a pool of nobody keeps PHP from starting", "a key of the settings is misspelt"],
     ["visitors see 503", "visitors see 502", "visitors see 503 of a program", "two accounts have one domain", "a site outlives its account",
@@ -307,7 +321,7 @@ def test_finds_and_mends(well, names):
     for plant, *_ in faults:
         sh(well, here(plant))
 
-    newest = (well.run(["ls", AUTO]).out.split() or [""])[-1]
+    newest = ([name for name in well.run(["ls", AUTO]).out.split() if name[-1].isdigit()] or [""])[-1]
     code, found, commands = examine(well)
     assert sorted(re.sub(r"is \d+ hours old", "is N hours old", problem) for problem in found) == sorted(
         here(problem).replace("NAME", newest) for _, problems, *_ in faults for problem in problems)

@@ -86,7 +86,7 @@ def start_backup(host, *, code=0):
     before, _ = last_copy(host)
     assert host.run(["systemctl", "start", "corv-backup.service"]).code == code
     host.wait_for(lambda: last_copy(host)[0] != before and last_copy(host)[1], "the copy's end", 120)
-    return host.ok(["sh", "-c", f"ls {AUTO} | tail -n 1"]).strip()
+    return host.ok(["sh", "-c", f"ls {AUTO} | grep [0-9]$ | tail -n 1"]).strip()
 
 
 def copy(host):
@@ -226,7 +226,7 @@ def test_a_run_that_is_killed_is_gone_on_with(server):
     server.ok(["systemctl", "mask", "--runtime", UNIT])
     server.ok(["systemctl", "start", "corv-backup.service"])
     server.ok(["systemctl", "unmask", "--runtime", UNIT])
-    backup = server.ok(["sh", "-c", f"ls {AUTO} | tail -n 1"]).strip()
+    backup = server.ok(["sh", "-c", f"ls {AUTO} | grep [0-9]$ | tail -n 1"]).strip()
     server.ok(["systemctl", "start", "--no-block", UNIT])
     server.wait_for(lambda: server.run(["pgrep", "-f", f"restic.*{server.blog.name}-home.tar"]).code == 0, "the copy of the home", 60)
     server.ok(["systemctl", "kill", "--signal=KILL", UNIT])

@@ -27,7 +27,8 @@ echo $count >/run/stand-ins/count
 }} | /usr/bin/psql "$@"
 """
 PG_RESTORE = '{ head -c 1000000; hold; cat; } | /usr/bin/pg_restore "$@"'
-TAR = '{ head -c 1000000; hold; cat; } | /usr/bin/tar "$@"'
+# The compressor writes nothing before it has read a million bytes.
+TAR = '{ head -c 5000000; hold; cat; } | /usr/bin/tar "$@"'
 
 STEPS = {
     "before the scratch database is made": ("psql", PSQL.format(call=1, lines=3)),
@@ -131,7 +132,7 @@ def put_back(host, account):
         done
         runuser -u postgres -- psql -qtAXc "DROP DATABASE IF EXISTS {account.name} WITH (FORCE)" 2>/dev/null
         runuser -u postgres -- createdb -O {account.name} {account.name}
-        backup=$(ls -d {DESTINATION}/2* | tail -n 1)
+        backup=$(ls -d {DESTINATION}/2*[0-9] | tail -n 1)
         runuser -u postgres -- pg_restore -d {account.name} <"$backup/accounts/{account.name}-db.dump"
         runuser -u postgres -- psql -qtAXc "UPDATE says SET word = 'live'" {account.name}"""], timeout=300)
 

@@ -27,7 +27,7 @@ def server(boot):
             echo note >../note.txt'
     """)
     host.ok(["corvctl", "backup", "start", "--wait"])
-    host.backup = sh(host, f"ls {AUTO} | tail -n 1").strip()
+    host.backup = sh(host, f"ls {AUTO} | grep [0-9]$ | tail -n 1").strip()
     host.cluster = f"postgresql@{sh(host, 'ls /etc/postgresql').strip()}-main"
     return host
 
@@ -199,6 +199,14 @@ def test_what_stands_in_the_way_is_named_and_goes(server, leave, what):
     sh(server, f"rm -rf /home/.former-{name}-* /var/backups/corvane/{name}-*")
 
 
+def states_beside(server, name, count):
+    """The files of the account's deletions, once the watcher has put so many states beside them."""
+    def files():
+        return sh(server, f"ls /var/backups/corvane/{name}-*").split()
+    server.wait_for(lambda: len([path for path in files() if path.endswith(".state")]) == count, "the states beside the archives")
+    return files()
+
+
 def test_a_deletion_that_was_cut_off_while_the_database_was_dropped_is_finished(server):
     """The agent is killed in the middle of DROP DATABASE; the next deletion is the agent's alone, and is refused."""
     tenant = server.account()
@@ -210,14 +218,14 @@ def test_a_deletion_that_was_cut_off_while_the_database_was_dropped_is_finished(
         server.ok(["systemctl", "kill", "--signal=SIGKILL", "corv-agent"])
         deletion.wait(60)
     sh(server, f"runuser -u postgres -- psql -qc \"UPDATE pg_database SET datconnlimit = -2 WHERE datname = '{name}'\"")
-    archives = sh(server, f"ls /var/backups/corvane/{name}-*").split()
-    dump, home = archives
+    archives = states_beside(server, name, 1)
+    _, dump, home = archives
     assert faults_of(server, name) == [
         ("fault", f"a deletion of the account {name} was cut off while its database was dropped; its archives are {home} and {dump}",
          f"corvctl account delete {name}")]
 
     assert server.request("hosting.delete", username=name, confirm=name)["error"].startswith("could not dump the database")
-    refused = [path for path in sh(server, f"ls /var/backups/corvane/{name}-*").split() if path not in archives]
+    refused = [path for path in states_beside(server, name, 2) if path not in archives]
     found = faults_of(server, name)[1:]
     assert [(level, re.sub(r"[\d.]+ \w+$", "SIZE", problem)) for level, problem, _ in found] == [
         ("note", f"deletions of the account {name} that were refused have left archives of SIZE")]

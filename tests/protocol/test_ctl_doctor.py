@@ -75,7 +75,8 @@ def well(sandbox):
     sandbox.answer("sendmail")
     sandbox.mkdir(FAILURES)
     answer_unit(sandbox, "corv-agent.service")
-    answer_unit(sandbox, "corv-backup.timer", SubState="waiting")
+    for unit in ("corv-backup.timer", "corv-prove.timer", "corv-state.path"):
+        answer_unit(sandbox, unit, SubState="waiting")
     block = "LoadState=loaded\nActiveState=active\nSubState=running\n"
     sandbox.answer("systemctl", "show", "--no-pager", ..., out="\n".join([block] * 3))
     sandbox.answer("apache2ctl", "-t", "-D", "DUMP_INCLUDES", out=INCLUDES)
@@ -148,7 +149,7 @@ ok      folders     run, transfer, backups
 ok      backups     1 in {BACKUPS}, the last one
                     {last}
 ok      notify      root
-ok      homes       sizes, what the web server reaches
+ok      homes       sizes (11.2 GiB fit), what the web server reaches
 
 sandbox: 0 faults, 0 notes
 """
@@ -400,6 +401,13 @@ FAULTS = {
     "no backup is planned": (
         lambda box: answer_unit(box, "corv-backup.timer", ActiveState="inactive"),
         "backups", "no nightly backup is planned: its timer is off", "systemctl enable --now corv-backup.timer"),
+    "no proof is planned": (
+        lambda box: answer_unit(box, "corv-prove.timer", ActiveState="inactive"), "backups",
+        "no dump is restored for a proof each week: its timer is off", "systemctl enable --now corv-prove.timer"),
+    "deletions are not watched": (
+        lambda box: answer_unit(box, "corv-state.path", ActiveState="inactive"), "backups",
+        "what the archives of deletions do not hold is not written down: its watcher is off",
+        "systemctl enable --now corv-state.path"),
     "key is misspelt": (
         lambda box: box.write(SETTINGS, box.read(SETTINGS) + "[backup]\nkeepdays=3\n"),
         "settings", "the settings have a key backup/keepdays, which nothing reads; backup/keep_days is meant",
@@ -433,7 +441,8 @@ TOGETHER = [
      "run folder is open to all", "transfer folder is open to all", "there is no backup"],
     ["agent is disabled", "module is missing", "log format is missing", "pool is left over", "home is left over",
      "service is down", "PostgreSQL has holes", "pool is in another version", "site is not enabled", "sshd -T fails",
-     "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "home is too large"],
+     "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "no proof is planned",
+     "deletions are not watched", "home is too large"],
     ["accounts are not kept apart", "panel database is missing", "pool is put aside", "account is only a user"],
     ["account has no database", "user is locked"],
     ["domain is none", "account has no role"],

@@ -84,11 +84,26 @@ def test_a_dump_that_pg_restore_does_not_read_is_a_fault(server):
 @pytest.mark.parametrize("args, said", [
     (["2026-01-01_000000"], (1, "", "corvctl: there is no backup 2026-01-01_000000\n  did you mean 2026-01-04_031500?\n")),
     (["../x"], (2, "", "corvctl: '../x' is no name of a backup\n")),
-    (["--due"], (2, "", "corvctl: --due goes with --deep\n")),
 ])
 def test_what_cannot_be_verified_is_refused(server, args, said):
     assert verify(server, *args)[0] == said[0]
     assert verify(server, *args)[2].splitlines()[0] == said[2].splitlines()[0]
+
+
+def test_what_was_found_whole_is_not_read_again_when_it_is_not_due(server):
+    assert verify(server, "newest", "--due") == (0, f"the backup {NAME} is whole: 5 files read\n", "")
+    assert verify(server, "newest", "--due") == (0, f"nothing is due: the backup {NAME} was found whole already\n", "")
+    server.path(f"{DISK}/{NAME}/accounts/alice-db.dump").unlink()
+    assert verify(server, "newest", "--due")[0] == 0
+    assert verify(server)[0] == 1
+    assert verify(server, "newest", "--due")[0] == 1
+
+
+def test_without_a_backup_nothing_is_due(server):
+    for name in (NAME, OTHER):
+        server.path(f"{DISK}/{name}").rename(server.path(f"/root/{name}"))
+    assert verify(server, "newest", "--due") == (0, "nothing is due: there is no backup in /srv/disk/auto\n", "")
+    assert verify(server)[0] == 1
 
 
 def test_links_and_pipes_are_not_followed(server):

@@ -1,3 +1,4 @@
+#include "common/BackupFolders.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Compressor.h"
 #include "ctl/doctor/Database.h"
@@ -405,7 +406,7 @@ private Q_SLOTS:
         QFETCH(qint64, free);
         const QJsonObject status = {
             {u"destination"_s, u"/srv/b"_s}, {u"freeBytes"_s, free}, {u"backups"_s, QJsonArray{backup}}};
-        const qint64 now = backupTime(u"2026-01-05_110000"_s);
+        const qint64 now = corv::backup::timeOf(u"2026-01-05_110000"_s);
         QTEST(asText(checkBackups(status, now, true)), "expected");
     }
 
@@ -424,9 +425,10 @@ private Q_SLOTS:
 
     void knowsATimeByABackupsName()
     {
-        QCOMPARE(backupTime(u"2026-01-05_031500"_s), QDateTime(QDate(2026, 1, 5), QTime(3, 15)).toSecsSinceEpoch());
-        QCOMPARE(backupTime(u"2026-13-05_031500"_s), 0);
-        QCOMPARE(backupTime(u"x"_s), 0);
+        QCOMPARE(corv::backup::timeOf(u"2026-01-05_031500"_s),
+                 QDateTime(QDate(2026, 1, 5), QTime(3, 15)).toSecsSinceEpoch());
+        QCOMPARE(corv::backup::timeOf(u"2026-13-05_031500"_s), 0);
+        QCOMPARE(corv::backup::timeOf(u"x"_s), 0);
     }
 
     void judgesHomes()
@@ -472,7 +474,7 @@ private Q_SLOTS:
 
     void judgesWhatWasFoundOutOfABackup()
     {
-        const qint64 made = backupTime(u"2026-01-05_031500"_s);
+        const qint64 made = corv::backup::timeOf(u"2026-01-05_031500"_s);
         const QJsonObject status = {{u"backups"_s, QJsonArray{QJsonObject{{u"name"_s, u"2026-01-05_031500"_s}}}}};
         QCOMPARE(asText(checkVerdict({}, {}, made)), QStringList());
         const QStringList none = {u"note|whether the last backup can be restored was not looked at|"

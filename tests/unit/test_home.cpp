@@ -54,6 +54,11 @@ private Q_SLOTS:
                                      << u"h 644"_s;
         QTest::newRow("arrow in a name") << QByteArray("-rw-r--r-- tiny/tiny 0 2026-01-05 03:15 tiny/a -> b")
                                          << u"a -> b 644 plain"_s;
+        QTest::newRow("arrow in a link's name")
+            << QByteArray("lrwxrwxrwx tiny/tiny 0 2026-01-05 03:15 tiny/a\\ ->\\ b -> x") << u"a -> b 777"_s;
+        QTest::newRow("words in a second name")
+            << QByteArray("hrw-r--r-- tiny/tiny 0 2026-01-05 03:15 tiny/a\\ link\\ to\\ b link to tiny/x")
+            << u"a link to b 644"_s;
         QTest::newRow("escapes") << QByteArray("-rw-r--r-- tiny/tiny 0 2026-01-05 03:15 tiny/a\\n\\\\b\\303\\251\\t")
                                  << u"a\n\\bé\t 644 plain"_s;
         QTest::newRow("no user of that name")

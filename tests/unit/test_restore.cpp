@@ -318,6 +318,32 @@ private Q_SLOTS:
         QVERIFY(!addRole("", &states));
     }
 
+    void anAccountsLineCanBeReadHoweverManySettingsItMakesUp()
+    {
+        QByteArray entries;
+        for (int i = 0; i < 378; ++i)
+            entries += QByteArray(i > 0 ? "," : "") + "{\"scope\":\"role\",\"text\":\"a.b" + QByteArray::number(i) +
+                       "=" + QByteArray(8000, '"').replace('"', "\\\"") + "\"}";
+        AccountState shop;
+        shop.username = u"shop"_s;
+        QList<AccountState> states = {shop};
+        QVERIFY(addRole("{\"name\":\"shop\",\"role\":\"\",\"settings\":[" + entries + "]}", &states));
+        QVERIFY(!states[0].settings.isEmpty() && states[0].settings.size() < 378);
+        QCOMPARE(states[0].leftOut, QStringList{u"settings"_s});
+        const std::optional<AccountState> read = parseStateLine(stateLine(states[0]));
+        QVERIFY(read && *read == states[0]);
+    }
+
+    void aBackupIsToldFromThoseOfEarlierRuns()
+    {
+        const qint64 began = QDateTime(QDate(2026, 1, 5), QTime(3, 15)).toSecsSinceEpoch();
+        QVERIFY(isOfThisRun(u"2026-01-05_031500"_s, began));
+        QVERIFY(isOfThisRun(u"2026-01-05_031501"_s, began));
+        QVERIFY(!isOfThisRun(u"2026-01-04_031500"_s, began));
+        QVERIFY(!isOfThisRun(u"2026-01-05_031500"_s, 0)); // nothing tells when the run began
+        QVERIFY(!isOfThisRun(u"x"_s, began));
+    }
+
     void tablesAreCountedInAList()
     {
         QCOMPARE(countTables(";\n; Archive created\n;\n215; 1259 16385 TABLE public orders shop\n"

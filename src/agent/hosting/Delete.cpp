@@ -5,6 +5,7 @@
 #include "agent/hosting/RemoveUser.h"
 #include "agent/hosting/Web.h"
 #include "common/Archiver.h"
+#include "common/Archives.h"
 #include "common/Pool.h"
 #include "common/Quotas.h"
 #include "common/Run.h"
@@ -19,7 +20,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::hosting {
 namespace {
 
-const auto kArchives = u"/var/backups/corvane"_s;
 constexpr QFileDevice::Permissions kOwnerOnly =
     QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner;
 constexpr QFileDevice::Permissions kOwnerFile = QFileDevice::ReadOwner | QFileDevice::WriteOwner;

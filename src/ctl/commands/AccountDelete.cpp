@@ -1,4 +1,5 @@
 #include "common/Account.h"
+#include "common/Archives.h"
 #include "common/Environment.h"
 #include "common/Fd.h"
 #include "common/Paths.h"
@@ -9,7 +10,6 @@
 #include "ctl/Session.h"
 #include "ctl/commands/Account.h"
 #include "ctl/commands/AccountSites.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/screen/Escape.h"

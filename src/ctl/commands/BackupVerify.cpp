@@ -8,6 +8,7 @@
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
+#include "ctl/Turn.h"
 #include "ctl/commands/Backup.h"
 #include "ctl/remote/Remote.h"
 #include "ctl/screen/Escape.h"
@@ -22,8 +23,6 @@
 
 #include <algorithm>
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -32,7 +31,7 @@ namespace corv::ctl {
 namespace {
 
 const auto kNewest = u"newest"_s;
-constexpr auto kLock = "/run/corvane/verify.lock";
+const auto kLock = u"/run/corvane/verify.lock"_s;
 // As long as the units give it.
 constexpr int kRemoteSeconds = 86'400;
 
@@ -47,15 +46,6 @@ QStringList backupNames(const QString &destination)
     }
     std::sort(names.begin(), names.end(), std::greater<>());
     return names;
-}
-
-// One at a time: there is one name for the database of a proof.
-Fd lock()
-{
-    Fd file(::open(kLock, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (file && ::flock(file.get(), LOCK_EX | LOCK_NB) != 0)
-        file.reset();
-    return file;
 }
 
 Cell outcomeOf(const FileVerdict &one)
@@ -105,6 +95,16 @@ int show(const Session &session, const Verdict &verdict)
     return status;
 }
 
+// Nothing is due, which is no fault: what is wrong with the backups themselves is told where they are made.
+int showNothingDue(const Session &session, const QString &why)
+{
+    if (session.options.json)
+        print("{\"ok\":true,\"files\":[]}\n");
+    else if (!session.options.plain)
+        printLine(u"nothing is due: "_s + why);
+    return kDone;
+}
+
 int verifyThere(const Session &session, const Given &given)
 {
     QStringList command = {u"corvctl"_s, u"--json"_s, u"backup"_s, u"verify"_s};
@@ -127,8 +127,6 @@ int verify(Session &session, const Given &given)
     const QString asked = given.has("BACKUP") ? given.text("BACKUP") : kNewest;
     if (asked != kNewest && !backup::isBackupName(asked))
         return fail(kWrongUsage, u"'%1' is no name of a backup"_s.arg(asked));
-    if (given.has("--due") && !given.has("--deep"))
-        return fail(kWrongUsage, u"--due goes with --deep"_s);
     if (session.options.printOnly)
         return fail(kWrongUsage, u"nothing is asked of the agent for this"_s);
     if (!session.options.hosts.empty())
@@ -140,22 +138,31 @@ int verify(Session &session, const Given &given)
     const QString destination =
         backup::load(QSettings(settingsPath(session.options), QSettings::IniFormat)).destination;
     const QStringList names = backupNames(destination);
+    if (names.isEmpty() && given.has("--due"))
+        return showNothingDue(session, u"there is no backup in %1"_s.arg(escaped(destination)));
     if (names.isEmpty())
         return refuse(session, u"there is no backup in %1"_s.arg(destination),
                       u"corvctl backup start --wait makes one"_s);
     const QString name = asked == kNewest ? names.first() : asked;
     if (!names.contains(name))
         return refuseNoBackup(session, name, names);
-    const Fd mine = lock();
-    if (!mine)
-        return refuse(session, u"a backup is being verified already"_s, u"systemctl status corv-verify.service"_s);
+    if (given.has("--due") && !given.has("--deep")) {
+        const std::optional<Verdict> known = readVerdict(destination, name);
+        if (known && known->checked != 0 && faultsIn(*known).isEmpty())
+            return showNothingDue(session, u"the backup %1 was found whole already"_s.arg(name));
+    }
 
     // Its signals end what it does with a word, and with nothing left behind.
     const InterruptGuard guard;
+    QString problem;
+    // There is one name for the database of a proof.
+    const Fd turn = takeTurn(kLock, u"another verification"_s, &problem);
+    if (!turn)
+        return problem.isEmpty() ? fail(interruptedStatus(), u"interrupted; nothing was looked at"_s)
+                                 : refuse(session, problem);
     clearVerdicts(destination);
     (void)clearProof(); // of one that was killed; the next proof says why that cannot be done
     Progress progress(session.terminal, {}, -1);
-    QString problem;
     Search search = {destination, name, given.has("--deep"), given.has("--due"), QDateTime::currentSecsSinceEpoch(),
                      {},          {}};
     search.progress = [&progress](const QString &file, qsizetype done, qsizetype all) {
@@ -179,7 +186,8 @@ Command verifyCommand()
             {{"BACKUP", "its name in corvctl backup list, or newest (the one that is meant without it)", Kind::Optional,
               Names::Backup},
              {"--deep", "restore each dump into a database of its own, count its rows, and drop it again", Kind::Flag},
-             {"--due", "with --deep: only those dumps whose turn it is this week", Kind::Flag}},
+             {"--due", "only where it was not read yet; with --deep: only the dumps whose turn it is this week",
+              Kind::Flag}},
             verify};
 }
 

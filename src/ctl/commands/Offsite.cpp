@@ -1,6 +1,7 @@
 #include "ctl/commands/Offsite.h"
 
 #include "common/BackupConfig.h"
+#include "common/BackupFolders.h"
 #include "common/Environment.h"
 #include "common/Json.h"
 #include "ctl/Interrupt.h"
@@ -45,7 +46,7 @@ int run(Session &session, const Given &)
 
     const InterruptGuard guard;
     QString problem;
-    const Fd lock = lockOffsite(true, &problem);
+    const Fd lock = lockOffsite(&problem);
     if (!lock)
         return fail(kRefused, problem);
     const bool isTold = !session.options.json && !session.options.plain;
@@ -60,7 +61,7 @@ int run(Session &session, const Given &)
     OffsiteState state = readOffsite();
     for (int round = 0; round < kMostRounds && !interrupted(); ++round) {
         state = copyNewest(*repository, destination, state, say);
-        if (!state.problems.isEmpty() || state.copied == newestBackup(destination))
+        if (!state.problems.isEmpty() || state.copied == backup::newestIn(destination))
             break;
     }
     if (const QString unkept = keepOffsite(state); !unkept.isEmpty())

@@ -46,7 +46,7 @@ int check(Session &session, const Given &given)
 
     const InterruptGuard guard;
     QString problem;
-    const Fd lock = lockOffsite(true, &problem);
+    const Fd lock = lockOffsite(&problem);
     if (!lock)
         return fail(kRefused, problem);
     OffsiteState state = readOffsite();

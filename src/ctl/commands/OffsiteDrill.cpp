@@ -1,10 +1,10 @@
 #include "common/Account.h"
+#include "common/Archives.h"
 #include "common/Run.h"
 #include "common/Tree.h"
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/commands/Offsite.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Visits.h"
 #include "ctl/offsite/Fetch.h"
 #include "ctl/offsite/Lock.h"
@@ -159,7 +159,7 @@ int drill(Session &session, const Given &given)
         return status;
     const InterruptGuard guard;
     QString problem;
-    const Fd lock = lockOffsite(false, &problem);
+    const Fd lock = lockOffsite(&problem);
     if (!lock)
         return fail(kRefused, problem);
     const QList<Snapshot> all = readSnapshots(*repository, &problem);

@@ -186,7 +186,7 @@ int setUp(Session &session, const Given &given)
 
     const InterruptGuard guard;
     QString problem;
-    const Fd lock = lockOffsite(false, &problem);
+    const Fd lock = lockOffsite(&problem);
     if (!lock)
         return fail(kRefused, problem);
     if (isVault(place.repository)) {

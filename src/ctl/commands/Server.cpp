@@ -122,14 +122,18 @@ void restoreRest(const Session &session, const QString &folder, const Given &giv
 {
     if (given.has("--settings")) {
         QString kept;
-        if (const QString problem = restoreSettings(folder + u"/config.tar.gz"_s, &kept); !problem.isEmpty())
-            all->failed.append(u"settings"_s), note(u"the settings are not restored: %1"_s.arg(problem));
+        if (const QString problem = restoreSettings(folder + u"/config.tar.gz"_s, &kept); !problem.isEmpty()) {
+            all->failed.append(u"settings"_s);
+            note(u"the settings are not restored: %1"_s.arg(problem));
+        }
         if (!kept.isEmpty() && !session.options.json)
             note(u"the settings that were here are in %1"_s.arg(kept));
     }
     if (given.has("--panel")) {
-        if (const QString problem = restorePanelDatabase(folder + u"/panel.dump"_s); !problem.isEmpty())
-            all->failed.append(u"panel"_s), note(u"the panel's database is not restored: %1"_s.arg(problem));
+        if (const QString problem = restorePanelDatabase(folder + u"/panel.dump"_s); !problem.isEmpty()) {
+            all->failed.append(u"panel"_s);
+            note(u"the panel's database is not restored: %1"_s.arg(problem));
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 #include "ctl/commands/Status.h"
 
+#include "common/BackupFolders.h"
 #include "common/InHand.h"
 #include "common/Json.h"
 #include "ctl/Command.h"
@@ -184,7 +185,7 @@ QList<StatusLine> backupLines(const QJsonObject &reply, qint64 now)
         return {{u"Backup"_s, u"none"_s + running, true}};
 
     const QString name = last.value("name"_L1).toString();
-    const qint64 age = now - std::max(backupTime(name), last.value("created"_L1).toInteger());
+    const qint64 age = now - std::max(backup::timeOf(name), last.value("created"_L1).toInteger());
     const bool isTold = last.contains("errors"_L1);
     const QJsonArray errors = last.value("errors"_L1).toArray();
     const QString outcome = !isTold            ? u"errors unknown"_s

@@ -1,5 +1,8 @@
 #include "ctl/doctor/Backup.h"
 
+#include "common/BackupFolders.h"
+#include "common/BackupManifest.h"
+
 #include <QDateTime>
 #include <QJsonArray>
 #include <QStringList>
@@ -26,7 +29,6 @@ constexpr qint64 kLeastFree = kGibibyte;
 
 constexpr auto kStartBackup = "corvctl backup start --wait"_L1;
 // What tar says of a file that was being written to while it was saved. It is saved all the same.
-constexpr auto kHarmless = "file changed as we read it"_L1;
 constexpr auto kCutOff = "took too long"_L1;
 
 QStringList errorsOf(const QJsonObject &backup)
@@ -61,7 +63,7 @@ QList<Finding> checkLast(const QJsonObject &backup, qint64 now)
 {
     QList<Finding> findings;
     const QString name = backup.value("name"_L1).toString();
-    const qint64 age = now - std::max(backupTime(name), backup.value("created"_L1).toInteger());
+    const qint64 age = now - std::max(backup::timeOf(name), backup.value("created"_L1).toInteger());
     if (age > kOldSeconds) {
         findings.append({Level::Fault, u"the last backup, %1, is %2 hours old"_s.arg(name).arg(age / kHour),
                          QString(kStartBackup)});
@@ -71,7 +73,7 @@ QList<Finding> checkLast(const QJsonObject &backup, qint64 now)
                          QString(kStartBackup)});
     }
     for (const QString &error : errorsOf(backup)) {
-        const bool harmless = isHarmless(error);
+        const bool harmless = backup::isHarmless(error);
         findings.append({harmless ? Level::Note : Level::Fault,
                          u"the last backup, %1: %2"_s.arg(name, error.simplified()), QString(kStartBackup)});
     }
@@ -103,18 +105,6 @@ bool wasCutOff(const QString &account, const QJsonObject &backup)
 
 } // namespace
 
-bool isHarmless(const QString &error)
-{
-    const QStringList lines = error.split(u'\n', Qt::SkipEmptyParts);
-    return std::all_of(lines.cbegin(), lines.cend(), [](const QString &line) { return line.endsWith(kHarmless); });
-}
-
-qint64 backupTime(const QString &name)
-{
-    const QDateTime time = QDateTime::fromString(name, u"yyyy-MM-dd_HHmmss"_s);
-    return time.isValid() ? time.toSecsSinceEpoch() : 0;
-}
-
 QList<Finding> checkBackups(const QJsonObject &status, qint64 now, bool timerActive)
 {
     QList<Finding> findings;
@@ -136,7 +126,7 @@ QList<Finding> checkVerdict(const QJsonObject &status, const std::optional<Verdi
 {
     const QJsonObject last = status.value("backups"_L1).toArray().first().toObject();
     const QString name = last.value("name"_L1).toString();
-    const qint64 made = std::max(backupTime(name), last.value("created"_L1).toInteger());
+    const qint64 made = std::max(backup::timeOf(name), last.value("created"_L1).toInteger());
     if (name.isEmpty())
         return {};
     if (!verdict || verdict->checked == 0) {
@@ -153,6 +143,24 @@ QList<Finding> checkVerdict(const QJsonObject &status, const std::optional<Verdi
              u"the last backup is not whole: %1%2"_s.arg(faults.mid(0, kMostFaults).join("; "_L1),
                                                          more > 0 ? u"; and %1 more"_s.arg(more) : QString()),
              QString(kStartBackup)}};
+}
+
+QList<Finding> checkBesideBackups(bool proofPlanned, bool deletionsWatched)
+{
+    QList<Finding> findings;
+    if (!proofPlanned)
+        findings.append({Level::Fault, u"no dump is restored for a proof each week: its timer is off"_s,
+                         u"systemctl enable --now corv-prove.timer"_s});
+    if (!deletionsWatched)
+        findings.append({Level::Fault,
+                         u"what the archives of deletions do not hold is not written down: its watcher is off"_s,
+                         u"systemctl enable --now corv-state.path"_s});
+    return findings;
+}
+
+QString largestHome(qint64 bytesPerSecond)
+{
+    return gibibytes(kToolSeconds * bytesPerSecond);
 }
 
 bool isNearLimit(const QHash<QString, qint64> &sizes)
@@ -178,7 +186,7 @@ QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject
                 findings.append(
                     {Level::Note,
                      u"the home of the account %1 has %2; about %3 can be archived within ten minutes"_s.arg(
-                         name, gibibytes(sizes.value(name)), gibibytes(most)),
+                         name, gibibytes(sizes.value(name)), largestHome(bytesPerSecond)),
                      u"du -xh --apparent-size --max-depth=2 /home/%1 | sort -h | tail | cat -v"_s.arg(name)});
             continue;
         }

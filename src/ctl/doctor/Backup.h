@@ -21,19 +21,20 @@ QList<Finding> checkVerdict(const QJsonObject &status, const std::optional<Verdi
 // What tar and gzip pack in a second on a slow machine.
 constexpr qint64 kCautiousBytesPerSecond = 20'000'000;
 
+// What stands beside the backups and is off: the weekly proof, and what writes down what no archive of a deletion
+// holds.
+QList<Finding> checkBesideBackups(bool proofPlanned, bool deletionsWatched);
+
 // Homes that no run can archive within the agent's ten minutes, or that come near that, where so many bytes are packed
 // in a second. sizes holds the bytes of each account's home, and status is the reply of backup.status: a home that the
 // last run saved in time is not too large.
 QList<Finding> checkHomes(const QHash<QString, qint64> &sizes, const QJsonObject &status,
                           qint64 bytesPerSecond = kCautiousBytesPerSecond);
 
+// How much of a home can be archived within the agent's ten minutes at that speed, as "11.2 GiB".
+QString largestHome(qint64 bytesPerSecond);
+
 // Whether a home is so large that it matters how many bytes are packed in a second.
 bool isNearLimit(const QHash<QString, qint64> &sizes);
-
-// Whether an error of a backup tells of nothing but files that were being written to, which are saved all the same.
-bool isHarmless(const QString &error);
-
-// When a backup began, in seconds since 1970, by its name in local time; 0 for what is no such name.
-qint64 backupTime(const QString &name);
 
 } // namespace corv::ctl

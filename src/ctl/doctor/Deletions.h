@@ -1,31 +1,12 @@
 #pragma once
 
+#include "common/Archives.h"
 #include "ctl/doctor/Finding.h"
 
 #include <QList>
-#include <QString>
 #include <QStringList>
 
 namespace corv::ctl {
-
-// Where the agent puts the archives of deletions.
-extern const QString kArchives;
-
-// The two archives that a deletion makes of an account, as far as they are there.
-struct DeletionArchives
-{
-    QString account;
-    QString stamp;        // when the deletion began
-    QString home;         // the path of the home's archive, empty where there is none
-    QString dump;         // likewise of the database
-    QString state;        // likewise of what neither holds
-    qint64 bytes = 0;     // of both
-    qint64 changed = 0;   // milliseconds since 1970 at which the later one was last written to
-    bool isWhole = false; // whether both are there and finished, which is told by their modes
-};
-
-// Those in the folder, of one account or, for an empty name, of all: by account, then the oldest first.
-QList<DeletionArchives> deletionArchives(const QString &folder, const QString &account);
 
 // What deletions have left that were refused, where accounts holds the names of those that there are and now is a time
 // in milliseconds since 1970: what was written to since may be the work of one that goes on.

@@ -1,8 +1,7 @@
 #include "ctl/doctor/Facts.h"
 
-#include "ctl/doctor/Deletions.h"
-
 #include "common/Account.h"
+#include "common/Archives.h"
 #include "common/BackupList.h"
 #include "common/FormerIds.h"
 #include "common/OwnMounts.h"

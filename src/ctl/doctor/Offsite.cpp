@@ -1,6 +1,6 @@
 #include "ctl/doctor/Offsite.h"
 
-#include "ctl/doctor/Backup.h"
+#include "common/BackupFolders.h"
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -23,7 +23,7 @@ QString lateCopy(const OffsiteState &state, qint64 now)
     if (state.copied.isEmpty())
         return state.ranAt > 0 ? u"no backup has been copied off-site whole"_s
                                : u"nothing has been copied off-site yet"_s;
-    const qint64 age = now - backupTime(state.copied);
+    const qint64 age = now - backup::timeOf(state.copied);
     return age > kOldCopy
                ? u"the newest backup that is off-site, %1, is %2 hours old"_s.arg(state.copied).arg(age / kHour)
                : QString();

@@ -1,7 +1,7 @@
 #include "ctl/doctor/Remainders.h"
 
+#include "common/Archives.h"
 #include "common/Site.h"
-#include "ctl/doctor/Deletions.h"
 
 using namespace Qt::Literals::StringLiterals;
 

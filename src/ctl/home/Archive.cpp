@@ -108,6 +108,7 @@ std::optional<ArchiveEntry> parseArchiveLine(const QByteArray &line, const QByte
         return {};
     const char kind = fields[0][0];
     QByteArray name = line.mid(at + 1);
+    // A blank of a name is escaped, so that the arrow is the first of its kind.
     for (const auto &[of, arrow] : {std::pair{'l', QByteArray(" -> ")}, std::pair{'h', QByteArray(" link to ")}}) {
         if (const qsizetype found = name.indexOf(arrow); kind == of && found >= 0)
             name.truncate(found);
@@ -149,8 +150,8 @@ QList<ArchiveEntry> readArchive(const QString &archive, const QString &account, 
     hosting::Streams streams;
     streams.outputFile = file;
     streams.maxFileSize = kLargestList;
-    *problem = hosting::runWith(u"tar"_s, {u"-tvzf"_s, archive, u"--quoting-style=escape"_s}, streams,
-                                hosting::archiverSurroundings());
+    *problem = hosting::runWith(u"tar"_s, {u"-tvzf"_s, archive, u"--quoting-style=escape"_s, u"--quote-chars= "_s},
+                                streams, hosting::archiverSurroundings());
     if (!problem->isEmpty())
         return {};
 

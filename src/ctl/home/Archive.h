@@ -21,8 +21,8 @@ struct ArchiveEntry
     bool isLink = false;  // a symbolic link, which has a group and nothing else of its own
 };
 
-// The entry that a line of "tar -tv --quoting-style=escape" tells of; nothing for the home itself, for what lies
-// outside of it and for what is no such line.
+// The entry that a line of "tar -tv --quoting-style=escape --quote-chars=' '" tells of; nothing for the home itself,
+// for what lies outside of it and for what is no such line.
 std::optional<ArchiveEntry> parseArchiveLine(const QByteArray &line, const QByteArray &account);
 
 // The path of an account's home in a backup, empty when there is none; nothing on the way may be a link.

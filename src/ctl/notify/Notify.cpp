@@ -3,6 +3,7 @@
 #include "common/Config.h"
 #include "common/Run.h"
 #include "common/TimedRun.h"
+#include "common/Trust.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -11,9 +12,6 @@
 #include <QSettings>
 #include <QStandardPaths>
 #include <QSysInfo>
-
-#include <filesystem>
-#include <system_error>
 
 #include <sys/stat.h>
 
@@ -27,46 +25,6 @@ constexpr int kTellMs = 60'000;
 constexpr int kAskMs = 30'000;
 constexpr qsizetype kMostRecipients = 20;
 
-// Debian gives this group /usr/local on servers that were installed long ago; who is in it counts as root.
-constexpr gid_t kStaff = 50;
-constexpr int kMostLinks = 40; // as many as the kernel follows
-
-bool isRoots(const struct stat &status, mode_t others)
-{
-    return status.st_uid == 0 && (status.st_mode & others) == 0;
-}
-
-// The first folder on the way to a file that others than root may write to, by every link on that way; empty where
-// there is none.
-QString foreignFolder(QString path)
-{
-    int links = 0;
-    for (qsizetype end = 1;;) {
-        const QString part = path.left(end);
-        struct stat status = {};
-        if (::lstat(QFile::encodeName(part).constData(), &status) != 0)
-            return part;
-        if (S_ISLNK(status.st_mode)) {
-            std::error_code error;
-            const QString target =
-                QString::fromStdString(std::filesystem::read_symlink(part.toStdString(), error).string());
-            if (error || ++links > kMostLinks)
-                return part;
-            const QString base = target.startsWith(u'/') ? QString() : part.left(part.lastIndexOf(u'/') + 1);
-            path = base + target + path.mid(end);
-            end = 1;
-            continue;
-        }
-        if (end == path.size())
-            return {};
-        const mode_t others = status.st_gid == 0 || status.st_gid == kStaff ? S_IWOTH : S_IWGRP | S_IWOTH;
-        if (!isRoots(status, others))
-            return part;
-        const qsizetype next = path.indexOf(u'/', end == 1 ? 1 : end + 1);
-        end = next < 0 ? path.size() : next;
-    }
-}
-
 // Why root should not run this file; empty where it may. Whoever could write it, or put another in its place, would be
 // root at the next failure.
 QString programProblem(const QString &path)
@@ -78,7 +36,7 @@ QString programProblem(const QString &path)
         return u"there is no %1"_s.arg(path);
     if (!S_ISREG(status.st_mode) || (status.st_mode & S_IXUSR) == 0)
         return u"%1 is no program"_s.arg(path);
-    if (!isRoots(status, S_IWGRP | S_IWOTH))
+    if (!isRootsAlone(status))
         return u"%1 can be changed by others than root"_s.arg(path);
     const QString folder = foreignFolder(path);
     return folder.isEmpty() ? QString()

@@ -1,13 +1,12 @@
 #include "ctl/offsite/Copy.h"
 
 #include "common/Account.h"
+#include "common/Archives.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
 #include "common/Fd.h"
 #include "common/Tree.h"
 #include "ctl/Interrupt.h"
-#include "ctl/doctor/Backup.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/offsite/Stream.h"
 #include "ctl/screen/Terminal.h"
 
@@ -66,7 +65,7 @@ bool isThere(const Run &run, const QString &tag, const QString &path)
 // What each snapshot of the backup is made with. Its time is the backup's, by which it is kept or forgotten.
 QStringList backupArgs(const Run &run, const QString &tag)
 {
-    const QString time = QDateTime::fromSecsSinceEpoch(backupTime(run.backup)).toString(u"yyyy-MM-dd HH:mm:ss"_s);
+    const QString time = QDateTime::fromSecsSinceEpoch(backup::timeOf(run.backup)).toString(u"yyyy-MM-dd HH:mm:ss"_s);
     return {u"backup"_s, u"--quiet"_s, u"--json"_s, u"--host"_s, run.server, u"--time"_s, time,
             u"--tag"_s,  kOurTag,      u"--tag"_s,  tag,         u"--tag"_s, run.backup};
 }
@@ -159,17 +158,6 @@ void copyBackup(Run &run)
 
 } // namespace
 
-QString newestBackup(const QString &destination)
-{
-    QString newest;
-    for (const backup::Folder &folder : backup::foldersIn(destination)) {
-        const QString name = QFile::decodeName(folder.name);
-        if (backup::isBackupName(name) && name > newest)
-            newest = name;
-    }
-    return newest;
-}
-
 QStringList homesIn(const QString &folder)
 {
     QStringList accounts;
@@ -185,7 +173,7 @@ bool isPartOnly(const QJsonObject &manifest, const QString &account)
 {
     const QJsonArray errors = manifest.value("errors"_L1).toArray();
     return std::any_of(errors.cbegin(), errors.cend(), [&account](const QJsonValue &error) {
-        return error.toString().startsWith(account + u" files:"_s) && !isHarmless(error.toString());
+        return error.toString().startsWith(account + u" files:"_s) && !backup::isHarmless(error.toString());
     });
 }
 
@@ -204,7 +192,7 @@ OffsiteState copyNewest(const Repository &repository, const QString &destination
 {
     QElapsedTimer clock;
     clock.start();
-    Run run = {repository, say, QSysInfo::machineHostName(), newestBackup(destination), {}, {}, before};
+    Run run = {repository, say, QSysInfo::machineHostName(), backup::newestIn(destination), {}, {}, before};
     run.folder = destination + u'/' + run.backup;
     run.state.problems.clear();
     run.state.homes = run.state.bytes = run.state.added = 0;

@@ -19,9 +19,6 @@ using Say = std::function<void(const QString &line)>;
 OffsiteState copyNewest(const Repository &repository, const QString &destination, const OffsiteState &before,
                         const Say &say);
 
-// The newest finished backup below a folder; empty for none.
-QString newestBackup(const QString &destination);
-
 // The accounts whose home archives lie in the folder of a backup, by name.
 QStringList homesIn(const QString &folder);
 

@@ -30,7 +30,6 @@ constexpr qint64 kMebibyte = 1'048'576;
 constexpr auto kCrontabs = "/var/spool/cron/crontabs"_L1;
 constexpr auto kJobs = "/var/spool/cron/atjobs"_L1;
 constexpr auto kLingering = "/var/lib/systemd/linger"_L1;
-constexpr qsizetype kMostJobs = 100;
 
 AccountState systemState(const hosting::User &user, const QStringList &phpVersions, const Used &used)
 {
@@ -45,8 +44,14 @@ AccountState systemState(const hosting::User &user, const QStringList &phpVersio
     if (const spwd *entry = ::getspnam(name.constData()))
         state.shadow = QString::fromLatin1(entry->sp_pwdp);
     state.lingers = exists(kLingering + u'/' + user.name);
-    state.crontab = bareCrontab(boundedText(kCrontabs + u'/' + user.name, kLargestCrontab));
-    state.jobs = jobsOf(user.uid);
+    const QString crontab = kCrontabs + u'/' + user.name;
+    state.crontab = bareCrontab(boundedText(crontab, kLargestCrontab));
+    if (QFileInfo(crontab).size() > kLargestCrontab)
+        state.leftOut.append(u"crontab"_s);
+    bool isWhole = true;
+    state.jobs = jobsOf(user.uid, &isWhole);
+    if (!isWhole)
+        state.leftOut.append(u"at jobs"_s);
     if (used.source == "quotas"_L1)
         state.limitMb = (used.limits.value(user.name) + kMebibyte - 1) / kMebibyte;
 
@@ -83,6 +88,7 @@ bool addRole(const QByteArray &line, QList<AccountState> *states)
         state->database = KeptDatabase{database.value("encoding"_L1).toString(),
                                        database.value("collate"_L1).toString(), database.value("ctype"_L1).toString()};
     }
+    qint64 left = kLargestSettings;
     for (const auto &value : role.value("settings"_L1).toArray()) {
         const QString scope = value.toObject().value("scope"_L1).toString();
         const QString text = value.toObject().value("text"_L1).toString();
@@ -94,8 +100,12 @@ bool addRole(const QByteArray &line, QList<AccountState> *states)
         AccountState alone;
         alone.username = name;
         alone.settings = {setting};
-        if (parseStateLine(stateLine(alone)))
+        const QByteArray written = stateLine(alone);
+        left -= written.size();
+        if (left >= 0 && state->settings.size() < kMostSettings && parseStateLine(written))
             state->settings.append(setting);
+        else if (!state->leftOut.contains(u"settings"_s))
+            state->leftOut.append(u"settings"_s);
     }
     return true;
 }
@@ -120,19 +130,26 @@ QList<AccountState> collectStates(QString *problem)
     return states;
 }
 
-QList<KeptJob> jobsOf(uid_t uid)
+QList<KeptJob> jobsOf(uid_t uid, bool *isWhole)
 {
     QList<KeptJob> jobs;
+    bool hasAll = true;
     qint64 left = kLargestJobs;
     for (const QFileInfo &file : QDir(kJobs).entryInfoList(QDir::Files | QDir::NoSymLinks, QDir::Name)) {
-        if (file.ownerId() != uid || file.size() > left || jobs.size() >= kMostJobs)
+        if (file.ownerId() != uid)
             continue;
+        if (file.size() > left || jobs.size() >= kMostJobs) {
+            hasAll = false;
+            continue;
+        }
         const std::optional<KeptJob> job = parseJob(file.fileName().toLatin1(), boundedText(file.filePath(), left));
         if (!job)
             continue;
         left -= job->script.size();
         jobs.append(*job);
     }
+    if (isWhole)
+        *isWhole = hasAll;
     std::sort(jobs.begin(), jobs.end(), [](const KeptJob &one, const KeptJob &other) { return one.time < other.time; });
     return jobs;
 }

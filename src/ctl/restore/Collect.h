@@ -21,8 +21,9 @@ QList<AccountState> collectStates(QString *problem);
 extern const QString kRolesQuery;
 bool addRole(const QByteArray &line, QList<AccountState> *states);
 
-// The jobs of at of one user, the next first.
-QList<KeptJob> jobsOf(uid_t uid);
+// The jobs of at of one user, the next first. isWhole, where it is given, becomes false where there are too many to be
+// kept, or too large ones.
+QList<KeptJob> jobsOf(uid_t uid, bool *isWhole = nullptr);
 
 // What a regular file that nobody but root and its owner can put there holds, at most so many bytes; empty for none.
 // Follows no link and never waits.

@@ -7,17 +7,20 @@
 #include "common/Fd.h"
 #include "common/Run.h"
 #include "common/Tree.h"
+#include "common/Trust.h"
 #include "ctl/Interrupt.h"
 #include "ctl/restore/Collect.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/verify/Fault.h"
 
 #include <QDateTime>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 
@@ -32,8 +35,9 @@ namespace {
 constexpr mode_t kFileMode = 0600;
 constexpr mode_t kFolderMode = 0700;
 constexpr int kLongestMs = 12 * 3'600'000;
-// What tar says of a file that was being written to while it was saved. It is saved all the same.
-constexpr auto kHarmless = "file changed as we read it"_L1;
+// What tar says of a file that was being written to while it was saved, which is saved all the same, and of one that
+// its owner had removed by then.
+constexpr std::array kHarmless = {"file changed as we read it"_L1, "File removed before we read it"_L1};
 
 // Makes the folder where nobody else could put another in its place. Returns why it cannot be made, empty when it is.
 QString makeFolder(const QString &folder)
@@ -42,12 +46,18 @@ QString makeFolder(const QString &folder)
     struct stat status = {};
     if (::stat(QFile::encodeName(parent).constData(), &status) != 0 || !S_ISDIR(status.st_mode))
         return u"%1 is no folder"_s.arg(parent);
-    if (status.st_uid != 0 || ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (status.st_mode & S_ISVTX) == 0))
-        return u"others than root may write to %1"_s.arg(parent);
+    if (const QString foreign = foreignFolder(QDir::cleanPath(parent) + u"/."_s); !foreign.isEmpty())
+        return u"others than root may write to %1"_s.arg(foreign);
     if (::mkdir(QFile::encodeName(folder).constData(), kFolderMode) != 0 ||
         ::mkdir(QFile::encodeName(folder + u"/accounts"_s).constData(), kFolderMode) != 0)
         return u"%1 cannot be made: %2"_s.arg(folder, QString::fromLocal8Bit(std::strerror(errno)));
     return {};
+}
+
+bool isHarmless(const QString &line)
+{
+    return std::any_of(kHarmless.cbegin(), kHarmless.cend(),
+                       [&line](QLatin1StringView end) { return line.endsWith(end, Qt::CaseInsensitive); });
 }
 
 QString saveHome(const QString &account, const QString &file, QStringList *notes)
@@ -59,9 +69,8 @@ QString saveHome(const QString &account, const QString &file, QStringList *notes
         hosting::runWith(u"tar"_s, {u"-czf"_s, file, u"--exclude=%1/tmp"_s.arg(account), u"-C"_s, u"/home"_s, account},
                          {}, surroundings);
     const QStringList lines = problem.split(u'\n', Qt::SkipEmptyParts);
-    if (!lines.isEmpty() &&
-        std::all_of(lines.cbegin(), lines.cend(), [](const QString &line) { return line.endsWith(kHarmless); })) {
-        notes->append(u"some files were being written to while they were saved"_s);
+    if (!lines.isEmpty() && std::all_of(lines.cbegin(), lines.cend(), isHarmless)) {
+        notes->append(u"some files were being written to, or removed, while they were saved"_s);
         return {};
     }
     return problem;

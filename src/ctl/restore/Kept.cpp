@@ -1,5 +1,6 @@
 #include "ctl/restore/Kept.h"
 
+#include "common/Archives.h"
 #include "common/AtomicFile.h"
 #include "common/BackupFolders.h"
 #include "common/Fd.h"
@@ -7,7 +8,6 @@
 #include "common/Paths.h"
 #include "common/Run.h"
 #include "common/Site.h"
-#include "ctl/doctor/Deletions.h"
 #include "ctl/restore/Collect.h"
 
 #include <QDateTime>
@@ -78,18 +78,6 @@ QStringList placeBesideDeletions(const QList<AccountState> &kept)
     return problems;
 }
 
-// The newest finished backup; empty where there is none.
-QString newestBackup(const QString &destination)
-{
-    QString newest;
-    for (const backup::Folder &folder : backup::foldersIn(destination)) {
-        const QString name = QString::fromLatin1(folder.name);
-        if (backup::isBackupName(name) && name > newest)
-            newest = name;
-    }
-    return newest.isEmpty() ? QString() : destination + u'/' + newest;
-}
-
 } // namespace
 
 QString stateBeside(const QString &base)
@@ -151,12 +139,23 @@ QString keepStates()
     return hosting::joined(problems + placeBesideDeletions(kept));
 }
 
+bool isOfThisRun(const QString &name, qint64 began)
+{
+    // The hour that comes twice in autumn.
+    constexpr qint64 kAmbiguous = 3600;
+    return began > 0 && backup::timeOf(name) + kAmbiguous >= began;
+}
+
 QString placeInBackup(const backup::Config &config)
 {
     const Fd lock = locked();
-    const QString folder = newestBackup(config.destination);
+    const QString newest = backup::newestIn(config.destination);
+    const QString folder = config.destination + u'/' + newest;
     const QString path = folder + u'/' + kStateFile;
-    if (folder.isEmpty() || exists(path))
+    struct stat mark = {};
+    const bool isMarked = ::lstat(kBackupBegan, &mark) == 0;
+    // Of an earlier run there is nothing newer to be told.
+    if (newest.isEmpty() || !isMarked || !isOfThisRun(newest, mark.st_mtime) || exists(path))
         return {};
     int bad = 0;
     QString problem;
@@ -164,13 +163,6 @@ QString placeInBackup(const backup::Config &config)
     if (!problem.isEmpty())
         return problem;
 
-    // Of an earlier run there is nothing newer to be told.
-    struct stat status = {};
-    qint64 written = 0;
-    for (const AccountState &state : kept)
-        written = std::max(written, state.taken);
-    if (::lstat(QFile::encodeName(folder).constData(), &status) != 0 || status.st_mtime < written)
-        return {};
     QList<AccountState> held;
     for (const AccountState &state : kept) {
         const QString base = u"%1/accounts/%2-"_s.arg(folder, state.username);

@@ -13,6 +13,8 @@ namespace corv::ctl {
 // that account.
 
 inline const QString kKeptStates = QStringLiteral("/var/lib/corvane/accounts.state");
+// Made new by each run of the backup, before it begins.
+inline constexpr auto kBackupBegan = "/var/lib/corvane/backup.began";
 // The file's name in a backup, and the end of its name beside the archives of a deletion.
 inline const QString kStateFile = QStringLiteral("accounts.state");
 
@@ -21,14 +23,17 @@ inline const QString kStateFile = QStringLiteral("accounts.state");
 // one. Returns what went wrong, empty for nothing; all else is done all the same.
 QString keepStates();
 
-// Puts the states that were kept last into the newest backup, if that was made since and has none yet. Returns why that
-// cannot be, empty where there is nothing to do as well.
+// Puts the states that were kept last into the newest backup, if the run that the mark is of has made it and it has
+// none yet. Returns why that cannot be, empty where there is nothing to do as well.
 QString placeInBackup(const backup::Config &config);
 
 // The path of the state beside archives of a deletion, by what their names have in common.
 QString stateBeside(const QString &base);
 
-// The parts of it, for tests. Which of the kept states was that of the account at a deletion that began at a time
+// The parts of it, for tests. Whether the backup of that name was made by a run that began then, in seconds since 1970.
+bool isOfThisRun(const QString &name, qint64 began);
+
+// Which of the kept states was that of the account at a deletion that began at a time
 // (its stamp, "yyyyMMdd-HHmmss") and last wrote to an archive at another, in seconds since 1970.
 std::optional<AccountState> stateAt(const QList<AccountState> &kept, const QString &account, const QString &stamp,
                                     qint64 changed);

@@ -1,9 +1,10 @@
 #include "ctl/restore/Panel.h"
 
+#include "common/Archives.h"
 #include "common/Fd.h"
 #include "common/Paths.h"
 #include "common/Run.h"
-#include "ctl/doctor/Deletions.h"
+#include "common/Trust.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/verify/Fault.h"
 
@@ -42,6 +43,8 @@ QString ownerOfDatabase()
 
 QString restorePanelDatabase(const QString &dump)
 {
+    if (const QString refusal = refusalOfFile(dump); !refusal.isEmpty())
+        return refusal;
     if (const auto fault = faultOfDatabase(dump, kDatabase, {}))
         return u"%1 %2"_s.arg(dump, *fault);
     const QString owner = ownerOfDatabase();
@@ -80,6 +83,8 @@ QStringList settingsMembers(const QStringList &members)
 
 QString restoreSettings(const QString &archive, QString *kept)
 {
+    if (const QString refusal = refusalOfFile(archive); !refusal.isEmpty())
+        return refusal;
     if (const auto fault = faultOfArchive(archive, {}))
         return u"%1 %2"_s.arg(archive, *fault);
     QByteArray list;

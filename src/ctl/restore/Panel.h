@@ -8,7 +8,7 @@ namespace corv::ctl {
 // What a backup holds beside accounts.
 
 // Loads the panel's database, all of it or nothing, with the rights of the role that it belongs to on this server.
-// Returns why that cannot be, empty when it is done.
+// Returns why that cannot be, empty when it is done: also where others than root could have written the dump.
 QString restorePanelDatabase(const QString &dump);
 
 // Puts the panel's settings files of a backup in the place of those of this server, which are saved before, and has the

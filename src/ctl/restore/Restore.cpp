@@ -164,6 +164,8 @@ private:
         }
         if (!m_plan.state)
             return newPassword();
+        for (const QString &what : m_plan.state->leftOut)
+            m_done.lost.append(u"some of the %1, of which there was too much to be written down"_s.arg(what));
         bool isLost = false;
         m_done.lost += applyRole(*m_plan.state, target, &isLost);
         if (!m_plan.source.dump.isEmpty())

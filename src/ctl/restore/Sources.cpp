@@ -1,10 +1,10 @@
 #include "ctl/restore/Sources.h"
 
 #include "common/Account.h"
+#include "common/Archives.h"
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
-#include "ctl/doctor/Backup.h"
-#include "ctl/doctor/Deletions.h"
+#include "common/Trust.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/verify/Verdict.h"
 
@@ -15,8 +15,6 @@
 #include <QJsonArray>
 
 #include <algorithm>
-
-#include <sys/stat.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -101,18 +99,6 @@ void addVerdict(const QString &destination, Source *source)
     source->checked = isBoth ? *std::min_element(times.cbegin(), times.cend()) : 0;
 }
 
-QString refusalOfFile(const QString &path)
-{
-    struct stat status = {};
-    if (path.isEmpty())
-        return {};
-    if (::lstat(QFile::encodeName(path).constData(), &status) != 0)
-        return path + u" cannot be read"_s;
-    if (status.st_uid != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        return path + u" could have been written by others than root"_s;
-    return {};
-}
-
 } // namespace
 
 std::optional<Source> sourceIn(const QString &folder, const QString &account)
@@ -142,12 +128,12 @@ QList<Source> sourcesOf(const backup::Config &config, const QString &account)
     QList<Source> sources;
     for (const backup::Folder &folder : backup::foldersIn(config.destination)) {
         const QString name = QString::fromLatin1(folder.name);
-        if (!backup::isBackupName(name) || backupTime(name) == 0)
+        if (!backup::isBackupName(name) || backup::timeOf(name) == 0)
             continue;
         if (std::optional<Source> source = sourceIn(config.destination + u'/' + name, account)) {
             source->kind = Source::Kind::Backup;
             source->from = name;
-            source->made = backupTime(name);
+            source->made = backup::timeOf(name);
             addVerdict(config.destination, &*source);
             sources.append(*source);
         }
@@ -215,7 +201,8 @@ QStringList accountsIn(const QString &folder)
 QString refusalOf(const Source &source)
 {
     for (const QString &path : {source.home, source.dump, source.state}) {
-        if (const QString refusal = refusalOfFile(path); !refusal.isEmpty())
+        const QString refusal = path.isEmpty() ? QString() : refusalOfFile(path);
+        if (!refusal.isEmpty())
             return refusal;
     }
     return {};

@@ -45,7 +45,7 @@ QStringList accountsIn(const QString &folder);
 // What such a folder holds of one, or one that holds the archives themselves.
 std::optional<Source> sourceIn(const QString &folder, const QString &account);
 
-// Why not all that a source names is root's alone to write to, empty when it is.
+// Why not all that a source names is root's alone to write to and to put there, empty when it is.
 QString refusalOf(const Source &source);
 
 } // namespace corv::ctl

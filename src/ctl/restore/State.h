@@ -63,17 +63,21 @@ struct AccountState
     QList<KeptSetting> settings;
     QByteArray crontab; // empty for none
     QList<KeptJob> jobs;
-    QStringList php; // the versions that its pools are of
+    QStringList php;     // the versions that its pools are of
+    QStringList leftOut; // what there was too much of to be written down whole: "crontab", "at jobs", "settings"
 
     bool operator==(const AccountState &) const = default;
 };
 
-// The longest line that is written or read, in bytes; and the most of a crontab, of all jobs of at together, and of a
-// setting.
+// The longest line that is written or read, in bytes; and the most of a crontab, of all jobs of at together, of a
+// setting, and of all settings together as they are written: an account can make up any of them.
 constexpr qint64 kLongestStateLine = 4'194'304;
 constexpr qint64 kLargestCrontab = 1'048'576;
 constexpr qint64 kLargestJobs = 1'048'576;
+constexpr qsizetype kMostJobs = 100;
 constexpr qsizetype kLongestSetting = 8192;
+constexpr qsizetype kMostSettings = 200;
+constexpr qint64 kLargestSettings = 1'048'576;
 
 // A state as one line of JSON with its line feed, and the state of such a line; nothing for what is no such line, or
 // has a member of another type or form than is written. Members that are not known are passed over.

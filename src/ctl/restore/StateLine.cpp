@@ -13,8 +13,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-constexpr qsizetype kMostSettings = 200;
-constexpr qsizetype kMostJobs = 100;
 constexpr qsizetype kLongestWord = 1024;
 
 constexpr std::pair<KeptSetting::Scope, QLatin1StringView> kScopes[] = {
@@ -157,6 +155,8 @@ QByteArray stateLine(const AccountState &state)
                         {u"shadow"_s, state.shadow},
                         {u"crontab"_s, QString::fromLatin1(state.crontab.toBase64())},
                         {u"php"_s, state.php.join(u' ')}};
+    if (!state.leftOut.isEmpty())
+        line.insert(u"leftOut"_s, state.leftOut.join(u','));
     if (state.role)
         line.insert(u"role"_s, *state.role);
     if (state.limitMb)
@@ -195,6 +195,7 @@ std::optional<AccountState> parseStateLine(const QByteArray &line)
     state.shadow = members.text("shadow"_L1);
     state.crontab = members.bytes("crontab"_L1, kLargestCrontab);
     state.php = members.text("php"_L1).split(u' ', Qt::SkipEmptyParts);
+    state.leftOut = members.text("leftOut"_L1).split(u',', Qt::SkipEmptyParts);
     if (members.has("role"_L1))
         state.role = members.text("role"_L1);
     if (members.has("limitMb"_L1))

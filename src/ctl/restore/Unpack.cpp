@@ -101,8 +101,7 @@ Unpacked unpackHome(const Source &source, const QString &account)
         return done;
     done = unpackInto(folder, source.home, account);
     if (!done.problem.isEmpty()) {
-        if (done.isInterrupted)
-            clearAttempt(account);
+        clearAttempt(account);
         return done;
     }
     const Placed placed = putInPlace(*rights, placing);

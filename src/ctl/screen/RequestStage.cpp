@@ -1,5 +1,6 @@
 #include "ctl/screen/RequestStage.h"
 
+#include "common/Archives.h"
 #include "ctl/screen/Terminal.h"
 
 #include <QDateTime>
@@ -14,8 +15,6 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
 namespace {
-
-const auto kArchives = u"/var/backups/corvane"_s;
 
 struct Part
 {

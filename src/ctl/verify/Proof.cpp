@@ -204,7 +204,9 @@ Proof judgeErrors(const QByteArray &errors)
             kind = words;
     }
     if (!denied.isEmpty())
-        return noted(u"only a superuser can restore all of it: "_s + denied);
+        // What else went wrong may follow from that, and is told with it.
+        return noted(u"only a superuser can restore all of it: "_s + denied +
+                     (failed.isEmpty() ? QString() : u"; then: "_s + failed));
     return faulty(u"cannot be restored: "_s + (failed.isEmpty() ? complaintIn(text) : failed));
 }
 
