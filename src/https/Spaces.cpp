@@ -63,6 +63,7 @@ bool runTool(const std::vector<const char *> &words)
     if (child == 0) {
         (void)::close_range(0, ~0U, CLOSE_RANGE_CLOEXEC);
         std::vector<char *> arguments;
+        arguments.reserve(words.size() + 1);
         for (const char *word : words)
             arguments.push_back(const_cast<char *>(word));
         arguments.push_back(nullptr);
@@ -231,6 +232,7 @@ Spaces::~Spaces()
 bool Spaces::start(const QString &program, const QStringList &words, const QString &store, bool isFull)
 {
     Command command{program.toStdString(), {}, QFile::encodeName(store).toStdString(), isFull};
+    command.words.reserve(static_cast<size_t>(words.size()));
     for (const QString &word : words)
         command.words.push_back(word.toStdString());
 
