@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QStringList>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
@@ -89,13 +90,12 @@ std::optional<SiteOptions> readOptions(const QString &account)
 
 bool makeFolders()
 {
-    for (const Folder &folder : kFolders) {
-        if (::mkdir(folder.path, folder.mode) == 0)
-            (void)::chmod(folder.path, folder.mode); // whatever the mask is; missing rights show at once
-        else if (errno != EEXIST)
-            return false;
-    }
-    return true;
+    return std::ranges::all_of(kFolders, [](const Folder &folder) {
+        if (::mkdir(folder.path, folder.mode) != 0)
+            return errno == EEXIST;
+        (void)::chmod(folder.path, folder.mode); // whatever the mask is; missing rights show at once
+        return true;
+    });
 }
 
 } // namespace corv::https

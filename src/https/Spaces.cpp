@@ -56,12 +56,12 @@ bool tmpfs(const char *folder)
 
 constexpr auto kStoreCopy = "/run/apache2/store";
 
-// Runs a tool to its end, without output.
+// Runs a tool to its end.
 bool runTool(const std::vector<const char *> &words)
 {
     const pid_t child = ::fork();
     if (child == 0) {
-        (void)::close_range(0, ~0U, CLOSE_RANGE_CLOEXEC);
+        (void)::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
         std::vector<char *> arguments;
         arguments.reserve(words.size() + 1);
         for (const char *word : words)

@@ -69,7 +69,7 @@ void forgetNames(const QList<Candidate> &candidates, State *state)
     QSet<QString> domains;
     for (const Candidate &candidate : candidates)
         domains.insert(candidate.site.domain);
-    const auto isNobodys = [&](QString name) {
+    const auto isNobodys = [&](const QString &name) {
         if (name.startsWith("www."_L1) && domains.contains(name.mid(4)))
             return false;
         return !domains.contains(name);
