@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """Writes what is made of the protocol's description.
 
-describe.py markdown|man|table DESCRIPTION OUTPUT
+describe.py markdown|man|table|typescript DESCRIPTION OUTPUT
 
 markdown gives docs/protocol.md, man the manual page corv-protocol(7), table the C++ source with the commands that corvctl
-knows. Each is written whole, from the description alone.
+knows, typescript the page's types and what it holds replies against. Each is written whole, from the description alone.
 """
 
 import json
@@ -258,7 +258,82 @@ def table_of_commands(description):
     ])
 
 
-WRITERS = {"markdown": markdown, "man": man, "table": table_of_commands}
+# The page's types
+
+
+# A type of the description: as TypeScript has it, and as the page checks it when a reply comes.
+TYPES = {
+    "string": ("string", "string"),
+    "integer": ("number", "integer"),
+    "boolean": ("boolean", "boolean"),
+    "integer or null": ("number | null", "integer or null"),
+    "array of strings": ("string[]", ["string"]),
+    "object of integers": ("Record<string, number>", {"*": "integer"}),
+}
+
+
+def operations_of(command):
+    """The command by its name; the one that has several operations by each of them, with what belongs to that one alone."""
+    operations = next((one["values"] for one in command["arguments"] if one["name"] == "op"), None)
+    if operations is None:
+        return [(command["name"], command["arguments"], command["reply"])]
+
+    def of(operation, parts):
+        return [part for part in parts if operation in part.get("for", operations) and part["name"] != "op"]
+
+    return [(f"{command['name']} {operation}", of(operation, command["arguments"]), of(operation, command["reply"]))
+            for operation in operations]
+
+
+def type_of(member):
+    """Pair of a reply member's type and what it is checked by."""
+    if member["type"].startswith("reply of "):
+        other = member["type"].removeprefix("reply of ")
+        return f"Half<Replies[{json.dumps(other)}]>", "@" + other
+    if member["type"] == "array of objects":
+        types, checks = object_of(member["members"])
+        return f"{types}[]", [checks]
+    return TYPES[member["type"]]
+
+
+def object_of(members):
+    """Pair of an object's type and what it is checked by; members that are not always there have a question mark."""
+    types, checks = [], {}
+    for member in members:
+        of_type, check = type_of(member)
+        # A member that also comes with a failure is there in each success.
+        name = member["name"] + ("?" if "when" in member else "")
+        types.append(f"{name}: {of_type}")
+        checks[name] = check
+    return ("{ " + "; ".join(types) + " }" if types else "Record<never, never>"), checks
+
+
+def argument_of(argument):
+    kind = " | ".join(json.dumps(one) for one in argument["values"]) if "values" in argument else TYPES[argument["type"]][0]
+    return f"{argument['name']}{'' if argument.get('required') else '?'}: {kind}"
+
+
+def typescript(description):
+    commands = [one for command in description["commands"] for one in operations_of(command)]
+    lines = ["// Written by data/describe.py from data/protocol.json; change it there.", "",
+             "// A reply within a reply, which may have failed by itself.",
+             "export type Half<T> = ({ ok: true } & T) | { ok: false; error: string };", "",
+             "// What a command takes; the operations on files each by itself.", "export interface Requests {"]
+    for name, arguments, _ in commands:
+        taken = "; ".join(argument_of(argument) for argument in arguments)
+        lines.append(f"    {json.dumps(name)}: {'{ ' + taken + ' }' if taken else 'Record<string, never>'};")
+    lines += ["}", "", "// What it replies where it succeeds.", "export interface Replies {"]
+    lines += [f"    {json.dumps(name)}: {object_of(reply)[0]};" for name, _, reply in commands]
+    lines += ["}", "", "export type Command = keyof Replies;", "",
+              "// The same for a look at each reply: a type by its name, [of what] for lists, members with a ? where they may be missing,",
+              "// * for members of any name, @ for the reply of another command with an ok of its own.",
+              "export type Shape = string | readonly [Shape] | { readonly [member: string]: Shape };", "",
+              "export const kShapes: Record<Command, Shape> = {"]
+    lines += [f"    {json.dumps(name)}: {json.dumps(object_of(reply)[1])}," for name, _, reply in commands]
+    return "\n".join([*lines, "};", ""])
+
+
+WRITERS = {"markdown": markdown, "man": man, "table": table_of_commands, "typescript": typescript}
 
 
 def main():

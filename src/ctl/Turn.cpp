@@ -38,4 +38,10 @@ Fd takeTurn(const QString &path, const QString &other, QString *problem)
     return {};
 }
 
+bool isTurnTaken(const QString &path)
+{
+    const Fd file(::open(QFile::encodeName(path).constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    return file && ::flock(file.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
 } // namespace corv::ctl

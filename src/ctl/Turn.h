@@ -12,4 +12,7 @@ namespace corv::ctl {
 // file cannot be locked; none, with an empty one, where interrupted() ended the wait.
 Fd takeTurn(const QString &path, const QString &other, QString *problem);
 
+// Whether somebody has that turn at the moment. False as well where it cannot be looked at.
+bool isTurnTaken(const QString &path);
+
 } // namespace corv::ctl

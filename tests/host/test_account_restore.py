@@ -233,6 +233,34 @@ def test_a_restore_that_is_ended_at_any_step_can_be_done_again(host, shop, numbe
         host.run(["sh", "-c", f"rm -f {DELETIONS}/{shop.name}-*"])
 
 
+def test_what_was_changed_since_one_was_cut_off_is_kept(host, shop):
+    base = delete(host, shop)
+    words = ["corvctl", "account", "restore", shop.name, "--from", base, "--confirm", shop.name]
+    with host.background(["sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words], stdout=subprocess.DEVNULL,
+                         stderr=subprocess.PIPE, text=True) as process:
+        inner = process.stderr.readline().strip()
+        next(line for line in process.stderr if "loading the database" in line)
+        host.ok(["kill", "-KILL", inner])
+        process.stderr.read()
+    host.ok(["sleep", "1.1"])  # times of files are told in seconds
+    host.put(f"{shop.home}/public_html/by-hand", "mended", owner=f"{shop.name}:www-data")
+    listed = host.run(["corvctl", "account", "restore", shop.name])
+    assert f"corvctl account restore {shop.name} --from {base}" in listed.err
+    reply = restore(host, shop, "--from", base)
+    assert host.get(f"{shop.home}/{reply['aside']}/public_html/by-hand") == "mended"
+    assert page(host, shop) == (200, "2000 orders, \n")
+
+
+def test_one_beside_the_live_one_runs_no_jobs_where_that_is_asked_for(host, shop):
+    host.ok(["corvctl", "account", "export", shop.name, "/root/saved"])
+    other = host.free_name()
+    reply = restore(host, shop, "--from", "/root/saved", "--as", other, "--domain", f"{other}.example", "--no-jobs", confirm=other)
+    assert reply["leftOut"] == "crontab"
+    assert host.run(["crontab", "-l", "-u", other]).out == ""
+    assert not host.exists(f"/var/lib/systemd/linger/{other}")
+    assert host.ok(["crontab", "-l", "-u", shop.name]) != ""
+
+
 def test_one_that_is_there_is_not_touched(host, shop):
     host.ok(["corvctl", "account", "export", shop.name, "/root/saved"])
     before = everything(host, shop.name)

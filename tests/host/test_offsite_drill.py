@@ -26,6 +26,9 @@ def host(boot):
                     password=host.shop.password)
     assert made.code == 0, made
     host.wait_for(lambda: host.fetch(host.shop.domain).body == "1000", "the page of the shop")
+    host.ok(["crontab", "-u", host.shop.name, "-"], input="* * * * * id >>/tmp/ran-by-cron\n")
+    host.put(f"{host.blog.home}/public_html/index.php", "<?php http_response_code(500);", owner=f"{host.blog.name}:www-data")
+    host.ok(["corvctl", "account", "state", "--write"])
     host.ok(["corvctl", "backup", "start", "--wait"])
     host.ok(["corvctl", "offsite", "run"])
     return host
@@ -47,6 +50,29 @@ def test_an_account_comes_back_and_is_taken_away_again(host):
     assert lines[-1] == f"{host.blog.name} came back from what is off-site, and was taken away again"
     assert drilled(host) == (host.blog.name, "")
     assert host.ok(["sh", "-c", LEFT]) == before
+
+
+def test_a_site_that_fails_comes_back_as_it_is(host):
+    host.wait_for(lambda: host.fetch(host.blog.domain).status == 500, "the page that fails")
+    done = host.run(["corvctl", "offsite", "drill", host.blog.name])
+    assert done.code == 0, done
+    assert "its first page: 500, the live one: 500" in done.out.splitlines()
+
+
+def test_its_jobs_are_left_out_and_what_a_drill_before_has_left_goes(host):
+    before = host.ok(["sh", "-c", LEFT])
+    host.ok(["corvctl", "account", "create", "drill7", "drill7.drill.example"])
+    checks = json.loads(host.run(["corvctl", "doctor", "--json"]).out)["checks"]
+    found = [finding["problem"] for check in checks for finding in check["findings"]]
+    assert any(problem.startswith("the account drill7 is left of a drill: ") for problem in found), found
+    done = host.run(["corvctl", "offsite", "drill", host.shop.name])
+    assert done.code == 0, done
+    lines = done.out.splitlines()
+    assert "taking away drill7, which a drill before has left" in lines
+    assert "left out, since the live one has them: crontab" in lines
+    assert host.ok(["sh", "-c", LEFT]) == before
+    ran = host.ok(["cat", "/tmp/ran-by-cron"]) if host.exists("/tmp/ran-by-cron") else ""
+    assert "drill" not in ran
 
 
 def test_each_account_has_its_turn(host):

@@ -472,6 +472,43 @@ def test_an_address_that_nobody_should_ban_is_refused(server, address, complaint
         assert (code, out, err) == (1, "", f"corvctl: {complaint}\n")
 
 
+# Accounts that are gone
+
+
+def test_the_accounts_that_are_gone_are_listed_with_the_newest_of_each(server):
+    listing = corvctl(server, "account", "restore", start=False)
+    assert listing == (0, "", "corvctl: no account is gone of which there is a backup or an archive\n")
+    for path in (f"{DISK}/2026-01-04_031500/accounts/erin-home.tar.gz", f"{DISK}/2026-01-05_031500/accounts/erin-db.dump",
+                 f"{DISK}/2026-01-05_031500/accounts/-rf-home.tar.gz", "/var/backups/corvane/zoe-20260102-120000-home.tar.gz"):
+        server.write(path, b"x" * 2048)
+        os.utime(server.path(path), (NOW, NOW))
+    code, out, err = corvctl(server, "account", "restore", env={"COLUMNS": "80"}, start=False)
+    assert (code, err) == (0, "")
+    assert out == """\
+ACCOUNT  FROM                   FILES  DATABASE  STATE  VERIFIED
+erin     2026-01-05_031500          -   2.0 KiB  no     no
+zoe      zoe-20260102-120000  2.0 KiB         -  no     no
+
+To bring one back:
+  corvctl account restore ACCOUNT --from FROM
+"""
+    code, out, err = corvctl(server, "--json", "account", "restore", start=False)
+    assert (code, err) == (0, "")
+    first, second = ({"state": False, "checked": 0, "fault": "", "homeBytes": 0, "dbBytes": 0, **one} for one in (
+        {"from": "2026-01-05_031500", "kind": "backup", "made": 1767582900, "dbBytes": 2048},
+        {"from": "2026-01-04_031500", "kind": "backup", "made": 1767496500, "homeBytes": 2048}))
+    archived = {**second, "from": "zoe-20260102-120000", "kind": "deletion", "made": 1767355200}
+    assert json.loads(out) == {"ok": True, "accounts": [{"username": "erin", "domain": "", "sources": [first, second]},
+                                                        {"username": "zoe", "domain": "", "sources": [archived]}]}
+    plain = corvctl(server, "--plain", "account", "restore", start=False)[1]
+    assert plain == "erin\t2026-01-05_031500\t\t2048\tno\tno\nzoe\tzoe-20260102-120000\t2048\t\tno\tno\n"
+
+
+def test_a_source_without_an_account_is_refused(server):
+    assert corvctl(server, "account", "restore", "--from", "2026-01-05_031500", start=False) == (
+        2, "", "corvctl: whose account is it? Name the one that is to be brought back\n")
+
+
 # The domain of an account
 
 

@@ -120,7 +120,7 @@ def test_nothing_is_forgotten_where_the_place_refuses_to(server):
     server.settings("[offsite]\nrepository=\"ssh://vault@backup.example\"\nappend_only=true\n")
     assert corvctl(server, "offsite", "run")[0] == 0
     for argv in restics(server):
-        assert argv[0] == "-o" and argv[1].startswith("rclone.program=ssh -i /etc/corvane/offsite/ssh_key ")
+        assert argv[0] == "-o" and argv[1].startswith("rclone.program=ssh -F none -a -x -i /etc/corvane/offsite/ssh_key ")
         assert argv[1].endswith(" -l vault backup.example")
         assert argv[2] in ("unlock", "snapshots", "backup")
 
@@ -154,6 +154,31 @@ def test_what_cannot_be_fetched_whole_is_not_kept(server):
     assert not server.exists("/root/back") and not server.exists("/root/.back.partial")
     server.answer("restic", "dump", ..., exit=1, err="Fatal: pack is damaged\n")
     assert "restic failed: Fatal: pack is damaged" in corvctl(server, "offsite", "fetch", "alice", "--to", "/root/back")[2]
+
+
+def test_the_state_that_is_fetched_is_of_that_account_alone(server):
+    base = f"{AUTO}/{BACKUP}"
+    server.allows_loose_calls("pg_restore")
+    holds(server, snapshot("/alice-home.tar", "home"), snapshot(base, "rest", id="6" * 64))
+    line = '{"username":"alice","shadow":"$y$alice","new":1}\n'
+    server.write("/tmp/states", '{"username":"carol","shadow":"$y$carol"}\n' + line + "no line\n")
+    server.answer("restic", "ls", ..., out="".join(json.dumps({"struct_type": "node", "type": "file", "path": f"{base}{path}"}) + "\n"
+                                                   for path in ("/accounts/alice-db.dump", "/accounts.state")))
+    server.answer("restic", "dump", ..., shell=f"""
+        case "$5" in
+        /alice-home.tar) gzip -dc {base}/accounts/alice-home.tar.gz ;;
+        */alice-db.dump) echo dump ;;
+        */accounts.state) cat /tmp/states ;;
+        esac""")
+    code, _, err = corvctl(server, "offsite", "fetch", "alice", "--to", "/root/back")
+    assert (code, err) == (0, "")
+    assert server.read("/root/back/accounts.state") == line
+    assert sorted(path.name for path in server.path("/root/back").iterdir()) == [
+        "accounts.state", "alice-db.dump", "alice-home.tar.gz"]
+    server.write("/tmp/states", '{"username":"carol","shadow":"$y$carol"}\n')
+    code, _, err = corvctl(server, "offsite", "fetch", "alice", "--to", "/root/more")
+    assert (code, err) == (0, f"corvctl: the backup {BACKUP} has no state of alice\n")
+    assert not server.exists("/root/more/accounts.state")
 
 
 def test_the_parts_are_checked_in_turn(server):
@@ -204,3 +229,73 @@ def test_it_is_done_on_the_server_itself(sandbox):
     assert corvctl(sandbox, "-n", "offsite", "run") == (
         2, "", "corvctl: nothing is asked of the agent for that: this server copies its backups itself\n")
     assert corvctl(sandbox, "backup", "mounted") == (0, "", "")
+
+
+PLACE = "rest:https://backup.example:8000/web1/"
+# A place of one file, which is its key; another file keeps it from being written to.
+RESTIC = f"""
+case "$1" in
+cat)
+    [ -e /tmp/place ] && cmp -s "$RESTIC_PASSWORD_FILE" /tmp/place && exit 0
+    echo 'Fatal: wrong password or no key found' >&2; exit 1 ;;
+init)
+    [ -e /tmp/place ] && {{ echo 'Fatal: config file already exists' >&2; exit 1; }}
+    cp "$RESTIC_PASSWORD_FILE" /tmp/place ;;
+backup)
+    [ -e /tmp/full ] && {{ echo 'Fatal: no space left' >&2; exit 1; }}
+    cat >/tmp/probe ;;
+snapshots) echo '{json.dumps([snapshot("/probe", "probe")])}' ;;
+dump) cat /tmp/probe ;;
+forget) echo 'Fatal: 403 Forbidden' >&2; exit 1 ;;
+esac
+"""
+
+
+@pytest.fixture
+def fresh(sandbox):
+    """A sandbox without an off-site place, and restic with an empty one."""
+    sandbox.settings("")
+    sandbox.mkdir("/var/lib/corvane")
+    sandbox.answer("restic", ..., shell=RESTIC)
+    return sandbox
+
+
+def told_key(out):
+    return next((line.strip() for line in out.splitlines() if line.startswith("    ")), None)
+
+
+def test_a_setup_that_ended_before_its_end_tells_the_key_the_next_time(fresh):
+    fresh.write("/tmp/full", "")
+    code, out, err = corvctl(fresh, "offsite", "setup", PLACE)
+    assert (code, out) == (1, "")
+    assert err.startswith("corvctl: nothing can be written there: restic failed: ")
+    assert err.endswith("Fatal: no space left\n  nothing is copied there yet; put it right and run this again\n")
+    key = fresh.read(f"{FOLDER}/key").strip()
+    assert fresh.read("/tmp/place") == f"{key}\n"
+    fresh.path("/tmp/full").unlink()
+    fresh.secret(key)
+    code, out, err = corvctl(fresh, "offsite", "setup", PLACE)
+    assert (code, err, told_key(out)) == (0, "", key)
+    assert f'repository="{PLACE}"' in fresh.read("/etc/corvane/corvane.ini")
+    # Whoever has been told it, and has the place in the settings, is not shown it at each look.
+    code, out, err = corvctl(fresh, "offsite", "setup", PLACE)
+    assert (code, err, told_key(out)) == (0, "", None)
+    assert "key" not in json.loads(corvctl(fresh, "--json", "offsite", "setup", PLACE)[1])
+
+
+def test_the_key_in_force_outlives_one_that_does_not_fit(fresh):
+    fresh.write(f"{FOLDER}/key", f"{KEY}\n", 0o600)
+    fresh.secret(KEY)
+    fresh.write("/tmp/place", "another\n")
+    for given in ("wrong\n", "another\n"):
+        fresh.write("/root/given", given, 0o600)
+        fresh.write("/tmp/full", "")
+        code, out, _ = corvctl(fresh, "offsite", "setup", PLACE, "--key-file", "/root/given")
+        assert (code, out) == (1, "")
+        assert fresh.read(f"{FOLDER}/key") == f"{KEY}\n"
+        assert sorted(fresh.path(FOLDER).iterdir()) == [fresh.path(f"{FOLDER}/key")]
+    fresh.path("/tmp/full").unlink()
+    code, out, err = corvctl(fresh, "offsite", "setup", PLACE, "--key-file", "/root/given")
+    assert (code, err, told_key(out)) == (0, "", None)
+    assert fresh.read(f"{FOLDER}/key") == "another\n"
+    assert sorted(fresh.path(FOLDER).iterdir()) == [fresh.path(f"{FOLDER}/key")]

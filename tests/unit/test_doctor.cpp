@@ -5,6 +5,7 @@
 #include "ctl/doctor/Former.h"
 #include "ctl/doctor/Php.h"
 #include "ctl/doctor/Report.h"
+#include "ctl/doctor/Restores.h"
 #include "ctl/doctor/System.h"
 
 #include <QDateTime>
@@ -536,6 +537,36 @@ private Q_SLOTS:
         QVERIFY(read);
         QCOMPARE(reportLine(*read), line);
         QVERIFY(!parseReport("bash: corvctl: command not found\n"));
+    }
+
+    void namesRestoresThatWereCutOff()
+    {
+        const Journal shop = {u"shop"_s, u"shop"_s, u"2026-11-22_031500"_s, {}, 1000, {}};
+        Journal copy = {u"copy"_s, u"shop"_s, u"/root/it's"_s, {}, 0, {}};
+        copy.isWithoutJobs = true;
+        QCOMPARE(asText(checkCutOff({{shop, true, true}, {copy, false, true}, {copy, true, false}})),
+                 QStringList({u"fault|a restore of shop from 2026-11-22_031500 was cut off and is half done; corvctl "
+                              "account delete shop gives it up, and rm /var/lib/corvane/restores/shop.json keeps the "
+                              "account as it is|corvctl account restore shop --from 2026-11-22_031500"_s,
+                              u"note|a restore of copy from /root/it's was cut off before the account was made; rm "
+                              "/var/lib/corvane/restores/copy.json gives it up|corvctl account restore shop --from "_s +
+                                  shellWord(u"/root/it's"_s) + u" --as copy --no-jobs"_s,
+                              u"note|a restore of copy was cut off, and there is another user copy now|rm "
+                              "/var/lib/corvane/restores/copy.json"_s}));
+    }
+
+    void namesWhatADrillHasLeft()
+    {
+        const auto account = [](const QString &name, const QString &domain) {
+            return corv::hosting::User{name, 1000, corv::hosting::accountComment(domain), {}};
+        };
+        QCOMPARE(leftDrills({account(u"drill2"_s, u"drill2.drill.example"_s), account(u"drill3"_s, u"shop.example"_s),
+                             account(u"drilling"_s, u"drilling.drill.example"_s)}),
+                 QStringList{u"drill2"_s});
+        QCOMPARE(
+            asText(checkLeftDrills({u"drill2"_s})),
+            QStringList{u"fault|the account drill2 is left of a drill: it is a copy of another one, and is served; "
+                        "corvctl offsite drill takes it away as well|corvctl account delete drill2"_s});
     }
 
     void namesAccountsWhoseIdsAreNotKept()

@@ -155,15 +155,16 @@ void TestOffsite::secretsGoIntoTheEnvironmentAlone()
                                                 {u"RESTIC_REST_PASSWORD"_s, u"p@ss/w:rd"_s}};
     OffsitePlace place;
     place.repository = u"rest:https://host:8000/shop/"_s;
-    QMap<QString, QString> variables = environmentFor(place, credentials);
+    QMap<QString, QString> variables = environmentFor(place, credentials, kKeyFile);
     QCOMPARE(variables.value(u"RESTIC_REPOSITORY"_s), u"rest:https://me:p%40ss%2Fw:rd@host:8000/shop/"_s);
     QCOMPARE(variables.value(u"RESTIC_PASSWORD_FILE"_s), u"/etc/corvane/offsite/key"_s);
     QCOMPARE(optionsFor(place), QStringList());
     place.repository = u"ssh://vault@host"_s;
-    variables = environmentFor(place, {});
+    variables = environmentFor(place, {}, kKeyFile);
     QCOMPARE(variables.value(u"RESTIC_REPOSITORY"_s), u"rclone:vault"_s);
     QCOMPARE(optionsFor(place).size(), 2);
-    QVERIFY(optionsFor(place).last().startsWith("rclone.program=ssh -i /etc/corvane/offsite/ssh_key "_L1));
+    QVERIFY(
+        optionsFor(place).last().startsWith("rclone.program=ssh -F none -a -x -i /etc/corvane/offsite/ssh_key "_L1));
     QVERIFY(optionsFor(place).last().endsWith(" -l vault host"_L1));
 }
 

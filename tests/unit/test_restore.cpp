@@ -1,14 +1,20 @@
 #include "ctl/restore/Apply.h"
+#include "ctl/restore/Aside.h"
 #include "ctl/restore/Collect.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/restore/Panel.h"
+#include "ctl/restore/Restore.h"
 #include "ctl/restore/State.h"
 #include "ctl/restore/Tables.h"
 
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <cerrno>
+#include <cstring>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -258,6 +264,46 @@ private Q_SLOTS:
         QVERIFY(!parseJob("a0000101c92d0", "#!/bin/sh\n"));
         QVERIFY(!parseJob("a0000101c92d0a", "echo"));
         QVERIFY(!parseJob(".SEQ", ""));
+    }
+
+    void aJobIsKnownByItsTimeAndItsScript()
+    {
+        const KeptJob kept = {60, 'a', "umask 22\ncd /home/shop\necho one\n"};
+        QVERIFY(isSameJob(kept, {60, 'a', "umask 77\ncd /root\n" + kept.script}));
+        QVERIFY(!isSameJob(kept, {60, 'a', "umask 77\ncd /root\numask 22\ncd /home/shop\necho two\n"}));
+        QVERIFY(!isSameJob(kept, {120, 'a', kept.script}));
+        QVERIFY(!isSameJob(kept, {60, 'b', kept.script}));
+    }
+
+    void whatWasChangedSinceIsKept()
+    {
+        QTemporaryDir home;
+        const QByteArray path = QFile::encodeName(home.path());
+        const QList<QByteArray> names = {"public_html", "missing", ".profile"};
+        QVERIFY(QDir(home.path()).mkpath(u"public_html/deep"_s) && QDir(home.path()).mkpath(u"tmp"_s));
+        for (const QString &name : {u"public_html/deep/page"_s, u".profile"_s, u"tmp/session"_s}) {
+            QFile file(home.filePath(name));
+            QVERIFY(file.open(QIODevice::WriteOnly) && file.write("x") == 1);
+        }
+        struct stat page = {};
+        QVERIFY(::stat(QFile::encodeName(home.filePath(u"public_html/deep/page"_s)).constData(), &page) == 0);
+        const QString kept = home.filePath(u"replaced-1"_s);
+
+        QCOMPARE(setAsideHere(path, names, "replaced-1", page.st_ctime + 1), QByteArray());
+        QVERIFY(!QFile::exists(kept) && QFile::exists(home.filePath(u".profile"_s)));
+        QCOMPARE(setAsideHere(path, names, "replaced-1", page.st_ctime - 1), QByteArray("kept"));
+        QVERIFY(QFile::exists(kept + u"/public_html/deep/page"_s) && QFile::exists(kept + u"/.profile"_s));
+        QVERIFY(!QFile::exists(home.filePath(u"public_html"_s)) && QFile::exists(home.filePath(u"tmp/session"_s)));
+        // Nothing is left to be kept, and what was kept is not kept again.
+        QCOMPARE(setAsideHere(path, names, "replaced-2", 0), QByteArray());
+        QCOMPARE(setAsideHere(path, {"tmp"}, "replaced-1", 0), QByteArray(std::strerror(EEXIST)));
+        QCOMPARE(setAsideHere(path + "/none", names, "replaced-1", 0), QByteArray(std::strerror(ENOENT)));
+    }
+
+    void whatRunsByItselfIsNamed()
+    {
+        QCOMPARE(jobsText(wholeState()), u"crontab, 1 job(s) of at, services without a login"_s);
+        QCOMPARE(jobsText(AccountState()), QString());
     }
 
     void onlyWhatHasTheFormOfAHashIsPutBack()

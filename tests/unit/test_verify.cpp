@@ -270,7 +270,8 @@ private Q_SLOTS:
                         "ERROR:  type \"geometry\" does not exist\n");
         QCOMPARE(denied.fault, QString());
         QCOMPARE(denied.note,
-                 u"only a superuser can restore all of it: permission denied to create extension \"postgis\""_s);
+                 u"only a superuser can restore all of it: permission denied to create extension \"postgis\"; then: "
+                 "type \"geometry\" does not exist"_s);
         const Proof broken =
             judgeErrors("pg_restore: error: could not execute query: ERROR:  relation \"x\" does not exist\n"
                         "Command was: permission denied\n");

@@ -2,6 +2,7 @@
 #include "common/Environment.h"
 #include "common/Run.h"
 #include "ctl/Command.h"
+#include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/commands/Account.h"
 #include "ctl/commands/AccountSites.h"
@@ -22,12 +23,16 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
+bool isHere(const Session &session)
+{
+    return !session.options.printOnly && session.options.hosts.empty() && ::geteuid() == 0;
+}
+
 // What stands in the way of an account of that name. Nothing where this server cannot be asked: the agent then says
 // what is wrong.
 QList<Remainder> findRemainders(const Session &session, const QString &name)
 {
-    if (session.options.printOnly || !session.options.hosts.empty() || ::geteuid() != 0 ||
-        !hosting::validUsername(name))
+    if (!isHere(session) || !hosting::validUsername(name))
         return {};
     cleanEnvironment();
     return remaindersOf(readNameFacts(name), QDateTime::currentDateTime().toString(u"yyyyMMdd-HHmmss"_s));
@@ -96,6 +101,9 @@ int createAccount(Session &session, const Given &given)
         return *end;
     }
 
+    // An earlier restore to that name would take this account for the one that it has made.
+    if (isHere(session))
+        removeJournal(name);
     const QString php = answer.reply.value("phpVersion"_L1).toString();
     // The password is told here and never again.
     printFacts(session, {{u"Account"_s, text(name)},

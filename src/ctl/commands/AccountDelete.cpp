@@ -7,6 +7,7 @@
 #include "common/Site.h"
 #include "ctl/Command.h"
 #include "ctl/Input.h"
+#include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/commands/Account.h"
 #include "ctl/commands/AccountSites.h"
@@ -195,6 +196,8 @@ int deleteAccount(Session &session, const Given &given)
     const Answer answer = ask(session, u"hosting.delete"_s, {{u"username"_s, name}, {u"confirm"_s, *typed}});
     if (answer.ok())
         tellOfSitesLeft(session, beside);
+    if (answer.ok() && isHere(session))
+        removeJournal(name); // a restore that made it goes on no more
     if (isHere(session) && hosting::validUsername(name))
         (void)keepStates(); // puts the state beside the archives; the watcher tries that too
     const QString archive = answer.reply.value("archive"_L1).toString();

@@ -1,14 +1,16 @@
+#include "common/Account.h"
 #include "common/BackupConfig.h"
 #include "common/Json.h"
 #include "ctl/Command.h"
 #include "ctl/Input.h"
+#include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
 #include "ctl/commands/Account.h"
 #include "ctl/commands/AccountSites.h"
 #include "ctl/commands/RestoreText.h"
 #include "ctl/doctor/Finding.h"
-#include "ctl/restore/Journal.h"
+#include "ctl/doctor/Restores.h"
 #include "ctl/restore/Restore.h"
 #include "ctl/restore/Sources.h"
 #include "ctl/screen/Escape.h"
@@ -33,33 +35,105 @@ void printJson(const Session &session, const QJsonObject &object)
     print((session.terminal.out ? escapedJson(line) : line) + '\n');
 }
 
+QJsonArray objectsOf(const QList<Source> &sources)
+{
+    QJsonArray all;
+    for (const Source &source : sources)
+        all.append(QJsonObject{{u"from"_s, source.from},
+                               {u"kind"_s, kindText(source.kind)},
+                               {u"made"_s, source.made},
+                               {u"homeBytes"_s, source.homeBytes},
+                               {u"dbBytes"_s, source.dumpBytes},
+                               {u"state"_s, !source.state.isEmpty()},
+                               {u"checked"_s, source.checked},
+                               {u"fault"_s, source.fault}});
+    return all;
+}
+
+Row rowOf(const Source &source)
+{
+    return {text(source.from),
+            text(kindText(source.kind)),
+            time(source.made),
+            source.home.isEmpty() ? nothing() : bytes(source.homeBytes),
+            source.dump.isEmpty() ? nothing() : bytes(source.dumpBytes),
+            source.state.isEmpty() ? text(u"no"_s, Colour::Warning) : text(u"yes"_s),
+            !source.fault.isEmpty() ? text(u"damaged"_s, Colour::Bad) : yesNo(source.checked > 0)};
+}
+
+// The restores of an account that were cut off, under whatever name.
+QList<Journal> inHandOf(const QString &account)
+{
+    QList<Journal> journals = journalsInHand();
+    journals.removeIf(
+        [&account](const Journal &journal) { return journal.account != account || !isHalfDone(journal); });
+    return journals;
+}
+
+void tellInHand(const QList<Journal> &journals)
+{
+    for (const Journal &journal : journals) {
+        note(u"a restore of %1 from %2 was cut off; this goes on with it:"_s.arg(journal.target, journal.from));
+        note(u"  "_s + goOnWith(journal));
+    }
+}
+
 int list(const Session &session, const QString &account, const QList<Source> &sources)
 {
+    const QList<Journal> inHand = inHandOf(account);
     if (session.options.json) {
-        QJsonArray all;
-        for (const Source &source : sources)
-            all.append(QJsonObject{{u"from"_s, source.from},
-                                   {u"kind"_s, kindText(source.kind)},
-                                   {u"made"_s, source.made},
-                                   {u"homeBytes"_s, source.homeBytes},
-                                   {u"dbBytes"_s, source.dumpBytes},
-                                   {u"state"_s, !source.state.isEmpty()},
-                                   {u"checked"_s, source.checked},
-                                   {u"fault"_s, source.fault}});
-        printJson(session, {{u"ok"_s, true}, {u"account"_s, account}, {u"sources"_s, all}});
+        QJsonArray cutOff;
+        for (const Journal &journal : inHand)
+            cutOff.append(QJsonObject{{u"from"_s, journal.from}, {u"as"_s, journal.target}});
+        QJsonObject listed = {{u"ok"_s, true}, {u"account"_s, account}, {u"sources"_s, objectsOf(sources)}};
+        if (!cutOff.isEmpty())
+            listed.insert(u"cutOff"_s, cutOff);
+        printJson(session, listed);
         return kDone;
     }
     QList<Row> rows;
     for (const Source &source : sources)
-        rows.append({text(source.from), text(kindText(source.kind)), time(source.made),
-                     source.home.isEmpty() ? nothing() : bytes(source.homeBytes),
-                     source.dump.isEmpty() ? nothing() : bytes(source.dumpBytes),
-                     source.state.isEmpty() ? text(u"no"_s, Colour::Warning) : text(u"yes"_s),
-                     !source.fault.isEmpty() ? text(u"damaged"_s, Colour::Bad) : yesNo(source.checked > 0)});
+        rows.append(rowOf(source));
     printTable(session, {u"FROM"_s, u"KIND"_s, u"MADE"_s, u"FILES"_s, u"DATABASE"_s, u"STATE"_s, u"VERIFIED"_s}, rows);
-    if (!session.options.plain)
+    if (!session.options.plain && !sources.isEmpty())
         printLine(u"\nTo bring it back from the first of them:\n  corvctl account restore %1 --from %2"_s.arg(
             account, sources.first().from));
+    tellInHand(inHand);
+    return kDone;
+}
+
+// The accounts that there are no more, each with the newest of what it can be brought back from.
+int listGone(const Session &session, const backup::Config &config)
+{
+    QStringList gone = accountsKnown(config);
+    for (const hosting::User &user : hosting::users()) {
+        if (hosting::hasMarker(user.comment))
+            gone.removeAll(user.name);
+    }
+    QJsonArray accounts;
+    QList<Row> rows;
+    for (const QString &account : std::as_const(gone)) {
+        const QList<Source> sources = sourcesOf(config, account);
+        if (sources.isEmpty())
+            continue;
+        accounts.append(QJsonObject{
+            {u"username"_s, account}, {u"domain"_s, sources.first().domain}, {u"sources"_s, objectsOf(sources)}});
+        // The name of each tells its kind and its day.
+        Row row = rowOf(sources.first());
+        row.remove(1, 2);
+        rows.append(Row{text(account)} + row);
+    }
+    if (session.options.json) {
+        printJson(session, {{u"ok"_s, true}, {u"accounts"_s, accounts}});
+        return kDone;
+    }
+    if (rows.isEmpty()) {
+        note(u"no account is gone of which there is a backup or an archive"_s);
+        return kDone;
+    }
+    printTable(session, {u"ACCOUNT"_s, u"FROM"_s, u"FILES"_s, u"DATABASE"_s, u"STATE"_s, u"VERIFIED"_s}, rows);
+    if (!session.options.plain)
+        printLine(u"\nTo bring one back:\n  corvctl account restore ACCOUNT --from FROM"_s);
     return kDone;
 }
 
@@ -77,25 +151,30 @@ void showPlan(const Session &session, const Plan &plan)
         {u"Database"_s, source.dump.isEmpty() ? text(u"none"_s, Colour::Warning) : bytes(source.dumpBytes)},
         {u"State"_s, plan.state ? text(stateText(*plan.state)) : text(u"none was written down"_s, Colour::Warning)}};
     printFacts(session, facts);
+    if (plan.isWithoutJobs && plan.state && !jobsText(*plan.state).isEmpty())
+        note(u"left out, as was asked for: "_s + jobsText(*plan.state));
     if (!plan.state)
         note(
             u"without a state the database and the login get no old password; crontab, jobs, settings and limit are lost"_s);
     if (plan.cutOff)
-        note(u"a restore of %1 was cut off before; this one goes on with it"_s.arg(plan.target));
+        note(
+            u"a restore of %1 was cut off before; this one goes on with it, and keeps what somebody has changed in the "
+            "home since"_s.arg(plan.target));
 }
 
 int tell(const Session &session, const Plan &plan, const Restored &done)
 {
-    const QString again = u"corvctl account restore %1 --from %2%3 goes on from there"_s.arg(
-        plan.source.account, shellWord(plan.source.from),
-        plan.target == plan.source.account ? QString() : u" --as "_s + plan.target);
     if (session.options.json)
         printJson(session, restoredObject(plan, done));
-    if (!done.problem.isEmpty())
+    if (!done.aside.isEmpty() && !session.options.json)
+        note(u"what was in the home before is in the folder %1 there"_s.arg(done.aside));
+    if (!done.problem.isEmpty()) {
+        const std::optional<Journal> journal = readJournal(plan.target);
         return fail(done.status, u"%1 is not restored: %2"_s.arg(plan.target, done.problem),
-                    readJournal(plan.target)
-                        ? u"%1; corvctl account delete %2 takes away what is there"_s.arg(again, plan.target)
-                        : QString());
+                    journal ? u"%1 goes on from there; corvctl account delete %2 takes away what is there"_s.arg(
+                                  goOnWith(*journal), plan.target)
+                            : QString());
+    }
     if (!session.options.json) {
         QList<Fact> facts = {{u"Restored"_s, text(plan.target)},
                              {u"Domain"_s, text(plan.domain)},
@@ -103,6 +182,8 @@ int tell(const Session &session, const Plan &plan, const Restored &done)
                              {u"Tables"_s, number(done.tables)},
                              {u"Site"_s, text(done.seen, done.isSeenWell ? Colour::Good : Colour::Bad)},
                              {u"Took"_s, span(done.seconds)}};
+        if (!done.leftOut.isEmpty())
+            facts.append({u"Left out"_s, text(done.leftOut, Colour::Warning)});
         if (!done.password.isEmpty())
             facts.append({u"Database password"_s, whole(done.password)});
         printFacts(session, facts);
@@ -114,16 +195,13 @@ int tell(const Session &session, const Plan &plan, const Restored &done)
     return done.status;
 }
 
-// The source that is named, or that of a restore that was cut off. Gives the status to end with where there is none.
+// The source that is named. Gives the status to end with where there is none, or they are listed.
 std::optional<int> choose(const Session &session, const backup::Config &config, const Given &given, Source *source)
 {
     const QString account = given.text("ACCOUNT");
-    QString from = given.text("--from");
-    const std::optional<Journal> journal = readJournal(given.has("--as") ? given.text("--as") : account);
-    if (from.isEmpty() && journal && isHalfDone(*journal) && journal->account == account)
-        from = journal->from;
+    const QString from = given.text("--from");
     const QList<Source> sources = sourcesOf(config, account);
-    if (from.isEmpty() && sources.isEmpty())
+    if (from.isEmpty() && sources.isEmpty() && inHandOf(account).isEmpty())
         return refuse(session, u"there is neither a backup nor an archive of %1"_s.arg(account),
                       u"--from names a folder that was fetched from elsewhere"_s);
     if (from.isEmpty())
@@ -145,14 +223,20 @@ int restoreOfAccount(Session &session, const Given &given)
         return *end;
     bareEnvironment();
     const backup::Config config = backup::load(QSettings(settingsPath(session.options), QSettings::IniFormat));
+    if (account.isEmpty() &&
+        (given.has("--from") || given.has("--as") || given.has("--domain") || given.has("--no-jobs")))
+        return fail(kWrongUsage, u"whose account is it? Name the one that is to be brought back"_s);
+    if (account.isEmpty())
+        return listGone(session, config);
     Source source;
     if (const std::optional<int> end = choose(session, config, given, &source))
         return *end;
     QString problem;
     QString hint;
-    const std::optional<Plan> plan = planFor(source, given.text("--as"), given.text("--domain"), &problem, &hint);
+    std::optional<Plan> plan = planFor(source, given.text("--as"), given.text("--domain"), &problem, &hint);
     if (!plan)
         return refuse(session, problem, hint);
+    plan->isWithoutJobs = given.has("--no-jobs");
     if (const std::optional<int> end = refuseTaken(session, plan->domain, plan->target, false))
         return *end;
 

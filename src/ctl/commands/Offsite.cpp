@@ -223,7 +223,7 @@ std::optional<Repository> openedPlace(const Session &session, int *status)
         return {};
     }
     QString problem;
-    std::optional<Repository> repository = openPlace(place, &problem);
+    std::optional<Repository> repository = openPlace(place, kKeyFile, &problem);
     if (!repository)
         *status = refuse(session, problem);
     return repository;

@@ -1,8 +1,10 @@
 #include "common/Account.h"
 #include "common/Archives.h"
+#include "common/Json.h"
 #include "common/Run.h"
 #include "common/Tree.h"
 #include "ctl/Interrupt.h"
+#include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/commands/Offsite.h"
 #include "ctl/doctor/Visits.h"
@@ -14,6 +16,8 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
+#include <QJsonObject>
 
 #include <algorithm>
 #include <cstdio>
@@ -30,6 +34,7 @@ namespace {
 constexpr int kStepMs = 2 * 3'600'000;
 constexpr int kVisitMs = 30'000;
 constexpr mode_t kFolderMode = 0700;
+constexpr qsizetype kLargestReply = 1'048'576;
 constexpr int kLowestError = 500;
 const auto kFolder = u"/var/backups/corvane/.drill"_s;
 const auto kDrillName = u"drill"_s;
@@ -59,11 +64,14 @@ void removeFolder()
 }
 
 // This very program, with another command.
-QString self(const QStringList &args)
+QString self(const QStringList &args, QByteArray *out = nullptr)
 {
     hosting::Surroundings surroundings;
     surroundings.milliseconds = kStepMs;
-    return hosting::runWith(QFile::symLinkTarget(u"/proc/self/exe"_s), args, {}, surroundings);
+    hosting::Streams streams;
+    streams.output = out;
+    streams.maxOutput = kLargestReply;
+    return hosting::runWith(QFile::symLinkTarget(u"/proc/self/exe"_s), args, streams, surroundings);
 }
 
 // A name that no user has.
@@ -119,14 +127,39 @@ QString clearAway(const Drill &drill)
 {
     QString problem;
     if (hosting::isOurs(drill.name))
-        problem = self({u"account"_s, u"delete"_s, drill.name, u"--confirm"_s, drill.name});
+        problem = self({u"account"_s, u"delete"_s, drill.name, u"--force"_s, u"--confirm"_s, drill.name});
     if (problem.isEmpty()) {
         for (const QString &file : QDir(kArchives).entryList({drill.name + u"-*"_s}, QDir::Files | QDir::NoSymLinks))
             (void)QFile::remove(kArchives + u'/' + file);
     }
+    if (problem.isEmpty())
+        removeJournal(drill.name); // where it ended before there was an account
     removeFolder();
     return problem.isEmpty() ? QString()
                              : u"the account %1 could not be deleted: %2"_s.arg(drill.name, oneSentence(problem));
+}
+
+// Makes the account. What is restored may differ from what it was, and its site may show an error, as that of the live
+// one does; whether it is as good as that, the pages tell. Its jobs are left out: they would work on what the live one
+// works on.
+QString restoreProblem(const Drill &drill)
+{
+    say(drill, u"restoring it as %1, at %2"_s.arg(drill.name, drill.domain));
+    QByteArray out;
+    const QString problem =
+        self({u"--json"_s, u"account"_s, u"restore"_s, drill.account, u"--from"_s, kFolder, u"--as"_s, drill.name,
+              u"--domain"_s, drill.domain, u"--no-jobs"_s, u"--confirm"_s, drill.name},
+             &out);
+    const QJsonObject reply = parseObject(out);
+    if (!reply.value("ok"_L1).toBool()) {
+        const QString error = reply.value("error"_L1).toString();
+        return u"it could not be restored: "_s + (error.isEmpty() ? oneSentence(problem) : error);
+    }
+    for (const auto &lost : reply.value("lost"_L1).toArray())
+        say(drill, u"not as it was: "_s + lost.toString());
+    if (const QString leftOut = reply.value("leftOut"_L1).toString(); !leftOut.isEmpty())
+        say(drill, u"left out, since the live one has them: "_s + leftOut);
+    return pageProblem(drill);
 }
 
 QString work(const Drill &drill, const Repository &repository, const SavedHome &saved)
@@ -143,10 +176,26 @@ QString work(const Drill &drill, const Repository &repository, const SavedHome &
         say(drill, missing);
     if (interrupted())
         return u"interrupted"_s;
-    say(drill, u"restoring it as %1, at %2"_s.arg(drill.name, drill.domain));
-    const QString problem = self({u"account"_s, u"restore"_s, drill.account, u"--from"_s, kFolder, u"--as"_s,
-                                  drill.name, u"--domain"_s, drill.domain, u"--confirm"_s, drill.name});
-    return problem.isEmpty() ? pageProblem(drill) : u"it could not be restored: "_s + oneSentence(problem);
+    return restoreProblem(drill);
+}
+
+// Takes away what drills have left that were killed. Returns what could not be.
+QString clearFormer(const Session &session)
+{
+    QStringList problems;
+    for (const hosting::User &user : hosting::users()) {
+        const QString domain = hosting::domainIn(user.comment);
+        if (!hosting::hasMarker(user.comment) || !isOfDrill(user.name, domain))
+            continue;
+        const Drill former = {session, {}, user.name, domain};
+        say(former, u"taking away %1, which a drill before has left"_s.arg(user.name));
+        problems.append(clearAway(former));
+    }
+    for (const Journal &journal : journalsInHand()) {
+        if (isOfDrill(journal.target, journal.domain) && !hosting::isOurs(journal.target))
+            removeJournal(journal.target);
+    }
+    return hosting::joined(problems);
 }
 
 int drill(Session &session, const Given &given)
@@ -171,13 +220,14 @@ int drill(Session &session, const Given &given)
     if (!saved)
         return refuse(session, u"nothing of %1 is there"_s.arg(account), u"corvctl offsite list shows what is"_s);
 
+    const QString former = clearFormer(session);
     const QString name = freeName();
-    const Drill one = {session, account, name, name + u".drill.example"_s};
+    const Drill one = {session, account, name, domainOfDrill(name)};
     problem = work(one, *repository, *saved);
     const int signal = interrupted() ? interruptedStatus() : kDone;
     forgetInterrupt(); // what was made is to be taken away all the same
     const QString left = clearAway(one);
-    problem = hosting::joined({problem, left});
+    problem = hosting::joined({former, problem, left});
     state.drilled = account;
     state.drilledAt = QDateTime::currentSecsSinceEpoch();
     state.drillProblem = problem;

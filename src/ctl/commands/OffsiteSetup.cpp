@@ -13,6 +13,7 @@
 #include "ctl/screen/Escape.h"
 
 #include <QFile>
+#include <QSettings>
 #include <QSysInfo>
 
 #include <cstdio>
@@ -24,6 +25,8 @@ namespace {
 
 constexpr int kToolMs = 60'000;
 constexpr mode_t kSettingsMode = 0644;
+// One that was given and has not been found to fit yet.
+const auto kTriedKeyFile = u"/etc/corvane/offsite/key.tried"_s;
 
 void say(const Session &session, const QString &line)
 {
@@ -79,21 +82,42 @@ int askForEntry(const Session &session, const Vault &vault, const QString &probl
                 u"then run this command again; nothing has been set up yet"_s);
 }
 
-// The key of the repository: the one of a file, the one that is there, or a new one.
-QString settleKey(const Session &session, const Given &given)
+// The key that this server is to use: where it lies while the place is tried, and whether its owner has it already.
+struct SetupKey
 {
-    QString problem;
+    QString file = kKeyFile;
+    bool isKnown = false;
+    QString problem; // why there is none, empty where there is one
+};
+
+// The key of the repository: the one of a file, the one that is there, or a new one. One of a file stays beside the
+// one in force until the place has taken it: without the latter what it has encrypted could not be read any more.
+SetupKey settleKey(const Session &session, const Given &given)
+{
+    SetupKey settled;
     if (given.has("--key-file")) {
         const std::optional<QByteArray> content = readSource(session, given.text("--key-file"));
         const QByteArray key = content.value_or(QByteArray()).trimmed();
-        if (key.isEmpty() || key.contains('\n'))
-            return u"the key is one line of text"_s;
-        return keepSecret(kKeyFile, key + '\n');
+        settled.file = kTriedKeyFile;
+        settled.isKnown = true;
+        settled.problem = key.isEmpty() || key.contains('\n') ? u"the key is one line of text"_s
+                                                              : keepSecret(settled.file, key + '\n');
+        return settled;
     }
-    if (secretIn(kKeyFile, &problem) || !problem.isEmpty())
-        return problem;
+    if (secretIn(kKeyFile, &settled.problem) || !settled.problem.isEmpty())
+        return settled;
     const QByteArray key = newKey();
-    return key.isEmpty() ? u"the system has no random numbers"_s : keepSecret(kKeyFile, key + '\n');
+    settled.problem = key.isEmpty() ? u"the system has no random numbers"_s : keepSecret(kKeyFile, key + '\n');
+    return settled;
+}
+
+// Puts the key that was tried in force. Returns why that cannot be; empty on success.
+QString takeKey(const SetupKey &key)
+{
+    if (key.file == kKeyFile ||
+        ::rename(QFile::encodeName(key.file).constData(), QFile::encodeName(kKeyFile).constData()) == 0)
+        return {};
+    return u"%1 cannot take the place of %2"_s.arg(key.file, kKeyFile);
 }
 
 QString writeSettings(const QString &path, const OffsitePlace &place)
@@ -117,28 +141,28 @@ QString adviceOn(const OffsitePlace &place)
            " A vault that only lets it add is described in backup.md."_s;
 }
 
-int finish(const Session &session, const OffsitePlace &place, bool isNew)
+int finish(const Session &session, const OffsitePlace &place, bool isKeyKnown)
 {
     QString problem;
     const QString key = QString::fromUtf8(secretIn(kKeyFile, &problem).value_or(QByteArray())).trimmed();
     if (session.options.json) {
         QJsonObject object = {
             {u"ok"_s, true}, {u"repository"_s, place.repository}, {u"appendOnly"_s, place.appendOnly}};
-        if (isNew)
+        if (!isKeyKnown)
             object.insert(u"key"_s, key);
         const QByteArray line = compactJson(object);
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
         return kDone;
     }
     if (session.options.plain) {
-        if (isNew)
+        if (!isKeyKnown)
             printLine(u"key\t"_s + escaped(key));
         return kDone;
     }
     say(session, u"%1 takes what is written to it and gives it back."_s.arg(place.repository));
     say(session, adviceOn(place));
     say(session, {});
-    if (isNew) {
+    if (!isKeyKnown) {
         printLine(u"The key of the repository:\n\n    "_s + escaped(key) + u'\n');
         printLine(u"Keep it elsewhere, on paper or in a password manager. Without it nothing that\n"
                   "is off-site can be read again, and it is shown only now. On this server it is\n"
@@ -149,13 +173,12 @@ int finish(const Session &session, const OffsitePlace &place, bool isNew)
 }
 
 // Reaches the place, makes the repository there and finds out by trying what it does.
-int tryPlace(const Session &session, OffsitePlace place)
+int tryPlace(const Session &session, OffsitePlace place, const SetupKey &key)
 {
     QString problem;
-    const std::optional<Repository> repository = openPlace(place, &problem);
-    bool isNew = false;
+    const std::optional<Repository> repository = openPlace(place, key.file, &problem);
     if (repository)
-        problem = makeRepository(*repository, &isNew);
+        problem = makeRepository(*repository);
     if (problem.isEmpty())
         problem = tryWriting(*repository);
     if (!problem.isEmpty())
@@ -172,7 +195,9 @@ int tryPlace(const Session &session, OffsitePlace place)
     place.appendOnly = forgetting == Forgetting::Refused;
     if (problem = writeSettings(settingsPath(session.options), place); !problem.isEmpty())
         return refuse(session, problem);
-    return finish(session, place, isNew);
+    if (problem = takeKey(key); !problem.isEmpty())
+        return refuse(session, problem);
+    return finish(session, place, key.isKnown);
 }
 
 int setUp(Session &session, const Given &given)
@@ -196,9 +221,15 @@ int setUp(Session &session, const Given &given)
         if (problem = reachVault(vault); !problem.isEmpty())
             return askForEntry(session, vault, problem);
     }
-    if (problem = settleKey(session, given); !problem.isEmpty())
-        return refuse(session, problem);
-    return tryPlace(session, place);
+    SetupKey key = settleKey(session, given);
+    if (!key.problem.isEmpty())
+        return refuse(session, key.problem);
+    // Not by whether the repository is new: a setup that ended before its end has made it and told nobody.
+    const QSettings settings(settingsPath(session.options), QSettings::IniFormat);
+    key.isKnown = key.isKnown || placeIn(settings).repository == place.repository;
+    const int status = tryPlace(session, place, key);
+    (void)QFile::remove(kTriedKeyFile); // where it was refused
+    return status;
 }
 
 } // namespace

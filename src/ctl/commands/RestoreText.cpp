@@ -8,6 +8,7 @@
 #include <QStringList>
 
 #include <cstring>
+#include <ctime>
 
 #include <unistd.h>
 
@@ -30,7 +31,7 @@ std::optional<int> refuseElsewhere(const Session &session, const QString &comman
 
 void bareEnvironment()
 {
-    static const QList<QByteArray> kept = {"PATH", "TERM", "TZ", "COLUMNS", "NO_COLOR", "CORV_CONFIG"};
+    static const QList<QByteArray> kept = {"PATH", "TERM", "COLUMNS", "NO_COLOR", "CORV_CONFIG"};
     QList<QByteArray> names;
     for (char **entry = environ; *entry; ++entry)
         names.append(QByteArray(*entry, static_cast<qsizetype>(std::strcspn(*entry, "="))));
@@ -38,6 +39,8 @@ void bareEnvironment()
         if (!kept.contains(name))
             qunsetenv(name.constData());
     }
+    // at reads the time of a job by the server's own zone, so that it has to be told by that.
+    ::tzset();
     cleanEnvironment();
 }
 
@@ -88,6 +91,10 @@ QJsonObject restoredObject(const Plan &plan, const Restored &done)
                           {u"seconds"_s, done.seconds}};
     if (!done.problem.isEmpty())
         object.insert(u"error"_s, done.problem);
+    if (!done.leftOut.isEmpty())
+        object.insert(u"leftOut"_s, done.leftOut);
+    if (!done.aside.isEmpty())
+        object.insert(u"aside"_s, done.aside);
     if (!done.password.isEmpty())
         object.insert(u"dbPassword"_s, done.password);
     return object;

@@ -1,3 +1,4 @@
+#include "common/Account.h"
 #include "common/BackupConfig.h"
 #include "common/Json.h"
 #include "common/Paths.h"
@@ -57,7 +58,7 @@ Intended intendedFor(const QString &folder, const QString &account)
     intended.plan = planFor(*source, {}, {}, &intended.problem, &hint);
     // Done by an earlier run, which this one goes on from.
     if (intended.problem.startsWith("there is a user "_L1))
-        intended.problem.clear();
+        intended.problem = hosting::isOurs(account) ? QString() : u"a user of that name is here, who is no account"_s;
     return intended;
 }
 

@@ -22,6 +22,7 @@
 #include "ctl/doctor/Notify.h"
 #include "ctl/doctor/Offsite.h"
 #include "ctl/doctor/Reach.h"
+#include "ctl/doctor/Restores.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/Settings.h"
 #include "ctl/doctor/SiteFacts.h"
@@ -217,6 +218,7 @@ Check checkAccounts(const Accounts &users, const QList<AccountSite> &sites, cons
     for (const hosting::User &user : users.accounts)
         check.findings += checkAccount(readAccount(user, versions), php, databases);
     check.findings += checkLeftovers({}, databases, namesOf(users.all), namesOf(users.accounts));
+    check.findings += checkCutOff(readCutOff()) + checkLeftDrills(leftDrills(users.accounts));
     check.findings += checkRefusedDeletions(deletionArchives(kArchives, {}), namesOf(users.accounts), began);
     return check;
 }

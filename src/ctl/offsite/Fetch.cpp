@@ -69,6 +69,24 @@ Fetched fetchHome(const Repository &repository, const QString &account, const Sa
     return {done.problem, {}, done.bytes};
 }
 
+// Leaves of the state of each account, in one file, that of this one in another: passwords' hashes of all the others
+// are no affair of whoever is handed the folder. False where there is none of it.
+bool keepOwnState(const QString &all, const QString &account, const QString &to)
+{
+    QFile states(all);
+    QByteArray own;
+    while (states.isOpen() || states.open(QIODevice::ReadOnly)) {
+        const QByteArray line = states.readLine();
+        if (line.isEmpty())
+            break;
+        if (parseObject(line).value("username"_L1).toString() == account)
+            own += line;
+    }
+    (void)QFile::remove(all);
+    const Fd file = own.isEmpty() ? Fd() : newFile(to);
+    return file && ::write(file.get(), own.constData(), static_cast<size_t>(own.size())) == own.size();
+}
+
 // The database, and what no archive holds.
 QString fetchRest(const Repository &repository, const QString &account, const SavedHome &saved, const QString &folder,
                   QStringList *missing)
@@ -79,17 +97,20 @@ QString fetchRest(const Repository &repository, const QString &account, const Sa
         return problem;
     const QString base = saved.rest ? saved.rest->path : QString();
     const QString dump = account + u"-db.dump"_s;
-    const std::pair<QString, QString> files[] = {{u"/accounts/"_s + dump, dump},
-                                                 {u"/accounts.state"_s, u"accounts.state"_s}};
+    const auto state = u"accounts.state"_s;
+    const auto states = u".accounts.state.all"_s;
+    const std::pair<QString, QString> files[] = {{u"/accounts/"_s + dump, dump}, {u'/' + state, states}};
     for (const auto &[path, name] : files) {
         if (!there.contains(base + path)) {
-            missing->append(u"the backup %1 has no %2"_s.arg(saved.backup, name));
+            missing->append(u"the backup %1 has no %2"_s.arg(saved.backup, path.section(u'/', -1)));
             continue;
         }
         if (const QString wrong = fetchFile(repository, *saved.rest, base + path, folder + u'/' + name);
             !wrong.isEmpty())
             return wrong;
     }
+    if (QFile::exists(folder + u'/' + states) && !keepOwnState(folder + u'/' + states, account, folder + u'/' + state))
+        missing->append(u"the backup %1 has no state of %2"_s.arg(saved.backup, account));
     if (!QFile::exists(folder + u'/' + dump))
         return {};
     const std::optional<QString> fault = faultOfDump(folder + u'/' + dump, {});

@@ -15,7 +15,7 @@ Fd lockOffsite(QString *problem)
 {
     constexpr mode_t kFolderMode = 0700;
     (void)::mkdir(QFile::encodeName(kStateFolder).constData(), kFolderMode);
-    Fd turn = takeTurn(kStateFolder + u"/lock"_s, u"another run, check or drill"_s, problem);
+    Fd turn = takeTurn(kOffsiteLock, u"another run, check or drill"_s, problem);
     if (!turn && problem->isEmpty())
         *problem = u"interrupted"_s;
     return turn;

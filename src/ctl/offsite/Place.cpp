@@ -125,7 +125,8 @@ QMap<QString, QString> credentialsIn(const QByteArray &text, QString *problem)
     return variables;
 }
 
-QMap<QString, QString> environmentFor(const OffsitePlace &place, const QMap<QString, QString> &credentials)
+QMap<QString, QString> environmentFor(const OffsitePlace &place, const QMap<QString, QString> &credentials,
+                                      const QString &keyFile)
 {
     QMap<QString, QString> variables = credentials;
     QString repository = isVault(place.repository) ? u"rclone:vault"_s : place.repository;
@@ -133,7 +134,7 @@ QMap<QString, QString> environmentFor(const OffsitePlace &place, const QMap<QStr
     if (repository.startsWith(kRestBegin) && !user.isEmpty())
         repository = withLogin(repository, user, credentials.value(u"RESTIC_REST_PASSWORD"_s));
     variables.insert(u"RESTIC_REPOSITORY"_s, repository);
-    variables.insert(u"RESTIC_PASSWORD_FILE"_s, kKeyFile);
+    variables.insert(u"RESTIC_PASSWORD_FILE"_s, keyFile);
     variables.insert(u"RESTIC_CACHE_DIR"_s, kCacheFolder);
     variables.insert(u"HOME"_s, u"/root"_s);
     return variables;
@@ -149,7 +150,8 @@ QStringList optionsFor(const OffsitePlace &place)
 
 QStringList sshTo(const Vault &vault, bool isFirstTime)
 {
-    QStringList words = {u"ssh"_s, u"-i"_s, kSshKey};
+    // Nothing of root's own settings of ssh: they may lead elsewhere, or hand root's agent to the vault.
+    QStringList words = {u"ssh"_s, u"-F"_s, u"none"_s, u"-a"_s, u"-x"_s, u"-i"_s, kSshKey};
     for (const QString &option :
          {u"IdentitiesOnly=yes"_s, u"BatchMode=yes"_s, u"UserKnownHostsFile="_s + kKnownHosts,
           u"GlobalKnownHostsFile=/dev/null"_s, u"StrictHostKeyChecking="_s + (isFirstTime ? u"accept-new"_s : u"yes"_s),

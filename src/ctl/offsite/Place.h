@@ -56,7 +56,8 @@ QStringList retentionIn(const QString &text, QString *problem);
 QMap<QString, QString> credentialsIn(const QByteArray &text, QString *problem);
 
 // What restic gets to reach the place: in its environment, which root alone can read, whatever is secret.
-QMap<QString, QString> environmentFor(const OffsitePlace &place, const QMap<QString, QString> &credentials);
+QMap<QString, QString> environmentFor(const OffsitePlace &place, const QMap<QString, QString> &credentials,
+                                      const QString &keyFile);
 QStringList optionsFor(const OffsitePlace &place);
 
 // The ssh that reaches a vault, with this server's own key and the host key that was seen when it was set up.

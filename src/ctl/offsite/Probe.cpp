@@ -41,14 +41,12 @@ QString writeProbe(const Repository &repository, const QByteArray &content)
 
 } // namespace
 
-QString makeRepository(const Repository &repository, bool *made)
+QString makeRepository(const Repository &repository)
 {
-    *made = false;
     const Answered there = restic(repository, {u"cat"_s, u"config"_s, u"--no-lock"_s}, kAskMs);
     if (there.problem.isEmpty())
         return {};
     const Answered init = restic(repository, {u"init"_s}, kAskMs);
-    *made = init.problem.isEmpty();
     // With another key in force it is there already, and what was said first is the reason.
     const bool isThere = init.problem.contains("already"_L1);
     return isThere ? there.problem : init.problem;

@@ -17,8 +17,8 @@ enum class Forgetting { Refused, Possible, Unknown };
 // Tries to make the place forget what was written to try it. problem says why that cannot be told.
 Forgetting tryForgetting(const Repository &repository, QString *problem);
 
-// Makes the repository where there is none yet, and says whether it did. Returns why that cannot be; empty on success,
-// also where there is one that the key fits.
-QString makeRepository(const Repository &repository, bool *made);
+// Makes the repository where there is none yet. Returns why that cannot be; empty on success, also where there is one
+// that the key fits.
+QString makeRepository(const Repository &repository);
 
 } // namespace corv::ctl

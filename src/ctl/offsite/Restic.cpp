@@ -22,16 +22,16 @@ constexpr qsizetype kLongestReason = 400;
 
 } // namespace
 
-std::optional<Repository> openPlace(const OffsitePlace &place, QString *problem)
+std::optional<Repository> openPlace(const OffsitePlace &place, const QString &keyFile, QString *problem)
 {
     if (QStandardPaths::findExecutable(kRestic).isEmpty()) {
         *problem = u"restic is not installed: apt-get install restic"_s;
         return {};
     }
-    const std::optional<QByteArray> key = secretIn(kKeyFile, problem);
+    const std::optional<QByteArray> key = secretIn(keyFile, problem);
     if (!key) {
         if (problem->isEmpty())
-            *problem = u"there is no key in %1"_s.arg(kKeyFile);
+            *problem = u"there is no key in %1"_s.arg(keyFile);
         return {};
     }
     const std::optional<QByteArray> credentials = secretIn(kCredentialsFile, problem);
@@ -40,7 +40,7 @@ std::optional<Repository> openPlace(const OffsitePlace &place, QString *problem)
     const QMap<QString, QString> variables = credentialsIn(credentials.value_or(QByteArray()), problem);
     if (!problem->isEmpty())
         return {};
-    return Repository{place, environmentFor(place, variables)};
+    return Repository{place, environmentFor(place, variables, keyFile)};
 }
 
 QStringList resticArgs(const Repository &repository, const QStringList &args)

@@ -19,9 +19,9 @@ struct Repository
     QMap<QString, QString> environment;
 };
 
-// The repository of the place, with what root's files hold for it. Nothing, with the reason in problem, where restic is
-// not installed or one of the files is of no use.
-std::optional<Repository> openPlace(const OffsitePlace &place, QString *problem);
+// The repository of the place, with what root's files hold for it, and its key in a file of root's alone. Nothing, with
+// the reason in problem, where restic is not installed or one of the files is of no use.
+std::optional<Repository> openPlace(const OffsitePlace &place, const QString &keyFile, QString *problem);
 
 // What became of a call of restic.
 struct Answered

@@ -4,6 +4,7 @@
 #include "ctl/offsite/Secrets.h"
 
 #include <QJsonArray>
+#include <QRegularExpression>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -13,6 +14,17 @@ namespace {
 const auto kOffsiteState = kStateFolder + u"/state.json"_s;
 
 } // namespace
+
+QString domainOfDrill(const QString &name)
+{
+    return name + u".drill.example"_s;
+}
+
+bool isOfDrill(const QString &name, const QString &domain)
+{
+    static const QRegularExpression form(QRegularExpression::anchoredPattern(u"drill[0-9]{1,9}"_s));
+    return form.match(name).hasMatch() && domain == domainOfDrill(name);
+}
 
 QJsonObject objectOf(const OffsiteState &state)
 {

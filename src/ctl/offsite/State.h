@@ -28,6 +28,12 @@ struct OffsiteState
 
 inline const QString kStateFolder = QStringLiteral("/var/lib/corvane/offsite");
 
+inline const QString kOffsiteLock = QStringLiteral("/var/lib/corvane/offsite/lock");
+
+// The domain of the account that a drill makes, and whether an account of that name and domain is one.
+QString domainOfDrill(const QString &name);
+bool isOfDrill(const QString &name, const QString &domain);
+
 // How many parts the data is read in, one a day: within a month all of it has been.
 constexpr int kCheckParts = 30;
 

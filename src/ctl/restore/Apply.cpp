@@ -192,9 +192,19 @@ QStringList applyLogin(const AccountState &state, const QString &account)
         else
             problems.append(u"the shell %1, which this server does not have"_s.arg(state.shell));
     }
-    if (state.lingers)
-        add(u"services without a login"_s, hosting::run(u"loginctl"_s, {u"enable-linger"_s, account}));
     return problems;
+}
+
+bool isSameJob(const KeptJob &kept, const KeptJob &there)
+{
+    // at puts the environment and the folder of whoever calls it before what it is given.
+    return kept.time == there.time && kept.queue == there.queue && there.script.contains(kept.script.trimmed());
+}
+
+QStringList applyLinger(const AccountState &state, const QString &account)
+{
+    const QString problem = state.lingers ? hosting::run(u"loginctl"_s, {u"enable-linger"_s, account}) : QString();
+    return problem.isEmpty() ? QStringList() : QStringList{u"services without a login: "_s + problem};
 }
 
 QStringList applyJobs(const AccountState &state, const QString &account, qint64 now)
@@ -203,15 +213,21 @@ QStringList applyJobs(const AccountState &state, const QString &account, qint64 
     if (state.jobs.isEmpty() || !user)
         return {};
     QStringList problems;
-    const QList<KeptJob> there = jobsOf(user->pw_uid);
+    QList<KeptJob> there = jobsOf(user->pw_uid);
+    // One may be a part of another.
+    std::sort(there.begin(), there.end(),
+              [](const KeptJob &one, const KeptJob &other) { return one.script.size() < other.script.size(); });
     int late = 0;
     for (const KeptJob &job : state.jobs) {
-        const bool isThere =
-            std::any_of(there.cbegin(), there.cend(), [&job](const KeptJob &other) { return other.time == job.time; });
-        if (job.time < now + kSoon)
+        const auto made =
+            std::find_if(there.begin(), there.end(), [&job](const KeptJob &other) { return isSameJob(job, other); });
+        if (job.time < now + kSoon) {
             ++late;
-        else if (const QString problem = isThere ? QString() : jobProblem(job, account); !problem.isEmpty())
+        } else if (made != there.end()) {
+            there.erase(made); // of two that are the same each is made
+        } else if (const QString problem = jobProblem(job, account); !problem.isEmpty()) {
             problems.append(u"a job of at: "_s + problem);
+        }
     }
     if (late > 0)
         problems.append(u"%1 job(s) of at whose time is past"_s.arg(late));

@@ -15,12 +15,15 @@ namespace corv::ctl {
 // that goes with the old name, *isLost says so: the role then keeps the password that it was made with.
 QStringList applyRole(const AccountState &state, const QString &account, bool *isLost);
 
-// The login: the hash in shadow, the shell, services without a login.
+// The login: the hash in shadow, the shell.
 QStringList applyLogin(const AccountState &state, const QString &account);
 
 // The jobs of at, which its user has to be able to log in for. What was to run by now, or is there already, is not made
 // again.
 QStringList applyJobs(const AccountState &state, const QString &account, qint64 now);
+
+// Services without a login, which begin at once.
+QStringList applyLinger(const AccountState &state, const QString &account);
 
 // The crontab.
 QStringList applyCrontab(const AccountState &state, const QString &account);
@@ -28,7 +31,10 @@ QStringList applyCrontab(const AccountState &state, const QString &account);
 // What is told of the database as it is now that was otherwise: its encoding and its locale.
 QStringList databaseDifferences(const AccountState &state, const QString &account);
 
-// The parts of it, for tests: the statements for psql.
+// The parts of it, for tests. Whether a job that is there is what at has made of one that was kept.
+bool isSameJob(const KeptJob &kept, const KeptJob &there);
+
+// The statements for psql.
 QByteArray passwordScript(const QString &account, const QString &hash);
 QByteArray settingScript(const QString &account, const KeptSetting &setting);
 

@@ -6,6 +6,7 @@
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/restore/Apply.h"
+#include "ctl/restore/Aside.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/restore/Lend.h"
 #include "ctl/restore/Look.h"
@@ -15,9 +16,9 @@
 
 #include <QDateTime>
 #include <QElapsedTimer>
+#include <QFile>
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/file.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -26,7 +27,8 @@ namespace corv::ctl {
 namespace {
 
 constexpr mode_t kLockMode = 0600;
-constexpr auto kLock = "/run/corvane/restore.lock";
+// A home that was made within a request that was cut off was whole so many seconds later.
+constexpr qint64 kMaking = 120;
 
 // The steps that are not done twice.
 const auto kCreated = u"created"_s;
@@ -44,21 +46,16 @@ QString problemOf(const Answer &answer)
     return said.isEmpty() ? u"the agent refused, and did not say why"_s : said;
 }
 
-qint64 uidOf(const QString &account)
-{
-    const passwd *const user = ::getpwnam(account.toLatin1().constData());
-    return user ? static_cast<qint64>(user->pw_uid) : 0;
-}
-
 class Restorer
 {
 public:
     Restorer(Session &session, const backup::Config &config, const Plan &plan,
              const std::function<void(const QString &)> &say)
-        : m_session(session), m_config(config), m_plan(plan), m_say(say),
-          m_journal(
-              plan.cutOff.value_or(Journal{plan.target, plan.source.account, plan.source.from, plan.domain, 0, {}}))
+        : m_session(session), m_config(config), m_plan(plan), m_say(say), m_journal(plan.cutOff.value_or(Journal()))
     {
+        m_journal.target = plan.target;
+        m_journal.domain = plan.domain;
+        m_journal.isWithoutJobs = plan.isWithoutJobs;
         // Another source begins anew in the account that is there.
         if (m_journal.from != plan.source.from)
             m_journal.done.removeIf([](const QString &step) { return step != kCreated; });
@@ -90,7 +87,8 @@ public:
 private:
     QString lock()
     {
-        m_lock = Fd(::open(kLock, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockMode));
+        m_lock = Fd(
+            ::open(QFile::encodeName(kRestoreLock).constData(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kLockMode));
         return m_lock && ::flock(m_lock.get(), LOCK_EX | LOCK_NB) == 0 ? QString() : u"another restore is at work"_s;
     }
 
@@ -119,9 +117,14 @@ private:
             m_say(u"going on with the account that an earlier restore has made"_s);
             clearAttempt(target);
             m_journal.uid = uidOf(target);
+            if (m_journal.made == 0)
+                m_journal.made = homeMade(target) + kMaking;
             return keepDone(kCreated);
         }
-        m_journal = {target, m_plan.source.account, m_plan.source.from, m_plan.domain, 0, {}};
+        m_journal.uid = 0;
+        m_journal.made = 0;
+        m_journal.done.clear();
+        m_journal.begun = QDateTime::currentSecsSinceEpoch();
         if (!keepJournal(m_journal))
             return u"nothing can be kept in %1"_s.arg(kJournals);
         m_say(u"making the account %1"_s.arg(target));
@@ -135,6 +138,7 @@ private:
         }
         m_done.password = answer.reply.value("dbPassword"_L1).toString();
         m_journal.uid = uidOf(target);
+        m_journal.made = QDateTime::currentSecsSinceEpoch();
         return keepDone(kCreated);
     }
 
@@ -192,7 +196,6 @@ private:
             return {};
         m_say(u"putting back what was written down"_s);
         m_done.lost += applyLogin(*m_plan.state, m_plan.target);
-        m_done.lost += applyJobs(*m_plan.state, m_plan.target, QDateTime::currentSecsSinceEpoch());
         const QString php = hosting::phpVersion();
         if (!m_plan.state->php.isEmpty() && !m_plan.state->php.contains(php))
             m_done.lost.append(
@@ -200,11 +203,22 @@ private:
         return {};
     }
 
-    // Before its files are there, so that nobody sees them meanwhile.
+    // What runs by itself comes last, when there is something for it to work on.
+    void giveJobs()
+    {
+        if (m_plan.isWithoutJobs)
+            return;
+        m_done.lost += applyJobs(*m_plan.state, m_plan.target, QDateTime::currentSecsSinceEpoch());
+        m_done.lost += applyLinger(*m_plan.state, m_plan.target);
+    }
+
+    // Before its files are there, so that nobody sees them meanwhile. Who is suspended cannot be given jobs of at any
+    // more; none of them runs until the account is resumed.
     QString suspend()
     {
         if (!m_plan.state || !m_plan.state->isSuspended)
             return {};
+        giveJobs();
         return problemOf(ask(m_session, u"hosting.suspend"_s, {{u"username"_s, m_plan.target}}));
     }
 
@@ -212,6 +226,12 @@ private:
     {
         if (m_plan.source.home.isEmpty() || m_journal.done.contains(kFiles))
             return {};
+        if (m_plan.cutOff) {
+            const SetAside aside = setAside(m_plan.source, m_plan.target, m_journal.made);
+            if (!aside.problem.isEmpty())
+                return aside.problem;
+            m_done.aside = aside.folder;
+        }
         m_say(u"unpacking the files"_s);
         const Unpacked unpacked = unpackHome(m_plan.source, m_plan.target);
         m_done.entries = unpacked.entries;
@@ -221,7 +241,12 @@ private:
     QString finish()
     {
         if (m_plan.state) {
-            m_done.lost += applyCrontab(*m_plan.state, m_plan.target);
+            if (!m_plan.state->isSuspended)
+                giveJobs();
+            if (m_plan.isWithoutJobs)
+                m_done.leftOut = jobsText(*m_plan.state);
+            else
+                m_done.lost += applyCrontab(*m_plan.state, m_plan.target);
             if (const qint64 limit = m_plan.state->limitMb.value_or(0); limit > 0) {
                 const Answer answer =
                     ask(m_session, u"quota.set"_s, {{u"username"_s, m_plan.target}, {u"mb"_s, limit}});
@@ -254,46 +279,6 @@ private:
 };
 
 } // namespace
-
-std::optional<Plan> planFor(const Source &source, const QString &wantedName, const QString &wantedDomain,
-                            QString *problem, QString *hint)
-{
-    Plan plan;
-    plan.source = source;
-    plan.target = wantedName.isEmpty() ? source.account : wantedName;
-    plan.state = source.state.isEmpty() ? std::nullopt : readState(source.state, source.account);
-    if (!hosting::validUsername(plan.target)) {
-        *problem = u"%1 is no name for an account"_s.arg(plan.target);
-        *hint = u"3 to 16 lowercase letters and digits, starting with a letter (not a reserved name)"_s;
-        return {};
-    }
-    const std::optional<Journal> journal = readJournal(plan.target);
-    if (journal && isHalfDone(*journal) && journal->account == source.account)
-        plan.cutOff = journal;
-
-    plan.domain = wantedDomain;
-    for (const QString &domain :
-         {plan.cutOff ? plan.cutOff->domain : QString(), plan.state ? plan.state->domain : QString(), source.domain}) {
-        if (plan.domain.isEmpty())
-            plan.domain = domain;
-    }
-    plan.domain = hosting::normalDomain(plan.domain);
-    if (plan.domain.isEmpty()) {
-        *problem = wantedDomain.isEmpty() ? u"nothing tells which domain %1 had"_s.arg(source.account)
-                                          : u"that is not a valid domain name"_s;
-        *hint = u"--domain gives it one"_s;
-        return {};
-    }
-    if (plan.cutOff && uidOf(plan.target) != 0)
-        return plan;
-    if (uidOf(plan.target) != 0) {
-        *problem = u"there is a user %1 on this server"_s.arg(plan.target);
-        *hint =
-            u"--as NAME brings it back under another name; corvctl backup restore brings back files or a database"_s;
-        return {};
-    }
-    return plan;
-}
 
 Restored restoreAccount(Session &session, const backup::Config &config, const Plan &plan,
                         const std::function<void(const QString &)> &say)

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "common/BackupConfig.h"
-#include "ctl/restore/Journal.h"
+#include "ctl/RestoreJournal.h"
 #include "ctl/restore/Sources.h"
 #include "ctl/restore/State.h"
 
@@ -23,6 +23,7 @@ struct Plan
     QString domain;
     std::optional<AccountState> state;
     std::optional<Journal> cutOff; // of an earlier restore to the same name
+    bool isWithoutJobs = false;    // whether crontab, jobs of at and services without a login are left out
 };
 
 // What became of it.
@@ -31,6 +32,8 @@ struct Restored
     int status = 0;     // the exit status: see Session.h
     QString problem;    // why it ended before its end, empty when it did not
     QStringList lost;   // what could not be put back, as sentences
+    QString leftOut;    // what was not meant to be, in words
+    QString aside;      // the folder of the home that has what was there before; empty where nothing was
     QString password;   // the database's new one, where the old one could not be put back
     qint64 entries = 0; // of the home
     int tables = 0;     // that the database has
@@ -38,6 +41,12 @@ struct Restored
     bool isSeenWell = false;
     qint64 seconds = 0;
 };
+
+// The number of a user, 0 for none.
+qint64 uidOf(const QString &account);
+
+// What of a state runs by itself, in words; empty for nothing.
+QString jobsText(const AccountState &state);
 
 // What is planned for a name: by the source, what was written down, and an earlier restore of that name. Nothing, with
 // the reason in problem and a hint, where it cannot be done. wanted: the name and the domain that were given, or empty.

@@ -185,6 +185,21 @@ std::optional<Source> findSource(const backup::Config &config, const QString &ac
     return problem->isEmpty() ? source : std::nullopt;
 }
 
+QStringList accountsKnown(const backup::Config &config)
+{
+    QStringList names;
+    for (const backup::Folder &folder : backup::foldersIn(config.destination)) {
+        const QString name = QString::fromLatin1(folder.name);
+        if (backup::isBackupName(name) && backup::timeOf(name) != 0)
+            names += accountsIn(config.destination + u'/' + name);
+    }
+    for (const DeletionArchives &archives : deletionArchives(kArchives, QString()))
+        names.append(archives.account);
+    names.removeDuplicates();
+    names.sort();
+    return names;
+}
+
 QStringList accountsIn(const QString &folder)
 {
     QStringList names;

@@ -33,6 +33,9 @@ struct Source
 // What there is for an account on this server, the newest first.
 QList<Source> sourcesOf(const backup::Config &config, const QString &account);
 
+// The accounts of which backups or archives of deletions have anything, by name.
+QStringList accountsKnown(const backup::Config &config);
+
 // What was meant: the name of a backup, what the names of a deletion's archives have in common, the path of one of
 // them, or the path of a folder. Nothing, with the reason in problem, where it holds nothing of the account, or could
 // have been written by others than root: what is in it is done as root.

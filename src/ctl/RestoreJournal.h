@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -16,10 +17,18 @@ struct Journal
     QString domain;
     qint64 uid = 0;   // of the new account's user; 0 until the agent has said that it is made
     QStringList done; // the names of the steps that are done
+    qint64 begun = 0; // when the account was asked for, in seconds since 1970
+    qint64 made = 0;  // when the agent had said that it is made, likewise; 0 until then
+    bool isWithoutJobs = false;
 };
 
 // The folder is root's alone.
 inline const QString kJournals = QStringLiteral("/var/lib/corvane/restores");
+// Held by a restore that is at work.
+inline const QString kRestoreLock = QStringLiteral("/run/corvane/restore.lock");
+
+// The path of that of a target.
+QString journalOf(const QString &target);
 
 // Keeps it in place of an earlier one of the same target. False where that cannot be written.
 bool keepJournal(const Journal &journal);
@@ -27,12 +36,16 @@ bool keepJournal(const Journal &journal);
 // That of a target; nothing where none was cut off.
 std::optional<Journal> readJournal(const QString &target);
 
-// Those of restores that were cut off.
-QStringList targetsInHand();
+// All of restores that were cut off, by target.
+QList<Journal> journalsInHand();
 
 void removeJournal(const QString &target);
 
 // Whether the user of that name, if there is one, is what the restore has made.
 bool isHalfDone(const Journal &journal);
+
+// When the home of an account was made, in seconds since 1970; later where the file system does not keep that, 0 where
+// there is none.
+qint64 homeMade(const QString &account);
 
 } // namespace corv::ctl

@@ -1,0 +1,107 @@
+"""corvctl account restore: a restore that was cut off, what is in its way, and who takes it off the list again."""
+
+import json
+import os
+import time
+
+import pytest
+from corvctl import corvctl
+
+AUTO = "/var/backups/corvane/auto"
+BACKUP = "2026-01-05_031500"
+RESTORES = "/var/lib/corvane/restores"
+CUT_OFF = (f"corvctl: a restore of alice from {BACKUP} was cut off; this goes on with it:\n"
+           f"corvctl:   corvctl account restore alice --from {BACKUP}\n")
+
+
+def journal(sandbox, target="alice", **more):
+    kept = {"target": target, "account": "alice", "from": BACKUP, "domain": "alice.example", "uid": 0, "done": [], "begun": 0,
+            "made": 0, **more}
+    sandbox.write(f"{RESTORES}/{target}.json", json.dumps(kept), 0o600)
+
+
+@pytest.fixture
+def server(sandbox):
+    """A sandbox with a backup of alice, of whom there is no user."""
+    sandbox.mkdir("/var/lib/corvane")
+    sandbox.mkdir(RESTORES, 0o700)
+    sandbox.mkdir(f"{AUTO}/{BACKUP}/accounts")
+    sandbox.write(f"{AUTO}/{BACKUP}/manifest.json", json.dumps(
+        {"name": BACKUP, "errors": [], "accounts": [{"username": "alice", "domain": "alice.example"}]}))
+    sandbox.mkdir("/srv/alice")
+    sandbox.write("/srv/alice/page", "alice")
+    assert sandbox.run("/usr/bin/tar", "-czf", f"{AUTO}/{BACKUP}/accounts/alice-home.tar.gz", "-C", "/srv", "alice")[0] == 0
+    sandbox.answer("gzip", ..., real=True)
+    return sandbox
+
+
+def restore(server, *words):
+    return corvctl(server, "--plain", "account", "restore", "alice", *words)
+
+
+def test_without_a_source_it_lists_and_tells_of_one_that_was_cut_off(server):
+    listed = restore(server)
+    assert listed[0] == 0 and listed[1].startswith(f"{BACKUP}\tbackup\t") and listed[2] == ""
+    journal(server)
+    assert restore(server) == (0, listed[1], CUT_OFF)
+    journal(server, "copy", withoutJobs=True)
+    assert restore(server)[2] == CUT_OFF + (
+        f"corvctl: a restore of copy from {BACKUP} was cut off; this goes on with it:\n"
+        f"corvctl:   corvctl account restore alice --from {BACKUP} --as copy --no-jobs\n")
+    assert json.loads(corvctl(server, "--json", "account", "restore", "alice")[1])["cutOff"] == [
+        {"from": BACKUP, "as": "alice"}, {"from": BACKUP, "as": "copy"}]
+
+
+def test_one_that_lies_elsewhere_is_told_of_as_well(server):
+    server.path(f"{AUTO}/{BACKUP}/accounts/alice-home.tar.gz").unlink()
+    journal(server)
+    assert restore(server) == (0, "", CUT_OFF)
+
+
+@pytest.mark.parametrize("uid, begun, is_half_done", [
+    (0, 0, False), (0, -3600, False), (0, -5, True), ("own", 0, True), (54321, -5, False)])
+def test_an_account_that_somebody_else_has_made_is_none_of_a_restore(server, uid, begun, is_half_done):
+    number = server.add_account("alice", "alice.example")
+    journal(server, uid=number if uid == "own" else uid, begun=int(time.time()) + begun if begun else 0)
+    assert restore(server)[2] == (CUT_OFF if is_half_done else "")
+    code, _, err = restore(server, "--from", BACKUP, "--confirm", "other")
+    assert (code, err.splitlines()[0]) == (
+        (2, "corvctl: that is not the account's name, so nothing was restored") if is_half_done
+        else (1, "corvctl: there is a user alice on this server"))
+
+
+def test_going_on_gives_the_account_no_other_domain(server):
+    number = server.add_account("alice", "alice.example")
+    journal(server, uid=number)
+    assert restore(server, "--from", BACKUP, "--domain", "new.example", "--confirm", "alice") == (
+        1, "", "corvctl: the account alice is there already, half done, with the domain alice.example\n"
+        "  go on without --domain; corvctl account domain alice DOMAIN gives it another one then\n")
+    code, _, err = restore(server, "--from", BACKUP, "--domain", "Alice.example", "--confirm", "other")
+    assert (code, err) == (2, "corvctl: that is not the account's name, so nothing was restored\n")
+
+
+def test_a_creation_and_a_deletion_forget_it(server):
+    journal(server)
+    code, out, err = corvctl(server, "--plain", "account", "create", "alice", "alice.example")
+    assert (code, err) == (0, "")
+    server.secret(out.split()[-1])
+    assert os.listdir(server.path(RESTORES)) == []
+    journal(server)
+    assert corvctl(server, "--plain", "account", "create", "alice", "alice.example")[0] == 1
+    assert os.listdir(server.path(RESTORES)) == ["alice.json"]
+    server.answer("pg_dump", out="PGDMP")
+    code, _, err = corvctl(server, "--plain", "account", "delete", "alice", "--confirm", "alice")
+    assert code == 0, err
+    assert os.listdir(server.path(RESTORES)) == []
+    server.took("hosting.create", {"ok": True})
+    server.took("hosting.create", {"ok": False})
+    server.took("hosting.delete", {"ok": True})
+
+
+def test_a_whole_server_does_not_take_a_user_for_an_account(server):
+    server.add_user("alice", "Alice of the office")
+    code, out, err = corvctl(server, "--json", "server", "restore", f"{AUTO}/{BACKUP}", "--confirm", BACKUP)
+    assert (code, json.loads(out)["failed"], err.splitlines()[0]) == (
+        1, ["alice"], "corvctl: not all is restored: alice")
+    code, out, _ = corvctl(server, "server", "restore", f"{AUTO}/{BACKUP}", "--confirm", "no")
+    assert code == 2 and "a user of that name is here, who is no account" in out
