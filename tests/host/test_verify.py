@@ -90,8 +90,8 @@ def test_a_backup_is_verified_once_it_is_made_and_proved_by_a_restore(host, save
     kept = json.loads(host.ok(["cat", f"{DESTINATION}/{name}.verified.json"]))
     assert kept["faults"] == [] and kept["backup"] == name
     assert host.mode(f"{DESTINATION}/{name}.verified.json") == "600 root root"
-    assert [backup["name"] for backup in host.request("backup.status")["backups"]] == [name]
-    listed = host.ok(["corvctl", "--plain", "backup", "list"]).rstrip("\n").split("\t")
+    assert host.request("backup.status")["backups"][0]["name"] == name
+    listed = host.ok(["corvctl", "--plain", "backup", "list"]).splitlines()[0].split("\t")
     assert listed[0] == name and int(listed[5]) == kept["checked"] and listed[6] == "0"
 
     code, verdict = verify(host, name, "--deep")
