@@ -29,7 +29,7 @@ namespace {
 
 // A whole home over a slow line. What takes longer than this every night does not fit into the night.
 constexpr int kCopyMs = 8 * 3'600'000;
-constexpr qint64 kPruneSeconds = 7 * 86'400;
+constexpr qint64 kPruneSeconds = 604'800;
 constexpr qint64 kLargestCache = 1'073'741'824;
 constexpr qint64 kManifestBytes = 16'777'216;
 constexpr auto kHomeEnd = "-home.tar.gz"_L1;
