@@ -109,13 +109,13 @@ QList<Snapshot> readSnapshots(const Repository &repository, QString *problem)
 
 qint64 addedBytes(const QByteArray &json)
 {
-    const QList<QByteArray> lines = json.split('\n');
-    for (auto line = lines.crbegin(); line != lines.crend(); ++line) {
-        const QJsonObject object = parseObject(*line);
+    qint64 added = -1;
+    for (const QByteArray &line : json.split('\n')) {
+        const QJsonObject object = parseObject(line);
         if (object.value("message_type"_L1).toString() == "summary"_L1)
-            return object.value("data_added"_L1).toInteger();
+            added = object.value("data_added"_L1).toInteger();
     }
-    return -1;
+    return added;
 }
 
 QString homeName(const QString &account)
