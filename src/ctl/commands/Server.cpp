@@ -202,11 +202,10 @@ int restore(Session &session, const Given &given)
     const InterruptGuard guard;
     const backup::Config config = backup::load(QSettings(settingsPath(session.options), QSettings::IniFormat));
     for (const Intended &one : all) {
-        if (!one.problem.isEmpty())
-            outcomes.failed.append(one.account);
-        else if (one.plan && !interrupted())
+        const bool isHere = one.problem.isEmpty() && !one.plan;
+        if (one.plan && one.problem.isEmpty() && !interrupted())
             restoreOne(session, config, *one.plan, &outcomes);
-        else if (one.plan)
+        else if (!isHere)
             outcomes.failed.append(one.account);
     }
     return tell(session, folder, outcomes);
