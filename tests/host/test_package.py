@@ -60,6 +60,7 @@ def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, pa
     host = own_host
     account = host.account()
     host.put("/var/backups/corvane/auto/kept", "a backup")
+    host.ok(["corvctl", "backup", "start", "--wait"])
     host.ok([*PANEL_SQL, "CREATE TABLE kept AS SELECT 'the panel' AS owner"])
 
     host.ok(["apt-get", "-q", "remove", "--yes", "corv-agent"], env=NONINTERACTIVE)
@@ -70,6 +71,7 @@ def test_removal_purge_and_reinstallation_keep_accounts_and_backups(own_host, pa
     works(host, account)
 
     host.ok(["apt-get", "-q", "purge", "--yes", "corv-agent"], env=NONINTERACTIVE)
+    assert host.run(["ls", "-A", "/var/lib/corvane"]).out == ""
     for path in ("/etc/corvane", php_link(account.php), "/var/log/corvane", "/etc/apache2/conf-available/corv-logformat.conf",
                  "/etc/apache2/conf-enabled/corv-logformat.conf"):
         assert not host.exists(path), path

@@ -20,6 +20,8 @@ namespace {
 
 constexpr int kFetchMs = 8 * 3'600'000;
 constexpr mode_t kMode = 0600;
+// Twice what a state may have.
+constexpr qint64 kLongestLine = 8'388'608;
 
 Fd newFile(const QString &path)
 {
@@ -74,11 +76,11 @@ Fetched fetchHome(const Repository &repository, const QString &account, const Sa
 bool keepOwnState(const QString &all, const QString &account, const QString &to)
 {
     QFile states(all);
+    if (!states.open(QIODevice::ReadOnly))
+        return false;
     QByteArray own;
-    while (states.isOpen() || states.open(QIODevice::ReadOnly)) {
-        const QByteArray line = states.readLine();
-        if (line.isEmpty())
-            break;
+    while (!states.atEnd()) {
+        const QByteArray line = states.readLine(kLongestLine);
         if (parseObject(line).value("username"_L1).toString() == account)
             own += line;
     }
