@@ -13,6 +13,7 @@ from booted import (  # noqa: E402, F401 (pytest finds them here)
     account,
     boot,
     host,
+    hosts_of_one_module,
     package,
     pytest_runtest_makereport,
     pytest_terminal_summary,

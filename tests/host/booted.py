@@ -15,8 +15,9 @@ LIMIT = 120
 # The Debian release that the servers run.
 SUITE = os.environ.get("CORV_SUITE", "bookworm")
 
-# All that were booted in this run, also those that have ended.
+# All that were booted in this run, also those that have ended; and the one that all modules use.
 servers = []
+shared = {}
 
 
 @pytest.fixture(scope="session")
@@ -33,8 +34,8 @@ def package():
 
 @pytest.fixture(scope="session")
 def boot(package):
-    """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the run, or
-    by their stop(). CORV_SUITE names their Debian release."""
+    """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the module that
+    asked for them, or by their stop(). CORV_SUITE names their Debian release."""
 
     def boot_host(*, bare=False):
         host = Host(f"test-{os.getpid()}-{len(servers) + 1}", SUITE)
@@ -48,12 +49,23 @@ def boot(package):
         host.stop()
 
 
+@pytest.fixture(scope="module", autouse=True)
+def hosts_of_one_module(request):
+    """Twenty hosts side by side use up what the kernel gives one user to watch files with, and the next one does not boot."""
+    before = len(servers)
+    yield
+    for host in servers[before:]:
+        if host is not shared.get("host"):
+            host.stop()
+
+
 @pytest.fixture(scope="session")
 def running_host(boot):
     try:
-        return boot()
+        shared["host"] = boot()
     except HostError as error:
         pytest.exit(f"the host is not ready: {error}", 1)
+    return shared["host"]
 
 
 @pytest.fixture(autouse=True)

@@ -7,6 +7,7 @@ from booted import (  # noqa: F401 (pytest finds them here)
     account,
     boot,
     host,
+    hosts_of_one_module,
     package,
     pytest_runtest_makereport,
     pytest_terminal_summary,

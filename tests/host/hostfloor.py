@@ -97,6 +97,15 @@ class Key:
     public: str
 
 
+class _Background(subprocess.Popen):
+    """What fails while a command runs, the time limit of a test for one, must not wait for that command."""
+
+    def __exit__(self, kind, error, trace):
+        if kind:
+            self.kill()
+        super().__exit__(kind, error, trace)
+
+
 class Host:
     """One booted host. Commands run as root unless a user is named; times are seconds."""
 
@@ -160,8 +169,8 @@ class Host:
         return done.out
 
     def background(self, argv, **kwargs):
-        """Starts a command on the host and returns its process; `kwargs` are Popen's."""
-        return subprocess.Popen([*self._inside(), *argv], **kwargs)
+        """Starts a command on the host and returns its process; `kwargs` are Popen's. A block of it that fails ends the command."""
+        return _Background([*self._inside(), *argv], **kwargs)
 
     def put(self, path, data, *, mode="0644", owner=None):
         """Writes a file on the host, its folders with it, following links as the host does."""

@@ -185,6 +185,7 @@ int passOn(Session &session, const Given &given)
     for (const QString &word : QProcess::splitCommand(given.text("ARGUMENTS")))
         words.push_back(word.toStdString());
     std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
