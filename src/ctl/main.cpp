@@ -18,7 +18,7 @@ std::vector<Command> allCommands()
     return {accountCommand(), fileCommand(),   serviceCommand(),   firewallCommand(), banCommand(),
             updateCommand(),  quotaCommand(),  backupCommand(),    databaseCommand(), hostCommand(),
             callCommand(),    statusCommand(), doctorCommand(),    notifyCommand(),   offsiteCommand(),
-            serverCommand(),  proxyCommand(),  completionCommand()};
+            serverCommand(),  phpCommand(),    proxyCommand(),    completionCommand()};
 }
 
 // Does the command here, or, where another server was named, there.

@@ -1,0 +1,181 @@
+#include "ctl/php/Follow.h"
+
+#include "common/Pool.h"
+#include "common/Run.h"
+#include "ctl/doctor/Visitors.h"
+#include "ctl/php/Fpm.h"
+#include "ctl/php/Move.h"
+
+#include <QDeadlineTimer>
+#include <QFile>
+#include <QThread>
+
+#include <algorithm>
+#include <cstdio>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+using Say = std::function<void(const QString &)>;
+
+constexpr int kAgentSeconds = 600;
+constexpr int kSocketSeconds = 15;
+constexpr int kStartSeconds = 120; // of an FPM that is being installed
+constexpr int kBetweenMs = 500;
+constexpr int kRounds = 5;
+
+// Has an FPM read what has changed, where it runs.
+QString readAnew(const PhpPools &pools, bool isEmpty)
+{
+    if (!pools.isInstalled || !isFpmRunning(pools.version))
+        return {};
+    if (isEmpty)
+        return stopFpm(pools.version);
+    if (const QString problem = testFpm(pools.version, {}); !problem.isEmpty())
+        return u"PHP %1 would not come back from a reload: %2"_s.arg(pools.version, problem);
+    return reloadFpm(pools.version);
+}
+
+// Drops one version's pools of nobody and puts its stray ones where they belong. True when there were any.
+bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const Say &say, QStringList *problems)
+{
+    const QStringList dropped = dropNobodys(pools.nobodys);
+    for (const QString &path : dropped)
+        say(u"removed %1, whose user is gone"_s.arg(path));
+    bool isChanged = std::any_of(dropped.cbegin(), dropped.cend(),
+                                 [](const QString &path) { return path.endsWith(".conf"_L1); });
+    QStringList resumed;
+    qsizetype parked = 0;
+    for (const StrayPool &stray : strays) {
+        if (stray.version != pools.version || !pools.isInstalled)
+            continue; // a version that is gone is moved from as a whole
+        const QString live = hosting::poolPath(stray.version, stray.account);
+        const QString aside = hosting::parkedPoolPath(stray.version, stray.account);
+        if (std::rename(QFile::encodeName(stray.isParked ? aside : live).constData(),
+                        QFile::encodeName(stray.isParked ? live : aside).constData()) != 0) {
+            problems->append(u"the pool of %1 in PHP %2 cannot be moved"_s.arg(stray.account, stray.version));
+            continue;
+        }
+        isChanged = true;
+        if (stray.isParked)
+            resumed.append(stray.account);
+        else
+            ++parked;
+        say((stray.isParked ? u"put the pool of %1 in PHP %2 back, as the account is resumed"_s
+                            : u"put the pool of %1 in PHP %2 aside, as the account is suspended"_s)
+                .arg(stray.account, stray.version));
+    }
+    if (!isChanged)
+        return !dropped.isEmpty();
+    const bool isEmpty = !pools.hasOthers && resumed.isEmpty() && pools.live.size() <= parked;
+    if (const QString problem = readAnew(pools, isEmpty); !problem.isEmpty())
+        problems->append(problem);
+    else if (const QStringList missing = awaitListening(resumed, kSocketSeconds); !missing.isEmpty())
+        problems->append(u"PHP %1 does not serve %2"_s.arg(pools.version, someOf(missing)));
+    return true;
+}
+
+bool awaitRunning(const QString &version)
+{
+    const QDeadlineTimer end(kStartSeconds * 1000);
+    while (!isFpmRunning(version)) {
+        if (end.hasExpired())
+            return false;
+        QThread::msleep(kBetweenMs);
+    }
+    return true;
+}
+
+QString move(const QString &from, const QString &to, const Say &say)
+{
+    QString problem;
+    QString hint;
+    const std::optional<MovePlan> plan = planMove(from, to, &problem, &hint);
+    if (!plan)
+        return problem;
+    if (!awaitRunning(to))
+        return u"PHP %1 does not run, so the accounts of PHP %2 cannot be moved to it"_s.arg(to, from);
+    say(u"moving %1 accounts from PHP %2 to %3"_s.arg(plan->pools.size()).arg(from, to));
+    const Moved moved = movePools(*plan, say);
+    return moved.problem;
+}
+
+// One look at all. True when something was done, which may have come with more to do.
+bool lookOnce(const Say &say, QStringList *problems)
+{
+    awaitIdleAgent(kAgentSeconds);
+    if (const std::optional<MoveJournal> cutOff = readMove()) {
+        problems->append(move(cutOff->from, cutOff->to, say));
+        // It has been tried: what is left is told of, and not tried for ever.
+        removeMove();
+        return true;
+    }
+    QString problem;
+    const QList<PhpPools> versions = readPhpPools(&problem);
+    problems->append(problem);
+    const QString inForce = hosting::phpVersion();
+    QHash<QString, PoolState> wanted;
+    for (const PhpPools &pools : versions) {
+        if (pools.version == inForce)
+            continue;
+        for (const QString &account : pools.live + pools.parked)
+            wanted.insert(account, wantedState(account));
+    }
+    const QList<StrayPool> strays = strayPools(versions, inForce, wanted);
+    bool isDone = false;
+    for (const PhpPools &pools : versions)
+        isDone = mend(pools, strays, say, problems) || isDone;
+
+    const bool canMove = std::any_of(versions.cbegin(), versions.cend(), [&](const PhpPools &pools) {
+        return pools.version == inForce && pools.isInstalled;
+    });
+    for (const PhpPools &pools : versions) {
+        if (pools.isInstalled || pools.version == inForce || (pools.live.isEmpty() && pools.parked.isEmpty()))
+            continue;
+        problems->append(canMove ? move(pools.version, inForce, say)
+                                 : u"PHP %1 is gone, and PHP %2 has no FPM"_s.arg(pools.version, inForce));
+        isDone = true;
+    }
+    return isDone;
+}
+
+} // namespace
+
+QList<StrayPool> strayPools(const QList<PhpPools> &versions, const QString &inForce,
+                            const QHash<QString, PoolState> &wanted)
+{
+    QList<StrayPool> strays;
+    for (const PhpPools &pools : versions) {
+        if (pools.version == inForce)
+            continue;
+        for (const QString &account : pools.live) {
+            if (wanted.value(account, PoolState::Any) == PoolState::Parked)
+                strays.append({pools.version, account, false});
+        }
+        for (const QString &account : pools.parked) {
+            // One that has a pool elsewhere is served there: a second would fight for its socket.
+            const bool isServed = std::any_of(versions.cbegin(), versions.cend(), [&](const PhpPools &other) {
+                return other.live.contains(account);
+            });
+            if (!isServed && wanted.value(account, PoolState::Any) == PoolState::Live)
+                strays.append({pools.version, account, true});
+        }
+    }
+    return strays;
+}
+
+QString followAccounts(const Say &say)
+{
+    QStringList problems;
+    for (int round = 0; round < kRounds; ++round) {
+        const bool isDone = lookOnce(say, &problems);
+        problems.removeAll(QString());
+        if (!isDone || !problems.isEmpty())
+            break;
+    }
+    return hosting::joined(problems);
+}
+
+} // namespace corv::ctl
