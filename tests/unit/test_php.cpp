@@ -54,8 +54,8 @@ private Q_SLOTS:
                                           pools(u"8.2"_s, {u"alice"_s, u"bob"_s, u"eve"_s}, {u"carol"_s, u"dave"_s}),
                                           pools(u"8.4"_s, {u"frank"_s, u"grace"_s}, {})};
         const QHash<QString, PoolState> wanted = {
-            {u"alice"_s, PoolState::Parked}, {u"bob"_s, PoolState::Live},   {u"carol"_s, PoolState::Live},
-            {u"dave"_s, PoolState::Any},     {u"eve"_s, PoolState::Live},   {u"frank"_s, PoolState::Parked},
+            {u"alice"_s, PoolState::Parked}, {u"bob"_s, PoolState::Live}, {u"carol"_s, PoolState::Live},
+            {u"dave"_s, PoolState::Any},     {u"eve"_s, PoolState::Live}, {u"frank"_s, PoolState::Parked},
         };
         // Eve is served by 8.2 already, and what is in force is the agent's own affair.
         QCOMPARE(told(strayPools(versions, u"8.4"_s, wanted)),

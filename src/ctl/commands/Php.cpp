@@ -45,10 +45,10 @@ Next nextOf(const QList<PhpPools> &versions, const QString &inForce, const std::
         const QString move = u"corvctl php move %1 %2"_s.arg(pools.version, inForce);
         if (!pools.isInstalled)
             return {u"PHP %1 is gone, so the sites of %2 have no PHP"_s.arg(pools.version,
-                                                                           someOf(pools.live + pools.parked)),
+                                                                            someOf(pools.live + pools.parked)),
                     move};
-        return {u"nothing is moved unasked: %1 stay with PHP %2 until they are"_s.arg(
-                    someOf(pools.live + pools.parked), pools.version),
+        return {u"nothing is moved unasked: %1 stay with PHP %2 until they are"_s.arg(someOf(pools.live + pools.parked),
+                                                                                      pools.version),
                 move};
     }
     return {};
@@ -90,10 +90,8 @@ int status(Session &session, const Given & /*given*/)
                      number(pools.nobodys.size())});
     }
     if (session.options.json) {
-        const QByteArray line = compactJson({{u"ok"_s, true},
-                                             {u"versions"_s, array},
-                                             {u"problem"_s, next.sentence},
-                                             {u"next"_s, next.command}});
+        const QByteArray line = compactJson(
+            {{u"ok"_s, true}, {u"versions"_s, array}, {u"problem"_s, next.sentence}, {u"next"_s, next.command}});
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
         return kDone;
     }

@@ -91,8 +91,8 @@ int phpMove(Session &session, const Given &given)
                       u"corvctl php status shows what there is"_s);
     }
     showPlan(session, *plan);
-    const std::optional<QString> typed = confirmation(
-        session, u"This moves these accounts. Type the new version, %1, to go on:"_s.arg(escaped(to)));
+    const std::optional<QString> typed =
+        confirmation(session, u"This moves these accounts. Type the new version, %1, to go on:"_s.arg(escaped(to)));
     if (!typed)
         return kWrongUsage;
     if (*typed != to)

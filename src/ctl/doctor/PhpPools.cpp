@@ -151,12 +151,12 @@ QList<Finding> checkPhpPools(const QList<PhpPools> &versions, const QString &inF
         const QString whose = someOf(elsewhere);
         const QString move = u"corvctl php move %1 %2 --confirm %2"_s.arg(pools.version, inForce);
         if (!pools.isInstalled)
-            findings.append(
-                {Level::Fault,
-                 u"PHP %1 is not installed any more, but has the pools of %2"_s.arg(pools.version, whose), move});
+            findings.append({Level::Fault,
+                             u"PHP %1 is not installed any more, but has the pools of %2"_s.arg(pools.version, whose),
+                             move});
         else
-            findings.append({Level::Note,
-                             u"%1 run PHP %2; new accounts get PHP %3"_s.arg(whose, pools.version, inForce), move});
+            findings.append(
+                {Level::Note, u"%1 run PHP %2; new accounts get PHP %3"_s.arg(whose, pools.version, inForce), move});
     }
     return findings;
 }

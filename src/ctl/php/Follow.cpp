@@ -2,6 +2,7 @@
 
 #include "common/Pool.h"
 #include "common/Run.h"
+#include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/php/Fpm.h"
 #include "ctl/php/Move.h"
@@ -38,16 +39,24 @@ QString readAnew(const PhpPools &pools, bool isEmpty)
     return reloadFpm(pools.version);
 }
 
-// Drops one version's pools of nobody and puts its stray ones where they belong. True when there were any.
-bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const Say &say, QStringList *problems)
+// The accounts that an FPM beside the one in force serves although no version has their pool any more: the agent takes
+// it away, or puts it aside, and has the one in force read anew alone.
+QStringList servedWithoutPool(const QList<PhpPools> &versions)
 {
-    const QStringList dropped = dropNobodys(pools.nobodys);
-    for (const QString &path : dropped)
-        say(u"removed %1, whose user is gone"_s.arg(path));
-    bool isChanged = std::any_of(dropped.cbegin(), dropped.cend(),
-                                 [](const QString &path) { return path.endsWith(".conf"_L1); });
-    QStringList resumed;
-    qsizetype parked = 0;
+    QStringList accounts = versions.size() > 1 ? accountsWithSocket() : QStringList();
+    accounts.removeIf([&](const QString &account) {
+        return std::any_of(versions.cbegin(), versions.cend(),
+                           [&](const PhpPools &pools) { return pools.live.contains(account); });
+    });
+    return accounts;
+}
+
+// Puts one version's stray pools where they belong. Returns the accounts that are to be served then in served, and
+// those that are not in others.
+bool place(const PhpPools &pools, const QList<StrayPool> &strays, const Say &say, QStringList *served,
+           QStringList *others)
+{
+    bool isAll = true;
     for (const StrayPool &stray : strays) {
         if (stray.version != pools.version || !pools.isInstalled)
             continue; // a version that is gone is moved from as a whole
@@ -55,25 +64,55 @@ bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const Say &say,
         const QString aside = hosting::parkedPoolPath(stray.version, stray.account);
         if (std::rename(QFile::encodeName(stray.isParked ? aside : live).constData(),
                         QFile::encodeName(stray.isParked ? live : aside).constData()) != 0) {
-            problems->append(u"the pool of %1 in PHP %2 cannot be moved"_s.arg(stray.account, stray.version));
+            isAll = false;
             continue;
         }
-        isChanged = true;
-        if (stray.isParked)
-            resumed.append(stray.account);
-        else
-            ++parked;
+        (stray.isParked ? served : others)->append(stray.account);
         say((stray.isParked ? u"put the pool of %1 in PHP %2 back, as the account is resumed"_s
                             : u"put the pool of %1 in PHP %2 aside, as the account is suspended"_s)
                 .arg(stray.account, stray.version));
     }
-    if (!isChanged)
+    return isAll;
+}
+
+// Drops one version's pools of nobody and puts its stray ones where they belong; has it let go of those of unserved
+// that it still serves. True when there was anything to do.
+bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const QStringList &unserved, const Say &say,
+          QStringList *problems)
+{
+    const QStringList dropped = dropNobodys(pools.nobodys);
+    QStringList resumed;
+    QStringList ended;
+    for (const QString &path : dropped) {
+        say(u"removed %1, whose user is gone"_s.arg(path));
+        if (path.endsWith(".conf"_L1))
+            ended.append(accountOfFile(path.section(u'/', -1)));
+    }
+    const qsizetype gone = ended.size();
+    if (!place(pools, strays, say, &resumed, &ended))
+        problems->append(u"not all pools in PHP %1 could be moved"_s.arg(pools.version));
+    const qsizetype parked = ended.size() - gone;
+    const bool isChanged = !ended.isEmpty() || !resumed.isEmpty();
+    ended.append(unserved);
+    ended.removeIf([&](const QString &name) { return !pools.isInstalled || !isServedBy(pools.version, name); });
+    for (const QString &account : unserved) {
+        if (ended.contains(account))
+            say(u"PHP %1 is told that it serves %2 no more"_s.arg(pools.version, account));
+    }
+    if (!isChanged && ended.isEmpty())
         return !dropped.isEmpty();
+
     const bool isEmpty = !pools.hasOthers && resumed.isEmpty() && pools.live.size() <= parked;
-    if (const QString problem = readAnew(pools, isEmpty); !problem.isEmpty())
-        problems->append(problem);
-    else if (const QStringList missing = awaitListening(resumed, kSocketSeconds); !missing.isEmpty())
-        problems->append(u"PHP %1 does not serve %2"_s.arg(pools.version, someOf(missing)));
+    QString problem = readAnew(pools, isEmpty);
+    // One reload has to be done before the next is asked for: in between there is a moment in which it would be the
+    // end.
+    if (const QStringList held = problem.isEmpty() ? awaitReleased(ended, kSocketSeconds) : QStringList();
+        !held.isEmpty())
+        problem = u"PHP %1 does not let go of %2"_s.arg(pools.version, someOf(held));
+    if (const QStringList missing = problem.isEmpty() ? awaitListening(resumed, kSocketSeconds) : QStringList();
+        !missing.isEmpty())
+        problem = u"PHP %1 does not serve %2"_s.arg(pools.version, someOf(missing));
+    problems->append(problem);
     return true;
 }
 
@@ -124,9 +163,12 @@ bool lookOnce(const Say &say, QStringList *problems)
             wanted.insert(account, wantedState(account));
     }
     const QList<StrayPool> strays = strayPools(versions, inForce, wanted);
+    const QStringList unserved = servedWithoutPool(versions);
     bool isDone = false;
-    for (const PhpPools &pools : versions)
-        isDone = mend(pools, strays, say, problems) || isDone;
+    for (const PhpPools &pools : versions) {
+        const bool isInForce = pools.version == inForce;
+        isDone = mend(pools, strays, isInForce ? QStringList() : unserved, say, problems) || isDone;
+    }
 
     const bool canMove = std::any_of(versions.cbegin(), versions.cend(), [&](const PhpPools &pools) {
         return pools.version == inForce && pools.isInstalled;
@@ -156,9 +198,8 @@ QList<StrayPool> strayPools(const QList<PhpPools> &versions, const QString &inFo
         }
         for (const QString &account : pools.parked) {
             // One that has a pool elsewhere is served there: a second would fight for its socket.
-            const bool isServed = std::any_of(versions.cbegin(), versions.cend(), [&](const PhpPools &other) {
-                return other.live.contains(account);
-            });
+            const bool isServed = std::any_of(versions.cbegin(), versions.cend(),
+                                              [&](const PhpPools &other) { return other.live.contains(account); });
             if (!isServed && wanted.value(account, PoolState::Any) == PoolState::Live)
                 strays.append({pools.version, account, true});
         }

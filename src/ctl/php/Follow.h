@@ -25,8 +25,8 @@ QList<StrayPool> strayPools(const QList<PhpPools> &versions, const QString &inFo
                             const QHash<QString, PoolState> &wanted);
 
 // Puts right what commands for accounts have left under other PHP versions, goes on with a move that was cut off, and
-// moves the accounts of versions that are not installed any more to the one in force. say tells of what is done. Returns
-// what could not be done, empty for nothing.
+// moves the accounts of versions that are not installed any more to the one in force. say tells of what is done.
+// Returns what could not be done, empty for nothing.
 QString followAccounts(const std::function<void(const QString &)> &say);
 
 } // namespace corv::ctl

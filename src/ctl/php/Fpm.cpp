@@ -1,5 +1,6 @@
 #include "ctl/php/Fpm.h"
 
+#include "common/Account.h"
 #include "common/Fd.h"
 #include "common/Paths.h"
 #include "common/TimedRun.h"
@@ -8,11 +9,14 @@
 #include "ctl/screen/Escape.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QThread>
 
+#include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -47,19 +51,27 @@ QString systemctl(const QString &verb, const QString &version)
     return u"systemctl %1 %2: %3"_s.arg(verb, unitOf(version), errors.isEmpty() ? u"failed"_s : errors);
 }
 
-// Whether somebody listens there. It makes an FPM start a process for the pool, so it is not asked again and again.
-bool isListening(const QString &account)
+// A connection to whoever listens there, none where nobody does. It makes an FPM start a process for the pool, so that
+// it is not asked for again and again.
+std::optional<Fd> connectTo(const QString &account)
 {
     const QByteArray path = QFile::encodeName(socketOf(account));
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     if (path.size() >= static_cast<qsizetype>(sizeof address.sun_path))
-        return false;
+        return {};
     std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
     // One whose queue is full has somebody who listens: it must not be waited for.
-    const Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    return socket && (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 ||
-                      errno == EAGAIN);
+    Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!socket ||
+        (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 && errno != EAGAIN))
+        return {};
+    return socket;
+}
+
+bool isListening(const QString &account)
+{
+    return connectTo(account).has_value();
 }
 
 bool write(const QString &path, const QByteArray &text)
@@ -108,8 +120,8 @@ QString testFpm(const QString &version, const QHash<QString, QByteArray> &pools)
     const std::optional<QByteArray> own = readUpTo(u"/etc/php/%1/fpm/php-fpm.conf"_s.arg(version), kLargestFile);
     if (!own)
         return u"/etc/php/%1/fpm/php-fpm.conf cannot be read"_s.arg(version);
-    bool isWritten =
-        work.isValid() && write(work.filePath(u"main"_s), *own + "\ninclude=" + QFile::encodeName(work.path()) + "/*.conf\n");
+    bool isWritten = work.isValid() && write(work.filePath(u"main"_s),
+                                             *own + "\ninclude=" + QFile::encodeName(work.path()) + "/*.conf\n");
     // Without any, the line would be told of as one that matches nothing.
     isWritten = isWritten && write(work.filePath(u"none.conf"_s), {});
     for (auto pool = pools.cbegin(); pool != pools.cend(); ++pool)
@@ -140,6 +152,29 @@ QStringList missingModules(const QString &from, const QString &to)
             missing.append(module);
     }
     return missing;
+}
+
+QStringList accountsWithSocket()
+{
+    QStringList accounts;
+    for (QString name : QDir(u"/run/php"_s).entryList({u"corv-*.sock"_s}, QDir::System, QDir::Name)) {
+        name = name.sliced(5).chopped(5);
+        if (hosting::validUsername(name))
+            accounts.append(name);
+    }
+    return accounts;
+}
+
+bool isServedBy(const QString &version, const QString &account)
+{
+    const std::optional<Fd> connection = connectTo(account);
+    ucred peer = {};
+    socklen_t length = sizeof peer;
+    if (!connection || ::getsockopt(connection->get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.pid <= 0)
+        return false;
+    const QByteArray main =
+        runWithin(kToolMs, u"systemctl"_s, {u"show"_s, u"--value"_s, u"-p"_s, u"MainPID"_s, unitOf(version)}).output;
+    return main.trimmed() == QByteArray::number(peer.pid);
 }
 
 QStringList awaitReleased(const QStringList &accounts, int seconds)

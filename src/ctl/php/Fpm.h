@@ -27,6 +27,12 @@ QString testFpm(const QString &version, const QHash<QString, QByteArray> &pools)
 // The modules of one version that another has not, in lower case. Empty where one of them cannot be asked.
 QStringList missingModules(const QString &from, const QString &to);
 
+// The accounts that have a socket.
+QStringList accountsWithSocket();
+
+// Whether it is this version's FPM that listens on the account's socket.
+bool isServedBy(const QString &version, const QString &account);
+
 // Waits until nobody listens on any of these accounts' sockets any more, or until somebody listens on all of them:
 // seconds at most. Returns the accounts for which that has not come.
 QStringList awaitReleased(const QStringList &accounts, int seconds);

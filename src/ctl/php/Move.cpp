@@ -4,12 +4,12 @@
 #include "common/InHand.h"
 #include "common/Paths.h"
 #include "common/Pool.h"
-#include "common/Site.h"
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/PhpPools.h"
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/php/Fpm.h"
+#include "ctl/php/SiteLook.h"
 
 #include <QDeadlineTimer>
 #include <QElapsedTimer>
@@ -27,9 +27,6 @@ using Say = std::function<void(const QString &)>;
 
 constexpr int kIdleSeconds = 60;
 constexpr int kSocketSeconds = 15;
-constexpr int kVisitMs = 5'000;
-constexpr int kSitesMs = 15'000;
-constexpr int kBetweenMs = 100;
 constexpr int kIdleMs = 20;
 constexpr qint64 kLargestPool = 65'536;
 constexpr mode_t kPoolMode = 0644;
@@ -78,33 +75,6 @@ QStringList servedIn(const MovePlan &plan, bool isOld)
             names.append(pool.account);
     }
     return names;
-}
-
-// The accounts, of these, whose site's visitors see a page.
-QStringList wellAmong(const QStringList &accounts)
-{
-    QList<VirtualHost> hosts = readSites();
-    hosts.removeIf([&](const VirtualHost &host) { return !accounts.contains(accountOfFile(host.site + u".conf"_s)); });
-    QStringList well;
-    for (const SiteSight &sight : sightsOf(hosts, readAccountSites(), visit(visitsTo(hosts), kVisitMs))) {
-        if (sight.sight == Sight::Well)
-            well.append(accountOfFile(sight.site + u".conf"_s));
-    }
-    return well;
-}
-
-// Waits for the sites to be as well as they were. Returns those that are not.
-QStringList awaitWell(const QStringList &accounts)
-{
-    const QDeadlineTimer end(kSitesMs);
-    QStringList left = accounts;
-    for (;;) {
-        const QStringList well = left.isEmpty() ? left : wellAmong(left);
-        left.removeIf([&](const QString &account) { return well.contains(account); });
-        if (left.isEmpty() || end.hasExpired())
-            return left;
-        QThread::msleep(kBetweenMs);
-    }
 }
 
 // An account that was deleted meanwhile would keep the whole FPM from coming up.
@@ -225,9 +195,9 @@ QString parkSuspended(const MovePlan &plan)
     bool isChanged = false;
     for (const MovingPool &pool : plan.pools) {
         if (!pool.becomesParked && wantedState(pool.account) == PoolState::Parked)
-            isChanged = rename(hosting::poolPath(plan.to, pool.account),
-                               hosting::parkedPoolPath(plan.to, pool.account)) ||
-                        isChanged;
+            isChanged =
+                rename(hosting::poolPath(plan.to, pool.account), hosting::parkedPoolPath(plan.to, pool.account)) ||
+                isChanged;
     }
     return isChanged ? reloadFpm(plan.to) : QString();
 }

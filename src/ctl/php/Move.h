@@ -17,10 +17,10 @@ struct MovePlan
     QString from;
     QString to;
     QList<MovingPool> pools;
-    QStringList nobodys;        // the paths of pools that are dropped in both versions, since their users are gone
-    QStringList missing;        // modules of the old version that the new one has not
-    bool canGoBack = false;     // whether the old version's FPM is still there
-    bool empties = false;       // whether the old one is left without any pool, with which it does not start
+    QStringList nobodys;    // the paths of pools that are dropped in both versions, since their users are gone
+    QStringList missing;    // modules of the old version that the new one has not
+    bool canGoBack = false; // whether the old version's FPM is still there
+    bool empties = false;   // whether the old one is left without any pool, with which it does not start
     std::optional<MoveJournal> cutOff; // the move that this one goes on with
 };
 
@@ -38,8 +38,8 @@ struct Moved
 // What there is to be moved. Nothing, with the reason and what can be done in problem and hint, where it cannot be.
 std::optional<MovePlan> planMove(const QString &from, const QString &to, QString *problem, QString *hint);
 
-// Moves the pools. The caller has the turn (kPhpLock); say tells of each step. Killed at any step, it goes on when it is
-// planned and called again.
+// Moves the pools. The caller has the turn (kPhpLock); say tells of each step. Killed at any step, it goes on when it
+// is planned and called again.
 Moved movePools(const MovePlan &plan, const std::function<void(const QString &)> &say);
 
 // Waits until the agent works on no request: seconds at most.

@@ -23,9 +23,8 @@ bool keepMove(const MoveJournal &journal)
 {
     QJsonArray pools;
     for (const MovingPool &pool : journal.pools)
-        pools.append(QJsonObject{{u"account"_s, pool.account},
-                                 {u"wasParked"_s, pool.wasParked},
-                                 {u"becomesParked"_s, pool.becomesParked}});
+        pools.append(QJsonObject{
+            {u"account"_s, pool.account}, {u"wasParked"_s, pool.wasParked}, {u"becomesParked"_s, pool.becomesParked}});
     const QJsonObject text = {{u"from"_s, journal.from},
                               {u"to"_s, journal.to},
                               {u"pools"_s, pools},
