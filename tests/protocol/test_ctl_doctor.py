@@ -440,7 +440,7 @@ TOGETHER = [
     ["agent fails", "Apache is broken", "site is left over", "PostgreSQL is down", "account has no site", "quotas are off",
      "run folder is open to all", "transfer folder is open to all", "there is no backup"],
     ["agent is disabled", "module is missing", "log format is missing", "pool is left over", "home is left over",
-     "service is down", "PostgreSQL has holes", "pool is in another version", "site is not enabled", "sshd -T fails",
+     "service is down", "pool is in another version", "PostgreSQL has holes", "site is not enabled", "sshd -T fails",
      "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "no proof is planned",
      "deletions are not watched", "home is too large"],
     ["accounts are not kept apart", "panel database is missing", "pool is put aside", "account is only a user"],
