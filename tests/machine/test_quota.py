@@ -1,5 +1,6 @@
 """Disk quotas on a real file system: what stops a write, what survives, what is put back."""
 
+import json
 import re
 
 import pytest
@@ -160,5 +161,6 @@ def test_an_account_that_is_put_back_has_its_limit_again(quotas):
     before = limits(quotas, uid(quotas, account))
     assert before == (36864, 40960)
     quotas.ok(["corvctl", "account", "delete", account.name, "--confirm", account.name])
-    quotas.ok(["corvctl", "account", "restore", account.name, "--confirm", account.name])
+    source = json.loads(quotas.ok(["corvctl", "--json", "account", "restore", account.name]))["sources"][0]["from"]
+    quotas.ok(["corvctl", "account", "restore", account.name, "--from", source, "--confirm", account.name])
     assert limits(quotas, uid(quotas, account)) == before
