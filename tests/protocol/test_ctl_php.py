@@ -297,6 +297,7 @@ def test_killed_at_any_step_the_same_command_goes_on(sandbox, fpms, web, program
     how = {"shell": script} if acts else {"exit": 1}
     sandbox.answer(program, call=call, tell=9, **how)
     assert move(sandbox)[0] == -9
+    # The stand-in went with it; what it has asked for is done all the same.
     wait_until(lambda: not sandbox.exists("/fpm/ask"), "the FPM")
     shutil.rmtree(sandbox.path("/fpm/turn"), ignore_errors=True)
     code, _, err = move(sandbox)
@@ -381,3 +382,40 @@ def test_without_the_users_nothing_seems_to_be_nobodys(sandbox, fpms):
     code, _, err = follow(sandbox)
     sandbox.write("/etc/passwd", lines)
     assert (code, "cannot be read" in err, pools(sandbox)) == (1, True, BEFORE)
+
+
+def test_a_cut_off_move_that_cannot_go_on_is_undone(sandbox, fpms):
+    """Between the two reloads, after which a third version has come."""
+    fpms.stop("8.2")
+    os.rename(sandbox.path(pool_path("8.2", "alice")), sandbox.path(pool_path("8.2", "alice", ".moved")))
+    sandbox.write(pool_path("8.4", "alice", ".moving"), POOL.format("alice"))
+    alice = {"account": "alice", "wasParked": False, "becomesParked": False}
+    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": [alice], "well": []}))
+    sandbox.mkdir("/etc/php/8.5/fpm/pool.d")
+    sandbox.answer("php-fpm8.5")
+    code, _, err = follow(sandbox)
+    assert (code, err) == (1, "corvctl: accounts are made, suspended and deleted in PHP 8.5 here, the highest version\n"
+                              "  corvctl php status shows what there is\n")
+    assert (pools(sandbox), fpms.pools(), sandbox.exists(JOURNAL)) == (BEFORE, {"8.2": ["alice"]}, False)
+
+
+def test_without_a_way_back_a_site_that_does_not_get_on_stays_and_is_told_of(sandbox, fpms, web):
+    web.update({None: 200, "8.4": 500})
+    fpms.stop("8.2")
+    sandbox.remove_standin("php-fpm8.2")
+    code, _, err = move(sandbox)
+    assert (code, err) == (1, "corvctl: visitors of alice saw a page before, and see none now\n"
+                              "  corvctl php status shows where they are\n")
+    assert (pools(sandbox), sandbox.exists(JOURNAL)) == (AFTER, False)
+
+
+def test_a_version_that_does_not_run_yet_is_waited_for_and_tried_at_its_start(sandbox, fpms):
+    sandbox.remove_standin("php-fpm8.2")
+    for version in ("8.2", "8.4"):
+        fpms.stop(version)
+    timer = threading.Timer(1, fpms.read, ["8.4"])
+    timer.start()
+    code, _, err = follow(sandbox)
+    timer.join()
+    assert (code, err.splitlines()[0]) == (0, "corvctl: moving 2 accounts from PHP 8.2 to 8.4")
+    assert (pools(sandbox), fpms.pools()) == (AFTER, {"8.4": ["alice"]})

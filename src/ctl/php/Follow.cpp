@@ -127,18 +127,38 @@ bool awaitRunning(const QString &version)
     return true;
 }
 
-QString move(const QString &from, const QString &to, const Say &say)
+// True when it was tried; not where the new version's FPM does not run yet, whose start brings us here again.
+bool move(const QString &from, const QString &to, const Say &say, QStringList *problems)
 {
     QString problem;
     QString hint;
     const std::optional<MovePlan> plan = planMove(from, to, &problem, &hint);
-    if (!plan)
-        return problem;
-    if (!awaitRunning(to))
-        return u"PHP %1 does not run, so the accounts of PHP %2 cannot be moved to it"_s.arg(to, from);
+    if (!plan) {
+        problems->append(problem);
+        return true;
+    }
+    if (!awaitRunning(to)) {
+        say(u"PHP %1 does not run, so the accounts of PHP %2 are not moved to it yet"_s.arg(to, from));
+        return false;
+    }
     say(u"moving %1 accounts from PHP %2 to %3"_s.arg(plan->pools.size()).arg(from, to));
-    const Moved moved = movePools(*plan, say);
-    return moved.problem;
+    problems->append(movePools(*plan, say).problem);
+    return true;
+}
+
+// Goes on with a move that was cut off, or undoes it where that cannot be. It is tried once, not for ever.
+void endMove(const MoveJournal &cutOff, const Say &say, QStringList *problems)
+{
+    QString problem;
+    QString hint;
+    if (const std::optional<MovePlan> plan = planMove(cutOff.from, cutOff.to, &problem, &hint)) {
+        say(u"going on with the move from PHP %1 to %2"_s.arg(cutOff.from, cutOff.to));
+        problem = movePools(*plan, say).problem;
+    }
+    problems->append(problem);
+    if (const std::optional<MoveJournal> left = readMove())
+        problems->append(undoMove(*left));
+    removeMove();
 }
 
 // One look at all. True when something was done, which may have come with more to do.
@@ -146,9 +166,7 @@ bool lookOnce(const Say &say, QStringList *problems)
 {
     awaitIdleAgent(kAgentSeconds);
     if (const std::optional<MoveJournal> cutOff = readMove()) {
-        problems->append(move(cutOff->from, cutOff->to, say));
-        // It has been tried: what is left is told of, and not tried for ever.
-        removeMove();
+        endMove(*cutOff, say, problems);
         return true;
     }
     QString problem;
@@ -176,9 +194,10 @@ bool lookOnce(const Say &say, QStringList *problems)
     for (const PhpPools &pools : versions) {
         if (pools.isInstalled || pools.version == inForce || (pools.live.isEmpty() && pools.parked.isEmpty()))
             continue;
-        problems->append(canMove ? move(pools.version, inForce, say)
-                                 : u"PHP %1 is gone, and PHP %2 has no FPM"_s.arg(pools.version, inForce));
-        isDone = true;
+        if (canMove)
+            isDone = move(pools.version, inForce, say, problems) || isDone;
+        else
+            problems->append(u"PHP %1 is gone, and PHP %2 has no FPM"_s.arg(pools.version, inForce));
     }
     return isDone;
 }

@@ -4,6 +4,7 @@
 #include "common/InHand.h"
 #include "common/Paths.h"
 #include "common/Pool.h"
+#include "common/Run.h"
 #include "ctl/doctor/Accounts.h"
 #include "ctl/doctor/PhpPools.h"
 #include "ctl/doctor/SiteFacts.h"
@@ -242,6 +243,15 @@ QStringList dropNobodys(const QStringList &paths)
     return dropped;
 }
 
+QString undoMove(const MoveJournal &journal)
+{
+    MovePlan plan;
+    plan.from = journal.from;
+    plan.to = journal.to;
+    plan.pools = journal.pools;
+    return goBack(plan);
+}
+
 Moved movePools(const MovePlan &wanted, const Say &say)
 {
     MovePlan plan = wanted;
@@ -285,8 +295,10 @@ Moved movePools(const MovePlan &wanted, const Say &say)
     moved.bad.removeIf([&](const QString &account) { return !served.contains(account); });
     moved.bad = awaitWell(moved.bad);
     if (!moved.bad.isEmpty())
-        return wentBack(plan, moved, u"visitors of %1 saw a page before, and see none now"_s.arg(someOf(moved.bad)),
-                        say);
+        problem = u"visitors of %1 saw a page before, and see none now"_s.arg(someOf(moved.bad));
+    if (!problem.isEmpty() && plan.canGoBack)
+        return wentBack(plan, moved, problem, say);
+    moved.problem = problem;
 
     // First: what would be left of the others is read by nobody.
     removeMove();
@@ -295,10 +307,8 @@ Moved movePools(const MovePlan &wanted, const Say &say)
         for (const bool isParked : {false, true})
             (void)QFile::remove(pathIn(plan.from, pool.account, isParked) + kAside);
     }
-    if (plan.empties && plan.canGoBack)
-        moved.problem = enableFpm(plan.from, false);
-    if (const QString left = parkSuspended(plan); moved.problem.isEmpty())
-        moved.problem = left;
+    const QString disabled = plan.empties && plan.canGoBack ? enableFpm(plan.from, false) : QString();
+    moved.problem = hosting::joined({moved.problem, disabled, parkSuspended(plan)});
     return moved;
 }
 

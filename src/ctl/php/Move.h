@@ -42,6 +42,9 @@ std::optional<MovePlan> planMove(const QString &from, const QString &to, QString
 // is planned and called again.
 Moved movePools(const MovePlan &plan, const std::function<void(const QString &)> &say);
 
+// Makes all as it was before a move that was cut off and cannot be gone on with. Returns what could not be.
+QString undoMove(const MoveJournal &journal);
+
 // Waits until the agent works on no request: seconds at most.
 void awaitIdleAgent(int seconds);
 
