@@ -18,6 +18,7 @@ JOURNAL = "/var/lib/corvane/php-move.json"
 POOL = "[corv-{0}]\nuser = {0}\nlisten = /run/php/corv-{0}.sock\n; as it was, to the byte\n"
 ASK = """\
 case "$1" in
+show) echo 4711 ;; # of an FPM that serves none of the sockets
 is-active|--quiet) for unit; do :; done; test -e "/fpm/up.$unit" ;;
 *) while ! mkdir /fpm/turn 2>/dev/null; do sleep 0.01; done
    echo "$1 $2" >/fpm/ask.new && mv /fpm/ask.new /fpm/ask
@@ -419,3 +420,16 @@ def test_a_version_that_does_not_run_yet_is_waited_for_and_tried_at_its_start(sa
     timer.join()
     assert (code, err.splitlines()[0]) == (0, "corvctl: moving 2 accounts from PHP 8.2 to 8.4")
     assert (pools(sandbox), fpms.pools()) == (AFTER, {"8.4": ["alice"]})
+
+
+def test_cut_off_when_the_new_version_serves_already_it_is_ended(sandbox, fpms, web):
+    os.rename(sandbox.path(pool_path("8.2", "alice")), sandbox.path(pool_path("8.2", "alice", ".moved")))
+    os.rename(sandbox.path(pool_path("8.2", "bob", ".suspended")), sandbox.path(pool_path("8.2", "bob", ".suspended.moved")))
+    sandbox.write(pool_path("8.4", "alice"), POOL.format("alice"))
+    sandbox.write(pool_path("8.4", "bob", ".suspended"), POOL.format("bob"))
+    fpms.read("8.2")
+    fpms.read("8.4")
+    moving = [{"account": name, "wasParked": name == "bob", "becomesParked": name == "bob"} for name in ("alice", "bob")]
+    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": moving, "well": ["alice"]}))
+    assert move(sandbox)[0] == 0
+    assert (pools(sandbox), fpms.pools(), sandbox.exists(JOURNAL)) == (AFTER, {"8.4": ["alice"]}, False)

@@ -94,7 +94,7 @@ bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const QStringLi
     const qsizetype parked = ended.size() - gone;
     const bool isChanged = !ended.isEmpty() || !resumed.isEmpty();
     ended.append(unserved);
-    ended.removeIf([&](const QString &name) { return !pools.isInstalled || !isServedBy(pools.version, name); });
+    ended = pools.isInstalled ? servedBy(pools.version, ended) : QStringList();
     for (const QString &account : unserved) {
         if (ended.contains(account))
             say(u"PHP %1 is told that it serves %2 no more"_s.arg(pools.version, account));

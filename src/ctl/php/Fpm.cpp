@@ -165,16 +165,21 @@ QStringList accountsWithSocket()
     return accounts;
 }
 
-bool isServedBy(const QString &version, const QString &account)
+QStringList servedBy(const QString &version, const QStringList &accounts)
 {
-    const std::optional<Fd> connection = connectTo(account);
-    ucred peer = {};
-    socklen_t length = sizeof peer;
-    if (!connection || ::getsockopt(connection->get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.pid <= 0)
-        return false;
+    if (accounts.isEmpty())
+        return {};
     const QByteArray main =
         runWithin(kToolMs, u"systemctl"_s, {u"show"_s, u"--value"_s, u"-p"_s, u"MainPID"_s, unitOf(version)}).output;
-    return main.trimmed() == QByteArray::number(peer.pid);
+    QStringList served = accounts;
+    served.removeIf([&](const QString &account) {
+        const std::optional<Fd> connection = connectTo(account);
+        ucred peer = {};
+        socklen_t length = sizeof peer;
+        return !connection || ::getsockopt(connection->get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 ||
+               peer.pid <= 0 || main.trimmed() != QByteArray::number(peer.pid);
+    });
+    return served;
 }
 
 QStringList awaitReleased(const QStringList &accounts, int seconds)

@@ -30,8 +30,8 @@ QStringList missingModules(const QString &from, const QString &to);
 // The accounts that have a socket.
 QStringList accountsWithSocket();
 
-// Whether it is this version's FPM that listens on the account's socket.
-bool isServedBy(const QString &version, const QString &account);
+// Those of the accounts on whose socket this version's FPM listens.
+QStringList servedBy(const QString &version, const QStringList &accounts);
 
 // Waits until nobody listens on any of these accounts' sockets any more, or until somebody listens on all of them:
 // seconds at most. Returns the accounts for which that has not come.

@@ -126,9 +126,12 @@ QString release(const MovePlan &plan)
     }
     if (!plan.canGoBack || !isFpmRunning(plan.from))
         return {};
+    // Where a move was cut off, the new version may serve them already.
+    const QStringList served = servedIn(plan, true);
+    const QStringList ending = plan.cutOff ? servedBy(plan.from, served) : served;
     if (const QString problem = plan.empties ? stopFpm(plan.from) : reloadFpm(plan.from); !problem.isEmpty())
         return problem;
-    const QStringList held = awaitReleased(servedIn(plan, true), kSocketSeconds);
+    const QStringList held = awaitReleased(ending, kSocketSeconds);
     return held.isEmpty() ? QString() : u"PHP %1 does not let go of %2"_s.arg(plan.from, someOf(held));
 }
 
