@@ -65,16 +65,27 @@ const kSites: Shape = {
     here: { sites: [{ site: "string", host: "string", port: "integer", seen: "string", "status?": "integer", "what?": "string" }] },
 };
 
+// The arguments of one of its commands. What begins as an option does stands behind "--", so that no name of an account, a backup or a
+// file that others chose becomes one.
+export function argv(command: string[], words: string[], options: string[] = []): string[] {
+    return words.some(word => word.startsWith("-")) ? [...command, ...options, "--", ...words] : [...command, ...words, ...options];
+}
+
+// An option with its value.
+export function option(name: string, value: string): string[] {
+    return value.startsWith("-") ? [`${name}=${value}`] : [name, value];
+}
+
 // Runs the client and gives what it printed. It prints its report and fails when the report is bad, so that what it printed counts
 // first. Rejects with Refused, Unknown or NoAgent.
-export async function run(argv: string[], output?: (text: string) => void): Promise<string> {
+export async function run(words: string[], output?: (text: string) => void): Promise<string> {
     let printed = "";
     const take = (text: string) => {
         printed += text;
         output?.(text);
     };
     // An array of this frame's own: Cockpit takes no other one for a list.
-    const process = cockpit.spawn(["corvctl", ...argv], { superuser: "require", err: "message" }).stream(take);
+    const process = cockpit.spawn(["corvctl", ...words], { superuser: "require", err: "message" }).stream(take);
     try {
         await process;
     } catch (error) {
@@ -100,20 +111,20 @@ function errorIn(printed: string): string | null {
 }
 
 // Runs the client for one object that fits the shape. Rejects with Misfit beside what run rejects with.
-export async function ask<T>(argv: string[], shape: Shape): Promise<T> {
-    const printed = await run(["--json", ...argv]);
+export async function ask<T>(words: string[], shape: Shape): Promise<T> {
+    const printed = await run(["--json", ...words]);
     let value: unknown;
     try {
         value = JSON.parse(printed);
     } catch {
-        throw new Misfit(`corvctl ${argv.join(" ")}: no JSON`);
+        throw new Misfit(`corvctl ${words.join(" ")}: no JSON`);
     }
     const error = errorIn(printed);
     if (error !== null)
         throw new Refused(error);
     const place = misfit(value, shape);
     if (place !== null)
-        throw new Misfit(`corvctl ${argv.join(" ")}: does not fit at ${place || "its beginning"}`);
+        throw new Misfit(`corvctl ${words.join(" ")}: does not fit at ${place || "its beginning"}`);
     return value as T;
 }
 
@@ -122,7 +133,7 @@ export async function accounts(): Promise<Account[]> {
 }
 
 export function account(name: string): Promise<Shown> {
-    return ask(["account", "show", name], kShown);
+    return ask(argv(["account", "show"], [name]), kShown);
 }
 
 export function doctor(): Promise<Doctor> {

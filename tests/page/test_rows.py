@@ -3,6 +3,10 @@
 import hashlib
 import json
 import os
+import pathlib
+import re
+import shlex
+import time
 
 from agents import agent_in_its_place
 from cockpit import FRAME
@@ -42,6 +46,31 @@ def test_the_server_restarts_only_by_its_name(server, page):
     page.wait_for("#services")
 
 
+def test_the_lines_that_do_the_same_are_lines_of_the_client(server):
+    # The page's actions have these lines and no others: the tests without a browser see to that.
+    lines = (pathlib.Path(__file__).parent / "same.txt").read_text().splitlines()
+    lines += ["corvctl file put shop a.txt b/a.txt", "corvctl file get shop b/a.txt a.txt"]
+    helps = {}
+    for line in lines:
+        client, topic, command, *words = shlex.split(line)
+        if (topic, command) not in helps:
+            helps[topic, command] = server.ok([client, topic, command, "--help"])
+        usage, _, options = helps[topic, command].partition("Positionals:" if "Positionals:" in helps[topic, command] else "Options:")
+        taking = dict(re.findall(r"^ +(?:-\w,)?(--[\w-]+)( VALUE)?", options, re.M))
+        given = []
+        words = iter(words)
+        for word in words:
+            if not word.startswith("--"):
+                given.append(word)
+                continue
+            assert word in taking, line
+            if taking[word]:
+                assert next(words, None), line
+        named = re.search(rf"{topic} {command} \[OPTIONS\](.*)", usage)[1].split()
+        needed = [one for one in named if not one.startswith("[")]
+        assert len(needed) <= len(given) <= len(named), line
+
+
 def test_an_account_is_made_suspended_resumed_and_deleted(server, page):
     key = server.make_key("page").public
     page.visit("accounts")
@@ -50,7 +79,7 @@ def test_an_account_is_made_suspended_resumed_and_deleted(server, page):
     page.fill("username", "carol")
     page.fill("domain", "carol.example.org")
     page.fill("sshKey", key)
-    assert "corvctl account create carol carol.example.org --key" in page.text("#create")
+    assert "corvctl account create carol carol.example.org --key-file key.pub" in page.text("#create")
     said = page.do()
     password = page_password(said)
     assert server.sql("SELECT 1", database="carol", role="carol", password=password).out.strip() == "1"
@@ -150,7 +179,7 @@ def test_a_backup_is_made_and_brought_back(server, page):
     page.choose("#field-way", "folder")
     page.fill("folder", "public_html")
     page.fill("confirm", "shop")
-    assert f"corvctl backup restore shop {name} files --in-place public_html" in page.text("#restore")
+    assert f"corvctl backup restore shop {name} files public_html --in-place" in page.text("#restore")
     page.do()
     assert server.get("/home/shop/public_html/index.html") == "the good page"
 
@@ -170,8 +199,9 @@ def test_a_run_is_seen_as_it_goes_on_beside_those_that_failed_or_are_missing(ser
     day = 86400
     whole = server.request("backup.status")
     made = {"bytes": 5000, "seconds": 60, "panelBytes": 0, "accounts": [], "errors": []}
-    backups = [{**made, "name": "2026-11-22_031500", "created": 1795317300},
-               {**made, "name": "2026-11-19_031500", "created": 1795317300 - 3 * day, "seconds": 90, "errors": ["shop: tar failed: exit code 2"]}]
+    newest = int(time.time()) - 3600
+    backups = [{**made, "name": "2026-11-22_031500", "created": newest},
+               {**made, "name": "2026-11-19_031500", "created": newest - 3 * day, "seconds": 90, "errors": ["shop: tar failed: exit code 2"]}]
     replies = {**whole, "backups": backups, "running": True, "log": "account shop"}
     with agent_in_its_place(server, {"backup.status": replies}) as asked:
         page.visit("services")
@@ -295,6 +325,9 @@ def test_the_editor_sees_that_somebody_changed_the_file(server, page):
     page.fill("content", "mine\nsecond\n")
     assert "changed this file meanwhile" in page.do()
     assert server.get("/home/alice/public_html/page.html") == "somebody else's"
+    # One key does not throw away what was written.
+    page.press("Escape", 27)
+    page.wait_for_text("not saved", "dialog [role=status]")
     page.click(page.find("#dialog-do:not(:disabled)"))
     page.wait(f"!{page.find('dialog')}")
     assert server.ok(["od", "-An", "-c", "/home/alice/public_html/page.html"]).split() == [*"mine", "\\r", "\\n", *"second", "\\r", "\\n"]
@@ -327,11 +360,13 @@ def test_several_files_and_folders_are_dropped(server, page, tmp_path):
     for path in ("site/index.html", "site/img/a b.png", "site/img/deep/c.txt", "one.txt", "two.txt"):
         (tmp_path / path).parent.mkdir(parents=True, exist_ok=True)
         (tmp_path / path).write_text(path)
+    (tmp_path / "site/empty").mkdir()
     page.visit("files", "alice")
     page.wait_for("#drop")
     page.drop("#drop", tmp_path / "site", tmp_path / "one.txt", tmp_path / "two.txt")
     page.wait(f"{page.row('site')} && {page.row('two.txt')}", 60)
-    page.wait(f"!{page.find('#transfers [data-file]')}", 60)
+    page.wait(f"!{page.find('#transfers .notice')}", 60)
+    assert server.run(["stat", "-c", "%U %F", "/home/alice/site/empty"]).out == "alice directory\n"
     for path in ("site/index.html", "site/img/a b.png", "site/img/deep/c.txt", "one.txt", "two.txt"):
         assert server.get(f"/home/alice/{path}") == path
     assert server.run(["stat", "-c", "%U", "/home/alice/site/img/deep"]).out == "alice\n"

@@ -86,6 +86,9 @@ def test_nothing_may_be_loaded_from_elsewhere(page):
     assert parts["trusted-types"] == ["'none'"]
     assert "'unsafe-inline'" not in policy
     assert "'unsafe-eval'" not in policy
+    # Nor sent there: what a script here knows stays on this server.
+    origin = page.js("location.host")
+    assert [one for one in parts["connect-src"] if one not in ("'self'", f"https://{origin}", f"wss://{origin}")] == []
 
 
 def test_an_account_with_an_attack_for_a_name_stays_text(server, page):
@@ -97,6 +100,8 @@ def test_an_account_with_an_attack_for_a_name_stays_text(server, page):
         page.wait_for_text("<img src=x onerror", "#accounts")
         page.wait_for_text("<img src=x onerror", "#gone")
         assert page.js(f"{page.page}.images.length") == 0
+        # What turns the text round, or steers a terminal, is written out.
+        assert "\\u{202e}\\u{1b}[2J" in page.text("#accounts")
         # The way to its page and back, which the address holds.
         page.click(page.find("#accounts a"))
         page.wait_for_text("<img src=x onerror", "h1")

@@ -1,5 +1,5 @@
 // All accounts: found, sorted, filtered; made, taken off-line and back, deleted.
-import { accounts, gone, type Account, type Gone } from "../client";
+import { accounts, argv, gone, type Account, type Gone } from "../client";
 import { make, type Child } from "../elements";
 import { fillRows } from "../longtable";
 import { bar, button, card, copyable, empty, label, link, shown, table, type Part, type Row } from "../parts";
@@ -50,7 +50,7 @@ export function resetAction(username: string, tools: Tools): Action {
     return {
         id: "password", title: format(_("New database password for $0"), username), does: _("Set a new password"),
         text: [make("p", {}, _("The site loses its database until the new password stands in its settings."))],
-        same: () => ["account", "password", username],
+        same: () => argv(["account", "password"], [username]),
         run: async () => password((await tools.agent.request("hosting.resetDbPassword", { username })).dbPassword),
         lost: () => [button(_("Set a new password"), () => tools.act(resetAction(username, tools)))],
     };
@@ -66,7 +66,7 @@ function createAction(tools: Tools): Action {
             { name: "sshKey", title: _("SSH public key"), kind: "area", optional: true, help: _("In one line; may be added later") },
         ],
         same: ({ username, domain, sshKey }) =>
-            ["account", "create", username || "NAME", domain || "DOMAIN", ...(sshKey ? ["--key", sshKey.trim()] : [])],
+            argv(["account", "create"], [username || "NAME", domain || "DOMAIN"], sshKey?.trim() ? ["--key-file", "key.pub"] : []),
         run: async ({ username = "", domain = "", sshKey = "" }) => {
             name = username;
             const made = await tools.agent.request("hosting.create", { username, domain, sshKey: sshKey.trim() });
@@ -82,7 +82,7 @@ export function suspendAction(username: string, tools: Tools): Action {
     return {
         id: "suspend", title: format(_("Suspend $0"), username), does: _("Suspend"),
         text: [make("p", {}, _("Its site answers 503, nobody logs in, its processes end. Nothing is lost."))],
-        same: () => ["account", "suspend", username],
+        same: () => argv(["account", "suspend"], [username]),
         run: async () => { await tools.agent.request("hosting.suspend", { username }); },
     };
 }
@@ -90,7 +90,7 @@ export function suspendAction(username: string, tools: Tools): Action {
 export function resumeAction(username: string, tools: Tools): Action {
     return {
         id: "resume", title: format(_("Resume $0"), username), does: _("Resume"),
-        same: () => ["account", "resume", username],
+        same: () => argv(["account", "resume"], [username]),
         run: async () => { await tools.agent.request("hosting.resume", { username }); },
     };
 }
@@ -100,7 +100,7 @@ export function deleteAction(username: string, tools: Tools, done: () => void = 
         id: "delete", title: format(_("Delete $0"), username), does: _("Delete"), danger: true,
         text: [make("p", {}, _("Home and database are archived in /var/backups/corvane, then all of the account is removed."))],
         fields: [{ name: "confirm", title: "", must: username }],
-        same: () => ["account", "delete", username],
+        same: () => argv(["account", "delete"], [username]),
         run: async ({ confirm = "" }) => {
             const { archive } = await tools.agent.request("hosting.delete", { username, confirm });
             done();

@@ -16,6 +16,8 @@ export interface Data {
 }
 
 const kOldBackupSeconds = 36 * 3600;
+// What visitors see where nothing is wrong, and of sites that cannot be asked from here.
+const kAsItShould = ["well", "suspended", "not asked"];
 
 function down(services: Replies["services.status"]): string[] {
     return services.services.filter(service => service.loaded && !service.active).map(service => service.name);
@@ -69,8 +71,9 @@ export function concerns(data: Parts<Data>, now = Date.now() / 1000): [Level, st
             found.push(["warning", _("The firewall is off"), "firewall"]);
     });
     look(data.sites, all => {
-        for (const site of all.filter(({ seen }) => seen !== "well" && seen !== "suspended"))
-            found.push(["danger", format(_("$0: $1"), site.host, site.what ?? site.seen), "accounts"]);
+        for (const { host, seen, what } of all.filter(({ seen }) => !kAsItShould.includes(seen)))
+            found.push([seen === "own error" ? "warning" : "danger",
+                format(_("$0: $1"), host, seen === "open" ? _("suspended, but its visitors get in") : what ?? seen), "accounts"]);
     });
     look(data.doctor, ({ faults }) => {
         if (faults > 0)
