@@ -9,6 +9,7 @@ import shlex
 import time
 
 from agents import agent_in_its_place
+from conftest import client_that_says
 from cockpit import FRAME
 from hostfloor import ROOT, Host
 
@@ -134,6 +135,26 @@ def test_accounts_are_searched_filtered_and_sorted(server, page):
     page.choose("#by", "state")
     page.wait(f"{rows}.join() === 'alice,shop,bob'")
     page.choose("#by", "username")
+
+
+def test_certificates_are_shown_with_those_that_somebody_has_to_look_after(server, page):
+    # No authority gives certificates to a host without a network: what is known of them is a prepared reply.
+    site = {"username": "shop", "domain": "shop.example.org", "names": ["shop.example.org"], "state": "served", "remark": "", "brought": False}
+    now = int(time.time())
+    others = [{**site, "username": "alice", "domain": "alice.example.org", "state": "expired", "validUntil": now - 86400},
+              {**site, "username": "bob", "domain": "bob.example.org", "state": "waiting", "remark": "its name leads elsewhere"}]
+    page.visit("services")
+    with client_that_says(server, {"ok": True, "sites": [{**site, "validUntil": now + 60 * 86400}, *others]}, to="--json https list"):
+        page.visit()
+        page.wait_for_text("its name leads elsewhere", "#certificates")
+        assert "1 site" in page.text("#certificates")
+        page.wait_for_text("HTTPS of alice.example.org: Expired", "#verdict")
+        page.visit("accounts", "shop")
+        page.wait_for_text("Served", "#content")
+    page.visit("services")
+    with client_that_says(server, {"ok": False, "error": "HTTPS is off"}, to="--json https list"):
+        page.visit()
+        page.wait_for_text("corvctl https on", "#certificates")
 
 
 def test_an_accounts_keys_database_and_limit(server, page):
@@ -269,7 +290,6 @@ def test_an_account_that_is_gone_is_brought_back(server, page):
 def test_backups_are_copied_and_fetched_off_site(server, page):
     page.visit("backups")
     page.wait_for_text("No copies are made elsewhere")
-    server.ok(["apt-get", "-q", "install", "--yes", "restic"], env={"DEBIAN_FRONTEND": "noninteractive"})
     server.ok(["corvctl", "offsite", "setup", "/srv/copies"])
     page.visit("accounts")
     page.visit("backups")
@@ -502,8 +522,6 @@ def test_the_documented_jail_counts_failed_logins_at_this_page(server, page):
 
 
 def test_updates_are_looked_for_and_installed(server, page):
-    # What installs security updates; the agent does not install it itself.
-    server.ok(["apt-get", "-q", "install", "--yes", "unattended-upgrades"], env={"DEBIAN_FRONTEND": "noninteractive"})
     server.publish("page-one", "1.0", install=True)
     server.publish("page-one", "2.0", security=True)
     page.visit("updates")
@@ -518,11 +536,18 @@ def test_updates_are_looked_for_and_installed(server, page):
 
     # The log of an installation that still runs is there after a reload, too.
     whole = server.request("updates.status")
-    with agent_in_its_place(server, {"updates.status": {**whole, "running": True, "log": "Unpacking page-one\n"}}):
+    with agent_in_its_place(server, {"updates.status": {**whole, "running": True, "log": "Unpacking page-one\n", "rebootRequired": True,
+                                                        "rebootPackages": ["libc6"]}, "system.reboot": {"ok": True}}) as asked:
         page.js(f"{FRAME}.contentWindow.location.reload()")
         page.forget_frames()
         page.wait_for_text("Unpacking page-one", "#content .log")
         page.wait_for_text("Being installed")
+        # What waits for a restart says for what, and restarts the server by its name alone.
+        page.wait_for_text("due for libc6")
+        page.click(page.find("#restart-server"))
+        page.fill("confirm", whole["hostname"])
+        page.do()
+        assert {"cmd": "system.reboot", "args": {"confirm": whole["hostname"]}} in asked()
     page.js(f"{FRAME}.contentWindow.location.reload()")
     page.wait_for("#packages, #automatic-updates")
 

@@ -58,12 +58,14 @@ export async function openEditor(place: Place, entry: Entry, tools: Tools) {
     }
 }
 
-// Whether something has this path, as far as an attempt to read it tells: a list of a folder ends after its first 5000.
+// Whether a file has this path: a list of its folder would end after the first 5000. What is no file is told when it is written.
 async function isThere(username: string, path: string, tools: Tools): Promise<boolean> {
     return tools.agent.request("files read", { username, path }).then(() => true, (problem: Error) => {
-        if (!(problem instanceof Refused))
-            throw problem;
-        return /^(not a |too big )/.test(problem.message);
+        if (problem instanceof Refused && problem.message === "not a file")
+            return false;
+        if (problem instanceof Refused && /^(not a text file|too big )/.test(problem.message))
+            return true;
+        throw problem;
     });
 }
 

@@ -98,8 +98,8 @@ test("keys that somebody changed meanwhile are not replaced unseen", async () =>
 
 const kShop = { username: "shop", folder: ["a"] };
 
-for (const [what, answer, isThere] of [["a file", null, true], ["a folder", "not a file", true], ["a picture", "not a text file; download it instead", true],
-    ["nothing", "No such file or directory", false]] as const) {
+for (const [what, answer, isThere] of [["a file", null, true], ["a picture", "not a text file; download it instead", true],
+    ["what nobody can read", "Permission denied", true], ["nothing", "not a file", false]] as const) {
     test(`a new file where ${what} is ${isThere ? "replaces nothing" : "is written"}`, async () => {
         const { asked, tools } = toolsThat(command => {
             if (command === "files read" && answer !== null)
