@@ -119,8 +119,12 @@ function shellWord(word: string): string {
         return word;
     if (visible(word) === word && !/[\r\n\t]/.test(word))
         return `'${word.replaceAll("'", "'\\''")}'`;
-    const number = (one: string) => `\\u${one.charCodeAt(0).toString(16).padStart(4, "0")}`;
-    return `$'${[...word].map(one => one === "'" || one === "\\" ? `\\${one}` : visible(one) !== one || /[\r\n\t]/.test(one) ? number(one) : one).join("")}'`;
+    const written = (one: string) => {
+        if (one === "'" || one === "\\")
+            return `\\${one}`;
+        return visible(one) !== one || /[\r\n\t]/.test(one) ? `\\u${one.charCodeAt(0).toString(16).padStart(4, "0")}` : one;
+    };
+    return `$'${[...word].map(written).join("")}'`;
 }
 
 // Words as a shell takes them.

@@ -23,7 +23,7 @@ const kStartMs = 250;
 // A mark on the ground for each day without a backup between two moments.
 function missing(after: number, before: number): Point[] {
     const days = Math.min(kMostMissing, Math.max(0, Math.ceil((before - kDaySeconds / 2 - after) / kDaySeconds) - 1));
-    return Array.from({ length: days }, (_none, at) => ({ at: after + (at + 1) * kDaySeconds, value: 0, mark: _("no backup") }));
+    return Array.from({ length: days }, (_none, at) => ({ at: after + (at + 1) * kDaySeconds, value: 0, mark: _("no backup"), isMissing: true }));
 }
 
 // The backups' sizes until now, oldest first; those with problems are marked, and the days without one.

@@ -14,7 +14,7 @@ import { certificatesCard } from "../../../src/page/pages/certificates";
 import { concerns, overviewPage, type Data } from "../../../src/page/pages/overview";
 import { lastStates, problemText, sameLine, shellLine } from "../../../src/page/parts";
 import { pendingText } from "../../../src/page/pending";
-import { place } from "../../../src/page/plot";
+import { place, plot } from "../../../src/page/plot";
 import { NoAgent, Refused } from "../../../src/page/problem";
 import { agoText, backupText, bytesText, spanText } from "../../../src/page/text";
 import type { Parts, Tools } from "../../../src/page/tools";
@@ -68,10 +68,10 @@ test("the newest backup of an account counts", () => {
 test("a backup that is missing or has problems is marked, and none is made up", () => {
     const day = 86400;
     const status = backups({ name: "c", bytes: 7, created: 3 * day, errors: [] }, { name: "b", bytes: 1 }, { name: "a", bytes: 5, created: day, errors: ["x"] });
-    const known = [{ at: day, value: 5, mark: "with problems" }, { at: 2 * day, value: 0, mark: "no backup" }, { at: 3 * day, value: 7 }];
+    const known = [{ at: day, value: 5, mark: "with problems" }, { at: 2 * day, value: 0, mark: "no backup", isMissing: true }, { at: 3 * day, value: 7 }];
     assert.deepEqual(sizes(status, 4.4 * day), known);
     // Those that are missing until now, too.
-    assert.deepEqual(sizes(status, 5.6 * day), [...known, ...[4, 5].map(days => ({ at: days * day, value: 0, mark: "no backup" }))]);
+    assert.deepEqual(sizes(status, 5.6 * day), [...known, ...[4, 5].map(days => ({ at: days * day, value: 0, mark: "no backup", isMissing: true }))]);
     // A clock that was wrong once.
     assert.equal(sizes(backups({ name: "b", bytes: 1, created: 9007199254740991 }, { name: "a", bytes: 1, created: 1 }), 2).length, 102);
 });
@@ -86,6 +86,14 @@ test("an account grows by what the manifests tell", () => {
         { name: "a", bytes: 1, created: 1, accounts: [{ username: "shop", homeBytes: 4, dbBytes: 1 }] });
     assert.deepEqual(growth(status, "shop", "homeBytes"), [{ at: 1, value: 4 }, { at: 2, value: 9 }]);
     assert.deepEqual(growth(status, "shop", "dbBytes"), [{ at: 1, value: 1 }]);
+});
+
+test("what is missing is no part of the line, and not the last of it", () => {
+    const drawn = plot("p", [{ name: "n", points: [{ at: 0, value: 10 }, { at: 5, value: 0, mark: "none", isMissing: true }, { at: 10, value: 5 },
+        { at: 20, value: 0, mark: "none", isMissing: true }] }], String) as unknown as FakeElement;
+    assert.equal(drawn.querySelector("polyline")!.getAttribute("points"), "8,8 320,80");
+    assert.deepEqual(drawn.all().filter(one => one.tag === "circle").map(one => one.getAttribute("class")), ["dot line-0", "mark", "dot line-0", "mark"]);
+    assert.equal(drawn.all().filter(one => one.tag === "span").pop()!.textContent, "n: 5");
 });
 
 test("points lie within their drawing", () => {
