@@ -509,6 +509,12 @@ def test_a_source_without_an_account_is_refused(server):
         2, "", "corvctl: whose account is it? Name the one that is to be brought back\n")
 
 
+@pytest.mark.parametrize("words", [["--confirm", "erin"], ["--as", "other"], ["--domain", "other.example"], ["--no-jobs"]])
+def test_an_account_without_a_source_is_refused_where_more_than_the_list_is_asked_for(server, words):
+    assert corvctl(server, "account", "restore", "erin", *words, start=False) == (
+        2, "", "corvctl: restored from what? Name it by --from; without it, what there is is listed\n")
+
+
 # The domain of an account
 
 
