@@ -3,10 +3,13 @@ import { misfit } from "./check";
 import { Misfit, NoAgent, Refused, Unknown } from "./problem";
 import type { Shape } from "./protocol";
 
-export interface Account { username: string; domain: string; state: string; usedBytes?: number }
+export interface Account { username: string; domain: string; state: string; usedBytes?: number; limitBytes?: number }
+
+// All accounts, and what tells of their use: "quotas", or "backup" for the archives of the newest one.
+export interface Accounts { accounts: Account[]; usedFrom?: string }
 
 export interface Shown {
-    username: string; domain: string; state: string; home: string; php?: string; usedBytes?: number; limitBytes?: number;
+    username: string; domain: string; state: string; home: string; php?: string; usedBytes?: number; usedFrom?: string; limitBytes?: number;
     database?: { name: string; bytes: number; readOnly: boolean };
     keys: { type: string; comment: string; fingerprint: string }[];
     lastBackup?: { name: string }; certificate?: { validUntil?: number };
@@ -36,11 +39,11 @@ export interface Certificate { username: string; domain: string; state: string; 
 export interface Gone { username: string; domain: string; sources: Source[] }
 
 const kFinding = { level: "string", problem: "string", mend: "string" };
-const kAccount = { username: "string", domain: "string", state: "string", "usedBytes?": "integer" };
+const kAccount = { username: "string", domain: "string", state: "string", "usedBytes?": "integer", "limitBytes?": "integer" };
 
-const kLists: Shape = { accounts: [kAccount] };
+const kLists: Shape = { accounts: [kAccount], "usedFrom?": "string" };
 const kShown: Shape = {
-    ...kAccount, home: "string", "php?": "string", "limitBytes?": "integer",
+    ...kAccount, home: "string", "php?": "string", "usedFrom?": "string",
     "database?": { name: "string", bytes: "integer", readOnly: "boolean" },
     keys: [{ type: "string", comment: "string", fingerprint: "string" }],
     "lastBackup?": { name: "string" }, "certificate?": { "validUntil?": "integer" },
@@ -128,8 +131,8 @@ export async function ask<T>(words: string[], shape: Shape): Promise<T> {
     return value as T;
 }
 
-export async function accounts(): Promise<Account[]> {
-    return (await ask<{ accounts: Account[] }>(["account", "list"], kLists)).accounts;
+export function accounts(): Promise<Accounts> {
+    return ask(["account", "list"], kLists);
 }
 
 export function account(name: string): Promise<Shown> {

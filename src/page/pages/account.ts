@@ -1,13 +1,13 @@
 // One account: how it is, who gets in, its database, its backups and their way back.
 import { account, argv, certificates, sites, type Certificate, type Shown, type Site } from "../client";
 import { make, type Child } from "../elements";
-import { alert, bar, button, card, cards, facts, label, link, shown, table } from "../parts";
+import { alert, button, card, cards, facts, label, link, shown, table } from "../parts";
 import { plot, type Point } from "../plot";
 import { Refused } from "../problem";
 import type { Replies } from "../protocol";
 import { _, backupText, bytesText, format, timeText } from "../text";
 import type { Action, Page, Tools } from "../tools";
-import { deleteAction, resetAction, resumeAction, stateLabel, suspendAction } from "./accounts";
+import { deleteAction, resetAction, resumeAction, stateLabel, suspendAction, useBar, useNote } from "./accounts";
 import { certificateText, type Certificates } from "./certificates";
 import { restoreAction } from "./restoring";
 
@@ -83,9 +83,8 @@ function stateCard(one: Shown, all: Data["sites"] | null, own: Certificate | und
         [_("Visitors see"), ...(all === null ? ["…"] : seen.length === 0 ? ["-"] : seen.map(seenLabel))],
         [_("PHP"), one.php ?? "-"],
         [_("Certificate"), ...(own ? certificateText(own) : [one.certificate?.validUntil ? format(_("until $0"), timeText(one.certificate.validUntil)) : _("none known")])],
-        [_("Disk used"), one.usedBytes === undefined ? "-" : one.limitBytes
-            ? bar(one.usedBytes / one.limitBytes, format(_("$0 of $1"), bytesText(one.usedBytes), bytesText(one.limitBytes))) : bytesText(one.usedBytes)],
-    )], [
+        [_("Disk used"), useBar(one, one.usedBytes ?? 1)],
+    ), useNote(one.usedFrom)], [
         button(_("Limit"), () => tools.act(limitAction(username, one.limitBytes, tools)), { id: "set-limit" }),
         state === "suspended" ? button(_("Resume"), () => tools.act(resumeAction(username, tools)), { id: "resume-account" })
             : button(_("Suspend"), () => tools.act(suspendAction(username, tools)), { id: "suspend-account" }),

@@ -1,5 +1,5 @@
 // All accounts: found, sorted, filtered; made, taken off-line and back, deleted.
-import { accounts, argv, gone, type Account, type Gone } from "../client";
+import { accounts, argv, gone, type Account, type Accounts, type Gone } from "../client";
 import { make, type Child } from "../elements";
 import { fillRows } from "../longtable";
 import { bar, button, card, copyable, empty, label, link, shown, table, type Part, type Row } from "../parts";
@@ -8,7 +8,7 @@ import { _, backupText, bytesText, format, plural } from "../text";
 import type { Action, Page, Tools } from "../tools";
 import { goneTable } from "./restoring";
 
-interface Data { accounts: Account[]; backups: Replies["backup.status"]; gone: Gone[] }
+interface Data { accounts: Accounts; backups: Replies["backup.status"]; gone: Gone[] }
 
 // What the reader looks for; it outlives a load of the page.
 export const wished = { text: "", state: "", by: "username" as "username" | "domain" | "state" | "usedBytes" };
@@ -109,15 +109,28 @@ export function deleteAction(username: string, tools: Tools, done: () => void = 
     };
 }
 
+// What an account uses of its limit; without one, next to the account that uses most.
+export function useBar({ usedBytes, limitBytes }: Account, largest: number): Child {
+    if (usedBytes === undefined)
+        return "-";
+    return limitBytes ? bar(usedBytes / limitBytes, format(_("$0 of $1"), bytesText(usedBytes), bytesText(limitBytes)))
+        : bar(usedBytes / largest, bytesText(usedBytes), "info");
+}
+
+// A word on numbers that are not of now.
+export function useNote(usedFrom: string | undefined): Child {
+    return usedFrom === "backup" && make("p", { class: "help" }, _("Disk used: each home's archive in the newest backup, as no quotas tell of more."));
+}
+
 function rowOf(account: Account, largest: number, backup: Part<Map<string, string>>, tools: Tools): Row {
-    const { username, domain, state, usedBytes } = account;
+    const { username, domain, state } = account;
     const last = backup && "here" in backup ? backup.here.get(username) : undefined;
     const isSuspended = state === "suspended";
     return { key: username, cells: [
         link(username, "accounts", username),
         domain,
         stateLabel(state),
-        usedBytes === undefined ? "-" : bar(usedBytes / largest, bytesText(usedBytes), "info"),
+        useBar(account, largest),
         backup === null ? "…" : last ? backupText(last) : label(_("None"), "warning"),
         make("span", { class: "row-actions" },
             isSuspended
@@ -127,7 +140,7 @@ function rowOf(account: Account, largest: number, backup: Part<Map<string, strin
     ] };
 }
 
-function list(all: Account[], backups: Part<Replies["backup.status"]>, tools: Tools): Child[] {
+function list({ accounts: all, usedFrom }: Accounts, backups: Part<Replies["backup.status"]>, tools: Tools): Child[] {
     if (all.length === 0)
         return [empty("none", _("No hosting accounts yet"), "", button(_("Create account"), () => tools.act(createAction(tools)), { kind: "primary" }))];
     const last: Part<Map<string, string>> = backups && "here" in backups ? { here: lastBackups(backups.here) } : backups;
@@ -156,7 +169,7 @@ function list(all: Account[], backups: Part<Replies["backup.status"]>, tools: To
         choice("by", _("Sort by"), wished.by, [["username", _("By name")], ["domain", _("By domain")], ["state", _("By state")], ["usedBytes", _("Largest first")]],
             value => { wished.by = value as typeof wished.by; }),
         count, button(_("Create account"), () => tools.act(createAction(tools)), { kind: "primary", id: "create-account" })),
-    shownTable];
+    shownTable, useNote(usedFrom)];
 }
 
 export const accountsPage: Page<Data> = {

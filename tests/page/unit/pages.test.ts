@@ -38,9 +38,9 @@ test("text stays text, and no attribute becomes a script", () => {
 
 test("an account whose names are an attack is drawn as text", () => {
     const attack = "<script>alert(1)</script>";
-    const page = accountsPage.view({ accounts: { here: [{ username: attack, domain: attack, state: attack }] }, backups: null, gone: { here: [{ username: attack, domain: attack, sources: [] }] } }, tools);
+    const page = accountsPage.view({ accounts: { here: { accounts: [{ username: attack, domain: attack, state: attack }] } }, backups: null, gone: { here: [{ username: attack, domain: attack, sources: [] }] } }, tools);
     const root = new FakeElement("div");
-    root.append(...page as never as FakeNode[]);
+    root.append(...page.filter(child => child) as never as FakeNode[]);
     assert.ok(root.textContent.includes(attack));
     assert.equal(root.querySelector("script"), null);
 });
@@ -58,6 +58,14 @@ test("accounts are found, filtered and sorted", () => {
     assert.deepEqual(names({ state: "on-line" }), ["shop", "zoo"]);
     assert.deepEqual(names({ text: "M.EX" }), ["shop"]);
     assert.deepEqual(names({ text: "nobody" }), []);
+});
+
+test("use is shown against the limit where there is one, and by its source where it is not of now", () => {
+    const page = (usedFrom: string) => words(accountsPage.view({ backups: null, gone: null, accounts: { here: { usedFrom, accounts: [
+        { username: "shop", domain: "d", state: "on-line", usedBytes: 50, limitBytes: 100 }, { username: "zoo", domain: "d", state: "on-line", usedBytes: 7 }] } } }, tools));
+    assert.match(page("quotas"), /50 byte of 100 byte[^]*7 byte/);
+    assert.doesNotMatch(page("quotas"), /newest backup/);
+    assert.match(page("backup"), /archive in the newest backup/);
 });
 
 test("the newest backup of an account counts", () => {
@@ -200,7 +208,7 @@ test("the line to be copied is one that a shell reads as it was meant", () => {
 
 test("the client is run with a list of arguments, and its report counts though it found faults", async () => {
     programs.push({ printed: '{"ok":true,"accounts":[{"username":"shop","domain":"d","state":"on-line"}]}' });
-    assert.deepEqual(await accounts(), [{ username: "shop", domain: "d", state: "on-line" }]);
+    assert.deepEqual((await accounts()).accounts, [{ username: "shop", domain: "d", state: "on-line" }]);
     assert.deepEqual(spawned.pop(), ["corvctl", "--json", "account", "list"]);
     programs.push({ printed: '{"ok":true,"host":"w","faults":1,"notes":0,"checks":[]}', fails: { exit_status: 1, message: "failed" } });
     assert.equal((await doctor()).faults, 1);

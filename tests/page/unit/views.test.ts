@@ -36,14 +36,14 @@ const kPages: [string, unknown, Record<string, unknown>, string[]][] = [
     ["overview", overviewPage, {
         info: { hostname: "web1", os: "Debian", kernel: "6.1", uptimeSeconds: 90000 }, disks: { disks: [{ mount: "/home", device: "", type: "", total: 100, avail: 50 }] },
         services, security: { firewall: { ok: true, ...firewall }, fail2ban: { ok: true, ...bans } }, updates, backups,
-        accounts: [{ username: "shop", domain: "shop.example", state: "on-line", usedBytes: 5 }], sites: [], verdicts: new Map(),
+        accounts: { accounts: [{ username: "shop", domain: "shop.example", state: "on-line", usedBytes: 5 }], usedFrom: "backup" }, sites: [], verdicts: new Map(),
         offsite: { repository: "/b", state: { copied: backup.name, copiedAt: 1, checkedAt: 1, checkProblem: "", problems: [] } },
         certificates: [{ username: "shop", domain: "shop.example", state: "expired", remark: "" }],
         doctor: { host: "web1", faults: 1, notes: 0, checks: [{ check: "sshd", seen: "sshd -T", findings: [{ level: "fault", problem: "it is odd", mend: "mend it" }] }] },
     }, ["web1", "/home", "1 account", "1 address banned", "3, 1 for security", "Copied", "HTTPS of shop.example: Expired", "it is odd", "mend it"]],
     ["accounts", accountsPage, {
-        accounts: [{ username: "shop", domain: "shop.example", state: "suspended", usedBytes: 5 }], backups, gone: [{ username: "old", domain: "old.example", sources: [source] }],
-    }, ["shop.example", "Suspended", "2026-11-22 03:15", "old.example", "Damaged"]],
+        accounts: { accounts: [{ username: "shop", domain: "shop.example", state: "suspended", usedBytes: 5, limitBytes: 10 }] }, backups, gone: [{ username: "old", domain: "old.example", sources: [source] }],
+    }, ["shop.example", "Suspended", "5 byte of 10 byte", "2026-11-22 03:15", "old.example", "Damaged"]],
     ["account", accountPage("shop"), {
         account: { username: "shop", domain: "shop.example", state: "on-line", home: "/home/shop", php: "8.2", usedBytes: 50, limitBytes: 100,
             database: { name: "shop", bytes: 7000, readOnly: true }, keys: [{ type: "ED25519", comment: "work", fingerprint: "SHA256:abc" }] },
@@ -110,7 +110,7 @@ test("each action has the line of the client that does the same", () => {
             ...(data.firewall && { firewall: { ...firewall, active: false, rules: [] }, fail2ban: { ...bans, running: false } }),
             ...(data.account && { account: { ...(data.account as object), state: "suspended", database: { name: "shop", bytes: 7000, readOnly: false } } }),
             ...(data.updates && { updates: { ...updates, automatic: true } }),
-            ...(data.accounts && { accounts: [{ username: "shop", domain: "shop.example", state: "on-line" }] }) }));
+            ...(data.accounts && { accounts: { accounts: [{ username: "shop", domain: "shop.example", state: "on-line" }] } }) }));
     }
     const lines = acts.map(action => sameLine(action.same(Object.fromEntries((action.fields ?? []).map(({ name, value }) => [name, kTyped[`${action.id}.${name}`] ?? kTyped[name] ?? value ?? ""])))));
     assert.deepEqual([...new Set(lines.flatMap(line => line.split(" && ")))].sort(), readFileSync(process.env.CORV_SAME!, "utf8").trimEnd().split("\n"));
