@@ -6,6 +6,7 @@ import { make } from "../../../src/page/elements";
 import { keysAction } from "../../../src/page/pages/account";
 import { certificateConcerns, certificateText } from "../../../src/page/pages/certificates";
 import { newFileAction } from "../../../src/page/pages/fileactions";
+import { filesPage } from "../../../src/page/pages/files";
 import { dropped, send, sendAll, type Chosen } from "../../../src/page/pages/filetransfers";
 import { concerns } from "../../../src/page/pages/overview";
 import { restoreAction } from "../../../src/page/pages/restoring";
@@ -138,6 +139,20 @@ test("a folder that is dropped brings those in it that are empty", async () => {
     await sendAll(kShop, found.filter(({ file }) => !file), tools);
     assert.deepEqual(asked.map(([command, { path }]) => `${command} ${path}`),
         ["files mkdir a/site", "files mkdir a/site/empty", "files mkdir a/site/deep", "files mkdir a/site/deep/er"]);
+});
+
+test("what is dropped and cannot be read is said, and text that is dropped is nothing", async () => {
+    const { asked, notices, tools } = toolsThat(() => ({}));
+    const root = new FakeElement("div");
+    const view = filesPage("shop", "a").view({ list: { here: { entries: [], truncated: false } } }, tools);
+    root.append(...view.filter(child => child) as never as FakeNode[]);
+    const drop = (...entries: unknown[]) => root.querySelector("#drop")!.listeners.drop![0]!({ preventDefault: () => undefined,
+        dataTransfer: { items: entries.map(entry => ({ webkitGetAsEntry: () => entry })) } });
+    drop({ name: "gone", isFile: true, file: (_done: unknown, failed: (problem: Error) => void) => failed(new Error("it is not there any more")) });
+    drop(null);
+    await new Promise(done => setTimeout(done));
+    assert.deepEqual(notices, ["What was dropped cannot be read"]);
+    assert.deepEqual(asked, []);
 });
 
 test("of several files the rest is cancelled with one press", async () => {
