@@ -157,6 +157,15 @@ def test_certificates_are_shown_with_those_that_somebody_has_to_look_after(serve
         page.wait_for_text("corvctl https on", "#certificates")
 
 
+def test_what_the_accounts_use_is_measured(server, page):
+    page.visit("accounts")
+    page.click(page.find("#measure"))
+    assert "corvctl account usage" in page.text("#measure-homes")
+    said = page.do()
+    assert [name in said for name in ("alice", "bob", "shop")] == [True] * 3
+    assert said.count("kB") == 3
+
+
 def test_an_accounts_keys_database_and_limit(server, page):
     key = server.make_key("second").public
     page.visit("accounts", "shop")

@@ -2,7 +2,7 @@
 import { accounts, argv, gone, type Account, type Accounts, type Gone } from "../client";
 import { make, type Child } from "../elements";
 import { fillRows } from "../longtable";
-import { bar, button, card, copyable, empty, label, link, shown, table, type Part, type Row } from "../parts";
+import { bar, button, card, copyable, empty, facts, label, link, shown, table, type Part, type Row } from "../parts";
 import type { Replies } from "../protocol";
 import { _, backupText, bytesText, format, plural } from "../text";
 import type { Action, Page, Tools } from "../tools";
@@ -122,6 +122,18 @@ export function useNote(usedFrom: string | undefined): Child {
     return usedFrom === "backup" && make("p", { class: "help" }, _("Disk used: each home's archive in the newest backup, as no quotas tell of more."));
 }
 
+function measureAction(tools: Tools): Action {
+    return {
+        id: "measure-homes", title: _("What the accounts use"), does: _("Measure"),
+        text: [make("p", {}, _("All files are counted, which takes minutes where there are many; the agent does nothing else meanwhile."))],
+        same: () => ["account", "usage"],
+        run: async () => {
+            const { usage } = await tools.agent.request("hosting.usage", {});
+            return [facts(...Object.entries(usage).sort(([, one], [, other]) => other - one).map(([name, bytes]): [string, string] => [name, bytesText(bytes)]))];
+        },
+    };
+}
+
 function rowOf(account: Account, largest: number, backup: Part<Map<string, string>>, tools: Tools): Row {
     const { username, domain, state } = account;
     const last = backup && "here" in backup ? backup.here.get(username) : undefined;
@@ -169,7 +181,8 @@ function list({ accounts: all, usedFrom }: Accounts, backups: Part<Replies["back
         choice("by", _("Sort by"), wished.by, [["username", _("By name")], ["domain", _("By domain")], ["state", _("By state")], ["usedBytes", _("Largest first")]],
             value => { wished.by = value as typeof wished.by; }),
         count, button(_("Create account"), () => tools.act(createAction(tools)), { kind: "primary", id: "create-account" })),
-    shownTable, useNote(usedFrom)];
+    shownTable, useNote(usedFrom),
+    usedFrom !== "quotas" && button(_("Measure the homes…"), () => tools.act(measureAction(tools)), { kind: "link", id: "measure" })];
 }
 
 export const accountsPage: Page<Data> = {
