@@ -43,8 +43,9 @@ export function meets({ to, action, from }: Rule, port: number): "all" | "some" 
     return isForAll ? lets ? "all" : "shut" : lets ? "some" : "none";
 }
 
-function isOfSix(rule: Rule): boolean {
-    return rule.to.includes("(v6)");
+// Of a rule for some addresses these alone tell.
+function isOfSix({ to, from }: Rule): boolean {
+    return to.includes("(v6)") || from.includes(":");
 }
 
 // Whether the rules of a kind of address let everybody in: the first that is about all who come decides.

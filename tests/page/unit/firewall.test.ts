@@ -37,6 +37,7 @@ test("where only some are let in, none of those rules can be told from the reade
     assert.equal(keepsPage(one, [one, other], 9090), true);
     assert.equal(keepsPage(other, [one, other], 9090), true);
     assert.equal(keepsPage(one, [one, other, all], 9090), false);
+    assert.equal(keepsPage(rule("9090/tcp", "ALLOW IN", "2001:db8::/32"), [one, all], 9090), true);
     assert.equal(keepsPage(all, [one, other, all], 9090), true);
 });
 
