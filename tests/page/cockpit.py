@@ -100,13 +100,12 @@ class Cockpit(Browser):
         self.click(self.find("#dialog-do:not(:disabled)"))
         outcome = "#dialog-done, dialog .pf-m-danger.pf-v6-c-alert, #notices .pf-v6-c-alert"
         self.wait_for(outcome, patience)
-        if self.js(f"Boolean({self.find('#dialog-done')})"):
-            said = self.text("dialog")
+        # At one look: a dialog that has been closed is there a moment longer.
+        has_more, said = self.js(f"""(dialog => [Boolean(dialog?.querySelector('#dialog-done')), (dialog === null ? {self.find('#notices')}
+            : dialog.querySelector('#dialog-done') ? dialog : dialog.querySelector('[role=status]')).innerText])({self.find('dialog[open]')})""")
+        if has_more:
             self.click(self.find("#dialog-done"))
-            return said
-        if self.js(f"Boolean({self.find('dialog')})"):
-            return self.text("dialog [role=status]")
-        return self.text("#notices")
+        return said
 
     def theme(self, style):
         """Switches between dark and light as the shell's own menu does."""
