@@ -93,7 +93,7 @@ def test_five_thousand_files_are_drawn_at_once(server, page):
         later.append(time.monotonic() - began)
     note(five_thousand_files_first_s=first, later_rows_s=max(later))
     assert first <= 5
-    assert max(later) <= 1
+    assert max(later) <= 5
 
 
 def test_a_request_through_the_page_costs_little_more_than_the_sockets_own(server, page):
