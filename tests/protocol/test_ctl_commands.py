@@ -614,3 +614,12 @@ def test_the_list_tells_who_is_suspended(tenant):
     assert (code, [(one["username"], one["state"]) for one in json.loads(out)["accounts"]]) == (0, [("alice", "suspended")])
     assert json.loads(corvctl(tenant, "--json", "account", "show", "alice")[1])["state"] == "suspended"
     declare(tenant, ["hosting.getKeys", "backup.status"])
+
+
+def test_the_list_tells_what_each_uses_of_its_limit_where_quotas_do(tenant):
+    tenant.answer("findmnt", out="/home /dev/sda1 ext4\n")
+    tenant.answer("quotaon", out="user quota on /home (/dev/sda1) is on\n")
+    tenant.answer("repquota", out=f"#{tenant.uid('alice')} -- 2048 0 4096 1 0 0\n")
+    listed = json.loads(corvctl(tenant, "--json", "account", "list")[1])
+    assert listed["usedFrom"] == "quotas"
+    assert [(one["usedBytes"], one["limitBytes"]) for one in listed["accounts"]] == [(2048 << 10, 4096 << 10)]
