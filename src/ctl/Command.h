@@ -94,6 +94,7 @@ Command helpCommand(const std::vector<Command> &others); // last, since it knows
 Command hostCommand();
 Command notifyCommand();
 Command offsiteCommand();
+Command phpCommand();
 Command proxyCommand();
 Command quotaCommand();
 Command serverCommand();
