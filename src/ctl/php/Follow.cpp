@@ -118,7 +118,7 @@ bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const QStringLi
 
 bool awaitRunning(const QString &version)
 {
-    const QDeadlineTimer end(kStartSeconds * 1000);
+    const QDeadlineTimer end(qint64(kStartSeconds) * 1000);
     while (!isFpmRunning(version)) {
         if (end.hasExpired())
             return false;

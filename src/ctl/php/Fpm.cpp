@@ -184,7 +184,7 @@ QStringList servedBy(const QString &version, const QStringList &accounts)
 
 QStringList awaitReleased(const QStringList &accounts, int seconds)
 {
-    const QDeadlineTimer end(seconds * 1000);
+    const QDeadlineTimer end(qint64(seconds) * 1000);
     QStringList left = accounts;
     for (;;) {
         // An FPM takes its sockets' files away with it.
@@ -200,7 +200,7 @@ QStringList awaitReleased(const QStringList &accounts, int seconds)
 
 QStringList awaitListening(const QStringList &accounts, int seconds)
 {
-    const QDeadlineTimer end(seconds * 1000);
+    const QDeadlineTimer end(qint64(seconds) * 1000);
     QStringList left = accounts;
     for (;;) {
         left.removeIf([](const QString &account) { return exists(socketOf(account)) && isListening(account); });

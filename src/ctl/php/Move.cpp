@@ -231,7 +231,7 @@ QString testPools(const MovePlan &plan)
 
 void awaitIdleAgent(int seconds)
 {
-    const QDeadlineTimer end(seconds * 1000);
+    const QDeadlineTimer end(qint64(seconds) * 1000);
     while (readInHand(kInHandPath) && !end.hasExpired())
         QThread::msleep(kIdleMs);
 }

@@ -40,7 +40,7 @@ std::optional<MovePlan> planMove(const QString &from, const QString &to, QString
 
 // Moves the pools. The caller has the turn (kPhpLock); say tells of each step. Killed at any step, it goes on when it
 // is planned and called again.
-Moved movePools(const MovePlan &plan, const std::function<void(const QString &)> &say);
+Moved movePools(const MovePlan &wanted, const std::function<void(const QString &)> &say);
 
 // Makes all as it was before a move that was cut off and cannot be gone on with. Returns what could not be.
 QString undoMove(const MoveJournal &journal);
