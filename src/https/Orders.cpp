@@ -1,0 +1,107 @@
+#include "https/Orders.h"
+
+#include "common/Fd.h"
+#include "common/HttpsFiles.h"
+#include "common/HttpsOptions.h"
+#include "common/Json.h"
+
+#include <QFile>
+#include <QJsonObject>
+
+#include <algorithm>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::https {
+namespace {
+
+constexpr qsizetype kLargestJob = qsizetype{256} * 1024;
+constexpr qint64 kLongestPause = 86400;
+constexpr qint64 kWindow = qint64{3} * 3600;
+constexpr int kMostFailures = 20;
+
+} // namespace
+
+std::optional<Job> parseJob(const QByteArray &json)
+{
+    const QJsonObject object = parseObject(json);
+    if (!object.contains("name"_L1))
+        return std::nullopt;
+    const QJsonObject last = object.value("last"_L1).toObject();
+    return Job{object.value("finished"_L1).toBool(), object.value("errors"_L1).toInt(),
+               last.value("detail"_L1).toString()};
+}
+
+std::optional<Job> readJob(const QString &domain, qint64 *writtenAt)
+{
+    const QString path = u"%1/staging/%2/job.json"_s.arg(QLatin1StringView(kStore), domain);
+    struct stat status = {};
+    // Apache's user writes there: no link of his is followed, and nothing but a file is read.
+    if (::lstat(QFile::encodeName(path).constData(), &status) != 0 || !S_ISREG(status.st_mode))
+        return std::nullopt;
+    *writtenAt = status.st_mtim.tv_sec;
+    const std::optional<QByteArray> bytes = readWhole(path, kLargestJob);
+    return bytes ? parseJob(*bytes) : std::nullopt;
+}
+
+void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds)
+{
+    for (const QString &domain : domains) {
+        qint64 writtenAt = 0;
+        const std::optional<Job> job = readJob(domain, &writtenAt);
+        if (!job)
+            continue;
+        OrderState &order = state->orders[domain];
+        if (job->finished) {
+            order.failures = 0;
+            order.nextAt = 0;
+            order.said.clear();
+            continue;
+        }
+        if (job->errors == 0 || writtenAt <= order.failedAt)
+            continue;
+        order.failures = std::min(order.failures + 1, kMostFailures);
+        order.failedAt = writtenAt;
+        order.said = job->said;
+        order.nextAt = writtenAt + std::min(retrySeconds << (order.failures - 1), kLongestPause);
+    }
+}
+
+void forgetJob(const QString &domain)
+{
+    const QByteArray staging = QByteArray(kStore) + "/staging";
+    // Apache's user writes below it: whatever he puts there, nothing else is removed than a file of this name in that
+    // folder.
+    constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const Fd folder(::open(staging.constData(), flags));
+    const Fd job(folder ? ::openat(folder.get(), QFile::encodeName(domain).constData(), flags) : -1);
+    if (job)
+        (void)::unlinkat(job.get(), "job.json", 0); // is there or not
+}
+
+int roomForOrders(const State &state, int most, qint64 now)
+{
+    const auto begun = std::count_if(state.orders.begin(), state.orders.end(),
+                                     [&](const OrderState &order) { return order.startedAt > now - kWindow; });
+    return std::max(0, most - static_cast<int>(begun));
+}
+
+qint64 secondsIn(const QString &time)
+{
+    const qint64 number = time.chopped(1).toLongLong();
+    switch (time.back().unicode()) {
+    case u'd':
+        return number * 86400;
+    case u'h':
+        return number * 3600;
+    case u'm':
+        return number * 60;
+    default:
+        return number;
+    }
+}
+
+} // namespace corv::https

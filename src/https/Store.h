@@ -1,0 +1,20 @@
+#pragma once
+
+#include "common/Fd.h"
+#include "common/HttpsState.h"
+
+namespace corv::https {
+
+// Says something on standard error, which is Apache's journal or that of a unit of ours.
+void say(const QString &sentence);
+
+// The lock that whoever changes the state or what is generated holds; empty where it is not to be had in 20 s.
+Fd takeLock();
+
+// The state as it was kept; an empty one where none was.
+State loadState();
+
+// Keeps the state. What cannot be kept is said; nothing but speed depends on it.
+void saveState(const State &state);
+
+} // namespace corv::https
