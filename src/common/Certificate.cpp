@@ -1,7 +1,8 @@
 #include "common/Certificate.h"
 
 #include <QDateTime>
-#include <QTimeZone>
+
+#include <algorithm>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -61,18 +62,30 @@ std::optional<QByteArrayView> take(QByteArrayView *rest, uchar tag)
     return element && element->tag == tag ? std::optional(element->content) : std::nullopt;
 }
 
+// As in "20280101123456Z".
+constexpr qsizetype kTimeSize = 15;
+
+bool isDigit(char character)
+{
+    return character >= '0' && character <= '9';
+}
+
 std::optional<qint64> takeTime(QByteArrayView *rest)
 {
     const std::optional<Element> element = take(rest);
     if (!element || (element->tag != kShortTime && element->tag != kLongTime))
         return std::nullopt;
-    QString text = QString::fromLatin1(element->content);
+    QByteArray text = element->content.toByteArray();
     // Those of two digits are of 1950 to 2049.
     if (element->tag == kShortTime)
-        text.prepend(text.left(1) >= "5"_L1 ? u"19"_s : u"20"_s);
-    QDateTime time = QDateTime::fromString(text, u"yyyyMMddHHmmss'Z'"_s);
-    time.setTimeZone(QTimeZone::utc());
-    return time.isValid() ? std::optional(time.toSecsSinceEpoch()) : std::nullopt;
+        text.prepend(text.left(1) >= "5" ? "19" : "20");
+    if (text.size() != kTimeSize || !text.endsWith('Z') || !std::all_of(text.begin(), text.end() - 1, isDigit))
+        return std::nullopt;
+    const QDate day(text.mid(0, 4).toInt(), text.mid(4, 2).toInt(), text.mid(6, 2).toInt());
+    const QTime time(text.mid(8, 2).toInt(), text.mid(10, 2).toInt(), text.mid(12, 2).toInt());
+    if (!day.isValid() || !time.isValid())
+        return std::nullopt;
+    return QDateTime(day, time, Qt::UTC).toSecsSinceEpoch();
 }
 
 // The issuer's common name, else its organisation.

@@ -1,7 +1,5 @@
 #include "common/HttpsFiles.h"
 
-#include "common/Fd.h"
-
 #include <QFile>
 #include <QStringList>
 
@@ -35,7 +33,11 @@ constexpr Folder kFolders[] = {{"/run/corvane", 0755},       {kRunFolder, 0755},
 
 std::optional<QByteArray> readWhole(const QString &path, qsizetype most)
 {
-    const Fd file(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return readWhole(Fd(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)), most);
+}
+
+std::optional<QByteArray> readWhole(const Fd &file, qsizetype most)
+{
     struct stat status = {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size > most)
         return std::nullopt;
@@ -60,6 +62,11 @@ std::optional<QByteArray> readWhole(const QString &path, qsizetype most)
 QString storeFolder(const QString &domain)
 {
     return u"%1/domains/%2"_s.arg(QLatin1StringView(kStore), domain);
+}
+
+QString stagingFolder(const QString &domain)
+{
+    return QLatin1StringView(kStagingFolder) + u'/' + domain;
 }
 
 std::optional<Certificate> certificateOf(const QString &domain, const SiteOptions &options)

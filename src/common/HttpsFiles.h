@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Certificate.h"
+#include "common/Fd.h"
 #include "common/HttpsOptions.h"
 
 #include <QByteArray>
@@ -14,8 +15,15 @@ namespace corv::https {
 // for.
 std::optional<QByteArray> readWhole(const QString &path, qsizetype most);
 
+// Likewise of what is open there, if anything is.
+std::optional<QByteArray> readWhole(const Fd &file, qsizetype most);
+
 // Where the store keeps what it has of a domain.
 QString storeFolder(const QString &domain);
+
+// Where it keeps what it is getting for a domain, or has got and the next reload puts into use. Apache's user can write
+// there.
+QString stagingFolder(const QString &domain);
 
 // The certificate that Apache uses, or would use, for a domain.
 std::optional<Certificate> certificateOf(const QString &domain, const SiteOptions &options);

@@ -14,6 +14,7 @@ constexpr auto kOptionsFolder = "/etc/corvane/https.d";
 // Certificates and keys: the ones that Apache gets and renews, and copies of those that were brought. Below
 // /etc/corvane, so that each backup has them.
 constexpr auto kStore = "/etc/corvane/https/md";
+constexpr auto kStagingFolder = "/etc/corvane/https/md/staging";
 constexpr auto kOwnFolder = "/etc/corvane/https/own";
 // The one file that Apache includes, and its name for a2ensite. It sorts behind the administrator's sites, so that the
 // first of these stays the one that answers for names that nobody has.

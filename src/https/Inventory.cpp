@@ -57,9 +57,10 @@ QString printOf(const QByteArray &text, const QString &domain, const SiteOptions
     QCryptographicHash hash(QCryptographicHash::Sha256);
     hash.addData(text);
     QStringList paths;
-    const QDir folder(storeFolder(domain));
-    for (const QString &name : folder.entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name))
-        paths.append(folder.filePath(name));
+    for (const QDir &folder : {QDir(storeFolder(domain)), QDir(stagingFolder(domain))}) {
+        for (const QString &name : folder.entryList(QDir::Files | QDir::Hidden | QDir::System, QDir::Name))
+            paths.append(folder.filePath(name));
+    }
     if (!options.own.isEmpty())
         paths += {ownCertificatePath(options.own), ownKeyPath(options.own)};
     for (const QString &path : std::as_const(paths)) {
@@ -67,8 +68,8 @@ QString printOf(const QByteArray &text, const QString &domain, const SiteOptions
         (void)::lstat(QFile::encodeName(path).constData(), &status); // what is missing shows as nothing
         hash.addData(u"%1 %2 %3 %4\n"_s.arg(path)
                          .arg(status.st_size)
-                         .arg(status.st_mtim.tv_sec)
-                         .arg(status.st_mtim.tv_nsec)
+                         .arg(status.st_ctim.tv_sec)
+                         .arg(status.st_ctim.tv_nsec)
                          .toUtf8());
     }
     return QString::fromLatin1(hash.result().toHex());

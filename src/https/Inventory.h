@@ -11,7 +11,8 @@ namespace corv::https {
 // the agent's making is passed over; told gets a sentence for each of these.
 QList<Candidate> readCandidates(qint64 now, QStringList *told);
 
-// A print that changes with any change of a twin's text or of the files of its certificate.
+// A print that changes with any change of a twin's text or of the files of its certificate, one that has just come
+// included.
 QString printOf(const QByteArray &text, const QString &domain, const SiteOptions &options);
 
 // Whether the store's disk has no room left for what Apache writes there when it starts.

@@ -22,6 +22,15 @@ constexpr qsizetype kLargestJob = qsizetype{256} * 1024;
 constexpr qint64 kLongestPause = 86400;
 constexpr qint64 kWindow = qint64{3} * 3600;
 constexpr int kMostFailures = 20;
+constexpr auto kJobFile = "job.json";
+
+// Apache's user writes in that folder and the one that it is in: whatever he puts there, no link of his is followed.
+Fd openStaging(const QString &domain)
+{
+    constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const Fd all(::open(kStagingFolder, flags));
+    return Fd(all ? ::openat(all.get(), QFile::encodeName(domain).constData(), flags) : -1);
+}
 
 } // namespace
 
@@ -37,13 +46,13 @@ std::optional<Job> parseJob(const QByteArray &json)
 
 std::optional<Job> readJob(const QString &domain, qint64 *writtenAt)
 {
-    const QString path = u"%1/staging/%2/job.json"_s.arg(QLatin1StringView(kStore), domain);
+    const Fd folder = openStaging(domain);
+    const Fd file(folder ? ::openat(folder.get(), kJobFile, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC) : -1);
     struct stat status = {};
-    // Apache's user writes there: no link of his is followed, and nothing but a file is read.
-    if (::lstat(QFile::encodeName(path).constData(), &status) != 0 || !S_ISREG(status.st_mode))
+    if (!file || ::fstat(file.get(), &status) != 0)
         return std::nullopt;
     *writtenAt = status.st_mtim.tv_sec;
-    const std::optional<QByteArray> bytes = readWhole(path, kLargestJob);
+    const std::optional<QByteArray> bytes = readWhole(file, kLargestJob);
     return bytes ? parseJob(*bytes) : std::nullopt;
 }
 
@@ -72,14 +81,8 @@ void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds)
 
 void forgetJob(const QString &domain)
 {
-    const QByteArray staging = QByteArray(kStore) + "/staging";
-    // Apache's user writes below it: whatever he puts there, nothing else is removed than a file of this name in that
-    // folder.
-    constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    const Fd folder(::open(staging.constData(), flags));
-    const Fd job(folder ? ::openat(folder.get(), QFile::encodeName(domain).constData(), flags) : -1);
-    if (job)
-        (void)::unlinkat(job.get(), "job.json", 0); // is there or not
+    if (const Fd folder = openStaging(domain))
+        (void)::unlinkat(folder.get(), kJobFile, 0); // is there or not
 }
 
 int roomForOrders(const State &state, int most, qint64 now)

@@ -57,7 +57,7 @@ Rehearsal rehearse(const QString &sitesPath, bool storeIsFull, int milliseconds)
     case Spaces::End::Up:
         return {Rehearsal::End::Up, {}};
     case Spaces::End::NoTime:
-        return {Rehearsal::End::NoTime, u"Apache does not come up in its time"_s};
+        return {Rehearsal::End::NoTime, u"Apache does not come up in its time, or lacks the memory for it"_s};
     case Spaces::End::NoSpaces:
         return {Rehearsal::End::NoSpaces, {}};
     case Spaces::End::Down:

@@ -11,7 +11,7 @@ struct Rehearsal
     enum class End {
         Up,       // it came up
         Down,     // it did not
-        NoTime,   // it did neither in its time
+        NoTime,   // it did neither in its time, or there was no memory for it
         NoSpaces, // the kernel does not let it be tried
     };
     End end = End::Down;

@@ -1,3 +1,4 @@
+#include "https/Choice.h"
 #include "https/Orders.h"
 #include "https/Store.h"
 #include "https/Sync.h"
@@ -60,6 +61,7 @@ int again()
     if (!makeFolders())
         return 1;
     const Fd lock = takeLock();
+    forgetProof();
     State state = loadState();
     state.rescues = 0;
     state.rescuedUntil = 0;
@@ -81,6 +83,7 @@ int rescue()
     if (!isOn())
         return 0;
     const Fd lock = takeLock();
+    forgetProof();
     // It may have ended with what was there a moment ago and has been taken away since. Where it ends again without any
     // of it, that is for reasons of its own.
     if (isEmpty(kLiveFile))

@@ -45,7 +45,7 @@ Sifted sift(int count, const std::function<Verdict(const QList<int> &)> &comesUp
         verdict = comesUp({});
     if (verdict != Verdict::Up) {
         sifted.undecided = all;
-        sifted.baseIsGood = false;
+        sifted.verdict = verdict;
         return sifted;
     }
     if (count == 1) {

@@ -15,10 +15,10 @@ enum class Verdict {
 // What of so many parts Apache comes up with, by their places.
 struct Sifted
 {
-    QList<int> good;        // in order
-    QList<int> bad;         // each alone keeps it from coming up
-    QList<int> undecided;   // there was no time for them; left out as well
-    bool baseIsGood = true; // false where it does not come up without any of them
+    QList<int> good;               // in order
+    QList<int> bad;                // each alone keeps it from coming up
+    QList<int> undecided;          // there was no time for them; left out as well
+    Verdict verdict = Verdict::Up; // on none of them at all, with which it has to come up first
 };
 
 // Tries all parts at once, and where Apache does not come up with them, without any and then by halves, so that one bad

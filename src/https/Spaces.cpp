@@ -28,6 +28,7 @@ namespace {
 constexpr char kUp = 'u';
 constexpr char kDown = 'd';
 constexpr char kNoSpaces = 'n';
+constexpr char kKilled = 'k';
 
 constexpr auto kRunFolder = "/run/apache2";
 constexpr auto kPidFile = "/run/apache2/apache2.pid";
@@ -148,9 +149,18 @@ void limitMemory()
     (void)::setrlimit(RLIMIT_DATA, &limit);
 }
 
+// Where memory runs out, the trial goes before anything else does.
+void offerToKill()
+{
+    const Fd file(::open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
+    if (file)
+        (void)writeAll(file.get(), "1000\n");
+}
+
 [[noreturn]] void becomeServer(const Command &command, int output)
 {
     limitMemory();
+    offerToKill();
     (void)::dup2(output, STDOUT_FILENO);
     (void)::dup2(output, STDERR_FILENO);
     // Neither the lock nor anything else goes with it: whoever waits for the lock would wait for the server.
@@ -197,7 +207,8 @@ void keepLog(int output)
         int code = 0;
         if (::waitpid(server, &code, WNOHANG) == server) {
             keepLog(output);
-            end(kDown);
+            // Nobody but the kernel kills it, for want of memory, which says nothing of what was tried.
+            end(WIFSIGNALED(code) && WTERMSIG(code) == SIGKILL ? kKilled : kDown);
         }
         ::usleep(kPollMicroseconds);
     }
@@ -267,6 +278,8 @@ Spaces::End Spaces::wait(int milliseconds)
         return End::Down;
     if (byte == kNoSpaces)
         return End::NoSpaces;
+    if (byte == kKilled)
+        return End::NoTime;
     return byte == kUp ? End::Up : End::Down;
 }
 

@@ -27,7 +27,8 @@ public:
     // one, or with isReadOnly not at all. False when no process can be had for it.
     bool start(const QString &program, const QStringList &words, const QString &store, bool isFull);
 
-    // Waits until the server has written its process id, or has ended, at most so many milliseconds; ends it.
+    // Waits until the server has written its process id, or has ended, at most so many milliseconds; ends it. NoTime
+    // also where it was killed: there was no memory for it.
     End wait(int milliseconds);
 
     // What it wrote, on its standard streams and into its log.

@@ -19,8 +19,9 @@ namespace corv::https {
 namespace {
 
 constexpr auto kLockFile = "/run/corvane/https/lock";
-constexpr int kLockMilliseconds = 20000;
+constexpr int kLockMilliseconds = 15000;
 constexpr useconds_t kLockPause = 20000;
+constexpr qsizetype kLargestLive = qsizetype{64} * 1024 * 1024;
 constexpr qsizetype kLargestState = qsizetype{16} * 1024 * 1024;
 
 } // namespace
@@ -52,6 +53,11 @@ void saveState(const State &state)
 {
     if (!replaceFile(QString::fromLatin1(kStateFile), stateText(state), 0644))
         say(u"cannot write %1"_s.arg(QLatin1StringView(kStateFile)));
+}
+
+std::optional<QByteArray> readLive()
+{
+    return readWhole(QString::fromLatin1(kLiveFile), kLargestLive);
 }
 
 } // namespace corv::https

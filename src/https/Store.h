@@ -3,12 +3,16 @@
 #include "common/Fd.h"
 #include "common/HttpsState.h"
 
+#include <QByteArray>
+
+#include <optional>
+
 namespace corv::https {
 
 // Says something on standard error, which is Apache's journal or that of a unit of ours.
 void say(const QString &sentence);
 
-// The lock that whoever changes the state or what is generated holds; empty where it is not to be had in 20 s.
+// The lock that whoever changes the state or what is generated holds; empty where it is not to be had in 15 s.
 Fd takeLock();
 
 // The state as it was kept; an empty one where none was.
@@ -16,5 +20,8 @@ State loadState();
 
 // Keeps the state. What cannot be kept is said; nothing but speed depends on it.
 void saveState(const State &state);
+
+// What Apache was last given to read; nothing where that is missing.
+std::optional<QByteArray> readLive();
 
 } // namespace corv::https

@@ -1,21 +1,24 @@
 #include "https/Work.h"
 
+#include "common/FolderStream.h"
 #include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 #include "common/TimedRun.h"
+#include "common/Tree.h"
 #include "https/Inventory.h"
 #include "https/Orders.h"
 #include "https/Probe.h"
+#include "https/Proof.h"
 #include "https/Settings.h"
 #include "https/Store.h"
 #include "https/Sync.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
-#include <QDir>
 #include <QSettings>
 
 #include <algorithm>
+#include <cerrno>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -33,16 +36,28 @@ constexpr int kOrdersMilliseconds = 120000;
 constexpr qint64 kBusySeconds = 60;
 constexpr useconds_t kPauseMicroseconds = 300000;
 constexpr int kReloadMilliseconds = 100000;
-constexpr qsizetype kLargestLive = qsizetype{64} * 1024 * 1024;
+
+QList<QByteArray> namesIn(int folder)
+{
+    const FolderStream stream(::fdopendir(::dup(folder)));
+    QList<QByteArray> names;
+    while (const dirent *entry = stream ? ::readdir(stream.get()) : nullptr) {
+        const QByteArray name(entry->d_name);
+        if (name != "." && name != "..")
+            names.append(name);
+    }
+    return names;
+}
 
 void emptyInbox()
 {
-    QDir inbox(QString::fromLatin1(kInbox));
-    for (const QString &name : inbox.entryList(QDir::AllEntries | QDir::System | QDir::Hidden | QDir::NoDotAndDotDot)) {
-        // Apache's user can make folders here; one that is not empty would start the unit again and again.
-        if (!inbox.remove(name))
-            QDir(inbox.filePath(name)).removeRecursively();
-    }
+    // Apache's user can make anything here, folders and links too, and change it meanwhile; what is left would start
+    // the unit again and again.
+    const Fd inbox(::open(kInbox, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!inbox)
+        return;
+    for (const QByteArray &name : namesIn(inbox.get()))
+        (void)removeTree(inbox.get(), name.constData()); // one that is kept from it is there the next time
 }
 
 // The names whose turn it is, of sites that are on-line: a suspended one answers no probe, and keeps what was seen
@@ -156,10 +171,10 @@ int work()
         orders = lookAtOrders(candidates);
     }
     // What comes out of it is what Apache reads anyway, so that there is no harm in making it before its reload.
-    const std::optional<QByteArray> before = readWhole(QString::fromLatin1(kLiveFile), kLargestLive);
-    if (sync() != 0)
+    const std::optional<QByteArray> before = readLive();
+    if (sync(kTrustedByWork) != 0)
         return 1;
-    const std::optional<QByteArray> after = readWhole(QString::fromLatin1(kLiveFile), kLargestLive);
+    const std::optional<QByteArray> after = readLive();
     if (!orders.waiting && before == after)
         return 0;
     return reload() ? 0 : 1;
@@ -168,8 +183,10 @@ int work()
 bool leaveNote(const char *name)
 {
     const Fd inbox(::open(kInbox, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const Fd note(inbox ? ::openat(inbox.get(), name, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600) : -1);
-    return bool(note);
+    // A pipe in its place is not waited for: it stands for the note as well.
+    const Fd note(inbox ? ::openat(inbox.get(), name, O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW, 0600)
+                        : -1);
+    return bool(note) || errno == ENXIO;
 }
 
 int message(const QString &event)

@@ -2,6 +2,7 @@
 // Apache.
 
 #include "common/Environment.h"
+#include "https/Proof.h"
 #include "https/Sync.h"
 #include "https/Work.h"
 
@@ -21,7 +22,7 @@ int main(int argc, char **argv)
     ::umask(022);
     corv::cleanEnvironment();
     if (words == QStringList{u"sync"_s})
-        return corv::https::sync();
+        return corv::https::sync(corv::https::kTrustedByReloads);
     if (words == QStringList{u"rescue"_s})
         return corv::https::rescue();
     if (words == QStringList{u"again"_s})
