@@ -91,6 +91,12 @@ State parseState(const QByteArray &json)
     state.sites = mapFrom(object, "sites"_L1, siteFrom);
     state.names = mapFrom(object, "names"_L1, nameFrom);
     state.orders = mapFrom(object, "orders"_L1, orderFrom);
+    const QJsonObject warned = object.value("warned"_L1).toObject();
+    for (auto one = warned.begin(); one != warned.end(); ++one)
+        state.warned.insert(one.key(), one.value().toInt());
+    const QJsonObject missed = object.value("missed"_L1).toObject();
+    for (auto one = missed.begin(); one != missed.end(); ++one)
+        state.missed.insert(one.key(), one.value().toInteger());
     state.none = object.value("none"_L1).toString();
     state.rescues = object.value("rescues"_L1).toInt();
     state.rescuedUntil = object.value("rescuedUntil"_L1).toInteger();
@@ -103,9 +109,17 @@ State parseState(const QByteArray &json)
 
 QByteArray stateText(const State &state)
 {
+    QJsonObject warned;
+    for (auto one = state.warned.begin(); one != state.warned.end(); ++one)
+        warned.insert(one.key(), one.value());
+    QJsonObject missed;
+    for (auto one = state.missed.begin(); one != state.missed.end(); ++one)
+        missed.insert(one.key(), one.value());
     const QJsonObject object{{u"sites"_s, objectOfMap(state.sites)},
                              {u"names"_s, objectOfMap(state.names)},
                              {u"orders"_s, objectOfMap(state.orders)},
+                             {u"warned"_s, warned},
+                             {u"missed"_s, missed},
                              {u"none"_s, state.none},
                              {u"rescues"_s, state.rescues},
                              {u"rescuedUntil"_s, state.rescuedUntil},

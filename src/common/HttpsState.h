@@ -52,6 +52,8 @@ struct State
     QMap<QString, SiteState> sites; // by account
     QMap<QString, NameState> names;
     QMap<QString, OrderState> orders; // by domain
+    QMap<QString, int> warned;        // by domain: so many days before its certificate's end somebody was told
+    QMap<QString, qint64> missed;     // what is kept for sites and accounts that are gone: since when
     QString none;                     // why there is no HTTPS at all, empty where there is
     int rescues = 0;                  // how often in a row Apache ended with what was generated
     qint64 rescuedUntil = 0;          // nothing is generated before

@@ -45,8 +45,9 @@ QList<Candidate> readCandidates(qint64 now, QStringList *told)
         const std::optional<SiteOptions> options = readOptions(account);
         candidate.optionsAreClear = options.has_value();
         candidate.options = options.value_or(SiteOptions());
-        const std::optional<Certificate> certificate = certificateOf(site->domain, candidate.options);
-        candidate.certified = certificate && certificate->begins <= now && now < certificate->ends;
+        candidate.certificate = certificateOf(site->domain, candidate.options);
+        candidate.certified =
+            candidate.certificate && candidate.certificate->begins <= now && now < candidate.certificate->ends;
         candidates.append(candidate);
     }
     return candidates;

@@ -1,11 +1,14 @@
 #pragma once
 
+#include "common/Certificate.h"
 #include "common/HttpsState.h"
 #include "https/Twin.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QSet>
+
+#include <optional>
 
 namespace corv::https {
 
@@ -30,8 +33,9 @@ struct Candidate
 {
     AccountSite site;
     SiteOptions options = {};
-    bool optionsAreClear = true; // false: the file with its choices cannot be read
-    bool certified = false;      // there is a valid certificate for it
+    bool optionsAreClear = true;                 // false: the file with its choices cannot be read
+    bool certified = false;                      // there is a valid certificate for it
+    std::optional<Certificate> certificate = {}; // the one that there is
 };
 
 // The twins of the sites, in their order, and what is to be told of each site that has none or lacks a name. Each name

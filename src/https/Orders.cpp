@@ -56,7 +56,7 @@ std::optional<Job> readJob(const QString &domain, qint64 *writtenAt)
     return bytes ? parseJob(*bytes) : std::nullopt;
 }
 
-void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds)
+void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds, qint64 now)
 {
     for (const QString &domain : domains) {
         qint64 writtenAt = 0;
@@ -68,6 +68,10 @@ void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds)
             order.failures = 0;
             order.nextAt = 0;
             order.said.clear();
+            continue;
+        }
+        if (job->errors > 0 && writtenAt > now) {
+            forgetJob(domain);
             continue;
         }
         if (job->errors == 0 || writtenAt <= order.failedAt)

@@ -25,8 +25,8 @@ std::optional<Job> readJob(const QString &domain, qint64 *writtenAt);
 
 // Remembers what became of the orders of these domains since the state was made: Apache forgets its failures at each
 // reload. retrySeconds is how long the first pause after a failure is; each further one is twice as long, a day at
-// most.
-void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds);
+// most. What was written later than now, by a clock that was wrong, is begun anew.
+void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds, qint64 now);
 
 // Has Apache begin anew with an order that failed and whose pause is over: it would keep to a pause of its own.
 void forgetJob(const QString &domain);

@@ -4,8 +4,10 @@
 #include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 
+#include <QDateTime>
 #include <QDeadlineTimer>
 
+#include <algorithm>
 #include <cstdio>
 
 #include <fcntl.h>
@@ -22,6 +24,8 @@ constexpr auto kLockFile = "/run/corvane/https/lock";
 constexpr int kLockMilliseconds = 15000;
 constexpr useconds_t kLockPause = 20000;
 constexpr qsizetype kLargestLive = qsizetype{64} * 1024 * 1024;
+// A day is the longest of them.
+constexpr qint64 kLongestPause = 86400;
 constexpr qsizetype kLargestState = qsizetype{16} * 1024 * 1024;
 
 } // namespace
@@ -44,9 +48,29 @@ Fd takeLock()
     return file;
 }
 
+void forgetFuture(State *state, qint64 now)
+{
+    const qint64 latest = now + kLongestPause;
+    for (NameState &name : state->names) {
+        if (name.nextAt > latest)
+            name.nextAt = 0;
+    }
+    for (OrderState &order : state->orders) {
+        if (order.nextAt > latest)
+            order.nextAt = 0;
+        if (order.failedAt > now)
+            order.failedAt = 0;
+        order.startedAt = std::min(order.startedAt, now);
+    }
+    if (state->rescuedUntil > latest)
+        state->rescuedUntil = 0;
+}
+
 State loadState()
 {
-    return parseState(readWhole(QString::fromLatin1(kStateFile), kLargestState).value_or(QByteArray()));
+    State state = parseState(readWhole(QString::fromLatin1(kStateFile), kLargestState).value_or(QByteArray()));
+    forgetFuture(&state, QDateTime::currentSecsSinceEpoch());
+    return state;
 }
 
 void saveState(const State &state)

@@ -9,6 +9,10 @@
 
 namespace corv::https {
 
+// Forgets each time in the state that lies further ahead than any pause is long: a clock that was wrong has left it,
+// and nobody waits a year for what it was right to wait an hour for. now is in seconds since 1970.
+void forgetFuture(State *state, qint64 now);
+
 // Says something on standard error, which is Apache's journal or that of a unit of ours.
 void say(const QString &sentence);
 

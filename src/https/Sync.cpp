@@ -41,7 +41,7 @@ bool prepare(Run *run, const Settings &settings, const QByteArray &tls, qint64 t
     QStringList domains;
     for (const Candidate &candidate : candidates)
         domains.append(candidate.site.domain);
-    noteJobs(&run->state, domains, secondsIn(settings.authority.retry));
+    noteJobs(&run->state, domains, secondsIn(settings.authority.retry), run->now);
     const Plan planned =
         plan(candidates, run->proof.others, run->state, run->now, roomForOrders(run->state, settings.orders, run->now));
     run->hasUnseen = !planned.unseen.isEmpty();

@@ -1,14 +1,17 @@
 #include "https/Work.h"
 
+#include "common/Account.h"
 #include "common/FolderStream.h"
 #include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
 #include "common/TimedRun.h"
 #include "common/Tree.h"
+#include "https/Ends.h"
 #include "https/Inventory.h"
 #include "https/Orders.h"
 #include "https/Probe.h"
 #include "https/Proof.h"
+#include "https/Prune.h"
 #include "https/Settings.h"
 #include "https/Store.h"
 #include "https/Sync.h"
@@ -151,6 +154,25 @@ bool reload()
     return outcome.succeeded;
 }
 
+// Tells of certificates that end, and clears away what nobody needs. Gives what was told.
+QStringList keepHouse(const QList<Candidate> &candidates, qint64 now)
+{
+    const Fd lock = takeLock();
+    if (!lock)
+        return {};
+    State state = loadState();
+    const QStringList warnings = newWarnings(candidates, &state, now);
+    QStringList domains;
+    for (const Candidate &candidate : candidates)
+        domains.append(candidate.site.domain);
+    QStringList accounts;
+    for (const hosting::User &user : hosting::users())
+        accounts.append(user.name);
+    prune(domains, accounts, &state, now);
+    saveState(state);
+    return warnings;
+}
+
 } // namespace
 
 int work()
@@ -175,9 +197,13 @@ int work()
     if (sync(kTrustedByWork) != 0)
         return 1;
     const std::optional<QByteArray> after = readLive();
-    if (!orders.waiting && before == after)
-        return 0;
-    return reload() ? 0 : 1;
+    if ((orders.waiting || before != after) && !reload())
+        return 1;
+    const QStringList warnings = keepHouse(candidates, now);
+    for (const QString &sentence : warnings)
+        say(sentence);
+    // That is how the administrator hears of it: what becomes of this unit is told to him.
+    return warnings.isEmpty() ? 0 : 1;
 }
 
 bool leaveNote(const char *name)

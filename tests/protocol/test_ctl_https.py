@@ -103,7 +103,19 @@ def test_tells_how_https_is_doing(server):
     facts = {key.strip(): value.strip() for key, value in facts.items()}
     assert facts.pop("First end") and facts.pop("Last reload")
     assert facts == {"HTTPS": "on", "Certificates": "2", "Waiting": "1", "Left out": "2", "New in 3 hours": "1",
+                     "Failed in 1 hour": "0", "In 1 week": "2",
                      "Rehearsal": "before each reload", "It took": "217 ms"}
+
+
+def test_the_servers_status_tells_of_certificates_and_of_what_is_wrong_with_them(server, tmp_path):
+    def https():
+        return [line.split("\t")[1:] for line in corvctl(server, "--plain", "status")[1].splitlines() if line.startswith("https\t")]
+
+    ends = time.strftime("%Y-%m-%d %H:%M", time.localtime(json.loads(corvctl(server, "--json", "https", "status", start=False)[1])["nextEnd"]))
+    assert https() == [["ok", f"2 of 5 sites have a certificate, the first ends {ends}"]]
+    certificate, _ = make_pair(tmp_path / "late", ["bobby.example"], -1)
+    server.write("/etc/corvane/https/md/domains/bobby.example/pubcert.p-256.pem", certificate.read_text())
+    assert https() == [["attention", "the certificate of bobby.example is not good at this time: its certificate is on its way"]]
 
 
 def test_where_it_is_off_it_says_so(server):

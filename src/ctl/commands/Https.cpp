@@ -9,6 +9,7 @@
 
 #include <QDateTime>
 #include <QJsonArray>
+#include <QMap>
 
 #include <algorithm>
 
@@ -17,7 +18,11 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
+// What the large public authority counts: orders in three hours (300), failures for a name in an hour (5), certificates
+// for a domain with all that is below it in a week (50).
 constexpr qint64 kOrdersWindow = qint64{3} * 3600;
+constexpr qint64 kFailuresWindow = 3600;
+constexpr qint64 kWeek = qint64{7} * 86400;
 
 Colour colourOf(HttpsSite::Stage stage)
 {
@@ -99,6 +104,32 @@ Counts countSites(const QList<HttpsSite> &sites)
     return counts;
 }
 
+// The certificates of a week.
+struct Week
+{
+    qint64 all = 0;
+    qint64 most = 0; // below one domain
+    QString domain;  // that one
+};
+
+Week countWeek(const QList<HttpsSite> &sites, qint64 now)
+{
+    Week week;
+    QMap<QString, qint64> byDomain;
+    for (const HttpsSite &site : sites) {
+        if (site.isOwn || site.ends == 0 || site.begins < now - kWeek)
+            continue;
+        ++week.all;
+        // Below "co.uk" and its kind that is one domain for too many, which errs on the safe side.
+        const qint64 count = ++byDomain[site.domain.section(u'.', -2)];
+        if (count > week.most) {
+            week.most = count;
+            week.domain = site.domain.section(u'.', -2);
+        }
+    }
+    return week;
+}
+
 int status(Session &session, const Given &)
 {
     if (const std::optional<int> end = refuseUnlessHere(session, u"https status"_s))
@@ -106,9 +137,14 @@ int status(Session &session, const Given &)
     const std::optional<https::State> state = readHttps();
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     const https::State kept = state.value_or(https::State());
-    const Counts counts = countSites(readHttpsSites(kept, now));
+    const QList<HttpsSite> sites = readHttpsSites(kept, now);
+    const Counts counts = countSites(sites);
+    const Week week = countWeek(sites, now);
     const auto orders = std::count_if(kept.orders.begin(), kept.orders.end(), [&](const https::OrderState &order) {
         return order.startedAt > now - kOrdersWindow;
+    });
+    const auto failed = std::count_if(kept.orders.begin(), kept.orders.end(), [&](const https::OrderState &order) {
+        return order.failedAt > now - kFailuresWindow;
     });
     if (session.options.json) {
         printJson(session, {{u"ok"_s, true},
@@ -119,6 +155,9 @@ int status(Session &session, const Given &)
                             {u"leftOut"_s, counts.leftOut},
                             {u"nextEnd"_s, counts.nextEnd},
                             {u"ordersInThreeHours"_s, static_cast<qint64>(orders)},
+                            {u"failedInOneHour"_s, static_cast<qint64>(failed)},
+                            {u"certificatesInOneWeek"_s, week.all},
+                            {u"mostBelowOneDomain"_s, week.most},
                             {u"rehearsed"_s, kept.rehearsed},
                             {u"milliseconds"_s, kept.milliseconds},
                             {u"at"_s, kept.at}});
@@ -137,6 +176,10 @@ int status(Session &session, const Given &)
          {u"Left out"_s, number(counts.leftOut)},
          {u"First end"_s, counts.nextEnd > 0 ? time(counts.nextEnd) : nothing()},
          {u"New in 3 hours"_s, number(orders)},
+         {u"Failed in 1 hour"_s, number(failed)},
+         {u"In 1 week"_s,
+          text(week.most > 1 ? u"%1, %2 of these below %3"_s.arg(week.all).arg(week.most).arg(week.domain)
+                             : QString::number(week.all))},
          {u"Rehearsal"_s, kept.rehearsed ? text(u"before each reload"_s)
                                          : text(u"not possible here, the syntax alone is tested"_s, Colour::Warning)},
          {u"Last reload"_s, kept.at > 0 ? time(kept.at) : nothing()},

@@ -49,8 +49,8 @@ HttpsSite judgeSite(const QString &account, const https::State &state, const htt
                     const std::optional<Certificate> &certificate, qint64 now)
 {
     const https::SiteState kept = state.sites.value(account);
-    HttpsSite site{account, kept.domain,           kept.names, HttpsSite::Stage::Served, kept.withoutWww,
-                   0,       !options.own.isEmpty()};
+    HttpsSite site{account,         kept.domain, kept.names, HttpsSite::Stage::Served,
+                   kept.withoutWww, 0,           0,          !options.own.isEmpty()};
     if (!kept.withoutWww.isEmpty())
         site.remark = u"www.%1: %2"_s.arg(kept.domain, kept.withoutWww);
     if (options.off) {
@@ -68,6 +68,7 @@ HttpsSite judgeSite(const QString &account, const https::State &state, const htt
         return site;
     }
     site.ends = certificate->ends;
+    site.begins = certificate->begins;
     if (now >= certificate->ends || now < certificate->begins) {
         site.stage = HttpsSite::Stage::Expired;
         site.remark = whyWaiting(state, kept.domain);

@@ -28,6 +28,7 @@ struct HttpsSite
     Stage stage = Stage::Waiting;
     QString remark;     // why it is not served, or what is missing; empty where all is well
     qint64 ends = 0;    // of its certificate, in seconds since 1970; 0 without one
+    qint64 begins = 0;  // likewise
     bool isOwn = false; // with a certificate that was brought
 };
 
