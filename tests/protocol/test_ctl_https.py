@@ -10,6 +10,7 @@ from corvctl import corvctl
 PROGRAM = "/usr/libexec/corvane/corv-https"
 ENABLED = "/etc/apache2/sites-enabled/zz-corv-https.conf"
 DAY = 86400
+STATUS = ("system.info", "services.status", "system.disks", "security.status", "updates.status", "backup.status", "quota.status")
 
 
 def site(domain, **more):
@@ -107,15 +108,19 @@ def test_tells_how_https_is_doing(server):
                      "Rehearsal": "before each reload", "It took": "217 ms"}
 
 
-def test_the_servers_status_tells_of_certificates_and_of_what_is_wrong_with_them(server, tmp_path):
+def test_the_servers_status_tells_of_certificates_and_of_what_is_wrong_with_them(server):
     def https():
-        return [line.split("\t")[1:] for line in corvctl(server, "--plain", "status")[1].splitlines() if line.startswith("https\t")]
+        said = corvctl(server, "--plain", "status")[1]
+        server.logs(*(f"agent: uid 0 ran {command} -> ok" for command in STATUS))
+        return [line.split("\t")[1:] for line in said.splitlines() if line.startswith("https\t")]
 
-    ends = time.strftime("%Y-%m-%d %H:%M", time.localtime(json.loads(corvctl(server, "--json", "https", "status", start=False)[1])["nextEnd"]))
+    first = json.loads(corvctl(server, "--json", "https", "status", start=False)[1])["nextEnd"]
+    ends = time.strftime("%Y-%m-%d %H:%M", time.localtime(first))
     assert https() == [["ok", f"2 of 5 sites have a certificate, the first ends {ends}"]]
-    certificate, _ = make_pair(tmp_path / "late", ["bobby.example"], -1)
-    server.write("/etc/corvane/https/md/domains/bobby.example/pubcert.p-256.pem", certificate.read_text())
-    assert https() == [["attention", "the certificate of bobby.example is not good at this time: its certificate is on its way"]]
+    state = json.loads(server.read("/var/lib/corvane/https/state.json"))
+    state["sites"]["carol"].update(names=[], leftOut="its key is no key", refused="a print")
+    server.write("/var/lib/corvane/https/state.json", json.dumps(state))
+    assert https() == [["attention", "carol.example is not on HTTPS: its key is no key"]]
 
 
 def test_where_it_is_off_it_says_so(server):
