@@ -19,8 +19,9 @@ namespace corv::https {
 namespace {
 
 constexpr auto kApache = "/etc/apache2";
-// Any change of a package, be it Apache, one of its modules or the library that speaks TLS, changes this one.
-constexpr auto kPackages = "/var/lib/dpkg/status";
+constexpr auto kModules = "/usr/lib/apache2/modules";
+// The server, and what is written anew with each library that is upgraded, the one that speaks TLS among them.
+constexpr auto kPrograms = {"/usr/sbin/apache2", "/etc/ld.so.cache"};
 
 // Each site takes memory and open files, which is seen only with all of them.
 constexpr qsizetype kFewMore = 20;
@@ -50,11 +51,15 @@ bool holds(const Proof &proof, const QString &base, qsizetype twins, qint64 now,
 QString printOfApache(const QStringList &accounts)
 {
     QStringList paths;
-    QDirIterator files(QString::fromLatin1(kApache), QDir::Files | QDir::System | QDir::Hidden,
-                       QDirIterator::Subdirectories);
-    while (files.hasNext())
-        paths.append(files.next());
+    for (const char *folder : {kApache, kModules}) {
+        QDirIterator files(QString::fromLatin1(folder), QDir::Files | QDir::System | QDir::Hidden,
+                           QDirIterator::Subdirectories);
+        while (files.hasNext())
+            paths.append(files.next());
+    }
     paths.sort();
+    for (const char *program : kPrograms)
+        paths.append(QString::fromLatin1(program));
 
     QSet<QString> ours;
     for (const QString &account : accounts)
@@ -65,7 +70,6 @@ QString printOfApache(const QStringList &accounts)
         if (!isSite || !ours.contains(path.section(u'/', -1)))
             addFile(path, &hash);
     }
-    addFile(QString::fromLatin1(kPackages), &hash);
     return QString::fromLatin1(hash.result().toHex());
 }
 

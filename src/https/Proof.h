@@ -29,8 +29,8 @@ constexpr qint64 kTrustedByWork = 3600;
 // are not so many more twins that it would be another matter for Apache.
 bool holds(const Proof &proof, const QString &base, qsizetype twins, qint64 now, qint64 seconds);
 
-// A print that changes with any change of Apache's own files (those in /etc/apache2 but for the accounts' sites) and
-// with each package that is installed, upgraded or removed. Accounts are those whose sites are left out of it.
+// A print that changes with any change of Apache's own files (those in /etc/apache2 but for the accounts' sites), of
+// the server and its modules, and of the system's libraries. Accounts are those whose sites are left out of it.
 QString printOfApache(const QStringList &accounts);
 
 // The proof in a file's bytes; one that holds for nothing where they are none.
