@@ -1,6 +1,7 @@
 #include "common/Certificate.h"
 
 #include <QDateTime>
+#include <QTimeZone>
 
 #include <algorithm>
 
@@ -85,7 +86,7 @@ std::optional<qint64> takeTime(QByteArrayView *rest)
     const QTime time(text.mid(8, 2).toInt(), text.mid(10, 2).toInt(), text.mid(12, 2).toInt());
     if (!day.isValid() || !time.isValid())
         return std::nullopt;
-    return QDateTime(day, time, Qt::UTC).toSecsSinceEpoch();
+    return QDateTime(day, time, QTimeZone::utc()).toSecsSinceEpoch();
 }
 
 // The issuer's common name, else its organisation.

@@ -1,6 +1,7 @@
 #include "https/Ends.h"
 
 #include <QDateTime>
+#include <QTimeZone>
 
 #include <algorithm>
 
@@ -15,7 +16,8 @@ constexpr qint64 kRenewedPart = 3;
 
 QString sentenceOf(const Candidate &candidate, qint64 now)
 {
-    const QString day = QDateTime::fromSecsSinceEpoch(candidate.certificate->ends, Qt::UTC).toString(u"yyyy-MM-dd"_s);
+    const QString day =
+        QDateTime::fromSecsSinceEpoch(candidate.certificate->ends, QTimeZone::utc()).toString(u"yyyy-MM-dd"_s);
     const qint64 left = (candidate.certificate->ends - now) / kDay;
     const QString when = candidate.certificate->ends <= now ? u"ended on %1"_s.arg(day)
                                                             : u"ends on %1, in %2 day(s)"_s.arg(day).arg(left);

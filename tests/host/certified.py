@@ -82,7 +82,11 @@ def wait_for_certificate(host, domain):
         answer = secure(host, domain)
         return answer and answer.status != 503 and "Pebble" in answer.issuer
 
-    host.wait_for(is_there, f"a certificate for {domain}\n{host.journal('corv-https')}\n{host.journal('apache2')}")
+    try:
+        # An order that a reload cut off counts as under way for a minute.
+        host.wait_for(is_there, f"a certificate for {domain}", timeout=100)
+    except HostError as error:
+        raise HostError(f"{error}\n{host.get(STATE)}\n{host.journal('corv-https')}\n{host.journal('apache2')}") from error
 
 
 def secure(host, domain, path="/", *options):

@@ -237,6 +237,65 @@ def test_without_name_spaces_port_80_comes_back_by_itself(server):
         server.ok(["sh", "-c", f"rm /run/systemd/system/apache2.service.d/closed.conf; systemctl daemon-reload; rm -rf {STORE}/domains/{domain}"])
 
 
+def test_only_what_has_changed_is_tried(server):
+    (first, one), (_, other) = certified(server), certified(server)
+    server.ok(["systemctl", "start", "corv-https"])  # has all of it tried, and no order is under way any more
+    assert server.request("hosting.suspend", username=first) == {"ok": True}
+    tried = server.get("/run/corvane/https/trial.conf")
+    assert f"ServerName {one}\n" in tried and other not in tried
+    live = server.get(LIVE)
+    assert f"ServerName {one}\n" in live and f"ServerName {other}\n" in live
+    # Apache's own files count for all of them.
+    server.put("/etc/apache2/conf-enabled/theirs.conf", "# nothing\n")
+    try:
+        reload(server)
+        tried = server.get("/run/corvane/https/trial.conf")
+        assert f"ServerName {one}\n" in tried and f"ServerName {other}\n" in tried
+    finally:
+        server.ok(["rm", "/etc/apache2/conf-enabled/theirs.conf"])
+
+
+LEFT = r"""
+cd /run/corvane/https/inbox && mkfifo sites again renewed && mkdir -p a/b && ln -s /root/precious a/b/link && ln -s /root/precious link
+"""
+
+
+def test_what_apaches_user_leaves_in_the_inbox_holds_nobody_up_and_deletes_nothing_else(server):
+    server.ok(["sh", "-c", "mkdir -p /root/precious && touch /root/precious/file; systemctl stop corv-https.path"])
+    try:
+        server.ok(["sh", "-c", LEFT], user="www-data")
+        name = server.free_name()
+        # Its names were never asked for, of which a note is left there.
+        assert server.request("hosting.create", username=name, domain=f"{name}.example", sshKey=server.key.public)["ok"]
+        server.ok(["timeout", "20", "/usr/libexec/corvane/corv-https", "sync"])
+    finally:
+        server.ok(["systemctl", "start", "corv-https.path"])
+    server.wait_for(lambda: server.ok(["ls", "/run/corvane/https/inbox"]) == "", "an empty inbox")
+    assert server.exists("/root/precious/file")
+
+
+def test_what_has_been_gone_for_a_week_is_deleted(server):
+    name, domain = certified(server)
+    own = f"gone1-{'a' * 64}"
+    paths = [f"{STORE}/domains/gone.example/privkey.p-256.pem", f"{STORE}/archive/gone.example.12/privkey.p-256.pem",
+             "/etc/corvane/https.d/gone1", f"/etc/corvane/https/own/{own}.key"]
+    kept = [f"{STORE}/domains/late.example/privkey.p-256.pem", f"{STORE}/archive/gone.example.net.1/privkey.p-256.pem"]
+    server.ok(["sh", "-c", 'for path; do mkdir -p "${path%/*}" && touch "$path"; done', "sh", *paths, *kept])
+    server.put("/etc/corvane/https.d/gone1", "off\n")
+    state = json.loads(server.get(STATE))
+    week = 7 * 86400
+    now = int(server.ok(["date", "+%s"]))
+    state["missed"] = {"late.example": now - week + 600,
+                       **dict.fromkeys(("gone.example", "/etc/corvane/https.d/gone1", f"/etc/corvane/https/own/{own}.key"), now - week)}
+    server.put(STATE, json.dumps(state))
+    server.ok(["/usr/libexec/corvane/corv-https", "work"])
+    assert [path for path in paths if server.exists(path)] == []
+    assert [path for path in kept if not server.exists(path)] == []
+    server.ok(["sh", "-c", 'for path; do rm -r "${path%/*}"; done', "sh", *kept])
+    assert secure(server, domain).status == 200
+    assert server.exists(f"{STORE}/domains/{domain}/pubcert.p-256.pem")
+
+
 KILLED = r"""
 systemctl reload apache2 &
 python3 - "$1" <<'END'

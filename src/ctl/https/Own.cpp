@@ -8,6 +8,7 @@
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QDir>
+#include <QTimeZone>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -25,7 +26,7 @@ QByteArray publicKey(const QStringList &words)
 
 QString day(qint64 seconds)
 {
-    return QDateTime::fromSecsSinceEpoch(seconds, Qt::UTC).toString(Qt::ISODate);
+    return QDateTime::fromSecsSinceEpoch(seconds, QTimeZone::utc()).toString(Qt::ISODate);
 }
 
 } // namespace
