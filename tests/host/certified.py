@@ -44,8 +44,9 @@ class Secure:
     version: str
 
 
-def start_authority(host, seconds=3600):
-    """Has a fresh authority run, whose certificates are good for so many seconds; it knows nobody from before."""
+def start_authority(host, seconds=90 * 86400):
+    """Has a fresh authority run, whose certificates are good for so many seconds; it knows nobody from before. That of Debian 13
+    has certificates that are good for less than some days renewed at once, again and again."""
     host.ok(["bash", "-c", AUTHORITY, "bash", str(seconds)])
     host.run(["sh", "-c", f"rm -rf {STORE}/accounts/*"])
 
