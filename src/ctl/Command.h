@@ -95,6 +95,7 @@ Command hostCommand();
 Command httpsCommand();
 Command notifyCommand();
 Command offsiteCommand();
+Command phpCommand();
 Command proxyCommand();
 Command quotaCommand();
 Command serverCommand();

@@ -3,8 +3,11 @@
 import { misfit } from "./check";
 import { Misfit, NoAgent, Refused } from "./problem";
 import { kShapes, type Command, type Replies, type Requests } from "./protocol";
+import { _ } from "./text";
 
 const kSocket = "/run/corvane/agent.sock";
+// The agent closes a connection on which a longer line comes, and with it all that waits there.
+const kMostLineBytes = 4194304;
 
 // A request that has no reply yet.
 export interface Pending { command: Command; args: Record<string, unknown>; since: number }
@@ -51,11 +54,14 @@ export class Agent {
 
     // Sends a request. Rejects with Refused, NoAgent or Misfit.
     request<C extends Command>(command: C, args: Requests[C]): Promise<Replies[C]> {
+        const line = new TextEncoder().encode(lineOf(command, args));
+        if (line.length > kMostLineBytes)
+            return Promise.reject(new Refused(_("This is too much for one request; upload it as a file instead.")));
         return new Promise((resolve, reject) => {
             this.#waiting.push({
                 command, args, since: Date.now(), reject, resolve: reply => resolve(reply as unknown as Replies[C]),
             });
-            this.#connected().send(new TextEncoder().encode(lineOf(command, args)));
+            this.#connected().send(line);
             this.changed(this.#waiting);
         });
     }
@@ -84,8 +90,10 @@ export class Agent {
             const line = this.#pieces.join("") + lines.shift()!;
             this.#pieces = [];
             const first = this.#waiting.shift();
-            if (first)
-                settle(line, first);
+            // Behind a line that nobody asked for no reply can be told to belong to its request.
+            if (!first)
+                return channel.close("protocol-error");
+            settle(line, first);
             this.changed(this.#waiting);
         }
         this.#pieces.push(lines[0]!);

@@ -38,9 +38,9 @@ export function misfit(value: unknown, shape: Shape, path = ""): string | null {
     return firstOf(Object.entries(members).map(([name, of]) => () => {
         const isOptional = name.endsWith("?");
         const plain = isOptional ? name.slice(0, -1) : name;
-        if (isOptional && !(plain in value))
+        if (isOptional && !Object.hasOwn(value, plain))
             return null;
-        return misfit(value[plain], of, `${path}.${plain}`);
+        return misfit(Object.hasOwn(value, plain) ? value[plain] : undefined, of, `${path}.${plain}`);
     }));
 }
 

@@ -3,10 +3,13 @@ import { misfit } from "./check";
 import { Misfit, NoAgent, Refused, Unknown } from "./problem";
 import type { Shape } from "./protocol";
 
-export interface Account { username: string; domain: string; state: string; usedBytes?: number }
+export interface Account { username: string; domain: string; state: string; usedBytes?: number; limitBytes?: number }
+
+// All accounts, and what tells of their use: "quotas", or "backup" for the archives of the newest one.
+export interface Accounts { accounts: Account[]; usedFrom?: string }
 
 export interface Shown {
-    username: string; domain: string; state: string; home: string; php?: string; usedBytes?: number; limitBytes?: number;
+    username: string; domain: string; state: string; home: string; php?: string; usedBytes?: number; usedFrom?: string; limitBytes?: number;
     database?: { name: string; bytes: number; readOnly: boolean };
     keys: { type: string; comment: string; fingerprint: string }[];
     lastBackup?: { name: string }; certificate?: { validUntil?: number };
@@ -36,11 +39,11 @@ export interface Certificate { username: string; domain: string; state: string; 
 export interface Gone { username: string; domain: string; sources: Source[] }
 
 const kFinding = { level: "string", problem: "string", mend: "string" };
-const kAccount = { username: "string", domain: "string", state: "string", "usedBytes?": "integer" };
+const kAccount = { username: "string", domain: "string", state: "string", "usedBytes?": "integer", "limitBytes?": "integer" };
 
-const kLists: Shape = { accounts: [kAccount] };
+const kLists: Shape = { accounts: [kAccount], "usedFrom?": "string" };
 const kShown: Shape = {
-    ...kAccount, home: "string", "php?": "string", "limitBytes?": "integer",
+    ...kAccount, home: "string", "php?": "string", "usedFrom?": "string",
     "database?": { name: "string", bytes: "integer", readOnly: "boolean" },
     keys: [{ type: "string", comment: "string", fingerprint: "string" }],
     "lastBackup?": { name: "string" }, "certificate?": { "validUntil?": "integer" },
@@ -65,16 +68,27 @@ const kSites: Shape = {
     here: { sites: [{ site: "string", host: "string", port: "integer", seen: "string", "status?": "integer", "what?": "string" }] },
 };
 
+// The arguments of one of its commands. What begins as an option does stands behind "--", so that no name of an account, a backup or a
+// file that others chose becomes one.
+export function argv(command: string[], words: string[], options: string[] = []): string[] {
+    return words.some(word => word.startsWith("-")) ? [...command, ...options, "--", ...words] : [...command, ...words, ...options];
+}
+
+// An option with its value.
+export function option(name: string, value: string): string[] {
+    return value.startsWith("-") ? [`${name}=${value}`] : [name, value];
+}
+
 // Runs the client and gives what it printed. It prints its report and fails when the report is bad, so that what it printed counts
 // first. Rejects with Refused, Unknown or NoAgent.
-export async function run(argv: string[], output?: (text: string) => void): Promise<string> {
+export async function run(words: string[], output?: (text: string) => void): Promise<string> {
     let printed = "";
     const take = (text: string) => {
         printed += text;
         output?.(text);
     };
     // An array of this frame's own: Cockpit takes no other one for a list.
-    const process = cockpit.spawn(["corvctl", ...argv], { superuser: "require", err: "message" }).stream(take);
+    const process = cockpit.spawn(["corvctl", ...words], { superuser: "require", err: "message" }).stream(take);
     try {
         await process;
     } catch (error) {
@@ -100,29 +114,29 @@ function errorIn(printed: string): string | null {
 }
 
 // Runs the client for one object that fits the shape. Rejects with Misfit beside what run rejects with.
-export async function ask<T>(argv: string[], shape: Shape): Promise<T> {
-    const printed = await run(["--json", ...argv]);
+export async function ask<T>(words: string[], shape: Shape): Promise<T> {
+    const printed = await run(["--json", ...words]);
     let value: unknown;
     try {
         value = JSON.parse(printed);
     } catch {
-        throw new Misfit(`corvctl ${argv.join(" ")}: no JSON`);
+        throw new Misfit(`corvctl ${words.join(" ")}: no JSON`);
     }
     const error = errorIn(printed);
     if (error !== null)
         throw new Refused(error);
     const place = misfit(value, shape);
     if (place !== null)
-        throw new Misfit(`corvctl ${argv.join(" ")}: does not fit at ${place || "its beginning"}`);
+        throw new Misfit(`corvctl ${words.join(" ")}: does not fit at ${place || "its beginning"}`);
     return value as T;
 }
 
-export async function accounts(): Promise<Account[]> {
-    return (await ask<{ accounts: Account[] }>(["account", "list"], kLists)).accounts;
+export function accounts(): Promise<Accounts> {
+    return ask(["account", "list"], kLists);
 }
 
 export function account(name: string): Promise<Shown> {
-    return ask(["account", "show", name], kShown);
+    return ask(argv(["account", "show"], [name]), kShown);
 }
 
 export function doctor(): Promise<Doctor> {

@@ -2,7 +2,7 @@
 import { make, type Child } from "./elements";
 import { alert, button, copyable, problemText, sameLine } from "./parts";
 import { NoAgent } from "./problem";
-import { _, format } from "./text";
+import { _, format, visible } from "./text";
 import type { Action, Field, Tools, Values } from "./tools";
 
 type Input = HTMLInputElement | HTMLTextAreaElement | HTMLSelectElement;
@@ -45,7 +45,9 @@ export function openDialog(action: Action, tools: Tools) {
     const same = make("div", { class: "same" });
     const progress = make("pre", { class: "log", hidden: true, tabindex: 0, "aria-label": _("What it says") });
     const before = document.activeElement?.id ?? "";
+    const written = inputs.map(input => input.value);
     let isOpen = true;
+    let isWarned = false;
 
     const submit = make("button", { class: `pf-v6-c-button pf-m-${action.danger ? "danger" : "primary"}`, type: "submit", id: "dialog-do" },
         make("span", { class: "pf-v6-c-button__text" }, action.does));
@@ -56,6 +58,15 @@ export function openDialog(action: Action, tools: Tools) {
         make("footer", { class: "pf-v6-c-modal-box__footer" }, submit, close));
     const dialog = make("dialog", {
         class: "pf-v6-c-modal-box pf-m-sm", id: action.id, "aria-labelledby": "dialog-title",
+        // One key throws a longer text away only when it is pressed again.
+        cancel: event => {
+            const isWritten = fields.some((field, at) => field.kind === "area" && inputs[at]!.value !== written[at]);
+            if (!isWritten || isWarned || inputs.some(input => input.disabled))
+                return;
+            isWarned = true;
+            event.preventDefault();
+            say(alert("warning", _("What you wrote is not saved. Escape once more throws it away.")));
+        },
         close: () => {
             isOpen = false;
             dialog.remove();
@@ -69,7 +80,7 @@ export function openDialog(action: Action, tools: Tools) {
         const given = values();
         fields.forEach((field, at) => {
             const must = mustOf(field, given);
-            titles[at]!.textContent = must === undefined ? field.title : format(_("To confirm, type $0"), must);
+            titles[at]!.textContent = must === undefined ? field.title : format(_("To confirm, type $0"), visible(must));
         });
         submit.disabled = !fields.every((field, at) => isComplete(field, inputs[at]!.value, mustOf(field, given)));
         same.replaceChildren(make("span", { class: "help" }, _("The same by hand:")), " ",
@@ -85,7 +96,7 @@ export function openDialog(action: Action, tools: Tools) {
         try {
             const given = await action.run(values(), text => {
                 progress.hidden = false;
-                progress.append(text);
+                progress.append(visible(text));
                 progress.scrollTop = progress.scrollHeight;
             });
             finish(alert("success", action.title, ...(given ?? [])), Boolean(given));

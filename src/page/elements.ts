@@ -1,4 +1,5 @@
 // Makes elements. Children are nodes or text, never markup: nothing that an account's user, a tool or a log wrote becomes an element.
+import { visible } from "./text";
 
 export type Child = Node | string | null | undefined | false;
 type Value = string | number | boolean | ((event: Event) => void);
@@ -14,7 +15,7 @@ function put(element: Element, attributes: Record<string, Value>, children: Chil
     }
     for (const child of children) {
         if (child !== null && child !== undefined && child !== false)
-            element.append(child);
+            element.append(typeof child === "string" ? visible(child) : child);
     }
 }
 

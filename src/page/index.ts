@@ -1,5 +1,5 @@
 // The frame around the pages: which one is shown, its data as it comes, what is said while something is missing.
-import { watchAccess } from "./access";
+import { watchAccess, type Access } from "./access";
 import { Agent, type Pending } from "./channel";
 import { openDialog } from "./dialog";
 import { make, type Child } from "./elements";
@@ -11,7 +11,7 @@ import { firewallPage } from "./pages/firewall";
 import { overviewPage } from "./pages/overview";
 import { servicesPage } from "./pages/services";
 import { updatesPage } from "./pages/updates";
-import { alert, button, empty, type Level } from "./parts";
+import { alert, button, empty, safely, waiting, type Level } from "./parts";
 import { pendingText } from "./pending";
 import { NoAgent } from "./problem";
 import { _, format } from "./text";
@@ -61,7 +61,10 @@ let data: Parts<Record<string, unknown>> = {};
 let load = 0;
 let again: ReturnType<typeof setTimeout> | undefined;
 let pending: readonly Pending[] = [];
-let isFull = false;
+let access: Access = null;
+// Whether a load has ended before the access was known: then it is done once more.
+let isEnded = false;
+let cameThrough = () => undefined as void;
 let isPressed = false;
 let isOverdue = false;
 let drawn = 0;
@@ -98,7 +101,8 @@ function drawSoon() {
 // Draws the page, and gives the focus back to what had it. Not while a button of the mouse is down: what it was pressed on must still
 // be there when it is let go.
 function drawPage() {
-    if (!page || !isFull)
+    const shown = page;
+    if (!shown || access !== true)
         return;
     isOverdue = isPressed;
     if (isPressed)
@@ -111,8 +115,8 @@ function drawPage() {
     const active = document.activeElement as HTMLInputElement | null;
     const id = active && content.contains(active) ? active.id : "";
     const [begin, end] = id && active!.type === "text" ? [active!.selectionStart, active!.selectionEnd] : [null, null];
-    content.replaceChildren(make("h1", { class: "pf-v6-c-title pf-m-xl", tabindex: -1 }, page.title()),
-        ...page.view(data, tools).filter((child): child is Node => child instanceof Node));
+    content.replaceChildren(make("h1", { class: "pf-v6-c-title pf-m-xl", tabindex: -1 }, shown.title()),
+        ...safely(() => shown.view(data, tools)).filter((child): child is Node => child instanceof Node));
     scrolled.scrollTop = top;
     const now = id ? document.getElementById(id) as HTMLInputElement | null : null;
     now?.focus({ preventScroll: true });
@@ -131,13 +135,15 @@ function sameData(before: unknown, now: unknown): boolean {
     return JSON.stringify(before, plain) === JSON.stringify(now, plain);
 }
 
-// Asks for what the page shows, and draws each part as it comes. A part that was there stays until the new one is.
+// Asks for what the page shows, and draws each part as it comes. A part that was there stays until the new one is. It is asked for even
+// before the access is known: Cockpit holds it back until then.
 async function loadPage() {
     clearTimeout(again);
     const shown = page;
-    if (!shown || !isFull)
+    if (!shown || access === false)
         return;
     const mine = ++load;
+    isEnded = false;
     content.setAttribute("aria-busy", "true");
     const sources = Object.entries(shown.sources(tools));
     const problems: Error[] = [];
@@ -147,10 +153,12 @@ async function loadPage() {
     }
     const bring = async ([name, ask]: [string, () => Promise<unknown>]) => {
         const part = await ask().then(here => ({ here }), (problem: Error) => ({ problem }));
-        if (mine !== load || !isFull)
+        if (mine !== load || access === false)
             return;
         if ("problem" in part)
             problems.push(part.problem);
+        else
+            cameThrough();
         if (part && "problem" in part || !sameData(data[name], part)) {
             data = { ...data, [name]: part };
             drawSoon();
@@ -158,10 +166,15 @@ async function loadPage() {
     };
     const isLater = ([name]: [string, unknown]) => shown.later?.includes(name) ?? false;
     await Promise.all(sources.filter(source => !isLater(source)).map(bring));
-    if (mine === load && isFull)
+    const isOver = () => mine !== load || access === false;
+    if (!isOver() && !problems.some(problem => problem instanceof NoAgent))
         await Promise.all(sources.filter(isLater).map(bring));
-    if (mine !== load)
+    if (isOver())
         return;
+    if (access === null) {
+        isEnded = true;
+        return;
+    }
     if (drawing !== undefined)
         drawPage();
     content.setAttribute("aria-busy", "false");
@@ -227,14 +240,19 @@ document.addEventListener("DOMContentLoaded", () => {
     for (const kind of ["dragover", "drop"])
         document.addEventListener(kind, event => event.preventDefault());
     cockpit.addEventListener("locationchanged", follow);
-    watchAccess(access => {
-        isFull = access === true;
+    content.append(waiting());
+    watchAccess(now => {
+        const isFirst = access === null && !isEnded;
+        access = now;
         if (access === false) {
             clearTimeout(again);
             agent.close();
             showLimited();
+        } else if (access && isFirst) {
+            drawPage();
         } else if (access) {
             follow();
         }
-    }, () => agent.request("ping", {}));
+    }, () => new Promise<void>(resolve => { cameThrough = resolve; }));
+    follow();
 });

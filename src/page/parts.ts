@@ -1,7 +1,7 @@
 // What pages are put together from, in PatternFly's manner.
 import { draw, make, type Child } from "./elements";
 import { NoAgent, Refused } from "./problem";
-import { _, format } from "./text";
+import { _, format, visible } from "./text";
 
 // What a page asked for: null while it is still waited for.
 export type Part<T> = { here: T } | { problem: Error } | null;
@@ -113,22 +113,36 @@ export function alert(level: Level, title: string, ...more: Child[]): HTMLElemen
         make("div", { class: "pf-v6-c-alert__description" }, ...more));
 }
 
+// A word as a shell takes it. What a terminal would act on while it is pasted, or what nobody sees, is written by its number.
+function shellWord(word: string): string {
+    if (/^[\w@%+=:,./-]+$/.test(word))
+        return word;
+    if (visible(word) === word && !/[\r\n\t]/.test(word))
+        return `'${word.replaceAll("'", "'\\''")}'`;
+    const written = (one: string) => {
+        if (one === "'" || one === "\\")
+            return `\\${one}`;
+        return visible(one) !== one || /[\r\n\t]/.test(one) ? `\\u${one.charCodeAt(0).toString(16).padStart(4, "0")}` : one;
+    };
+    return `$'${[...word].map(written).join("")}'`;
+}
+
 // Words as a shell takes them.
-export function shellLine(argv: string[]): string {
-    return argv.map(word => /^[\w@%+=:,./-]+$/.test(word) ? word : `'${word.replaceAll("'", "'\\''")}'`).join(" ");
+export function shellLine(words: string[]): string {
+    return words.map(shellWord).join(" ");
 }
 
 // The lines of the client that do what an action does.
 export function sameLine(same: string[] | string[][]): string {
     const lines = (Array.isArray(same[0]) ? same : [same]) as string[][];
-    return lines.map(argv => `corvctl ${shellLine(argv)}`).join(" && ");
+    return lines.map(words => `corvctl ${shellLine(words)}`).join(" && ");
 }
 
 // A line to be copied.
 export function copyable(text: string): HTMLElement {
     const code = make("code", {}, text);
     const copy = button(_("Copy"), () => {
-        navigator.clipboard.writeText(text).then(() => { copy.firstChild!.textContent = _("Copied"); },
+        navigator.clipboard.writeText(visible(text)).then(() => { copy.firstChild!.textContent = _("Copied"); },
             () => getSelection()?.selectAllChildren(code));
     }, { kind: "link", label: format(_("Copy $0"), text) });
     return make("span", { class: "copyable" }, code, " ", copy);
@@ -147,6 +161,15 @@ export function problemText(problem: Error): string {
     if (problem instanceof NoAgent)
         return _("The connection was lost before the answer came. Whether it was done shows when the page is loaded anew.");
     return problem.message;
+}
+
+// What a view gives, or why it cannot: where a server tells what no page can show, its reader is told so.
+export function safely(view: () => Child[]): Child[] {
+    try {
+        return view();
+    } catch (error) {
+        return [alert("danger", format(_("What the server says cannot be shown: $0"), (error as Error).message))];
+    }
 }
 
 // What a part of the page shows: itself, that it is still asked for, or why it did not come.

@@ -2,7 +2,8 @@
 import { draw, make, type Child } from "./elements";
 import { timeText } from "./text";
 
-export interface Point { at: number; value: number; mark?: string }
+// A point of a line, with a mark where something is to be said of it. What is missing is a mark on the ground, and none of the line.
+export interface Point { at: number; value: number; mark?: string; isMissing?: boolean }
 
 export interface Line { name: string; points: Point[] }
 
@@ -17,13 +18,17 @@ export function place(point: Point, first: number, last: number, largest: number
     return [Math.round(x * 10) / 10, Math.round(y * 10) / 10];
 }
 
+function measured(points: Point[]): Point[] {
+    return points.filter(({ isMissing }) => !isMissing);
+}
+
 function lineOf({ points }: Line, number: number, bounds: [number, number, number], text: (value: number) => string): Child[] {
     const places = points.map(point => place(point, ...bounds));
     return [
-        draw("polyline", { class: `line line-${number}`, points: places.map(([x, y]) => `${x},${y}`).join(" ") }),
+        draw("polyline", { class: `line line-${number}`, points: measured(points).map(point => place(point, ...bounds).join()).join(" ") }),
         ...points.map((point, at) => draw("circle", {
             class: point.mark ? "mark" : `dot line-${number}`, cx: places[at]![0], cy: places[at]![1], r: point.mark ? 5 : 2.5,
-        }, draw("title", {}, `${timeText(point.at)}: ${text(point.value)}${point.mark ? `, ${point.mark}` : ""}`))),
+        }, draw("title", {}, `${timeText(point.at)}${point.isMissing ? "" : `: ${text(point.value)}`}${point.mark ? `, ${point.mark}` : ""}`))),
     ];
 }
 
@@ -39,5 +44,5 @@ export function plot(name: string, lines: Line[], text: (value: number) => strin
             ...lines.flatMap((line, at) => lineOf(line, at, [first, last, largest], text))),
         make("figcaption", {},
             make("span", {}, timeText(first)), make("span", {}, timeText(last)),
-            ...lines.map(({ name, points }, at) => make("span", { class: `key line-${at}` }, `${name}: ${text(points[points.length - 1]?.value ?? 0)}`))));
+            ...lines.map(({ name, points }, at) => make("span", { class: `key line-${at}` }, `${name}: ${text(measured(points).pop()?.value ?? 0)}`))));
 }

@@ -4,6 +4,14 @@ export const _ = (text: string) => cockpit.gettext(text);
 export const format = (text: string, ...values: (string | number)[]) => cockpit.format(text, ...values);
 export const plural = (one: string, many: string, number: number) => cockpit.format(cockpit.ngettext(one, many, number), number);
 
+// What shows nothing, turns round what stands beside it, or steers a terminal. What others wrote may hold it.
+const kUnseen = /[\0-\x08\x0b\x0c\x0e-\x1f\x7f-\x9f\xad\u200b\u2028-\u202e\u2060-\u2069\ufeff]/g;
+
+// The text with each of these written as its number, so that the reader sees what is there.
+export function visible(text: string): string {
+    return text.replace(kUnseen, one => `\\u{${one.charCodeAt(0).toString(16)}}`);
+}
+
 // One for each kind: to make one costs more than to draw a row.
 const made = new Map<string, { format(value: number): string }>();
 
@@ -29,8 +37,13 @@ export function bytesText(bytes: number): string {
         style: "unit", unit: kUnits[power]!, maximumFractionDigits: digits })).format(value);
 }
 
+// The last second that a date can hold.
+const kLastSecond = 8_640_000_000_000;
+
 // A moment, given in seconds since 1970.
 export function timeText(seconds: number): string {
+    if (Math.abs(seconds) > kLastSecond)
+        return "-";
     return formatter("time", () => new Intl.DateTimeFormat(language(), { dateStyle: "medium", timeStyle: "short" }))
         .format(seconds * 1000);
 }

@@ -1,11 +1,12 @@
 // Files on their way between the browser and an account: through the agent's transfer folder, as root, by Cockpit's own channels.
 import type { Agent } from "./channel";
-import { NoAgent, Refused } from "./problem";
+import { Misfit, NoAgent, Refused } from "./problem";
 import { _ } from "./text";
 
 export const kMostBytes = 268435456;
 
 const kFolder = "/var/lib/corvane/transfer";
+const kTransferName = /^[\w-]{16,64}$/;
 const kBlock = 65536;
 // How far to run ahead of a bridge that acknowledges; older ones do not, and are given a breath after as much.
 const kAhead = 2 << 20;
@@ -87,6 +88,9 @@ function addressOf(transfer: string): string {
 // Fetches a file of an account. Rejects with Cancelled where the signal says so.
 export async function download(agent: Agent, username: string, path: string, gone: Gone, signal: AbortSignal): Promise<Blob> {
     const { transfer } = await agent.request("files download", { username, path });
+    // It becomes part of a path that is read and removed as root.
+    if (!kTransferName.test(transfer))
+        throw new Misfit("files download: the reply does not fit at .transfer");
     try {
         const response = await fetch(addressOf(transfer), { signal });
         if (!response.ok || !response.body)

@@ -8,10 +8,20 @@ const kEverySeconds = 0.2;
 
 export const transferList = make("div", { id: "transfers", role: "log", "aria-label": _("Files on their way") });
 
+// A line for several files that are sent one after the other: which one it is, and the way to stop them all.
+export function followAll(count: number, stop: () => void): { at(number: number): void; end(): void } {
+    const state = make("span", {});
+    const line: HTMLElement = make("div", { class: "notice", "data-all": true }, state, button(_("Cancel all"), stop, { kind: "link" }));
+    transferList.append(line);
+    return { at: number => state.replaceChildren(format(_("$0 of $1 files"), number, count)), end: () => line.remove() };
+}
+
 // Does a piece of work that tells how far it is, as a line of the list with what does the same by hand. Gives whether it ended well;
 // whoever calls goes on either way.
-export async function follow(name: string, size: number, same: string[], work: (gone: Gone, signal: AbortSignal) => Promise<void>): Promise<boolean> {
+export async function follow(name: string, size: number, same: string[], work: (gone: Gone, signal: AbortSignal) => Promise<void>,
+    all?: AbortSignal): Promise<boolean> {
     const stop = new AbortController();
+    all?.addEventListener("abort", () => stop.abort());
     const began = performance.now();
     const state = make("span", {});
     const ending = button(_("Cancel"), () => stop.abort(), { kind: "link", label: format(_("Cancel $0"), name) });

@@ -96,6 +96,29 @@ def test_a_suspended_one_is_back_suspended(host, shop):
     is_as_it_was(host, shop, before)
 
 
+def jobs(host, account):
+    """When the account's jobs of at run, and what they do."""
+    listed = sorted(host.ok(["atq"], user=account.name).splitlines())
+    bodies = [host.ok(["at", "-c", line.split()[0]], user=account.name).rstrip().splitlines()[-1] for line in listed]
+    return [" ".join(line.split()[1:6]) for line in listed], bodies
+
+
+def test_jobs_for_once_and_services_without_a_login_come_back(host, shop):
+    host.ok(["apt-get", "install", "-yq", "at"], env={"DEBIAN_FRONTEND": "noninteractive"})
+    host.ok(["at", "now + 2 days"], input="echo later >>ran\n", user=shop.name)
+    host.ok(["at", "-q", "m", "now + 9 days"], input="echo 'later $HOME' still\n", user=shop.name)
+    host.ok(["loginctl", "enable-linger", shop.name])
+    before, kept = everything(host, shop.name), jobs(host, shop)
+    assert kept[1] == ["echo later >>ran", "echo 'later $HOME' still"]
+    base = delete(host, shop)
+    assert not host.exists(f"/var/lib/systemd/linger/{shop.name}")
+    assert host.ok(["atq"]) == ""
+    restore(host, shop, "--from", base)
+    is_as_it_was(host, shop, before)
+    assert jobs(host, shop) == kept
+    assert host.exists(f"/var/lib/systemd/linger/{shop.name}")
+
+
 def test_an_export_is_taken_under_another_name_beside_the_live_one(host, shop):
     before = everything(host, shop.name)
     host.ok(["corvctl", "account", "export", shop.name, "/root/saved"])

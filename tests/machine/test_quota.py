@@ -1,5 +1,6 @@
 """Disk quotas on a real file system: what stops a write, what survives, what is put back."""
 
+import json
 import re
 
 import pytest
@@ -152,3 +153,14 @@ def test_deletion_takes_the_limit_away(quotas, tenant, neighbour):
     # The next user to be made may get the same number, and must not find this one's limit.
     assert limits(quotas, number) == (0, 0)
     assert list(quotas.request("hosting.usage")["usage"]) == [tenant.name]
+
+
+def test_an_account_that_is_put_back_has_its_limit_again(quotas):
+    account = quotas.account()
+    assert set_limit(quotas, account, 40) == {"ok": True}
+    before = limits(quotas, uid(quotas, account))
+    assert before == (36864, 40960)
+    quotas.ok(["corvctl", "account", "delete", account.name, "--confirm", account.name])
+    source = json.loads(quotas.ok(["corvctl", "--json", "account", "restore", account.name]))["sources"][0]["from"]
+    quotas.ok(["corvctl", "account", "restore", account.name, "--from", source, "--confirm", account.name])
+    assert limits(quotas, uid(quotas, account)) == before

@@ -125,7 +125,8 @@ class Browser:
         x, y = self.js(f"""(() => {{
             const element = {code};
             element.scrollIntoView({{block: 'center'}});
-            const box = element.getBoundingClientRect();
+            // Of a link that goes over several lines the first one: there is nothing of it between two.
+            const box = element.getClientRects()[0];
             let x = box.x + box.width / 2, y = box.y + box.height / 2;
             for (let frame = element.ownerDocument.defaultView.frameElement; frame; frame = frame.ownerDocument.defaultView.frameElement) {{
                 const outer = frame.getBoundingClientRect();

@@ -1,12 +1,18 @@
 """A browser in Cockpit, on our page: what tests of the page do, in the words of whoever sits in front of it."""
 
 import json
+import time
 
 from browser import Browser
 
 ADDRESS = "https://10.213.0.2:9090"
 FRAME = "document.querySelector('iframe[name=\"cockpit1:localhost/corvane\"]')"
 PAGE = f"{FRAME}.contentDocument"
+# Our overview: when it knows that the reader may do all, and when all that it shows is there.
+OVERVIEW = {
+    "administrator": f"{PAGE}.querySelector('#content h1')",
+    "full": f"{PAGE}.querySelectorAll('.cards .pf-v6-c-card').length >= 6 && !{PAGE}.querySelector('.cards .asked')",
+}
 
 
 class Cockpit(Browser):
@@ -25,6 +31,15 @@ class Cockpit(Browser):
         self.click("document.querySelector('#login-password-input')")
         self.type(password)
         self.click("document.querySelector('#login-button')")
+
+    def seconds_to(self, states):
+        """After how many seconds from now each of some expressions was true, by its name."""
+        began = time.monotonic()
+        after = {}
+        for name, state in states.items():
+            self.wait(state, 60)
+            after[name] = time.monotonic() - began
+        return after
 
     def find(self, selector):
         """An expression for the first element of the page that a selector names."""
@@ -85,13 +100,12 @@ class Cockpit(Browser):
         self.click(self.find("#dialog-do:not(:disabled)"))
         outcome = "#dialog-done, dialog .pf-m-danger.pf-v6-c-alert, #notices .pf-v6-c-alert"
         self.wait_for(outcome, patience)
-        if self.js(f"Boolean({self.find('#dialog-done')})"):
-            said = self.text("dialog")
+        # At one look: a dialog that has been closed is there a moment longer.
+        has_more, said = self.js(f"""(dialog => [Boolean(dialog?.querySelector('#dialog-done')), (dialog === null ? {self.find('#notices')}
+            : dialog.querySelector('#dialog-done') ? dialog : dialog.querySelector('[role=status]')).innerText])({self.find('dialog[open]')})""")
+        if has_more:
             self.click(self.find("#dialog-done"))
-            return said
-        if self.js(f"Boolean({self.find('dialog')})"):
-            return self.text("dialog [role=status]")
-        return self.text("#notices")
+        return said
 
     def theme(self, style):
         """Switches between dark and light as the shell's own menu does."""
@@ -114,6 +128,16 @@ class Cockpit(Browser):
             frame = next(one["frame"]["id"] for one in tree["childFrames"] if one["frame"].get("name") == "cockpit1:localhost/corvane")
             self._world = self.send("Page.createIsolatedWorld", frameId=frame)["executionContextId"]
         return self.js(code, contextId=self._world)
+
+    def inaccessible(self, axe):
+        """What axe-core finds on the page as it is: an empty list, where it found nothing."""
+        if self.apart("typeof axe") == "undefined":
+            self.apart(axe + ";1")
+        passed, violations = json.loads(self.apart(
+            "axe.run(document).then(r => JSON.stringify([r.passes.length, "
+            "r.violations.map(v => [v.id, v.nodes.map(n => n.html.slice(0, 120) + n.failureSummary.slice(0, 300))])]))"))
+        assert passed > 5
+        return violations
 
     def give_files(self, selector, *paths):
         """Chooses files for a file field, as the browser's own window for that would."""

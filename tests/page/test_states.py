@@ -5,13 +5,14 @@ from browser import Browser
 from conftest import PASSWORD, RESULTS, client_that_says
 from cockpit import FRAME, Cockpit
 
-def test_a_stopped_agent_is_said_and_the_page_comes_back_by_itself(server, page):
+def test_a_stopped_agent_is_said_and_the_page_comes_back_by_itself(server, page, axe):
     server.ok(["systemctl", "stop", "corv-agent"])
     try:
         page.visit("services")
         page.visit()
         page.wait_for("#no-agent")
         page.screenshot(RESULTS / "no-agent.png")
+        assert page.inaccessible(axe) == []
     finally:
         start_agent(server)
     page.wait_for("#verdict", 30)
@@ -86,6 +87,9 @@ def test_nothing_may_be_loaded_from_elsewhere(page):
     assert parts["trusted-types"] == ["'none'"]
     assert "'unsafe-inline'" not in policy
     assert "'unsafe-eval'" not in policy
+    # Nor sent there: what a script here knows stays on this server.
+    origin = page.js("location.host")
+    assert [one for one in parts["connect-src"] if one not in ("'self'", f"https://{origin}", f"wss://{origin}")] == []
 
 
 def test_an_account_with_an_attack_for_a_name_stays_text(server, page):
@@ -97,6 +101,8 @@ def test_an_account_with_an_attack_for_a_name_stays_text(server, page):
         page.wait_for_text("<img src=x onerror", "#accounts")
         page.wait_for_text("<img src=x onerror", "#gone")
         assert page.js(f"{page.page}.images.length") == 0
+        # What turns the text round, or steers a terminal, is written out.
+        assert "\\u{202e}\\u{1b}[2J" in page.text("#accounts")
         # The way to its page and back, which the address holds.
         page.click(page.find("#accounts a"))
         page.wait_for_text("<img src=x onerror", "h1")
@@ -104,13 +110,21 @@ def test_an_account_with_an_attack_for_a_name_stays_text(server, page):
     page.visit()
 
 
-def test_limited_access_explains_itself_and_becomes_the_full_page(page):
+def test_an_address_that_somebody_sent_gives_the_client_no_option(server, page):
+    page.visit("services")
+    page.js(f"{FRAME}.contentWindow.location.hash = '#/accounts/--help'")
+    page.wait_for_text("no Corvane account named '--help'")
+    page.visit("services")
+
+
+def test_limited_access_explains_itself_and_becomes_the_full_page(page, axe):
     page.visit("services")
     page.js(f"{FRAME}.contentWindow.stays = true")
     page.click(SHELL_BUTTON % "Administrative access")
     page.click(SHELL_BUTTON % "Limit access")
     page.wait_for("#limited")
     page.screenshot(RESULTS / "limited-boss.png")
+    assert page.inaccessible(axe) == []
     turn_on(page)
     page.wait_for("#services", 60)
     assert page.js(f"{FRAME}.contentWindow.stays") is True

@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """Runs what of the page needs no browser: types, translations, and the tests of unit/ with node's own runner."""
 
+import os
 import subprocess
 import sys
 import tempfile
@@ -23,7 +24,8 @@ def main():
         subprocess.run(["esbuild", *tests, "--bundle", "--platform=node", "--target=node18", "--format=esm", "--log-level=warning",
                         f"--outdir={folder}", "--out-extension:.js=.mjs"], check=True)
         subprocess.run([sys.executable, "-B", PAGE / "build.py", Path(folder) / "built"], check=True)
-        sys.exit(subprocess.run(["node", "--test", "--test-reporter=tap", *sorted(Path(folder).glob("*.mjs"))], check=False).returncode)
+        sys.exit(subprocess.run(["node", "--test", "--test-reporter=tap", *sorted(Path(folder).glob("*.mjs"))], check=False,
+                                env={**os.environ, "CORV_SAME": str(HERE / "same.txt")}).returncode)
 
 
 if __name__ == "__main__":

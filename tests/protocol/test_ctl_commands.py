@@ -509,6 +509,12 @@ def test_a_source_without_an_account_is_refused(server):
         2, "", "corvctl: whose account is it? Name the one that is to be brought back\n")
 
 
+@pytest.mark.parametrize("words", [["--confirm", "erin"], ["--as", "other"], ["--domain", "other.example"], ["--no-jobs"]])
+def test_an_account_without_a_source_is_refused_where_more_than_the_list_is_asked_for(server, words):
+    assert corvctl(server, "account", "restore", "erin", *words, start=False) == (
+        2, "", "corvctl: restored from what? Name it by --from; without it, what there is is listed\n")
+
+
 # The domain of an account
 
 
@@ -608,3 +614,12 @@ def test_the_list_tells_who_is_suspended(tenant):
     assert (code, [(one["username"], one["state"]) for one in json.loads(out)["accounts"]]) == (0, [("alice", "suspended")])
     assert json.loads(corvctl(tenant, "--json", "account", "show", "alice")[1])["state"] == "suspended"
     declare(tenant, ["hosting.getKeys", "backup.status"])
+
+
+def test_the_list_tells_what_each_uses_of_its_limit_where_quotas_do(tenant):
+    tenant.answer("findmnt", out="/home /dev/sda1 ext4\n")
+    tenant.answer("quotaon", out="user quota on /home (/dev/sda1) is on\n")
+    tenant.answer("repquota", out=f"#{tenant.uid('alice')} -- 2048 0 4096 1 0 0\n")
+    listed = json.loads(corvctl(tenant, "--json", "account", "list")[1])
+    assert listed["usedFrom"] == "quotas"
+    assert [(one["usedBytes"], one["limitBytes"]) for one in listed["accounts"]] == [(2048 << 10, 4096 << 10)]

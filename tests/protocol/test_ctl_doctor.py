@@ -333,8 +333,8 @@ FAULTS = {
         lambda box: box.path(ENABLED).unlink(), "accounts", "the Apache site of the account alice is not enabled",
         "a2ensite -q corv-alice && systemctl reload apache2"),
     "pool is in another version": (
-        move_pool, "accounts", "the account alice has its pool in PHP 8.1, not in 8.2, the version in force",
-        f"mv {POOL.replace('8.2', '8.1')} {POOL}; systemctl try-reload-or-restart php8.1-fpm; systemctl reload php8.2-fpm"),
+        move_pool, "PHP", "PHP 8.1 is not installed any more, but has the pools of alice",
+        "corvctl php move 8.1 8.2 --confirm 8.2"),
     "pool is put aside": (
         park_pool, "accounts", "the PHP pool of the account alice is put aside as if it were suspended",
         "corvctl account resume alice"),
@@ -440,7 +440,7 @@ TOGETHER = [
     ["agent fails", "Apache is broken", "site is left over", "PostgreSQL is down", "account has no site", "quotas are off",
      "run folder is open to all", "transfer folder is open to all", "there is no backup"],
     ["agent is disabled", "module is missing", "log format is missing", "pool is left over", "home is left over",
-     "service is down", "PostgreSQL has holes", "pool is in another version", "site is not enabled", "sshd -T fails",
+     "service is down", "pool is in another version", "PostgreSQL has holes", "site is not enabled", "sshd -T fails",
      "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "no proof is planned",
      "deletions are not watched", "home is too large"],
     ["accounts are not kept apart", "panel database is missing", "pool is put aside", "account is only a user"],

@@ -49,6 +49,8 @@ QJsonObject accountsHere(const Options &options)
                                {u"state"_s, stateOf(readAccount(user, {}))}};
         if (used.bytes.contains(user.name))
             account.insert(u"usedBytes"_s, used.bytes.value(user.name));
+        if (used.limits.contains(user.name))
+            account.insert(u"limitBytes"_s, used.limits.value(user.name));
         all.append(account);
     }
     QJsonObject list = {{u"ok"_s, true}, {u"accounts"_s, all}};

@@ -228,6 +228,10 @@ int restoreOfAccount(Session &session, const Given &given)
         return fail(kWrongUsage, u"whose account is it? Name the one that is to be brought back"_s);
     if (account.isEmpty())
         return listGone(session, config);
+    // A list that ends well would be taken for an account that is back.
+    if (!given.has("--from") &&
+        (given.has("--as") || given.has("--domain") || given.has("--no-jobs") || session.options.confirm))
+        return fail(kWrongUsage, u"restored from what? Name it by --from; without it, what there is is listed"_s);
     Source source;
     if (const std::optional<int> end = choose(session, config, given, &source))
         return *end;

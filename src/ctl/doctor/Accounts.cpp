@@ -132,14 +132,6 @@ QString reloadPhp(const QString &php)
     return u"systemctl reload php%1-fpm"_s.arg(php);
 }
 
-// A pool that another PHP version still serves keeps the socket: that version lets go of it first.
-QString movePool(const QString &name, const QString &from, const QString &to)
-{
-    return u"mv %1 %2; systemctl try-reload-or-restart php%3-fpm; "_s.arg(hosting::poolPath(from, name),
-                                                                          hosting::poolPath(to, name), from) +
-           reloadPhp(to);
-}
-
 QList<Finding> checkPools(const AccountParts &account, const QString &php, bool suspended)
 {
     QList<Finding> findings;
@@ -156,13 +148,7 @@ QList<Finding> checkPools(const AccountParts &account, const QString &php, bool 
         findings.append({Level::Fault,
                          u"the PHP pool of the account %1 is put aside as if it were suspended"_s.arg(name),
                          u"corvctl account resume %1"_s.arg(name)});
-    } else if (needsPool && !account.pools.isEmpty()) {
-        const QString &from = account.pools.constFirst();
-        findings.append(
-            {Level::Fault,
-             u"the account %1 has its pool in PHP %2, not in %3, the version in force"_s.arg(name, from, php),
-             movePool(name, from, php)});
-    } else if (needsPool) {
+    } else if (needsPool && account.pools.isEmpty()) { // one elsewhere is told of with PHP's versions
         findings.append(
             {Level::Fault, u"the account %1 has no pool in PHP %2, the version in force"_s.arg(name, php),
              u"corvctl doctor --pool %1 >%2 && "_s.arg(name, hosting::poolPath(php, name)) + reloadPhp(php)});

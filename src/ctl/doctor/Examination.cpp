@@ -12,6 +12,7 @@
 #include "common/Site.h"
 #include "common/System.h"
 #include "common/TimedRun.h"
+#include "ctl/Turn.h"
 #include "ctl/doctor/AtWork.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Compressor.h"
@@ -21,6 +22,7 @@
 #include "ctl/doctor/Modules.h"
 #include "ctl/doctor/Notify.h"
 #include "ctl/doctor/Offsite.h"
+#include "ctl/doctor/PhpPools.h"
 #include "ctl/doctor/Reach.h"
 #include "ctl/doctor/Restores.h"
 #include "ctl/doctor/Services.h"
@@ -29,6 +31,7 @@
 #include "ctl/doctor/Updates.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/https/View.h"
+#include "ctl/php/MoveJournal.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -117,7 +120,7 @@ Check checkApache()
 }
 
 // Of every version that has pools: a site may use another one than new accounts get.
-Check checkPhp()
+Check checkPhp(const QString &inForce)
 {
     Check check = {u"PHP"_s, {}, {}};
     QStringList seen;
@@ -128,6 +131,10 @@ Check checkPhp()
         seen.append(version);
         check.findings += ctl::checkPhp(*state);
     }
+    QString problem;
+    const QList<PhpPools> pools = readPhpPools(&problem);
+    const std::optional<MoveJournal> cutOff = isTurnTaken(kPhpLock) ? std::nullopt : readMove();
+    check.findings += checkPhpPools(pools, inForce, cutOff ? QStringList{cutOff->from, cutOff->to} : QStringList());
     check.seen = seen.isEmpty() ? u"not installed"_s : u"cache of "_s + seen.join(u' ');
     return check;
 }
@@ -394,7 +401,7 @@ QList<Check> examine(const QString &settingsPath)
                            checkApache(),
                            checkFiles(users, parts),
                            checkServices(settings, settingsPath, php),
-                           checkPhp(),
+                           checkPhp(php),
                            checkPostgres(databases, problem),
                            checkAccounts(users, sites, php, databases, began),
                            checkSites(users, hosts, sites),

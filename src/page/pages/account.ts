@@ -1,12 +1,13 @@
 // One account: how it is, who gets in, its database, its backups and their way back.
-import { account, certificates, sites, type Certificate, type Shown, type Site } from "../client";
+import { account, argv, certificates, sites, type Certificate, type Shown, type Site } from "../client";
 import { make, type Child } from "../elements";
-import { alert, bar, button, card, cards, facts, label, link, shown, table } from "../parts";
+import { alert, button, card, cards, facts, label, link, shown, table } from "../parts";
 import { plot, type Point } from "../plot";
+import { Refused } from "../problem";
 import type { Replies } from "../protocol";
 import { _, backupText, bytesText, format, timeText } from "../text";
 import type { Action, Page, Tools } from "../tools";
-import { deleteAction, resetAction, resumeAction, stateLabel, suspendAction } from "./accounts";
+import { deleteAction, resetAction, resumeAction, stateLabel, suspendAction, useBar, useNote } from "./accounts";
 import { certificateText, type Certificates } from "./certificates";
 import { restoreAction } from "./restoring";
 
@@ -21,13 +22,21 @@ export function growth({ backups }: Backups, username: string, of: "homeBytes" |
     }).reverse();
 }
 
-function keysAction(username: string, keys: string, tools: Tools): Action {
+export function keysAction(username: string, keys: string, tools: Tools): Action {
+    let before = keys;
     return {
         id: "keys", title: format(_("SSH keys of $0"), username), does: _("Save"),
         text: [make("p", {}, _("Who has one of these keys logs in as the account. One a line; none lets nobody in."))],
         fields: [{ name: "keys", title: _("Keys"), kind: "area", value: keys, optional: true }],
-        same: () => ["account", "keys", username, "--set", "keys.txt"],
-        run: async ({ keys = "" }) => { await tools.agent.request("hosting.setKeys", { username, keys: keys.trim() }); },
+        same: () => argv(["account", "keys"], [username], ["--set", "keys.txt"]),
+        run: async ({ keys = "" }) => {
+            const now = (await tools.agent.request("hosting.getKeys", { username })).keys;
+            if (now !== before) {
+                before = now;
+                throw new Refused(_("Somebody changed the keys meanwhile. Save again to replace what is there now."));
+            }
+            await tools.agent.request("hosting.setKeys", { username, keys: keys.trim() });
+        },
     };
 }
 
@@ -36,7 +45,7 @@ function readOnlyAction(username: string, readOnly: boolean, tools: Tools): Acti
         id: "read-only", does: readOnly ? _("Make it read-only") : _("Make it writable"),
         title: format(readOnly ? _("Make the database of $0 read-only") : _("Make the database of $0 writable"), username),
         text: [make("p", {}, _("Its connections are ended; the site opens new ones by itself."))],
-        same: () => ["account", "read-only", username, readOnly ? "on" : "off"],
+        same: () => argv(["account", "read-only"], [username, readOnly ? "on" : "off"]),
         run: async () => { await tools.agent.request("hosting.dbReadOnly", { username, readOnly }); },
     };
 }
@@ -45,7 +54,7 @@ function limitAction(username: string, bytes: number | undefined, tools: Tools):
     return {
         id: "limit", title: format(_("Disk limit of $0"), username), does: _("Set the limit"),
         fields: [{ name: "mb", title: _("Limit in MiB; 0 is none"), kind: "number", value: String(Math.round((bytes ?? 0) / 1048576)) }],
-        same: ({ mb }) => ["account", "limit", username, Number(mb) > 0 ? `${mb}M` : "none"],
+        same: ({ mb }) => argv(["account", "limit"], [username, Number(mb) > 0 ? `${Number(mb)}M` : "none"]),
         run: async ({ mb }) => {
             const limit = Number(mb);
             if (!Number.isInteger(limit) || limit < 0)
@@ -55,19 +64,27 @@ function limitAction(username: string, bytes: number | undefined, tools: Tools):
     };
 }
 
+function seenLabel({ seen, what }: Site): HTMLElement {
+    if (seen === "well")
+        return label(_("The page"), "success");
+    if (seen === "not asked")
+        return label(_("Not looked at"), "none");
+    if (seen === "open")
+        return label(_("Its pages, although it is suspended"), "danger");
+    return label(what ?? seen, seen === "broken" ? "danger" : "warning");
+}
+
 function stateCard(one: Shown, all: Data["sites"] | null, own: Certificate | undefined, tools: Tools): HTMLElement {
     const { username, state } = one;
     const seen = (all ?? []).filter(site => site.host === one.domain);
     return card(_("Site"), [facts(
         [_("Domain"), one.domain],
         [_("State"), stateLabel(state)],
-        [_("Visitors see"), ...(all === null ? ["…"] : seen.length === 0 ? ["-"] : seen.map(site =>
-            label(site.seen === "well" ? _("The page") : site.what ?? site.seen, site.seen === "well" ? "success" : site.seen === "suspended" ? "warning" : "danger")))],
+        [_("Visitors see"), ...(all === null ? ["…"] : seen.length === 0 ? ["-"] : seen.map(seenLabel))],
         [_("PHP"), one.php ?? "-"],
         [_("Certificate"), ...(own ? certificateText(own) : [one.certificate?.validUntil ? format(_("until $0"), timeText(one.certificate.validUntil)) : _("none known")])],
-        [_("Disk used"), one.usedBytes === undefined ? "-" : one.limitBytes
-            ? bar(one.usedBytes / one.limitBytes, format(_("$0 of $1"), bytesText(one.usedBytes), bytesText(one.limitBytes))) : bytesText(one.usedBytes)],
-    )], [
+        [_("Disk used"), useBar(one, one.usedBytes ?? 1)],
+    ), useNote(one.usedFrom)], [
         button(_("Limit"), () => tools.act(limitAction(username, one.limitBytes, tools)), { id: "set-limit" }),
         state === "suspended" ? button(_("Resume"), () => tools.act(resumeAction(username, tools)), { id: "resume-account" })
             : button(_("Suspend"), () => tools.act(suspendAction(username, tools)), { id: "suspend-account" }),

@@ -1,14 +1,14 @@
 // All accounts: found, sorted, filtered; made, taken off-line and back, deleted.
-import { accounts, gone, type Account, type Gone } from "../client";
+import { accounts, argv, gone, type Account, type Accounts, type Gone } from "../client";
 import { make, type Child } from "../elements";
 import { fillRows } from "../longtable";
-import { bar, button, card, copyable, empty, label, link, shown, table, type Part, type Row } from "../parts";
+import { bar, button, card, copyable, empty, facts, label, link, shown, table, type Part, type Row } from "../parts";
 import type { Replies } from "../protocol";
 import { _, backupText, bytesText, format, plural } from "../text";
 import type { Action, Page, Tools } from "../tools";
 import { goneTable } from "./restoring";
 
-interface Data { accounts: Account[]; backups: Replies["backup.status"]; gone: Gone[] }
+interface Data { accounts: Accounts; backups: Replies["backup.status"]; gone: Gone[] }
 
 // What the reader looks for; it outlives a load of the page.
 export const wished = { text: "", state: "", by: "username" as "username" | "domain" | "state" | "usedBytes" };
@@ -50,7 +50,7 @@ export function resetAction(username: string, tools: Tools): Action {
     return {
         id: "password", title: format(_("New database password for $0"), username), does: _("Set a new password"),
         text: [make("p", {}, _("The site loses its database until the new password stands in its settings."))],
-        same: () => ["account", "password", username],
+        same: () => argv(["account", "password"], [username]),
         run: async () => password((await tools.agent.request("hosting.resetDbPassword", { username })).dbPassword),
         lost: () => [button(_("Set a new password"), () => tools.act(resetAction(username, tools)))],
     };
@@ -66,7 +66,7 @@ function createAction(tools: Tools): Action {
             { name: "sshKey", title: _("SSH public key"), kind: "area", optional: true, help: _("In one line; may be added later") },
         ],
         same: ({ username, domain, sshKey }) =>
-            ["account", "create", username || "NAME", domain || "DOMAIN", ...(sshKey ? ["--key", sshKey.trim()] : [])],
+            argv(["account", "create"], [username || "NAME", domain || "DOMAIN"], sshKey?.trim() ? ["--key-file", "key.pub"] : []),
         run: async ({ username = "", domain = "", sshKey = "" }) => {
             name = username;
             const made = await tools.agent.request("hosting.create", { username, domain, sshKey: sshKey.trim() });
@@ -82,7 +82,7 @@ export function suspendAction(username: string, tools: Tools): Action {
     return {
         id: "suspend", title: format(_("Suspend $0"), username), does: _("Suspend"),
         text: [make("p", {}, _("Its site answers 503, nobody logs in, its processes end. Nothing is lost."))],
-        same: () => ["account", "suspend", username],
+        same: () => argv(["account", "suspend"], [username]),
         run: async () => { await tools.agent.request("hosting.suspend", { username }); },
     };
 }
@@ -90,7 +90,7 @@ export function suspendAction(username: string, tools: Tools): Action {
 export function resumeAction(username: string, tools: Tools): Action {
     return {
         id: "resume", title: format(_("Resume $0"), username), does: _("Resume"),
-        same: () => ["account", "resume", username],
+        same: () => argv(["account", "resume"], [username]),
         run: async () => { await tools.agent.request("hosting.resume", { username }); },
     };
 }
@@ -100,7 +100,7 @@ export function deleteAction(username: string, tools: Tools, done: () => void = 
         id: "delete", title: format(_("Delete $0"), username), does: _("Delete"), danger: true,
         text: [make("p", {}, _("Home and database are archived in /var/backups/corvane, then all of the account is removed."))],
         fields: [{ name: "confirm", title: "", must: username }],
-        same: () => ["account", "delete", username],
+        same: () => argv(["account", "delete"], [username]),
         run: async ({ confirm = "" }) => {
             const { archive } = await tools.agent.request("hosting.delete", { username, confirm });
             done();
@@ -109,15 +109,40 @@ export function deleteAction(username: string, tools: Tools, done: () => void = 
     };
 }
 
+// What an account uses of its limit; without one, next to the account that uses most.
+export function useBar({ usedBytes, limitBytes }: Account, largest: number): Child {
+    if (usedBytes === undefined)
+        return "-";
+    return limitBytes ? bar(usedBytes / limitBytes, format(_("$0 of $1"), bytesText(usedBytes), bytesText(limitBytes)))
+        : bar(usedBytes / largest, bytesText(usedBytes), "info");
+}
+
+// A word on numbers that are not of now.
+export function useNote(usedFrom: string | undefined): Child {
+    return usedFrom === "backup" && make("p", { class: "help" }, _("Disk used: each home's archive in the newest backup, as no quotas tell of more."));
+}
+
+function measureAction(tools: Tools): Action {
+    return {
+        id: "measure-homes", title: _("What the accounts use"), does: _("Measure"),
+        text: [make("p", {}, _("All files are counted, which takes minutes where there are many; the agent does nothing else meanwhile."))],
+        same: () => ["account", "usage"],
+        run: async () => {
+            const { usage } = await tools.agent.request("hosting.usage", {});
+            return [facts(...Object.entries(usage).sort(([, one], [, other]) => other - one).map(([name, bytes]): [string, string] => [name, bytesText(bytes)]))];
+        },
+    };
+}
+
 function rowOf(account: Account, largest: number, backup: Part<Map<string, string>>, tools: Tools): Row {
-    const { username, domain, state, usedBytes } = account;
+    const { username, domain, state } = account;
     const last = backup && "here" in backup ? backup.here.get(username) : undefined;
     const isSuspended = state === "suspended";
     return { key: username, cells: [
         link(username, "accounts", username),
         domain,
         stateLabel(state),
-        usedBytes === undefined ? "-" : bar(usedBytes / largest, bytesText(usedBytes), "info"),
+        useBar(account, largest),
         backup === null ? "…" : last ? backupText(last) : label(_("None"), "warning"),
         make("span", { class: "row-actions" },
             isSuspended
@@ -127,7 +152,7 @@ function rowOf(account: Account, largest: number, backup: Part<Map<string, strin
     ] };
 }
 
-function list(all: Account[], backups: Part<Replies["backup.status"]>, tools: Tools): Child[] {
+function list({ accounts: all, usedFrom }: Accounts, backups: Part<Replies["backup.status"]>, tools: Tools): Child[] {
     if (all.length === 0)
         return [empty("none", _("No hosting accounts yet"), "", button(_("Create account"), () => tools.act(createAction(tools)), { kind: "primary" }))];
     const last: Part<Map<string, string>> = backups && "here" in backups ? { here: lastBackups(backups.here) } : backups;
@@ -156,7 +181,8 @@ function list(all: Account[], backups: Part<Replies["backup.status"]>, tools: To
         choice("by", _("Sort by"), wished.by, [["username", _("By name")], ["domain", _("By domain")], ["state", _("By state")], ["usedBytes", _("Largest first")]],
             value => { wished.by = value as typeof wished.by; }),
         count, button(_("Create account"), () => tools.act(createAction(tools)), { kind: "primary", id: "create-account" })),
-    shownTable];
+    shownTable, useNote(usedFrom),
+    usedFrom !== "quotas" && button(_("Measure the homes…"), () => tools.act(measureAction(tools)), { kind: "link", id: "measure" })];
 }
 
 export const accountsPage: Page<Data> = {

@@ -1,5 +1,5 @@
 // The backups that there are, how they went, and what becomes of them elsewhere.
-import { offsite, run, verdicts, type Offsite, type Verdict } from "../client";
+import { argv, offsite, run, verdicts, type Offsite, type Verdict } from "../client";
 import { make, type Child } from "../elements";
 import { alert, bar, button, card, cards, facts, label, log, shown, table, type Part } from "../parts";
 import { plot, type Point } from "../plot";
@@ -14,22 +14,28 @@ type Verdicts = Map<string, Verdict>;
 export interface Data { backups: Status; offsite: Offsite; verdicts: Verdicts }
 
 const kDaySeconds = 86400;
+// Of a longer time without backups no more days are marked, so that a clock that was wrong once does not fill the plot.
+const kMostMissing = 100;
 const kLiveSeconds = 2;
 const kStartTries = 20;
 const kStartMs = 250;
 
-// The backups' sizes, oldest first; those with problems marked, and a mark on the ground for each day without one.
-export function sizes({ backups }: Status): Point[] {
+// A mark on the ground for each day without a backup between two moments.
+function missing(after: number, before: number): Point[] {
+    const days = Math.min(kMostMissing, Math.max(0, Math.ceil((before - kDaySeconds / 2 - after) / kDaySeconds) - 1));
+    return Array.from({ length: days }, (_none, at) => ({ at: after + (at + 1) * kDaySeconds, value: 0, mark: _("no backup"), isMissing: true }));
+}
+
+// The backups' sizes until now, oldest first; those with problems are marked, and the days without one.
+export function sizes({ backups }: Status, now = Date.now() / 1000): Point[] {
     const points: Point[] = [];
     for (const { created, bytes, errors } of [...backups].reverse()) {
         if (created === undefined)
             continue;
-        const before = points[points.length - 1];
-        for (let day = (before?.at ?? created) + kDaySeconds; day < created - kDaySeconds / 2; day += kDaySeconds)
-            points.push({ at: day, value: 0, mark: _("no backup") });
-        points.push({ at: created, value: bytes, ...(errors?.length && { mark: _("with problems") }) });
+        points.push(...missing(points[points.length - 1]?.at ?? created, created),
+            { at: created, value: bytes, ...(errors?.length && { mark: _("with problems") }) });
     }
-    return points;
+    return [...points, ...missing(points[points.length - 1]?.at ?? now, now)];
 }
 
 // Whether a backup that was asked for has begun, or even ended: systemd starts it in its own time.
@@ -55,9 +61,13 @@ function verifyAction(backup: string): Action {
     return {
         id: "verify", title: format(_("Verify the backup of $0"), backupText(backup)), does: _("Verify"),
         text: [make("p", {}, _("Each archive and each dump is read to its end."))],
-        same: () => ["backup", "verify", backup],
-        run: async (_values, progress) => [log(_("What it says"), await run(["backup", "verify", backup], progress))],
+        same: () => argv(["backup", "verify"], [backup]),
+        run: async (_values, progress) => [log(_("What it says"), await run(argv(["backup", "verify"], [backup]), progress))],
     };
+}
+
+function sameFetch(username: string, date = ""): string[] {
+    return argv(["offsite", "fetch"], [username, ...(date.trim() ? [date.trim()] : [])]);
 }
 
 function fetchAction(): Action {
@@ -65,9 +75,8 @@ function fetchAction(): Action {
         id: "fetch", title: _("Fetch an account from off-site"), does: _("Fetch"),
         fields: [{ name: "username", title: _("Account") },
             { name: "date", title: _("Day or backup"), help: _("Such as 2026-11-22; the newest without one"), optional: true }],
-        same: ({ username, date }) => ["offsite", "fetch", username || "ACCOUNT", ...(date ? [date.trim()] : [])],
-        run: async ({ username = "", date = "" }, progress) =>
-            [log(_("What it says"), await run(["offsite", "fetch", username, ...(date ? [date.trim()] : [])], progress))],
+        same: ({ username, date }) => sameFetch(username?.trim() || "ACCOUNT", date),
+        run: async ({ username = "", date }, progress) => [log(_("What it says"), await run(sameFetch(username.trim(), date), progress))],
     };
 }
 

@@ -7,24 +7,24 @@ import { _, format, plural, timeText } from "../text";
 
 export type Certificates = Certificate[] | null;
 
-const kStates: Record<string, [() => string, Level | "none"]> = {
-    served: [() => _("Served"), "success"], waiting: [() => _("Waits for its certificate"), "warning"],
-    ending: [() => _("Ends soon"), "warning"], expired: [() => _("Expired"), "danger"], "left out": [() => _("Left out"), "danger"],
-    off: [() => _("Off"), "none"],
-};
+const kStates = new Map<string, [() => string, Level | "none"]>([
+    ["served", [() => _("Served"), "success"]], ["waiting", [() => _("Waits for its certificate"), "warning"]],
+    ["ending", [() => _("Ends soon"), "warning"]], ["expired", [() => _("Expired"), "danger"]],
+    ["left out", [() => _("Left out"), "danger"]], ["off", [() => _("Off"), "none"]],
+]);
 
 // The state of a site's certificate, until when it is valid, and what there is to be said of it.
 export function certificateText({ state, validUntil, remark }: Certificate): Child[] {
-    const [text, level] = kStates[state] ?? [() => state, "none"];
+    const [text, level] = kStates.get(state) ?? [() => state, "none" as const];
     return [label(text(), level), " ", validUntil !== undefined && format(_("until $0"), timeText(validUntil)), " ", remark];
 }
 
 // Those that somebody has to look after.
 export function certificateConcerns(all: Certificates): [Level, string][] {
     return (all ?? []).flatMap(({ domain, state, remark }): [Level, string][] => {
-        const level = kStates[state]?.[1];
+        const [text, level] = kStates.get(state) ?? [];
         return level !== "danger" && state !== "ending" ? []
-            : [[level === "danger" ? "danger" : "warning", format(_("HTTPS of $0: $1"), domain, remark || kStates[state]![0]())]];
+            : [[level === "danger" ? "danger" : "warning", format(_("HTTPS of $0: $1"), domain, remark || text!())]];
     });
 }
 

@@ -1,5 +1,7 @@
 // What is done with single files and folders of an account.
+import { argv } from "../client";
 import { make } from "../elements";
+import { problemText } from "../parts";
 import { Refused } from "../problem";
 import type { Replies } from "../protocol";
 import { _, format } from "../text";
@@ -32,7 +34,7 @@ function editAction(place: Place, name: string, content: string, end: "\n" | "\r
     return {
         id: "editor", title: path, does: _("Save"),
         fields: [{ name: "content", title: _("Text"), kind: "area", value: content, optional: true }],
-        same: () => ["file", "write", username, path],
+        same: () => argv(["file", "write"], [username, path]),
         run: async ({ content: text = "" }) => {
             const now = (await tools.agent.request("files read", { username, path })).content;
             if (now !== before) {
@@ -52,14 +54,25 @@ export async function openEditor(place: Place, entry: Entry, tools: Tools) {
             throw new Refused(_("Its lines end in several ways, which would not survive the editor; download it instead."));
         tools.act(editAction(place, entry.name, content, end, tools));
     } catch (error) {
-        tools.notice("danger", entry.name, (error as Error).message);
+        tools.notice("danger", entry.name, problemText(error as Error));
     }
+}
+
+// Whether a file has this path: a list of its folder would end after the first 5000. What is no file is told when it is written.
+async function isThere(username: string, path: string, tools: Tools): Promise<boolean> {
+    return tools.agent.request("files read", { username, path }).then(() => true, (problem: Error) => {
+        if (problem instanceof Refused && problem.message === "not a file")
+            return false;
+        if (problem instanceof Refused && /^(not a text file|too big )/.test(problem.message))
+            return true;
+        throw problem;
+    });
 }
 
 export function newFolderAction(place: Place, tools: Tools): Action {
     return {
         id: "new-folder", title: _("New folder"), does: _("Make it"), fields: [{ name: "name", title: _("Name") }],
-        same: ({ name = "" }) => ["file", "mkdir", place.username, pathOf(place, name)],
+        same: ({ name = "" }) => argv(["file", "mkdir"], [place.username, pathOf(place, name)]),
         run: async ({ name = "" }) => { await tools.agent.request("files mkdir", { username: place.username, path: pathOf(place, name) }); },
     };
 }
@@ -68,11 +81,10 @@ export function newFileAction(place: Place, tools: Tools): Action {
     return {
         id: "new-file", title: _("New file"), does: _("Make it"),
         fields: [{ name: "name", title: _("Name") }, { name: "content", title: _("Text"), kind: "area", optional: true }],
-        same: ({ name = "" }) => ["file", "write", place.username, pathOf(place, name)],
+        same: ({ name = "" }) => argv(["file", "write"], [place.username, pathOf(place, name)]),
         run: async ({ name = "", content = "" }) => {
             const path = pathOf(place, name);
-            const { entries } = await tools.agent.request("files list", { username: place.username, path: pathOf(place) });
-            if (entries.some(entry => entry.name === name))
+            if (await isThere(place.username, path, tools))
                 throw new Refused(_("Something of that name is there already."));
             await tools.agent.request("files write", { username: place.username, path, content });
         },
@@ -84,7 +96,7 @@ export function renameAction(place: Place, name: string, tools: Tools): Action {
     return {
         id: "rename", title: format(_("Rename or move $0"), name), does: _("Rename"),
         fields: [{ name: "to", title: _("New path, from the home"), value: path }],
-        same: ({ to = "" }) => ["file", "mv", place.username, path, to],
+        same: ({ to = "" }) => argv(["file", "mv"], [place.username, path, to]),
         run: async ({ to = "" }) => { await tools.agent.request("files rename", { username: place.username, path, to }); },
     };
 }
@@ -94,7 +106,7 @@ export function deleteAction(place: Place, entry: Entry, tools: Tools): Action {
     return {
         id: "delete-file", title: format(_("Delete $0"), entry.name), does: _("Delete"), danger: true,
         text: [make("p", {}, entry.dir && !entry.link ? _("The folder goes with all that is in it.") : _("There is no way back but a backup."))],
-        same: () => ["file", "rm", place.username, path],
+        same: () => argv(["file", "rm"], [place.username, path]),
         run: async () => { await tools.agent.request("files delete", { username: place.username, path }); },
     };
 }

@@ -1,7 +1,7 @@
 // The files of an account, as its user sees them and with its user's rights.
 import { make, type Child } from "../elements";
 import { fillRows } from "../longtable";
-import { alert, button, label, shown, table, type Row } from "../parts";
+import { alert, button, label, link, shown, table, type Row } from "../parts";
 import type { Replies } from "../protocol";
 import { _, bytesText, format, plural, timeText } from "../text";
 import type { Page, Tools } from "../tools";
@@ -20,12 +20,12 @@ export function modeText(octal: string): string {
 }
 
 function rowOf(place: Place, entry: Entry, tools: Tools): Row {
-    const { name, dir, link, size, mtime, mode } = entry;
+    const { name, dir, size, mtime, mode } = entry;
     const editable = !dir && size <= kEditableBytes;
     const title = dir ? make("a", { href: `#/${["files", place.username, ...place.folder, name].map(encodeURIComponent).join("/")}` }, `${name}/`)
         : editable ? button(name, () => void openEditor(place, entry, tools), { kind: "link" }) : name;
     return { key: name, cells: [
-        link ? make("span", {}, title, " ", label(_("link"), "none")) : title,
+        entry.link ? make("span", {}, title, " ", label(_("link"), "none")) : title,
         dir ? "" : bytesText(size), timeText(mtime), make("code", {}, modeText(mode)),
         make("span", { class: "row-actions" },
             !dir && button(_("Download"), () => void fetchFile(place, entry, tools), { kind: "link", label: format(_("Download $0"), name) }),
@@ -54,9 +54,13 @@ function pressed(event: Event, place: Place, entries: readonly Entry[], tools: T
     event.preventDefault();
 }
 
-function toolbar(place: Place, entries: readonly Entry[], wish: HTMLElement, count: HTMLElement, tools: Tools): HTMLElement {
-    const picked = (input: HTMLInputElement) => send(place, [...input.files ?? []].map(file =>
-        ({ path: (file.webkitRelativePath || file.name).split("/"), file })), entries, tools);
+function toolbar(place: Place, wish: HTMLElement, count: HTMLElement, tools: Tools): HTMLElement {
+    const picked = (input: HTMLInputElement) => {
+        const chosen = [...input.files ?? []].map(file => ({ path: (file.webkitRelativePath || file.name).split("/"), file }));
+        // So that the same one can be chosen once more.
+        input.value = "";
+        void send(place, chosen, tools);
+    };
     const files: HTMLInputElement = make("input", { type: "file", id: "pick-files", multiple: true, hidden: true, change: () => picked(files) });
     const folder: HTMLInputElement = make("input", { type: "file", id: "pick-folder", webkitdirectory: true, hidden: true, change: () => picked(folder) });
     return make("div", { class: "toolbar" }, make("span", { class: "pf-v6-c-form-control search" }, wish), count,
@@ -82,7 +86,7 @@ function listing(place: Place, { entries, truncated }: Replies["files list"], wi
     wish.value = wished.text;
     fill();
     return [
-        toolbar(place, entries, wish, count, tools),
+        toolbar(place, wish, count, tools),
         truncated && alert("warning", _("The folder has more than these; the first 5000 are shown.")),
         make("div", {
             id: "drop",
@@ -92,7 +96,8 @@ function listing(place: Place, { entries, truncated }: Replies["files list"], wi
                 event.preventDefault();
                 const items = [...(event as DragEvent).dataTransfer?.items ?? []].map(item => item.webkitGetAsEntry());
                 void Promise.all(items.filter((item): item is FileSystemEntry => item !== null).map(item => dropped(item)))
-                    .then(found => send(place, found.flat(), entries, tools));
+                    .then(found => send(place, found.flat(), tools),
+                        (problem: Error) => tools.notice("danger", _("What was dropped cannot be read"), problem.message));
             },
         }, whole),
     ];
@@ -101,7 +106,7 @@ function listing(place: Place, { entries, truncated }: Replies["files list"], wi
 function trail({ username, folder }: Place): HTMLElement {
     const step = (text: string, depth: number) => make("a", {
         href: `#/${["files", username, ...folder.slice(0, depth)].map(encodeURIComponent).join("/")}` }, text);
-    return make("nav", { "aria-label": _("Folder") }, make("a", { href: `#/accounts/${username}` }, format(_("Account $0"), username)), " / ",
+    return make("nav", { "aria-label": _("Folder") }, link(format(_("Account $0"), username), "accounts", username), " / ",
         step(_("Home"), 0), ...folder.flatMap((name, at) => [" / ", step(name, at + 1)]));
 }
 

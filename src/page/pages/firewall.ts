@@ -1,5 +1,5 @@
 // The firewall, and who is banned. Whoever looks at this page came in by a port: what would shut it is refused.
-import { run } from "../client";
+import { argv, option, run } from "../client";
 import { make, type Child } from "../elements";
 import { alert, button, card, cards, facts, label, shown, table } from "../parts";
 import { Refused } from "../problem";
@@ -17,31 +17,60 @@ export function ownPort(place: { port: string; protocol: string } = location): n
     return Number(place.port) || (place.protocol === "http:" ? 80 : 443);
 }
 
-// Whether a rule lets a port in over TCP from anywhere.
-export function opens({ to, action, from }: Rule, port: number): boolean {
-    if (!/^(ALLOW|LIMIT)( IN)?$/.test(action) || !/^Anywhere( \(v6\))?$/.test(from))
-        return false;
-    const [, ports = "", protocol] = /^([\d,:]+|Anywhere)(?:\/(tcp|udp))?(?: \(v6\))?$/.exec(to) ?? [];
-    if (protocol === "udp")
-        return false;
+// Where a rule goes: an address of the server, ports, a protocol, IPv6, one interface. Names of ufw's profiles have no such form.
+const kTo = /^(?:(\S+) )?([\d,:]+|Anywhere)(?:\/(tcp|udp))?(?: \(v6\))?( on \S+)?$/;
+
+function covers(ports: string, port: number): boolean {
     return ports === "Anywhere" || ports.split(",").some(one => {
         const ends = one.split(":").map(Number);
         return port >= ends[0]! && port <= ends[ends.length - 1]!;
     });
 }
 
-function isOfSix(rule: Rule): boolean {
-    return rule.to.endsWith("(v6)");
+// What a rule is to a port over TCP: it lets everybody in or some, shuts everybody out, or has nothing to do with it. Profiles are not
+// told with their ports; those of web servers are taken for what they are named after.
+export function meets({ to, action, from }: Rule, port: number): "all" | "some" | "shut" | "none" {
+    const verdict = /^(ALLOW|LIMIT|DENY|REJECT)( IN)?$/.exec(action)?.[1];
+    if (verdict === undefined)
+        return "none";
+    const lets = verdict === "ALLOW" || verdict === "LIMIT";
+    const [, address, ports, protocol, face] = kTo.exec(to) ?? [];
+    if (ports === undefined)
+        return lets && (port === 80 || port === 443) ? "some" : "none";
+    if (protocol === "udp" || !covers(ports, port))
+        return "none";
+    const isForAll = !address && !face && /^Anywhere( \(v6\))?$/.test(from);
+    return isForAll ? lets ? "all" : "shut" : lets ? "some" : "none";
 }
 
-// Whether this page could not be reached any more without a rule.
+// Of a rule for some addresses these alone tell.
+function isOfSix({ to, from }: Rule): boolean {
+    return to.includes("(v6)") || from.includes(":");
+}
+
+// Whether the rules of a kind of address let everybody in: the first that is about all who come decides.
+function isOpen(rules: readonly Rule[], isSix: boolean, port: number): boolean {
+    const first = rules.filter(rule => isOfSix(rule) === isSix).map(rule => meets(rule, port)).find(one => one === "all" || one === "shut");
+    return first === "all";
+}
+
+// Whether the reader could be shut out of this page without a rule: nobody else lets everybody in, and it lets in the reader for sure, or
+// perhaps.
 export function keepsPage(rule: Rule, rules: readonly Rule[], port: number): boolean {
-    return opens(rule, port) && !rules.some(other => other !== rule && isOfSix(other) === isOfSix(rule) && opens(other, port));
+    const what = meets(rule, port);
+    const others = rules.filter(other => other !== rule);
+    return (what === "all" || what === "some") && !isOpen(others, isOfSix(rule), port)
+        && (what === "some" || isOpen(rules, isOfSix(rule), port));
+}
+
+// Whether the rules let everybody in by each kind of address that they are about.
+export function isReachable(rules: readonly Rule[], port: number): boolean {
+    return rules.length > 0 && [false, true].every(isSix => !rules.some(rule => isOfSix(rule) === isSix) || isOpen(rules, isSix, port));
 }
 
 // Opens this page's own port before the firewall is on. Where ufw is yet to be installed its rules cannot be written before: the rule
 // is sent with it, so that it follows at once even if this very connection does not come back.
-async function enable(tools: Tools, port: number) {
+export async function enable(tools: Tools, port: number) {
     const { agent } = tools;
     const open = { port, proto: "tcp", from: "any" } as const;
     const before = await agent.request("firewall.status", {});
@@ -50,14 +79,16 @@ async function enable(tools: Tools, port: number) {
     const enabled = agent.request("firewall.enable", {});
     const opened = before.installed ? null : agent.request("firewall.allow", open);
     const [first, second] = await Promise.allSettled([enabled, opened]);
-    for (const outcome of [first, second]) {
-        if (outcome.status === "rejected")
-            throw outcome.reason;
+    if (first.status === "rejected")
+        throw first.reason;
+    if (second.status === "rejected") {
+        await agent.request("firewall.disable", {});
+        throw second.reason;
     }
     const after = await agent.request("firewall.status", {});
-    if (!(after.rules ?? []).some(rule => opens(rule, port))) {
+    if (!isReachable(after.rules ?? [], port)) {
         await agent.request("firewall.disable", {});
-        throw new Refused(format(_("No rule keeps port $0 open, by which you came here: the firewall is off again."), port));
+        throw new Refused(format(_("The rules do not let everybody in to port $0, by which you came here: the firewall is off again."), port));
     }
 }
 
@@ -85,7 +116,8 @@ function allowAction(tools: Tools): Action {
         fields: [{ name: "port", title: _("Port"), kind: "number" },
             { name: "proto", title: _("Protocol"), kind: "choice", value: "tcp", choices: [["tcp", "TCP"], ["udp", "UDP"], ["both", _("Both")]] },
             { name: "from", title: _("For whom"), value: "any", help: _("any, an address, or a range such as 10.0.0.0/8") }],
-        same: ({ port, proto = "tcp", from = "any" }) => ["firewall", "allow", port || "PORT", "--proto", proto, ...(from === "any" ? [] : ["--from", from])],
+        same: ({ port, proto = "tcp", from = "any" }) =>
+            argv(["firewall", "allow"], [port || "PORT"], ["--proto", proto, ...(from.trim() === "any" ? [] : option("--from", from.trim()))]),
         run: async ({ port, proto, from = "any" }) => {
             await tools.agent.request("firewall.allow", { port: Number(port), proto: proto as "tcp" | "udp" | "both", from: from.trim() });
         },
@@ -99,7 +131,7 @@ async function remove(rule: Rule, tools: Tools, port: number) {
     if (!now || now.to !== rule.to || now.action !== rule.action || now.from !== rule.from)
         throw new Refused(_("The rules have changed meanwhile; look again."));
     if (active && keepsPage(now, rules, port))
-        throw new Refused(_("This rule lets you in to this page."));
+        throw new Refused(_("This rule may be what lets you in to this page. Open the port for everybody first."));
     await tools.agent.request("firewall.delete", { number: rule.number });
 }
 
@@ -140,21 +172,25 @@ function banAction(tools: Tools): Action {
     };
 }
 
+function sameBan(address: string, jail: string): string[] {
+    return argv(["ban", "add"], [address], option("--jail", jail));
+}
+
 function banAddressAction(jails: string[]): Action {
     return {
         id: "ban-address", title: _("Ban an address"), does: _("Ban"),
         text: [make("p", {}, _("It is shut out of the jail's ports until the jail's time is over."))],
         fields: [{ name: "address", title: _("Address") },
             { name: "jail", title: _("Jail"), kind: "choice", value: jails[0]!, choices: jails.map((name): [string, string] => [name, name]) }],
-        same: ({ address, jail = "" }) => ["ban", "add", address?.trim() || "ADDRESS", "--jail", jail],
-        run: async ({ address = "", jail = "" }) => { await run(["ban", "add", address.trim(), "--jail", jail]); },
+        same: ({ address, jail = "" }) => sameBan(address?.trim() || "ADDRESS", jail),
+        run: async ({ address = "", jail = "" }) => { await run(sameBan(address.trim(), jail)); },
     };
 }
 
 function liftAction(jail: string, ip: string, tools: Tools): Action {
     return {
         id: "lift", title: format(_("Lift the ban of $0"), ip), does: _("Lift"),
-        same: () => ["ban", "lift", jail, ip],
+        same: () => argv(["ban", "lift"], [jail, ip]),
         run: async () => { await tools.agent.request("fail2ban.unban", { jail, ip }); },
     };
 }

@@ -1,21 +1,24 @@
 // How the server is, at a glance: what needs attention first, then each part with the way to it.
-import { accounts, certificates, doctor, offsite, sites, verdicts, type Account, type Doctor, type Offsite, type Site, type Verdict } from "../client";
+import { accounts, certificates, doctor, offsite, sites, verdicts, type Accounts, type Doctor, type Offsite, type Site, type Verdict } from "../client";
 import { make, type Child } from "../elements";
 import { alert, bar, button, card, cards, copyable, facts, label, link, problemText, shown, table, type Level, type Part } from "../parts";
 import { Refused } from "../problem";
 import type { Replies } from "../protocol";
 import { _, agoText, backupText, bytesText, format, plural, spanText } from "../text";
 import type { Action, Page, Parts, Tools } from "../tools";
+import { useBar, useNote } from "./accounts";
 import { offsiteProblems, verdictOf } from "./backups";
 import { certificateConcerns, certificatesCard, type Certificates } from "./certificates";
 
 export interface Data {
     info: Replies["system.info"]; disks: Replies["system.disks"]; services: Replies["services.status"];
     security: Replies["security.status"]; updates: Replies["updates.status"]; backups: Replies["backup.status"];
-    accounts: Account[]; sites: Site[]; doctor: Doctor; verdicts: Map<string, Verdict>; offsite: Offsite; certificates: Certificates;
+    accounts: Accounts; sites: Site[]; doctor: Doctor; verdicts: Map<string, Verdict>; offsite: Offsite; certificates: Certificates;
 }
 
 const kOldBackupSeconds = 36 * 3600;
+// What visitors see where nothing is wrong, and of sites that cannot be asked from here.
+const kAsItShould = ["well", "suspended", "not asked"];
 
 function down(services: Replies["services.status"]): string[] {
     return services.services.filter(service => service.loaded && !service.active).map(service => service.name);
@@ -69,8 +72,9 @@ export function concerns(data: Parts<Data>, now = Date.now() / 1000): [Level, st
             found.push(["warning", _("The firewall is off"), "firewall"]);
     });
     look(data.sites, all => {
-        for (const site of all.filter(({ seen }) => seen !== "well" && seen !== "suspended"))
-            found.push(["danger", format(_("$0: $1"), site.host, site.what ?? site.seen), "accounts"]);
+        for (const { host, seen, what } of all.filter(({ seen }) => !kAsItShould.includes(seen)))
+            found.push([seen === "own error" ? "warning" : "danger",
+                format(_("$0: $1"), host, seen === "open" ? _("suspended, but its visitors get in") : what ?? seen), "accounts"]);
     });
     look(data.doctor, ({ faults }) => {
         if (faults > 0)
@@ -122,13 +126,12 @@ function servicesCard(services: Data["services"]): Child[] {
         [name, active ? label(_("Runs"), "success") : loaded === false ? label(_("Not installed"), "none") : label(sub || _("Unknown"), "danger")]))];
 }
 
-function accountsCard(all: Account[]): Child[] {
+function accountsCard({ accounts: all, usedFrom }: Accounts): Child[] {
     const suspended = all.filter(({ state }) => state === "suspended").length;
     const largest = [...all].sort((a, b) => (b.usedBytes ?? 0) - (a.usedBytes ?? 0)).slice(0, 5);
     const most = Math.max(1, largest[0]?.usedBytes ?? 1);
     return [make("p", {}, plural("$0 account", "$0 accounts", all.length), ", ", plural("$0 suspended", "$0 suspended", suspended)),
-        facts(...largest.map(({ username, usedBytes }): [string, ...Child[]] =>
-            [username, usedBytes === undefined ? "-" : bar(usedBytes / most, bytesText(usedBytes), "info")]))];
+        facts(...largest.map((one): [string, ...Child[]] => [one.username, useBar(one, most)])), useNote(usedFrom)];
 }
 
 function offsiteText(newest: string | undefined, copies: Part<Offsite>): Child[] {

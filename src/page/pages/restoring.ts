@@ -1,5 +1,5 @@
 // The way back: of parts of an account that is there, and of whole accounts that are gone.
-import { run, type Gone, type Source } from "../client";
+import { argv, option, run, type Gone, type Source } from "../client";
 import { make, type Child } from "../elements";
 import { button, copyable, label, log, table } from "../parts";
 import { _, agoText, backupText, bytesText, format, timeText } from "../text";
@@ -7,11 +7,14 @@ import type { Action, Tools } from "../tools";
 
 const kWays = ["beside", "folder", "home", "database"];
 
-function sameRestore(username: string, way: string, backup: string, folder: string): string[] {
-    const begin = ["backup", "restore", username, backup];
+function sameRestore(username: string, way: string, backup: string, folder: string, more: string[] = []): string[] {
     if (way === "database" || way === "beside")
-        return [...begin, way === "database" ? "database" : "files"];
-    return [...begin, "files", "--in-place", ...(way === "folder" ? [folder || "public_html"] : [])];
+        return argv(["backup", "restore"], [username, backup, way === "database" ? "database" : "files"], more);
+    return argv(["backup", "restore"], [username, backup, "files", ...(way === "folder" ? [folder || "public_html"] : [])], ["--in-place", ...more]);
+}
+
+function sameUndelete(username: string, from: string, more: string[] = []): string[] {
+    return argv(["account", "restore"], [username], [...option("--from", from), ...more]);
 }
 
 // Restores from a backup: of the one account, or of that of several which the reader chooses.
@@ -41,7 +44,7 @@ export function restoreAction(accounts: readonly string[], backup: string, tools
                 return done.restoredTo ? [make("p", {}, _("The files are in:")), copyable(done.restoredTo)] : undefined;
             }
             // The dialog has the name typed, so that the client need not ask for it.
-            const said = await run([...sameRestore(username, way, backup, folder), "--confirm", username], progress);
+            const said = await run(sameRestore(username, way, backup, folder, option("--confirm", username)), progress);
             return [log(_("What it says"), said)];
         },
     };
@@ -62,9 +65,9 @@ export function undeleteAction({ username, domain, sources }: Gone): Action {
             { name: "from", title: _("From"), kind: "choice", value: newest, choices: sources.map(source => [source.from, sourceText(source)]) },
             { name: "confirm", title: "", must: username },
         ],
-        same: ({ from = newest }) => ["account", "restore", username, "--from", from],
+        same: ({ from = newest }) => sameUndelete(username, from),
         run: async ({ from = newest }, progress) => [log(_("What it says"),
-            await run(["account", "restore", username, "--from", from, "--confirm", username], progress))],
+            await run(sameUndelete(username, from, option("--confirm", username)), progress))],
     };
 }
 

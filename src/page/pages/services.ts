@@ -1,4 +1,5 @@
 // The services that the accounts live on, and whether disk quotas are to be had.
+import { argv } from "../client";
 import { make } from "../elements";
 import { button, card, facts, label, shown, table } from "../parts";
 import type { Replies } from "../protocol";
@@ -13,7 +14,7 @@ function restartAction(name: string, tools: Tools): Action {
     return {
         id: "restart", title: format(_("Restart $0"), name), does: _("Restart"),
         text: [make("p", {}, _("What depends on it is gone for a moment."))],
-        same: () => ["service", "restart", name],
+        same: () => argv(["service", "restart"], [name]),
         run: async () => {
             const { queued } = await tools.agent.request("services.restart", { name });
             return queued ? [make("p", {}, _("It restarts a second from now."))] : undefined;

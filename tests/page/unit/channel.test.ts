@@ -87,3 +87,27 @@ test("what waits is told, the request in work first", async () => {
     await Promise.all(asked);
     assert.deepEqual(pending, []);
 });
+
+test("a line that nobody asked for ends the connection, so that no reply goes to another request", async () => {
+    const agent = new Agent();
+    const asked = agent.request("ping", {});
+    const connection = newest();
+    connection.says('{"ok":true,"version":"1"}\n{"ok":true,"version":"2"}\n');
+    assert.deepEqual(await asked, { ok: true, version: "1" });
+    assert.equal(connection.isClosed, true);
+    const next = agent.request("ping", {});
+    assert.notEqual(newest(), connection);
+    connection.says('{"ok":true,"version":"3"}\n');
+    newest().says('{"ok":true,"version":"4"}\n');
+    assert.deepEqual(await next, { ok: true, version: "4" });
+});
+
+test("what is longer than the agent takes is not sent, and what waits there is not lost with it", async () => {
+    const agent = new Agent();
+    const first = agent.request("ping", {});
+    const tooLong = agent.request("files write", { username: "shop", path: "a", content: "\u0001".repeat(1 << 20) });
+    await assert.rejects(tooLong, (error: Error) => error instanceof Refused && /too much/.test(error.message));
+    assert.equal(newest().sent.length, 1);
+    newest().says('{"ok":true,"version":"1"}\n');
+    assert.deepEqual(await first, { ok: true, version: "1" });
+});

@@ -34,6 +34,13 @@ test("a reply within a reply may have failed, but not without a word", () => {
 });
 
 test("members of any name have a type too", () => {
-    assert.equal(misfit({ usage: { shop: 1, __proto__: 2 } }, kShapes["hosting.usage"]), null);
+    assert.equal(misfit(JSON.parse('{"usage":{"shop":1,"__proto__":2}}'), kShapes["hosting.usage"]), null);
+    assert.equal(misfit(JSON.parse('{"usage":{"shop":1,"__proto__":{"a":2}}}'), kShapes["hosting.usage"]), ".usage.__proto__");
     assert.equal(misfit({ usage: { shop: "1" } }, kShapes["hosting.usage"]), ".usage.shop");
+});
+
+test("a member that every object has by itself does not count as one of the reply", () => {
+    assert.equal(misfit(JSON.parse('{"__proto__":{"name":"x"}}'), { name: "string" }), ".name");
+    assert.equal(misfit({}, { "constructor?": "string" }), null);
+    assert.equal(misfit({}, JSON.parse('{"__proto__":{}}')), ".__proto__");
 });

@@ -20,6 +20,14 @@ export class FakeNode {
         this.childNodes = [];
         this.append(...children);
     }
+    replaceWith(other: FakeNode) {
+        const { parent } = this;
+        if (!parent)
+            return;
+        parent.childNodes = parent.childNodes.map(child => child === this ? other : child);
+        other.parent = parent;
+        this.parent = null;
+    }
     remove() {
         if (this.parent)
             this.parent.childNodes = this.parent.childNodes.filter(child => child !== this);
@@ -48,6 +56,7 @@ export class FakeElement extends FakeNode {
     getAttribute(name: string) { return this.attributes.get(name) ?? null; }
     addEventListener(name: string, listener: (event: unknown) => void) { (this.listeners[name] ??= []).push(listener); }
     fire(name: string) { this.listeners[name]?.forEach(listener => listener({ target: this, preventDefault: () => undefined })); }
+    click() { this.fire("click"); }
     all(): FakeElement[] {
         return this.childNodes.flatMap(child => child instanceof FakeElement ? [child, ...child.all()] : []);
     }
@@ -96,7 +105,7 @@ const put = (text: string, ...values: unknown[]) => text.replace(/\$(\d)/g, (_wh
 
 Object.assign(globalThis, {
     Node: FakeNode,
-    document: { createElement: (tag: string) => new FakeElement(tag), createElementNS: (_space: string, tag: string) => new FakeElement(tag) },
+    document: { querySelector: () => null, createElement: (tag: string) => new FakeElement(tag), createElementNS: (_space: string, tag: string) => new FakeElement(tag) },
     location: { port: "9090", protocol: "https:" },
     cockpit: {
         language: "en", gettext: (text: string) => text, ngettext: (one: string, many: string, number: number) => number === 1 ? one : many,

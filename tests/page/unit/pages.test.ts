@@ -8,13 +8,13 @@ import { accountsPage, chosen, lastBackups, wished } from "../../../src/page/pag
 import { durations, sizes } from "../../../src/page/pages/backups";
 import { lineEnd, pathOf } from "../../../src/page/pages/fileactions";
 import { modeText } from "../../../src/page/pages/files";
-import { keepsPage, opens, ownPort } from "../../../src/page/pages/firewall";
+import { ownPort } from "../../../src/page/pages/firewall";
 import { restoreAction, undeleteAction } from "../../../src/page/pages/restoring";
 import { certificatesCard } from "../../../src/page/pages/certificates";
 import { concerns, overviewPage, type Data } from "../../../src/page/pages/overview";
 import { lastStates, problemText, sameLine, shellLine } from "../../../src/page/parts";
 import { pendingText } from "../../../src/page/pending";
-import { place } from "../../../src/page/plot";
+import { place, plot } from "../../../src/page/plot";
 import { NoAgent, Refused } from "../../../src/page/problem";
 import { agoText, backupText, bytesText, spanText } from "../../../src/page/text";
 import type { Parts, Tools } from "../../../src/page/tools";
@@ -38,9 +38,9 @@ test("text stays text, and no attribute becomes a script", () => {
 
 test("an account whose names are an attack is drawn as text", () => {
     const attack = "<script>alert(1)</script>";
-    const page = accountsPage.view({ accounts: { here: [{ username: attack, domain: attack, state: attack }] }, backups: null, gone: { here: [{ username: attack, domain: attack, sources: [] }] } }, tools);
+    const page = accountsPage.view({ accounts: { here: { accounts: [{ username: attack, domain: attack, state: attack }] } }, backups: null, gone: { here: [{ username: attack, domain: attack, sources: [] }] } }, tools);
     const root = new FakeElement("div");
-    root.append(...page as never as FakeNode[]);
+    root.append(...page.filter(child => child) as never as FakeNode[]);
     assert.ok(root.textContent.includes(attack));
     assert.equal(root.querySelector("script"), null);
 });
@@ -60,6 +60,14 @@ test("accounts are found, filtered and sorted", () => {
     assert.deepEqual(names({ text: "nobody" }), []);
 });
 
+test("use is shown against the limit where there is one, and by its source where it is not of now", () => {
+    const page = (usedFrom: string) => words(accountsPage.view({ backups: null, gone: null, accounts: { here: { usedFrom, accounts: [
+        { username: "shop", domain: "d", state: "on-line", usedBytes: 50, limitBytes: 100 }, { username: "zoo", domain: "d", state: "on-line", usedBytes: 7 }] } } }, tools));
+    assert.match(page("quotas"), /50 byte of 100 byte[^]*7 byte/);
+    assert.doesNotMatch(page("quotas"), /newest backup/);
+    assert.match(page("backup"), /archive in the newest backup/);
+});
+
 test("the newest backup of an account counts", () => {
     const status = backups({ name: "2", bytes: 1, accounts: [{ username: "shop" }] }, { name: "1", bytes: 1, accounts: [{ username: "shop" }, { username: "old" }] });
     assert.deepEqual([...lastBackups(status)], [["shop", "2"], ["old", "1"]]);
@@ -68,7 +76,12 @@ test("the newest backup of an account counts", () => {
 test("a backup that is missing or has problems is marked, and none is made up", () => {
     const day = 86400;
     const status = backups({ name: "c", bytes: 7, created: 3 * day, errors: [] }, { name: "b", bytes: 1 }, { name: "a", bytes: 5, created: day, errors: ["x"] });
-    assert.deepEqual(sizes(status), [{ at: day, value: 5, mark: "with problems" }, { at: 2 * day, value: 0, mark: "no backup" }, { at: 3 * day, value: 7 }]);
+    const known = [{ at: day, value: 5, mark: "with problems" }, { at: 2 * day, value: 0, mark: "no backup", isMissing: true }, { at: 3 * day, value: 7 }];
+    assert.deepEqual(sizes(status, 4.4 * day), known);
+    // Those that are missing until now, too.
+    assert.deepEqual(sizes(status, 5.6 * day), [...known, ...[4, 5].map(days => ({ at: days * day, value: 0, mark: "no backup", isMissing: true }))]);
+    // A clock that was wrong once.
+    assert.equal(sizes(backups({ name: "b", bytes: 1, created: 9007199254740991 }, { name: "a", bytes: 1, created: 1 }), 2).length, 102);
 });
 
 test("the time that backups took is drawn where it is told", () => {
@@ -81,6 +94,14 @@ test("an account grows by what the manifests tell", () => {
         { name: "a", bytes: 1, created: 1, accounts: [{ username: "shop", homeBytes: 4, dbBytes: 1 }] });
     assert.deepEqual(growth(status, "shop", "homeBytes"), [{ at: 1, value: 4 }, { at: 2, value: 9 }]);
     assert.deepEqual(growth(status, "shop", "dbBytes"), [{ at: 1, value: 1 }]);
+});
+
+test("what is missing is no part of the line, and not the last of it", () => {
+    const drawn = plot("p", [{ name: "n", points: [{ at: 0, value: 10 }, { at: 5, value: 0, mark: "none", isMissing: true }, { at: 10, value: 5 },
+        { at: 20, value: 0, mark: "none", isMissing: true }] }], String) as unknown as FakeElement;
+    assert.equal(drawn.querySelector("polyline")!.getAttribute("points"), "8,8 320,80");
+    assert.deepEqual(drawn.all().filter(one => one.tag === "circle").map(one => one.getAttribute("class")), ["dot line-0", "mark", "dot line-0", "mark"]);
+    assert.equal(drawn.all().filter(one => one.tag === "span").pop()!.textContent, "n: 5");
 });
 
 test("points lie within their drawing", () => {
@@ -166,32 +187,10 @@ test("a restore asks for the name of the account that was chosen", () => {
     assert.equal(must(["shop"], {}), "shop");
     assert.equal(must(["alice", "shop"], { account: "shop" }), "shop");
     const action = restoreAction(["alice", "shop"], "b", tools);
-    assert.deepEqual(action.same({ account: "shop", way: "folder", folder: "x y" }), ["backup", "restore", "shop", "b", "files", "--in-place", "x y"]);
+    assert.deepEqual(action.same({ account: "shop", way: "folder", folder: "x y" }), ["backup", "restore", "shop", "b", "files", "x y", "--in-place"]);
     assert.deepEqual(action.same({ account: "shop", way: "home", folder: "x" }), ["backup", "restore", "shop", "b", "files", "--in-place"]);
     assert.deepEqual(action.same({ account: "shop", way: "beside", folder: "x" }), ["backup", "restore", "shop", "b", "files"]);
     assert.deepEqual(action.same({ account: "shop", way: "database", folder: "x" }), ["backup", "restore", "shop", "b", "database"]);
-});
-
-const rule = (to: string, action = "ALLOW IN", from = "Anywhere") => ({ number: 1, to, action, from, ssh: false });
-
-for (const [to, isOpen] of [["9090/tcp", true], ["9090", true], ["9090/tcp (v6)", true], ["80,9090/tcp", true], ["9000:9100/tcp", true],
-    ["Anywhere", true], ["9090/udp", false], ["90/tcp", false], ["19090/tcp", false], ["9091:9100/tcp", false], ["Nginx Full", false]] as const) {
-    test(`a rule for ${to} ${isOpen ? "lets" : "does not let"} port 9090 in`, () => assert.equal(opens(rule(to), 9090), isOpen));
-}
-
-test("a rule that refuses, or lets only some in, does not keep the page", () => {
-    assert.equal(opens(rule("9090/tcp", "DENY IN"), 9090), false);
-    assert.equal(opens(rule("9090/tcp", "ALLOW OUT"), 9090), false);
-    assert.equal(opens(rule("9090/tcp", "ALLOW IN", "10.0.0.0/8"), 9090), false);
-    assert.equal(opens(rule("9090/tcp (v6)", "LIMIT IN", "Anywhere (v6)"), 9090), true);
-});
-
-test("the last rule that lets the page's port in keeps it, for each kind of address by itself", () => {
-    const four = rule("9090/tcp"), six = rule("9090/tcp (v6)", "ALLOW IN", "Anywhere (v6)"), range = rule("9000:9100/tcp");
-    assert.equal(keepsPage(four, [four, six], 9090), true);
-    assert.equal(keepsPage(four, [four, six, range], 9090), false);
-    assert.equal(keepsPage(six, [four, six, range], 9090), true);
-    assert.equal(keepsPage(rule("80/tcp"), [four], 9090), false);
 });
 
 test("what is in work is named, with what waits behind it", () => {
@@ -209,7 +208,7 @@ test("the line to be copied is one that a shell reads as it was meant", () => {
 
 test("the client is run with a list of arguments, and its report counts though it found faults", async () => {
     programs.push({ printed: '{"ok":true,"accounts":[{"username":"shop","domain":"d","state":"on-line"}]}' });
-    assert.deepEqual(await accounts(), [{ username: "shop", domain: "d", state: "on-line" }]);
+    assert.deepEqual((await accounts()).accounts, [{ username: "shop", domain: "d", state: "on-line" }]);
     assert.deepEqual(spawned.pop(), ["corvctl", "--json", "account", "list"]);
     programs.push({ printed: '{"ok":true,"host":"w","faults":1,"notes":0,"checks":[]}', fails: { exit_status: 1, message: "failed" } });
     assert.equal((await doctor()).faults, 1);

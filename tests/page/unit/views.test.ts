@@ -1,5 +1,6 @@
 import { FakeElement, type FakeNode } from "./dom";
 import assert from "node:assert/strict";
+import { readFileSync } from "node:fs";
 import test from "node:test";
 import { accountPage } from "../../../src/page/pages/account";
 import { accountsPage } from "../../../src/page/pages/accounts";
@@ -9,8 +10,9 @@ import { firewallPage } from "../../../src/page/pages/firewall";
 import { overviewPage } from "../../../src/page/pages/overview";
 import { servicesPage } from "../../../src/page/pages/services";
 import { updatesPage } from "../../../src/page/pages/updates";
+import { sameLine } from "../../../src/page/parts";
 import { NoAgent, Refused } from "../../../src/page/problem";
-import type { Page, Tools } from "../../../src/page/tools";
+import type { Action, Page, Tools } from "../../../src/page/tools";
 
 type AnyPage = Page<Record<string, unknown>>;
 const tools = { agent: { request: () => new Promise(() => undefined) } } as unknown as Tools;
@@ -34,14 +36,14 @@ const kPages: [string, unknown, Record<string, unknown>, string[]][] = [
     ["overview", overviewPage, {
         info: { hostname: "web1", os: "Debian", kernel: "6.1", uptimeSeconds: 90000 }, disks: { disks: [{ mount: "/home", device: "", type: "", total: 100, avail: 50 }] },
         services, security: { firewall: { ok: true, ...firewall }, fail2ban: { ok: true, ...bans } }, updates, backups,
-        accounts: [{ username: "shop", domain: "shop.example", state: "on-line", usedBytes: 5 }], sites: [], verdicts: new Map(),
+        accounts: { accounts: [{ username: "shop", domain: "shop.example", state: "on-line", usedBytes: 5 }], usedFrom: "backup" }, sites: [], verdicts: new Map(),
         offsite: { repository: "/b", state: { copied: backup.name, copiedAt: 1, checkedAt: 1, checkProblem: "", problems: [] } },
         certificates: [{ username: "shop", domain: "shop.example", state: "expired", remark: "" }],
         doctor: { host: "web1", faults: 1, notes: 0, checks: [{ check: "sshd", seen: "sshd -T", findings: [{ level: "fault", problem: "it is odd", mend: "mend it" }] }] },
     }, ["web1", "/home", "1 account", "1 address banned", "3, 1 for security", "Copied", "HTTPS of shop.example: Expired", "it is odd", "mend it"]],
     ["accounts", accountsPage, {
-        accounts: [{ username: "shop", domain: "shop.example", state: "suspended", usedBytes: 5 }], backups, gone: [{ username: "old", domain: "old.example", sources: [source] }],
-    }, ["shop.example", "Suspended", "2026-11-22 03:15", "old.example", "Damaged"]],
+        accounts: { accounts: [{ username: "shop", domain: "shop.example", state: "suspended", usedBytes: 5, limitBytes: 10 }] }, backups, gone: [{ username: "old", domain: "old.example", sources: [source] }],
+    }, ["shop.example", "Suspended", "5 byte of 10 byte", "2026-11-22 03:15", "old.example", "Damaged"]],
     ["account", accountPage("shop"), {
         account: { username: "shop", domain: "shop.example", state: "on-line", home: "/home/shop", php: "8.2", usedBytes: 50, limitBytes: 100,
             database: { name: "shop", bytes: 7000, readOnly: true }, keys: [{ type: "ED25519", comment: "work", fingerprint: "SHA256:abc" }] },
@@ -87,3 +89,29 @@ for (const [name, page, data, texts] of kPages) {
         assert.match(drawn(page as AnyPage, each(() => ({ problem: new NoAgent("lost", "x") }))), /connection was lost/);
     });
 }
+
+// What a reader types into the fields of an action.
+const kTyped: Record<string, string> = { username: "carol", domain: "carol.example", sshKey: "ssh-ed25519 AAAA", mb: "100", port: "8080", "allow.from": "10.0.0.0/8",
+    address: "192.0.2.8", name: "b", to: "c", date: "2026-11-22", folder: "public_html", way: "folder" };
+
+test("each action has the line of the client that does the same", () => {
+    const acts: Action[] = [];
+    const recording = { ...tools, act: (action: Action) => acts.push(action) } as unknown as Tools;
+    const press = (page: AnyPage, parts: Record<string, unknown>) => {
+        const root = new FakeElement("div");
+        root.append(...page.view(parts as never, recording).filter(child => child) as never as FakeNode[]);
+        root.all().filter(one => one.tag === "button" && one.textContent !== "Copy").forEach(one => one.fire("click"));
+    };
+    for (const [, page, data] of kPages) {
+        const each = (other: Record<string, unknown>) => Object.fromEntries(Object.entries({ ...data, ...other }).map(([key, here]) => [key, { here }]));
+        press(page as AnyPage, each({}));
+        // What stands there instead where the state is the other one.
+        press(page as AnyPage, each({ ...(data.backups && { backups: { ...backups, running: false } }),
+            ...(data.firewall && { firewall: { ...firewall, active: false, rules: [] }, fail2ban: { ...bans, running: false } }),
+            ...(data.account && { account: { ...(data.account as object), state: "suspended", database: { name: "shop", bytes: 7000, readOnly: false } } }),
+            ...(data.updates && { updates: { ...updates, automatic: true } }),
+            ...(data.accounts && { accounts: { accounts: [{ username: "shop", domain: "shop.example", state: "on-line" }] } }) }));
+    }
+    const lines = acts.map(action => sameLine(action.same(Object.fromEntries((action.fields ?? []).map(({ name, value }) => [name, kTyped[`${action.id}.${name}`] ?? kTyped[name] ?? value ?? ""])))));
+    assert.deepEqual([...new Set(lines.flatMap(line => line.split(" && ")))].sort(), readFileSync(process.env.CORV_SAME!, "utf8").trimEnd().split("\n"));
+});

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QList>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+namespace corv::ctl {
+
+// One account's pool on its way from one PHP version to another.
+struct MovingPool
+{
+    QString account;
+    bool wasParked = false;     // put aside by a suspension
+    bool becomesParked = false; // as the account's site asks for
+};
+
+// What is kept of a move while it is not done, so that the next one goes on with what was cut off.
+struct MoveJournal
+{
+    QString from;
+    QString to;
+    QList<MovingPool> pools;
+    QStringList well; // the accounts whose site was well before
+};
+
+// Held by a move, or by what follows the accounts, while it is at work.
+inline const QString kPhpLock = QStringLiteral("/run/corvane/php.lock");
+
+// Keeps it in place of an earlier one. False where that cannot be written.
+bool keepMove(const MoveJournal &journal);
+
+// The one that was cut off, nothing where there is none.
+std::optional<MoveJournal> readMove();
+
+void removeMove();
+
+} // namespace corv::ctl
