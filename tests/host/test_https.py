@@ -345,9 +345,10 @@ def test_a_kill_at_any_moment_leaves_apache_and_no_trial_behind(server):
 
 def test_a_full_disk_takes_no_site_down(server):
     name, domain = certified(server)
-    server.ok(["sh", "-c", f"mkdir /root/kept && cp -a {STORE}/. /root/kept/ && mount -t tmpfs -o size=1m,mode=0755 tmpfs {STORE} && "
-               f"cp -a /root/kept/. {STORE}/ && (dd if=/dev/zero of={STORE}/full bs=4k 2>/dev/null || true)"])
     try:
+        server.ok(["sh", "-c", f"mkdir /root/kept && cp -a {STORE}/. /root/kept/ && "
+                   f"mount -t tmpfs -o size=$(($(du -sk {STORE} | cut -f1) + 1024))k,mode=0755 tmpfs {STORE} && "
+                   f"cp -a /root/kept/. {STORE}/ && (dd if=/dev/zero of={STORE}/full bs=4k 2>/dev/null || true)"])
         reload(server)
         assert is_up(server) and plain(server, domain) == 200
         assert secure(server, domain), server.journal("apache2")
