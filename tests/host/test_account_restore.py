@@ -136,7 +136,15 @@ def test_an_export_is_taken_under_another_name_beside_the_live_one(host, shop):
     is_as_it_was(host, shop, before)
 
 
-def test_without_a_state_it_has_a_new_password_and_says_what_is_lost(host, shop):
+@pytest.fixture
+def unwatched(host):
+    """Nobody puts a state beside archives that have none."""
+    host.ok(["systemctl", "stop", "corv-state.path", "corv-state.service"])
+    yield
+    host.ok(["systemctl", "start", "corv-state.path"])
+
+
+def test_without_a_state_it_has_a_new_password_and_says_what_is_lost(host, shop, unwatched):
     base = delete(host, shop)
     host.ok(["sh", "-c", f"rm {DELETIONS}/{base}-accounts.state"])
     done = host.run(["corvctl", "--json", "account", "restore", shop.name, "--from", base, "--confirm", shop.name])

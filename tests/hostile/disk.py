@@ -165,7 +165,7 @@ def _answered(ground, scenario, target, lay, around):
             if trace and not any(
                 "(INJECTED)" in one and _path_in(box, one) == target.path for one in trace.text.splitlines()
             ):
-                wrong.append("the fault did not come about")
+                wrong.append(MISSED)
             wrong += wrong_account(scenario, target, reply, account(box))
             wrong += wrong_settings(scenario, recording, before, reply, settings(box))
             wrong += [path for path in leftovers(box, scenario, recording, target) if FILLER not in path]
@@ -178,9 +178,17 @@ def _answered(ground, scenario, target, lay, around):
         box.close()
 
 
+MISSED = "the fault did not come about"
+
+
 def failing_call(ground, scenario, spot):
     """Runs a scenario in which one system call fails, and returns what did not hold as a list of sentences."""
-    return _answered(ground, scenario, spot, lambda box: lambda: None, lambda box: Trace(box, spot))
+    # The agent's loop wakes itself up by a write, once more or less often from run to run: another call is hit then.
+    for _ in range(5):
+        wrong = _answered(ground, scenario, spot, lambda box: lambda: None, lambda box: Trace(box, spot))
+        if MISSED not in wrong:
+            break
+    return wrong
 
 
 @dataclass
