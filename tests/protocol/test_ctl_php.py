@@ -433,3 +433,39 @@ def test_cut_off_when_the_new_version_serves_already_it_is_ended(sandbox, fpms, 
     sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": moving, "well": ["alice"]}))
     assert move(sandbox)[0] == 0
     assert (pools(sandbox), fpms.pools(), sandbox.exists(JOURNAL)) == (AFTER, {"8.4": ["alice"]}, False)
+
+
+def test_without_a_way_back_nothing_is_left_where_nobody_looks(sandbox, fpms):
+    fpms.stop("8.2")
+    sandbox.remove_standin("php-fpm8.2")
+    fpms.deaf.add("8.4")
+    code, _, err = move(sandbox)
+    assert (code, err.splitlines()[0]) == (1, "corvctl: PHP 8.4 does not serve alice")
+    assert (pools(sandbox), sandbox.exists(JOURNAL)) == (AFTER, False)
+
+
+def test_a_cut_off_move_that_cannot_go_on_keeps_what_the_new_version_has(sandbox, fpms):
+    """The old version is gone, and a third has come: alice is moved, bob is not."""
+    fpms.stop("8.2")
+    sandbox.remove_standin("php-fpm8.2")
+    os.rename(sandbox.path(pool_path("8.2", "alice")), sandbox.path(pool_path("8.2", "alice", ".moved")))
+    os.rename(sandbox.path(pool_path("8.2", "bob", ".suspended")), sandbox.path(pool_path("8.2", "bob", ".suspended.moved")))
+    sandbox.write(pool_path("8.4", "alice"), POOL.format("alice"))
+    sandbox.write(pool_path("8.4", "bob", ".suspended.moving"), POOL.format("bob"))
+    fpms.read("8.4")
+    moving = [{"account": name, "wasParked": name == "bob", "becomesParked": name == "bob"} for name in ("alice", "bob")]
+    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": moving, "well": []}))
+    sandbox.mkdir("/etc/php/8.5/fpm/pool.d")
+    sandbox.answer("php-fpm8.5")
+    assert follow(sandbox)[0] == 1
+    assert (pools(sandbox), fpms.pools(), sandbox.exists(JOURNAL)) == (
+        ["8.2 corv-bob.conf.suspended", "8.4 corv-alice.conf"], {"8.4": ["alice"]}, False)
+
+
+def test_what_is_left_of_a_move_and_cannot_be_read_starts_nothing_again(sandbox, fpms):
+    sandbox.write(JOURNAL, "{")
+    assert follow(sandbox) == (
+        1, "", "corvctl: what a move was about cannot be read; it lies in php-move.json.unreadable\n"
+        "  corvctl php status shows what there is\n")
+    assert (sandbox.exists(JOURNAL), sandbox.read(f"{JOURNAL}.unreadable"), pools(sandbox)) == (False, "{", BEFORE)
+    assert follow(sandbox) == (0, "", "")

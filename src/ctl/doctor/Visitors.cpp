@@ -135,7 +135,13 @@ QList<SiteSight> sightsOf(const QList<VirtualHost> &hosts, const QList<AccountSi
 
 QList<SiteSight> lookAtSites(int milliseconds)
 {
-    const QList<VirtualHost> hosts = readSites();
+    return lookAtSites(milliseconds, [](const QString &) { return true; });
+}
+
+QList<SiteSight> lookAtSites(int milliseconds, const std::function<bool(const QString &)> &wanted)
+{
+    QList<VirtualHost> hosts = readSites();
+    hosts.removeIf([&](const VirtualHost &host) { return !wanted(host.site); });
     return sightsOf(hosts, readAccountSites(), visit(visitsTo(hosts), milliseconds));
 }
 

@@ -8,6 +8,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
+
 namespace corv::ctl {
 
 // What a site's visitors see.
@@ -40,8 +42,10 @@ QList<Visit> visitsTo(const QList<VirtualHost> &hosts);
 QList<SiteSight> sightsOf(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts,
                           const QList<Visited> &visited);
 
-// Looks at all sites of this server, each answer waited for so many milliseconds.
+// Looks at all sites of this server, or at those for which wanted is true of the site's name; each answer is waited for
+// so many milliseconds.
 QList<SiteSight> lookAtSites(int milliseconds);
+QList<SiteSight> lookAtSites(int milliseconds, const std::function<bool(const QString &)> &wanted);
 
 // What a status means, such as "503 Service Unavailable"; what kept from an answer where there is none.
 QString seenText(const SiteSight &sight);

@@ -169,6 +169,8 @@ bool lookOnce(const Say &say, QStringList *problems)
         endMove(*cutOff, say, problems);
         return true;
     }
+    if (putUnreadableMoveAside())
+        problems->append(u"what a move was about cannot be read; it lies in php-move.json.unreadable"_s);
     QString problem;
     const QList<PhpPools> versions = readPhpPools(&problem);
     problems->append(problem);

@@ -177,11 +177,30 @@ QString goBack(MovePlan plan)
     return problem;
 }
 
+// Where nothing can be gone back to: what the new version has stays there, and the rest lies where the next attempt
+// finds it.
+void settle(const MovePlan &plan)
+{
+    for (const MovingPool &pool : plan.pools) {
+        const bool isThere =
+            exists(pathIn(plan.to, pool.account, false)) || exists(pathIn(plan.to, pool.account, true));
+        (void)QFile::remove(targetOf(plan, pool) + kStaged);
+        for (const bool isParked : {false, true}) {
+            const QString path = pathIn(plan.from, pool.account, isParked);
+            if (isThere)
+                (void)QFile::remove(path + kAside);
+            else if (exists(path + kAside))
+                (void)rename(path + kAside, path); // where that fails the text is kept all the same
+        }
+    }
+    removeMove();
+}
+
 Moved wentBack(const MovePlan &plan, Moved moved, const QString &problem, const Say &say)
 {
     moved.problem = problem;
     if (!plan.canGoBack) {
-        removeMove();
+        settle(plan);
         return moved;
     }
     say(u"going back to PHP %1: %2"_s.arg(plan.from, problem));
@@ -252,7 +271,10 @@ QString undoMove(const MoveJournal &journal)
     plan.from = journal.from;
     plan.to = journal.to;
     plan.pools = journal.pools;
-    return goBack(plan);
+    if (isFpmInstalled(plan.from))
+        return goBack(plan);
+    settle(plan);
+    return {};
 }
 
 Moved movePools(const MovePlan &wanted, const Say &say)

@@ -42,7 +42,8 @@ std::optional<MovePlan> planMove(const QString &from, const QString &to, QString
 // is planned and called again.
 Moved movePools(const MovePlan &wanted, const std::function<void(const QString &)> &say);
 
-// Makes all as it was before a move that was cut off and cannot be gone on with. Returns what could not be.
+// Makes all as it was before a move that was cut off and cannot be gone on with; where the old version is gone, leaves
+// what the new one has. Returns what could not be.
 QString undoMove(const MoveJournal &journal);
 
 // Waits until the agent works on no request: seconds at most.

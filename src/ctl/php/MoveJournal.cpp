@@ -8,6 +8,8 @@
 #include <QJsonArray>
 #include <QJsonObject>
 
+#include <cstdio>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
@@ -51,6 +53,12 @@ std::optional<MoveJournal> readMove()
     for (const auto &account : text.value("well"_L1).toArray())
         journal.well.append(account.toString());
     return journal.from.isEmpty() || journal.to.isEmpty() ? std::nullopt : std::optional(journal);
+}
+
+bool putUnreadableMoveAside()
+{
+    return std::rename(QFile::encodeName(kPath).constData(), QFile::encodeName(kPath + u".unreadable"_s).constData()) ==
+           0;
 }
 
 void removeMove()

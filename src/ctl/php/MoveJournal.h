@@ -34,6 +34,10 @@ bool keepMove(const MoveJournal &journal);
 // The one that was cut off, nothing where there is none.
 std::optional<MoveJournal> readMove();
 
+// Keeps one that readMove could not read under another name, since its being there starts corv-php.service. True when
+// there was one. The caller has the turn.
+bool putUnreadableMoveAside();
+
 void removeMove();
 
 } // namespace corv::ctl

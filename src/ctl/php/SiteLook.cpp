@@ -1,7 +1,6 @@
 #include "ctl/php/SiteLook.h"
 
 #include "ctl/doctor/Accounts.h"
-#include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Visitors.h"
 
 #include <QDeadlineTimer>
@@ -20,10 +19,9 @@ constexpr int kBetweenMs = 100;
 
 QStringList wellAmong(const QStringList &accounts)
 {
-    QList<VirtualHost> hosts = readSites();
-    hosts.removeIf([&](const VirtualHost &host) { return !accounts.contains(accountOfFile(host.site + u".conf"_s)); });
+    const auto isWanted = [&](const QString &site) { return accounts.contains(accountOfFile(site + u".conf"_s)); };
     QStringList well;
-    for (const SiteSight &sight : sightsOf(hosts, readAccountSites(), visit(visitsTo(hosts), kVisitMs))) {
+    for (const SiteSight &sight : lookAtSites(kVisitMs, isWanted)) {
         if (sight.sight == Sight::Well)
             well.append(accountOfFile(sight.site + u".conf"_s));
     }

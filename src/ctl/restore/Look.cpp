@@ -1,7 +1,6 @@
 #include "ctl/restore/Look.h"
 
 #include "common/Site.h"
-#include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Visitors.h"
 
 #include <QDeadlineTimer>
@@ -23,9 +22,8 @@ Seen lookAtSite(const QString &account, bool isSuspended)
     const QDeadlineTimer end(kWaitMs);
     Seen seen;
     do {
-        QList<VirtualHost> hosts = readSites();
-        hosts.removeIf([&account](const VirtualHost &host) { return host.site != hosting::siteName(account); });
-        const QList<SiteSight> sights = sightsOf(hosts, readAccountSites(), visit(visitsTo(hosts), kVisitMs));
+        const QList<SiteSight> sights =
+            lookAtSites(kVisitMs, [&](const QString &site) { return site == hosting::siteName(account); });
         if (sights.isEmpty()) {
             seen.text = u"Apache has no site of %1"_s.arg(account);
         } else {
