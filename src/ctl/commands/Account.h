@@ -23,6 +23,7 @@ int publishAccount(Session &session, const Given &given);
 int listAccounts(Session &session, const Given &given);
 int showAccount(Session &session, const Given &given);
 int exportOfAccount(Session &session, const Given &given);
+int moveOfAccount(Session &session, const Given &given);
 int restoreOfAccount(Session &session, const Given &given);
 int accountState(Session &session, const Given &given);
 
