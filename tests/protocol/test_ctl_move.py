@@ -3,7 +3,7 @@
 import json
 
 import pytest
-from corvctl import corvctl
+from corvctl import corvctl, on_terminal
 
 SCRAM = "SCRAM-SHA-256$4096:lD89vA2GQkNgqwtP7vv7rA==$8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM=:8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM="
 STATE = {"username": "shop", "domain": "shop.example", "taken": 1, "uid": 54321, "shell": "/bin/bash", "suspended": False,
@@ -67,6 +67,32 @@ def test_a_plan_without_anything_in_the_way(old):
     old.sandbox.logs()
 
 
+def test_a_person_reads_all_of_it_at_80_columns(old):
+    old.sandbox.add_user("shop", "Shop of the office", uid=54321)
+    old.measures(MEASURED.replace("150013", "170001"))
+    old.sandbox.start()
+    code, out = on_terminal(old.sandbox, "account", "move", "shop", HOST, "--dry-run")
+    assert code == 1
+    lines = out.splitlines()
+    assert max(len(line) for line in lines) <= 80
+    # How much room there is, is the machine's matter.
+    room = next(at for at, line in enumerate(lines) if line.startswith("well        Room        files and two copies of the database:"))
+    limit = lines.index("well        Limit       none")
+    assert lines[:room] + lines[limit:] == [
+        "in the way  Account     there is a user shop here",
+        "well        Domain      shop.example",
+        "well        State       on-line",
+        "note        User id     54321 there, which is that of shop here: it gets another",
+        "                        one",
+        "well        Login       /bin/bash",
+        "in the way  PostgreSQL  17 there, 15 here: a dump does not load into an older",
+        "                        one",
+        "well        PHP         8.2 there, 8.2 here",
+        "well        Limit       none",
+        "well        rsync       on both",
+        "corvctl: shop cannot be moved here yet: Account, PostgreSQL"]
+
+
 def test_nothing_is_made_here(old):
     before = old.sandbox.read("/etc/passwd"), old.sandbox.tree("/home"), old.sandbox.tree("/var/lib")
     assert plan(old)[0] == 0
@@ -84,14 +110,14 @@ def test_what_it_tells_programs(old):
         "Account", "Domain", "State", "User id", "Login", "PostgreSQL", "PHP", "Room", "Limit", "rsync"]
     assert [check for check in checks if check["level"] != "well"] == [
         {"about": "PostgreSQL", "level": "in the way", "text": "17 there, 15 here: a dump does not load into an older one"}]
-    assert (code, err) == (1, "corvctl: 1 of these stand(s) in the way of a move of shop\n")
+    assert (code, err) == (1, "corvctl: shop cannot be moved here yet: PostgreSQL\n")
 
 
 def test_a_name_and_a_number_that_are_taken_here(old):
     old.sandbox.add_user("shop", "Shop of the office", uid=54321)
     assert plan(old) == (1, ["Account\tin the way\tthere is a user shop here",
                              "User id\tnote\t54321 there, which is that of shop here: it gets another one"],
-                         "corvctl: 1 of these stand(s) in the way of a move of shop\n")
+                         "corvctl: shop cannot be moved here yet: Account\n")
 
 
 @pytest.mark.parametrize("name", ["shop.example", "www.shop.example", "*.example"])

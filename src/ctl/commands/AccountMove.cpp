@@ -7,7 +7,8 @@
 #include "ctl/move/Plan.h"
 #include "ctl/remote/Remote.h"
 #include "ctl/screen/Escape.h"
-#include "ctl/screen/Table.h"
+#include "ctl/screen/Terminal.h"
+#include "ctl/screen/Wrap.h"
 
 #include <QJsonArray>
 
@@ -17,6 +18,9 @@ namespace corv::ctl {
 namespace {
 
 using moving::Check;
+
+constexpr int kLevelColumns = 12;
+constexpr int kAboutColumns = 12;
 
 QString levelText(Check::Level level)
 {
@@ -42,14 +46,29 @@ Colour colourOf(Check::Level level)
     }
 }
 
+// What these are about that are in the way, each once.
 QStringList inTheWay(const QList<Check> &checks)
 {
-    QStringList texts;
+    QStringList abouts;
     for (const Check &check : checks) {
         if (check.level == Check::Level::InTheWay)
-            texts.append(u"%1: %2"_s.arg(check.about, check.text));
+            abouts.append(check.about);
     }
-    return texts;
+    abouts.removeDuplicates();
+    return abouts;
+}
+
+// In full: what is shortened to fit a table is what has to be read.
+void showChecks(const Terminal &terminal, const QList<Check> &checks)
+{
+    for (const Check &check : checks) {
+        QString begin = coloured(terminal, colourOf(check.level), levelText(check.level).leftJustified(kLevelColumns)) +
+                        check.about.leftJustified(kAboutColumns);
+        for (const QString &line : wrapped(escaped(check.text), terminal.columns - kLevelColumns - kAboutColumns)) {
+            printLine(begin + line);
+            begin = QString(kLevelColumns + kAboutColumns, u' ');
+        }
+    }
 }
 
 void showJson(const Session &session, const QString &account, const QString &host, const moving::There &there,
@@ -75,16 +94,16 @@ int tell(const Session &session, const QString &account, const QString &host, co
     const QList<Check> checks = checksOf(there, lookHere(there));
     if (session.options.json) {
         showJson(session, account, host, there, checks);
-    } else {
-        QList<Row> rows;
+    } else if (session.options.plain) {
         for (const Check &check : checks)
-            rows.append({text(check.about), text(levelText(check.level), colourOf(check.level)), text(check.text)});
-        printTable(session, {u"ABOUT"_s, u"STATE"_s, u"WHAT"_s}, rows);
+            printLine(u"%1\t%2\t%3"_s.arg(check.about, levelText(check.level), escaped(check.text)));
+    } else {
+        showChecks(session.terminal, checks);
     }
-    const qsizetype count = inTheWay(checks).size();
-    if (count == 0)
+    const QStringList stops = inTheWay(checks);
+    if (stops.isEmpty())
         return kDone;
-    return fail(kRefused, u"%1 of these stand(s) in the way of a move of %2"_s.arg(QString::number(count), account));
+    return fail(kRefused, u"%1 cannot be moved here yet: %2"_s.arg(account, stops.join(", "_L1)));
 }
 
 } // namespace
