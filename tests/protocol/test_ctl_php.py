@@ -239,7 +239,7 @@ bob                                               suspended
 """
     assert (code, " ".join(text.split())) == (2, " ".join((plan + """\
 corvctl: PHP 8.4 lacks modules that PHP 8.2 has: pgsql
-corvctl: PHP pages fail while both FPMs are reloaded, for a second or less as a rule
+corvctl: PHP pages fail for some milliseconds, and never for longer than PHP 8.4 takes for a reload
 corvctl: that is not the new version, so nothing was moved
 """).split()))
     assert pools(sandbox) == ["8.2 corv-alice.conf", "8.2 corv-bob.conf.suspended", "8.2 corv-carol.conf.suspended"]

@@ -13,6 +13,7 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
+constexpr int kSoonSeconds = 2;
 constexpr int kSocketSeconds = 15;
 constexpr int kPerhapsSeconds = 2;
 constexpr int kReadingMs = 10'000;
@@ -59,7 +60,10 @@ QString takeOver(const QString &version, const QStringList &accounts, const QStr
         held.reset();
     else
         problem = reloadFpm(version);
-    const QStringList missing = problem.isEmpty() ? awaitListening(accounts, kSocketSeconds) : QStringList();
+    QStringList missing = problem.isEmpty() ? awaitListening(accounts, kSoonSeconds) : QStringList();
+    // One that has failed is not waited for: the other can be given the names again.
+    if (!missing.isEmpty() && isFpmRunning(version))
+        missing = awaitListening(missing, kSocketSeconds);
     *milliseconds = clock.elapsed();
     if (!missing.isEmpty())
         problem = u"PHP %1 does not serve %2"_s.arg(version, someOf(missing));

@@ -91,7 +91,10 @@ QStringList worseAmong(const MovePlan &plan, const QStringList &well)
     const QStringList served = servedAfter(plan);
     QStringList asked = well;
     asked.removeIf([&](const QString &account) { return !served.contains(account); });
-    return awaitWell(asked);
+    QStringList bad = awaitWell(asked);
+    // Those that were suspended or deleted meanwhile are as they should be.
+    bad.removeIf([](const QString &account) { return isNoUser(account) || wantedState(account) == PoolState::Parked; });
+    return bad;
 }
 
 // What is left to do when the new version serves all.
