@@ -50,6 +50,7 @@ class Fpms:
         self.sandbox = sandbox
         self.served = {}
         self.made = {}
+        self.was_aside = []  # the names that were put aside when the last reading began
         self.asked = []
         self.deaf = set()  # versions that do not serve what they read
         self.ended = threading.Event()
@@ -88,6 +89,7 @@ class Fpms:
     def read(self, version):
         folder = self.sandbox.path(f"/etc/php/{version}/fpm/pool.d")
         files = sorted(folder.glob("*.conf"))
+        self.was_aside = sorted(path.name for path in self.sandbox.path("/run/php").glob("*.old"))
         for path in files:
             path.is_symlink() or path.read_bytes()  # which waits for a file that is held back
         wanted = [path.name[5:-5] for path in files if path.name.startswith("corv-")] if version not in self.deaf else []
@@ -260,6 +262,21 @@ corvctl: that is not the new version, so nothing was moved
     assert (code, json.loads(out)["error"]) == (1, "no account has a pool in PHP 8.2")
 
 
+def test_visitors_are_with_the_old_version_until_the_new_one_has_read_its_pools(sandbox, fpms):
+    """Only then are the names put aside, or it would not start."""
+    seen = []
+    read = fpms.read
+    fpms.read = lambda version: (read(version), seen.append((version, fpms.was_aside)))[0]
+    assert move(sandbox)[0] == 0
+    assert seen == [("8.4", []), ("8.2", ["corv-alice.sock.old"])]
+
+
+def test_a_new_version_that_does_not_run_is_started(sandbox, fpms):
+    fpms.stop("8.4")
+    assert move(sandbox)[0] == 0
+    assert (pools(sandbox), fpms.pools(), fpms.version_of("alice")) == (AFTER, {"8.4": ["alice"]}, "8.4")
+
+
 def test_each_pool_becomes_what_its_site_asks_for(sandbox, fpms):
     site(sandbox, "alice", suspended=True)
     site(sandbox, "bob")
@@ -297,7 +314,8 @@ def web(sandbox, fpms):
 
     class Page(http.server.BaseHTTPRequestHandler):
         def do_GET(self):
-            self.send_response(answers.get(fpms.version_of("alice"), 503))
+            answer = answers.get(fpms.version_of("alice"), 503)
+            self.send_response(answer() if callable(answer) else answer)
             self.send_header("Location", "http://192.0.2.1/")  # followed by nobody
             self.end_headers()
 
@@ -326,6 +344,15 @@ def test_a_site_that_was_not_well_or_still_is_stays(sandbox, fpms, web, before, 
     web.update({"8.2": before, "8.4": after})
     assert move(sandbox)[0] == 0
     assert pools(sandbox) == AFTER
+
+
+def test_who_is_suspended_while_the_others_move_keeps_nobody_back(sandbox, fpms, web):
+    def suspended():
+        site(sandbox, "alice", suspended=True)
+        return 503
+    web["8.4"] = suspended
+    assert move(sandbox)[0] == 0
+    assert pools(sandbox) == ["8.4 corv-alice.conf.suspended", "8.4 corv-bob.conf.suspended"]
 
 
 STEPS = [("php-fpm8.4", 1), ("php-fpm8.4", 2), ("php-fpm8.2", 1), ("php-fpm8.2", 2), *(("systemctl", call) for call in range(1, 8))]
