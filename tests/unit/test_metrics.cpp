@@ -364,7 +364,7 @@ private Q_SLOTS:
         QVERIFY(QDir(base).mkdir(u"real"_s));
         QVERIFY(QFile::link(base + u"/real"_s, base + u"/way"_s));
         QCOMPARE(writeTextfile(base + u"/way/corvane.prom"_s, "x\n"),
-                 u"a link leads to %1/way; its true path has to be named"_s.arg(base));
+                 u"there is a link or a file on the way to %1/way; its true path has to be named"_s.arg(base));
         QVERIFY(QDir(base + u"/real"_s).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot));
     }
 
@@ -372,8 +372,10 @@ private Q_SLOTS:
     {
         QTemporaryDir folder;
         const QString base = QDir(folder.path()).canonicalPath();
-        QCOMPARE(writeTextfile(u"corvane.prom"_s, "x"), u"corvane.prom is no absolute path of a file"_s);
-        QCOMPARE(writeTextfile(base + u'/', "x"), base + u"/ is no absolute path of a file"_s);
+        QCOMPARE(writeTextfile(u"corvane.prom"_s, "x"), u"corvane.prom is no absolute path of a file in a folder"_s);
+        QCOMPARE(writeTextfile(base + u'/', "x"), base + u"/ is no absolute path of a file in a folder"_s);
+        QCOMPARE(writeTextfile(u"/corvane.prom"_s, "x"), u"/corvane.prom is no absolute path of a file in a folder"_s);
+        QCOMPARE(writeTextfile(base + u"/../x"_s, "x"), base + u"/../x is no absolute path of a file in a folder"_s);
         QCOMPARE(writeTextfile(base + u"/no/corvane.prom"_s, "x"), base + u"/no: No such file or directory"_s);
         QVERIFY(QDir(base).mkdir(u"corvane.prom"_s));
         QCOMPARE(writeTextfile(base + u"/corvane.prom"_s, "x"),

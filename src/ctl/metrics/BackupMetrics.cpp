@@ -6,8 +6,6 @@
 #include "ctl/offsite/State.h"
 #include "ctl/verify/Verdict.h"
 
-#include <QDir>
-#include <QFileInfo>
 #include <QSettings>
 
 #include <algorithm>
@@ -65,9 +63,6 @@ Collected collectBackups(const Circumstances &here)
 {
     const backup::Config config = backup::load(QSettings(here.settings, QSettings::IniFormat));
     Collected all;
-    // Without it there is no telling whether there are none, or their disk is not mounted.
-    if (!QFileInfo(config.destination).isReadable())
-        all.problem = u"%1 cannot be read"_s.arg(config.destination);
     const QJsonObject status = readBackups(config);
     const QJsonArray backups = status.value("backups"_L1).toArray();
     qint64 bytes = 0;

@@ -1,6 +1,7 @@
 #include "ctl/metrics/Textfile.h"
 
 #include "common/Fd.h"
+#include "ctl/home/Beneath.h"
 
 #include <QFile>
 
@@ -8,9 +9,7 @@
 #include <cstring>
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 using namespace Qt::Literals::StringLiterals;
@@ -25,12 +24,11 @@ QString why(const QString &what)
     return u"%1: %2"_s.arg(what, QString::fromLocal8Bit(std::strerror(errno)));
 }
 
+// Folder by folder: openat2, which could do that at once, is kept from services that may not make set-user-ID files.
 Fd openFolder(const QByteArray &path)
 {
-    open_how how = {};
-    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    return Fd(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.constData(), &how, sizeof how)));
+    const Fd root(::open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return openBeneath(root.get(), insidePath(path.sliced(1)));
 }
 
 } // namespace
@@ -39,11 +37,11 @@ QString writeTextfile(const QString &path, const QByteArray &text)
 {
     const QString folderName = path.left(path.lastIndexOf(u'/'));
     const QByteArray name = QFile::encodeName(path.mid(path.lastIndexOf(u'/') + 1));
-    if (!path.startsWith(u'/') || name.isEmpty())
-        return u"%1 is no absolute path of a file"_s.arg(path);
-    const Fd folder = openFolder(QFile::encodeName(folderName.isEmpty() ? u"/"_s : folderName));
-    if (!folder && errno == ELOOP)
-        return u"a link leads to %1; its true path has to be named"_s.arg(folderName);
+    if (!path.startsWith(u'/') || folderName.isEmpty() || name.isEmpty() || path.contains("/../"_L1))
+        return u"%1 is no absolute path of a file in a folder"_s.arg(path);
+    const Fd folder = openFolder(QFile::encodeName(folderName));
+    if (!folder && errno == ENOTDIR)
+        return u"there is a link or a file on the way to %1; its true path has to be named"_s.arg(folderName);
     if (!folder)
         return why(folderName);
 
