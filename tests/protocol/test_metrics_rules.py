@@ -42,7 +42,7 @@ CASES = {
         [("corvane_backup_destination_free_bytes{%s}" % ON, "119"), ("corvane_backup_last_size_bytes{%s}" % ON, "100")]),
     "CorvaneMetricsOld": (
         {"file": "/x/corvane.prom"}, [('node_textfile_mtime_seconds{%s,file="/x/corvane.prom"}' % ON, str(10 * DAY - 60))],
-        [('node_textfile_mtime_seconds{%s,file="/x/corvane.prom"}' % ON, str(10 * DAY - HOUR))]),
+        [('node_textfile_mtime_seconds{%s,file="/x/corvane.prom"}' % ON, str(10 * DAY - 3 * HOUR))]),
     "CorvaneMetricsMissing": (
         {}, [("node_uname_info{%s}" % ON, "1"), ("corvane_agent_up{%s}" % ON, "0")], [("node_uname_info{%s}" % ON, "1")]),
     "CorvaneAgentBusy": (
