@@ -116,7 +116,8 @@ def write(module, text, after):
 
 def replace(module, text):
     """Puts a text in the file's place, at once and with its owner and mode."""
-    handle, path = tempfile.mkstemp(dir=module.tmpdir)
+    handle, path = tempfile.mkstemp(dir=os.path.dirname(PATH), prefix=".corvane.ini.")
+    module.add_cleanup_file(path)
     with os.fdopen(handle, "w", encoding="utf-8") as file:
         file.write(text)
     module.atomic_move(path, PATH)

@@ -22,7 +22,7 @@ options:
     description: Whether addresses are banned after failed logins. What is on cannot be switched off here.
     type: bool
   automatic_updates:
-    description: Whether security updates install themselves.
+    description: Whether security updates install themselves. The package C(unattended-upgrades), which does it, has to be there.
     type: bool
   quotas:
     description: Whether disk quotas are on. What is on cannot be switched off here.
@@ -71,6 +71,18 @@ def has_bans(corvctl):
     return bool(status.get("running")) and any(jail["name"] == "sshd" for jail in status.get("jails", []))
 
 
+def refuse_in_vain(module, corvctl, name):
+    """Ends the module where a switch would fail: before anything is changed, and in check mode too."""
+    if name == "quotas":
+        status = corvctl.ask("quota", "status")
+        if not status["supported"]:
+            module.fail_json(msg=status["reason"])
+    if name == "automatic_updates":
+        out = module.run_command(["dpkg-query", "-W", "-f=${Status}", "unattended-upgrades"])[1]
+        if out != "install ok installed":
+            module.fail_json(msg="nothing would install the updates: the package unattended-upgrades is missing")
+
+
 def main():
     module = AnsibleModule(
         argument_spec={name: {"type": "bool"} for name in ("firewall", "bans", "automatic_updates", "quotas", "database")},
@@ -88,11 +100,9 @@ def main():
         command = SWITCHES[name][1 if on else 2]
         if command is None:
             module.fail_json(msg=f"{name} is on, and is not switched off here")
+        if on:
+            refuse_in_vain(module, corvctl, name)
         todo.append(command)
-    if "quotas" in given and given["quotas"] and not before["quotas"]:
-        status = corvctl.ask("quota", "status")
-        if not status["supported"]:
-            module.fail_json(msg=status["reason"])
     if not module.check_mode:
         for command in todo:
             corvctl.ask(*command)
