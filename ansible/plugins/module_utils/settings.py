@@ -52,9 +52,7 @@ def unquoted(written):
 
 
 def quoted(value):
-    """A value as it is written: a list's parts are separated by commas, whatever else is not plain stands in quotes."""
-    if isinstance(value, list):
-        return ",".join(quoted(part) for part in value)
+    """A value as it is written: what is not plain stands in quotes."""
     if PLAIN.fullmatch(value):
         return value
     return '"' + value.replace("\\", "\\\\").replace('"', '\\"') + '"'
@@ -87,15 +85,8 @@ def with_value(text, section, key, value):
 
 
 def changes(text, wanted):
-    """What of {(section, key): value} is not so yet, as (before, after) of the same form."""
-    before = {}
-    after = {}
-    for (section, key), value in wanted.items():
-        now = value_in(text, section, key)
-        meant = ",".join(value) if isinstance(value, list) else value
-        if (now if not isinstance(value, list) or now is None else ",".join(part.strip() for part in now.split(","))) != meant:
-            before[section, key], after[section, key] = now, value
-    return before, after
+    """What of {(section, key): value} is not so yet."""
+    return {key: value for key, value in wanted.items() if value_in(text, *key) != value}
 
 
 def write(module, text, after):

@@ -108,6 +108,15 @@ def shown(found):
     return {f"{section}/{key}": value for (section, key), value in found.items()}
 
 
+def set_up(module, corvctl, repository, result):
+    """Has backups copied to a place, and keeps the key that is told of only now."""
+    key = module.params["offsite_key"]
+    reply = corvctl.ask("offsite", "setup", repository, *(["--key-file", "-"] if key else []), data=f"{key}\n" if key else None)
+    result["append_only"] = reply["appendOnly"]
+    if "key" in reply:
+        result["repository_key"] = reply["key"]
+
+
 def main():
     module = AnsibleModule(
         argument_spec={
@@ -129,24 +138,21 @@ def main():
     except OSError as error:
         module.fail_json(msg=f"the settings cannot be read: {error}")
 
-    before, after = settings.changes(text, wanted)
+    todo = settings.changes(text, wanted)
+    before = {key: settings.value_in(text, *key) for key in wanted}
+    after = dict(wanted)
     repository = module.params["offsite_repository"]
-    now = settings.value_in(text, "offsite", "repository")
-    moves = repository is not None and repository != now
-    result = {"changed": bool(after) or moves, "diff": {"before": shown(before), "after": shown(after)}}
-    if moves:
-        result["diff"]["before"]["offsite/repository"] = now
-        result["diff"]["after"]["offsite/repository"] = repository
+    if repository is not None:
+        before["offsite", "repository"] = settings.value_in(text, "offsite", "repository")
+        after["offsite", "repository"] = repository
+    moves = repository is not None and repository != before["offsite", "repository"]
+
+    result = {"changed": bool(todo) or moves, "diff": {"before": shown(before), "after": shown(after)}}
     if not module.check_mode:
-        if after:
-            settings.write(module, text, after)
+        if todo:
+            settings.write(module, text, todo)
         if moves:
-            key = module.params["offsite_key"]
-            words = ["--key-file", "-"] if key else []
-            reply = corvctl.ask("offsite", "setup", repository, *words, data=f"{key}\n" if key else None)
-            result["append_only"] = reply["appendOnly"]
-            if "key" in reply:
-                result["repository_key"] = reply["key"]
+            set_up(module, corvctl, repository, result)
     module.exit_json(**result)
 
 
