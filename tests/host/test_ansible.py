@@ -2,7 +2,6 @@
 
 import importlib.util
 import json
-import subprocess
 
 import pytest
 from hostfloor import HostError
@@ -226,7 +225,7 @@ def test_a_limit_is_set_and_lifted(server):
 
 def test_ports_are_opened_and_shut(server):
     host, controller = server
-    host.ok(["ufw", "deny", "5001/tcp"])
+    host.ok(["ufw", "deny", "proto", "tcp", "from", "198.51.100.2", "to", "any", "port", "5001"])
     found = controller.states(
         ("firewall_rule", {"port": 5001}),
         ("firewall_rule", {"port": 5001, "proto": "both", "source": "203.0.113.7/24"}),
@@ -237,7 +236,8 @@ def test_ports_are_opened_and_shut(server):
     )
     assert [one["changed"] for one in found] == [True, True, True, True, True, False]
     rules = json.loads(host.ok(["corvctl", "--json", "firewall", "status"]))["rules"]
-    assert [(rule["to"], rule["from"]) for rule in rules if "5001" in rule["to"]] == [("5001", "203.0.113.0/24")]
+    assert [(rule["to"], rule["from"]) for rule in rules if "5001" in rule["to"]] == [
+        ("5001/tcp", "198.51.100.2"), ("5001", "203.0.113.0/24")]
 
 
 def test_what_protects_a_server_is_switched_on_and_off(server):
@@ -283,7 +283,7 @@ def test_backups_are_set_up_and_copied_elsewhere(server):
     assert (status["destination"], status["keepDays"]) == ("/var/backups/corvane/auto", 20)
     # Nothing else in the file has changed.
     assert host.get(SETTINGS).replace("destination=/var/backups/corvane/auto\n", "") == (
-        before + '\n[offsite]\nrepository="/srv/offsite"\nappend_only="false"\n')
+        before.replace("\n[offsite]\n", '\n[offsite]\nappend_only="false"\nrepository="/srv/offsite"\n'))
     assert host.mode(SETTINGS) == "644 root root"
 
 
@@ -355,8 +355,10 @@ def test_the_inventory_is_the_hosts_file(collection):
     listed = json.loads(collection.ok("ansible-inventory", "-i", "many.corvane.yml", "--list"))
     assert {group: sorted(listed[group]["hosts"]) for group in ("ungrouped", "web", "db_1")} == {
         "ungrouped": ["lonely"], "web": ["web1", "web2"], "db_1": ["web1"]}
-    assert listed["_meta"]["hostvars"]["web1"]["ansible_user"] == "root"
-    assert listed["_meta"]["hostvars"]["web2"]["ansible_user"] == "admin"
+    users = {host: found["ansible_user"] for host, found in listed["_meta"]["hostvars"].items()}
+    # Later releases of ansible-core say of a text that it is no template.
+    assert {host: user["__ansible_unsafe"] if isinstance(user, dict) else user for host, user in users.items()} == {
+        "web1": "root", "web2": "admin"}
 
 
 @pytest.mark.parametrize("line, problem", [
@@ -397,17 +399,15 @@ def test_everything_is_documented(collection):
 
 def test_the_checks_for_collections_find_nothing(collection):
     for check in ("compile", "line-endings", "no-smart-quotes", "shebang", "use-argspec-type-path"):
-        done = subprocess.run(["ansible-test", "sanity", "--test", check, "--python", "default"], cwd=collection.collection,
-                              env=collection.env, capture_output=True, text=True, check=False)
+        done = collection.run("ansible-test", "sanity", "--test", check, "--python", "default", folder=collection.collection)
         assert done.returncode == 0, done.stdout + done.stderr
 
 
 def validated(collection, *paths):
     """What Ansible's own validate-modules finds in modules, by path."""
-    done = subprocess.run(["/usr/bin/python3", f"{SANITY}/validate-modules/validate.py", "--arg-spec", "--format", "json",
-                           "--collection", "ansible_collections/corvane/server", *paths], cwd=collection.collection,
-                          env={**collection.env, "PYTHONPATH": f"{SANITY}/validate-modules:{collection.folder}/collections"},
-                          capture_output=True, text=True, check=False)
+    done = collection.run("/usr/bin/python3", f"{SANITY}/validate-modules/validate.py", "--arg-spec", "--format", "json",
+                          "--collection", "ansible_collections/corvane/server", *paths, folder=collection.collection,
+                          env={"PYTHONPATH": f"{SANITY}/validate-modules:{collection.folder}/collections"})
     return {path: [error["msg"] for error in found["errors"]] for path, found in json.loads(done.stdout).items()}
 
 

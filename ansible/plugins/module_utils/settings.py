@@ -122,5 +122,5 @@ def restart(module):
 
 def complaint(module):
     """The last line of what the agent said before it ended."""
-    out = module.run_command(["journalctl", "-q", "--no-pager", "-o", "cat", "-n", "20", "SYSLOG_IDENTIFIER=corv-agent", "PRIORITY=3"])[1]
+    out = module.run_command(["journalctl", "-q", "--no-pager", "-o", "cat", "-n", "20", "SYSLOG_IDENTIFIER=corv-agent"])[1]
     return (out.strip().splitlines() or ["see journalctl -u corv-agent"])[-1]
