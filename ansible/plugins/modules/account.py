@@ -115,6 +115,14 @@ def make(corvctl, name, domain, result):
     result["access_log"] = reply["accessLog"]
 
 
+def foretell_refusal(module, corvctl, domain):
+    """Ends a run in check mode where another account has the domain; otherwise corvctl itself refuses, and knows more sites."""
+    for other in corvctl.ask("account", "list")["accounts"]:
+        if other["domain"] == domain and other["username"] != module.params["name"]:
+            module.fail_json(msg=f"the account {other['username']} already answers to {domain} or www.{domain} on this server, and "
+                                 "Apache would serve only one of the two")
+
+
 def settle(module, corvctl, before, after, result):
     """Does what leads from one state to the other."""
     name = module.params["name"]
@@ -154,6 +162,8 @@ def main():
             module.fail_json(msg=f"there is no account {name}, and a domain is needed to make it")
         after = {"state": state, "domain": domain or before["domain"]}
 
+    if module.check_mode and after.get("domain") != before.get("domain"):
+        foretell_refusal(module, corvctl, after.get("domain"))
     result = {"changed": before != after, "diff": {"before": before, "after": after}}
     if result["changed"] and not module.check_mode:
         settle(module, corvctl, before, after, result)
