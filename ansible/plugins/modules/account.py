@@ -162,8 +162,8 @@ def main():
             module.fail_json(msg=f"there is no account {name}, and a domain is needed to make it")
         after = {"state": state, "domain": domain or before["domain"]}
 
-    if module.check_mode and after.get("domain") != before.get("domain"):
-        foretell_refusal(module, corvctl, after.get("domain"))
+    if module.check_mode and after.get("domain") not in (None, before.get("domain")):
+        foretell_refusal(module, corvctl, after["domain"])
     result = {"changed": before != after, "diff": {"before": before, "after": after}}
     if result["changed"] and not module.check_mode:
         settle(module, corvctl, before, after, result)
