@@ -11,7 +11,7 @@ namespace corv::ctl {
 struct Session;
 
 // What a parameter's value names, for completion on the shell's command line.
-enum class Names { Nothing, Account, File, AgentCommand, Backup };
+enum class Names { Nothing, Account, File, AgentCommand, Backup, PhpVersion };
 
 enum class Kind {
     Required, // a word at its place
@@ -92,6 +92,7 @@ Command fileCommand();
 Command firewallCommand();
 Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
+Command metricsCommand();
 Command notifyCommand();
 Command offsiteCommand();
 Command phpCommand();

@@ -155,7 +155,8 @@ Check checkPostgres(const std::optional<Databases> &databases, const QString &pr
     if (databases) {
         constexpr int kMajorFactor = 10'000;
         programs.prepend({u"the server"_s, databases->version / kMajorFactor, databases->version % kMajorFactor});
-        check.findings += checkPanelDatabase(*databases) + checkSharedDatabases(*databases);
+        check.findings += checkPanelDatabase(*databases) + checkSharedDatabases(*databases) +
+                          checkPostgresServers(databases->version / kMajorFactor, readServerVersions());
     } else {
         check.findings.append(
             {Level::Fault, u"PostgreSQL cannot be asked: "_s + problem,
@@ -346,6 +347,14 @@ Check checkBackups(const QJsonObject &status)
                 checkCompressor(readCompressor())};
 }
 
+Check checkReach(const QList<hosting::User> &accounts)
+{
+    // An account without a site is only half there, which is told where accounts are.
+    QStringList served = namesOf(accounts);
+    served.removeIf([](const QString &name) { return !QFile::exists(hosting::sitePath(name)); });
+    return {u"homes"_s, u"what the web server reaches"_s, ctl::checkReach(findOutOfReach(served))};
+}
+
 Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
@@ -355,10 +364,7 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
     const qint64 bytesPerSecond = measured > 0 ? measured : kCautiousBytesPerSecond;
     Check check = {u"homes"_s, u"sizes (%1 fit), what the web server reaches"_s.arg(largestHome(bytesPerSecond)),
                    ctl::checkHomes(sizes, status, bytesPerSecond)};
-    // An account without a site is only half there, which is told where accounts are.
-    QStringList served = namesOf(accounts);
-    served.removeIf([](const QString &name) { return !QFile::exists(hosting::sitePath(name)); });
-    check.findings += checkReach(findOutOfReach(served));
+    check.findings += checkReach(accounts).findings;
     if (sizes.isEmpty() && !accounts.isEmpty())
         check.findings.append({Level::Note, u"the homes could not be measured within a minute"_s, u"du -sh /home/*"_s});
     return check;
@@ -366,7 +372,7 @@ Check checkHomes(const QList<hosting::User> &accounts, const QJsonObject &status
 
 } // namespace
 
-QList<Check> examine(const QString &settingsPath)
+QList<Check> examine(const QString &settingsPath, Homes homes)
 {
     const qint64 began = QDateTime::currentMSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
@@ -406,7 +412,7 @@ QList<Check> examine(const QString &settingsPath)
                            checkFolders(settings, backups.value("destination"_L1).toString()),
                            checkBackups(backups),
                            checkNotify(settings, backups),
-                           checkHomes(users.accounts, backups)};
+                           homes == Homes::Measured ? checkHomes(users.accounts, backups) : checkReach(users.accounts)};
     // Who has no such place is not told of it at each look.
     if (const OffsitePlace place = placeIn(settings); !place.repository.isEmpty())
         checks.append(checkOffsite(place));
