@@ -11,7 +11,7 @@ namespace corv::ctl {
 struct Session;
 
 // What a parameter's value names, for completion on the shell's command line.
-enum class Names { Nothing, Account, File, AgentCommand, Backup };
+enum class Names { Nothing, Account, File, AgentCommand, Backup, PhpVersion };
 
 enum class Kind {
     Required, // a word at its place

@@ -154,6 +154,10 @@ _corvctl_backups() {
     corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1
 }
 
+_corvctl_php() {
+    find /etc/php -maxdepth 3 -path "*/fpm/pool.d" 2>/dev/null | cut -d / -f 4
+}
+
 _corvctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev="" path="" position=0 i word
     COMPREPLY=()
@@ -206,6 +210,12 @@ _corvctl_backups() {
     compadd -a backups
 }
 
+_corvctl_php() {
+    local -a versions
+    versions=(${(f)"$(find /etc/php -maxdepth 3 -path '*/fpm/pool.d' 2>/dev/null | cut -d / -f 4)"})
+    compadd -a versions
+}
+
 _corvctl() {
     local prev="" trail="" word
     local -i position=0 i
@@ -254,6 +264,10 @@ function __corvctl_backups
     corvctl --plain backup list 2>/dev/null </dev/null | cut -f 1
 end
 
+function __corvctl_php
+    find /etc/php -maxdepth 3 -path "*/fpm/pool.d" 2>/dev/null | cut -d / -f 4
+end
+
 # Whether so many words stand behind this path.
 function __corvctl_at
     set -l words (commandline -opc)
@@ -294,6 +308,8 @@ QString cases(const QList<Position> &positions, bool zsh)
             action = zsh ? u"_corvctl_accounts"_s : u"words=$(_corvctl_accounts)"_s;
         else if (position.names == Names::Backup)
             action = zsh ? u"_corvctl_backups"_s : u"words=$(_corvctl_backups)"_s;
+        else if (position.names == Names::PhpVersion)
+            action = zsh ? u"_corvctl_php"_s : u"words=$(_corvctl_php)"_s;
         else if (position.names == Names::File)
             action = zsh ? u"_files"_s : u"mapfile -t COMPREPLY < <(compgen -f -- \"$cur\") && return"_s;
         else if (!position.words.isEmpty())
@@ -343,6 +359,8 @@ QString fishArguments(const Position &position)
         return u"-a '(__corvctl_accounts)'"_s;
     if (position.names == Names::Backup)
         return u"-a '(__corvctl_backups)'"_s;
+    if (position.names == Names::PhpVersion)
+        return u"-a '(__corvctl_php)'"_s;
     if (position.names == Names::File)
         return u"-F"_s;
     return u"-a "_s + quoted(namesOf(position.words, false));
@@ -400,8 +418,9 @@ QString fish(const std::vector<Command> &commands, const QList<Position> &words,
     text += fishCommands(commands, {});
     for (const Position &position : words) {
         const bool commandNames = !position.words.isEmpty() && !position.words[0][1].isEmpty();
-        if (!commandNames && (position.names == Names::Account || position.names == Names::File ||
-                              position.names == Names::Backup || !position.words.isEmpty()))
+        if (!commandNames &&
+            (position.names == Names::Account || position.names == Names::File || position.names == Names::Backup ||
+             position.names == Names::PhpVersion || !position.words.isEmpty()))
             text += fishLine(u"__corvctl_at \"%1\" %2"_s.arg(position.path, QString::number(position.number)),
                              fishArguments(position), {});
     }

@@ -16,6 +16,10 @@ from booted import (  # noqa: F401 (pytest finds them here)
 )
 
 
+def pytest_addoption(parser):
+    parser.addoption("--long", action="store_true", help="also an upgrade of Debian, out of its archive: takes ten minutes")
+
+
 def pytest_configure(config):
     if os.geteuid() != 0:
         raise pytest.UsageError("the host floor boots hosts: run it as root")

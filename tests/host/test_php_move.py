@@ -163,7 +163,7 @@ def reload_seconds(host, version):
 def test_every_site_outlives_the_move(server):
     host, (first, second, suspended) = server
     old = first.php
-    reloading = reload_seconds(host, old) + reload_seconds(host, NEW)
+    reloading = max(reload_seconds(host, old), reload_seconds(host, NEW))
     before = pools(host, old)
     assert before == sorted([first.name, second.name, suspended.name + "-"])
     assert status(host)["next"] == f"corvctl php move {old} {NEW}"
@@ -172,15 +172,14 @@ def test_every_site_outlives_the_move(server):
     assert sorted(reply["moved"]) == sorted([first.name, second.name, suspended.name])
     assert (pools(host, old), pools(host, NEW)) == ([], before)
     longest = max(sum((gaps(answers, account.domain) for account in (first, second)), [0]))
-    print(f"without PHP for {reply['milliseconds']} ms by its own word, {longest * 1000:.0f} ms by visitors; "
-          f"a reload of both takes {reloading * 1000:.0f} ms")
-    for account in (first, second):
-        assert len(gaps(answers, account.domain)) <= 1
-        assert page(host, account) == (200, f"page of {account.name}")
-        assert version_of(host, account) == NEW
     # A visitor's clock runs from his question on, which may have been on its way.
     poll = max(float(answered) - float(asked) for asked, answered, _, code in answers if code == "200")
-    assert longest <= reply["milliseconds"] / 1000 + 2 * poll + 0.1
+    print(f"without PHP for {reply['milliseconds']} ms by its own word, {longest * 1000:.0f} ms by visitors "
+          f"who waited {poll * 1000:.0f} ms at most; a reload takes {reloading * 1000:.0f} ms")
+    assert longest <= reloading + 2 * poll
+    for account in (first, second):
+        assert page(host, account) == (200, f"page of {account.name}")
+        assert version_of(host, account) == NEW
     assert status(host)["next"] == ""
 
     # From here on the agent sees them, and its commands work as ever.

@@ -59,6 +59,10 @@ def offered(request, tmp_path_factory):
     (tools / "corvctl").write_text("#!/bin/sh\n[ \"$*\" = '--plain backup list' ] || exit 1\n"
                                    "printf '%s\\t1\\t2\\n' 2026-01-05_031500 2026-01-04_031500\n")
     (tools / "corvctl").chmod(0o755)
+    # And the folders of the PHP versions.
+    (tools / "find").write_text("#!/bin/sh\n[ \"$*\" = '/etc/php -maxdepth 3 -path */fpm/pool.d' ] || exit 1\n"
+                                "printf '/etc/php/%s/fpm/pool.d\\n' 8.2 8.4\n")
+    (tools / "find").chmod(0o755)
 
     def offer(*words):
         environment = {"PATH": f"{tools}:/usr/bin:/bin", "HOME": str(tools), "LC_ALL": "C.UTF-8"}
@@ -100,6 +104,11 @@ def test_offers_the_backups(offered):
         assert offered(*line) == backups
     assert offered("backup", "verify", "2026-01-05") == {"2026-01-05_031500"}
     assert offered("backup", "verify", "2026-01-05_031500", "") == set()
+
+
+def test_offers_the_versions_of_php(offered):
+    assert offered("php", "move", "") == offered("php", "move", "8.2", "") == {"8.2", "8.4"}
+    assert offered("php", "move", "8.2", "8.4", "") == set()
 
 
 def test_offers_the_commands_of_the_protocol(offered):

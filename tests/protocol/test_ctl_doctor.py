@@ -526,6 +526,20 @@ def test_notes_fail_nothing(well):
         ("note", "quotas", "disk quotas are off: nothing keeps one account from filling the disk", "corvctl quota enable")])
 
 
+def test_what_a_removed_php_has_left_enabled_is_no_service(well):
+    well.symlink("/etc/systemd/system/multi-user.target.wants/php8.1-fpm.service", "/lib/systemd/system/php8.1-fpm.service")
+    assert doctor(well) == (0, [])
+
+
+def test_tells_of_a_newer_postgresql_beside_the_one_that_has_the_databases(well):
+    well.mkdir("/usr/lib/postgresql/16/bin")
+    assert doctor(well) == (0, [])
+    well.write("/usr/lib/postgresql/16/bin/postgres", mode=0o755)
+    assert doctor(well) == (0, [
+        ("note", "PostgreSQL", "the databases are with PostgreSQL 15, and PostgreSQL 16 is installed beside it",
+         "less /usr/share/doc/corv-agent/php.md")])
+
+
 def test_finds_that_the_agent_does_not_run(well):
     well.stop()
     answer_unit(well, "corv-agent.service", ActiveState="inactive", SubState="dead")

@@ -1,7 +1,8 @@
 """corvctl php: accounts' pools move from one PHP version to another, whatever goes wrong, and follow what the agent passes by.
 
-The stand-in for systemctl hands what it is asked to a thread here, which is both versions' FPM: it serves the sockets of the pools
-that it reads, and does not start over a pool of nobody or a socket that somebody else serves, as the real one."""
+The stand-in for systemctl hands what it is asked to a thread here, which is both versions' FPM. As the real one, it keeps the
+sockets of the pools that it still has, does not start over a pool of nobody or a socket's name that somebody serves, and removes the
+name of a socket that it gives up, whose ever that is by then."""
 
 import http.server
 import json
@@ -20,6 +21,10 @@ ASK = """\
 case "$1" in
 show) echo 4711 ;; # of an FPM that serves none of the sockets
 is-active|--quiet) for unit; do :; done; test -e "/fpm/up.$unit" ;;
+--no-block) shift
+   while ! mkdir /fpm/turn 2>/dev/null; do sleep 0.01; done
+   echo "$1 $2" >/fpm/ask.new && mv /fpm/ask.new /fpm/ask
+   { while [ -e /fpm/ask ]; do sleep 0.01; done; rmdir /fpm/turn; } >/dev/null 2>&1 & ;;
 *) while ! mkdir /fpm/turn 2>/dev/null; do sleep 0.01; done
    echo "$1 $2" >/fpm/ask.new && mv /fpm/ask.new /fpm/ask
    while [ -e /fpm/ask ]; do sleep 0.01; done
@@ -44,6 +49,8 @@ class Fpms:
     def __init__(self, sandbox):
         self.sandbox = sandbox
         self.served = {}
+        self.made = {}
+        self.was_aside = []  # the names that were put aside when the last reading began
         self.asked = []
         self.deaf = set()  # versions that do not serve what they read
         self.ended = threading.Event()
@@ -81,29 +88,51 @@ class Fpms:
 
     def read(self, version):
         folder = self.sandbox.path(f"/etc/php/{version}/fpm/pool.d")
-        wanted = [path.name[5:-5] for path in folder.glob("corv-*.conf")] if version not in self.deaf else []
+        files = sorted(folder.glob("*.conf"))
+        self.was_aside = sorted(path.name for path in self.sandbox.path("/run/php").glob("*.old"))
+        for path in files:
+            path.is_symlink() or path.read_bytes()  # which waits for a file that is held back
+        wanted = [path.name[5:-5] for path in files if path.name.startswith("corv-")] if version not in self.deaf else []
         mine = self.served.setdefault(version, {})
-        others = [name for other, names in self.served.items() if other != version for name in names]
-        if any(name in others or not self.sandbox.has_user(name) for name in wanted) or not list(folder.glob("*.conf")):
-            self.stop(version)
+        fresh = set(wanted) - set(mine)
+        if not files or not all(map(self.sandbox.has_user, wanted)) or any(map(self.is_served, fresh)):
+            self.end(version)
             return 1
         for name in set(mine) - set(wanted):
             mine.pop(name).close()
-            self.sandbox.path(f"/run/php/corv-{name}.sock").unlink()
-        for name in set(wanted) - set(mine):
+            self.sandbox.path(f"/run/php/corv-{name}.sock").unlink(missing_ok=True)
+        for name in fresh:
             path = self.sandbox.path(f"/run/php/corv-{name}.sock")
             path.unlink(missing_ok=True)
             mine[name] = socket.socket(socket.AF_UNIX)
             mine[name].bind(str(path))
             mine[name].listen(64)
+            self.made[version, name] = path.stat().st_ino
         self.up(version)
         return 0
+
+    def is_served(self, name):
+        with socket.socket(socket.AF_UNIX) as client:
+            return client.connect_ex(str(self.sandbox.path(f"/run/php/corv-{name}.sock"))) == 0
+
+    def end(self, version):
+        """As one that fails: the names stay."""
+        for one in self.served.pop(version, {}).values():
+            one.close()
+        self.up(version, False)
 
     def stop(self, version):
         for name, one in self.served.pop(version, {}).items():
             one.close()
             self.sandbox.path(f"/run/php/corv-{name}.sock").unlink(missing_ok=True)
         self.up(version, False)
+
+    def version_of(self, name):
+        """The version to whose socket an account's name leads."""
+        path = self.sandbox.path(f"/run/php/corv-{name}.sock")
+        number = path.stat().st_ino if path.exists() else None
+        return next((version for version, names in self.served.items()
+                     if name in names and self.made[version, name] == number), None)
 
     def pools(self):
         """The accounts that each version serves."""
@@ -131,6 +160,15 @@ def fpms(sandbox):
     fpms.close()
 
 
+def take(sandbox, fpms):
+    """As a move has it that was killed when the new version had taken alice over."""
+    name = sandbox.path("/run/php/corv-alice.sock")
+    name.rename(f"{name}.old")
+    sandbox.write(pool_path("8.4", "alice"), POOL.format("alice"))
+    fpms.read("8.4")
+    assert fpms.version_of("alice") == "8.4"
+
+
 def site(sandbox, name, suspended=False):
     """The site file as the agent writes it."""
     head = (f"# Managed by Corvane (account {name}). Edits here are overwritten.\n<VirtualHost *:80>\n    ServerName {name}.example\n"
@@ -151,6 +189,10 @@ def pools(sandbox):
         folder = sandbox.path(f"/etc/php/{version}/fpm/pool.d")
         found += sorted(f"{version} {path.name}" for path in folder.iterdir() if path.name != "www.conf")
     return found
+
+
+def sockets(sandbox):
+    return sorted(path.name for path in sandbox.path("/run/php").iterdir())
 
 
 def move(sandbox, *words):
@@ -199,7 +241,7 @@ bob                                               suspended
 """
     assert (code, " ".join(text.split())) == (2, " ".join((plan + """\
 corvctl: PHP 8.4 lacks modules that PHP 8.2 has: pgsql
-corvctl: PHP pages fail while both FPMs are reloaded, for a second or less as a rule
+corvctl: PHP pages fail for some milliseconds, and never for longer than PHP 8.4 takes for a reload
 corvctl: that is not the new version, so nothing was moved
 """).split()))
     assert pools(sandbox) == ["8.2 corv-alice.conf", "8.2 corv-bob.conf.suspended", "8.2 corv-carol.conf.suspended"]
@@ -212,11 +254,27 @@ corvctl: that is not the new version, so nothing was moved
     assert pools(sandbox) == AFTER
     assert sandbox.read(pool_path("8.4", "alice")) == POOL.format("alice")
     assert sandbox.entry(pool_path("8.4", "alice")) == "0644 root:root"
-    assert fpms.asked == ["reload-or-restart php8.2-fpm", "reload-or-restart php8.4-fpm"]
-    assert fpms.pools() == {"8.4": ["alice"]}
+    assert fpms.asked == ["reload-or-restart php8.4-fpm", "reload-or-restart php8.2-fpm"]
+    assert (fpms.pools(), fpms.version_of("alice")) == ({"8.4": ["alice"]}, "8.4")
+    assert sockets(sandbox) == ["corv-alice.sock"]
     assert not sandbox.exists(JOURNAL)
     code, out, _ = move(sandbox)
     assert (code, json.loads(out)["error"]) == (1, "no account has a pool in PHP 8.2")
+
+
+def test_visitors_are_with_the_old_version_until_the_new_one_has_read_its_pools(sandbox, fpms):
+    """Only then are the names put aside, or it would not start."""
+    seen = []
+    read = fpms.read
+    fpms.read = lambda version: (read(version), seen.append((version, fpms.was_aside)))[0]
+    assert move(sandbox)[0] == 0
+    assert seen == [("8.4", []), ("8.2", ["corv-alice.sock.old"])]
+
+
+def test_a_new_version_that_does_not_run_is_started(sandbox, fpms):
+    fpms.stop("8.4")
+    assert move(sandbox)[0] == 0
+    assert (pools(sandbox), fpms.pools(), fpms.version_of("alice")) == (AFTER, {"8.4": ["alice"]}, "8.4")
 
 
 def test_each_pool_becomes_what_its_site_asks_for(sandbox, fpms):
@@ -230,7 +288,8 @@ def test_each_pool_becomes_what_its_site_asks_for(sandbox, fpms):
 def test_a_version_without_another_pool_is_switched_off(sandbox, fpms):
     sandbox.path("/etc/php/8.2/fpm/pool.d/www.conf").unlink()
     assert move(sandbox)[0] == 0
-    assert fpms.asked == ["stop php8.2-fpm", "reload-or-restart php8.4-fpm", "disable php8.2-fpm"]
+    assert fpms.asked == ["reload-or-restart php8.4-fpm", "stop php8.2-fpm", "disable php8.2-fpm"]
+    assert fpms.version_of("alice") == "8.4"
 
 
 def test_what_the_new_version_does_not_take_is_not_moved(sandbox, fpms):
@@ -255,8 +314,8 @@ def web(sandbox, fpms):
 
     class Page(http.server.BaseHTTPRequestHandler):
         def do_GET(self):
-            version = next((version for version, names in fpms.pools().items() if "alice" in names), None)
-            self.send_response(answers.get(version, 503))
+            answer = answers.get(fpms.version_of("alice"), 503)
+            self.send_response(answer() if callable(answer) else answer)
             self.send_header("Location", "http://192.0.2.1/")  # followed by nobody
             self.end_headers()
 
@@ -287,8 +346,16 @@ def test_a_site_that_was_not_well_or_still_is_stays(sandbox, fpms, web, before, 
     assert pools(sandbox) == AFTER
 
 
-STEPS = [("php-fpm8.4", 1), ("php-fpm8.4", 2), ("php-fpm8.2", 1), ("php-fpm8.2", 2), ("systemctl", 1), ("systemctl", 2),
-         ("systemctl", 3), ("systemctl", 4)]
+def test_who_is_suspended_while_the_others_move_keeps_nobody_back(sandbox, fpms, web):
+    def suspended():
+        site(sandbox, "alice", suspended=True)
+        return 503
+    web["8.4"] = suspended
+    assert move(sandbox)[0] == 0
+    assert pools(sandbox) == ["8.4 corv-alice.conf.suspended", "8.4 corv-bob.conf.suspended"]
+
+
+STEPS = [("php-fpm8.4", 1), ("php-fpm8.4", 2), ("php-fpm8.2", 1), ("php-fpm8.2", 2), *(("systemctl", call) for call in range(1, 8))]
 
 
 @pytest.mark.parametrize("program, call", STEPS)
@@ -304,6 +371,7 @@ def test_killed_at_any_step_the_same_command_goes_on(sandbox, fpms, web, program
     code, _, err = move(sandbox)
     assert (code, err) == (0, "")
     assert (pools(sandbox), fpms.pools(), sandbox.exists(JOURNAL)) == (AFTER, {"8.4": ["alice"]}, False)
+    assert (fpms.version_of("alice"), sockets(sandbox)) == ("8.4", ["corv-alice.sock"])
 
 
 def test_a_move_that_was_cut_off_is_told_of_and_ended_first(sandbox, fpms):
@@ -386,10 +454,8 @@ def test_without_the_users_nothing_seems_to_be_nobodys(sandbox, fpms):
 
 
 def test_a_cut_off_move_that_cannot_go_on_is_undone(sandbox, fpms):
-    """Between the two reloads, after which a third version has come."""
-    fpms.stop("8.2")
-    os.rename(sandbox.path(pool_path("8.2", "alice")), sandbox.path(pool_path("8.2", "alice", ".moved")))
-    sandbox.write(pool_path("8.4", "alice", ".moving"), POOL.format("alice"))
+    """After the new version has taken over, after which a third version has come."""
+    take(sandbox, fpms)
     alice = {"account": "alice", "wasParked": False, "becomesParked": False}
     sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": [alice], "well": []}))
     sandbox.mkdir("/etc/php/8.5/fpm/pool.d")
@@ -398,6 +464,7 @@ def test_a_cut_off_move_that_cannot_go_on_is_undone(sandbox, fpms):
     assert (code, err) == (1, "corvctl: accounts are made, suspended and deleted in PHP 8.5 here, the highest version\n"
                               "  corvctl php status shows what there is\n")
     assert (pools(sandbox), fpms.pools(), sandbox.exists(JOURNAL)) == (BEFORE, {"8.2": ["alice"]}, False)
+    assert (fpms.version_of("alice"), sockets(sandbox)) == ("8.2", ["corv-alice.sock"])
 
 
 def test_without_a_way_back_a_site_that_does_not_get_on_stays_and_is_told_of(sandbox, fpms, web):
@@ -422,17 +489,45 @@ def test_a_version_that_does_not_run_yet_is_waited_for_and_tried_at_its_start(sa
     assert (pools(sandbox), fpms.pools()) == (AFTER, {"8.4": ["alice"]})
 
 
-def test_cut_off_when_the_new_version_serves_already_it_is_ended(sandbox, fpms, web):
-    os.rename(sandbox.path(pool_path("8.2", "alice")), sandbox.path(pool_path("8.2", "alice", ".moved")))
-    os.rename(sandbox.path(pool_path("8.2", "bob", ".suspended")), sandbox.path(pool_path("8.2", "bob", ".suspended.moved")))
-    sandbox.write(pool_path("8.4", "alice"), POOL.format("alice"))
+@pytest.mark.parametrize("is_served", [True, False])
+def test_cut_off_when_the_new_version_serves_already_it_is_ended(sandbox, fpms, web, is_served):
+    take(sandbox, fpms)
     sandbox.write(pool_path("8.4", "bob", ".suspended"), POOL.format("bob"))
-    fpms.read("8.2")
-    fpms.read("8.4")
     moving = [{"account": name, "wasParked": name == "bob", "becomesParked": name == "bob"} for name in ("alice", "bob")]
-    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": moving, "well": ["alice"]}))
+    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": moving, "well": ["alice"], "isServed": is_served}))
     assert move(sandbox)[0] == 0
     assert (pools(sandbox), fpms.pools(), sandbox.exists(JOURNAL)) == (AFTER, {"8.4": ["alice"]}, False)
+    assert (fpms.version_of("alice"), sockets(sandbox)) == ("8.4", ["corv-alice.sock"])
+    # Where it is known that there is no way but on, nothing is done twice.
+    assert fpms.asked == ["reload-or-restart php8.2-fpm"] if is_served else fpms.asked[0] == "reload-or-restart php8.4-fpm"
+
+
+def test_cut_off_while_the_old_version_lets_go_the_names_come_back(sandbox, fpms, web):
+    """It has removed the name, and nobody was there any more to give it back."""
+    take(sandbox, fpms)
+    os.link(sandbox.path("/run/php/corv-alice.sock"), sandbox.path("/run/php/corv-alice.sock.kept"))
+    sandbox.path(pool_path("8.2", "alice")).unlink()
+    fpms.read("8.2")
+    assert sockets(sandbox) == ["corv-alice.sock.kept", "corv-alice.sock.old"]
+    moving = [{"account": "alice", "wasParked": False, "becomesParked": False}]
+    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": moving, "well": ["alice"], "isServed": True}))
+    assert follow(sandbox)[0] == 0
+    assert (fpms.pools(), fpms.version_of("alice"), sockets(sandbox)) == ({"8.4": ["alice"]}, "8.4", ["corv-alice.sock"])
+
+
+def test_cut_off_while_it_goes_back_it_goes_back(sandbox, fpms):
+    """The name leads to the old version again, and the new one has not let go of its own yet."""
+    take(sandbox, fpms)
+    name = sandbox.path("/run/php/corv-alice.sock")
+    name.unlink()
+    os.link(sandbox.path("/run/php/corv-alice.sock.old"), name)
+    moving = [{"account": "alice", "wasParked": False, "becomesParked": False}]
+    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": moving, "well": ["alice"]}))
+    sandbox.mkdir("/etc/php/8.5/fpm/pool.d")
+    sandbox.answer("php-fpm8.5")
+    assert follow(sandbox)[0] == 1
+    assert (pools(sandbox), fpms.pools(), fpms.version_of("alice"), sockets(sandbox)) == (
+        BEFORE, {"8.2": ["alice"]}, "8.2", ["corv-alice.sock"])
 
 
 def test_without_a_way_back_nothing_is_left_where_nobody_looks(sandbox, fpms):
@@ -448,8 +543,6 @@ def test_a_cut_off_move_that_cannot_go_on_keeps_what_the_new_version_has(sandbox
     """The old version is gone, and a third has come: alice is moved, bob is not."""
     fpms.stop("8.2")
     sandbox.remove_standin("php-fpm8.2")
-    os.rename(sandbox.path(pool_path("8.2", "alice")), sandbox.path(pool_path("8.2", "alice", ".moved")))
-    os.rename(sandbox.path(pool_path("8.2", "bob", ".suspended")), sandbox.path(pool_path("8.2", "bob", ".suspended.moved")))
     sandbox.write(pool_path("8.4", "alice"), POOL.format("alice"))
     sandbox.write(pool_path("8.4", "bob", ".suspended.moving"), POOL.format("bob"))
     fpms.read("8.4")
@@ -462,10 +555,27 @@ def test_a_cut_off_move_that_cannot_go_on_keeps_what_the_new_version_has(sandbox
         ["8.2 corv-bob.conf.suspended", "8.4 corv-alice.conf"], {"8.4": ["alice"]}, False)
 
 
-def test_what_is_left_of_a_move_and_cannot_be_read_starts_nothing_again(sandbox, fpms):
-    sandbox.write(JOURNAL, "{")
+@pytest.mark.parametrize("text", ["{", '{"from": "../8.2", "to": "8.4"}', '{"from": "8.4", "to": "8.4"}', '{"from": "8.2", "to": 8}'])
+def test_what_is_left_of_a_move_and_cannot_be_read_starts_nothing_again(sandbox, fpms, text):
+    sandbox.write(JOURNAL, text)
     assert follow(sandbox) == (
         1, "", "corvctl: what a move was about cannot be read; it lies in php-move.json.unreadable\n"
         "  corvctl php status shows what there is\n")
-    assert (sandbox.exists(JOURNAL), sandbox.read(f"{JOURNAL}.unreadable"), pools(sandbox)) == (False, "{", BEFORE)
+    assert (sandbox.exists(JOURNAL), sandbox.read(f"{JOURNAL}.unreadable"), pools(sandbox)) == (False, text, BEFORE)
     assert follow(sandbox) == (0, "", "")
+
+
+def test_a_fifo_in_place_of_what_a_move_was_about_is_not_waited_for(sandbox, fpms):
+    os.mkfifo(sandbox.path(JOURNAL))
+    assert follow(sandbox)[0] == 1
+    assert not sandbox.exists(JOURNAL)
+
+
+@pytest.mark.parametrize("is_served", [True, False])
+def test_what_a_damaged_journal_says_costs_no_pool(sandbox, fpms, is_served):
+    """Names that no account has, a path, and an account that the new version does not have."""
+    odd = [{"account": name} for name in ("../alice", "", "nobodyshere", "alice")] + [7, None]
+    sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": odd, "well": ["../x", 3], "isServed": is_served}))
+    assert follow(sandbox)[0] == 0
+    assert (pools(sandbox), sandbox.exists(JOURNAL)) == (BEFORE if is_served else AFTER, False)
+    assert fpms.version_of("alice") == ("8.2" if is_served else "8.4")

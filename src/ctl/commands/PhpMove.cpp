@@ -39,7 +39,9 @@ void showPlan(const Session &session, const MovePlan &plan)
         note(u"PHP %1 lacks modules that PHP %2 has: %3"_s.arg(plan.to, plan.from, plan.missing.join(", "_L1)));
     if (plan.empties && plan.canGoBack)
         note(u"PHP %1 is left without a pool; its FPM, which does not start so, is switched off"_s.arg(plan.from));
-    note(u"PHP pages fail while both FPMs are reloaded, for a second or less as a rule"_s);
+    if (plan.canGoBack)
+        note(u"PHP pages fail for some milliseconds, and never for longer than PHP %1 takes for a reload"_s.arg(
+            plan.to));
 }
 
 int tell(const Session &session, const MovePlan &plan, const Moved &moved)

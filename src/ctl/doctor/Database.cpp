@@ -142,6 +142,18 @@ QList<Finding> checkPostgresVersions(const QList<PostgresVersion> &programs)
     return findings;
 }
 
+QList<Finding> checkPostgresServers(int major, const QList<int> &installed)
+{
+    const auto newest = std::max_element(installed.cbegin(), installed.cend());
+    if (newest == installed.cend() || *newest <= major)
+        return {};
+    // An upgrade of Debian leaves them where they are, beside an empty cluster that only the owner knows to be empty.
+    return {
+        {Level::Note,
+         u"the databases are with PostgreSQL %1, and PostgreSQL %2 is installed beside it"_s.arg(major).arg(*newest),
+         u"less /usr/share/doc/corv-agent/php.md"_s}};
+}
+
 QList<Obstacle> obstaclesOf(const Database &database)
 {
     // Only names that need no quotes are put into statements here.

@@ -65,6 +65,10 @@ const Database *findDatabase(const Databases &databases, const QString &name);
 // Which of these programs have holes that dumps or restores open.
 QList<Finding> checkPostgresVersions(const QList<PostgresVersion> &programs);
 
+// Whether the databases are left with an older PostgreSQL (the major number of their server) than the newest of which a
+// server is installed.
+QList<Finding> checkPostgresServers(int major, const QList<int> &installed);
+
 // What keeps a database from being dumped, renamed or dropped, and which its owner can set: a sentence and the
 // statement that lifts it, for each.
 struct Obstacle

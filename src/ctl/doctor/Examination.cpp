@@ -155,7 +155,8 @@ Check checkPostgres(const std::optional<Databases> &databases, const QString &pr
     if (databases) {
         constexpr int kMajorFactor = 10'000;
         programs.prepend({u"the server"_s, databases->version / kMajorFactor, databases->version % kMajorFactor});
-        check.findings += checkPanelDatabase(*databases) + checkSharedDatabases(*databases);
+        check.findings += checkPanelDatabase(*databases) + checkSharedDatabases(*databases) +
+                          checkPostgresServers(databases->version / kMajorFactor, readServerVersions());
     } else {
         check.findings.append(
             {Level::Fault, u"PostgreSQL cannot be asked: "_s + problem,

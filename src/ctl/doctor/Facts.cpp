@@ -130,6 +130,19 @@ QList<PostgresVersion> readClientVersions()
     return versions;
 }
 
+QList<int> readServerVersions()
+{
+    const QString folder = u"/usr/lib/postgresql"_s;
+    QList<int> versions;
+    for (const QString &name : QDir(folder).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        bool isNumber = false;
+        const int version = name.toInt(&isNumber);
+        if (isNumber && QFileInfo(u"%1/%2/bin/postgres"_s.arg(folder, name)).isExecutable())
+            versions.append(version);
+    }
+    return versions;
+}
+
 QStringList phpVersions()
 {
     QStringList versions = QDir(u"/etc/php"_s).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);

@@ -43,6 +43,9 @@ std::optional<Databases> readDatabases(QString *problem);
 // The versions of the client programs that dump and restore, as the agent starts them, each once.
 QList<PostgresVersion> readClientVersions();
 
+// The major numbers of the PostgreSQL servers that are installed.
+QList<int> readServerVersions();
+
 // The PHP versions for which a folder of pools is there.
 QStringList phpVersions();
 

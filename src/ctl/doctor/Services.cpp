@@ -69,7 +69,8 @@ QStringList neededServices(const QString &php)
     QStringList services;
     if (!php.isEmpty())
         services.append(u"php%1-fpm"_s.arg(php));
-    for (const QString &unit : QDir(kComesUp).entryList({u"php*-fpm.service"_s}, QDir::Files | QDir::System)) {
+    // A package that was removed and not purged leaves its link behind, which leads nowhere and starts nothing.
+    for (const QString &unit : QDir(kComesUp).entryList({u"php*-fpm.service"_s}, QDir::Files)) {
         if (const QString name = unit.chopped(8); !services.contains(name))
             services.append(name);
     }

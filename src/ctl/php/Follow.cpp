@@ -6,6 +6,7 @@
 #include "ctl/doctor/Visitors.h"
 #include "ctl/php/Fpm.h"
 #include "ctl/php/Move.h"
+#include "ctl/php/Sockets.h"
 
 #include <QDeadlineTimer>
 #include <QFile>

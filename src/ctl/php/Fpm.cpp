@@ -1,25 +1,19 @@
 #include "ctl/php/Fpm.h"
 
-#include "common/Account.h"
 #include "common/Fd.h"
-#include "common/Paths.h"
 #include "common/TimedRun.h"
 #include "ctl/doctor/PhpPools.h"
 #include "ctl/doctor/SiteFacts.h"
+#include "ctl/php/Sockets.h"
 #include "ctl/screen/Escape.h"
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
-#include <QThread>
 
-#include <cerrno>
-#include <cstring>
 #include <optional>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 
 using namespace Qt::Literals::StringLiterals;
 
@@ -27,7 +21,6 @@ namespace corv::ctl {
 namespace {
 
 constexpr int kToolMs = 60'000;
-constexpr int kBetweenMs = 5; // sites are without PHP meanwhile
 constexpr qint64 kLargestFile = 1'048'576;
 // Not under /tmp, where everybody may write: what root has read is made where nobody else comes.
 const auto kWorkFolder = u"/run/corvctl-XXXXXX"_s;
@@ -37,41 +30,13 @@ QString unitOf(const QString &version)
     return u"php%1-fpm"_s.arg(version);
 }
 
-QString socketOf(const QString &account)
+QString systemctl(const QStringList &words, const QString &version)
 {
-    return u"/run/php/corv-%1.sock"_s.arg(account);
-}
-
-QString systemctl(const QString &verb, const QString &version)
-{
-    const Outcome outcome = runWithin(kToolMs, u"systemctl"_s, {verb, unitOf(version)});
+    const Outcome outcome = runWithin(kToolMs, u"systemctl"_s, words + QStringList{unitOf(version)});
     if (outcome.succeeded)
         return {};
     const QString errors = oneSentence(QString::fromUtf8(outcome.errors));
-    return u"systemctl %1 %2: %3"_s.arg(verb, unitOf(version), errors.isEmpty() ? u"failed"_s : errors);
-}
-
-// A connection to whoever listens there, none where nobody does. It makes an FPM start a process for the pool, so that
-// it is not asked for again and again.
-std::optional<Fd> connectTo(const QString &account)
-{
-    const QByteArray path = QFile::encodeName(socketOf(account));
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= static_cast<qsizetype>(sizeof address.sun_path))
-        return {};
-    std::memcpy(address.sun_path, path.constData(), static_cast<size_t>(path.size()));
-    // One whose queue is full has somebody who listens: it must not be waited for.
-    Fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!socket ||
-        (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 && errno != EAGAIN))
-        return {};
-    return socket;
-}
-
-bool isListening(const QString &account)
-{
-    return connectTo(account).has_value();
+    return u"systemctl %1 %2: %3"_s.arg(words.last(), unitOf(version), errors.isEmpty() ? u"failed"_s : errors);
 }
 
 bool write(const QString &path, const QByteArray &text)
@@ -101,17 +66,32 @@ bool isFpmRunning(const QString &version)
 
 QString reloadFpm(const QString &version)
 {
-    return systemctl(u"reload-or-restart"_s, version);
+    return systemctl({u"reload-or-restart"_s}, version);
+}
+
+QString askForReload(const QString &version)
+{
+    return systemctl({u"--no-block"_s, u"reload-or-restart"_s}, version);
+}
+
+QString askForStop(const QString &version)
+{
+    return systemctl({u"--no-block"_s, u"stop"_s}, version);
 }
 
 QString stopFpm(const QString &version)
 {
-    return systemctl(u"stop"_s, version);
+    return systemctl({u"stop"_s}, version);
 }
 
 QString enableFpm(const QString &version, bool isEnabled)
 {
-    return systemctl(isEnabled ? u"enable"_s : u"disable"_s, version);
+    return systemctl({isEnabled ? u"enable"_s : u"disable"_s}, version);
+}
+
+bool hasPools(const QString &version)
+{
+    return !QDir(u"/etc/php/%1/fpm/pool.d"_s.arg(version)).entryList({u"*.conf"_s}, QDir::Files).isEmpty();
 }
 
 QString testFpm(const QString &version, const QHash<QString, QByteArray> &pools)
@@ -154,17 +134,6 @@ QStringList missingModules(const QString &from, const QString &to)
     return missing;
 }
 
-QStringList accountsWithSocket()
-{
-    QStringList accounts;
-    for (QString name : QDir(u"/run/php"_s).entryList({u"corv-*.sock"_s}, QDir::System, QDir::Name)) {
-        name = name.sliced(5).chopped(5);
-        if (hosting::validUsername(name))
-            accounts.append(name);
-    }
-    return accounts;
-}
-
 QStringList servedBy(const QString &version, const QStringList &accounts)
 {
     if (accounts.isEmpty())
@@ -173,41 +142,13 @@ QStringList servedBy(const QString &version, const QStringList &accounts)
         runWithin(kToolMs, u"systemctl"_s, {u"show"_s, u"--value"_s, u"-p"_s, u"MainPID"_s, unitOf(version)}).output;
     QStringList served = accounts;
     served.removeIf([&](const QString &account) {
-        const std::optional<Fd> connection = connectTo(account);
+        const std::optional<Fd> connection = connectTo(socketOf(account));
         ucred peer = {};
         socklen_t length = sizeof peer;
         return !connection || ::getsockopt(connection->get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 ||
                peer.pid <= 0 || main.trimmed() != QByteArray::number(peer.pid);
     });
     return served;
-}
-
-QStringList awaitReleased(const QStringList &accounts, int seconds)
-{
-    const QDeadlineTimer end(qint64(seconds) * 1000);
-    QStringList left = accounts;
-    for (;;) {
-        // An FPM takes its sockets' files away with it.
-        left.removeIf([](const QString &account) { return !exists(socketOf(account)); });
-        if (left.isEmpty() || end.hasExpired())
-            break;
-        QThread::msleep(kBetweenMs);
-    }
-    // One that was killed has left them.
-    left.removeIf([](const QString &account) { return !isListening(account); });
-    return left;
-}
-
-QStringList awaitListening(const QStringList &accounts, int seconds)
-{
-    const QDeadlineTimer end(qint64(seconds) * 1000);
-    QStringList left = accounts;
-    for (;;) {
-        left.removeIf([](const QString &account) { return exists(socketOf(account)) && isListening(account); });
-        if (left.isEmpty() || end.hasExpired())
-            return left;
-        QThread::msleep(kBetweenMs);
-    }
 }
 
 } // namespace corv::ctl

@@ -16,9 +16,16 @@ bool isFpmRunning(const QString &version);
 // returns before the reading is done.
 QString reloadFpm(const QString &version);
 
+// Asks for such a reading, or for its end, without waiting for the least of it.
+QString askForReload(const QString &version);
+QString askForStop(const QString &version);
+
 // Stops it; and keeps it from being started with the server, or has it started again.
 QString stopFpm(const QString &version);
 QString enableFpm(const QString &version, bool isEnabled);
+
+// Whether it has any pool at all: it does not start without, nor come back from a reload.
+bool hasPools(const QString &version);
 
 // Whether it would start with these pools (their texts by the accounts' names) beside those that it has. Returns what
 // it says against that, empty for nothing.
@@ -27,15 +34,7 @@ QString testFpm(const QString &version, const QHash<QString, QByteArray> &pools)
 // The modules of one version that another has not, in lower case. Empty where one of them cannot be asked.
 QStringList missingModules(const QString &from, const QString &to);
 
-// The accounts that have a socket.
-QStringList accountsWithSocket();
-
 // Those of the accounts on whose socket this version's FPM listens.
 QStringList servedBy(const QString &version, const QStringList &accounts);
-
-// Waits until nobody listens on any of these accounts' sockets any more, or until somebody listens on all of them:
-// seconds at most. Returns the accounts for which that has not come.
-QStringList awaitReleased(const QStringList &accounts, int seconds);
-QStringList awaitListening(const QStringList &accounts, int seconds);
 
 } // namespace corv::ctl

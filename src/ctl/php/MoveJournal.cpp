@@ -3,6 +3,8 @@
 #include "common/Account.h"
 #include "common/AtomicFile.h"
 #include "common/Json.h"
+#include "ctl/doctor/PhpPools.h"
+#include "ctl/doctor/SiteFacts.h"
 
 #include <QFile>
 #include <QJsonArray>
@@ -30,16 +32,14 @@ bool keepMove(const MoveJournal &journal)
     const QJsonObject text = {{u"from"_s, journal.from},
                               {u"to"_s, journal.to},
                               {u"pools"_s, pools},
-                              {u"well"_s, QJsonArray::fromStringList(journal.well)}};
+                              {u"well"_s, QJsonArray::fromStringList(journal.well)},
+                              {u"isServed"_s, journal.isServed}};
     return replaceFile(kPath, compactJson(text) + '\n', kFileMode);
 }
 
 std::optional<MoveJournal> readMove()
 {
-    QFile file(kPath);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    const QJsonObject text = parseObject(file.read(kLargest));
+    const QJsonObject text = parseObject(readUpTo(kPath, kLargest).value_or(QByteArray()));
     MoveJournal journal;
     journal.from = text.value("from"_L1).toString();
     journal.to = text.value("to"_L1).toString();
@@ -50,9 +50,15 @@ std::optional<MoveJournal> readMove()
             journal.pools.append(
                 {account, pool.value("wasParked"_L1).toBool(), pool.value("becomesParked"_L1).toBool()});
     }
-    for (const auto &account : text.value("well"_L1).toArray())
-        journal.well.append(account.toString());
-    return journal.from.isEmpty() || journal.to.isEmpty() ? std::nullopt : std::optional(journal);
+    for (const auto &value : text.value("well"_L1).toArray()) {
+        const QString account = value.toString();
+        if (hosting::validUsername(account))
+            journal.well.append(account);
+    }
+    journal.isServed = text.value("isServed"_L1).toBool();
+    // They become parts of paths and of units' names.
+    const bool isOne = isPhpVersion(journal.from) && isPhpVersion(journal.to) && journal.from != journal.to;
+    return isOne ? std::optional(journal) : std::nullopt;
 }
 
 bool putUnreadableMoveAside()

@@ -22,7 +22,8 @@ struct MoveJournal
     QString from;
     QString to;
     QList<MovingPool> pools;
-    QStringList well; // the accounts whose site was well before
+    QStringList well;      // the accounts whose site was well before
+    bool isServed = false; // whether the new version serves all, so that there is no way but on
 };
 
 // Held by a move, or by what follows the accounts, while it is at work.
