@@ -18,6 +18,7 @@
 #include "ctl/doctor/Compressor.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/Https.h"
 #include "ctl/doctor/Modules.h"
 #include "ctl/doctor/Notify.h"
 #include "ctl/doctor/Offsite.h"
@@ -29,6 +30,7 @@
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Updates.h"
 #include "ctl/doctor/Visitors.h"
+#include "ctl/https/View.h"
 #include "ctl/php/MoveJournal.h"
 
 #include <QDateTime>
@@ -302,6 +304,12 @@ Check checkOffsite(const OffsitePlace &place)
                           QDateTime::currentSecsSinceEpoch())};
 }
 
+Check checkHttps(const https::State &state)
+{
+    const QList<HttpsSite> sites = readHttpsSites(state, QDateTime::currentSecsSinceEpoch());
+    return {u"HTTPS"_s, u"%1 site(s)"_s.arg(sites.size()), ctl::checkHttps(state, sites)};
+}
+
 Check checkFolders(const QSettings &settings, const QString &destination)
 {
     constexpr mode_t kOpen = 0755;
@@ -410,6 +418,9 @@ QList<Check> examine(const QString &settingsPath)
     // Who has no such place is not told of it at each look.
     if (const OffsitePlace place = placeIn(settings); !place.repository.isEmpty())
         checks.append(checkOffsite(place));
+    // Likewise.
+    if (const std::optional<https::State> https = readHttps())
+        checks.append(checkHttps(*https));
     return checks;
 }
 
