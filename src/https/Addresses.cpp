@@ -51,6 +51,8 @@ Addresses addressesOf(const QString &name)
     addrinfo *found = nullptr;
     // Without search domains: one with a wildcard would make any name lead somewhere.
     (void)::setenv("LOCALDOMAIN", "", 1);
+    // Whoever has a name has its name servers, too, and may let them be silent.
+    (void)::setenv("RES_OPTIONS", "timeout:3 attempts:2", 1);
     const int error = ::getaddrinfo(name.toLatin1().constData(), "80", &hints, &found);
     if (error != 0)
         return {{}, error == EAI_AGAIN ? u"no name server answers for it"_s : u"it has no address"_s};

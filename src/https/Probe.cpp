@@ -10,11 +10,14 @@
 #include <QRandomGenerator>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
+#include <new>
 #include <vector>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,6 +30,8 @@ namespace {
 // Processes that ask at a time: waiting for name servers is most of it.
 constexpr int kAtATime = 16;
 constexpr int kAnswerMilliseconds = 5000;
+constexpr int kNameMilliseconds = 10000;
+constexpr std::size_t kMostAddresses = 16;
 constexpr int kTrustedMisses = 3;
 constexpr qint64 kFirstPause = 300;
 constexpr qint64 kLongestPause = 21600;
@@ -46,10 +51,15 @@ Probed probeOne(const QString &name, const QByteArray &token)
     const Addresses addresses = addressesOf(name);
     if (addresses.list.empty())
         return {false, addresses.problem};
+    // Who has a name chooses its addresses and how slowly they answer, and others wait.
+    if (addresses.list.size() > kMostAddresses)
+        return {false, u"it has more than %1 addresses"_s.arg(kMostAddresses)};
     const QByteArray request = "GET /.well-known/corv-probe/" + token + " HTTP/1.1\r\nHost: " + name.toLatin1() +
                                "\r\nUser-Agent: corv-https\r\nConnection: close\r\n\r\n";
+    const QDeadlineTimer deadline(kNameMilliseconds);
     for (const Address &address : addresses.list) {
-        const std::optional<QByteArray> answer = askAddress(address, request, kAnswerMilliseconds);
+        const auto time = static_cast<int>(std::min<qint64>(deadline.remainingTime(), kAnswerMilliseconds));
+        const std::optional<QByteArray> answer = askAddress(address, request, time);
         if (!answer)
             return {false, u"%1 does not answer on port 80"_s.arg(address.text)};
         if (!isAnswer(*answer, token))
@@ -58,11 +68,12 @@ Probed probeOne(const QString &name, const QByteArray &token)
     return {true, {}};
 }
 
-// Asks every so-manieth of the names and tells what came of each, a line each.
-[[noreturn]] void probeSome(const QStringList &names, qsizetype first, const QByteArray &token, int output)
+// Asks names as long as there are any, next being the place of the first that nobody has taken yet, and tells what came
+// of each, a line each. A name that takes its time so keeps one process, and no other name.
+[[noreturn]] void probeSome(const QStringList &names, std::atomic<qsizetype> *next, const QByteArray &token, int output)
 {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    for (qsizetype place = first; place < names.size(); place += kAtATime) {
+    for (qsizetype place = next->fetch_add(1); place < names.size(); place = next->fetch_add(1)) {
         const Probed probed = probeOne(names.at(place), token);
         const QByteArray line = names.at(place).toUtf8() + '\t' + probed.said.toUtf8() + '\n';
         if (!writeAll(output, line)) // in one piece: shorter than a pipe's atomic size
@@ -115,15 +126,18 @@ QMap<QString, Probed> probe(const QStringList &names, int milliseconds)
     const QByteArray token = makeToken();
     const QString path = u"%1/%2"_s.arg(QLatin1StringView(kProbeFolder), QString::fromLatin1(token));
     int ends[2] = {-1, -1};
-    if (names.isEmpty() || !replaceFile(path, token, 0644) || ::pipe2(ends, O_CLOEXEC) != 0)
+    void *shared =
+        ::mmap(nullptr, sizeof(std::atomic<qsizetype>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (names.isEmpty() || shared == MAP_FAILED || !replaceFile(path, token, 0644) || ::pipe2(ends, O_CLOEXEC) != 0)
         return {};
+    auto *next = new (shared) std::atomic<qsizetype>(0);
     const Fd input(ends[0]);
     Fd output(ends[1]);
     std::vector<pid_t> children;
-    for (int first = 0; first < kAtATime && first < names.size(); ++first) {
+    for (int count = 0; count < kAtATime && count < names.size(); ++count) {
         const pid_t child = ::fork();
         if (child == 0)
-            probeSome(names, first, token, output.get());
+            probeSome(names, next, token, output.get());
         if (child > 0)
             children.push_back(child);
     }
@@ -133,6 +147,7 @@ QMap<QString, Probed> probe(const QStringList &names, int milliseconds)
         (void)::kill(child, SIGKILL); // most have ended
         (void)::waitpid(child, nullptr, 0);
     }
+    (void)::munmap(shared, sizeof *next);
     QFile::remove(path);
     return parseLines(lines);
 }

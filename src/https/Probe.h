@@ -18,7 +18,8 @@ struct Probed
 
 // Asks all addresses that each name has, IPv4 and IPv6, for a file that only this server has, over port 80 as an
 // authority does. A name leads here where each of its addresses does: the authority takes any of them. Many are asked
-// at a time; those that were not answered for after so many milliseconds are missing.
+// at a time, the first ones first; those that were not answered for after so many milliseconds are missing, which says
+// nothing of them.
 QMap<QString, Probed> probe(const QStringList &names, int milliseconds);
 
 // Whether what a server answered is that file, whose content is token.

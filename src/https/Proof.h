@@ -21,10 +21,6 @@ struct Proof
     bool operator==(const Proof &) const = default;
 };
 
-// How old a proof may be: for a reload that somebody waits for, and for a run that nobody does.
-constexpr qint64 kTrustedByReloads = 86400;
-constexpr qint64 kTrustedByWork = 3600;
-
 // Whether a proof still holds for a run with this base and so many twins: it is younger than so many seconds, and there
 // are not so many more twins that it would be another matter for Apache.
 bool holds(const Proof &proof, const QString &base, qsizetype twins, qint64 now, qint64 seconds);

@@ -1,5 +1,6 @@
 #include "https/Prune.h"
 
+#include "common/Account.h"
 #include "common/Fd.h"
 #include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
@@ -83,7 +84,13 @@ void prune(const QStringList &domains, const QStringList &accounts, State *state
         }
         return since <= now; // with the clock put back it begins anew
     };
-    for (const QString &domain : namesIn(QString::fromLatin1(kStore) + u"/domains"_s)) {
+    QStringList kept = namesIn(QString::fromLatin1(kStore) + u"/domains"_s);
+    // Orders that were never done. Apache's user can make any folder there.
+    for (const QString &domain : namesIn(QString::fromLatin1(kStagingFolder))) {
+        if (!kept.contains(domain) && hosting::isStoredDomain(domain))
+            kept.append(domain);
+    }
+    for (const QString &domain : std::as_const(kept)) {
         if (domains.contains(domain) || domain == QLatin1StringView(kForOthers) || !isOver(domain))
             continue;
         removeDomain(domain);
@@ -98,6 +105,11 @@ void prune(const QStringList &domains, const QStringList &accounts, State *state
         if (isOver(QLatin1StringView(kOwnFolder) + u'/' + name))
             remove(QString::fromLatin1(kOwnFolder), name);
     }
+    // Those that came to nothing, of sites that are gone.
+    state->orders.removeIf([&](const auto &order) {
+        const qint64 last = std::max(order->startedAt, order->failedAt);
+        return !domains.contains(order.key()) && !kept.contains(order.key()) && last < now - kKeptSeconds;
+    });
     state->missed = missed;
 }
 

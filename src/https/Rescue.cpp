@@ -60,7 +60,7 @@ int again()
 {
     if (!makeFolders())
         return 1;
-    const Fd lock = takeLock();
+    const Fd lock = takeLock(kByReload.lockMilliseconds);
     forgetProof();
     State state = loadState();
     state.rescues = 0;
@@ -82,7 +82,7 @@ int rescue()
 {
     if (!isOn())
         return 0;
-    const Fd lock = takeLock();
+    const Fd lock = takeLock(kByReload.lockMilliseconds);
     forgetProof();
     // It may have ended with what was there a moment ago and has been taken away since. Where it ends again without any
     // of it, that is for reasons of its own.

@@ -1,5 +1,7 @@
 #include "https/Spaces.h"
 
+#include "https/Cover.h"
+
 #include <QDeadlineTimer>
 #include <QFile>
 
@@ -13,11 +15,9 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,104 +30,17 @@ constexpr char kDown = 'd';
 constexpr char kNoSpaces = 'n';
 constexpr char kKilled = 'k';
 
-constexpr auto kRunFolder = "/run/apache2";
-constexpr auto kPidFile = "/run/apache2/apache2.pid";
-constexpr auto kLogFolder = "/var/log/apache2";
-constexpr auto kErrorLog = "/var/log/apache2/error.log";
-constexpr auto kLockFolder = "/run/lock";
-// Logs, sockets and what changes in the store; a server that fills it does not come up.
-constexpr auto kMemoryFolder = "size=64m,mode=0755";
 constexpr qsizetype kLongestOutput = qsizetype{64} * 1024;
 constexpr useconds_t kPollMicroseconds = 5000;
 constexpr rlim_t kLeastMemory = rlim_t{1} << 30;
+constexpr rlim_t kMostMemory = rlim_t{2} << 30;
 
 struct Command
 {
     std::string program;
     std::vector<std::string> words;
-    std::string store;
-    bool isFull = false;
+    Cover cover;
 };
-
-bool tmpfs(const char *folder)
-{
-    (void)::mkdir(folder, 0755); // is there nearly always
-    return ::mount("tmpfs", folder, "tmpfs", MS_NOSUID | MS_NODEV, kMemoryFolder) == 0;
-}
-
-constexpr auto kStoreCopy = "/run/apache2/store";
-
-// Runs a tool to its end.
-bool runTool(const std::vector<const char *> &words)
-{
-    const pid_t child = ::fork();
-    if (child == 0) {
-        (void)::close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
-        std::vector<char *> arguments;
-        arguments.reserve(words.size() + 1);
-        for (const char *word : words)
-            arguments.push_back(const_cast<char *>(word));
-        arguments.push_back(nullptr);
-        ::execv(arguments.front(), arguments.data());
-        ::_exit(127);
-    }
-    int status = 0;
-    return child > 0 && ::waitpid(child, &status, 0) == child && status == 0;
-}
-
-// Takes the room from a file system in memory that is left on it.
-bool fill(const char *folder)
-{
-    struct statvfs status = {};
-    if (::statvfs(folder, &status) != 0)
-        return false;
-    const std::string size = "size=" + std::to_string((status.f_blocks - status.f_bfree) * status.f_frsize);
-    return ::mount(nullptr, folder, nullptr, MS_REMOUNT | MS_NOSUID | MS_NODEV, size.c_str()) == 0;
-}
-
-// A copy of the store in its place.
-bool copyStore(const Command &command)
-{
-    const std::string from = command.store + "/.";
-    return ::mkdir(kStoreCopy, 0755) == 0 && tmpfs(kStoreCopy) &&
-           runTool({"/bin/cp", "-a", "--", from.c_str(), kStoreCopy}) && (!command.isFull || fill(kStoreCopy)) &&
-           ::mount(kStoreCopy, command.store.c_str(), nullptr, MS_BIND, nullptr) == 0;
-}
-
-// What is written to the store goes elsewhere, which takes no time however large it is.
-bool overlayStore(const Command &command)
-{
-    const char *store = command.store.c_str();
-    const std::string upper = std::string(kRunFolder) + "/upper";
-    const std::string work = std::string(kRunFolder) + "/work";
-    // The folder's own owner and mode are those of the upper one.
-    if (::mkdir(upper.c_str(), 0755) != 0 || ::mkdir(work.c_str(), 0700) != 0)
-        return false;
-    const std::string options = "redirect_dir=on,lowerdir=" + command.store + ",upperdir=" + upper + ",workdir=" + work;
-    if (::mount("overlay", store, "overlay", 0, options.c_str()) != 0)
-        return false;
-    // Apache renames whole folders there. Not every kernel and file system lets it.
-    const std::string folder = command.store + "/domains";
-    const std::string other = command.store + "/domains.moved";
-    if (::access(folder.c_str(), F_OK) != 0 || ::rename(folder.c_str(), other.c_str()) == 0) {
-        (void)::rename(other.c_str(), folder.c_str()); // where there was one
-        return true;
-    }
-    (void)::umount2(store, MNT_DETACH);
-    return false;
-}
-
-// Lets the server change its store without changing the real one.
-bool coverStore(const Command &command)
-{
-    return (!command.isFull && overlayStore(command)) || copyStore(command);
-}
-
-bool coverFolders(const Command &command)
-{
-    return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && tmpfs(kRunFolder) &&
-           tmpfs(kLogFolder) && tmpfs(kLockFolder) && coverStore(command);
-}
 
 // A server that listens on addresses of its own finds none of them in a network that is its own.
 void allowAnyAddress()
@@ -139,12 +52,12 @@ void allowAnyAddress()
     }
 }
 
-// Half of the machine's memory, for what is the server's own.
+// Half of the machine's memory, within what a server with some ten or with ten thousand sites takes.
 void limitMemory()
 {
     const auto pages = static_cast<rlim_t>(std::max(0L, ::sysconf(_SC_PHYS_PAGES)));
     const auto bytes = pages * static_cast<rlim_t>(std::max(0L, ::sysconf(_SC_PAGESIZE)));
-    const rlim_t most = std::max(kLeastMemory, bytes / 2);
+    const rlim_t most = std::clamp(bytes / 2, kLeastMemory, kMostMemory);
     const rlimit limit{most, most};
     (void)::setrlimit(RLIMIT_DATA, &limit);
 }
@@ -191,7 +104,7 @@ void keepLog(int output)
         (void)!::write(report, &byte, 1);
         ::_exit(0);
     };
-    if (!coverFolders(command))
+    if (!coverFolders(command.cover))
         end(kNoSpaces);
     allowAnyAddress();
     const pid_t server = ::fork();
@@ -242,7 +155,7 @@ Spaces::~Spaces()
 
 bool Spaces::start(const QString &program, const QStringList &words, const QString &store, bool isFull)
 {
-    Command command{program.toStdString(), {}, QFile::encodeName(store).toStdString(), isFull};
+    Command command{program.toStdString(), {}, {QFile::encodeName(store).toStdString(), isFull}};
     command.words.reserve(static_cast<size_t>(words.size()));
     for (const QString &word : words)
         command.words.push_back(word.toStdString());

@@ -21,7 +21,6 @@ namespace corv::https {
 namespace {
 
 constexpr auto kLockFile = "/run/corvane/https/lock";
-constexpr int kLockMilliseconds = 15000;
 constexpr useconds_t kLockPause = 20000;
 constexpr qsizetype kLargestLive = qsizetype{64} * 1024 * 1024;
 // A day is the longest of them.
@@ -36,10 +35,10 @@ void say(const QString &sentence)
     (void)writeAll(STDERR_FILENO, line);
 }
 
-Fd takeLock()
+Fd takeLock(int milliseconds)
 {
     Fd file(::open(kLockFile, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    const QDeadlineTimer deadline(kLockMilliseconds);
+    const QDeadlineTimer deadline(milliseconds);
     while (file && ::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
         if (deadline.hasExpired())
             return {};

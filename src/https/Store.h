@@ -16,8 +16,9 @@ void forgetFuture(State *state, qint64 now);
 // Says something on standard error, which is Apache's journal or that of a unit of ours.
 void say(const QString &sentence);
 
-// The lock that whoever changes the state or what is generated holds; empty where it is not to be had in 15 s.
-Fd takeLock();
+// The lock that whoever changes the state or what is generated holds; empty where it is not to be had in so many
+// milliseconds.
+Fd takeLock(int milliseconds);
 
 // The state as it was kept; an empty one where none was.
 State loadState();

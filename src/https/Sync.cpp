@@ -112,7 +112,7 @@ bool isOn()
     return exists(QString::fromLatin1(kEnabledSite));
 }
 
-int sync(qint64 trustedSeconds)
+int sync(const Manner &manner)
 {
     if (!isOn())
         return 0;
@@ -122,9 +122,12 @@ int sync(qint64 trustedSeconds)
         say(u"cannot make the folders for HTTPS"_s);
         return 1;
     }
-    const Fd lock = takeLock();
+    const Fd lock = takeLock(manner.lockMilliseconds);
     if (!lock) {
-        say(u"another run does not end; the sites on port 443 stay as they are"_s);
+        // A site that was suspended meanwhile must not stay on port 443: all of it is made once more when that run
+        // ends.
+        say(u"another run does not end; the sites on port 443 stay as they are until it does"_s);
+        (void)leaveNote("sites"); // the timer is the other way to the same
         return 1;
     }
 
@@ -143,7 +146,7 @@ int sync(qint64 trustedSeconds)
         say(settings.problem);
     const QByteArray tls = tlsDirectives(readWhole(QString::fromLatin1(kTlsFile), kLargestTls).value_or(QByteArray()));
     QMap<QString, SiteState> sites;
-    if (!prepare(&run, settings, tls, trustedSeconds, &sites)) {
+    if (!prepare(&run, settings, tls, manner.trustedSeconds, &sites)) {
         // Apache does not read it either before it is mended.
         say(u"Apache's configuration is broken; the sites on port 443 stay as they are"_s);
         return 0;

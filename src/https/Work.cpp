@@ -10,7 +10,6 @@
 #include "https/Inventory.h"
 #include "https/Orders.h"
 #include "https/Probe.h"
-#include "https/Proof.h"
 #include "https/Prune.h"
 #include "https/Settings.h"
 #include "https/Store.h"
@@ -63,8 +62,8 @@ void emptyInbox()
         (void)removeTree(inbox.get(), name.constData()); // one that is kept from it is there the next time
 }
 
-// The names whose turn it is, of sites that are on-line: a suspended one answers no probe, and keeps what was seen
-// before.
+// The names whose turn it is, the one that has waited longest first, of sites that are on-line: a suspended one answers
+// no probe, and keeps what was seen before.
 QStringList dueNames(const QList<Candidate> &candidates, const State &state, qint64 now)
 {
     QStringList due;
@@ -79,6 +78,9 @@ QStringList dueNames(const QList<Candidate> &candidates, const State &state, qin
                 due.append(name);
         }
     }
+    std::stable_sort(due.begin(), due.end(), [&](const QString &left, const QString &right) {
+        return state.names.value(left).nextAt < state.names.value(right).nextAt;
+    });
     return due;
 }
 
@@ -109,10 +111,15 @@ void probeNames(const QList<Candidate> &candidates, bool asks, qint64 now)
             probed.insert(name, {true, {}});
     }
     // Not held while names are asked: a reload of Apache must not wait for that.
-    const Fd lock = takeLock();
+    const Fd lock = takeLock(kByWork.lockMilliseconds);
+    if (!lock)
+        return; // they are due the next time as well
     State state = loadState();
     for (const QString &name : due) {
-        const Probed one = probed.value(name, {false, u"it was not answered for in time"_s});
+        // Those before it took all the time: its turn is the next time, before theirs.
+        if (!probed.contains(name))
+            continue;
+        const Probed one = probed.value(name);
         const NameState old = state.names.value(name);
         state.names[name] = after(old, one, now);
         if (state.names[name].leadsHere != old.leadsHere || old.seenAt == 0)
@@ -157,7 +164,7 @@ bool reload()
 // Tells of certificates that end, and clears away what nobody needs. Gives what was told.
 QStringList keepHouse(const QList<Candidate> &candidates, qint64 now)
 {
-    const Fd lock = takeLock();
+    const Fd lock = takeLock(kByWork.lockMilliseconds);
     if (!lock)
         return {};
     State state = loadState();
@@ -194,7 +201,7 @@ int work()
     }
     // What comes out of it is what Apache reads anyway, so that there is no harm in making it before its reload.
     const std::optional<QByteArray> before = readLive();
-    if (sync(kTrustedByWork) != 0)
+    if (sync(kByWork) != 0)
         return 1;
     const std::optional<QByteArray> after = readLive();
     if ((orders.waiting || before != after) && !reload())

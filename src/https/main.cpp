@@ -2,7 +2,6 @@
 // Apache.
 
 #include "common/Environment.h"
-#include "https/Proof.h"
 #include "https/Sync.h"
 #include "https/Work.h"
 
@@ -22,7 +21,7 @@ int main(int argc, char **argv)
     ::umask(022);
     corv::cleanEnvironment();
     if (words == QStringList{u"sync"_s})
-        return corv::https::sync(corv::https::kTrustedByReloads);
+        return corv::https::sync(corv::https::kByReload);
     if (words == QStringList{u"rescue"_s})
         return corv::https::rescue();
     if (words == QStringList{u"again"_s})

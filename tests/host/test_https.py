@@ -105,6 +105,22 @@ def test_a_name_that_does_not_lead_here_is_not_asked_for(server):
     assert plain(server, domain) == 200
 
 
+@pytest.mark.parametrize("addresses, leads, said", [
+    (["127.0.0.1", "::1"], True, ""),
+    (["127.0.0.1", "fd00::1"], False, "fd00::1 does not answer on port 80"),
+    (["127.0.0.1", "10.213.0.1"], False, "10.213.0.1 does not answer on port 80"),
+    ([f"127.0.1.{last}" for last in range(1, 18)], False, "it has more than 16 addresses"),
+])
+def test_a_name_leads_here_where_each_of_its_addresses_does(server, addresses, leads, said):
+    name = server.free_name()
+    domain = f"{name}.example"
+    server.ok(["sh", "-c", 'name=$1; shift; for address; do echo "$address $name www.$name" >>/etc/hosts; done', "sh", domain, *addresses])
+    assert server.request("hosting.create", username=name, domain=domain, sshKey=server.key.public)["ok"]
+    server.wait_for(lambda: domain in json.loads(server.get(STATE))["names"], "the probe")
+    seen = json.loads(server.get(STATE))["names"][domain]
+    assert (seen["leadsHere"], seen["said"]) == (leads, said)
+
+
 def test_a_www_name_that_leads_elsewhere_does_not_keep_the_bare_one_from_its_certificate(server):
     name, domain = certified(server, www=False)
     state, remark = listed(server, name)
@@ -278,7 +294,7 @@ def test_what_has_been_gone_for_a_week_is_deleted(server):
     name, domain = certified(server)
     own = f"gone1-{'a' * 64}"
     paths = [f"{STORE}/domains/gone.example/privkey.p-256.pem", f"{STORE}/archive/gone.example.12/privkey.p-256.pem",
-             "/etc/corvane/https.d/gone1", f"/etc/corvane/https/own/{own}.key"]
+             f"{STORE}/staging/never.example/job.json", "/etc/corvane/https.d/gone1", f"/etc/corvane/https/own/{own}.key"]
     kept = [f"{STORE}/domains/late.example/privkey.p-256.pem", f"{STORE}/archive/gone.example.net.1/privkey.p-256.pem"]
     server.ok(["sh", "-c", 'for path; do mkdir -p "${path%/*}" && touch "$path"; done', "sh", *paths, *kept])
     server.put("/etc/corvane/https.d/gone1", "off\n")
@@ -286,7 +302,7 @@ def test_what_has_been_gone_for_a_week_is_deleted(server):
     week = 7 * 86400
     now = int(server.ok(["date", "+%s"]))
     state["missed"] = {"late.example": now - week + 600,
-                       **dict.fromkeys(("gone.example", "/etc/corvane/https.d/gone1", f"/etc/corvane/https/own/{own}.key"), now - week)}
+                       **dict.fromkeys(("gone.example", "never.example", "/etc/corvane/https.d/gone1", f"/etc/corvane/https/own/{own}.key"), now - week)}
     server.put(STATE, json.dumps(state))
     server.ok(["/usr/libexec/corvane/corv-https", "work"])
     assert [path for path in paths if server.exists(path)] == []

@@ -18,23 +18,16 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-constexpr qsizetype kLargest = qsizetype{256} * 1024;
-
 // Checks and copies a certificate that was brought; gives why it is not used, empty where it is.
 QString bring(const Given &given, const QString &account, const QString &domain, https::SiteOptions *options)
 {
-    const QString certificateFile = given.text("--cert");
-    const QString keyFile = given.text("--key");
+    const Brought brought = readBrought(given.text("--cert"), given.text("--key"));
     QStringList names{domain};
     if (!options->noWww)
         names.append(u"www."_s + domain);
-    if (const QString problem = checkOwn(certificateFile, keyFile, names, QDateTime::currentSecsSinceEpoch());
-        !problem.isEmpty())
-        return problem;
-    const std::optional<QByteArray> certificate = https::readWhole(certificateFile, kLargest);
-    const std::optional<QByteArray> key = https::readWhole(keyFile, kLargest);
-    QString problem;
-    options->own = keepOwn(account, certificate.value_or(QByteArray()), key.value_or(QByteArray()), &problem);
+    QString problem = checkOwn(brought, names, QDateTime::currentSecsSinceEpoch());
+    if (problem.isEmpty())
+        options->own = keepOwn(account, brought, &problem);
     return problem;
 }
 
