@@ -40,8 +40,15 @@ std::optional<Job> parseJob(const QByteArray &json)
     if (!object.contains("name"_L1))
         return std::nullopt;
     const QJsonObject last = object.value("last"_L1).toObject();
-    return Job{object.value("finished"_L1).toBool(), object.value("errors"_L1).toInt(),
-               last.value("detail"_L1).toString()};
+    Job job{object.value("finished"_L1).toBool(), object.value("errors"_L1).toInt(), {}};
+    // Of an answer that makes no sense to it Apache says less, or nothing.
+    for (const auto key : {"detail"_L1, "problem"_L1}) {
+        if (job.said.isEmpty())
+            job.said = last.value(key).toString();
+    }
+    if (job.said.isEmpty() && job.errors > 0)
+        job.said = u"the authority's answer cannot be used"_s;
+    return job;
 }
 
 std::optional<Job> readJob(const QString &domain, qint64 *writtenAt)

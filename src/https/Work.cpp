@@ -161,14 +161,13 @@ bool reload()
     return outcome.succeeded;
 }
 
-// Tells of certificates that end, and clears away what nobody needs. Gives what was told.
-QStringList keepHouse(const QList<Candidate> &candidates, qint64 now)
+// Clears away what nobody needs.
+void keepHouse(const QList<Candidate> &candidates, qint64 now)
 {
     const Fd lock = takeLock(kByWork.lockMilliseconds);
     if (!lock)
-        return {};
+        return;
     State state = loadState();
-    const QStringList warnings = newWarnings(candidates, &state, now);
     QStringList domains;
     for (const Candidate &candidate : candidates)
         domains.append(candidate.site.domain);
@@ -177,7 +176,6 @@ QStringList keepHouse(const QList<Candidate> &candidates, qint64 now)
         accounts.append(user.name);
     prune(domains, accounts, &state, now);
     saveState(state);
-    return warnings;
 }
 
 } // namespace
@@ -206,7 +204,24 @@ int work()
     const std::optional<QByteArray> after = readLive();
     if ((orders.waiting || before != after) && !reload())
         return 1;
-    const QStringList warnings = keepHouse(candidates, now);
+    keepHouse(candidates, now);
+    return 0;
+}
+
+int ends()
+{
+    if (!isOn() || !makeFolders())
+        return 0;
+    const Fd lock = takeLock(kByWork.lockMilliseconds);
+    if (!lock) {
+        say(u"another run does not end"_s);
+        return 1;
+    }
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    QStringList told;
+    State state = loadState();
+    const QStringList warnings = newWarnings(readCandidates(now, &told), &state, now);
+    saveState(state);
     for (const QString &sentence : warnings)
         say(sentence);
     // That is how the administrator hears of it: what becomes of this unit is told to him.

@@ -9,6 +9,10 @@ namespace corv::https {
 // Apache where that changes anything. Gives the exit status.
 int work();
 
+// Says of each certificate that it ends, once for each of the times at which somebody is to be told. Gives the exit
+// status: 1 where anything was said.
+int ends();
+
 // Apache's message about one of its certificates, from its own user: leaves a note for the unit that runs the above.
 // Gives the exit status; Apache repeats what was not taken.
 int message(const QString &event);

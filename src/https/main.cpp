@@ -28,8 +28,10 @@ int main(int argc, char **argv)
         return corv::https::again();
     if (words == QStringList{u"work"_s})
         return corv::https::work();
+    if (words == QStringList{u"ends"_s})
+        return corv::https::ends();
     if (words.size() >= 2 && words.first() == "message"_L1)
         return corv::https::message(words.at(1));
-    (void)std::fputs("usage: corv-https sync | work | again | rescue | message EVENT NAME\n", stderr);
+    (void)std::fputs("usage: corv-https sync | work | ends | again | rescue | message EVENT NAME\n", stderr);
     return 2;
 }

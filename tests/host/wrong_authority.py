@@ -20,7 +20,7 @@ class Between(http.server.BaseHTTPRequestHandler):
         link = http.client.HTTPSConnection("127.0.0.1", 14000, context=ssl._create_unverified_context())
         link.request(self.command, self.path, body, dict(self.headers))
         answer = link.getresponse()
-        headers = {name: value for name, value in answer.getheaders() if name.lower() not in ("content-length", "date")}
+        headers = {name: value for name, value in answer.getheaders() if name.lower() not in ("content-length", "date", "transfer-encoding", "connection")}
         self.reply(*self.wrong(answer.status, headers, answer.read()))
 
     do_HEAD = do_POST = do_GET

@@ -140,7 +140,7 @@ def test_switching_it_on_reloads_apache_once(server):
         ["a2enmod", "-q", "md"], ["a2enmod", "-q", "http2"], ["a2enmod", "-q", "headers"],
         ["a2ensite", "-q", "zz-corv-https"], ["apache2ctl", "configtest"], ["corv-https", "again"],
         ["systemctl", "reload-or-restart", "apache2.service"],
-        ["systemctl", "enable", "-q", "--now", "corv-https.path", "corv-https.timer"]]
+        ["systemctl", "enable", "-q", "--now", "corv-https.path", "corv-https.timer", "corv-https-ends.timer"]]
 
 
 def test_what_apache_does_not_take_is_taken_back(server):
@@ -169,7 +169,7 @@ def test_switching_it_off_keeps_modules_and_certificates(server):
     assert corvctl(server, "https", "off", start=False) == (
         0, "HTTPS is off for all accounts; their certificates are kept\n", "")
     assert server.argvs() == [
-        ["systemctl", "disable", "-q", "--now", "corv-https.path", "corv-https.timer"],
+        ["systemctl", "disable", "-q", "--now", "corv-https.path", "corv-https.timer", "corv-https-ends.timer"],
         ["a2dissite", "-q", "zz-corv-https"], ["systemctl", "reload-or-restart", "apache2.service"]]
 
 

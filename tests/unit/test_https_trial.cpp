@@ -72,6 +72,11 @@ private Q_SLOTS:
         QVERIFY(job && !job->finished && job->errors == 2);
         QCOMPARE(job->said, u"why"_s);
         QVERIFY(parseJob("{\"name\": \"a\", \"finished\": true}")->finished);
+        QCOMPARE(
+            parseJob("{\"name\": \"a\", \"errors\": 1, \"last\": {\"problem\": \"what\", \"detail\": \"\"}}")->said,
+            u"what"_s);
+        QCOMPARE(parseJob("{\"name\": \"a\", \"errors\": 1}")->said, u"the authority's answer cannot be used"_s);
+        QCOMPARE(parseJob("{\"name\": \"a\"}")->said, QString());
         QVERIFY(!parseJob("{}"));
         QVERIFY(!parseJob("garbage"));
     }

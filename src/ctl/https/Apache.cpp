@@ -17,6 +17,9 @@ constexpr auto kProgram = "/usr/libexec/corvane/corv-https";
 constexpr int kToolMs = 120'000;
 constexpr qsizetype kLargestFile = qsizetype{1024} * 1024;
 
+// What looks after names and certificates while HTTPS is on.
+const QStringList kWatchers{u"corv-https.path"_s, u"corv-https.timer"_s, u"corv-https-ends.timer"_s};
+
 QString runTool(const QString &program, const QStringList &words)
 {
     const Outcome outcome = runWithin(kToolMs, program, words);
@@ -91,14 +94,13 @@ QString switchHttpsOn()
             (void)runTool(u"a2dismod"_s, {u"-q"_s, u"-f"_s, module}); // whatever of it was enabled
         return problem;
     }
-    return runTool(u"systemctl"_s, {u"enable"_s, u"-q"_s, u"--now"_s, u"corv-https.path"_s, u"corv-https.timer"_s});
+    return runTool(u"systemctl"_s, QStringList{u"enable"_s, u"-q"_s, u"--now"_s} + kWatchers);
 }
 
 QString switchHttpsOff()
 {
     // Nothing of it starts a reload any more that would find the half of it.
-    QString problem =
-        runTool(u"systemctl"_s, {u"disable"_s, u"-q"_s, u"--now"_s, u"corv-https.path"_s, u"corv-https.timer"_s});
+    QString problem = runTool(u"systemctl"_s, QStringList{u"disable"_s, u"-q"_s, u"--now"_s} + kWatchers);
     if (problem.isEmpty())
         problem = runTool(u"a2dissite"_s, {u"-q"_s, QString::fromLatin1(https::kSiteName)});
     return problem.isEmpty() ? reloadApache() : problem;
