@@ -14,7 +14,9 @@ from hostfloor import Host  # noqa: E402
 
 ROUNDS = int(os.environ.get("CORV_BENCH_ROUNDS", "3"))
 ACCOUNTS = 20
-MEBIBYTES = 2048 // ACCOUNTS
+# What a home is made of, of 51 MiB each: so many in a small home, and in one of 1 GiB.
+SMALL = 2
+LARGE = 20
 STATUS_ROUNDS = 15
 
 # Runs inside the host. Times are taken there, so that getting in and out does not count.
@@ -84,6 +86,34 @@ done
 find "$new" -type f -exec chmod 600 {} +
 mv "$new" "$1/x"
 """
+
+
+SOURCES = ["/usr/lib/python3", "/usr/lib/python3.11", "/usr/lib/python3.13", "/usr/share/perl", "/usr/share/perl5",
+           "/usr/lib/x86_64-linux-gnu/perl", "/usr/share/doc"]
+
+
+def site():
+    """What sites are made of, 51 MiB in all: programs' texts as files of their own sizes, and as much that no program makes
+    smaller, as photos are. The texts are those that every host has."""
+    room = photos = 51 << 19
+    for folder in SOURCES:
+        for path, folders, names in os.walk(folder):
+            folders.sort()
+            for name in sorted(names):
+                file = os.path.join(path, name)
+                if os.path.islink(file) or not name.endswith((".py", ".pm", ".pl", ".h", ".html", ".txt", ".md", ".pod", "copyright")):
+                    continue
+                text = open(file, "rb").read(room)
+                os.makedirs("/srv/site" + path, exist_ok=True)
+                open("/srv/site" + file, "wb").write(text)
+                room -= len(text)
+                if room == 0:
+                    break
+    os.makedirs("/srv/site/photos")
+    for number in range(photos // (300 << 10)):
+        open(f"/srv/site/photos/{number}.jpg", "wb").write(os.urandom(300 << 10))
+    subprocess.run(["chmod", "-R", "a+rX", "/srv/site"], check=True)
+    return room
 
 
 def clear():
@@ -218,8 +248,9 @@ def check(reply):
     assert json.loads(reply)["ok"] is True, reply
 
 
-function, rounds, *words = sys.argv[1:]
-print(json.dumps(globals()[function](int(rounds), *words)))
+function, *words = sys.argv[1:]
+words[:1] = [int(word) for word in words[:1]]
+print(json.dumps(globals()[function](*words)))
 '''
 
 
@@ -238,23 +269,24 @@ def measure(host, what, references, limit, function, rounds, *words, unit="s"):
 
 def prepare(host, count):
     """So many accounts with 2 GiB in all, and /home and the destination in memory."""
-    host.ok(["sh", "-ec", "mount -t tmpfs -o size=6g tmpfs /srv; mkdir /srv/backup; mount -t tmpfs -o size=6g tmpfs /home"])
+    host.ok(["sh", "-ec", "mount -t tmpfs -o size=6g tmpfs /srv; mkdir /srv/backup; mount -t tmpfs -o size=8g tmpfs /home"])
     host.put("/srv/inside.py", INSIDE)
     host.ok(["sed", "-i", "s|^;destination=.*|destination=/srv/backup|", "/etc/corvane/corvane.ini"])
     host.ok(["systemctl", "restart", "corv-agent"])
     host.wait_for_unit("corv-agent")
+    missing = int(host.ok(["python3", "/srv/inside.py", "site"]))
+    assert missing == 0, f"the host's texts are {missing} bytes too few"
     accounts = [host.account() for _ in range(count)]
     for account in accounts:
-        fill(host, account, MEBIBYTES)
+        fill(host, account, SMALL)
         sql(host, account, "CREATE TABLE t AS SELECT i, md5(i::text) FROM generate_series(1, 20000) AS i")
     return accounts
 
 
-def fill(host, account, mebibytes):
-    """Puts that many files of 1 MiB into the home: one eighth random, the rest easy to compress."""
-    host.ok(["sh", "-ec", 'head -c 16384 /dev/urandom >"$1/b"; head -c 114688 /dev/zero >>"$1/b";'
-             'for k in 1 2 3 4 5 6 7 8; do cat "$1/b"; done >"$1/c"; for i in $(seq "$2"); do cp "$1/c" "$1/$i"; done', "sh",
-             f"{account.home}/public_html", str(mebibytes)], user=account.name, timeout=600)
+def fill(host, account, copies):
+    """Puts so many copies of what sites are made of into the home: a compressor looks back far less than one."""
+    host.ok(["sh", "-ec", 'for i in $(seq "$2"); do cp -r /srv/site "$1/$i"; done', "sh", f"{account.home}/public_html",
+             str(copies)], user=account.name, timeout=600)
 
 
 def sql(host, account, statement):
@@ -273,20 +305,28 @@ def measure_run(host):
 def measure_deletion(host):
     accounts = [host.account() for _ in range(2 * ROUNDS)]
     for account in accounts:
-        fill(host, account, 1024)
+        fill(host, account, LARGE)
     measure(host, "deletion of 1 GiB", ["the same commands with gzip"], 0.25, "deletion", ROUNDS, accounts[0].php,
             *[account.name for account in accounts])
 
 
+def new_backup(host):
+    """The name of a backup that is made now."""
+    done = host.run(["/usr/libexec/corvane/corv-agent", "--backup"], timeout=3600)
+    assert done.code == 0, done.err
+    return host.request("backup.status")["backups"][0]["name"]
+
+
 def measure_restores(host, account):
-    fill(host, account, 1024)
+    """The files first: a large table is gone over once more by the server after it was filled."""
+    fill(host, account, LARGE)
+    measure(host, "restore of files, 1 GiB", ["tar -xzf with gzip"], 0.6, "files", ROUNDS, account.name, new_backup(host))
+    host.ok(["sh", "-ec", "rm -rf /srv/backup/* /srv/copy.tar.gz"])
     sql(host, account, "CREATE TABLE large AS SELECT i, md5(i::text) || md5((i * 7)::text) AS text"
         " FROM generate_series(1, 5000000) AS i; ALTER TABLE large ADD PRIMARY KEY (i); CREATE INDEX ON large (text)")
-    assert host.run(["/usr/libexec/corvane/corv-agent", "--backup"], timeout=3600).code == 0
-    name = host.request("backup.status")["backups"][0]["name"]
-    measure(host, "restore of files, 1 GiB", ["tar -xzf with gzip"], 0.6, "files", ROUNDS, account.name, name)
+    sql(host, account, "VACUUM ANALYZE large")
     measure(host, "restore of a database", ["cat, pg_restore", "createdb, cat, pg_restore, dropdb"], 1.03, "database", ROUNDS,
-            account.name, name)
+            account.name, new_backup(host))
 
 
 def measure_status(host):

@@ -180,7 +180,6 @@ def newest(server):
     server.ok(["rm", "-r", f"{AUTO}/2099-01-01_000000"])
 
 
-@pytest.mark.core
 def test_an_archive_that_was_cut_off_is_not_copied_as_if_it_were_whole(server, newest):
     archive = f"{AUTO}/{newest}/accounts/{server.shop.name}-home.tar.gz"
     server.ok(["sh", "-ec", f"cp -a {archive} /root/whole; truncate -s -1000 {archive}"])
@@ -310,7 +309,6 @@ def test_a_vault_that_deletes_is_refused_and_told_of(server, vault):
     assert server.run(["corvctl", "offsite", "check", "--all"]).code == 0
 
 
-@pytest.mark.core
 def test_a_damaged_pack_is_found_by_the_check_that_reads_it(server, vault):
     start_backup(server)
     largest = vault.ok(["sh", "-c", f"ls -S {STORE}/data/*/* | head -n 1"]).strip()
@@ -335,7 +333,6 @@ def test_a_damaged_pack_is_found_by_the_check_that_reads_it(server, vault):
     assert problems(server, "off-site") == []
 
 
-@pytest.mark.core
 def test_a_vault_that_cannot_be_reached_is_told_of(server, vault):
     vault.ok(["systemctl", "stop", "ssh.service", "ssh.socket"])
     try:

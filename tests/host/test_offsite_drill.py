@@ -39,7 +39,6 @@ def drilled(host):
     return kept["drilled"], kept["drillProblem"]
 
 
-@pytest.mark.core
 def test_an_account_comes_back_and_is_taken_away_again(host):
     before = host.ok(["sh", "-c", LEFT])
     done = host.run(["corvctl", "offsite", "drill", host.blog.name])
