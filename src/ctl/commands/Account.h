@@ -19,6 +19,7 @@ bool addSource(const Session &session, const QString &path, const QString &membe
 int createAccount(Session &session, const Given &given);
 int deleteAccount(Session &session, const Given &given);
 int changeDomain(Session &session, const Given &given);
+int accountHttps(Session &session, const Given &given);
 int publishAccount(Session &session, const Given &given);
 int listAccounts(Session &session, const Given &given);
 int showAccount(Session &session, const Given &given);
