@@ -93,6 +93,7 @@ Command firewallCommand();
 Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
 Command httpsCommand();
+Command metricsCommand();
 Command notifyCommand();
 Command offsiteCommand();
 Command phpCommand();

@@ -13,7 +13,7 @@ using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
 
-QList<Check> examine(const QString &settingsPath)
+QList<Check> examine(const QString &settingsPath, Homes homes)
 {
     const qint64 began = QDateTime::currentMSecsSinceEpoch();
     const QSettings settings(settingsPath, QSettings::IniFormat);
@@ -53,7 +53,8 @@ QList<Check> examine(const QString &settingsPath)
                            examineFolders(settings, backups.value("destination"_L1).toString()),
                            examineBackups(backups),
                            examineNotify(settings, backups),
-                           examineHomes(users.accounts, backups)};
+                           homes == Homes::Measured ? examineHomes(users.accounts, backups)
+                                                    : examineReach(users.accounts)};
     // Who has no such place is not told of it at each look.
     if (const OffsitePlace place = placeIn(settings); !place.repository.isEmpty())
         checks.append(examineOffsite(place));

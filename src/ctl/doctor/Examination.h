@@ -15,8 +15,11 @@ struct Check
     QList<Finding> findings;
 };
 
+// Whether the sizes of homes are added up, for which every file in them is looked at.
+enum class Homes { Measured, NotMeasured };
+
 // Examines this server as root and changes nothing; the agent itself is not asked. settings is the path of the agent's
 // settings file.
-QList<Check> examine(const QString &settings);
+QList<Check> examine(const QString &settings, Homes homes = Homes::Measured);
 
 } // namespace corv::ctl

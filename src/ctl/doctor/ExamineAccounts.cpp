@@ -98,6 +98,14 @@ Check examineFormer(const Accounts &users)
     return {u"ids"_s, u"%1 of deleted accounts kept"_s.arg(hosting::formerIds().users.size()), checkFormer(state)};
 }
 
+Check examineReach(const QList<hosting::User> &accounts)
+{
+    // An account without a site is only half there, which is told where accounts are.
+    QStringList served = namesOf(accounts);
+    served.removeIf([](const QString &name) { return !QFile::exists(hosting::sitePath(name)); });
+    return {u"homes"_s, u"what the web server reaches"_s, checkReach(findOutOfReach(served))};
+}
+
 Check examineHomes(const QList<hosting::User> &accounts, const QJsonObject &status)
 {
     const QHash<QString, qint64> sizes = readHomeSizes(accounts);
@@ -107,10 +115,7 @@ Check examineHomes(const QList<hosting::User> &accounts, const QJsonObject &stat
     const qint64 bytesPerSecond = measured > 0 ? measured : kCautiousBytesPerSecond;
     Check check = {u"homes"_s, u"sizes (%1 fit), what the web server reaches"_s.arg(largestHome(bytesPerSecond)),
                    checkHomes(sizes, status, bytesPerSecond)};
-    // An account without a site is only half there, which is told where accounts are.
-    QStringList served = namesOf(accounts);
-    served.removeIf([](const QString &name) { return !QFile::exists(hosting::sitePath(name)); });
-    check.findings += checkReach(findOutOfReach(served));
+    check.findings += examineReach(accounts).findings;
     if (sizes.isEmpty() && !accounts.isEmpty())
         check.findings.append({Level::Note, u"the homes could not be measured within a minute"_s, u"du -sh /home/*"_s});
     return check;

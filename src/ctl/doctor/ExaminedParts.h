@@ -84,6 +84,9 @@ Check examineBackups(const QJsonObject &status);
 // Who is told of failures, and of which nobody was.
 Check examineNotify(const QSettings &settings, const QJsonObject &backups);
 
+// What the web server reaches of the homes.
+Check examineReach(const QList<hosting::User> &accounts);
+
 // The homes: which are too large for a backup, by what is told of backups, and what the web server reaches of them.
 Check examineHomes(const QList<hosting::User> &accounts, const QJsonObject &status);
 

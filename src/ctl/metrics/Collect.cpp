@@ -1,0 +1,109 @@
+#include "ctl/metrics/Collect.h"
+
+#include "common/Json.h"
+#include "ctl/metrics/Apart.h"
+#include "ctl/metrics/Collectors.h"
+
+#include <QElapsedTimer>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+constexpr int kSoonMs = 30'000;
+constexpr int kLateMs = 120'000;
+// Less than an hour, so that it does not slip by one interval of the timer each time.
+constexpr qint64 kHourly = 3'450;
+
+struct Collector
+{
+    const char *name;
+    Collected (*collect)(const Circumstances &here);
+    int milliseconds; // that it may take
+    qint64 every;     // seconds from one time to the next; 0: at each run
+};
+
+// A topic that is to be collected gets a line here, its metrics in Table.cpp, and a file beside these for its reading.
+// The agent's own commands come first: they count themselves.
+constexpr Collector kCollectors[] = {
+    {"agent", collectAgent, kSoonMs, 0},           {"security", collectSecurity, kLateMs, 0},
+    {"updates", collectUpdates, kLateMs, kHourly}, {"requests", collectRequests, kSoonMs, 0},
+    {"accounts", collectAccounts, kSoonMs, 0},     {"use", collectUse, kSoonMs, 0},
+    {"services", collectServices, kLateMs, 0},     {"backups", collectBackups, kSoonMs, 0},
+    {"offsite", collectOffsite, kSoonMs, 0},       {"doctor", collectDoctor, kLateMs, kHourly},
+};
+
+QByteArray textOf(const Collected &collected)
+{
+    return compactJson(
+        {{u"samples"_s, arrayOf(collected.samples)}, {u"keep"_s, collected.keep}, {u"problem"_s, collected.problem}});
+}
+
+// What is kept of a collector: what it asked for ("keep"); its samples, where it does not work at each run; when it
+// last succeeded ("success"), how it fared the last time ("failed") and how long that took ("seconds").
+QJsonObject work(const Collector &collector, const Circumstances &here, const QJsonObject &before, QString *problem)
+{
+    QElapsedTimer clock;
+    clock.start();
+    const std::optional<QByteArray> output =
+        workApart(collector.milliseconds, [&] { return textOf(collector.collect(here)); });
+    const QJsonObject given = parseObject(output.value_or(QByteArray()));
+    const bool isWhole = given.value("samples"_L1).isArray();
+    constexpr int kMilliseconds = 1'000;
+    *problem = isWhole ? given.value("problem"_L1).toString()
+                       : u"nothing could be told within %1 s"_s.arg(collector.milliseconds / kMilliseconds);
+
+    QJsonObject entry = before;
+    entry.insert(u"failed"_s, !problem->isEmpty());
+    entry.insert(u"seconds"_s, static_cast<double>(clock.elapsed()) / kMilliseconds);
+    if (problem->isEmpty())
+        entry.insert(u"success"_s, here.now);
+    if (isWhole) {
+        entry.insert(u"keep"_s, given.value("keep"_L1));
+        entry.insert(u"samples"_s, given.value("samples"_L1));
+    } else if (collector.every == 0) {
+        entry.remove(u"samples"_s); // what was true the last time is no news
+    }
+    return entry;
+}
+
+bool isDue(const Collector &collector, const QJsonObject &before, qint64 now)
+{
+    const qint64 last = before.value("success"_L1).toInteger();
+    return last > now || now - last >= collector.every || before.value("failed"_L1).toBool();
+}
+
+} // namespace
+
+QList<Sample> fate(const QString &collector, bool isSuccess, double seconds, qint64 lastSuccess)
+{
+    return {{u"corvane_collector_success"_s, {collector}, isSuccess ? 1.0 : 0.0},
+            {u"corvane_collector_last_success_timestamp_seconds"_s, {collector}, static_cast<double>(lastSuccess)},
+            {u"corvane_collector_duration_seconds"_s, {collector}, seconds}};
+}
+
+Run collect(const QString &settings, const QByteArray &socket, const QJsonObject &state, qint64 now, bool isFresh)
+{
+    Run run;
+    for (const Collector &collector : kCollectors) {
+        const QString name = QString::fromLatin1(collector.name);
+        QJsonObject entry = state.value(name).toObject();
+        if (isFresh || isDue(collector, entry, now)) {
+            QString problem;
+            const Circumstances here = {settings, socket, now, entry.value("keep"_L1).toObject()};
+            entry = work(collector, here, entry, &problem);
+            if (!problem.isEmpty())
+                run.problems.append(u"%1: %2"_s.arg(name, problem));
+        }
+        run.samples += samplesIn(entry.value("samples"_L1).toArray());
+        run.samples += fate(name, !entry.value("failed"_L1).toBool(), entry.value("seconds"_L1).toDouble(),
+                            entry.value("success"_L1).toInteger());
+        if (collector.every == 0)
+            entry.remove(u"samples"_s);
+        run.state.insert(name, entry);
+    }
+    return run;
+}
+
+} // namespace corv::ctl
