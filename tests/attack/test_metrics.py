@@ -49,7 +49,7 @@ def test_a_real_line_counts(host):
     name = host.free_name()
     before = deletions(host)
     assert host.request("hosting.create", username=name, domain=f"{name}.example")["ok"]
-    assert host.request("hosting.delete", username=name)["ok"]
+    assert host.request("hosting.delete", username=name, confirm=name)["ok"]
     assert deletions(host) == before + 1
 
 

@@ -17,7 +17,7 @@ from booted import (  # noqa: F401 (pytest finds them here)
 
 
 def pytest_addoption(parser):
-    parser.addoption("--long", action="store_true", help="also an upgrade of Debian, out of its archive: takes ten minutes")
+    parser.addoption("--long", action="store_true", help="also an upgrade of Debian, out of its archive: takes some minutes")
 
 
 def pytest_configure(config):

@@ -1,4 +1,4 @@
-"""A Debian 12 server with accounts is upgraded in place to 13, out of Debian's own archive, while visitors come: some ten minutes."""
+"""A Debian 12 server with accounts is upgraded in place to 13, out of Debian's own archive, while visitors come: some three minutes."""
 
 import json
 import os
@@ -115,7 +115,7 @@ def seconds_without(changes, domain):
     return total
 
 
-@pytest.mark.skipif("not config.getoption('--long')", reason="takes ten minutes and Debian's archive: --long")
+@pytest.mark.skipif("not config.getoption('--long')", reason="takes minutes and Debian's archive: --long")
 @pytest.mark.skipif(SUITE != "bookworm", reason="begins on Debian 12")
 def test_sites_are_the_same_after_an_upgrade_of_debian(boot):
     host = boot()

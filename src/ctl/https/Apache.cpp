@@ -100,10 +100,13 @@ QString switchHttpsOn()
 QString switchHttpsOff()
 {
     // Nothing of it starts a reload any more that would find the half of it.
-    QString problem = runTool(u"systemctl"_s, QStringList{u"disable"_s, u"-q"_s, u"--now"_s} + kWatchers);
-    if (problem.isEmpty())
-        problem = runTool(u"a2dissite"_s, {u"-q"_s, QString::fromLatin1(https::kSiteName)});
-    return problem.isEmpty() ? reloadApache() : problem;
+    const QStringList words = QStringList{u"disable"_s, u"-q"_s, u"--now"_s} + kWatchers;
+    if (const QString problem = runTool(u"systemctl"_s, words); !problem.isEmpty())
+        return problem;
+    if (const QString problem = runTool(u"a2dissite"_s, {u"-q"_s, QString::fromLatin1(https::kSiteName)});
+        !problem.isEmpty())
+        return problem;
+    return reloadApache();
 }
 
 } // namespace corv::ctl
