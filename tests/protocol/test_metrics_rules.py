@@ -72,6 +72,12 @@ CASES = {
     "CorvaneOffsiteProblems": (
         {}, [("corvane_offsite_last_run_problems{%s}" % ON, "0"), ("corvane_offsite_last_drill_failed{%s}" % ON, "0")],
         [("corvane_offsite_last_run_problems{%s}" % ON, "0"), ("corvane_offsite_last_drill_failed{%s}" % ON, "1")]),
+    "CorvaneCertificateExpired": (
+        {"stage": "expired"}, [('corvane_https_sites{%s,stage="expired"}' % ON, "0")],
+        [('corvane_https_sites{%s,stage="expired"}' % ON, "1")]),
+    "CorvaneCertificateNotRenewed": (
+        {"stage": "ending"}, [('corvane_https_sites{%s,stage="served"}' % ON, "1")],
+        [('corvane_https_sites{%s,stage="ending"}' % ON, "1")]),
     "CorvaneUnitFailed": (
         {"unit": "corv-backup.service"}, [],
         [('corvane_unit_failure_timestamp_seconds{%s,unit="corv-backup.service"}' % ON, str(9 * DAY))]),
