@@ -43,7 +43,8 @@ QByteArray textOf(const Collected &collected)
 
 // What is kept of a collector: what it asked for ("keep"); its samples, where it does not work at each run; when it
 // last succeeded ("success"), how it fared the last time ("failed") and how long that took ("seconds").
-QJsonObject work(const Collector &collector, const Circumstances &here, const QJsonObject &before, QString *problem)
+// Returns why not all could be collected; empty where it could.
+QString work(const Collector &collector, const Circumstances &here, QJsonObject *entry)
 {
     QElapsedTimer clock;
     clock.start();
@@ -52,21 +53,21 @@ QJsonObject work(const Collector &collector, const Circumstances &here, const QJ
     const QJsonObject given = parseObject(output.value_or(QByteArray()));
     const bool isWhole = given.value("samples"_L1).isArray();
     constexpr int kMilliseconds = 1'000;
-    *problem = isWhole ? given.value("problem"_L1).toString()
-                       : u"nothing could be told within %1 s"_s.arg(collector.milliseconds / kMilliseconds);
+    const QString problem = isWhole
+                                ? given.value("problem"_L1).toString()
+                                : u"nothing could be told within %1 s"_s.arg(collector.milliseconds / kMilliseconds);
 
-    QJsonObject entry = before;
-    entry.insert(u"failed"_s, !problem->isEmpty());
-    entry.insert(u"seconds"_s, static_cast<double>(clock.elapsed()) / kMilliseconds);
-    if (problem->isEmpty())
-        entry.insert(u"success"_s, here.now);
+    entry->insert(u"failed"_s, !problem.isEmpty());
+    entry->insert(u"seconds"_s, static_cast<double>(clock.elapsed()) / kMilliseconds);
+    if (problem.isEmpty())
+        entry->insert(u"success"_s, here.now);
     if (isWhole) {
-        entry.insert(u"keep"_s, given.value("keep"_L1));
-        entry.insert(u"samples"_s, given.value("samples"_L1));
+        entry->insert(u"keep"_s, given.value("keep"_L1));
+        entry->insert(u"samples"_s, given.value("samples"_L1));
     } else if (collector.every == 0) {
-        entry.remove(u"samples"_s); // what was true the last time is no news
+        entry->remove(u"samples"_s); // what was true the last time is no news
     }
-    return entry;
+    return problem;
 }
 
 bool isDue(const Collector &collector, const QJsonObject &before, qint64 now)
@@ -91,10 +92,8 @@ Run collect(const QString &settings, const QByteArray &socket, const QJsonObject
         const QString name = QString::fromLatin1(collector.name);
         QJsonObject entry = state.value(name).toObject();
         if (isFresh || isDue(collector, entry, now)) {
-            QString problem;
             const Circumstances here = {settings, socket, now, entry.value("keep"_L1).toObject()};
-            entry = work(collector, here, entry, &problem);
-            if (!problem.isEmpty())
+            if (const QString problem = work(collector, here, &entry); !problem.isEmpty())
                 run.problems.append(u"%1: %2"_s.arg(name, problem));
         }
         run.samples += samplesIn(entry.value("samples"_L1).toArray());

@@ -23,7 +23,7 @@ QByteArray numberText(double value)
     if (value == std::trunc(value) && std::abs(value) <= kExact)
         return QByteArray::number(static_cast<qint64>(value));
     std::array<char, 32> text = {};
-    const auto end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
+    const auto *const end = std::to_chars(text.data(), text.data() + text.size(), value).ptr;
     return {text.data(), end - text.data()};
 }
 

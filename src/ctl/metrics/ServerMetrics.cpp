@@ -119,11 +119,13 @@ Collected collectDoctor(const Circumstances &here)
 {
     Collected all;
     for (const Check &check : examine(here.settings, Homes::NotMeasured)) {
-        for (const auto &[level, word] : {std::pair(Level::Fault, u"fault"_s), std::pair(Level::Note, u"note"_s)}) {
+        const auto add = [&](Level level, const QString &word) {
             const auto found = std::count_if(check.findings.cbegin(), check.findings.cend(),
                                              [level](const Finding &finding) { return finding.level == level; });
             all.samples.append({u"corvane_doctor_findings"_s, {check.name, word}, static_cast<double>(found)});
-        }
+        };
+        add(Level::Fault, u"fault"_s);
+        add(Level::Note, u"note"_s);
     }
     return all;
 }
