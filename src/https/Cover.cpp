@@ -64,7 +64,7 @@ std::vector<std::string> readParts(const std::string &store)
     while (const dirent *entry = stream ? ::readdir(stream.get()) : nullptr) {
         const std::string name(entry->d_name);
         if (name != "." && name != ".." && name != "archive")
-            parts.push_back(store + "/" + name);
+            parts.push_back(std::string(store).append("/").append(name));
     }
     return parts;
 }
