@@ -42,10 +42,12 @@ QProcessEnvironment childEnvironment()
 
 QMap<QString, QString> toolsVariables()
 {
-    const QString path = qEnvironmentVariable("PATH");
-    if (!path.split(u':').contains(QString::fromLatin1(kToolsFolder)))
+    QStringList folders = qEnvironmentVariable("PATH").split(u':');
+    const qsizetype tools = folders.indexOf(QString::fromLatin1(kToolsFolder));
+    if (tools < 0)
         return {};
-    return {{kPath, path}};
+    folders.insert(tools, QString::fromLatin1(kPipesFolder));
+    return {{kPath, folders.join(u':')}};
 }
 
 } // namespace corv

@@ -15,12 +15,15 @@ void cleanEnvironment();
 // the options that others give it.
 constexpr auto kToolsFolder = "/usr/libexec/corvane/tools";
 
+// A folder with a gzip that is the one behind it on PATH, with larger pipes (src/pipes).
+constexpr auto kPipesFolder = "/usr/libexec/corvane/pipes";
+
 // What a program gets that this process starts: its own environment, but for kToolsFolder, which no program finds that
 // is not known to manage with what lies there. That goes for accounts' programs and packages' scripts above all.
 QProcessEnvironment childEnvironment();
 
-// What lets a program find kToolsFolder all the same, where this process was started with it on PATH; nothing
-// otherwise.
+// What lets a program find kToolsFolder all the same, and kPipesFolder before it, where this process was started with
+// the former on PATH; nothing otherwise.
 QMap<QString, QString> toolsVariables();
 
 } // namespace corv

@@ -316,7 +316,7 @@ private Q_SLOTS:
         QCOMPARE(runWith(u"sh"_s, {u"-c"_s, u"printf %s \"$PATH\""_s}, receiving(&seen, kMiB),
                          corv::hosting::archiverSurroundings()),
                  QString());
-        QCOMPARE(seen, "/usr/libexec/corvane/tools:" + path + ":/usr/libexec/corvane/tools");
+        QCOMPARE(seen, "/usr/libexec/corvane/pipes:/usr/libexec/corvane/tools:" + path + ":/usr/libexec/corvane/tools");
     }
 
     void givesArchivesNoCompressorThatItWasNotGiven()
