@@ -64,6 +64,10 @@ private Q_SLOTS:
         QTest::newRow("no user of that name")
             << QByteArray("-rw-r--r-- 1001/33 0 2026-01-05 03:15 tiny/x") << u"x 644 plain"_s;
         QTest::newRow("the home") << QByteArray("drwx--x--- tiny/www-data 0 2026-01-05 03:15 tiny/") << QString();
+        QTest::newRow("above") << QByteArray("-rw-r--r-- tiny/tiny 0 2026-01-05 03:15 tiny/a/../../x") << QString();
+        QTest::newRow("above, in disguise")
+            << QByteArray("-rw-r--r-- tiny/tiny 0 2026-01-05 03:15 tiny/\\056\\056/x") << QString();
+        QTest::newRow("no name") << QByteArray("-rw-r--r-- tiny/tiny 0 2026-01-05 03:15 tiny//x") << QString();
         QTest::newRow("another's") << QByteArray("-rw-r--r-- tiny/tiny 0 2026-01-05 03:15 tiny2/x") << QString();
         QTest::newRow("another mode") << QByteArray("-rw-q--r-- tiny/tiny 0 2026-01-05 03:15 tiny/x") << QString();
         QTest::newRow("a word") << QByteArray("tar:") << QString();

@@ -75,6 +75,12 @@ QByteArray unescaped(const QByteArray &text)
     return bytes;
 }
 
+// Whether a part of a path is no name of an entry, which whoever makes an archive by hand can have in it.
+bool leadsElsewhere(const QByteArray &name)
+{
+    return name.isEmpty() || name == "." || name == ".." || name.contains('\0');
+}
+
 bool isAtOrBelow(const QByteArray &path, const QByteArray &top)
 {
     return path == top || path.startsWith(top + '/');
@@ -120,6 +126,9 @@ std::optional<ArchiveEntry> parseArchiveLine(const QByteArray &line, const QByte
 
     ArchiveEntry entry;
     entry.path = unescaped(name.sliced(account.size() + 1));
+    const QList<QByteArray> names = entry.path.split('/');
+    if (std::any_of(names.cbegin(), names.cend(), leadsElsewhere))
+        return {};
     entry.mode = *mode;
     entry.isFolder = kind == 'd';
     entry.isPlain = entry.isFolder || kind == '-';

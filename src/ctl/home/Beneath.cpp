@@ -10,6 +10,7 @@ namespace {
 
 constexpr int kFolderFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 constexpr mode_t kFileBits = S_IRWXU | S_IRWXG | S_IRWXO;
+constexpr mode_t kAllBits = kFileBits | S_ISUID | S_ISGID | S_ISVTX;
 constexpr mode_t kFolderBits = kFileBits | S_ISGID | S_ISVTX;
 
 } // namespace
@@ -62,12 +63,16 @@ bool setAccess(int folder, const QByteArray &name, gid_t group, mode_t mode)
     if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode))
         return false;
     const bool isFolder = S_ISDIR(status.st_mode);
-    if (group != static_cast<gid_t>(-1) && group != status.st_gid &&
-        ::fchownat(entry.get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) != 0)
+    const mode_t wanted = mode & (isFolder ? kFolderBits : kFileBits);
+    const bool isGiven = group != static_cast<gid_t>(-1) && group != status.st_gid;
+    // Of a large home most is as it should be.
+    if (!isGiven && (status.st_mode & kAllBits) == wanted)
+        return true;
+    if (isGiven && ::fchownat(entry.get(), "", static_cast<uid_t>(-1), group, AT_EMPTY_PATH) != 0)
         return false;
     // The descriptor leads to what was looked at, whatever has that name by now.
     const QByteArray self = "/proc/self/fd/" + QByteArray::number(entry.get());
-    return ::chmod(self.constData(), mode & (isFolder ? kFolderBits : kFileBits)) == 0;
+    return ::chmod(self.constData(), wanted) == 0;
 }
 
 bool giveLink(int folder, const QByteArray &name, gid_t group)
