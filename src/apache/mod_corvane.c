@@ -68,7 +68,7 @@ static const char kKnownModules[] =
     " core.c mod_access_compat.c mod_actions.c mod_alias.c mod_auth_basic.c mod_auth_digest.c "
     "mod_auth_form.c mod_authn_anon.c mod_authn_core.c mod_authn_file.c "
     "mod_authz_core.c mod_authz_groupfile.c mod_authz_host.c mod_authz_owner.c mod_authz_user.c "
-    "mod_autoindex.c mod_brotli.c mod_charset_lite.c mod_deflate.c mod_dir.c mod_env.c mod_expires.c "
+    "mod_autoindex.c mod_brotli.c mod_charset_lite.c mod_corvane.c mod_deflate.c mod_dir.c mod_env.c mod_expires.c "
     "mod_filter.c mod_headers.c mod_http2.c mod_include.c mod_mime.c mod_negotiation.c mod_request.c "
     "mod_rewrite.c mod_session.c mod_session_cookie.c mod_setenvif.c mod_speling.c mod_ssl.c "
     "mod_substitute.c mod_usertrack.c mod_version.c ";
@@ -402,6 +402,24 @@ static int learn(apr_pool_t *pool, apr_pool_t *log, apr_pool_t *scratch, server_
     return OK;
 }
 
+/*
+ * Where a folder asks for a certificate of the visitor, mod_ssl first reads the body of his request into memory, up to
+ * this size. It is the server's memory, so that only the server's own configuration says how much of it. Every module
+ * that knows a directive is asked; mod_ssl itself sets it.
+ */
+static const char *onBufferSize(cmd_parms *command, void *settings, const char *size)
+{
+    (void)settings;
+    (void)size;
+    return ap_check_cmd_context(command, NOT_IN_HTACCESS);
+}
+
+static const command_rec directives[] = {
+    AP_INIT_TAKE1("SSLRenegBufferSize", onBufferSize, NULL, OR_AUTHCFG,
+                  "refused in .htaccess, and mod_ssl's elsewhere"),
+    {.name = NULL},
+};
+
 static void hooks(apr_pool_t *pool)
 {
     (void)pool;
@@ -417,5 +435,5 @@ static void hooks(apr_pool_t *pool)
 }
 
 module AP_MODULE_DECLARE_DATA corvane_module = {
-    STANDARD20_MODULE_STUFF, NULL, NULL, NULL, NULL, NULL, hooks, AP_MODULE_FLAG_NONE,
+    STANDARD20_MODULE_STUFF, NULL, NULL, NULL, NULL, directives, hooks, AP_MODULE_FLAG_NONE,
 };

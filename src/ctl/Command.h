@@ -92,6 +92,7 @@ Command fileCommand();
 Command firewallCommand();
 Command helpCommand(const std::vector<Command> &others); // last, since it knows of all others
 Command hostCommand();
+Command httpsCommand();
 Command metricsCommand();
 Command notifyCommand();
 Command offsiteCommand();

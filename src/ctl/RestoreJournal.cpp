@@ -85,18 +85,23 @@ void removeJournal(const QString &target)
 
 bool isHalfDone(const Journal &journal)
 {
+    return isOwnCreation(journal.target, journal.domain, journal.uid, journal.begun);
+}
+
+bool isOwnCreation(const QString &account, const QString &domain, qint64 uid, qint64 begun)
+{
     for (const hosting::User &user : hosting::users()) {
-        if (user.name != journal.target)
+        if (user.name != account)
             continue;
         if (!hosting::hasMarker(user.comment))
             return false;
-        if (journal.uid != 0)
-            return user.uid == journal.uid;
+        if (uid != 0)
+            return user.uid == uid;
         // One that was cut off within the creation does not know the number yet. Whoever has made an account of that
         // name by himself since must not lose it.
-        const qint64 made = homeMade(journal.target);
-        return hosting::domainIn(user.comment) == journal.domain &&
-               (made == 0 || (made >= journal.begun - 1 && made <= journal.begun + kLongestCreation));
+        const qint64 made = homeMade(account);
+        return hosting::domainIn(user.comment) == domain &&
+               (made == 0 || (made >= begun - 1 && made <= begun + kLongestCreation));
     }
     return true;
 }

@@ -44,6 +44,10 @@ void removeJournal(const QString &target);
 // Whether the user of that name, if there is one, is what the restore has made.
 bool isHalfDone(const Journal &journal);
 
+// Whether the user of that name, if there is one, is the account that was asked for at begun, in seconds since 1970,
+// with that domain. uid: the number that the agent made it with; 0 where it was cut off before it said so.
+bool isOwnCreation(const QString &account, const QString &domain, qint64 uid, qint64 begun);
+
 // When the home of an account was made, in seconds since 1970; later where the file system does not keep that, 0 where
 // there is none.
 qint64 homeMade(const QString &account);

@@ -15,10 +15,10 @@ namespace {
 // One function for each topic.
 std::vector<Command> allCommands()
 {
-    return {accountCommand(), fileCommand(),   serviceCommand(), firewallCommand(), banCommand(),
-            updateCommand(),  quotaCommand(),  backupCommand(),  databaseCommand(), hostCommand(),
-            callCommand(),    statusCommand(), doctorCommand(),  metricsCommand(),  notifyCommand(),
-            offsiteCommand(), serverCommand(), phpCommand(),     proxyCommand(),    completionCommand()};
+    return {accountCommand(), fileCommand(),   serviceCommand(),   firewallCommand(), banCommand(),     updateCommand(),
+            quotaCommand(),   backupCommand(), databaseCommand(),  hostCommand(),     httpsCommand(),   callCommand(),
+            statusCommand(),  doctorCommand(), metricsCommand(),   notifyCommand(),   offsiteCommand(), serverCommand(),
+            phpCommand(),     proxyCommand(),  completionCommand()};
 }
 
 // Does the command here, or, where another server was named, there.

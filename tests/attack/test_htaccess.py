@@ -465,3 +465,47 @@ def test_an_odd_htaccess_is_answered(tenants, guarded, name):
     assert len(seen) == ASKED and 0 not in seen, f"{seen}\n{tenants.log()}"
     # Without the module the attempts above leave processes that end badly later on.
     assert not guarded or ended(tenants) == before
+
+
+# The attacker's site on port 443, with the body that it has on port 80.
+TLS = """
+<VirtualHost *:443>
+    ServerName @DOMAIN@
+    DocumentRoot /home/@ME@/public_html
+    ErrorLog ${APACHE_LOG_DIR}/@DOMAIN@-error.log
+    <Directory /home/@ME@/public_html>
+        Options -Indexes +SymLinksIfOwnerMatch
+        AllowOverride All
+        Require all granted
+    </Directory>
+    SSLEngine on
+    SSLCertificateFile /root/attacked.pem
+    SSLCertificateKeyFile /root/attacked.pem
+</VirtualHost>
+"""
+CERTIFICATE = ("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout /root/attacked.pem -out /root/attacked.pem "
+               "-days 30 -subj /CN=attacked 2>/dev/null")
+MEBIBYTES = 300
+UPLOAD = (f"head -c {MEBIBYTES * 1024 * 1024} /dev/zero | curl -qsk --http1.1 --max-time 50 -H Expect: -X POST -T - -o /dev/null "
+          '-w "%{http_code}" --resolve "$1:443:$2" "https://$1/$3/y.txt"')
+# The most memory that any process of Apache's had, in KiB.
+PEAK = "for one in $(pgrep -x apache2); do sed -n 's/^VmHWM:\\s*\\([0-9]*\\) kB/\\1/p' /proc/$one/status; done | sort -n | tail -n 1"
+
+
+def test_no_htaccess_has_apache_keep_whole_bodies_in_memory(tenants, guarded):
+    host = tenants.host
+    host.ok(["sh", "-c", CERTIFICATE])
+    host.put("/etc/apache2/conf-enabled/attacked.conf", tenants.fill(TLS).replace("@DOMAIN@", tenants.me.domain))
+    folder = tenants.prepare(Attempt("SSLVerifyClient require\nSSLRenegBufferSize 2000000000\n", "", files={"y.txt": "mine"}))
+    try:
+        host.ok(["systemctl", "restart", "apache2"])
+        answer = host.outside(["sh", "-c", UPLOAD, "sh", tenants.me.domain, ADDRESS, folder]).out
+        peak = int(host.ok(["sh", "-c", PEAK])) // 1024
+    finally:
+        host.ok(["rm", "/etc/apache2/conf-enabled/attacked.conf"])
+        host.ok(["systemctl", "restart", "apache2"])
+    print(f"answered with {answer}; {peak} MiB")
+    assert (peak > MEBIBYTES) is not guarded
+    if guarded:
+        assert answer == "500"
+        assert "SSLRenegBufferSize cannot occur within htaccess files" in tenants.log()

@@ -73,9 +73,11 @@ def server(running_host, package):
     host = running_host
     pages = sorted(package.parent.glob("cockpit-corvane_*.deb"))
     assert len(pages) == 1, "the package of the page was not built beside the agent's"
+    https = sorted(package.parent.glob("corv-https_*.deb"))
+    assert len(https) == 1, "the package for HTTPS was not built beside the agent's"
     # Also what tests of single actions need and the agent does not install by itself: apt takes its time for each run.
     host.ok(["apt-get", "-q", "install", "--yes", "--no-install-recommends", "sudo", "cockpit-ws", "cockpit-bridge", "cockpit-system",
-             "restic", "unattended-upgrades", host._copy(pages[0])], env={"DEBIAN_FRONTEND": "noninteractive"}, timeout=300)
+             "restic", "unattended-upgrades", host._copy(pages[0]), host._copy(https[0])], env={"DEBIAN_FRONTEND": "noninteractive"}, timeout=300)
     for user, groups in (("boss", ["-G", "sudo"]), ("clerk", [])):
         host.ok(["useradd", "-m", "-s", "/bin/bash", *groups, user])
         host.ok(["chpasswd"], input=f"{user}:{PASSWORD}")

@@ -137,8 +137,39 @@ def test_accounts_are_searched_filtered_and_sorted(server, page):
     page.choose("#by", "username")
 
 
-def test_certificates_are_shown_with_those_that_somebody_has_to_look_after(server, page):
-    # No authority gives certificates to a host without a network: what is known of them is a prepared reply.
+# One that the server trusts, for sixty days.
+CERTIFICATE = """
+cd /root
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout shop.key -out shop.crt -days 60 -subj /CN=shop \
+    -addext subjectAltName=DNS:shop.example.org,DNS:www.shop.example.org 2>/dev/null
+install -m 0644 shop.crt /usr/local/share/ca-certificates/
+update-ca-certificates >/dev/null 2>&1
+"""
+
+
+def test_certificates_of_sites_are_shown(server, page):
+    page.visit("services")
+    page.visit()
+    page.wait_for_text("corvctl https on", "#certificates")
+    server.ok(["sh", "-ec", CERTIFICATE])
+    server.ok(["corvctl", "https", "on"])
+    try:
+        server.ok(["corvctl", "account", "https", "shop", "on", "--cert", "/root/shop.crt", "--key", "/root/shop.key"])
+        page.visit("services")
+        page.visit()
+        page.wait_for_text("alice.example.org", "#certificates")
+        told = page.text("#certificates")
+        assert "1 site" in told and "Waits for its certificate" in told and "shop.example.org" not in told
+        page.visit("accounts", "shop")
+        page.wait_for_text("Served", "#content")
+        month, day, _, year, _ = server.ok(["openssl", "x509", "-noout", "-enddate", "-in", "/root/shop.crt"]).partition("=")[2].split()
+        assert f"until {month} {day}, {year}" in page.text("#content")
+    finally:
+        server.ok(["corvctl", "https", "off"])
+
+
+def test_certificates_that_somebody_has_to_look_after_are_shown(server, page):
+    # None ends while the test runs: what is known of them is a prepared reply.
     site = {"username": "shop", "domain": "shop.example.org", "names": ["shop.example.org"], "state": "served", "remark": "", "brought": False}
     now = int(time.time())
     others = [{**site, "username": "alice", "domain": "alice.example.org", "state": "expired", "validUntil": now - 86400},

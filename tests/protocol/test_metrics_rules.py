@@ -72,6 +72,12 @@ CASES = {
     "CorvaneOffsiteProblems": (
         {}, [("corvane_offsite_last_run_problems{%s}" % ON, "0"), ("corvane_offsite_last_drill_failed{%s}" % ON, "0")],
         [("corvane_offsite_last_run_problems{%s}" % ON, "0"), ("corvane_offsite_last_drill_failed{%s}" % ON, "1")]),
+    "CorvaneCertificateExpired": (
+        {"stage": "expired"}, [('corvane_https_sites{%s,stage="expired"}' % ON, "0")],
+        [('corvane_https_sites{%s,stage="expired"}' % ON, "1")]),
+    "CorvaneCertificateNotRenewed": (
+        {"stage": "ending"}, [('corvane_https_sites{%s,stage="served"}' % ON, "1")],
+        [('corvane_https_sites{%s,stage="ending"}' % ON, "1")]),
     "CorvaneUnitFailed": (
         {"unit": "corv-backup.service"}, [],
         [('corvane_unit_failure_timestamp_seconds{%s,unit="corv-backup.service"}' % ON, str(9 * DAY))]),
@@ -107,10 +113,16 @@ def promtool(*args):
     return done.returncode, done.stdout + done.stderr
 
 
-def run_tests(tmp_path, tests):
-    """Runs rule tests, at the end of the tenth day of 1970; promtool reads JSON as the YAML that it is."""
-    path = tmp_path / "test.yml"
-    path.write_text(json.dumps({"rule_files": [str(RULES)], "evaluation_interval": "1h", "tests": tests}))
+def rule(alert):
+    """The text of one rule."""
+    return re.search(rf"^ +- alert: {alert}\n(?: {{8}}.*\n)+", TEXT, re.MULTILINE)[0]
+
+
+def run_tests(tmp_path, alerts, tests):
+    """Runs tests of rules, of these alone, at the end of the tenth day of 1970; promtool reads JSON as the YAML that it is."""
+    rules, path = tmp_path / "rules.yml", tmp_path / "test.yml"
+    rules.write_text("groups:\n  - name: some\n    rules:\n" + "".join(rule(alert) for alert in alerts))
+    path.write_text(json.dumps({"rule_files": [str(rules)], "evaluation_interval": "1h", "tests": tests}))
     return promtool("test", "rules", str(path))
 
 
@@ -141,7 +153,7 @@ def test_a_rule_fires_when_it_should_and_not_before(tmp_path, alert):
         return {"interval": "10m", "input_series": series(given),
                 "promql_expr_test": [{"expr": expression, "eval_time": "10d", "exp_samples": samples}]}
 
-    code, said = run_tests(tmp_path, [test(calm, []), test(wrong, [{"labels": expected, "value": 1}])])
+    code, said = run_tests(tmp_path, [alert], [test(calm, []), test(wrong, [{"labels": expected, "value": 1}])])
     assert code == 0, said
 
 
@@ -161,7 +173,7 @@ def test_what_somebody_is_told_names_server_trouble_and_mend(tmp_path):
                       "summary": "web1: shop has used 96% of its limit",
                       "description": "Uploads and mail of that account will fail.",
                       "mend": "corvctl account show shop"}}]}]}]
-    code, said = run_tests(tmp_path, tests)
+    code, said = run_tests(tmp_path, ["CorvaneBackupTooOld", "CorvaneAccountFull"], tests)
     assert code == 0, said
 
 

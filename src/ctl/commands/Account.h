@@ -19,10 +19,15 @@ bool addSource(const Session &session, const QString &path, const QString &membe
 int createAccount(Session &session, const Given &given);
 int deleteAccount(Session &session, const Given &given);
 int changeDomain(Session &session, const Given &given);
+int accountHttps(Session &session, const Given &given);
 int publishAccount(Session &session, const Given &given);
 int listAccounts(Session &session, const Given &given);
 int showAccount(Session &session, const Given &given);
 int exportOfAccount(Session &session, const Given &given);
+int moveOfAccount(Session &session, const Given &given);
+int moveOfAllAccounts(Session &session, const Given &given);
+int forwardOfAccount(Session &session, const Given &given);
+int forwardedToAccount(Session &session, const Given &given);
 int restoreOfAccount(Session &session, const Given &given);
 int accountState(Session &session, const Given &given);
 

@@ -12,7 +12,9 @@
 #include "ctl/doctor/AccountFacts.h"
 #include "ctl/doctor/Backup.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/Forwards.h"
 #include "ctl/doctor/SiteFacts.h"
+#include "ctl/https/View.h"
 #include "ctl/remote/Remote.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
@@ -68,6 +70,19 @@ QJsonObject readParts(const hosting::User &user)
     return account;
 }
 
+// How far its own site is on HTTPS, where that is on.
+void addHttps(const QString &name, QJsonObject *account)
+{
+    const std::optional<https::State> state = readHttps();
+    const std::optional<HttpsSite> site =
+        state ? readHttpsSite(name, *state, QDateTime::currentSecsSinceEpoch()) : std::nullopt;
+    if (!site)
+        return;
+    account->insert(u"https"_s, QJsonObject{{u"state"_s, stageWord(site->stage)}, {u"remark"_s, site->remark}});
+    if (site->ends > 0 && !account->contains("certificate"_L1))
+        account->insert(u"certificate"_s, QJsonObject{{u"validUntil"_s, site->ends}});
+}
+
 // What root alone may read.
 void addSecrets(const Options &options, const hosting::User &user, QJsonObject *account)
 {
@@ -84,12 +99,17 @@ void addSecrets(const Options &options, const hosting::User &user, QJsonObject *
             QJsonObject{{u"name"_s, user.name}, {u"bytes"_s, database->bytes}, {u"readOnly"_s, database->isReadOnly}});
     if (const std::optional<qint64> login = lastLogin(user))
         account->insert(u"lastLogin"_s, *login);
+    for (const Forward &forward : readForwards()) {
+        if (forward.account == user.name)
+            account->insert(u"movedTo"_s, forward.address);
+    }
     QJsonObject certificate = account->value("certificate"_L1).toObject();
     if (!certificate.isEmpty()) {
         if (const std::optional<qint64> end = certificateEnd(certificate.value("file"_L1).toString()))
             certificate.insert(u"validUntil"_s, *end);
         account->insert(u"certificate"_s, certificate);
     }
+    addHttps(user.name, account);
 }
 
 // What the agent tells: its keys, and the newest backup that holds it. Gives the status to end with where the agent
@@ -209,6 +229,13 @@ void show(const Session &session, const QJsonObject &account)
         {u"Last backup"_s, backupCell(account)},
         {u"Last login"_s, loginCell(account)},
         {u"Certificate"_s, certificateCell(account)}};
+    if (const QJsonObject https = account.value("https"_L1).toObject(); !https.isEmpty()) {
+        const QString remark = https.value("remark"_L1).toString();
+        facts.append(
+            {u"HTTPS"_s, text(https.value("state"_L1).toString() + (remark.isEmpty() ? remark : u": "_s + remark))});
+    }
+    if (account.contains("movedTo"_L1))
+        facts.append({u"Moved to"_s, text(account.value("movedTo"_L1).toString(), Colour::Warning)});
     for (const auto &site : account.value("sitesBeside"_L1).toArray())
         facts.append({u"Site beside"_s, text(site.toString())});
     const QJsonArray keys = account.value("keys"_L1).toArray();

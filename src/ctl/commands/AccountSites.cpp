@@ -17,17 +17,9 @@ namespace {
 
 constexpr int kThereSeconds = 60;
 
-// The account, other than this one, that has the domain. A site that is not enabled at present comes back some day.
+// The account of the other server, other than this one, that has the domain.
 QString accountWith(const Session &session, const QString &domain, const QString &account, bool *isTold)
 {
-    *isTold = true;
-    if (session.options.hosts.empty()) {
-        for (const AccountSite &other : readAccountSites()) {
-            if (other.name != account && other.domain == domain)
-                return other.name;
-        }
-        return {};
-    }
     const Distant list = runThere(session.options, {u"corvctl"_s, u"account"_s, u"list"_s, u"--json"_s}, kThereSeconds);
     const QJsonObject answer = parseObject(list.output);
     *isTold = answer.value("accounts"_L1).isArray();
@@ -50,12 +42,10 @@ std::optional<int> refuseTaken(const Session &session, const QString &domain, co
         return {};
 
     QString holder;
-    if (session.options.hosts.empty()) {
-        if (const std::optional<VirtualHost> host = holderOf(readSites(), name, account))
-            holder = u"the site %1"_s.arg(host->site);
-    }
     bool isTold = true;
-    if (holder.isEmpty()) {
+    if (session.options.hosts.empty()) {
+        holder = holderHere(name, account);
+    } else {
         const QString other = accountWith(session, name, account, &isTold);
         holder = other.isEmpty() ? QString() : u"the account %1"_s.arg(other);
     }

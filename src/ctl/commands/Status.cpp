@@ -311,6 +311,7 @@ int status(Session &session, const Given &)
     QList<StatusLine> lines = statusLines(replies, names ? std::optional(names->size()) : std::nullopt, now);
     if (isHere) {
         addOffsite(session, now, &lines);
+        addHttps(session, now, &lines);
         addWhatIsKnownHere(session, replies, now, &lines);
     }
     addHere(here, &lines);

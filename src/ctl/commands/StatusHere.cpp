@@ -4,10 +4,12 @@
 #include "common/Pool.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
+#include "ctl/doctor/Https.h"
 #include "ctl/doctor/Offsite.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Visitors.h"
+#include "ctl/https/View.h"
 #include "ctl/remote/Remote.h"
 
 #include <QJsonArray>
@@ -158,6 +160,35 @@ void addOffsite(const Session &session, qint64 now, QList<StatusLine> *lines)
         lines->append({u"Off-site"_s, u"the backup %1 since %2"_s.arg(state.copied, humanTime(state.copiedAt)), false});
     else
         lines->append({u"Off-site"_s, problems.join(u"; "_s), true});
+}
+
+void addHttps(const Session &session, qint64 now, QList<StatusLine> *lines)
+{
+    const std::optional<https::State> state =
+        session.options.hosts.empty() && ::geteuid() == 0 ? readHttps() : std::nullopt;
+    if (!state)
+        return;
+    const QList<HttpsSite> sites = readHttpsSites(*state, now);
+    QStringList faults;
+    for (const Finding &finding : checkHttps(*state, sites)) {
+        if (finding.level == Level::Fault)
+            faults.append(finding.problem);
+    }
+    if (!faults.isEmpty()) {
+        const QString more = faults.size() > 1 ? u" (and %1 more)"_s.arg(faults.size() - 1) : QString();
+        lines->append({u"HTTPS"_s, faults.first() + more, true});
+        return;
+    }
+    qint64 served = 0;
+    qint64 firstEnd = 0;
+    for (const HttpsSite &site : sites) {
+        served += site.ends > 0 ? 1 : 0;
+        if (site.ends > 0 && (firstEnd == 0 || site.ends < firstEnd))
+            firstEnd = site.ends;
+    }
+    const QString ends = firstEnd > 0 ? u", the first ends %1"_s.arg(humanTime(firstEnd)) : QString();
+    lines->append(
+        {u"HTTPS"_s, u"%1 of %2 sites have a certificate%3"_s.arg(served).arg(sites.size()).arg(ends), false});
 }
 
 void addHere(const QJsonObject &here, QList<StatusLine> *lines)

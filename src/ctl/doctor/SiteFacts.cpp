@@ -79,4 +79,15 @@ QList<AccountSite> readAccountSites()
     return accounts;
 }
 
+QString holderHere(const QString &domain, const QString &account)
+{
+    if (const std::optional<VirtualHost> host = holderOf(readSites(), domain, account))
+        return u"the site %1"_s.arg(host->site);
+    for (const AccountSite &other : readAccountSites()) {
+        if (other.name != account && other.domain == domain)
+            return u"the account %1"_s.arg(other.name);
+    }
+    return {};
+}
+
 } // namespace corv::ctl

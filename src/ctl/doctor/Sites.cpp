@@ -2,6 +2,7 @@
 
 #include "common/Account.h"
 #include "common/Site.h"
+#include "ctl/doctor/Forwards.h"
 
 #include <QHash>
 #include <QRegularExpression>
@@ -282,9 +283,17 @@ QStringList sitesBeside(const QList<VirtualHost> &hosts, const QString &account,
 QString disableSites(const QStringList &sites)
 {
     QStringList words;
-    for (const QString &site : sites)
-        words.append(shellWord(site));
-    return u"a2dissite -q %1 && systemctl reload apache2"_s.arg(words.join(u' '));
+    QStringList commands;
+    for (const QString &site : sites) {
+        // What was switched on for it goes with it.
+        if (const QString account = accountForwardedBy(site); !account.isEmpty())
+            commands.append(u"corvctl account forward %1 off"_s.arg(account));
+        else
+            words.append(shellWord(site));
+    }
+    if (!words.isEmpty())
+        commands.append(u"a2dissite -q %1 && systemctl reload apache2"_s.arg(words.join(u' ')));
+    return commands.join(" && "_L1);
 }
 
 QList<Finding> checkSites(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts, const QStringList &users)

@@ -80,9 +80,15 @@ bool canBeAskedFor(const QString &host)
     return name.match(host).hasMatch();
 }
 
-QByteArray requestFor(const QString &host)
+bool canBeAskedFor(const QByteArray &path)
 {
-    return "GET / HTTP/1.1\r\nHost: " + host.toLatin1() +
+    static const QRegularExpression plain(QRegularExpression::anchoredPattern(u"/[A-Za-z0-9./-]*"_s));
+    return plain.match(QString::fromLatin1(path)).hasMatch();
+}
+
+QByteArray requestFor(const Visit &visit)
+{
+    return "GET " + visit.path + " HTTP/1.1\r\nHost: " + visit.host.toLatin1() +
            "\r\nUser-Agent: corvctl\r\nAccept: */*\r\nConnection: close\r\n\r\n";
 }
 
@@ -90,12 +96,12 @@ QByteArray requestFor(const QString &host)
 std::optional<Visitor> setOut(const Visit &visit, qsizetype number, int milliseconds, Visited *result)
 {
     const std::optional<Address> address = addressOf(visit);
-    if (!address || !canBeAskedFor(visit.host))
+    if (!address || !canBeAskedFor(visit.host) || !canBeAskedFor(visit.path))
         return {};
     result->wasAsked = true;
     Visitor visitor = {number,
                        Fd(::socket(address->place.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
-                       requestFor(visit.host),
+                       requestFor(visit),
                        0,
                        {},
                        QDeadlineTimer(milliseconds)};

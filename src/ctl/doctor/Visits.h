@@ -8,12 +8,13 @@
 
 namespace corv::ctl {
 
-// What a web server is asked for: its first page, under a host name, as a visitor does.
+// What a web server is asked for: a page, under a host name, as a visitor does.
 struct Visit
 {
     QString address; // a numeric one
     int port = 80;
-    QString host; // the name asked for
+    QString host;                             // the name asked for
+    QByteArray path = QByteArrayLiteral("/"); // letters, digits, dots, dashes and slashes
 };
 
 // What came of it.

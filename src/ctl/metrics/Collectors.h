@@ -37,5 +37,6 @@ Collected collectServices(const Circumstances &here); // ServerMetrics.cpp
 Collected collectDoctor(const Circumstances &here);   // ServerMetrics.cpp
 Collected collectBackups(const Circumstances &here);  // BackupMetrics.cpp
 Collected collectOffsite(const Circumstances &here);  // BackupMetrics.cpp
+Collected collectHttps(const Circumstances &here);    // HttpsMetrics.cpp
 
 } // namespace corv::ctl

@@ -60,6 +60,12 @@ constexpr Metric kMetrics[] = {
      "When an account was last restored from off-site as a drill; 0 if never."},
     {"corvane_offsite_last_drill_failed", kGauge, "", "1 if that drill failed."},
 
+    {"corvane_https_sites", kGauge, "stage",
+     "Accounts' sites by what HTTPS is for them (off, left-out, waiting, served, ending, expired); missing where it is "
+     "off."},
+    {"corvane_certificate_expiry_timestamp_seconds", kGauge, "account",
+     "When the certificate of an account's site ends; missing where it has none."},
+
     {"corvane_service_active", kGauge, "service",
      "1 if a service runs, of those that are monitored and those that accounts need."},
     {"corvane_unit_failure_timestamp_seconds", kGauge, "unit",

@@ -21,7 +21,9 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-constexpr size_t kSideBySide = 4;
+constexpr size_t kFew = 4;
+constexpr size_t kMost = 32;
+constexpr size_t kPartOfMany = 16;
 constexpr size_t kChunk = 65'536;
 
 // One of a process's two outputs.
@@ -181,14 +183,21 @@ QString hostsSummary(const std::vector<std::string> &hosts, const std::vector<in
     return u"%1 hosts: %2"_s.arg(hosts.size()).arg(parts.join(", "_L1));
 }
 
-std::vector<int> workOnEachHost(const std::vector<std::string> &hosts,
-                                const std::function<int(const std::string &)> &work, const HostLines &take)
+size_t sideBySideOf(size_t hosts)
 {
+    return std::clamp(hosts / kPartOfMany, kFew, kMost);
+}
+
+std::vector<int> workOnEachHost(const std::vector<std::string> &hosts,
+                                const std::function<int(const std::string &)> &work, const HostLines &take,
+                                size_t sideBySide)
+{
+    const size_t most = sideBySide > 0 ? sideBySide : sideBySideOf(hosts.size());
     std::vector<int> statuses(hosts.size(), kNoConnection);
     std::vector<Work> working;
     size_t next = 0;
     while (next < hosts.size() || !working.empty()) {
-        while (next < hosts.size() && working.size() < kSideBySide) {
+        while (next < hosts.size() && working.size() < most) {
             Work begun;
             if (begin(next, hosts[next], work, &begun))
                 working.push_back(std::move(begun));

@@ -167,6 +167,16 @@ QStringList applyRole(const AccountState &state, const QString &account, bool *i
     return problems;
 }
 
+bool applyRoleAtOnce(const AccountState &state, const QString &account)
+{
+    if (!state.role || account != state.username || (!state.role->isEmpty() && !isRoleHash(*state.role)))
+        return false;
+    QByteArray script = passwordScript(account, *state.role);
+    for (const KeptSetting &setting : state.settings)
+        script += settingScript(account, setting);
+    return runScript(script).isEmpty();
+}
+
 QStringList applyLogin(const AccountState &state, const QString &account)
 {
     QStringList problems;

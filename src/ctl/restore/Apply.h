@@ -15,6 +15,9 @@ namespace corv::ctl {
 // that goes with the old name, *isLost says so: the role then keeps the password that it was made with.
 QStringList applyRole(const AccountState &state, const QString &account, bool *isLost);
 
+// The same in one go, for whoever has no time. False where anything of it cannot be had: then applyRole tells what.
+bool applyRoleAtOnce(const AccountState &state, const QString &account);
+
 // The login: the hash in shadow, the shell.
 QStringList applyLogin(const AccountState &state, const QString &account);
 

@@ -35,17 +35,6 @@ const auto kCreated = u"created"_s;
 const auto kDatabase = u"database"_s;
 const auto kFiles = u"files"_s;
 
-// Why a request did not do what was asked; empty when it did.
-QString problemOf(const Answer &answer)
-{
-    if (answer.ok())
-        return {};
-    if (answer.fate != Answer::Fate::Replied)
-        return answer.problem;
-    const QString said = answer.reply.value("error"_L1).toString();
-    return said.isEmpty() ? u"the agent refused, and did not say why"_s : said;
-}
-
 class Restorer
 {
 public:
@@ -279,6 +268,16 @@ private:
 };
 
 } // namespace
+
+QString problemOf(const Answer &answer)
+{
+    if (answer.ok())
+        return {};
+    if (answer.fate != Answer::Fate::Replied)
+        return answer.problem;
+    const QString said = answer.reply.value("error"_L1).toString();
+    return said.isEmpty() ? u"the agent refused, and did not say why"_s : said;
+}
 
 Restored restoreAccount(Session &session, const backup::Config &config, const Plan &plan,
                         const std::function<void(const QString &)> &say)

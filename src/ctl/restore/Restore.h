@@ -13,6 +13,7 @@
 
 namespace corv::ctl {
 
+struct Answer;
 struct Session;
 
 // What is to be brought back, and as what.
@@ -44,6 +45,9 @@ struct Restored
 
 // The number of a user, 0 for none.
 qint64 uidOf(const QString &account);
+
+// Why a request to the agent did not do what was asked; empty when it did.
+QString problemOf(const Answer &answer);
 
 // What of a state runs by itself, in words; empty for nothing.
 QString jobsText(const AccountState &state);

@@ -1,0 +1,270 @@
+"""How far the tools for many servers go: corvctl and Ansible's inventory with up to 1,000 hosts, over an ssh that is a stand-in.
+
+Each host of the inventory answers after the time that a login over a network takes. What is counted is the client's: its time, how
+many connections it has open at once, the memory of its processes. Usage: bench_many.py [HOSTS...]"""
+
+import ctypes
+import os
+import pathlib
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+TREE = pathlib.Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(TREE / "tests" / "host"))
+
+from hostfloor import OUTSIDE, Host  # noqa: E402
+
+CORVCTL = pathlib.Path(os.environ.get("CORV_CTL", TREE / "build-bench/bin/corvctl"))
+COUNTS = [10, 100, 1000]
+# Of a login with a key over some ten milliseconds of network.
+LOGIN_MS = 150
+ROUNDS = 11
+CLONE_NEWNS = 0x20000
+ANSIBLE_PATH = "ANSIBLE_COLLECTIONS_PATHS"
+
+# Says when it began and ended, so that how many there were at once is known afterwards. It answers one request of the protocol, or
+# the commands that print a line.
+SSH = r"""
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <unistd.h>
+
+static void note(const char *what)
+{
+    struct timespec now;
+    char line[64];
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    const int length = snprintf(line, sizeof line, "%lld.%09ld %s\n", (long long)now.tv_sec, now.tv_nsec, what);
+    const int log = open(getenv("BENCH_LOG"), O_WRONLY | O_APPEND | O_CREAT, 0600);
+    if (write(log, line, (size_t)length) != length)
+        _exit(9);
+    close(log);
+}
+
+static void reply(const char *text)
+{
+    if (write(1, text, strlen(text)) < 0)
+        _exit(9);
+}
+
+int main(int argc, char **argv)
+{
+    char request[65536];
+    note("+");
+    usleep(LOGIN_MS * 1000);
+    if (argc > 5 && strcmp(argv[5], "proxy") == 0) {
+        if (read(0, request, sizeof request) > 0)
+            reply("{\"ok\":true,\"pong\":true,\"version\":\"1.0\"}\n");
+    } else {
+        reply("{\"ok\":true,\"accounts\":[]}\n");
+    }
+    note("-");
+    return 0;
+}
+"""
+
+
+def make_ssh(folder):
+    """A folder for PATH with the stand-in."""
+    tools = folder / "tools"
+    tools.mkdir()
+    (folder / "ssh.c").write_text(SSH)
+    subprocess.run(["cc", "-O2", f"-DLOGIN_MS={LOGIN_MS}", "-o", tools / "ssh", folder / "ssh.c"], check=True)
+    return tools
+
+
+def enter_mounts(folder):
+    """From here on /etc is this process's own, so that it can have a hosts file of its own."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.unshare(CLONE_NEWNS) != 0:
+        raise OSError(ctypes.get_errno(), "unshare")
+    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", folder], check=True)
+    for name in ("upper", "work"):
+        (folder / name).mkdir()
+    options = f"lowerdir=/etc,upperdir={folder}/upper,workdir={folder}/work"
+    subprocess.run(["mount", "-t", "overlay", "overlay", "-o", options, "/etc"], check=True)
+    pathlib.Path("/etc/corvane").mkdir(exist_ok=True)
+
+
+def write_hosts(count):
+    """An inventory of so many hosts, in groups of twenty."""
+    lines = []
+    for number in range(count):
+        if number % 20 == 0:
+            lines.append(f"[rack{number // 20}]")
+        lines.append(f"root@web{number}.example")
+    pathlib.Path("/etc/corvane/hosts").write_text("\n".join(lines) + "\n")
+
+
+def most_at_once(log):
+    """How many were open at the same time, of the lines with their beginnings and ends."""
+    events = sorted((float(line.split()[0]), 1 if line.endswith("+") else -1) for line in log.read_text().splitlines())
+    now = most = 0
+    for _, change in events:
+        now += change
+        most = max(most, now)
+    return most
+
+
+def memory_of(process, proc="/proc"):
+    """The memory of a process and all below it that is not another one's too, in MiB; what has ended has none."""
+    total = 0
+    waiting = [process]
+    while waiting:
+        one = waiting.pop()
+        try:
+            lines = pathlib.Path(f"{proc}/{one}/smaps_rollup").read_text().splitlines()
+            waiting += map(int, pathlib.Path(f"{proc}/{one}/task/{one}/children").read_text().split())
+        except OSError:
+            continue
+        total += sum(int(line.split()[1]) for line in lines if line.startswith("Pss:"))
+    return total / 1024
+
+
+def measured(argv, env):
+    """Runs it: (seconds, seconds of processor time, MiB at most, standard output)."""
+    peak = 0.0
+    before = os.times()
+    began = time.monotonic()
+    with tempfile.TemporaryFile("w+") as out, subprocess.Popen(argv, env=env, stdout=out, stderr=subprocess.DEVNULL,
+                                                              stdin=subprocess.DEVNULL) as process:
+        ended = threading.Event()
+
+        def look():
+            nonlocal peak
+            while not ended.wait(0.1):
+                peak = max(peak, memory_of(process.pid))
+
+        looking = threading.Thread(target=look)
+        looking.start()
+        code = process.wait()
+        seconds = time.monotonic() - began
+        ended.set()
+        looking.join()
+        after = os.times()
+        out.seek(0)
+        text = out.read()
+    if code != 0:
+        raise SystemExit(f"{argv} ended with {code}")
+    used = after.children_user - before.children_user + after.children_system - before.children_system
+    return seconds, used, peak, text
+
+
+def corvctl_row(count, folder, tools):
+    log = folder / f"log{count}"
+    env = {"PATH": f"{tools}:/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root", "BENCH_LOG": str(log)}
+    seconds, used, peak, text = measured([CORVCTL, "-H", "@all", "--json", "call", "ping"], env)
+    if text.count('"ok":true') != count:
+        raise SystemExit(f"{text.count(chr(10))} answers of {count}")
+    print(f"| `corvctl -H @all call ping`, {count} hosts | {seconds:.1f} s | {used:.1f} s | {most_at_once(log)} | {peak:.0f} MiB |",
+          flush=True)
+
+
+def make_collection(folder):
+    """Where Ansible looks for collections: the one of this tree, under its name."""
+    place = folder / "collections/ansible_collections/corvane/server"
+    place.parent.mkdir(parents=True)
+    shutil.copytree(TREE / "ansible", place)
+    return folder / "collections"
+
+
+def ansible_row(count, collections):
+    env = {"PATH": os.environ["PATH"], "HOME": str(collections), ANSIBLE_PATH: str(collections),
+           "ANSIBLE_INVENTORY_ENABLED": "corvane.server.hosts", "LC_ALL": "C.UTF-8"}
+    seconds, used, peak, text = measured(["ansible-inventory", "-i", "/etc/corvane/hosts", "--list"], env)
+    if f"web{count - 1}.example" not in text:
+        raise SystemExit("the inventory is not whole")
+    print(f"| `ansible-inventory --list`, {count} hosts | {seconds:.1f} s | {used:.1f} s | none | {peak:.0f} MiB |", flush=True)
+
+
+# Sites like the one of the first account, each with names of its own. A mark may be one for all: it is asked for under a name.
+MORE_FORWARDS = r"""
+cd /etc/apache2/sites-available
+for i in $(seq 2 "$1"); do
+    sed "s/many1/many$i/g" 001-moved-many1.conf >"001-moved-many$i.conf"
+    ln -s "../sites-available/001-moved-many$i.conf" ../sites-enabled/
+done
+systemctl restart apache2
+"""
+FORWARDS = [1, 100, 1000]
+
+
+def forward_rows(old):
+    """What it takes to lead one more account on, from a server that has led on so many; a web server outside is the new one."""
+    for name in ("many1", "last"):
+        old.ok(["corvctl", "account", "create", name, f"{name}.example"])
+        old.ok(["corvctl", "account", "suspend", name])
+
+    def forward(name):
+        return old.ok(["corvctl", "account", "forward", name, OUTSIDE, "--key-file", "-"], input="0" * 32 + "\n")
+
+    with tempfile.TemporaryDirectory() as folder, old.serving(folder):
+        forward("many1")
+        there = 1
+        for count in FORWARDS:
+            old.ok(["sh", "-c", MORE_FORWARDS.replace("seq 2", f"seq {there + 1}"), "sh", str(count)], timeout=300)
+            there = count
+            old.wait_for(lambda: old.fetch(f"many{count}.example").status == 200, "Apache's start", 60)
+            memory = memory_of(int(old.main_process("apache2")), f"/proc/{old._first}/root/proc")
+            began = time.monotonic()
+            forward("last")
+            seconds = time.monotonic() - began
+            print(f"| `corvctl account forward`, {count} led on already | {seconds:.2f} s | | | Apache {memory:.0f} MiB |", flush=True)
+            old.ok(["corvctl", "account", "forward", "last", "off"])
+
+
+def real_row(package):
+    """What a command takes over real ssh, between two booted hosts."""
+    hosts = [Host(f"many-{os.getpid()}-{number}") for number in range(2)]
+    try:
+        for host in hosts:
+            host.install(package)
+        here, there = hosts
+        here.ok(["sh", "-ec", "mkdir -pm 700 /root/.ssh; ssh-keygen -qt ed25519 -N '' -f /root/.ssh/id_ed25519"])
+        there.ok(["mkdir", "-pm", "700", "/root/.ssh"])
+        there.put("/root/.ssh/authorized_keys", here.get("/root/.ssh/id_ed25519.pub"), mode="600")
+        with here.reaching(there, 22):
+            here.put("/root/.ssh/known_hosts", here.ok(["ssh-keyscan", "-T", "20", OUTSIDE]))
+            for words in (["call", "ping"], ["status"]):
+                times = []
+                for _ in range(ROUNDS):
+                    began = time.monotonic()
+                    here.ok(["corvctl", "-H", f"root@{OUTSIDE}", *words])
+                    times.append(time.monotonic() - began)
+                print(f"| `corvctl -H root@web {' '.join(words)}`, real ssh | {statistics.median(times):.2f} s | | 1 | |", flush=True)
+        forward_rows(there)
+    finally:
+        for host in hosts:
+            host.stop()
+
+
+def main():
+    counts = [int(word) for word in sys.argv[1:]] or COUNTS
+    package = os.environ.get("CORV_PACKAGE") or subprocess.run(
+        [TREE / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()[-1]
+    print("| what | time | processor | connections at once | memory |\n| --- | --- | --- | --- | --- |", flush=True)
+    real_row(package)
+    with tempfile.TemporaryDirectory() as name:
+        folder = pathlib.Path(name)
+        enter_mounts(folder)
+        tools = make_ssh(folder)
+        collections = make_collection(folder)
+        for count in counts:
+            write_hosts(count)
+            corvctl_row(count, folder, tools)
+            if shutil.which("ansible-inventory"):
+                ansible_row(count, collections)
+        # The rest is this process's own name space, and ends with it.
+        subprocess.run(["umount", "-l", "/etc", str(folder)], check=False)
+
+
+main()

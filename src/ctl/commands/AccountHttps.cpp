@@ -1,0 +1,86 @@
+#include "ctl/commands/Account.h"
+
+#include "common/Account.h"
+#include "common/AtomicFile.h"
+#include "common/HttpsFiles.h"
+#include "ctl/Command.h"
+#include "ctl/Interrupt.h"
+#include "ctl/Session.h"
+#include "ctl/commands/Https.h"
+#include "ctl/https/Apache.h"
+#include "ctl/https/Own.h"
+#include "ctl/https/View.h"
+
+#include <QDateTime>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+// Checks and copies a certificate that was brought; gives why it is not used, empty where it is.
+QString bring(const Given &given, const QString &account, const QString &domain, https::SiteOptions *options)
+{
+    const Brought brought = readBrought(given.text("--cert"), given.text("--key"));
+    QStringList names{domain};
+    if (!options->noWww)
+        names.append(u"www."_s + domain);
+    QString problem = checkOwn(brought, names, QDateTime::currentSecsSinceEpoch());
+    if (problem.isEmpty())
+        options->own = keepOwn(account, brought, &problem);
+    return problem;
+}
+
+// What has become of the account's site in the reload; empty where all is as it was chosen.
+QString whatBecame(const QString &account)
+{
+    const std::optional<https::State> state = readHttps();
+    if (!state)
+        return u"HTTPS is off for all; corvctl https on switches it on"_s;
+    if (const std::optional<HttpsSite> site = readHttpsSite(account, *state, QDateTime::currentSecsSinceEpoch()))
+        return site->remark;
+    return u"its site is not enabled, or not as the agent writes it"_s;
+}
+
+} // namespace
+
+int accountHttps(Session &session, const Given &given)
+{
+    const QString account = given.text("ACCOUNT");
+    if (const std::optional<int> end = refuseUnlessHere(session, u"account https "_s + account))
+        return *end;
+    if (!hosting::validUsername(account) || !hosting::isOurs(account))
+        return refuseNoAccount(session, account);
+    if (given.has("--cert") != given.has("--key"))
+        return fail(kWrongUsage, u"--cert and --key go together"_s);
+    https::SiteOptions options;
+    options.off = given.text("on|off") == "off"_L1;
+    if (options.off && (given.has("--redirect") || given.has("--hsts") || given.has("--no-www") || given.has("--cert")))
+        return fail(kWrongUsage, u"what is off has no options"_s);
+    options.redirect = given.has("--redirect");
+    options.hsts = given.has("--hsts");
+    options.noWww = given.has("--no-www");
+
+    const InterruptGuard guard;
+    if (!https::makeFolders())
+        return refuse(session, u"cannot make the folders for HTTPS"_s);
+    if (given.has("--cert")) {
+        if (const QString problem = bring(given, account, hosting::domainOf(account), &options); !problem.isEmpty())
+            return refuse(session, u"the certificate is not used: "_s + problem);
+    }
+    if (!replaceFile(https::optionsPath(account), https::optionsText(options), 0644))
+        return refuse(session, u"cannot write %1"_s.arg(https::optionsPath(account)));
+    if (readHttps()) {
+        if (const QString problem = reloadApache(); !problem.isEmpty())
+            return refuse(session, problem);
+    }
+    if (session.options.json)
+        print("{\"ok\":true}\n");
+    else if (!session.options.plain)
+        printLine(u"%1 has HTTPS %2"_s.arg(account, options.off ? u"off"_s : u"on"_s));
+    if (const QString remark = whatBecame(account); !options.off && !remark.isEmpty())
+        note(u"%1: %2"_s.arg(account, remark));
+    return kDone;
+}
+
+} // namespace corv::ctl

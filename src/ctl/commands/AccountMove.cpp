@@ -1,0 +1,157 @@
+#include "common/Account.h"
+#include "common/BackupConfig.h"
+#include "common/Json.h"
+#include "ctl/Command.h"
+#include "ctl/Input.h"
+#include "ctl/Session.h"
+#include "ctl/Settings.h"
+#include "ctl/Turn.h"
+#include "ctl/commands/Account.h"
+#include "ctl/commands/MoveText.h"
+#include "ctl/commands/RestoreText.h"
+#include "ctl/move/Forward.h"
+#include "ctl/move/Move.h"
+#include "ctl/move/Plan.h"
+#include "ctl/remote/Remote.h"
+#include "ctl/restore/Restore.h"
+#include "ctl/screen/Escape.h"
+
+#include <QSettings>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl {
+namespace {
+
+using moving::Check;
+
+// What goes on with an account that is here already, half made, has its name, and files that need no more room.
+QList<Check> checksFor(const moving::There &there, const moving::Record &record)
+{
+    QList<Check> checks = checksOf(there, moving::lookHere(there));
+    if (record.begun != 0 && uidOf(record.account) != 0 && isMade(record))
+        checks.removeIf([](const Check &check) { return check.about == "Account"_L1 || check.about == "Room"_L1; });
+    return checks;
+}
+
+// Asks for the account and holds both servers against each other. Gives the status to end with where it cannot be
+// moved.
+std::optional<int> plan(const Session &session, const Given &given, moving::Task *task)
+{
+    const moving::Record &record = task->record;
+    QString problem;
+    int status = kDone;
+    const std::optional<moving::There> there =
+        moving::lookThere(session.options, record.host, record.account, &problem, &status);
+    if (!there)
+        return status == kRefused ? refuse(session, problem) : fail(status, problem);
+    task->state = there->state;
+    const QList<Check> checks = checksFor(*there, record);
+    const bool isDry = given.has("--dry-run");
+    if (const std::optional<int> end = tellPlan(session, record, *there, checks, isDry))
+        return end;
+    return isDry ? std::optional(kDone) : std::nullopt;
+}
+
+// What is to be done for what a record tells of, or for none. Gives the status to end with where nothing is.
+std::optional<int> begin(const Session &session, const Given &given, moving::Task *task)
+{
+    moving::Record &record = task->record;
+    // It has been here, and is gone since; whoever has its name now is somebody else.
+    if (record.done.contains(moving::kDecided) && (uidOf(record.account) == 0 || !isMade(record))) {
+        moving::removeRecord(record.account);
+        record = {record.account, given.text("HOST"), {}, 0, 0, 0, {}};
+    }
+    if (record.host != given.text("HOST")) {
+        return refuse(session, u"a move of %1 from %2 is under way here"_s.arg(record.account, record.host),
+                      goOnWith(record) + u" goes on with it"_s);
+    }
+    if (given.has("--dry-run"))
+        return plan(session, given, task);
+    if (const QString problem = endSwitch(task); !problem.isEmpty())
+        return fail(kNoConnection, u"which of the two servers has %1 cannot be told: %2"_s.arg(record.account, problem),
+                    u"the same command asks again"_s);
+    if (record.done.contains(moving::kDecided))
+        return {};
+    if (const std::optional<int> end = plan(session, given, task))
+        return end;
+    if (given.has("--rehearse"))
+        return {};
+    const std::optional<QString> typed = confirmation(
+        session, u"This takes %1 off-line there for some seconds, and on-line here. Type %1 to go on:"_s.arg(
+                     escaped(record.account)));
+    if (!typed)
+        return kWrongUsage;
+    if (*typed != record.account)
+        return fail(kWrongUsage, u"that is not the account's name, so nothing was moved"_s);
+    return {};
+}
+
+// The end of what is left of a move that is done: the old address leads here no more.
+int endMove(const Session &session, const moving::Record &record)
+{
+    if (!record.done.contains(moving::kDecided))
+        return refuse(session, u"%1 has not moved here from %2"_s.arg(record.account, record.host));
+    const QString problem = moving::endOldAddress(session.options, record.host, record.account);
+    if (!problem.isEmpty())
+        return refuse(session, problem, u"the same command tries again"_s);
+    moving::removeRecord(record.account);
+    const QString sentence = u"%1 leads nobody to %2 any more"_s.arg(record.host, record.account);
+    if (session.options.json)
+        print(compactJson({{u"ok"_s, true}, {u"account"_s, record.account}, {u"host"_s, record.host}}) + '\n');
+    else
+        printLine(escaped(sentence));
+    return kDone;
+}
+
+// ssh may need the agent of the administrator's keys; all else of his stays away from programs that run as accounts.
+void bareButForSsh()
+{
+    const QByteArray keys = qgetenv("SSH_AUTH_SOCK");
+    bareEnvironment();
+    if (!keys.isEmpty())
+        qputenv("SSH_AUTH_SOCK", keys);
+}
+
+} // namespace
+
+int moveOfAccount(Session &session, const Given &given)
+{
+    if (given.has("--all") && given.has("--end"))
+        return fail(kWrongUsage, u"--end is said of one account at a time"_s);
+    if (given.has("--all"))
+        return moveOfAllAccounts(session, given);
+    if (!given.has("HOST"))
+        return fail(kWrongUsage, u"HOST is required: the server that it is to come from"_s);
+    const QString account = given.text("ACCOUNT");
+    const QString host = given.text("HOST");
+    if (const std::optional<int> end = refuseElsewhere(session, u"account move"_s))
+        return *end;
+    // It is put into the words of a shell over there.
+    if (!hosting::validUsername(account))
+        return fail(kWrongUsage, u"%1 is no name of an account"_s.arg(account));
+    if (const QString problem = hostProblem(host); !problem.isEmpty())
+        return fail(kWrongUsage, problem);
+    if (given.has("--dry-run") + given.has("--rehearse") + given.has("--end") > 1)
+        return fail(kWrongUsage, u"--dry-run, --rehearse and --end are different things: choose one"_s);
+    bareButForSsh();
+    QString problem;
+    const bool isDry = given.has("--dry-run");
+    const Fd turn = isDry ? Fd() : takeTurn(moving::lockOf(account), u"Another move of %1"_s.arg(account), &problem);
+    if (!turn && !isDry)
+        return refuse(session, problem);
+
+    const backup::Config config = backup::load(QSettings(settingsPath(session.options), QSettings::IniFormat));
+    moving::Record fresh;
+    fresh.account = account;
+    fresh.host = host;
+    moving::Task task = {session, config, sayer(session, account), moving::readRecord(account).value_or(fresh), {}, {}};
+    if (given.has("--end"))
+        return endMove(session, task.record);
+    if (const std::optional<int> end = begin(session, given, &task))
+        return *end;
+    const moving::Moved done = moveAccount(&task, given.has("--rehearse"));
+    return tellMoved(session, task.record, done);
+}
+
+} // namespace corv::ctl

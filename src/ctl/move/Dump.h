@@ -1,0 +1,32 @@
+#pragma once
+
+#include "common/BackupConfig.h"
+#include "ctl/move/Shell.h"
+
+#include <QString>
+
+namespace corv::ctl {
+
+struct Session;
+
+namespace moving {
+
+// The words of the command that dumps an account's database on the old server.
+QStringList dumpCommand(const QString &account);
+
+// Writes what it prints into the account's file here, a new one of root's alone. Returns why it is not whole: the
+// command's own end says whether it is.
+QString takeDump(Remote *from, const QString &account);
+
+// Reads that file to its end, as a program without rights does. Returns what is wrong with it.
+QString checkDump(const QString &account);
+
+// Has the agent load it as the account's own role, in the place of what the database has. tables gets how many it has
+// then. Returns why not all of it is there.
+QString loadDump(Session &session, const backup::Config &config, const QString &account, int *tables);
+
+// Removes the file.
+void dropDump(const QString &account);
+
+} // namespace moving
+} // namespace corv::ctl

@@ -1,0 +1,77 @@
+#include "ctl/Session.h"
+#include "ctl/move/Forward.h"
+#include "ctl/move/Move.h"
+#include "ctl/restore/Apply.h"
+#include "ctl/restore/Kept.h"
+#include "ctl/restore/Restore.h"
+
+#include <QDateTime>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl::moving {
+namespace {
+
+// What of the account runs by itself, now that there is something for it to work on, and its login.
+void applyRest(Task *task)
+{
+    const AccountState &state = task->state;
+    QStringList &lost = task->done.lost;
+    if (!state.isSuspended) {
+        lost += applyLogin(state, state.username);
+        lost += applyJobs(state, state.username, QDateTime::currentSecsSinceEpoch());
+        lost += applyLinger(state, state.username);
+    }
+    lost += applyCrontab(state, state.username);
+    if (const qint64 limit = state.limitMb.value_or(0); limit > 0) {
+        const QString problem =
+            problemOf(ask(task->session, u"quota.set"_s, {{u"username"_s, state.username}, {u"mb"_s, limit}}));
+        if (!problem.isEmpty())
+            lost.append(u"the limit of %1 MiB: %2"_s.arg(limit).arg(problem));
+    }
+    for (const QString &what : state.leftOut)
+        lost.append(u"some of the %1, of which there was too much to be written down"_s.arg(what));
+    lost += databaseDifferences(state, state.username);
+}
+
+// Visitors who still come to the old address are led on here, before anything that nobody waits for.
+void leadHere(Task *task)
+{
+    if (task->state.isSuspended)
+        return; // both servers say the same of it
+    task->say(u"leading its old address on to here"_s);
+    const Record &record = task->record;
+    const OldAddress old = leadOldAddress(task->session.options, record.host, record.account, task->state.domain);
+    const auto isLost = [task](const QString &what, const QString &problem) {
+        if (!problem.isEmpty())
+            task->done.lost.append(what + problem);
+    };
+    isLost(u"its old address: "_s, old.problem);
+    isLost(u"its old address on port 443: "_s, old.httpsProblem);
+    isLost(u"the visitors' own addresses in its log: "_s, old.logProblem);
+    if (old.problem.isEmpty()) {
+        task->done.address = old.address;
+        (void)keepDone(&task->record, kForwarded);
+    }
+}
+
+} // namespace
+
+void finish(Task *task)
+{
+    if (const auto kept = readState(moveFile(task->record.account, u"state"_s), task->record.account))
+        task->state = *kept;
+    if (!task->record.done.contains(kForwarded))
+        leadHere(task);
+    if (!task->record.done.contains(kFinished)) {
+        task->say(u"putting back its login, jobs and limit"_s);
+        applyRest(task);
+        (void)keepStates(); // the backup before the next one to write it down is the next
+    }
+    task->say(u"looking at the site"_s);
+    task->done.seen = lookAtSite(task->record.account, task->state.isSuspended);
+    if (!keepDone(&task->record, kFinished))
+        task->done.lost.append(u"that this move is done could not be kept in %1"_s.arg(kMoves));
+}
+
+} // namespace corv::ctl::moving

@@ -1,0 +1,150 @@
+#include "ctl/move/Move.h"
+
+#include "ctl/Interrupt.h"
+#include "ctl/RestoreJournal.h"
+#include "ctl/Session.h"
+#include "ctl/Turn.h"
+#include "ctl/move/Dump.h"
+#include "ctl/move/Listing.h"
+#include "ctl/move/Place.h"
+#include "ctl/move/Pull.h"
+#include "ctl/restore/Restore.h"
+
+#include <QDateTime>
+#include <QElapsedTimer>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl::moving {
+namespace {
+
+constexpr int kLongestMs = 12 * 3'600'000;
+
+QString nothingKept()
+{
+    return u"nothing can be kept in %1"_s.arg(kMoves);
+}
+
+QString create(Task *task)
+{
+    Record &record = task->record;
+    // The agent may still be at the creation that was asked for then: it answers behind that.
+    if (record.begun != 0)
+        (void)ask(task->session, u"ping"_s);
+    if (record.begun != 0 && uidOf(record.account) != 0) {
+        if (!isMade(record))
+            return u"there is a user %1 here that this move has not made"_s.arg(record.account);
+        endAttempt(record.account);
+        record.uid = uidOf(record.account);
+        return keepDone(&record, kCreated) ? QString() : nothingKept();
+    }
+    record.uid = 0;
+    record.done.clear();
+    record.begun = QDateTime::currentSecsSinceEpoch();
+    record.domain = task->state.domain;
+    if (!keepRecord(record))
+        return nothingKept();
+    task->say(u"making the account here"_s);
+    const Answer answer =
+        ask(task->session, u"hosting.create"_s, {{u"username"_s, record.account}, {u"domain"_s, record.domain}});
+    if (!answer.ok()) {
+        // What the agent refuses it takes back.
+        if (answer.fate == Answer::Fate::Replied)
+            removeRecord(record.account);
+        return problemOf(answer);
+    }
+    record.uid = uidOf(record.account);
+    return keepDone(&record, kCreated) ? QString() : nothingKept();
+}
+
+QString pull(Task *task)
+{
+    task->say(u"bringing the files, while the site is served there"_s);
+    const QString &account = task->record.account;
+    Pull files;
+    Gate list;
+    QString problem = files.open(task->record.host, account);
+    if (problem.isEmpty())
+        problem = files.start();
+    QString unread; // told of at the switch
+    if (problem.isEmpty())
+        problem = files.wait(
+            kLongestMs, [] { return !interrupted(); }, &unread);
+    if (problem.isEmpty())
+        problem = list.open(task->record.host, listingCommand(account));
+    if (problem.isEmpty())
+        problem = list.pass();
+    if (!problem.isEmpty())
+        return problem;
+    if (const auto listing = takeListing(&list))
+        prepareCome(account, *listing);
+    return {};
+}
+
+QString rehearse(Task *task)
+{
+    const QString &account = task->record.account;
+    task->say(u"bringing the database, and loading it here"_s);
+    QElapsedTimer clock;
+    clock.start();
+    Remote dump;
+    QString problem = dump.start(task->record.host, dumpCommand(account));
+    if (problem.isEmpty())
+        problem = takeDump(&dump, account);
+    const qint64 dumped = clock.elapsed();
+    if (problem.isEmpty())
+        problem = checkDump(account);
+    // A switch that was not decided may have left the role without a login.
+    (void)ask(task->session, u"hosting.resume"_s, {{u"username"_s, account}});
+    // The agent takes one dump at a time from whoever lends it.
+    QString noTurn;
+    const Fd turn = takeTurn(kRestoreLock, u"Another restore or move"_s, &noTurn);
+    if (!turn && problem.isEmpty())
+        problem = noTurn.isEmpty() ? u"it was interrupted"_s : noTurn;
+    clock.restart();
+    if (problem.isEmpty())
+        problem = loadDump(task->session, task->config, account, &task->done.tables);
+    dropDump(account);
+    task->record.rehearsed = dumped + clock.elapsed();
+    task->done.rehearsed = task->record.rehearsed;
+    return problem;
+}
+
+} // namespace
+
+QString prepare(Task *task)
+{
+    using Step = QString (*)(Task *);
+    for (const Step step : {Step(create), Step(pull), Step(rehearse)}) {
+        const QString problem = interrupted() ? u"it was interrupted"_s : step(task);
+        if (!problem.isEmpty())
+            return interrupted() ? u"it was interrupted"_s : problem;
+    }
+    return keepDone(&task->record, kRehearsed) ? QString() : nothingKept();
+}
+
+Moved moveAccount(Task *task, bool isRehearsal)
+{
+    const InterruptGuard guard;
+    const auto failed = [task](const QString &problem) {
+        task->done.problem = problem;
+        task->done.status = interrupted() ? interruptedStatus() : kRefused;
+        task->done.isDecided = task->record.done.contains(kDecided);
+        return task->done;
+    };
+    if (!task->record.done.contains(kDecided)) {
+        if (const QString problem = prepare(task); !problem.isEmpty())
+            return failed(problem);
+        if (isRehearsal)
+            return task->done;
+        if (const QString problem = switchOver(task); !problem.isEmpty())
+            return failed(problem);
+    }
+    task->done.isDecided = true;
+    finish(task);
+    const bool isWell = task->done.seen && task->done.seen->isWell;
+    task->done.status = isWell && task->done.lost.isEmpty() ? kDone : kRefused;
+    return task->done;
+}
+
+} // namespace corv::ctl::moving

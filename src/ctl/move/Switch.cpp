@@ -1,0 +1,201 @@
+#include "ctl/Interrupt.h"
+#include "ctl/RestoreJournal.h"
+#include "ctl/Session.h"
+#include "ctl/Turn.h"
+#include "ctl/move/Dump.h"
+#include "ctl/move/Listing.h"
+#include "ctl/move/Move.h"
+#include "ctl/move/Place.h"
+#include "ctl/move/Pull.h"
+#include "ctl/move/Verdict.h"
+#include "ctl/restore/Apply.h"
+#include "ctl/restore/Restore.h"
+
+#include "common/AtomicFile.h"
+
+#include <QDateTime>
+#include <QElapsedTimer>
+
+#include <algorithm>
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::ctl::moving {
+namespace {
+
+constexpr mode_t kFileMode = 0600;
+// The timer over there, for accounts whose database needs no more; for others so many times what the rehearsal took.
+constexpr qint64 kTimerSeconds = 120;
+constexpr qint64 kRehearsals = 4;
+constexpr qint64 kMsInSecond = 1000;
+
+int timerSeconds(const Record &record)
+{
+    return static_cast<int>(std::max(kTimerSeconds, kRehearsals * record.rehearsed / kMsInSecond));
+}
+
+// The connections that the switch needs, made while the account is still served.
+struct Ways
+{
+    Shell shell;
+    Pull files;
+    Gate list;
+    Gate dump;
+};
+
+QString openWays(Ways *ways, const Record &record)
+{
+    QString problem = ways->shell.open(record.host);
+    if (problem.isEmpty())
+        problem = ways->files.open(record.host, record.account);
+    if (problem.isEmpty())
+        problem = ways->list.open(record.host, listingCommand(record.account));
+    return problem.isEmpty() ? ways->dump.open(record.host, dumpCommand(record.account)) : problem;
+}
+
+// Once more, since the account was served until now; and kept, since afterwards it would be that of a suspended one.
+QString takeState(Task *task, Shell *shell)
+{
+    QString problem;
+    const std::optional<AccountState> state = stateThere(shell, task->record.account, &problem);
+    if (!state)
+        return problem;
+    task->state = *state;
+    return replaceFile(moveFile(task->record.account, u"state"_s), stateLine(*state), kFileMode)
+               ? QString()
+               : u"nothing can be kept in %1"_s.arg(kMoves);
+}
+
+QString takeDatabase(Task *task, Gate *dump)
+{
+    const QString &account = task->record.account;
+    if (const QString problem = dump->pass(); !problem.isEmpty())
+        return problem;
+    if (const QString problem = takeDump(&dump->remote(), account); !problem.isEmpty())
+        return problem;
+    if (const QString problem = loadDump(task->session, task->config, account, &task->done.tables); !problem.isEmpty())
+        return problem;
+    if (applyRoleAtOnce(task->state, account))
+        return {};
+    bool isLost = false;
+    task->done.lost = applyRole(task->state, account, &isLost);
+    return isLost ? task->done.lost.join("; "_L1) : QString();
+}
+
+// What is suspended can be given no jobs of at any more, and must not be seen while its files come.
+QString suspendHere(Task *task)
+{
+    if (!task->state.isSuspended)
+        return {};
+    const QString &account = task->record.account;
+    task->done.lost += applyLogin(task->state, account);
+    task->done.lost += applyJobs(task->state, account, QDateTime::currentSecsSinceEpoch());
+    task->done.lost += applyLinger(task->state, account);
+    return problemOf(ask(task->session, u"hosting.suspend"_s, {{u"username"_s, account}}));
+}
+
+// All that comes between the account's suspension there and the decision.
+QString bringOver(Task *task, Ways *ways)
+{
+    // What neither needs the other for goes on at the same time.
+    if (const QString problem = ways->files.start(); !problem.isEmpty())
+        return problem;
+    if (const QString problem = ways->list.pass(); !problem.isEmpty())
+        return problem;
+    if (const QString problem = takeDatabase(task, &ways->dump); !problem.isEmpty())
+        return problem;
+    QString unread;
+    const int longest = timerSeconds(task->record) * static_cast<int>(kMsInSecond);
+    if (const QString problem = ways->files.wait(
+            longest, [] { return !interrupted(); }, &unread);
+        !problem.isEmpty())
+        return problem;
+    if (!unread.isEmpty())
+        task->done.lost.append(u"files that its user may not read there: "_s + unread);
+    const std::optional<QList<ArchiveEntry>> listing = takeListing(&ways->list);
+    if (!listing)
+        return u"the home over there could not be listed"_s;
+    task->done.entries = listing->size();
+    if (const QString problem = suspendHere(task); !problem.isEmpty())
+        return problem;
+    if (!keepDone(&task->record, kPlacing))
+        return u"nothing can be kept in %1"_s.arg(kMoves);
+    return putComeInPlace(task->record.account, *listing);
+}
+
+// The connection may be what has failed: another one is made.
+QString goBack(Task *task, bool *isOurs)
+{
+    Shell shell;
+    QString problem = shell.open(task->record.host);
+    if (problem.isEmpty())
+        problem = giveUp(&shell, task->record.account, !task->state.isSuspended, isOurs);
+    if (problem.isEmpty() && *isOurs && !keepDone(&task->record, kDecided))
+        problem = u"nothing can be kept in %1"_s.arg(kMoves);
+    if (!problem.isEmpty() || *isOurs)
+        return problem;
+    if (task->record.done.contains(kPlacing) && uidOf(task->record.account) != 0)
+        problem = takeBack(task->record.account);
+    if (problem.isEmpty())
+        (void)keepUndone(&task->record, {kPlacing, kSwitching});
+    return problem;
+}
+
+} // namespace
+
+QString endSwitch(Task *task)
+{
+    if (!task->record.done.contains(kSwitching) || task->record.done.contains(kDecided))
+        return {};
+    if (const auto kept = readState(moveFile(task->record.account, u"state"_s), task->record.account))
+        task->state = *kept;
+    task->say(
+        u"an earlier attempt was cut off in the switch: asking the old server which of the two has the account"_s);
+    bool isOurs = false;
+    return goBack(task, &isOurs);
+}
+
+QString switchOver(Task *task)
+{
+    const QString &account = task->record.account;
+    QString problem;
+    // The agent takes one dump at a time from whoever lends it.
+    const Fd turn = takeTurn(kRestoreLock, u"Another restore or move"_s, &problem);
+    Ways ways;
+    if (turn)
+        problem = openWays(&ways, task->record);
+    if (problem.isEmpty())
+        problem = takeState(task, &ways.shell);
+    if (!turn || !problem.isEmpty())
+        return problem.isEmpty() ? u"it was interrupted"_s : problem;
+
+    const bool wasOnline = !task->state.isSuspended;
+    task->done.timer = timerSeconds(task->record);
+    if (!keepDone(&task->record, kSwitching))
+        return u"nothing can be kept in %1"_s.arg(kMoves);
+    task->say(wasOnline
+                  ? u"taking it off-line there; if this ends now, it is back there after %1 s"_s.arg(task->done.timer)
+                  : u"it is suspended there, and is brought so"_s);
+    problem = beginSwitch(&ways.shell, account, wasOnline, task->done.timer);
+    QElapsedTimer clock;
+    clock.start();
+    if (problem.isEmpty() && wasOnline)
+        problem = suspendThere(&ways.shell, account);
+    if (problem.isEmpty())
+        problem = interrupted() ? u"it was interrupted"_s : bringOver(task, &ways);
+    if (problem.isEmpty())
+        problem = interrupted() ? u"it was interrupted"_s : decide(&ways.shell, account);
+    if (problem.isEmpty()) {
+        if (wasOnline)
+            task->done.offline = clock.elapsed();
+        dropDump(account);
+        return keepDone(&task->record, kDecided) ? QString() : u"nothing can be kept in %1"_s.arg(kMoves);
+    }
+    bool isOurs = false;
+    const QString worse = goBack(task, &isOurs);
+    task->done.isBack = worse.isEmpty();
+    dropDump(account);
+    return isOurs ? QString() : problem;
+}
+
+} // namespace corv::ctl::moving

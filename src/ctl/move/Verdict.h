@@ -1,0 +1,26 @@
+#pragma once
+
+#include "ctl/move/Shell.h"
+
+#include <QString>
+
+namespace corv::ctl::moving {
+
+// Which of the two servers has an account is decided on the old one, by the name of a file of root's there, and by
+// whoever renames it first: this server, once all is here, or a timer over there that brings the account back on-line.
+// A name is changed once and by one, and it outlives a restart of that server.
+
+// Lays the file down and starts the timer, for an account that is on-line there. Returns why that cannot be.
+QString beginSwitch(Shell *there, const QString &account, bool isOnline, int seconds);
+
+// Takes the account off-line there.
+QString suspendThere(Shell *there, const QString &account);
+
+// Takes it over. Returns why it stays there, empty when it is this server's: also because it was resumed meanwhile.
+QString decide(Shell *there, const QString &account);
+
+// Ends a switch that did not come to its end: takes the account back on-line there, unless it was suspended before, or
+// is this server's already, which isOurs tells then. Returns why that could not be done.
+QString giveUp(Shell *there, const QString &account, bool wasOnline, bool *isOurs);
+
+} // namespace corv::ctl::moving

@@ -1,0 +1,97 @@
+"""Two servers of which one moves accounts from the other, and who serves an account meanwhile."""
+
+import json
+import subprocess
+import threading
+import time
+from contextlib import contextmanager
+
+from hostfloor import ADDRESS, OUTSIDE
+
+KEY = "/root/.ssh/id_ed25519"
+HOST = f"root@{OUTSIDE}"
+MOVES = "/var/lib/corvane/moves"
+
+# Says the time, then the status that each of two addresses gives, again and again.
+POLL = 'while :; do printf "%s %s\\n" "$(date +%s.%N)" "$(curl -q -so /dev/null -m 5 -w "%{http_code}" -H "Host: $1" "$2")"; done'
+
+
+@contextmanager
+def reaching(new, old):
+    """A block in which root of the new server may log in as root of the old one, which reaches the new one's sites."""
+    if not new.exists(KEY):
+        new.ok(["sh", "-ec", f"mkdir -pm 700 /root/.ssh; ssh-keygen -qt ed25519 -N '' -f {KEY}"])
+    old.ok(["mkdir", "-pm", "700", "/root/.ssh"])
+    old.put("/root/.ssh/authorized_keys", new.get(f"{KEY}.pub"), mode="600")
+    with new.reaching(old, 22), old.reaching(new, 80):
+        new.put("/root/.ssh/known_hosts", new.ok(["ssh-keyscan", "-T", "20", OUTSIDE]))
+        yield
+
+
+def words(name, *options):
+    return ["corvctl", "account", "move", name, HOST, "--confirm", name, *options]
+
+
+def move(new, name, *options, timeout=240):
+    return new.run(words(name, *options), timeout=timeout)
+
+
+def record(new, name):
+    """What the new server keeps of the move, less the times."""
+    kept = json.loads(new.get(f"{MOVES}/{name}.json"))
+    return kept["done"]
+
+
+def is_suspended(host, name):
+    return host.ok(["getent", "shadow", name]).split(":")[7] == "1"
+
+
+class Watch:
+    """Who served a page, from outside of both servers, for as long as the block lasts."""
+
+    def __init__(self, hosts, domain, path="/order/7"):
+        self._seen = [[] for _ in hosts]
+        self._polls = [subprocess.Popen([*host._visiting(), "sh", "-c", POLL, "sh", domain, f"http://{ADDRESS}{path}"],
+                                        stdout=subprocess.PIPE, text=True, start_new_session=True) for host in hosts]
+        self._readers = [threading.Thread(target=self._read, args=(poll, seen)) for poll, seen in zip(self._polls, self._seen)]
+
+    @staticmethod
+    def _read(poll, seen):
+        for line in poll.stdout:
+            at, status = line.split()
+            seen.append((float(at), status))
+
+    def __enter__(self):
+        for reader in self._readers:
+            reader.start()
+        while not all(self._seen):
+            time.sleep(0.05)
+        return self
+
+    def __exit__(self, *_):
+        time.sleep(0.2)
+        for poll in self._polls:
+            subprocess.run(["kill", "-KILL", "--", f"-{poll.pid}"], check=False)
+            poll.wait()
+        for reader in self._readers:
+            reader.join()
+
+    def served(self, index):
+        """The times of the polls that one of the hosts answered with 200."""
+        return [at for at, status in self._seen[index] if status == "200"]
+
+    def statuses(self, index):
+        return {status for _, status in self._seen[index]}
+
+    def stopped(self):
+        """The time of the last page of the first host before it had none for the first time."""
+        first = next(at for at, status in self._seen[0] if status != "200")
+        return max(at for at in self.served(0) if at < first)
+
+    def gap(self):
+        """Seconds between that and the first page of the second host."""
+        return self.served(1)[0] - self.stopped()
+
+    def gap_at_the_old_address(self):
+        """Seconds between that and the next page of the first host, which leads to the second by then."""
+        return next(at for at in self.served(0) if at > self.stopped()) - self.stopped()

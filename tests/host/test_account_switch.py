@@ -1,0 +1,221 @@
+"""An account moves from one server to another: it is the same there afterwards, and at each time one of the two has it."""
+
+import re
+import subprocess
+
+import pytest
+from hostfloor import HostError
+from moves import HOST, MOVES, Watch, is_suspended, move, reaching, record, words
+from shops import everything, make_shop, page
+
+LIMIT = 400
+WELL = (200, "2000 orders, \n")
+# Where a move is ended: what it says there, or what it has written down.
+SAYS = ["making the account here", "bringing the files, while the site is served there", "bringing the database, and loading it here",
+        "taking it off-line there"]
+
+
+@pytest.fixture(scope="module")
+def old(boot):
+    """The server that has the accounts."""
+    return boot()
+
+
+@pytest.fixture(scope="module")
+def new(boot, old):
+    """The one that they come to."""
+    host = boot()
+    with reaching(host, old):
+        yield host
+
+
+@pytest.fixture
+def shop(old, new):
+    account = make_shop(old)
+    new._accounts.append((account.name, account.domain))
+    yield account
+    new.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
+    old.run(["systemctl", "stop", f"corv-move-{account.name}.timer"])
+    new.remove_accounts()
+    old.remove_accounts()
+
+
+def is_home(host, shop):
+    """Whether the host serves the shop with its page over its database."""
+    return page(host, shop) == WELL
+
+
+def resumed_by_its_timer(old, shop):
+    """What the timer over there does when its time has come."""
+    old.ok(["systemctl", "start", f"corv-move-{shop.name}.service"])
+    old.wait_for(lambda: is_home(old, shop), "the shop being served where it was")
+
+
+def test_a_shop_is_the_same_on_its_new_server(old, new, shop):
+    before = everything(old, shop.name)
+    with Watch([old, new], shop.domain) as watch:
+        done = move(new, shop.name)
+    assert (done.code, re.findall("not as it was.*", done.err)) == (0, []), done
+    assert "Moved" in done.out and f"http://{shop.domain}/ answers: status 200" in done.out
+    assert everything(new, shop.name) == before
+    assert is_home(new, shop) and page(new, shop, "/order/7") == (200, "2000 orders, open\n")
+    assert is_suspended(old, shop.name) and is_home(old, shop), "the old address leads to the new server"
+    assert watch.served(1)[0] > watch.stopped(), "both served it at a time"
+    print(f"nobody served it for {watch.gap():.2f} s, at the old address for {watch.gap_at_the_old_address():.2f} s")
+    assert record(new, shop.name)[-1] == "finished"
+    assert not new.exists(f"{new_home(shop)}/.corv-moving") and not new.exists(f"{new_home(shop)}/.corv-moved")
+    assert new.run(["sh", "-c", f"ls {MOVES} | grep dump"]).out == ""
+    assert old.run(["systemctl", "is-active", f"corv-move-{shop.name}.timer"]).out == "inactive\n"
+
+
+def test_the_old_address_leads_here_until_it_is_told_not_to(old, new, shop):
+    assert move(new, shop.name).code == 0
+    assert is_home(old, shop)
+    done = new.run(["corvctl", "account", "move", shop.name, HOST, "--end"])
+    assert (done.code, done.out, done.err) == (0, f"{HOST} leads nobody to {shop.name} any more\n", "")
+    old.wait_for(lambda: page(old, shop)[0] == 503, "the old address saying that it is suspended")
+    assert is_home(new, shop) and not new.exists(f"{MOVES}/{shop.name}.json")
+
+
+def new_home(shop):
+    return f"/home/{shop.name}"
+
+
+def test_who_is_suspended_stays_so(old, new, shop):
+    before = everything(old, shop.name)
+    old.ok(["corvctl", "account", "suspend", shop.name])
+    done = move(new, shop.name)
+    assert done.code == 0, done
+    assert is_suspended(new, shop.name) and page(new, shop)[0] == 503
+    new.ok(["corvctl", "account", "resume", shop.name])
+    new.wait_for(lambda: is_home(new, shop), "the resumed shop being served")
+    assert everything(new, shop.name) == before
+
+
+def test_a_rehearsal_brings_all_and_leaves_the_account_where_it_is(old, new, shop):
+    before = everything(old, shop.name)
+    with Watch([old, new], shop.domain) as watch:
+        done = move(new, shop.name, "--rehearse")
+    assert done.code == 0, done
+    assert "Rehearsed" in done.out and f"{HOST} still has it; corvctl account move {shop.name} {HOST} moves it" in done.err
+    assert watch.statuses(0) == {"200"} and everything(old, shop.name) == before
+    assert record(new, shop.name) == ["created", "rehearsed"]
+    assert "orders" not in new.fetch(shop.domain).body
+    # What has changed since comes along.
+    old.put(f"{shop.home}/public_html/later.txt", "later\n", owner=f"{shop.name}:www-data")
+    old.ok(["rm", f"{shop.home}/public_html/up/f9.bin"])
+    assert old.sql("DELETE FROM orders WHERE id > 1990", database=shop.name).code == 0
+    before = everything(old, shop.name)
+    done = move(new, shop.name)
+    assert done.code == 0 and everything(new, shop.name) == before
+    assert page(new, shop) == (200, "1990 orders, \n")
+
+
+def killed_at(new, shop, saying):
+    """Starts a move and kills it with all that it has started once it says that."""
+    with new.background(["setsid", "sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words(shop.name)], stdout=subprocess.DEVNULL,
+                        stderr=subprocess.PIPE, text=True) as process:
+        inner = process.stderr.readline().strip()
+        for line in process.stderr:
+            if saying in line:
+                new.ok(["kill", "-KILL", inner])
+                break
+        else:
+            raise HostError(f"the move never said {saying!r}")
+    assert process.returncode != 0
+
+
+def killed_when(new, shop, condition, what):
+    """Starts a move and kills it within the switch, once the condition holds."""
+    with new.background(["setsid", "sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words(shop.name)], stdout=subprocess.DEVNULL,
+                        stderr=subprocess.PIPE, text=True) as process:
+        inner = process.stderr.readline().strip()
+        for line in process.stderr:
+            if SAYS[-1] in line:
+                break
+        new.wait_for(condition, what)
+        new.run(["kill", "-KILL", inner])
+
+
+def goes_on(old, new, shop, before):
+    """The same command brings it to its end. before: what the shop was, where it has not been on-line there since."""
+    if not is_suspended(old, shop.name):
+        before = everything(old, shop.name)
+    done = move(new, shop.name)
+    assert done.code == 0, done
+    assert everything(new, shop.name) == before
+    assert is_home(new, shop) and is_suspended(old, shop.name)
+    assert is_home(old, shop), "the old address leads to the new server"
+    assert not is_suspended(new, shop.name)
+
+
+@pytest.mark.parametrize("saying", [*(pytest.param(saying, marks=pytest.mark.long) for saying in SAYS[:-2]), SAYS[-2]])
+def test_killed_before_the_switch_it_is_served_where_it_was(old, new, shop, saying):
+    before = everything(old, shop.name)
+    killed_at(new, shop, saying)
+    assert is_home(old, shop) and not is_suspended(old, shop.name)
+    assert "switching" not in record(new, shop.name)
+    goes_on(old, new, shop, before)
+
+
+# When it is killed, by what is seen of it from outside: each is a moment within the switch.
+MOMENTS = {
+    "suspended there": lambda old, new, name: is_suspended(old, name),
+    "the dump is coming": lambda old, new, name: new.exists(f"{MOVES}/{name}.dump"),
+    "the files are placed": lambda old, new, name: "placing" in record(new, name),
+}
+
+
+@pytest.mark.parametrize("moment", [moment if moment == "the dump is coming" else pytest.param(moment, marks=pytest.mark.long)
+                                    for moment in MOMENTS])
+def test_killed_within_the_switch_the_old_server_takes_it_back(old, new, shop, moment):
+    before = everything(old, shop.name)
+    assert move(new, shop.name, "--rehearse").code == 0
+    killed_when(new, shop, lambda: MOMENTS[moment](old, new, shop.name), moment)
+    if "decided" not in record(new, shop.name) and old.exists(f"{MOVES}/{shop.name}.undecided"):
+        resumed_by_its_timer(old, shop)
+    goes_on(old, new, shop, before)
+
+
+@pytest.mark.long
+def test_the_timer_of_the_old_server_needs_nobody(old, new, shop):
+    killed_when(new, shop, lambda: is_suspended(old, shop.name), "the suspension")
+    assert "decided" not in record(new, shop.name) and page(old, shop)[0] == 503
+    old.wait_for(lambda: is_home(old, shop), "the timer's time", timeout=150)
+    assert not is_suspended(old, shop.name)
+
+
+def test_a_connection_that_breaks_in_the_switch(old, new, shop):
+    before = everything(old, shop.name)
+    assert move(new, shop.name, "--rehearse").code == 0
+    with new.background(words(shop.name), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as process:
+        for line in process.stderr:
+            if SAYS[-1] in line:
+                break
+        old.wait_for(lambda: is_suspended(old, shop.name), "the suspension")
+        # The sessions, not what listens for further ones.
+        old.ok(["sh", "-c", "pkill -KILL -f '^sshd: root@notty'"])
+        rest = process.stderr.read()
+    assert process.returncode == 1, rest
+    assert f"{shop.name} is not moved: " in rest and f"{HOST} still has it" in rest
+    assert is_home(old, shop)
+    goes_on(old, new, shop, before)
+
+
+def test_a_disk_that_is_full(old, new, shop):
+    before = everything(old, shop.name)
+    new.ok(["sh", "-ec", f"mkdir -pm 700 {MOVES}; mount -t tmpfs -o size=16k,mode=700 tmpfs {MOVES}"])
+    try:
+        done = move(new, shop.name)
+        assert done.code == 1 and "No space left on device" in done.err, done
+        assert is_home(old, shop) and not is_suspended(old, shop.name)
+    finally:
+        new.ok(["sh", "-ec", f"cp -a {MOVES} /root/kept; umount {MOVES}; cp -a /root/kept/. {MOVES}/; rm -r /root/kept"])
+    goes_on(old, new, shop, before)
+
+
+def test_another_host_is_refused_while_one_is_under_way(old, new, shop):
+    assert move(new, shop.name, "--rehearse").code == 0
+    done = new.run(["corvctl", "account", "move", shop.name, "root@elsewhere", "--confirm", shop.name])
+    assert (done.code, done.err) == (1, f"corvctl: a move of {shop.name} from {HOST} is under way here\n"
+                                     f"  corvctl account move {shop.name} {HOST} goes on with it\n")

@@ -1,0 +1,190 @@
+"""corvctl account move: the plan, over an ssh that is a stand-in and answers as the other server would."""
+
+import json
+
+import pytest
+from corvctl import corvctl, on_terminal
+
+SCRAM = "SCRAM-SHA-256$4096:lD89vA2GQkNgqwtP7vv7rA==$8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM=:8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM="
+STATE = {"username": "shop", "domain": "shop.example", "taken": 1, "uid": 54321, "shell": "/bin/bash", "suspended": False,
+         "linger": False, "role": SCRAM, "shadow": "!", "database": {"encoding": "UTF8", "collate": "C.UTF-8", "ctype": "C.UTF-8"},
+         "php": "8.2"}
+SHOWN = {"ok": True, "username": "shop", "sitesBeside": [], "database": {"name": "shop", "bytes": 8192, "readOnly": False}}
+MEASURED = "postgres 150013\nbytes 4096\t/home/shop\nentries 7\t/home/shop\nrsync /usr/bin/rsync\n"
+HOST = "root@web1.example"
+WALK = "$(runuser -u shop -- du -s {} --exclude=/home/shop/tmp /home/shop 2>/dev/null)"
+
+
+class Old:
+    """The other server: what its ssh answers."""
+
+    def __init__(self, sandbox):
+        self.sandbox = sandbox
+        sandbox.answer("ssh", exit=255, err="ssh: not expected\n", ignore_input=True)
+        self.shows()
+        self.writes_down()
+        self.measures()
+
+    def shows(self, exit=0, err="", **more):
+        self.sandbox.answer("ssh", "-T", "--", HOST, "corvctl", "account", "show", ..., ignore_input=True, exit=exit, err=err,
+                            out="" if exit else json.dumps({**SHOWN, **more}) + "\n")
+
+    def writes_down(self, *lines, **more):
+        text = "".join(json.dumps(line) + "\n" for line in (lines or [{**STATE, **more}]))
+        self.sandbox.secret(SCRAM)
+        self.sandbox.answer("ssh", "-T", "--", HOST, "corvctl", "account", "state", ..., ignore_input=True, out=text)
+
+    def measures(self, text=MEASURED):
+        self.sandbox.answer("ssh", "-T", "--", HOST, "echo", ..., ignore_input=True, out=text)
+
+
+@pytest.fixture
+def old(sandbox):
+    sandbox.allows_loose_calls("ssh")
+    sandbox.php("8.2")
+    sandbox.answer("psql", ..., holds=b"", out="")
+    sandbox.answer("psql", "-qtAX", "-v", "ON_ERROR_STOP=1", "-c", "SHOW server_version_num", ...,
+                   out="150013\nUTF8 C.UTF-8 C.UTF-8\n/home\n")
+    sandbox.add_standin("rsync")
+    return Old(sandbox)
+
+
+def plan(old, *words):
+    """The exit code, each line that is not well, and standard error."""
+    code, out, err = corvctl(old.sandbox, "--plain", "account", "move", "shop", HOST, "--dry-run", *words)
+    return code, [line for line in out.splitlines() if line.split("\t")[1] != "well"], err
+
+
+def test_a_plan_without_anything_in_the_way(old):
+    assert plan(old) == (0, [], "")
+    assert old.sandbox.argvs("ssh") == [["ssh", "-T", "--", HOST, *words] for words in (
+        ["corvctl", "account", "show", "shop", "--json"],
+        ["corvctl", "account", "state", "--write", ">/dev/null", "&&", "{", "grep", "-F", "'\"username\":\"shop\"'",
+         "/var/lib/corvane/accounts.state", "||", "test", "$?", "=", "1;", "}"],
+        ["echo", "postgres", "$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');",
+         "echo", "bytes", WALK.format("-B1") + ";", "echo", "entries", WALK.format("--inodes") + ";",
+         "echo", "rsync", "$(command -v rsync)"])]
+    old.sandbox.logs()
+
+
+def test_a_person_reads_all_of_it_at_80_columns(old):
+    old.sandbox.add_user("shop", "Shop of the office", uid=54321)
+    old.measures(MEASURED.replace("150013", "170001"))
+    old.sandbox.start()
+    code, out = on_terminal(old.sandbox, "account", "move", "shop", HOST, "--dry-run")
+    assert code == 1
+    lines = out.splitlines()
+    assert max(len(line) for line in lines) <= 80
+    # How much room there is, is the machine's matter.
+    room = next(at for at, line in enumerate(lines) if line.startswith("well        Room        files and two copies of the database:"))
+    limit = lines.index("well        Limit       none")
+    assert lines[:room] + lines[limit:] == [
+        "in the way  Account     there is a user shop here",
+        "well        Domain      shop.example",
+        "well        State       on-line",
+        "note        User id     54321 there, which is that of shop here: it gets another",
+        "                        one",
+        "well        Login       /bin/bash",
+        "in the way  PostgreSQL  17 there, 15 here: a dump does not load into an older",
+        "                        one",
+        "well        PHP         8.2 there, 8.2 here",
+        "well        Limit       none",
+        "well        rsync       on both",
+        "corvctl: shop cannot be moved here yet: Account, PostgreSQL"]
+
+
+def test_nothing_is_made_here(old):
+    before = old.sandbox.read("/etc/passwd"), old.sandbox.tree("/home"), old.sandbox.tree("/var/lib")
+    assert plan(old)[0] == 0
+    assert (old.sandbox.read("/etc/passwd"), old.sandbox.tree("/home"), old.sandbox.tree("/var/lib")) == before
+
+
+def test_what_it_tells_programs(old):
+    old.measures(MEASURED.replace("150013", "170001"))
+    code, out, err = corvctl(old.sandbox, "--json", "account", "move", "shop", HOST, "--dry-run")
+    told = json.loads(out)
+    checks = told.pop("checks")
+    assert told == {"ok": False, "account": "shop", "host": HOST, "domain": "shop.example", "homeBytes": 4096, "homeEntries": 7,
+                    "databaseBytes": 8192}
+    assert [check["about"] for check in checks] == [
+        "Account", "Domain", "State", "User id", "Login", "PostgreSQL", "PHP", "Room", "Limit", "rsync"]
+    assert [check for check in checks if check["level"] != "well"] == [
+        {"about": "PostgreSQL", "level": "in the way", "text": "17 there, 15 here: a dump does not load into an older one"}]
+    assert (code, err) == (1, "corvctl: shop cannot be moved here yet: PostgreSQL\n")
+
+
+def test_a_name_and_a_number_that_are_taken_here(old):
+    old.sandbox.add_user("shop", "Shop of the office", uid=54321)
+    assert plan(old) == (1, ["Account\tin the way\tthere is a user shop here",
+                             "User id\tnote\t54321 there, which is that of shop here: it gets another one"],
+                         "corvctl: shop cannot be moved here yet: Account\n")
+
+
+@pytest.mark.parametrize("name", ["shop.example", "www.shop.example", "*.example"])
+def test_a_domain_that_something_here_answers_to(old, name):
+    old.sandbox.write("/etc/apache2/sites-enabled/x.conf", f"<VirtualHost *:80>\nServerName {name}\n</VirtualHost>\n")
+    assert plan(old)[1] == ["Domain\tin the way\tthe site x here answers to shop.example already"]
+
+
+def test_a_domain_of_another_account_here(old):
+    old.sandbox.add_account("blog", "shop.example")
+    assert plan(old)[1] == ["Domain\tin the way\tthe account blog here answers to shop.example already"]
+
+
+def test_no_rsync_here(old):
+    old.sandbox.remove_standin("rsync")
+    old.sandbox.path("/usr/bin/rsync").unlink(missing_ok=True)
+    assert plan(old)[1] == ["rsync\tin the way\tis not installed here: apt-get install rsync"]
+
+
+def test_more_than_the_disk_takes(old):
+    old.measures(MEASURED.replace("bytes 4096", f"bytes {1 << 60}"))
+    code, found, _ = plan(old)
+    assert code == 1 and len(found) == 1
+    assert found[0].startswith("Room\tin the way\tfiles and two copies of the database: ")
+
+
+def test_a_home_that_cannot_be_measured(old):
+    old.measures("postgres 150013\nbytes\nentries\nrsync /usr/bin/rsync\n")
+    assert plan(old)[1] == ["Room\tin the way\tits home could not be measured there"]
+
+
+def test_what_a_tenant_has_put_into_his_state_is_not_taken_for_it(old):
+    old.writes_down({**STATE, "username": "evil", "crontab": ""}, {**STATE, "uid": "x"})
+    assert plan(old) == (1, [], f"corvctl: {HOST}: the state of shop could not be written down there\n")
+    old.writes_down(domain="shop.example\x1b[2J")
+    code, out, _ = corvctl(old.sandbox, "--plain", "account", "move", "shop", HOST, "--dry-run")
+    assert code == 1 and "\x1b" not in out
+
+
+@pytest.mark.parametrize("answer, end", [
+    ({"exit": 1, "err": "corvctl: no Corvane account named 'shop'\n"}, "corvctl: no Corvane account named 'shop'"),
+    ({"exit": 255, "err": "ssh: connect to host web1.example port 22: No route to host\n"},
+     "ssh: connect to host web1.example port 22: No route to host"),
+    ({"exit": 127}, "corvctl is not installed there"),
+])
+def test_another_server_that_does_not_tell(old, answer, end):
+    old.shows(**answer)
+    assert plan(old) == (3, [], f"corvctl: {HOST}: {end}\n")
+    assert len(old.sandbox.calls("ssh")) == 1
+
+
+def test_an_answer_of_something_else(old):
+    old.shows(username="other")
+    assert plan(old) == (3, [], f"corvctl: {HOST}: what answers there does not know that command\n")
+
+
+@pytest.mark.parametrize("words, end", [
+    (["shop;reboot", HOST, "--dry-run"], "shop;reboot is no name of an account"),
+    (["shop", "-oProxyCommand=x", "--dry-run"], None),
+    (["shop", "web$(reboot)", "--dry-run"], "a host's name holds no blanks, quotes or control characters"),
+    (["shop", HOST, "--dry-run", "--rehearse"], "--dry-run, --rehearse and --end are different things: choose one"),
+    (["shop", HOST, "--rehearse", "--end"], "--dry-run, --rehearse and --end are different things: choose one"),
+    (["-H", "web2", "shop", HOST, "--dry-run"], "that is done on the server itself, not from here\n"
+     "  ssh web2 corvctl account move ..."),
+])
+def test_what_is_no_move_is_refused_before_anything_is_asked(old, words, end):
+    code, out, err = corvctl(old.sandbox, "account", "move", *words)
+    assert (code, out) == (2, "")
+    assert end is None or err == f"corvctl: {end}\n"
+    assert old.sandbox.calls("ssh") == []
