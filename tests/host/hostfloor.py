@@ -252,12 +252,14 @@ class Host:
 
     # Packages
 
-    def install(self, package):
-        """Installs the agent's package file as an operator does, with Apache's module where that was built beside it, and
-        waits for the agent."""
+    def install(self, package, *, https=False):
+        """Installs the agent's package file as an operator does, with Apache's module where that was built beside it and, if asked
+        to, the package for HTTPS, and waits for the agent."""
         began = time.monotonic()
         package = pathlib.Path(package)
-        paths = [self._copy(file) for file in (package, *sorted(package.parent.glob("libapache2-mod-corvane_*.deb")))]
+        beside = ["libapache2-mod-corvane", *(["corv-https"] if https else [])]
+        paths = [self._copy(file)
+                 for file in (package, *(file for name in beside for file in sorted(package.parent.glob(f"{name}_*.deb"))))]
         before = self.main_process("corv-agent")
         self.ok(["apt-get", "-q", "install", "--yes", "--reinstall", "--allow-downgrades", *paths],
                 env={"DEBIAN_FRONTEND": "noninteractive"}, timeout=300)

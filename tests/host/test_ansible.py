@@ -115,6 +115,7 @@ def test_a_second_run_of_the_example_changes_nothing(built):
 # The modules
 
 
+@pytest.mark.core
 def test_an_account_goes_from_state_to_state(server):
     host, controller = server
     name = host.free_name()
@@ -183,6 +184,7 @@ def test_what_corvctl_refuses_is_the_message(server):
     assert results[3]["advice"] == "choose another domain; --force takes it all the same"
 
 
+@pytest.mark.core
 def test_keys_are_added_replaced_and_taken_away(server):
     host, controller = server
     account = host.account()
@@ -351,6 +353,7 @@ def test_accounts_and_services_are_told_of(server):
 # What needs no host
 
 
+@pytest.mark.core
 def test_the_inventory_is_the_hosts_file(collection):
     (collection.folder / "many").write_text("lonely # a remark\n\n[web]\nroot@web1\nadmin@web2\n[db-1]\nroot@web1\n")
     (collection.folder / "many.corvane.yml").write_text("plugin: corvane.server.hosts\npath: many\n")

@@ -43,7 +43,7 @@ def test_begins_by_itself_once_there_is_a_node_exporter(own_host):
     assert host.run(["journalctl", "-q", "-u", "corv-metrics.service", "-u", "corv-metrics.timer"]).out == ""
 
     host.ok(["apt-get", "-q", "install", "--yes", "prometheus-node-exporter"], env={"DEBIAN_FRONTEND": "noninteractive"})
-    host.wait_for(lambda: host.exists(FILE), "the file of figures")
+    host.wait_for(lambda: host.exists(FILE), "the file of figures", 120)
     host.wait_for(lambda: "corvane_agent_up 1" in host.run(["curl", "-s", "http://127.0.0.1:9100/metrics"]).out,
                   "the node exporter's telling of them")
     served = host.ok(["curl", "-s", "http://127.0.0.1:9100/metrics"])

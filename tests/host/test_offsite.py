@@ -132,7 +132,6 @@ def test_setting_up_a_vault(server):
         f'\nappend_only="true"\nrepository="{PLACE}"\n' in server.get(SETTINGS)
 
 
-@pytest.mark.core
 def test_each_backup_is_copied_also_one_with_problems(server):
     first = start_backup(server)
     expected = {(server.shop.name, first), (server.blog.name, first)}
@@ -149,7 +148,6 @@ def test_each_backup_is_copied_also_one_with_problems(server):
     assert problems(server, "off-site") == []
 
 
-@pytest.mark.core
 def test_what_was_copied_comes_back_as_it_was(server):
     backup = start_backup(server)
     done = server.run(["corvctl", "--json", "offsite", "fetch", server.shop.name])
@@ -180,6 +178,7 @@ def newest(server):
     server.ok(["rm", "-r", f"{AUTO}/2099-01-01_000000"])
 
 
+@pytest.mark.long
 def test_an_archive_that_was_cut_off_is_not_copied_as_if_it_were_whole(server, newest):
     archive = f"{AUTO}/{newest}/accounts/{server.shop.name}-home.tar.gz"
     server.ok(["sh", "-ec", f"cp -a {archive} /root/whole; truncate -s -1000 {archive}"])
@@ -203,6 +202,7 @@ def test_an_archive_that_was_cut_off_is_not_copied_as_if_it_were_whole(server, n
     assert [line.split(":")[0] for line in done.out.splitlines() if line.startswith("  ")] == [f"  {server.shop.name}"]
 
 
+@pytest.mark.long
 def test_a_home_that_hardly_changed_costs_little(server, vault):
     def size():
         return int(vault.ok(["du", "-sb", STORE]).split()[0])
@@ -219,6 +219,7 @@ def test_a_home_that_hardly_changed_costs_little(server, vault):
     assert second < first / 4
 
 
+@pytest.mark.long
 def test_a_run_that_is_killed_is_gone_on_with(server):
     server.ok(["python3", "-c", FILL.replace("Random(7)", "Random(8)"), server.blog.home, "64"])
     server.ok(["python3", "-c", CHANGE.replace("// 100", "// 2"), server.blog.home])
@@ -239,7 +240,6 @@ def test_a_run_that_is_killed_is_gone_on_with(server):
     assert server.ok(["corvctl", "offsite", "check"]).startswith("part ")
 
 
-@pytest.mark.core
 def test_a_server_that_is_taken_over_can_add_and_take_nothing_away(server, vault):
     start_backup(server)
     before = there(server)
@@ -294,6 +294,7 @@ def test_a_server_that_is_taken_over_can_add_and_take_nothing_away(server, vault
     assert copy(server).code == 0
 
 
+@pytest.mark.long
 def test_a_vault_that_deletes_is_refused_and_told_of(server, vault):
     authorized = vault.get(AUTHORIZED)
     vault.put(AUTHORIZED, authorized.replace(" --append-only", ""))
@@ -309,6 +310,7 @@ def test_a_vault_that_deletes_is_refused_and_told_of(server, vault):
     assert server.run(["corvctl", "offsite", "check", "--all"]).code == 0
 
 
+@pytest.mark.long
 def test_a_damaged_pack_is_found_by_the_check_that_reads_it(server, vault):
     start_backup(server)
     largest = vault.ok(["sh", "-c", f"ls -S {STORE}/data/*/* | head -n 1"]).strip()
@@ -370,6 +372,7 @@ def test_the_key_is_in_no_argument_and_no_variable(server):
     assert server.get("/root/seen") == ""
 
 
+@pytest.mark.long
 def test_a_lost_server_comes_back_with_the_address_and_the_key(server, vault):
     """What a new server has: the package, restic, and what its administrator wrote down."""
     key = server.get("/etc/corvane/offsite/key")
@@ -395,6 +398,7 @@ def test_a_lost_server_comes_back_with_the_address_and_the_key(server, vault):
         vault.put(AUTHORIZED, authorized)
 
 
+@pytest.mark.long
 def test_a_disk_of_the_server_forgets_by_the_rules_and_setup_says_what_that_means(server):
     settings = server.get(SETTINGS)
     server.ok(["mv", "/etc/corvane/offsite", "/root/offsite"])

@@ -51,6 +51,7 @@ def test_an_account_comes_back_and_is_taken_away_again(host):
     assert host.ok(["sh", "-c", LEFT]) == before
 
 
+@pytest.mark.long
 def test_a_site_that_fails_comes_back_as_it_is(host):
     host.wait_for(lambda: host.fetch(host.blog.domain).status == 500, "the page that fails")
     done = host.run(["corvctl", "offsite", "drill", host.blog.name])
@@ -58,6 +59,7 @@ def test_a_site_that_fails_comes_back_as_it_is(host):
     assert "its first page: 500, the live one: 500" in done.out.splitlines()
 
 
+@pytest.mark.long
 def test_its_jobs_are_left_out_and_what_a_drill_before_has_left_goes(host):
     before = host.ok(["sh", "-c", LEFT])
     host.ok(["corvctl", "account", "create", "drill7", "drill7.drill.example"])
@@ -74,6 +76,7 @@ def test_its_jobs_are_left_out_and_what_a_drill_before_has_left_goes(host):
     assert "drill" not in ran
 
 
+@pytest.mark.long
 def test_each_account_has_its_turn(host):
     names = []
     for _ in range(2):
@@ -82,6 +85,7 @@ def test_each_account_has_its_turn(host):
     assert sorted(names) == sorted([host.shop.name, host.blog.name])
 
 
+@pytest.mark.long
 def test_what_does_not_come_back_is_told_and_nothing_is_left(host):
     before = host.ok(["sh", "-c", LEFT])
     pack = host.ok(["sh", "-c", "ls -S /srv/copies/data/*/* | head -n 1"]).strip()

@@ -9,9 +9,7 @@ import pytest
 from booted import SUITE
 from hostfloor import ROOT
 
-pytestmark = pytest.mark.core
 LIMIT = 300
-
 NONINTERACTIVE = {"DEBIAN_FRONTEND": "noninteractive"}
 GUIDE = (ROOT / "docs" / "operations.md").read_text()
 OLDER, NEWER = "0.0", "99"

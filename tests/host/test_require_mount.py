@@ -43,7 +43,6 @@ def nothing_was_written(host):
     return host.run(["sh", "-c", f"find {POINT} -mindepth 1 2>/dev/null"]).out == ""
 
 
-@pytest.mark.core
 def test_a_disk_that_is_not_mounted_fails_the_run(host):
     plan(host, "")
     code, journal = start(host)
@@ -56,7 +55,6 @@ def test_a_disk_that_is_not_mounted_fails_the_run(host):
     assert f"backups go to {POINT}/auto, but what should be mounted at {POINT} is not" in host.run(["corvctl", "doctor"]).out
 
 
-@pytest.mark.core
 def test_a_mount_that_fails_fails_the_run(host):
     plan(host, f"nosuchfs {POINT} nosuchfs defaults 0 0\n")
     code, journal = start(host)
@@ -66,7 +64,6 @@ def test_a_mount_that_fails_fails_the_run(host):
     assert nothing_was_written(host)
 
 
-@pytest.mark.core
 def test_a_mount_that_waits_for_the_run_is_made_by_it(host):
     plan(host, f"tmpfs {POINT} tmpfs noauto,mode=0700 0 0\n")
     assert host.run(["mountpoint", "-q", POINT]).code != 0

@@ -186,6 +186,11 @@ def begins(error, step, *steps_and_texts):
     raise KeyError(step)
 
 
+def steps(*usual):
+    """All of them, of which those that are not named are tried with --long alone."""
+    return [step if step in usual else pytest.param(step, marks=pytest.mark.long) for step in STEPS]
+
+
 @pytest.fixture
 def live(own_host, prepared):
     """The account with its live database, the backup's name."""
@@ -194,14 +199,15 @@ def live(own_host, prepared):
     put_back(own_host, prepared[0])
 
 
-@pytest.mark.parametrize("step", STEPS)
+@pytest.mark.parametrize("step", steps("while the dump is loaded", "after the live database was set aside",
+                                       "after the restored one took its place"))
 def test_database_when_the_agent_is_killed(own_host, live, step):
     error, found = database_after(own_host, *live, step, kill_agent)
     assert error is None
     assert found == CUT_OFF[step]
 
 
-@pytest.mark.parametrize("step", STEPS)
+@pytest.mark.parametrize("step", steps("before the swap"))
 def test_database_when_postgresql_is_stopped(own_host, live, step):
     error, found = database_after(own_host, *live, step, stop_postgresql)
     steps = list(STEPS)
@@ -209,7 +215,7 @@ def test_database_when_postgresql_is_stopped(own_host, live, step):
     assert found == CUT_OFF[step]
 
 
-@pytest.mark.parametrize("step", STEPS)
+@pytest.mark.parametrize("step", steps("while the dump is loaded"))
 def test_database_when_the_disk_fills_up(own_host, live, step):
     """From the loading on nothing keeps the live data: what was loaded is swapped in, and the old database is dropped."""
     error, found = database_after(own_host, *live, step, fill_disk)

@@ -5,7 +5,6 @@ import re
 
 import pytest
 
-pytestmark = pytest.mark.core
 LIMIT = 240
 AUTO = "/var/backups/corvane/auto"
 

@@ -25,7 +25,7 @@ def test_the_account_of_the_scenarios_is_what_creation_makes(sandbox):
 
 
 # Without --long every call meets some fates, and every fate some calls.
-SHARE = 8
+SHARE = 16
 
 
 @pytest.mark.parametrize("fate", FATES)
