@@ -191,8 +191,9 @@ class Host:
         """Permissions, owner and group of a path, such as "710 site1 www-data"."""
         return self.ok(["stat", "-c", "%a %U %G", "--", path]).strip()
 
-    def wait_for(self, condition, what, timeout=30):
-        """Waits until the condition holds and returns what it gave; fails with `what` when it does not."""
+    def wait_for(self, condition, what, timeout=120):
+        """Waits until the condition holds and returns what it gave; fails with `what` when it does not. What does come about in a
+        second takes its time where six hosts share two processors."""
         end = time.monotonic() + timeout
         while True:
             value = condition()
