@@ -28,6 +28,19 @@ def reaching(new, old):
         yield
 
 
+def make_certificates(folder, domain):
+    """An authority, and a certificate for the domain and its www name from it."""
+    def openssl(*words):
+        subprocess.run(["openssl", *words], cwd=folder, check=True, capture_output=True)
+
+    key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
+    openssl("req", "-x509", *key, "-keyout", "authority.key", "-out", "authority.pem", "-days", "9", "-subj", "/CN=Test authority")
+    openssl("req", *key, "-keyout", "site.key", "-out", "site.csr", "-subj", f"/CN={domain}")
+    (folder / "names").write_text(f"subjectAltName=DNS:{domain},DNS:www.{domain}\n")
+    openssl("x509", "-req", "-in", "site.csr", "-CA", "authority.pem", "-CAkey", "authority.key", "-CAcreateserial", "-days", "5",
+            "-extfile", "names", "-out", "site.pem")
+
+
 def words(name, *options):
     return ["corvctl", "account", "move", name, HOST, "--confirm", name, *options]
 

@@ -12,6 +12,8 @@ STATE = {"username": "shop", "domain": "shop.example", "taken": 1, "uid": 54321,
 SHOWN = {"ok": True, "username": "shop", "sitesBeside": [], "database": {"name": "shop", "bytes": 8192, "readOnly": False}}
 MEASURED = "postgres 150013\nbytes 4096\t/home/shop\nentries 7\t/home/shop\nrsync /usr/bin/rsync\n"
 HOST = "root@web1.example"
+HTTPS, CHOICES = "/etc/apache2/sites-enabled/zz-corv-https.conf", "/etc/corvane/https.d/shop"
+CERTIFICATE = "/etc/corvane/https/md/domains/shop.example/pubcert.p-256.pem"
 WALK = "$(runuser -u shop -- du -s {} --exclude=/home/shop/tmp /home/shop 2>/dev/null)"
 
 
@@ -24,6 +26,7 @@ class Old:
         self.shows()
         self.writes_down()
         self.measures()
+        self.secures()
 
     def shows(self, exit=0, err="", **more):
         self.sandbox.answer("ssh", "-T", "--", HOST, "corvctl", "account", "show", ..., ignore_input=True, exit=exit, err=err,
@@ -36,6 +39,15 @@ class Old:
 
     def measures(self, text=MEASURED):
         self.sandbox.answer("ssh", "-T", "--", HOST, "echo", ..., ignore_input=True, out=text)
+
+    def secures(self, text="", certificate=""):
+        answers_https(self.sandbox, text, certificate)
+
+
+def answers_https(sandbox, text="", certificate=""):
+    """What the other server has of HTTPS: nothing, or "on" with the choices, and the certificate."""
+    sandbox.answer("ssh", "-T", "--", HOST, "if", "test", "-e", HTTPS, ..., ignore_input=True, out=text)
+    sandbox.answer("ssh", "-T", "--", HOST, "if", "test", "-e", CERTIFICATE, ..., ignore_input=True, out=certificate)
 
 
 @pytest.fixture
@@ -63,7 +75,9 @@ def test_a_plan_without_anything_in_the_way(old):
          "/var/lib/corvane/accounts.state", "||", "test", "$?", "=", "1;", "}"],
         ["echo", "postgres", "$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');",
          "echo", "bytes", WALK.format("-B1") + ";", "echo", "entries", WALK.format("--inodes") + ";",
-         "echo", "rsync", "$(command -v rsync)"])]
+         "echo", "rsync", "$(command -v rsync)"],
+        ["if", "test", "-e", HTTPS, ";", "then", "echo", "on;", "fi;",
+         "if", "test", "-e", CHOICES, ";", "then", "cat", CHOICES, ";", "fi"])]
     old.sandbox.logs()
 
 
@@ -89,6 +103,7 @@ def test_a_person_reads_all_of_it_at_80_columns(old):
         "                        one",
         "well        PHP         8.2 there, 8.2 here",
         "well        Limit       none",
+        "well        HTTPS       none there",
         "well        rsync       on both",
         "corvctl: shop cannot be moved here yet: Account, PostgreSQL"]
 
@@ -107,7 +122,8 @@ def test_what_it_tells_programs(old):
     assert told == {"ok": False, "account": "shop", "host": HOST, "domain": "shop.example", "homeBytes": 4096, "homeEntries": 7,
                     "databaseBytes": 8192}
     assert [check["about"] for check in checks] == [
-        "Account", "Domain", "State", "User id", "Login", "PostgreSQL", "PHP", "Room", "Limit", "rsync"]
+        "Account", "Domain", "State", "User id", "Login", "PostgreSQL", "PHP", "Room", "Limit", "HTTPS",
+        "rsync"]
     assert [check for check in checks if check["level"] != "well"] == [
         {"about": "PostgreSQL", "level": "in the way", "text": "17 there, 15 here: a dump does not load into an older one"}]
     assert (code, err) == (1, "corvctl: shop cannot be moved here yet: PostgreSQL\n")
@@ -129,6 +145,22 @@ def test_a_domain_that_something_here_answers_to(old, name):
 def test_a_domain_of_another_account_here(old):
     old.sandbox.add_account("blog", "shop.example")
     assert plan(old)[1] == ["Domain\tin the way\tthe account blog here answers to shop.example already"]
+
+
+def test_https_that_is_on_there_and_off_here(old):
+    old.secures("on\nredirect\n")
+    assert plan(old) == (0, ["HTTPS\tnote\ton there and off here: who comes by HTTPS finds nothing before corvctl https on"], "")
+
+
+def test_the_plan_asks_for_the_certificate_and_never_for_its_key(old):
+    old.sandbox.write("/etc/apache2/sites-enabled/zz-corv-https.conf", "")
+    old.secures("on\n", "-----BEGIN CERTIFICATE-----\nnone\n-----END CERTIFICATE-----\n")
+    assert plan(old) == (0, ["HTTPS\tnote\tno certificate there that is good: one is ordered when its names lead here"], "")
+    assert old.sandbox.argvs("ssh")[-1] == ["ssh", "-T", "--", HOST, "if", "test", "-e", CERTIFICATE, ";", "then", "cat",
+                                            CERTIFICATE, ";", "fi"]
+    # Choices that are none lead to no path.
+    old.secures("on\nown ../../../root/x\n")
+    assert plan(old)[1] == ["HTTPS\tnote\twhat was chosen for it cannot be read there, and does not come along"]
 
 
 def test_no_rsync_here(old):

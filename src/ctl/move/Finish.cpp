@@ -1,5 +1,6 @@
 #include "ctl/Session.h"
 #include "ctl/move/Forward.h"
+#include "ctl/move/HttpsAlong.h"
 #include "ctl/move/Move.h"
 #include "ctl/restore/Apply.h"
 #include "ctl/restore/Kept.h"
@@ -70,6 +71,8 @@ void finish(Task *task)
     }
     task->say(u"looking at the site"_s);
     task->done.seen = lookAtSite(task->record.account, task->state.isSuspended);
+    if (const QString problem = httpsProblemHere(task->record.account, task->state.domain); !problem.isEmpty())
+        task->done.lost.append(u"its HTTPS: "_s + problem);
     if (!keepDone(&task->record, kFinished))
         task->done.lost.append(u"that this move is done could not be kept in %1"_s.arg(kMoves));
 }

@@ -1,10 +1,12 @@
 #include "ctl/move/Move.h"
 
+#include "common/Account.h"
 #include "ctl/Interrupt.h"
 #include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/Turn.h"
 #include "ctl/move/Dump.h"
+#include "ctl/move/HttpsAlong.h"
 #include "ctl/move/Listing.h"
 #include "ctl/move/Place.h"
 #include "ctl/move/Pull.h"
@@ -110,12 +112,28 @@ QString rehearse(Task *task)
     return problem;
 }
 
+// Before the switch: whoever comes to port 443 behind it finds the certificate that he knows, and nobody waits for it.
+QString secure(Task *task)
+{
+    if (!isHttpsOnHere() || !hosting::isStoredDomain(task->state.domain))
+        return {};
+    task->say(u"bringing its certificate"_s);
+    QString told;
+    const QString problem = bringHttps(task->record.host, task->record.account, task->state.domain, &told);
+    // The site is worth more than its certificate, which can be ordered anew.
+    if (!problem.isEmpty())
+        task->done.lost.append(problem);
+    if (!told.isEmpty())
+        task->say(told);
+    return {};
+}
+
 } // namespace
 
 QString prepare(Task *task)
 {
     using Step = QString (*)(Task *);
-    for (const Step step : {Step(create), Step(pull), Step(rehearse)}) {
+    for (const Step step : {Step(create), Step(secure), Step(pull), Step(rehearse)}) {
         const QString problem = interrupted() ? u"it was interrupted"_s : step(task);
         if (!problem.isEmpty())
             return interrupted() ? u"it was interrupted"_s : problem;
