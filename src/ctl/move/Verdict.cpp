@@ -32,7 +32,9 @@ QString scriptOf(const QString &text, const QString &account)
 
 QString beginSwitch(Shell *there, const QString &account, bool isOnline, int seconds)
 {
-    const QString file = u"rm -f %1.stays %1.left && : >%1.undecided || exit 1\n"_s;
+    // What the start of that server looks at, should it be restarted now: the timer does not outlive that.
+    const QString file = u"rm -f %1.stays %1.left && "_s + (isOnline ? u"echo on-line"_s : u":"_s) +
+                         u" >%1.undecided || exit 1\n"_s;
     const QString timer = isOnline ? QString(kTimer).replace("%2"_L1, QString::number(seconds)) : QString();
     return there->run(scriptOf(file + timer, account), kBriefSeconds).problem;
 }
