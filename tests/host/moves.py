@@ -12,6 +12,9 @@ KEY = "/root/.ssh/id_ed25519"
 HOST = f"root@{OUTSIDE}"
 MOVES = "/var/lib/corvane/moves"
 
+# What a move says when its switch begins.
+SWITCHES = "taking it off-line there"
+
 # Says the time, then the status that each of two addresses gives, again and again.
 POLL = 'while :; do printf "%s %s\\n" "$(date +%s.%N)" "$(curl -q -so /dev/null -m 5 -w "%{http_code}" -H "Host: $1" "$2")"; done'
 
@@ -47,6 +50,18 @@ def words(name, *options):
 
 def move(new, name, *options, timeout=240):
     return new.run(words(name, *options), timeout=timeout)
+
+
+def killed_when(host, shop, condition, what, *options):
+    """Starts a move and kills it within the switch, once the condition holds."""
+    with host.background(["setsid", "sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words(shop.name, *options)], stdout=subprocess.DEVNULL,
+                         stderr=subprocess.PIPE, text=True) as process:
+        inner = process.stderr.readline().strip()
+        for line in process.stderr:
+            if SWITCHES in line:
+                break
+        host.wait_for(condition, what)
+        host.run(["kill", "-KILL", inner])
 
 
 def record(new, name):

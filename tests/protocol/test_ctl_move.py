@@ -4,6 +4,7 @@ import json
 
 import pytest
 from corvctl import corvctl, on_terminal
+from test_ctl_forward import SUSPENDED
 
 SCRAM = "SCRAM-SHA-256$4096:lD89vA2GQkNgqwtP7vv7rA==$8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM=:8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM="
 STATE = {"username": "shop", "domain": "shop.example", "taken": 1, "uid": 54321, "shell": "/bin/bash", "suspended": False,
@@ -206,12 +207,63 @@ def test_an_answer_of_something_else(old):
     assert plan(old) == (3, [], f"corvctl: {HOST}: what answers there does not know that command\n")
 
 
+@pytest.fixture
+def left(old):
+    """The account shop has left this server, which leads its names on to the other one."""
+    old.sandbox.add_account("shop", "shop.example")
+    old.sandbox.write("/etc/apache2/sites-available/corv-shop.conf", SUSPENDED.format("shop", "shop.example"))
+    old.sandbox.write("/etc/apache2/sites-enabled/001-moved-shop.conf", "<VirtualHost *:80>\nServerName shop.example\n</VirtualHost>\n")
+    old.sandbox.write("/var/lib/corvane/moves/shop.left", "on-line\n")
+    return old
+
+
+def test_the_plan_of_the_way_back_has_nothing_of_its_own_in_the_way(left):
+    before = left.sandbox.tree("/var/lib")
+    assert plan(left, "--back") == (0, [], "")
+    assert plan(left)[1] == ["Account\tin the way\tthere is a user shop here",
+                             "Domain\tin the way\tthe site 001-moved-shop here answers to shop.example already"]
+    assert left.sandbox.tree("/var/lib") == before
+
+
+def test_what_keeps_an_account_from_coming_back(left):
+    left.sandbox.write("/etc/apache2/sites-enabled/x.conf", "<VirtualHost *:80>\nServerName shop.example\n</VirtualHost>\n")
+    left.writes_down(domain="other.example")
+    assert plan(left, "--back")[1] == ["Account\tin the way\tit has the domain shop.example here and another there"]
+    left.writes_down()
+    left.sandbox.write("/etc/apache2/sites-enabled/001-moved-shop.conf", "")
+    assert plan(left, "--back")[1] == ["Domain\tin the way\tthe site x here answers to shop.example already"]
+    left.sandbox.write("/etc/apache2/sites-available/corv-shop.conf", SUSPENDED.replace("RewriteRule", "# RewriteRule").format("shop", "shop.example"))
+    assert plan(left, "--back")[1][0] == "Account\tin the way\tshop is on-line here"
+
+
+def test_who_has_not_left_does_not_come_back(old):
+    refused = (1, "", "corvctl: shop has not left this server\n")
+    assert corvctl(old.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == refused
+    old.sandbox.write("/var/lib/corvane/moves/shop.left", "")
+    assert corvctl(old.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == (
+        1, "", "corvctl: shop has left this server and was deleted here since\n")
+    assert old.sandbox.calls("ssh") == []
+
+
+def test_a_record_tells_which_way_it_goes(left):
+    record = {"account": "shop", "host": HOST, "domain": "shop.example", "uid": 1, "begun": 1, "rehearsed": 0, "done": ["created"]}
+    left.sandbox.write("/var/lib/corvane/moves/shop.json", json.dumps({**record, "back": True}))
+    assert corvctl(left.sandbox, "account", "move", "shop", HOST, "--confirm", "shop") == (
+        1, "", f"corvctl: shop left this server and is coming back from {HOST}\n  corvctl account move shop {HOST} --back goes on with it\n")
+    left.sandbox.write("/var/lib/corvane/moves/shop.json", json.dumps(record))
+    assert corvctl(left.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == (
+        1, "", f"corvctl: shop came here from {HOST}, which takes it back\n  give this command there, with this server as HOST\n")
+    assert left.sandbox.calls("ssh") == []
+
+
 @pytest.mark.parametrize("words, end", [
     (["shop;reboot", HOST, "--dry-run"], "shop;reboot is no name of an account"),
     (["shop", "-oProxyCommand=x", "--dry-run"], None),
     (["shop", "web$(reboot)", "--dry-run"], "a host's name holds no blanks, quotes or control characters"),
     (["shop", HOST, "--dry-run", "--rehearse"], "--dry-run, --rehearse and --end are different things: choose one"),
     (["shop", HOST, "--rehearse", "--end"], "--dry-run, --rehearse and --end are different things: choose one"),
+    (["shop", HOST, "--back", "--end"], "--back brings it here, and --end is of one that is here"),
+    (["--all", HOST, "--back"], "--end and --back are said of one account at a time"),
     (["-H", "web2", "shop", HOST, "--dry-run"], "that is done on the server itself, not from here\n"
      "  ssh web2 corvctl account move ..."),
 ])

@@ -1,4 +1,6 @@
+#include "common/Quotas.h"
 #include "ctl/Session.h"
+#include "ctl/move/Back.h"
 #include "ctl/move/Forward.h"
 #include "ctl/move/HttpsAlong.h"
 #include "ctl/move/Move.h"
@@ -18,13 +20,17 @@ void applyRest(Task *task)
 {
     const AccountState &state = task->state;
     QStringList &lost = task->done.lost;
+    if (task->record.isBack)
+        clearJobs(state.username);
     if (!state.isSuspended) {
         lost += applyLogin(state, state.username);
         lost += applyJobs(state, state.username, QDateTime::currentSecsSinceEpoch());
         lost += applyLinger(state, state.username);
     }
     lost += applyCrontab(state, state.username);
-    if (const qint64 limit = state.limitMb.value_or(0); limit > 0) {
+    // Who comes back may have one here that was lifted there.
+    const qint64 limit = state.limitMb.value_or(0);
+    if (limit > 0 || (task->record.isBack && state.limitMb && quota::enabled())) {
         const QString problem =
             problemOf(ask(task->session, u"quota.set"_s, {{u"username"_s, state.username}, {u"mb"_s, limit}}));
         if (!problem.isEmpty())
@@ -62,6 +68,13 @@ void finish(Task *task)
 {
     if (const auto kept = readState(moveFile(task->record.account, u"state"_s), task->record.account))
         task->state = *kept;
+    if (task->record.isBack && !task->record.done.contains(kReturned)) {
+        const QString problem = endLeaving(task->session.options, task->record);
+        if (problem.isEmpty())
+            (void)keepDone(&task->record, kReturned);
+        else
+            task->done.lost.append(u"the way that its names were led from here: "_s + problem);
+    }
     if (!task->record.done.contains(kForwarded))
         leadHere(task);
     if (!task->record.done.contains(kFinished)) {

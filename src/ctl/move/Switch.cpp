@@ -2,7 +2,9 @@
 #include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/Turn.h"
+#include "ctl/move/Back.h"
 #include "ctl/move/Dump.h"
+#include "ctl/move/GoOn.h"
 #include "ctl/move/Listing.h"
 #include "ctl/move/Move.h"
 #include "ctl/move/Place.h"
@@ -47,7 +49,7 @@ QString openWays(Ways *ways, const Record &record)
 {
     QString problem = ways->shell.open(record.host);
     if (problem.isEmpty())
-        problem = ways->files.open(record.host, record.account);
+        problem = ways->files.open(record.host, record.account, record.isBack);
     if (problem.isEmpty())
         problem = ways->list.open(record.host, listingCommand(record.account));
     return problem.isEmpty() ? ways->dump.open(record.host, dumpCommand(record.account)) : problem;
@@ -72,6 +74,8 @@ QString takeDatabase(Task *task, Gate *dump)
     if (const QString problem = dump->pass(); !problem.isEmpty())
         return problem;
     if (const QString problem = takeDump(&dump->remote(), account); !problem.isEmpty())
+        return problem;
+    if (const QString problem = task->record.isBack ? letRoleIn(account, true) : QString(); !problem.isEmpty())
         return problem;
     if (const QString problem = loadDump(task->session, task->config, account, &task->done.tables); !problem.isEmpty())
         return problem;
@@ -120,7 +124,12 @@ QString bringOver(Task *task, Ways *ways)
         return problem;
     if (!keepDone(&task->record, kPlacing))
         return u"nothing can be kept in %1"_s.arg(kMoves);
-    return putComeInPlace(task->record.account, *listing);
+    if (const QString problem = putComeInPlace(task->record.account, *listing); !problem.isEmpty())
+        return problem;
+    // Nobody sees it yet: its names are led on from here until it is this server's.
+    if (!task->record.isBack || task->state.isSuspended)
+        return {};
+    return problemOf(ask(task->session, u"hosting.resume"_s, {{u"username"_s, task->record.account}}));
 }
 
 // The connection may be what has failed: another one is made.
@@ -134,7 +143,9 @@ QString goBack(Task *task, bool *isOurs)
         problem = u"nothing can be kept in %1"_s.arg(kMoves);
     if (!problem.isEmpty() || *isOurs)
         return problem;
-    if (task->record.done.contains(kPlacing) && uidOf(task->record.account) != 0)
+    if (task->record.isBack)
+        problem = problemOf(ask(task->session, u"hosting.suspend"_s, {{u"username"_s, task->record.account}}));
+    if (problem.isEmpty() && task->record.done.contains(kPlacing) && uidOf(task->record.account) != 0)
         problem = takeBack(task->record.account);
     if (problem.isEmpty())
         (void)keepUndone(&task->record, {kPlacing, kSwitching});
@@ -176,6 +187,7 @@ QString switchOver(Task *task)
     task->say(wasOnline
                   ? u"taking it off-line there; if this ends now, it is back there after %1 s"_s.arg(task->done.timer)
                   : u"it is suspended there, and is brought so"_s);
+    beginWatch(task->record);
     problem = beginSwitch(&ways.shell, account, wasOnline, task->done.timer);
     QElapsedTimer clock;
     clock.start();
