@@ -13,7 +13,7 @@ HOST = f"root@{OUTSIDE}"
 MOVES = "/var/lib/corvane/moves"
 
 # What a move says when its switch begins.
-SWITCHES = "taking it off-line there"
+SWITCHES = "bringing the database once more"
 
 # Says the time, then the status that each of two addresses gives, again and again.
 POLL = 'while :; do printf "%s %s\\n" "$(date +%s.%N)" "$(curl -q -so /dev/null -m 5 -w "%{http_code}" -H "Host: $1" "$2")"; done'
@@ -72,6 +72,11 @@ def record(new, name):
 
 def is_suspended(host, name):
     return host.ok(["getent", "shadow", name]).split(":")[7] == "1"
+
+
+def is_settled(old, name):
+    """Whether the old server knows where the account is, and what was done to it for the switch is undone."""
+    return old.run(["sh", "-c", f"ls {MOVES}/{name}.undecided {MOVES}/{name}.frozen {MOVES}/{name}.stays"]).out == ""
 
 
 class Watch:

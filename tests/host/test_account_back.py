@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 from hostfloor import HostError
-from moves import HOST, MOVES, Watch, is_suspended, killed_when, move, reaching, record, words
+from moves import HOST, MOVES, SWITCHES, Watch, is_settled, is_suspended, killed_when, move, reaching, record, words
 from shops import everything, make_shop, page
 
 LIMIT = 400
@@ -138,7 +138,7 @@ def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, s
     assert move(old, shop.name, BACK, "--rehearse").code == 0
     killed_when(old, shop, lambda: MOMENTS[moment](old, new, shop.name), moment, BACK)
     # What was left to do is done by the server itself.
-    old.wait_for(lambda: page(new, shop) == WELL and page(old, shop) == WELL, "the shop being served", timeout=60)
+    old.wait_for(lambda: is_settled(new, shop.name) and page(new, shop) == page(old, shop) == WELL, "the shop being served", timeout=60)
     assert is_suspended(old, shop.name) != is_suspended(new, shop.name)
     comes_back(old, new, shop, before)
 
@@ -148,7 +148,7 @@ def test_a_connection_that_breaks_in_the_switch(old, new, shop):
     assert move(old, shop.name, BACK, "--rehearse").code == 0
     with old.background(words(shop.name, BACK), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as process:
         for line in process.stderr:
-            if "taking it off-line there" in line:
+            if SWITCHES in line:
                 break
         new.wait_for(lambda: is_suspended(new, shop.name), "the suspension")
         # The sessions, not what listens for further ones.

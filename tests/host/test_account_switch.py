@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 from hostfloor import HostError
-from moves import HOST, MOVES, SWITCHES, Watch, is_suspended, killed_when, move, reaching, record, words
+from moves import HOST, MOVES, SWITCHES, Watch, is_settled, is_suspended, killed_when, move, reaching, record, words
 from shops import everything, make_shop, page
 
 LIMIT = 400
@@ -159,7 +159,7 @@ def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, s
     assert move(new, shop.name, "--rehearse").code == 0
     killed_when(new, shop, lambda: MOMENTS[moment](old, new, shop.name), moment)
     # What is left to do is done by the new server itself, before the old one's timer.
-    old.wait_for(lambda: is_home(old, shop), "the shop being served at its address", timeout=60)
+    old.wait_for(lambda: is_settled(old, shop.name) and is_home(old, shop), "the shop being served at its address", timeout=60)
     goes_on(old, new, shop, before)
 
 
@@ -198,7 +198,7 @@ def test_a_connection_that_breaks_in_the_switch(old, new, shop):
     assert move(new, shop.name, "--rehearse").code == 0
     with new.background(words(shop.name), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as process:
         for line in process.stderr:
-            if SAYS[-1] in line:
+            if SWITCHES in line:
                 break
         old.wait_for(lambda: is_suspended(old, shop.name), "the suspension")
         # The sessions, not what listens for further ones.
@@ -220,6 +220,27 @@ def test_a_disk_that_is_full(old, new, shop):
     finally:
         new.ok(["sh", "-ec", f"cp -a {MOVES} /root/kept; umount {MOVES}; cp -a /root/kept/. {MOVES}/; rm -r /root/kept"])
     goes_on(old, new, shop, before)
+
+
+# A session of the shop's own that does not take its database for read-only, until it is ended.
+WRITES = ("while :; do psql -qX -h 127.0.0.1 -c 'SET default_transaction_read_only = off' "
+          "-c \"INSERT INTO public.orders (what) VALUES ('late')\" 2>/dev/null || sleep 0.1; done")
+
+
+def test_what_is_written_all_the_same_comes_along(old, new, shop):
+    """An application that has its way with a database that is read-only loses nothing that it was told is there."""
+    login = [f"PGUSER={shop.name}", f"PGPASSWORD={shop.password}", f"PGDATABASE={shop.name}"]
+    with old.background(["env", *login, "sh", "-c", WRITES]) as writer:
+        try:
+            done = move(new, shop.name)
+        finally:
+            writer.kill()
+    assert done.code == 0, done
+    count = "SELECT count(*), max(id) FROM public.orders WHERE what = 'late'"
+    there, here = (host.sql(count, database=shop.name).out for host in (old, new))
+    assert there == here and int(here.split("|")[0]) > 0
+    assert old.sql(f"SELECT setconfig FROM pg_db_role_setting JOIN pg_database d ON d.oid = setdatabase WHERE datname = '{shop.name}' "
+                   "AND setrole = 0 AND setconfig::text LIKE '%read_only%'").out.strip() == "", "it is writable for whoever resumes it"
 
 
 def test_another_host_is_refused_while_one_is_under_way(old, new, shop):

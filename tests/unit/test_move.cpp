@@ -2,6 +2,7 @@
 #include "ctl/move/Plan.h"
 #include "ctl/move/Pull.h"
 #include "ctl/move/There.h"
+#include "ctl/move/Verdict.h"
 
 #include <QTest>
 
@@ -116,6 +117,17 @@ private Q_SLOTS:
         // What is no choice here may not become a part of a path.
         QVERIFY(!parseHttpsThere("on\nown ../../etc/passwd\n").options);
         QVERIFY(!parseHttpsThere("only\n").isOn);
+    }
+
+    void aDatabaseIsAsItWasOnlyWhereNobodyIsListedAnyMore()
+    {
+        QCOMPARE(writtenIn("listed 0\nwritten 42\n", true), 42);
+        QCOMPARE(writtenIn("listed 1\nwritten 42\n", true), std::nullopt);
+        QCOMPARE(writtenIn("listed 1\nwritten 42\n", false), 42);
+        QCOMPARE(writtenIn("written 42\n", true), std::nullopt);
+        QCOMPARE(writtenIn("listed 0\nwritten \n", true), std::nullopt);
+        QCOMPARE(writtenIn("listed 0\nwritten 4x\n", false), std::nullopt);
+        QCOMPARE(writtenIn("psql: no\n", false), std::nullopt);
     }
 
     void twoCertificatesAreTheSameByTheirFirstBlocks()

@@ -173,7 +173,8 @@ int moveOfAccount(Session &session, const Given &given)
     moving::Record fresh;
     fresh.account = account;
     fresh.host = host;
-    moving::Task task = {session, config, sayer(session, account), moving::readRecord(account).value_or(fresh), {}, {}};
+    moving::Task task = {session, config, sayer(session, account), moving::readRecord(account).value_or(fresh), {},
+                         {},      {}};
     if (given.has("--end"))
         return endMove(session, task.record);
     if (const std::optional<int> end = begin(session, given, &task))

@@ -108,8 +108,13 @@ QJsonObject objectOf(const moving::Record &record, const moving::Moved &done)
         object.insert(u"error"_s, done.problem);
     if (done.rehearsed > 0)
         object.insert(u"rehearsedMilliseconds"_s, done.rehearsed);
-    if (done.offline >= 0)
+    if (done.offline >= 0) {
+        QJsonObject parts;
+        for (const auto &[part, milliseconds] : done.took)
+            parts.insert(part, milliseconds);
         object.insert(u"offlineMilliseconds"_s, done.offline);
+        object.insert(u"switchMilliseconds"_s, parts);
+    }
     if (!done.address.isEmpty())
         object.insert(u"oldAddressLeadsTo"_s, done.address);
     if (done.seen)

@@ -4,6 +4,7 @@
 #include "ctl/move/Forward.h"
 #include "ctl/move/HttpsAlong.h"
 #include "ctl/move/Move.h"
+#include "ctl/move/Verdict.h"
 #include "ctl/restore/Apply.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/restore/Restore.h"
@@ -77,6 +78,11 @@ void finish(Task *task)
     }
     if (!task->record.done.contains(kForwarded))
         leadHere(task);
+    // It stays there as it is, but for whoever resumes it once.
+    Shell shell;
+    if (QString problem = shell.open(task->record.host);
+        !problem.isEmpty() || !(problem = thaw(&shell, task->record.account)).isEmpty())
+        task->done.lost.append(u"the database that is left there stays read-only: "_s + problem);
     if (!task->record.done.contains(kFinished)) {
         task->say(u"putting back its login, jobs and limit"_s);
         applyRest(task);
