@@ -23,6 +23,15 @@ bool leadsHere(const State &state, const QString &name)
     return state.names.value(name).leadsHere;
 }
 
+// Of a site that has moved here and whose names have not followed yet, nothing is renewed: it keeps all names that its
+// certificate has, so that who is led on to here by its old address is served by each of them.
+bool isKeptByItsCertificate(const Candidate &candidate, const State &state, const QString &www)
+{
+    const QString &domain = candidate.site.domain;
+    return candidate.certified && !leadsHere(state, domain) &&
+           (candidate.certificate->names.contains(www) || candidate.certificate->names.contains(u"*."_s + domain));
+}
+
 void noteUnseen(const Twin &twin, const State &state, QStringList *unseen)
 {
     for (const QString &name : namesOf(twin)) {
@@ -108,7 +117,7 @@ Plan plan(const QList<Candidate> &candidates, const Others &others, const State 
                 said.withoutWww = u"another site has %1 on port 443"_s.arg(www);
             else if (owners.contains(www))
                 said.withoutWww = u"%1 belongs to %2"_s.arg(www, owners.value(www));
-            else if (leadsElsewhere(state, www))
+            else if (leadsElsewhere(state, www) && !isKeptByItsCertificate(candidate, state, www))
                 said.withoutWww = state.names.value(www).said;
         }
         Twin twin{candidate.site};

@@ -12,6 +12,9 @@ KEY = "/root/.ssh/id_ed25519"
 HOST = f"root@{OUTSIDE}"
 MOVES = "/var/lib/corvane/moves"
 
+# What a move says when its switch begins.
+SWITCHES = "bringing the database once more"
+
 # Says the time, then the status that each of two addresses gives, again and again.
 POLL = 'while :; do printf "%s %s\\n" "$(date +%s.%N)" "$(curl -q -so /dev/null -m 5 -w "%{http_code}" -H "Host: $1" "$2")"; done'
 
@@ -28,12 +31,37 @@ def reaching(new, old):
         yield
 
 
+def make_certificates(folder, domain):
+    """An authority, and a certificate for the domain and its www name from it."""
+    def openssl(*words):
+        subprocess.run(["openssl", *words], cwd=folder, check=True, capture_output=True)
+
+    key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
+    openssl("req", "-x509", *key, "-keyout", "authority.key", "-out", "authority.pem", "-days", "9", "-subj", "/CN=Test authority")
+    openssl("req", *key, "-keyout", "site.key", "-out", "site.csr", "-subj", f"/CN={domain}")
+    (folder / "names").write_text(f"subjectAltName=DNS:{domain},DNS:www.{domain}\n")
+    openssl("x509", "-req", "-in", "site.csr", "-CA", "authority.pem", "-CAkey", "authority.key", "-CAcreateserial", "-days", "5",
+            "-extfile", "names", "-out", "site.pem")
+
+
 def words(name, *options):
     return ["corvctl", "account", "move", name, HOST, "--confirm", name, *options]
 
 
 def move(new, name, *options, timeout=240):
     return new.run(words(name, *options), timeout=timeout)
+
+
+def killed_when(host, shop, condition, what, *options):
+    """Starts a move and kills it within the switch, once the condition holds."""
+    with host.background(["setsid", "sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words(shop.name, *options)], stdout=subprocess.DEVNULL,
+                         stderr=subprocess.PIPE, text=True) as process:
+        inner = process.stderr.readline().strip()
+        for line in process.stderr:
+            if SWITCHES in line:
+                break
+        host.wait_for(condition, what)
+        host.run(["kill", "-KILL", inner])
 
 
 def record(new, name):
@@ -44,6 +72,11 @@ def record(new, name):
 
 def is_suspended(host, name):
     return host.ok(["getent", "shadow", name]).split(":")[7] == "1"
+
+
+def is_settled(old, name):
+    """Whether the old server knows where the account is, and what was done to it for the switch is undone."""
+    return old.run(["sh", "-c", f"ls {MOVES}/{name}.undecided {MOVES}/{name}.frozen {MOVES}/{name}.stays"]).out == ""
 
 
 class Watch:

@@ -5,13 +5,12 @@ import hashlib
 import json
 import os
 import re
-import subprocess
 
 import pytest
 from hostfloor import ADDRESS, OUTSIDE
+from moves import make_certificates, reaching
 
 LIMIT = 300
-KEY = "/root/.ssh/id_ed25519"
 # The addresses of two who visit; the servers see each other at OUTSIDE.
 VISITOR, OTHER = "10.213.0.77", "10.213.0.78"
 SHOW = """<?php
@@ -54,25 +53,8 @@ def old(boot):
 def new(boot, old):
     """The new server, which root of may log in as root of the old one. Each reaches the other at the address OUTSIDE."""
     host = boot()
-    host.ok(["sh", "-ec", f"mkdir -pm 700 /root/.ssh; ssh-keygen -qt ed25519 -N '' -f {KEY}"])
-    old.ok(["mkdir", "-pm", "700", "/root/.ssh"])
-    old.put("/root/.ssh/authorized_keys", host.get(f"{KEY}.pub"), mode="600")
-    with host.reaching(old, 22), old.reaching(host, 80):
-        host.put("/root/.ssh/known_hosts", host.ok(["ssh-keyscan", "-T", "20", OUTSIDE]))
+    with reaching(host, old):
         yield host
-
-
-def make_certificates(folder, domain):
-    """An authority, and a certificate for the domain from it."""
-    def openssl(*words):
-        subprocess.run(["openssl", *words], cwd=folder, check=True, capture_output=True)
-
-    key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
-    openssl("req", "-x509", *key, "-keyout", "authority.key", "-out", "authority.pem", "-days", "9", "-subj", "/CN=Test authority")
-    openssl("req", *key, "-keyout", "site.key", "-out", "site.csr", "-subj", f"/CN={domain}")
-    (folder / "names").write_text(f"subjectAltName=DNS:{domain},DNS:www.{domain}\n")
-    openssl("x509", "-req", "-in", "site.csr", "-CA", "authority.pem", "-CAkey", "authority.key", "-CAcreateserial", "-days", "5",
-            "-extfile", "names", "-out", "site.pem")
 
 
 def configuration(host):

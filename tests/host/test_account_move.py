@@ -1,13 +1,13 @@
-"""An account is moved from one server to another, over real ssh: so far the plan."""
+"""An account is moved from one server to another, over real ssh: the plan."""
 
 import json
 
 import pytest
 from hostfloor import OUTSIDE
+from moves import reaching
 from shops import everything, make_shop
 
 LIMIT = 300
-KEY = "/root/.ssh/id_ed25519"
 
 
 @pytest.fixture(scope="module")
@@ -18,14 +18,9 @@ def old(boot):
 
 @pytest.fixture(scope="module")
 def new(boot, old):
-    """The one that it is to come to, which root of may log in as root of the old one."""
+    """The one that it is to come to."""
     host = boot()
-    host.ok(["sh", "-ec", f"mkdir -pm 700 /root/.ssh; ssh-keygen -qt ed25519 -N '' -f {KEY}"])
-    old.ok(["mkdir", "-pm", "700", "/root/.ssh"])
-    old.put("/root/.ssh/authorized_keys", host.get(f"{KEY}.pub"), mode="600")
-    with host.reaching(old, 22):
-        keys = host.ok(["ssh-keyscan", "-T", "20", OUTSIDE])
-        host.put("/root/.ssh/known_hosts", keys)
+    with reaching(host, old):
         yield host
 
 

@@ -5,14 +5,14 @@ import subprocess
 
 import pytest
 from hostfloor import HostError
-from moves import HOST, MOVES, Watch, is_suspended, move, reaching, record, words
+from moves import HOST, MOVES, SWITCHES, Watch, is_settled, is_suspended, killed_when, move, reaching, record, words
 from shops import everything, make_shop, page
 
 LIMIT = 400
 WELL = (200, "2000 orders, \n")
 # Where a move is ended: what it says there, or what it has written down.
 SAYS = ["making the account here", "bringing the files, while the site is served there", "bringing the database, and loading it here",
-        "taking it off-line there"]
+        SWITCHES]
 
 
 @pytest.fixture(scope="module")
@@ -35,7 +35,9 @@ def shop(old, new):
     new._accounts.append((account.name, account.domain))
     yield account
     new.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
-    old.run(["systemctl", "stop", f"corv-move-{account.name}.timer"])
+    for host in (old, new):
+        host.run(["systemctl", "stop", f"corv-move-{account.name}.timer", f"corv-moving-{account.name}.timer"])
+    old.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
     new.remove_accounts()
     old.remove_accounts()
 
@@ -43,12 +45,6 @@ def shop(old, new):
 def is_home(host, shop):
     """Whether the host serves the shop with its page over its database."""
     return page(host, shop) == WELL
-
-
-def resumed_by_its_timer(old, shop):
-    """What the timer over there does when its time has come."""
-    old.ok(["systemctl", "start", f"corv-move-{shop.name}.service"])
-    old.wait_for(lambda: is_home(old, shop), "the shop being served where it was")
 
 
 def test_a_shop_is_the_same_on_its_new_server(old, new, shop):
@@ -125,18 +121,6 @@ def killed_at(new, shop, saying):
     assert process.returncode != 0
 
 
-def killed_when(new, shop, condition, what):
-    """Starts a move and kills it within the switch, once the condition holds."""
-    with new.background(["setsid", "sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words(shop.name)], stdout=subprocess.DEVNULL,
-                        stderr=subprocess.PIPE, text=True) as process:
-        inner = process.stderr.readline().strip()
-        for line in process.stderr:
-            if SAYS[-1] in line:
-                break
-        new.wait_for(condition, what)
-        new.run(["kill", "-KILL", inner])
-
-
 def goes_on(old, new, shop, before):
     """The same command brings it to its end. before: what the shop was, where it has not been on-line there since."""
     if not is_suspended(old, shop.name):
@@ -163,23 +147,47 @@ MOMENTS = {
     "suspended there": lambda old, new, name: is_suspended(old, name),
     "the dump is coming": lambda old, new, name: new.exists(f"{MOVES}/{name}.dump"),
     "the files are placed": lambda old, new, name: "placing" in record(new, name),
+    "decided": lambda old, new, name: old.exists(f"{MOVES}/{name}.left"),
+    "the old address leads here": lambda old, new, name: "forwarded" in record(new, name),
 }
 
 
-@pytest.mark.parametrize("moment", [moment if moment == "the dump is coming" else pytest.param(moment, marks=pytest.mark.long)
+@pytest.mark.parametrize("moment", [moment if moment in ("the dump is coming", "decided") else pytest.param(moment, marks=pytest.mark.long)
                                     for moment in MOMENTS])
-def test_killed_within_the_switch_the_old_server_takes_it_back(old, new, shop, moment):
+def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, shop, moment):
     before = everything(old, shop.name)
     assert move(new, shop.name, "--rehearse").code == 0
     killed_when(new, shop, lambda: MOMENTS[moment](old, new, shop.name), moment)
-    if "decided" not in record(new, shop.name) and old.exists(f"{MOVES}/{shop.name}.undecided"):
-        resumed_by_its_timer(old, shop)
+    # What is left to do is done by the new server itself, before the old one's timer.
+    old.wait_for(lambda: is_settled(old, shop.name) and is_home(old, shop), "the shop being served at its address", timeout=60)
     goes_on(old, new, shop, before)
+
+
+def nobody_goes_on(new, shop):
+    """The new server is gone, with what would go on with the move there."""
+    new.ok(["systemctl", "stop", f"corv-moving-{shop.name}.timer"])
+
+
+def test_a_restart_of_the_old_server_within_the_switch(old, new, shop):
+    killed_when(new, shop, lambda: is_suspended(old, shop.name), "the suspension")
+    nobody_goes_on(new, shop)
+    # What a restart leaves of it: the timer is gone, and the units that are enabled are started.
+    old.ok(["systemctl", "stop", f"corv-move-{shop.name}.timer"])
+    assert page(old, shop)[0] == 503 and old.ok(["systemctl", "is-enabled", "corv-move.service"]) == "enabled\n"
+    old.ok(["systemctl", "start", "corv-move.service"])
+    old.wait_for(lambda: is_home(old, shop), "the shop being served where it was")
+    assert old.run(["sh", "-c", f"ls {MOVES}"]).out == ""
+    # Who was suspended before the move stays so.
+    old.ok(["corvctl", "account", "suspend", shop.name])
+    old.ok(["sh", "-c", f": >{MOVES}/{shop.name}.undecided"])
+    old.ok(["systemctl", "start", "corv-move.service"])
+    assert is_suspended(old, shop.name) and old.exists(f"{MOVES}/{shop.name}.undecided")
 
 
 @pytest.mark.long
 def test_the_timer_of_the_old_server_needs_nobody(old, new, shop):
     killed_when(new, shop, lambda: is_suspended(old, shop.name), "the suspension")
+    nobody_goes_on(new, shop)
     assert "decided" not in record(new, shop.name) and page(old, shop)[0] == 503
     old.wait_for(lambda: is_home(old, shop), "the timer's time", timeout=150)
     assert not is_suspended(old, shop.name)
@@ -190,7 +198,7 @@ def test_a_connection_that_breaks_in_the_switch(old, new, shop):
     assert move(new, shop.name, "--rehearse").code == 0
     with new.background(words(shop.name), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as process:
         for line in process.stderr:
-            if SAYS[-1] in line:
+            if SWITCHES in line:
                 break
         old.wait_for(lambda: is_suspended(old, shop.name), "the suspension")
         # The sessions, not what listens for further ones.
@@ -212,6 +220,27 @@ def test_a_disk_that_is_full(old, new, shop):
     finally:
         new.ok(["sh", "-ec", f"cp -a {MOVES} /root/kept; umount {MOVES}; cp -a /root/kept/. {MOVES}/; rm -r /root/kept"])
     goes_on(old, new, shop, before)
+
+
+# A session of the shop's own that does not take its database for read-only, until it is ended.
+WRITES = ("while :; do psql -qX -h 127.0.0.1 -c 'SET default_transaction_read_only = off' "
+          "-c \"INSERT INTO public.orders (what) VALUES ('late')\" 2>/dev/null || sleep 0.1; done")
+
+
+def test_what_is_written_all_the_same_comes_along(old, new, shop):
+    """An application that has its way with a database that is read-only loses nothing that it was told is there."""
+    login = [f"PGUSER={shop.name}", f"PGPASSWORD={shop.password}", f"PGDATABASE={shop.name}"]
+    with old.background(["env", *login, "sh", "-c", WRITES]) as writer:
+        try:
+            done = move(new, shop.name)
+        finally:
+            writer.kill()
+    assert done.code == 0, done
+    count = "SELECT count(*), max(id) FROM public.orders WHERE what = 'late'"
+    there, here = (host.sql(count, database=shop.name).out for host in (old, new))
+    assert there == here and int(here.split("|")[0]) > 0
+    assert old.sql(f"SELECT setconfig FROM pg_db_role_setting JOIN pg_database d ON d.oid = setdatabase WHERE datname = '{shop.name}' "
+                   "AND setrole = 0 AND setconfig::text LIKE '%read_only%'").out.strip() == "", "it is writable for whoever resumes it"
 
 
 def test_another_host_is_refused_while_one_is_under_way(old, new, shop):

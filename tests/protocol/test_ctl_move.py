@@ -4,6 +4,7 @@ import json
 
 import pytest
 from corvctl import corvctl, on_terminal
+from test_ctl_forward import SUSPENDED
 
 SCRAM = "SCRAM-SHA-256$4096:lD89vA2GQkNgqwtP7vv7rA==$8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM=:8wn3xyobUdhAKBPqlbPO5zWSGlHXWxzjqhM="
 STATE = {"username": "shop", "domain": "shop.example", "taken": 1, "uid": 54321, "shell": "/bin/bash", "suspended": False,
@@ -12,6 +13,8 @@ STATE = {"username": "shop", "domain": "shop.example", "taken": 1, "uid": 54321,
 SHOWN = {"ok": True, "username": "shop", "sitesBeside": [], "database": {"name": "shop", "bytes": 8192, "readOnly": False}}
 MEASURED = "postgres 150013\nbytes 4096\t/home/shop\nentries 7\t/home/shop\nrsync /usr/bin/rsync\n"
 HOST = "root@web1.example"
+HTTPS, CHOICES = "/etc/apache2/sites-enabled/zz-corv-https.conf", "/etc/corvane/https.d/shop"
+CERTIFICATE = "/etc/corvane/https/md/domains/shop.example/pubcert.p-256.pem"
 WALK = "$(runuser -u shop -- du -s {} --exclude=/home/shop/tmp /home/shop 2>/dev/null)"
 
 
@@ -24,6 +27,7 @@ class Old:
         self.shows()
         self.writes_down()
         self.measures()
+        self.secures()
 
     def shows(self, exit=0, err="", **more):
         self.sandbox.answer("ssh", "-T", "--", HOST, "corvctl", "account", "show", ..., ignore_input=True, exit=exit, err=err,
@@ -36,6 +40,15 @@ class Old:
 
     def measures(self, text=MEASURED):
         self.sandbox.answer("ssh", "-T", "--", HOST, "echo", ..., ignore_input=True, out=text)
+
+    def secures(self, text="", certificate=""):
+        answers_https(self.sandbox, text, certificate)
+
+
+def answers_https(sandbox, text="", certificate=""):
+    """What the other server has of HTTPS: nothing, or "on" with the choices, and the certificate."""
+    sandbox.answer("ssh", "-T", "--", HOST, "if", "test", "-e", HTTPS, ..., ignore_input=True, out=text)
+    sandbox.answer("ssh", "-T", "--", HOST, "if", "test", "-e", CERTIFICATE, ..., ignore_input=True, out=certificate)
 
 
 @pytest.fixture
@@ -63,7 +76,9 @@ def test_a_plan_without_anything_in_the_way(old):
          "/var/lib/corvane/accounts.state", "||", "test", "$?", "=", "1;", "}"],
         ["echo", "postgres", "$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');",
          "echo", "bytes", WALK.format("-B1") + ";", "echo", "entries", WALK.format("--inodes") + ";",
-         "echo", "rsync", "$(command -v rsync)"])]
+         "echo", "rsync", "$(command -v rsync)"],
+        ["if", "test", "-e", HTTPS, ";", "then", "echo", "on;", "fi;",
+         "if", "test", "-e", CHOICES, ";", "then", "cat", CHOICES, ";", "fi"])]
     old.sandbox.logs()
 
 
@@ -89,6 +104,7 @@ def test_a_person_reads_all_of_it_at_80_columns(old):
         "                        one",
         "well        PHP         8.2 there, 8.2 here",
         "well        Limit       none",
+        "well        HTTPS       none there",
         "well        rsync       on both",
         "corvctl: shop cannot be moved here yet: Account, PostgreSQL"]
 
@@ -107,7 +123,8 @@ def test_what_it_tells_programs(old):
     assert told == {"ok": False, "account": "shop", "host": HOST, "domain": "shop.example", "homeBytes": 4096, "homeEntries": 7,
                     "databaseBytes": 8192}
     assert [check["about"] for check in checks] == [
-        "Account", "Domain", "State", "User id", "Login", "PostgreSQL", "PHP", "Room", "Limit", "rsync"]
+        "Account", "Domain", "State", "User id", "Login", "PostgreSQL", "PHP", "Room", "Limit", "HTTPS",
+        "rsync"]
     assert [check for check in checks if check["level"] != "well"] == [
         {"about": "PostgreSQL", "level": "in the way", "text": "17 there, 15 here: a dump does not load into an older one"}]
     assert (code, err) == (1, "corvctl: shop cannot be moved here yet: PostgreSQL\n")
@@ -129,6 +146,22 @@ def test_a_domain_that_something_here_answers_to(old, name):
 def test_a_domain_of_another_account_here(old):
     old.sandbox.add_account("blog", "shop.example")
     assert plan(old)[1] == ["Domain\tin the way\tthe account blog here answers to shop.example already"]
+
+
+def test_https_that_is_on_there_and_off_here(old):
+    old.secures("on\nredirect\n")
+    assert plan(old) == (0, ["HTTPS\tnote\ton there and off here: who comes by HTTPS finds nothing before corvctl https on"], "")
+
+
+def test_the_plan_asks_for_the_certificate_and_never_for_its_key(old):
+    old.sandbox.write("/etc/apache2/sites-enabled/zz-corv-https.conf", "")
+    old.secures("on\n", "-----BEGIN CERTIFICATE-----\nnone\n-----END CERTIFICATE-----\n")
+    assert plan(old) == (0, ["HTTPS\tnote\tno certificate there that is good: one is ordered when its names lead here"], "")
+    assert old.sandbox.argvs("ssh")[-1] == ["ssh", "-T", "--", HOST, "if", "test", "-e", CERTIFICATE, ";", "then", "cat",
+                                            CERTIFICATE, ";", "fi"]
+    # Choices that are none lead to no path.
+    old.secures("on\nown ../../../root/x\n")
+    assert plan(old)[1] == ["HTTPS\tnote\twhat was chosen for it cannot be read there, and does not come along"]
 
 
 def test_no_rsync_here(old):
@@ -174,12 +207,63 @@ def test_an_answer_of_something_else(old):
     assert plan(old) == (3, [], f"corvctl: {HOST}: what answers there does not know that command\n")
 
 
+@pytest.fixture
+def left(old):
+    """The account shop has left this server, which leads its names on to the other one."""
+    old.sandbox.add_account("shop", "shop.example")
+    old.sandbox.write("/etc/apache2/sites-available/corv-shop.conf", SUSPENDED.format("shop", "shop.example"))
+    old.sandbox.write("/etc/apache2/sites-enabled/001-moved-shop.conf", "<VirtualHost *:80>\nServerName shop.example\n</VirtualHost>\n")
+    old.sandbox.write("/var/lib/corvane/moves/shop.left", "on-line\n")
+    return old
+
+
+def test_the_plan_of_the_way_back_has_nothing_of_its_own_in_the_way(left):
+    before = left.sandbox.tree("/var/lib")
+    assert plan(left, "--back") == (0, [], "")
+    assert plan(left)[1] == ["Account\tin the way\tthere is a user shop here",
+                             "Domain\tin the way\tthe site 001-moved-shop here answers to shop.example already"]
+    assert left.sandbox.tree("/var/lib") == before
+
+
+def test_what_keeps_an_account_from_coming_back(left):
+    left.sandbox.write("/etc/apache2/sites-enabled/x.conf", "<VirtualHost *:80>\nServerName shop.example\n</VirtualHost>\n")
+    left.writes_down(domain="other.example")
+    assert plan(left, "--back")[1] == ["Account\tin the way\tit has the domain shop.example here and another there"]
+    left.writes_down()
+    left.sandbox.write("/etc/apache2/sites-enabled/001-moved-shop.conf", "")
+    assert plan(left, "--back")[1] == ["Domain\tin the way\tthe site x here answers to shop.example already"]
+    left.sandbox.write("/etc/apache2/sites-available/corv-shop.conf", SUSPENDED.replace("RewriteRule", "# RewriteRule").format("shop", "shop.example"))
+    assert plan(left, "--back")[1][0] == "Account\tin the way\tshop is on-line here"
+
+
+def test_who_has_not_left_does_not_come_back(old):
+    refused = (1, "", "corvctl: shop has not left this server\n")
+    assert corvctl(old.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == refused
+    old.sandbox.write("/var/lib/corvane/moves/shop.left", "")
+    assert corvctl(old.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == (
+        1, "", "corvctl: shop has left this server and was deleted here since\n")
+    assert old.sandbox.calls("ssh") == []
+
+
+def test_a_record_tells_which_way_it_goes(left):
+    record = {"account": "shop", "host": HOST, "domain": "shop.example", "uid": 1, "begun": 1, "rehearsed": 0, "done": ["created"]}
+    left.sandbox.write("/var/lib/corvane/moves/shop.json", json.dumps({**record, "back": True}))
+    assert corvctl(left.sandbox, "account", "move", "shop", HOST, "--confirm", "shop") == (
+        1, "", f"corvctl: shop left this server and is coming back from {HOST}\n  corvctl account move shop {HOST} --back goes on with it\n")
+    left.sandbox.write("/var/lib/corvane/moves/shop.json", json.dumps(record))
+    assert corvctl(left.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == (
+        1, "", f"corvctl: shop came here from {HOST}, which takes it back\n  give this command there, with this server as HOST\n")
+    assert left.sandbox.calls("ssh") == []
+
+
 @pytest.mark.parametrize("words, end", [
     (["shop;reboot", HOST, "--dry-run"], "shop;reboot is no name of an account"),
     (["shop", "-oProxyCommand=x", "--dry-run"], None),
     (["shop", "web$(reboot)", "--dry-run"], "a host's name holds no blanks, quotes or control characters"),
     (["shop", HOST, "--dry-run", "--rehearse"], "--dry-run, --rehearse and --end are different things: choose one"),
     (["shop", HOST, "--rehearse", "--end"], "--dry-run, --rehearse and --end are different things: choose one"),
+    (["shop", HOST, "--back", "--end"], "--back brings it here, and --end is of one that is here"),
+    (["--all", HOST, "--back"], "--end and --back are said of one account at a time"),
     (["-H", "web2", "shop", HOST, "--dry-run"], "that is done on the server itself, not from here\n"
      "  ssh web2 corvctl account move ..."),
 ])

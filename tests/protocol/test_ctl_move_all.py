@@ -4,7 +4,7 @@ import json
 
 import pytest
 from corvctl import corvctl, on_terminal
-from test_ctl_move import HOST, MEASURED, SCRAM, SHOWN, STATE
+from test_ctl_move import HOST, MEASURED, SCRAM, SHOWN, STATE, answers_https
 
 NAMES = ["blog", "shop", "wiki"]
 
@@ -21,6 +21,7 @@ def old(sandbox):
     sandbox.add_standin("rsync")
     sandbox.answer("ssh", exit=255, err="ssh: not expected\n", ignore_input=True)
     sandbox.answer("ssh", "-T", "--", HOST, "echo", ..., ignore_input=True, out=MEASURED)
+    answers_https(sandbox)
     lists(sandbox, NAMES)
     states = "".join(json.dumps({**STATE, "username": name, "domain": f"{name}.example"}) + "\n" for name in NAMES)
     sandbox.answer("ssh", "-T", "--", HOST, "corvctl", "account", "state", ..., ignore_input=True, out=states)
@@ -42,7 +43,7 @@ def all_of(sandbox, *words, how=("--plain",)):
 
 def test_the_plans_of_all_accounts(old):
     assert all_of(old, "--dry-run") == (0, "".join(f"{name}\tcan be moved\t\t\n" for name in NAMES), "")
-    assert len(old.argvs("ssh")) == 1 + 3 * len(NAMES)
+    assert len(old.argvs("ssh")) == 1 + 4 * len(NAMES)
 
 
 def test_one_that_is_in_the_way_keeps_none_of_the_others(old):

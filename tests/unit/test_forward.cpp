@@ -73,7 +73,7 @@ private Q_SLOTS:
             "<VirtualHost *:443>\n";
         QVERIFY(text.contains(begin));
         QVERIFY(text.contains("    ProxyPass / https://192.0.2.7/ nocanon"));
-        QVERIFY(text.contains("    SSLProxyVerify require\n"));
+        QVERIFY(text.contains("    SSLProxyVerify require\n    SSLProxyVerifyDepth 10\n"));
         QVERIFY(text.endsWith("</VirtualHost>\n</IfFile>\n</IfFile>\n</IfFile>\n</IfModule>\n"));
     }
 

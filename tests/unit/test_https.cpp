@@ -239,6 +239,36 @@ private Q_SLOTS:
         QVERIFY(!plan(sites, {}, state, kNow + 1, 9).twins.first().renews);
     }
 
+    void aSiteThatMovedHereKeepsTheNamesOfItsCertificateUntilItsNamesFollow()
+    {
+        Candidate moved = candidate(u"shop"_s, u"shop.example"_s);
+        moved.certified = true;
+        moved.certificate = Certificate{1, kNow + 1, {u"shop.example"_s, u"www.shop.example"_s}, {}};
+        const QStringList both{u"shop.example"_s, u"www.shop.example"_s};
+        State state;
+        for (const QString &name : both)
+            state.names[name] = {false, u"leads elsewhere"_s, 0, 0, 1};
+        const auto served = [&state](const Candidate &site) {
+            return namesOf(plan({site}, {}, state, kNow, 9).twins.first());
+        };
+        QCOMPARE(served(moved), both);
+        QVERIFY(!plan({moved}, {}, state, kNow, 9).twins.first().renews);
+
+        moved.certificate->names = {u"shop.example"_s, u"*.shop.example"_s};
+        QCOMPARE(served(moved), both);
+        moved.certificate->names = {u"shop.example"_s};
+        QCOMPARE(served(moved), QStringList{u"shop.example"_s});
+        moved.certificate->names = both;
+        moved.certified = false;
+        QCOMPARE(served(moved), QStringList{u"shop.example"_s});
+
+        // What is here and has lost its www name is renewed without it.
+        moved.certified = true;
+        state.names[u"shop.example"_s].leadsHere = true;
+        QCOMPARE(served(moved), QStringList{u"shop.example"_s});
+        QVERIFY(plan({moved}, {}, state, kNow, 9).twins.first().renews);
+    }
+
     void aNameBelongsToTheFirstThatHasIt()
     {
         const Candidate first = candidate(u"aaa"_s, u"shop.example"_s);

@@ -2,6 +2,7 @@
 #include "ctl/move/Plan.h"
 #include "ctl/move/Pull.h"
 #include "ctl/move/There.h"
+#include "ctl/move/Verdict.h"
 
 #include <QTest>
 
@@ -45,6 +46,15 @@ Here server()
     return here;
 }
 
+// HTTPS on both, with a certificate there.
+void secure(There &there, Here &here)
+{
+    there.https.isOn = true;
+    there.https.options = corv::https::SiteOptions();
+    there.https.certificate = corv::Certificate{1, 4'102'444'800, {u"shop.example"_s}, {}};
+    here.hasHttps = true;
+}
+
 // What is not well, as "About: text" behind "note" or "way".
 QStringList worse(const There &there, const Here &here)
 {
@@ -75,6 +85,58 @@ private Q_SLOTS:
     void nothingIsInTheWayBetweenServersThatAreAlike()
     {
         QCOMPARE(worse(account(), server()), QStringList());
+    }
+
+    void aCertificateThatComesAlongIsWell()
+    {
+        There there = account();
+        Here here = server();
+        secure(there, here);
+        QCOMPARE(worse(there, here), QStringList());
+        const auto text = [&] {
+            for (const Check &check : checksOf(there, here)) {
+                if (check.about == u"HTTPS"_s)
+                    return check.text;
+            }
+            return QString();
+        };
+        QCOMPARE(text(), u"its certificate comes along, good until 2100-01-01"_s);
+        there.https.options->off = true;
+        here.hasHttps = false;
+        QCOMPARE(worse(there, here), QStringList());
+        QCOMPARE(text(), u"switched off there"_s);
+    }
+
+    void whatWasChosenForHttpsThereIsReadLikeAFileHere()
+    {
+        QVERIFY(!parseHttpsThere({}).isOn);
+        QCOMPARE(parseHttpsThere({}).options, corv::https::SiteOptions());
+        QVERIFY(parseHttpsThere("on\n").isOn);
+        const HttpsThere chosen = parseHttpsThere("on\n# x\nredirect\nno-www\n");
+        QVERIFY(chosen.isOn && chosen.options->redirect && chosen.options->noWww && !chosen.options->hsts);
+        // What is no choice here may not become a part of a path.
+        QVERIFY(!parseHttpsThere("on\nown ../../etc/passwd\n").options);
+        QVERIFY(!parseHttpsThere("only\n").isOn);
+    }
+
+    void aDatabaseIsAsItWasOnlyWhereNobodyIsListedAnyMore()
+    {
+        QCOMPARE(writtenIn("listed 0\nwritten 42\n", true), 42);
+        QCOMPARE(writtenIn("listed 1\nwritten 42\n", true), std::nullopt);
+        QCOMPARE(writtenIn("listed 1\nwritten 42\n", false), 42);
+        QCOMPARE(writtenIn("written 42\n", true), std::nullopt);
+        QCOMPARE(writtenIn("listed 0\nwritten \n", true), std::nullopt);
+        QCOMPARE(writtenIn("listed 0\nwritten 4x\n", false), std::nullopt);
+        QCOMPARE(writtenIn("psql: no\n", false), std::nullopt);
+    }
+
+    void twoCertificatesAreTheSameByTheirFirstBlocks()
+    {
+        const QByteArray one = "x\n-----BEGIN CERTIFICATE-----\nAA\nBB\n-----END CERTIFICATE-----\n";
+        QCOMPARE(firstBlock(one, "CERTIFICATE"), QByteArray("AABB"));
+        QCOMPARE(firstBlock(one + one, "CERTIFICATE"), QByteArray("AABB"));
+        QCOMPARE(firstBlock(one.chopped(8), "CERTIFICATE"), QByteArray());
+        QCOMPARE(firstBlock("", "CERTIFICATE"), QByteArray());
     }
 
     void eachDifferenceIsTold_data()
@@ -111,6 +173,34 @@ private Q_SLOTS:
         row(
             "uid", [](There &, Here &here) { here.uidHolder = u"blog"_s; },
             u"note User id: 1003 there, which is that of blog here: it gets another one"_s);
+        row(
+            "certificate",
+            [](There &there, Here &here) {
+                secure(there, here);
+                there.https.certificate.reset();
+            },
+            u"note HTTPS: no certificate there that is good: one is ordered when its names lead here"_s);
+        row(
+            "ended certificate",
+            [](There &there, Here &here) {
+                secure(there, here);
+                there.https.certificate->ends = 1;
+            },
+            u"note HTTPS: no certificate there that is good: one is ordered when its names lead here"_s);
+        row(
+            "https off here",
+            [](There &there, Here &here) {
+                secure(there, here);
+                here.hasHttps = false;
+            },
+            u"note HTTPS: on there and off here: who comes by HTTPS finds nothing before corvctl https on"_s);
+        row(
+            "https choices",
+            [](There &there, Here &here) {
+                secure(there, here);
+                there.https.options.reset();
+            },
+            u"note HTTPS: what was chosen for it cannot be read there, and does not come along"_s);
         row(
             "shell", [](There &, Here &here) { here.hasShell = false; },
             u"note Login: /bin/bash there, which is not here: it gets that of new accounts"_s);

@@ -232,6 +232,7 @@ Command accountCommand()
               {"--dry-run", "only tell what the move would meet", Kind::Flag},
               {"--rehearse", "bring files and database here, while it is served there, and stop before the switch",
                Kind::Flag},
+              {"--back", "an account that left this server for HOST, with all that has changed there", Kind::Flag},
               {"--end", "of a move that is done: let the old address lead here no more", Kind::Flag}},
              moveOfAccount},
             {"forward",

@@ -9,6 +9,7 @@
 #include "ctl/commands/Account.h"
 #include "ctl/commands/MoveText.h"
 #include "ctl/commands/RestoreText.h"
+#include "ctl/move/Back.h"
 #include "ctl/move/Forward.h"
 #include "ctl/move/Move.h"
 #include "ctl/move/Plan.h"
@@ -28,7 +29,10 @@ using moving::Check;
 // What goes on with an account that is here already, half made, has its name, and files that need no more room.
 QList<Check> checksFor(const moving::There &there, const moving::Record &record)
 {
-    QList<Check> checks = checksOf(there, moving::lookHere(there));
+    const moving::Here here = moving::lookHere(there);
+    if (record.isBack)
+        return checksOfBack(there, here, record);
+    QList<Check> checks = checksOf(there, here);
     if (record.begun != 0 && uidOf(record.account) != 0 && isMade(record))
         checks.removeIf([](const Check &check) { return check.about == "Account"_L1 || check.about == "Room"_L1; });
     return checks;
@@ -53,15 +57,37 @@ std::optional<int> plan(const Session &session, const Given &given, moving::Task
     return isDry ? std::optional(kDone) : std::nullopt;
 }
 
+// Whether the account comes, or comes back, is the record's matter where there is one. Gives the status to end with
+// where it cannot come back, or is asked for the other way.
+std::optional<int> beginBack(const Session &session, const Given &given, moving::Record *record)
+{
+    const bool isBack = given.has("--back");
+    if (isBack && record->begun == 0) {
+        QString problem;
+        *record = moving::recordOfBack(record->account, given.text("HOST"), &problem);
+        return problem.isEmpty() ? std::nullopt : std::optional(refuse(session, problem));
+    }
+    if (isBack == record->isBack)
+        return {};
+    if (record->isBack)
+        return refuse(session, u"%1 left this server and is coming back from %2"_s.arg(record->account, record->host),
+                      goOnWith(*record) + u" goes on with it"_s);
+    return refuse(session, u"%1 came here from %2, which takes it back"_s.arg(record->account, record->host),
+                  u"give this command there, with this server as HOST"_s);
+}
+
 // What is to be done for what a record tells of, or for none. Gives the status to end with where nothing is.
 std::optional<int> begin(const Session &session, const Given &given, moving::Task *task)
 {
     moving::Record &record = task->record;
     // It has been here, and is gone since; whoever has its name now is somebody else.
-    if (record.done.contains(moving::kDecided) && (uidOf(record.account) == 0 || !isMade(record))) {
+    if (record.done.contains(moving::kDecided) &&
+        (uidOf(record.account) == 0 || !isMade(record) || moving::hasLeft(record.account))) {
         moving::removeRecord(record.account);
         record = {record.account, given.text("HOST"), {}, 0, 0, 0, {}};
     }
+    if (const std::optional<int> end = beginBack(session, given, &record))
+        return end;
     if (record.host != given.text("HOST")) {
         return refuse(session, u"a move of %1 from %2 is under way here"_s.arg(record.account, record.host),
                       goOnWith(record) + u" goes on with it"_s);
@@ -117,8 +143,8 @@ void bareButForSsh()
 
 int moveOfAccount(Session &session, const Given &given)
 {
-    if (given.has("--all") && given.has("--end"))
-        return fail(kWrongUsage, u"--end is said of one account at a time"_s);
+    if (given.has("--all") && (given.has("--end") || given.has("--back")))
+        return fail(kWrongUsage, u"--end and --back are said of one account at a time"_s);
     if (given.has("--all"))
         return moveOfAllAccounts(session, given);
     if (!given.has("HOST"))
@@ -132,6 +158,8 @@ int moveOfAccount(Session &session, const Given &given)
         return fail(kWrongUsage, u"%1 is no name of an account"_s.arg(account));
     if (const QString problem = hostProblem(host); !problem.isEmpty())
         return fail(kWrongUsage, problem);
+    if (given.has("--back") && given.has("--end"))
+        return fail(kWrongUsage, u"--back brings it here, and --end is of one that is here"_s);
     if (given.has("--dry-run") + given.has("--rehearse") + given.has("--end") > 1)
         return fail(kWrongUsage, u"--dry-run, --rehearse and --end are different things: choose one"_s);
     bareButForSsh();
@@ -145,7 +173,8 @@ int moveOfAccount(Session &session, const Given &given)
     moving::Record fresh;
     fresh.account = account;
     fresh.host = host;
-    moving::Task task = {session, config, sayer(session, account), moving::readRecord(account).value_or(fresh), {}, {}};
+    moving::Task task = {session, config, sayer(session, account), moving::readRecord(account).value_or(fresh), {},
+                         {},      {}};
     if (given.has("--end"))
         return endMove(session, task.record);
     if (const std::optional<int> end = begin(session, given, &task))

@@ -92,6 +92,8 @@ QString whereItIs(const moving::Record &record, const moving::Moved &done)
     if (!done.isBack)
         return u"%1 is not reached; it takes %2 back on-line by itself, %3 s after it was taken off-line"_s.arg(
             record.host, record.account, QString::number(done.timer));
+    if (record.isBack)
+        return u"%1 still has it; %2 goes on from there"_s.arg(record.host, goOnWith(record));
     return u"%1 still has it; %2 goes on from there, and corvctl account delete %3 takes away what is here"_s.arg(
         record.host, goOnWith(record), record.account);
 }
@@ -106,8 +108,13 @@ QJsonObject objectOf(const moving::Record &record, const moving::Moved &done)
         object.insert(u"error"_s, done.problem);
     if (done.rehearsed > 0)
         object.insert(u"rehearsedMilliseconds"_s, done.rehearsed);
-    if (done.offline >= 0)
+    if (done.offline >= 0) {
+        QJsonObject parts;
+        for (const auto &[part, milliseconds] : done.took)
+            parts.insert(part, milliseconds);
         object.insert(u"offlineMilliseconds"_s, done.offline);
+        object.insert(u"switchMilliseconds"_s, parts);
+    }
     if (!done.address.isEmpty())
         object.insert(u"oldAddressLeadsTo"_s, done.address);
     if (done.seen)
@@ -143,7 +150,7 @@ std::optional<int> tellPlan(const Session &session, const moving::Record &record
 
 QString goOnWith(const moving::Record &record)
 {
-    return u"corvctl account move %1 %2"_s.arg(record.account, record.host);
+    return u"corvctl account move %1 %2%3"_s.arg(record.account, record.host, record.isBack ? u" --back"_s : QString());
 }
 
 int tellMoved(const Session &session, const moving::Record &record, const moving::Moved &done)
@@ -172,6 +179,9 @@ int tellMoved(const Session &session, const moving::Record &record, const moving
     }
     for (const QString &lost : done.lost)
         note(u"not as it was: "_s + lost);
+    if (done.isDecided && record.isBack)
+        note(u"%1 is still on %2, suspended; corvctl account delete %1 there takes it away"_s.arg(record.account,
+                                                                                                  record.host));
     if (!done.isDecided)
         note(u"%1 still has it; %2 moves it"_s.arg(record.host, goOnWith(record)));
     return done.status;

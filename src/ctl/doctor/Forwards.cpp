@@ -49,11 +49,13 @@ const auto kBody = uR"(    ServerName %1
 const auto kMark = uR"(    Redirect 204 %1
 )"_s;
 
+// Between a site's certificate and an authority that is known stands at least one other, and Apache would go one step.
 const auto kOnHttps = uR"(    SSLEngine on
     SSLCertificateFile %1
     SSLCertificateKeyFile %2
     SSLProxyEngine on
     SSLProxyVerify require
+    SSLProxyVerifyDepth 10
     SSLProxyCheckPeerName on
     SSLProxyCACertificateFile %3
 )"_s;

@@ -18,9 +18,14 @@ struct Brought
 // Reads both once: they may lie in a home, whose owner can put others in their place at any time.
 Brought readBrought(const QString &certificateFile, const QString &keyFile);
 
-// Why these cannot be used for these names; empty where they can. Looked at are the dates, the names, whether the key
-// belongs to it, and whether the chain leads to an authority that the system trusts. now is the time in seconds since
-// 1970.
+// Why these cannot be used for these names; empty where they can. Looked at are the dates, the names, and whether the
+// key belongs to it. now is the time in seconds since 1970.
+QString checkPair(const Brought &brought, const QStringList &names, qint64 now);
+
+// Whether the chain leads to an authority that the system trusts.
+bool isTrusted(const Brought &brought);
+
+// Both, for one that an administrator has chosen.
 QString checkOwn(const Brought &brought, const QStringList &names, qint64 now);
 
 // Whether a name is one of those of a certificate, where "*." at the beginning stands for one label.

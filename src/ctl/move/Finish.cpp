@@ -1,6 +1,10 @@
+#include "common/Quotas.h"
 #include "ctl/Session.h"
+#include "ctl/move/Back.h"
 #include "ctl/move/Forward.h"
+#include "ctl/move/HttpsAlong.h"
 #include "ctl/move/Move.h"
+#include "ctl/move/Verdict.h"
 #include "ctl/restore/Apply.h"
 #include "ctl/restore/Kept.h"
 #include "ctl/restore/Restore.h"
@@ -17,13 +21,17 @@ void applyRest(Task *task)
 {
     const AccountState &state = task->state;
     QStringList &lost = task->done.lost;
+    if (task->record.isBack)
+        clearJobs(state.username);
     if (!state.isSuspended) {
         lost += applyLogin(state, state.username);
         lost += applyJobs(state, state.username, QDateTime::currentSecsSinceEpoch());
         lost += applyLinger(state, state.username);
     }
     lost += applyCrontab(state, state.username);
-    if (const qint64 limit = state.limitMb.value_or(0); limit > 0) {
+    // Who comes back may have one here that was lifted there.
+    const qint64 limit = state.limitMb.value_or(0);
+    if (limit > 0 || (task->record.isBack && state.limitMb && quota::enabled())) {
         const QString problem =
             problemOf(ask(task->session, u"quota.set"_s, {{u"username"_s, state.username}, {u"mb"_s, limit}}));
         if (!problem.isEmpty())
@@ -61,8 +69,20 @@ void finish(Task *task)
 {
     if (const auto kept = readState(moveFile(task->record.account, u"state"_s), task->record.account))
         task->state = *kept;
+    if (task->record.isBack && !task->record.done.contains(kReturned)) {
+        const QString problem = endLeaving(task->session.options, task->record);
+        if (problem.isEmpty())
+            (void)keepDone(&task->record, kReturned);
+        else
+            task->done.lost.append(u"the way that its names were led from here: "_s + problem);
+    }
     if (!task->record.done.contains(kForwarded))
         leadHere(task);
+    // It stays there as it is, but for whoever resumes it once.
+    Shell shell;
+    if (QString problem = shell.open(task->record.host);
+        !problem.isEmpty() || !(problem = thaw(&shell, task->record.account)).isEmpty())
+        task->done.lost.append(u"the database that is left there stays read-only: "_s + problem);
     if (!task->record.done.contains(kFinished)) {
         task->say(u"putting back its login, jobs and limit"_s);
         applyRest(task);
@@ -70,6 +90,8 @@ void finish(Task *task)
     }
     task->say(u"looking at the site"_s);
     task->done.seen = lookAtSite(task->record.account, task->state.isSuspended);
+    if (const QString problem = httpsProblemHere(task->record.account, task->state.domain); !problem.isEmpty())
+        task->done.lost.append(u"its HTTPS: "_s + problem);
     if (!keepDone(&task->record, kFinished))
         task->done.lost.append(u"that this move is done could not be kept in %1"_s.arg(kMoves));
 }

@@ -88,6 +88,7 @@ Here lookHere(const There &there)
     here.php = hosting::phpVersion();
     here.hasQuotas = quota::enabled();
     here.hasRsync = !QStandardPaths::findExecutable(u"rsync"_s).isEmpty();
+    here.hasHttps = isHttpsOnHere();
     here.hasShell = isShellPath(there.state.shell) && QFileInfo(there.state.shell).isExecutable();
     here.homeFree = freeBytes(kHomes, &here.homeInodes);
     addDatabase(&here);

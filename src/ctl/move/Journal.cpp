@@ -3,6 +3,7 @@
 #include "common/Account.h"
 #include "common/AtomicFile.h"
 #include "common/Json.h"
+#include "common/Paths.h"
 #include "ctl/RestoreJournal.h"
 
 #include <QDir>
@@ -21,6 +22,7 @@ constexpr mode_t kFileMode = 0600;
 constexpr mode_t kFolderMode = 0700;
 constexpr qint64 kLargest = 65'536;
 constexpr auto kEnd = ".json"_L1;
+const auto kLeft = u"left"_s; // see Verdict
 
 } // namespace
 
@@ -37,13 +39,10 @@ QString moveFile(const QString &account, const QString &end)
 bool keepRecord(const Record &record)
 {
     (void)::mkdir(QFile::encodeName(kMoves).constData(), kFolderMode);
-    const QJsonObject text = {{u"account"_s, record.account},
-                              {u"host"_s, record.host},
-                              {u"domain"_s, record.domain},
-                              {u"uid"_s, record.uid},
-                              {u"begun"_s, record.begun},
-                              {u"rehearsed"_s, record.rehearsed},
-                              {u"done"_s, QJsonArray::fromStringList(record.done)}};
+    const QJsonObject text = {{u"account"_s, record.account}, {u"host"_s, record.host},
+                              {u"domain"_s, record.domain},   {u"uid"_s, record.uid},
+                              {u"begun"_s, record.begun},     {u"rehearsed"_s, record.rehearsed},
+                              {u"back"_s, record.isBack},     {u"done"_s, QJsonArray::fromStringList(record.done)}};
     return replaceFile(moveFile(record.account, u"json"_s), compactJson(text) + '\n', kFileMode);
 }
 
@@ -74,6 +73,7 @@ std::optional<Record> readRecord(const QString &account)
     record.uid = text.value("uid"_L1).toInteger();
     record.begun = text.value("begun"_L1).toInteger();
     record.rehearsed = text.value("rehearsed"_L1).toInteger();
+    record.isBack = text.value("back"_L1).toBool();
     for (const auto &step : text.value("done"_L1).toArray())
         record.done.append(step.toString());
     return record.account == account && !record.host.isEmpty() ? std::optional(record) : std::nullopt;
@@ -94,6 +94,16 @@ void removeRecord(const QString &account)
     // The record last: what is left without one is nobody's.
     for (const QString &end : {u"dump"_s, u"state"_s, u"json"_s})
         (void)QFile::remove(moveFile(account, end));
+}
+
+bool hasLeft(const QString &account)
+{
+    return exists(moveFile(account, kLeft));
+}
+
+bool forgetLeft(const QString &account)
+{
+    return QFile::remove(moveFile(account, kLeft)) || !hasLeft(account);
 }
 
 bool isMade(const Record &record)

@@ -17,6 +17,7 @@ struct Record
     qint64 begun = 0;     // when it was asked for, in seconds since 1970
     qint64 rehearsed = 0; // milliseconds that the rehearsal of the database took
     QStringList done;     // the names of the steps, see below
+    bool isBack = false;  // the account was this server's before, and left it for that host
 
     bool operator==(const Record &) const = default;
 };
@@ -27,6 +28,7 @@ inline const QString kRehearsed = QStringLiteral("rehearsed"); // its files and 
 inline const QString kSwitching = QStringLiteral("switching"); // the old server may have suspended it since
 inline const QString kPlacing = QStringLiteral("placing");     // the files may be in place since
 inline const QString kDecided = QStringLiteral("decided");     // this server has it
+inline const QString kReturned = QStringLiteral("returned");   // nothing leads its names away from here any more
 inline const QString kForwarded = QStringLiteral("forwarded"); // the old address leads here
 inline const QString kFinished = QStringLiteral("finished");
 
@@ -54,6 +56,11 @@ QList<Record> records();
 
 // Removes it, with what else is kept of the move.
 void removeRecord(const QString &account);
+
+// Whether an account of this server has left it: decided by the server that it went to. forgetLeft ends that, once the
+// record of its coming back tells of it; false where it cannot.
+bool hasLeft(const QString &account);
+bool forgetLeft(const QString &account);
 
 // Whether the user of that name here, if there is one, is what the move has made.
 bool isMade(const Record &record);

@@ -1,10 +1,14 @@
 #include "ctl/move/Move.h"
 
+#include "common/Account.h"
 #include "ctl/Interrupt.h"
 #include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/Turn.h"
+#include "ctl/move/Back.h"
 #include "ctl/move/Dump.h"
+#include "ctl/move/GoOn.h"
+#include "ctl/move/HttpsAlong.h"
 #include "ctl/move/Listing.h"
 #include "ctl/move/Place.h"
 #include "ctl/move/Pull.h"
@@ -25,9 +29,21 @@ QString nothingKept()
     return u"nothing can be kept in %1"_s.arg(kMoves);
 }
 
+// It is here, as it was when it left.
+QString reclaim(Record *record)
+{
+    if (uidOf(record->account) == 0 || !isMade(*record))
+        return u"the user %1 that left is not here any more"_s.arg(record->account);
+    endAttempt(record->account);
+    // Kept first: that it has left may be forgotten once the record tells of its way back.
+    return keepDone(record, kCreated) && forgetLeft(record->account) ? QString() : nothingKept();
+}
+
 QString create(Task *task)
 {
     Record &record = task->record;
+    if (record.isBack)
+        return reclaim(&record);
     // The agent may still be at the creation that was asked for then: it answers behind that.
     if (record.begun != 0)
         (void)ask(task->session, u"ping"_s);
@@ -63,7 +79,7 @@ QString pull(Task *task)
     const QString &account = task->record.account;
     Pull files;
     Gate list;
-    QString problem = files.open(task->record.host, account);
+    QString problem = files.open(task->record.host, account, task->record.isBack);
     if (problem.isEmpty())
         problem = files.start();
     QString unread; // told of at the switch
@@ -94,8 +110,12 @@ QString rehearse(Task *task)
     const qint64 dumped = clock.elapsed();
     if (problem.isEmpty())
         problem = checkDump(account);
-    // A switch that was not decided may have left the role without a login.
-    (void)ask(task->session, u"hosting.resume"_s, {{u"username"_s, account}});
+    // A switch that was not decided may have left the role without a login. Who comes back is not to be resumed yet:
+    // his jobs would begin here, while they run there.
+    if (!task->record.isBack)
+        (void)ask(task->session, u"hosting.resume"_s, {{u"username"_s, account}});
+    else if (problem.isEmpty())
+        problem = letRoleIn(account, true);
     // The agent takes one dump at a time from whoever lends it.
     QString noTurn;
     const Fd turn = takeTurn(kRestoreLock, u"Another restore or move"_s, &noTurn);
@@ -104,10 +124,28 @@ QString rehearse(Task *task)
     clock.restart();
     if (problem.isEmpty())
         problem = loadDump(task->session, task->config, account, &task->done.tables);
+    if (task->record.isBack)
+        (void)letRoleIn(account, false);
     dropDump(account);
     task->record.rehearsed = dumped + clock.elapsed();
     task->done.rehearsed = task->record.rehearsed;
     return problem;
+}
+
+// Before the switch: whoever comes to port 443 behind it finds the certificate that he knows, and nobody waits for it.
+QString secure(Task *task)
+{
+    if (!isHttpsOnHere() || !hosting::isStoredDomain(task->state.domain))
+        return {};
+    task->say(u"bringing its certificate"_s);
+    QString told;
+    const QString problem = bringHttps(task->record.host, task->record.account, task->state.domain, &told);
+    // The site is worth more than its certificate, which can be ordered anew.
+    if (!problem.isEmpty())
+        task->done.lost.append(problem);
+    if (!told.isEmpty())
+        task->say(told);
+    return {};
 }
 
 } // namespace
@@ -115,7 +153,7 @@ QString rehearse(Task *task)
 QString prepare(Task *task)
 {
     using Step = QString (*)(Task *);
-    for (const Step step : {Step(create), Step(pull), Step(rehearse)}) {
+    for (const Step step : {Step(create), Step(secure), Step(pull), Step(rehearse)}) {
         const QString problem = interrupted() ? u"it was interrupted"_s : step(task);
         if (!problem.isEmpty())
             return interrupted() ? u"it was interrupted"_s : problem;
@@ -137,11 +175,16 @@ Moved moveAccount(Task *task, bool isRehearsal)
             return failed(problem);
         if (isRehearsal)
             return task->done;
-        if (const QString problem = switchOver(task); !problem.isEmpty())
+        const QString problem = switchOver(task);
+        // What is left open is gone on with.
+        if (!problem.isEmpty() && task->done.isBack)
+            endWatch(task->record.account);
+        if (!problem.isEmpty())
             return failed(problem);
     }
     task->done.isDecided = true;
     finish(task);
+    endWatch(task->record.account);
     const bool isWell = task->done.seen && task->done.seen->isWell;
     task->done.status = isWell && task->done.lost.isEmpty() ? kDone : kRefused;
     return task->done;

@@ -8,6 +8,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <QElapsedTimer>
+#include <QList>
 #include <functional>
 #include <optional>
 
@@ -30,7 +32,8 @@ struct Moved
     qint64 entries = 0;     // of the home
     qint64 rehearsed = 0;   // milliseconds that the rehearsal of the database took
     qint64 offline = -1;    // milliseconds from the account's suspension there until it was this server's; -1: none
-    QString address;        // to which the old address leads now; empty where it does not
+    QList<std::pair<QString, qint64>> took; // the parts of that, in milliseconds
+    QString address;                        // to which the old address leads now; empty where it does not
     std::optional<Seen> seen;
 };
 
@@ -43,6 +46,7 @@ struct Task
     Record record;
     AccountState state; // the account's, as it was last written down there
     Moved done;
+    QElapsedTimer clock = {}; // since the last part of the switch was done
 };
 
 // Makes the account here, brings its files and its database while it is served there, and loads that, as often as it is

@@ -4,6 +4,9 @@
 #include "common/Quotas.h"
 #include "ctl/screen/Terminal.h"
 
+#include <QDateTime>
+#include <QTimeZone>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl::moving {
@@ -133,6 +136,24 @@ Check loginCheck(const There &there, const Here &here)
     return {u"Login"_s, u"%1 there, which is not here: it gets that of new accounts"_s.arg(shell), Level::Told};
 }
 
+Check httpsCheck(const There &there, const Here &here, qint64 now)
+{
+    const auto told = [](const QString &text) { return Check{u"HTTPS"_s, text, Level::Told}; };
+    if (!there.https.isOn)
+        return {u"HTTPS"_s, u"none there"_s};
+    if (!there.https.options)
+        return told(u"what was chosen for it cannot be read there, and does not come along"_s);
+    if (there.https.options->off)
+        return {u"HTTPS"_s, u"switched off there"_s};
+    if (!here.hasHttps)
+        return told(u"on there and off here: who comes by HTTPS finds nothing before corvctl https on"_s);
+    const std::optional<Certificate> &certificate = there.https.certificate;
+    if (!certificate || certificate->ends <= now)
+        return told(u"no certificate there that is good: one is ordered when its names lead here"_s);
+    const QString end = QDateTime::fromSecsSinceEpoch(certificate->ends, QTimeZone::utc()).toString(u"yyyy-MM-dd"_s);
+    return {u"HTTPS"_s, u"its certificate comes along, good until "_s + end};
+}
+
 Check keptCheck(const There &there)
 {
     if (!there.state.role)
@@ -164,6 +185,7 @@ QList<Check> checksOf(const There &there, const Here &here)
                            phpCheck(there, here)};
     checks += roomChecks(there, here);
     checks.append(limitCheck(there, here));
+    checks.append(httpsCheck(there, here, QDateTime::currentSecsSinceEpoch()));
     checks.append(rsyncCheck(there, here));
     return checks;
 }

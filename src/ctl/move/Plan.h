@@ -19,6 +19,7 @@ struct Here
     QString php;           // the version that new accounts get; empty for none
     bool hasQuotas = false;
     bool hasRsync = false;
+    bool hasHttps = false;   // whether accounts have HTTPS here
     bool hasShell = false;   // whether the account's shell is here
     qint64 homeFree = 0;     // bytes that are left where homes are
     qint64 homeInodes = -1;  // likewise inodes; -1 where the file system does not count them

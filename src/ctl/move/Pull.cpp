@@ -36,29 +36,28 @@ const auto kPartial = u"(code 23)"_s;
 // Whose complaints are of this side then: what has arrived could not be kept.
 constexpr std::array kThisSide = {"[receiver]", "[generator]"};
 
-QStringList rsyncCommand(const QString &rsh, const QString &account)
+QStringList rsyncCommand(const QString &rsh, const QString &account, bool isBack)
 {
     const QString home = hosting::homePath(account);
-    return {u"rsync"_s,
-            u"-aHAX"_s,
-            u"--no-owner"_s,
-            u"--no-group"_s,
-            u"--delete"_s,
-            u"--ignore-errors"_s, // what cannot be read there does not keep what is gone there
-            u"--partial"_s,
-            u"--timeout=120"_s,
-            u"--blocking-io"_s, // of what it starts, which is cat here
-            u"--exclude=/tmp"_s,
-            u"--exclude=/"_s + QLatin1StringView(kComing),
-            u"--exclude=/"_s + QLatin1StringView(kReplaced),
-            rsh,
-            u"there:%1/"_s.arg(home),
-            u"%1/%2/"_s.arg(home, QLatin1StringView(kComing))};
+    const QStringList known = isBack ? QStringList{u"--link-dest=%1/"_s.arg(home)} : QStringList();
+    return QStringList{u"rsync"_s,
+                       u"-aHAX"_s,
+                       u"--no-owner"_s,
+                       u"--no-group"_s,
+                       u"--delete"_s,
+                       u"--ignore-errors"_s, // what cannot be read there does not keep what is gone there
+                       u"--partial"_s,
+                       u"--timeout=120"_s,
+                       u"--blocking-io"_s, // of what it starts, which is cat here
+                       u"--exclude=/tmp"_s,
+                       u"--exclude=/"_s + QLatin1StringView(kComing),
+                       u"--exclude=/"_s + QLatin1StringView(kReplaced)} +
+           known + QStringList{rsh, u"there:%1/"_s.arg(home), u"%1/%2/"_s.arg(home, QLatin1StringView(kComing))};
 }
 
 // What rsync here wants the other side to run depends on its version: it is asked, by a process without rights. Empty
 // where it does not tell.
-QStringList senderCommand(const QString &account)
+QStringList senderCommand(const QString &account, bool isBack)
 {
     QByteArray words;
     hosting::Streams streams;
@@ -68,7 +67,7 @@ QStringList senderCommand(const QString &account)
     surroundings.milliseconds = kAskMs;
     (void)hosting::runWith(u"runuser"_s,
                            QStringList{u"-u"_s, u"nobody"_s, u"--"_s, u"sh"_s, u"-c"_s, kAsidePrint, u"sh"_s} +
-                               rsyncCommand(kPrinter, account),
+                               rsyncCommand(kPrinter, account, isBack),
                            streams, surroundings);
     const QStringList command = QString::fromUtf8(words).split(u'\n', Qt::SkipEmptyParts);
     return isSenderCommand(command, hosting::homePath(account)) ? command : QStringList();
@@ -90,10 +89,11 @@ Pull::~Pull()
         killGroup(*m_rsync);
 }
 
-QString Pull::open(const QString &host, const QString &account)
+QString Pull::open(const QString &host, const QString &account, bool isBack)
 {
     m_account = account;
-    const QStringList sender = senderCommand(account);
+    m_isBack = isBack;
+    const QStringList sender = senderCommand(account, isBack);
     if (sender.isEmpty())
         return u"rsync does not tell what the other side has to run"_s;
     const QString folder = hosting::homePath(account) + u'/' + QLatin1StringView(kComing);
@@ -120,7 +120,7 @@ QString Pull::start()
         prepare();
     });
     m_rsync->start(u"runuser"_s, QStringList{u"-u"_s, m_account, u"--"_s, u"sh"_s, u"-c"_s, kAsideStream, u"sh"_s} +
-                                     rsyncCommand(kRelay, m_account));
+                                     rsyncCommand(kRelay, m_account, m_isBack));
     return m_rsync->waitForStarted(kStartMs) ? QString() : u"rsync: cannot start"_s;
 }
 

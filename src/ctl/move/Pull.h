@@ -26,8 +26,9 @@ public:
     // Ends what still runs.
     ~Pull();
 
-    // Makes the folder and the way; nothing is read there yet. Returns why that cannot be.
-    QString open(const QString &host, const QString &account);
+    // Makes the folder and the way; nothing is read there yet. Returns why that cannot be. isBack: the home here has
+    // the files as they were once, and what has not changed since gets a second name instead of coming.
+    QString open(const QString &host, const QString &account, bool isBack);
 
     // Begins, and returns at once.
     QString start();
@@ -38,6 +39,7 @@ public:
 
 private:
     QString m_account;
+    bool m_isBack = false;
     Gate m_gate;
     Fd m_stream;
     std::unique_ptr<QProcess> m_rsync;

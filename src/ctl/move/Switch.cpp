@@ -2,7 +2,9 @@
 #include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
 #include "ctl/Turn.h"
+#include "ctl/move/Back.h"
 #include "ctl/move/Dump.h"
+#include "ctl/move/GoOn.h"
 #include "ctl/move/Listing.h"
 #include "ctl/move/Move.h"
 #include "ctl/move/Place.h"
@@ -41,16 +43,26 @@ struct Ways
     Pull files;
     Gate list;
     Gate dump;
+    Gate lateDump;        // for a database that was written to all the same
+    bool isAhead = false; // whether the database has come before the account went off-line
+    qint64 written = -1;
 };
 
 QString openWays(Ways *ways, const Record &record)
 {
     QString problem = ways->shell.open(record.host);
     if (problem.isEmpty())
-        problem = ways->files.open(record.host, record.account);
+        problem = ways->files.open(record.host, record.account, record.isBack);
     if (problem.isEmpty())
         problem = ways->list.open(record.host, listingCommand(record.account));
-    return problem.isEmpty() ? ways->dump.open(record.host, dumpCommand(record.account)) : problem;
+    if (problem.isEmpty())
+        problem = ways->dump.open(record.host, dumpCommand(record.account));
+    return problem.isEmpty() ? ways->lateDump.open(record.host, dumpCommand(record.account)) : problem;
+}
+
+void noteTime(Task *task, const QString &part)
+{
+    task->done.took.append({part, task->clock.restart()});
 }
 
 // Once more, since the account was served until now; and kept, since afterwards it would be that of a suspended one.
@@ -73,13 +85,36 @@ QString takeDatabase(Task *task, Gate *dump)
         return problem;
     if (const QString problem = takeDump(&dump->remote(), account); !problem.isEmpty())
         return problem;
+    noteTime(task, u"dump"_s);
+    if (const QString problem = task->record.isBack ? letRoleIn(account, true) : QString(); !problem.isEmpty())
+        return problem;
     if (const QString problem = loadDump(task->session, task->config, account, &task->done.tables); !problem.isEmpty())
         return problem;
+    noteTime(task, u"load"_s);
     if (applyRoleAtOnce(task->state, account))
         return {};
     bool isLost = false;
     task->done.lost = applyRole(task->state, account, &isLost);
     return isLost ? task->done.lost.join("; "_L1) : QString();
+}
+
+bool isReadOnly(const AccountState &state)
+{
+    return std::any_of(state.settings.cbegin(), state.settings.cend(), [](const KeptSetting &setting) {
+        return setting.scope == KeptSetting::Scope::Database && setting.name == "default_transaction_read_only"_L1 &&
+               setting.value == "on"_L1;
+    });
+}
+
+// The database takes the longest, so it comes while the site can still be read.
+QString bringAhead(Task *task, Ways *ways)
+{
+    const QString &account = task->record.account;
+    if (const QString problem = freeze(&ways->shell, account, isReadOnly(task->state), &ways->written);
+        !problem.isEmpty())
+        return problem;
+    ways->isAhead = true;
+    return takeDatabase(task, &ways->dump);
 }
 
 // What is suspended can be given no jobs of at any more, and must not be seen while its files come.
@@ -102,8 +137,12 @@ QString bringOver(Task *task, Ways *ways)
         return problem;
     if (const QString problem = ways->list.pass(); !problem.isEmpty())
         return problem;
-    if (const QString problem = takeDatabase(task, &ways->dump); !problem.isEmpty())
-        return problem;
+    if (!ways->isAhead || !isAsFrozen(&ways->shell, task->record.account, ways->written)) {
+        Gate *const dump = ways->isAhead ? &ways->lateDump : &ways->dump;
+        if (const QString problem = takeDatabase(task, dump); !problem.isEmpty())
+            return problem;
+    }
+    noteTime(task, u"database"_s);
     QString unread;
     const int longest = timerSeconds(task->record) * static_cast<int>(kMsInSecond);
     if (const QString problem = ways->files.wait(
@@ -116,11 +155,18 @@ QString bringOver(Task *task, Ways *ways)
     if (!listing)
         return u"the home over there could not be listed"_s;
     task->done.entries = listing->size();
+    noteTime(task, u"files"_s);
     if (const QString problem = suspendHere(task); !problem.isEmpty())
         return problem;
     if (!keepDone(&task->record, kPlacing))
         return u"nothing can be kept in %1"_s.arg(kMoves);
-    return putComeInPlace(task->record.account, *listing);
+    if (const QString problem = putComeInPlace(task->record.account, *listing); !problem.isEmpty())
+        return problem;
+    noteTime(task, u"place"_s);
+    // Nobody sees it yet: its names are led on from here until it is this server's.
+    if (!task->record.isBack || task->state.isSuspended)
+        return {};
+    return problemOf(ask(task->session, u"hosting.resume"_s, {{u"username"_s, task->record.account}}));
 }
 
 // The connection may be what has failed: another one is made.
@@ -134,7 +180,9 @@ QString goBack(Task *task, bool *isOurs)
         problem = u"nothing can be kept in %1"_s.arg(kMoves);
     if (!problem.isEmpty() || *isOurs)
         return problem;
-    if (task->record.done.contains(kPlacing) && uidOf(task->record.account) != 0)
+    if (task->record.isBack)
+        problem = problemOf(ask(task->session, u"hosting.suspend"_s, {{u"username"_s, task->record.account}}));
+    if (problem.isEmpty() && task->record.done.contains(kPlacing) && uidOf(task->record.account) != 0)
         problem = takeBack(task->record.account);
     if (problem.isEmpty())
         (void)keepUndone(&task->record, {kPlacing, kSwitching});
@@ -173,19 +221,29 @@ QString switchOver(Task *task)
     task->done.timer = timerSeconds(task->record);
     if (!keepDone(&task->record, kSwitching))
         return u"nothing can be kept in %1"_s.arg(kMoves);
-    task->say(wasOnline
-                  ? u"taking it off-line there; if this ends now, it is back there after %1 s"_s.arg(task->done.timer)
-                  : u"it is suspended there, and is brought so"_s);
+    if (wasOnline)
+        task->say(u"bringing the database once more, which can only be read there meanwhile"_s);
+    else
+        task->say(u"it is suspended there, and is brought so"_s);
+    beginWatch(task->record);
     problem = beginSwitch(&ways.shell, account, wasOnline, task->done.timer);
+    if (problem.isEmpty() && wasOnline)
+        problem = interrupted() ? u"it was interrupted"_s : bringAhead(task, &ways);
+    if (problem.isEmpty() && wasOnline)
+        task->say(u"taking it off-line there; if this ends now, it is back there after %1 s"_s.arg(task->done.timer));
+    task->done.took.clear();
     QElapsedTimer clock;
     clock.start();
+    task->clock.start();
     if (problem.isEmpty() && wasOnline)
         problem = suspendThere(&ways.shell, account);
+    noteTime(task, u"suspension"_s);
     if (problem.isEmpty())
         problem = interrupted() ? u"it was interrupted"_s : bringOver(task, &ways);
     if (problem.isEmpty())
         problem = interrupted() ? u"it was interrupted"_s : decide(&ways.shell, account);
     if (problem.isEmpty()) {
+        noteTime(task, u"decision"_s);
         if (wasOnline)
             task->done.offline = clock.elapsed();
         dropDump(account);

@@ -130,6 +130,9 @@ std::optional<There> lookThere(const Options &options, const QString &host, cons
     if (!measured.problem.isEmpty())
         return failed(measured);
     addMeasures(measured.output, &there);
+
+    if (const QString unasked = lookAtHttpsThere(host, account, there.state.domain, &there.https); !unasked.isEmpty())
+        return failed({{}, unasked, kNoConnection});
     return there;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ctl/move/HttpsAlong.h"
 #include "ctl/restore/State.h"
 
 #include <QByteArray>
@@ -26,6 +27,7 @@ struct There
     qint64 homeBytes = -1;    // on its disk, without tmp; -1 where it was not told
     qint64 homeEntries = -1;  // files and folders, likewise
     bool hasRsync = false;
+    HttpsThere https;
 };
 
 // Asks the server host for the account, by its corvctl and by tools that walk its home with its own rights. Nothing

@@ -19,9 +19,29 @@ const auto kPlace = u"cd /var/lib/corvane && mkdir -pm 0700 moves && cd moves ||
 const auto kTimer = uR"(systemctl stop corv-move-%1.timer corv-move-%1.service 2>/dev/null
 systemctl reset-failed corv-move-%1.service 2>/dev/null
 systemd-run --quiet --collect --unit=corv-move-%1 --on-active=%2 --timer-property=AccuracySec=100ms \
-    --property=Restart=on-failure --property=RestartSec=5 -- /bin/sh -c \
-    'cd /var/lib/corvane/moves; [ -e %1.stays ] || mv -T %1.undecided %1.stays || exit 0; corvctl account resume %1 && rm %1.stays'
+    --property=Restart=on-failure --property=RestartSec=5 -- /bin/sh -c 'cd /var/lib/corvane/moves; )"
+                    uR"([ -e %1.stays ] || mv -T %1.undecided %1.stays || exit 0; [ ! -e %1.frozen ] || )"
+                    uR"(corvctl account read-only %1 off && rm -f %1.frozen && corvctl account resume %1 && rm %1.stays'
 )"_s;
+
+// Where it is frozen the database is writable again, for an account that stays or comes back later.
+const auto kThaw =
+    u"{ [ ! -e %1.frozen ] || corvctl account read-only %1 off && rm -f %1.frozen; } >/dev/null || exit 1\n"_s;
+
+// Rows that were ever written, also by a transaction that came to nothing. A session counts its own at the latest at
+// its end, before it stops being listed, so nobody may be listed any more. Servers before 15 tell it later.
+const auto kCount = uR"sh(tries=0
+while :; do
+    seen=$(runuser -u postgres -- psql -qtAX \
+        -c "SELECT 'listed ' || count(*) FROM pg_stat_activity WHERE datname = '%1' AND backend_type = 'client backend'" \
+        -c "SELECT 'written ' || tup_inserted + tup_updated + tup_deleted FROM pg_stat_database WHERE datname = '%1'
+            AND current_setting('track_counts')::bool AND current_setting('server_version_num')::int >= 150000")
+    case $seen in 'listed 0'*) break ;; esac
+    [ $tries -lt %2 ] || break
+    tries=$((tries + 1)); sleep 0.05
+done
+echo "$seen"
+)sh"_s;
 
 QString scriptOf(const QString &text, const QString &account)
 {
@@ -30,9 +50,25 @@ QString scriptOf(const QString &text, const QString &account)
 
 } // namespace
 
+std::optional<qint64> writtenIn(const QByteArray &output, bool isAlone)
+{
+    std::optional<qint64> written;
+    bool isListed = true;
+    for (const QByteArray &line : output.split('\n')) {
+        bool isNumber = false;
+        if (line == "listed 0")
+            isListed = false;
+        else if (const qint64 number = line.startsWith("written ") ? line.mid(8).toLongLong(&isNumber) : 0; isNumber)
+            written = number;
+    }
+    return isAlone && isListed ? std::nullopt : written;
+}
+
 QString beginSwitch(Shell *there, const QString &account, bool isOnline, int seconds)
 {
-    const QString file = u"rm -f %1.stays %1.left && : >%1.undecided || exit 1\n"_s;
+    // What the start of that server looks at, should it be restarted now: the timer does not outlive that.
+    const QString file =
+        u"rm -f %1.stays %1.left && "_s + (isOnline ? u"echo on-line"_s : u":"_s) + u" >%1.undecided || exit 1\n"_s;
     const QString timer = isOnline ? QString(kTimer).replace("%2"_L1, QString::number(seconds)) : QString();
     return there->run(scriptOf(file + timer, account), kBriefSeconds).problem;
 }
@@ -40,6 +76,28 @@ QString beginSwitch(Shell *there, const QString &account, bool isOnline, int sec
 QString suspendThere(Shell *there, const QString &account)
 {
     return there->run(u"corvctl account suspend "_s + account, kAskSeconds).problem;
+}
+
+QString freeze(Shell *there, const QString &account, bool isFrozen, qint64 *written)
+{
+    const auto freezing = u": >%1.frozen && corvctl account read-only %1 on >/dev/null || exit 1\n"_s;
+    // Sessions that had to end may have to count yet. Others come meanwhile, to read; nobody waits for their end.
+    const QString script =
+        (isFrozen ? QString() : QString(freezing)) + u"sleep 0.3\n"_s + QString(kCount).replace("%2"_L1, "0"_L1);
+    const Distant answer = there->run(scriptOf(script, account), kAskSeconds);
+    *written = writtenIn(answer.output, false).value_or(-1);
+    return answer.problem;
+}
+
+bool isAsFrozen(Shell *there, const QString &account, qint64 written)
+{
+    const Distant answer = there->run(scriptOf(QString(kCount).replace("%2"_L1, "20"_L1), account), kBriefSeconds);
+    return written >= 0 && answer.problem.isEmpty() && writtenIn(answer.output, true) == written;
+}
+
+QString thaw(Shell *there, const QString &account)
+{
+    return there->run(scriptOf(kThaw, account), kAskSeconds).problem;
 }
 
 QString decide(Shell *there, const QString &account)
@@ -55,7 +113,7 @@ exit 0)sh"_s;
 
 QString giveUp(Shell *there, const QString &account, bool wasOnline, bool *isOurs)
 {
-    const auto resume = u"    corvctl account resume %1 || exit 1\n"_s;
+    const QString resume = kThaw + u"    corvctl account resume %1 || exit 1\n"_s;
     const auto script = uR"([ -e %1.left ] && { echo 'it has left'; exit 0; }
 if [ -e %1.stays ] || mv -T %1.undecided %1.stays 2>/dev/null; then
     systemctl stop corv-move-%1.timer 2>/dev/null

@@ -2,7 +2,10 @@
 
 #include "ctl/move/Shell.h"
 
+#include <QByteArray>
 #include <QString>
+
+#include <optional>
 
 namespace corv::ctl::moving {
 
@@ -16,11 +19,25 @@ QString beginSwitch(Shell *there, const QString &account, bool isOnline, int sec
 // Takes the account off-line there.
 QString suspendThere(Shell *there, const QString &account);
 
+// Has its database there take no more rows, unless isFrozen, which is the administrator's own choice then, and counts
+// in *written what has ever been written; -1 where that is not told. Sessions can have their way all the same.
+QString freeze(Shell *there, const QString &account, bool isFrozen, qint64 *written);
+
+// Whether nothing was written since, for an account that nobody can get into any more.
+bool isAsFrozen(Shell *there, const QString &account, qint64 written);
+
+// Undoes what freeze has done, where it did anything.
+QString thaw(Shell *there, const QString &account);
+
 // Takes it over. Returns why it stays there, empty when it is this server's: also because it was resumed meanwhile.
 QString decide(Shell *there, const QString &account);
 
 // Ends a switch that did not come to its end: takes the account back on-line there, unless it was suspended before, or
 // is this server's already, which isOurs tells then. Returns why that could not be done.
 QString giveUp(Shell *there, const QString &account, bool wasOnline, bool *isOurs);
+
+// The part of it, for tests: the count in the output of the script; nothing where there is none, or with isAlone where
+// somebody is still listed.
+std::optional<qint64> writtenIn(const QByteArray &output, bool isAlone);
 
 } // namespace corv::ctl::moving
