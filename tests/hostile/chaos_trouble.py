@@ -43,6 +43,14 @@ systemctl daemon-reload
 systemctl reset-failed corv-agent
 systemctl restart corv-agent
 """
+# As vipw and apt hold them; each lets go by itself.
+HOLD = """
+systemd-run --quiet --collect --unit=holder-@NAME@ python3 -c '
+import fcntl, time
+file = open("@PATH@", "r+")
+fcntl.lockf(file, fcntl.LOCK_EX)
+time.sleep(@SECONDS@)'
+"""
 START_AGENT = "systemctl reset-failed corv-agent; systemctl start corv-agent"
 
 # A tenant's scripts, run in the home. What they move away is put back by HOME_BACK.
@@ -88,7 +96,7 @@ def units(php, postgres):
 
 def draw(rng, php, postgres):
     """One kind of trouble, by the generator alone."""
-    kind = rng.choice(["service", "service", "disk", "clock", "agent", "agent", "apache", "tenant", "tenant", "tenant"])
+    kind = rng.choice(["service", "service", "disk", "clock", "agent", "agent", "apache", "lock", "tenant", "tenant", "tenant"])
     if kind == "service":
         unit = rng.choice(units(php, postgres))
         start = f"systemctl reset-failed {unit}; systemctl start {unit}"
@@ -112,6 +120,10 @@ def draw(rng, php, postgres):
     if kind == "apache":
         return Trouble("Apache has a broken file", "echo 'Nonsense On' >/etc/apache2/conf-enabled/broken.conf",
                        "rm -f /etc/apache2/conf-enabled/broken.conf; systemctl reset-failed apache2; systemctl start apache2")
+    if kind == "lock":
+        name, path = rng.choice([("users", "/etc/.pwd.lock"), ("packages", "/var/lib/dpkg/lock-frontend")])
+        hold = HOLD.replace("@NAME@", name).replace("@PATH@", path).replace("@SECONDS@", str(rng.choice([3, 20])))
+        return Trouble(f"somebody else changes {name}", hold, f"systemctl stop holder-{name}")
     name, does = rng.choice(NAMES), rng.choice(sorted(SCRIPTS))
     script = SCRIPTS[does]
     return Trouble(f"{name} {does}", TENANT.replace("@SCRIPT@", script).replace("@NAME@", name), TENANT_BACK.replace("@NAME@", name))
