@@ -20,6 +20,8 @@ OWN = re.compile("|".join([
     rf"/root/(?:left-over-)?{_NAME}.*", r"/root/left-over-.*", r"/var/lib/ufw(?:/.*)?", rf"/var/spool/cron/crontabs/{_NAME}",
     r"/var/lib/logrotate(?:/.*)?", r"/var/lib/ucf(?:/.*)?", rf"/home/{WITNESS}/public_html/by\.php", r"/var/lib/update-notifier.*", r"/srv/filler-stays", r"/etc/corvane/https(?:/.*)?", r"/var/lib/letsencrypt.*",
 ]), re.DOTALL)
+# What the doctor says of accounts, and of backups that hide later ones.
+MENDED = rf"\b{_NAME}(?:__\w+)?\b|is of a time that has not come"
 # Where lines are the accounts' own.
 LISTS = ("/etc/passwd", "/etc/shadow", "/etc/group", "/etc/gshadow")
 
@@ -65,7 +67,7 @@ def mend(host, php, log):
         there = facts(host, php)
         half = half_there(there)
         findings = examine(host)
-        faults = [finding for finding in findings if finding[0] == "fault" and re.search(rf"\b{_NAME}(?:__\w+)?\b", finding[1])]
+        faults = [finding for finding in findings if finding[0] == "fault" and re.search(MENDED, finding[1])]
         for name in sorted(half):
             named = [problem for _, problem, _ in findings if re.search(rf"\b{name}(?:__\w+)?\b", problem)]
             if not named:

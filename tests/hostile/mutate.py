@@ -61,6 +61,7 @@ CONCERNS = (
     ("agent/hosting/Delete", "", "delete"),
     ("agent/hosting/Suspend", "", "suspend"),
     ("agent/hosting/Database", "", "database create suspend delete backup_restore"),
+    ("agent/hosting/Create", "", "create leftovers keys names"),
     ("agent/hosting/", "", "create delete suspend keys names"),
     ("agent/quota/", "quotas", "quota usage delete"),
     ("common/Packages", "", "firewall fail2ban quota"),
