@@ -30,6 +30,7 @@ def pytest_configure(config):
     if os.geteuid() != 0:
         raise pytest.UsageError("the attack floor boots hosts: run it as root")
     config.addinivalue_line("markers", "core: tried on every release, with -m core; all others on Debian 12 alone")
+    config.addinivalue_line("markers", "long: of the host floor, whose helpers are used here")
 
 
 @pytest.fixture(scope="session")

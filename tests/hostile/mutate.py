@@ -1,12 +1,15 @@
 #!/usr/bin/python3
 """Tests the tests: changes one thing at a time in the agent's sources and sees whether a test fails.
 
-Usage: tests/hostile/mutate.py [--count N] [--seed N] [--skip N] [--only TEXT] [--workers N] [--under COMMAND] [--list]
+Usage: tests/hostile/mutate.py [--count N] [--seed N] [--only TEXT] [--folder FOLDER] [--slice K/N] [--minutes M] [--again]
+                               [--workers N] [--under COMMAND] [--list]
 
 A mutant is one changed operator, bound, truth value, text or left-out call in src/agent or src/common. N of all that there are
 (all of them with 0) are drawn with a fixed seed, built in copies of the tree in the cache folder, one for each worker, and tried with
-the unit tests and the protocol tests that concern the source; the first failure ends a mutant. What does not compile is not
-counted. Survivors stand in the report with what was changed; those that cannot be seen from outside are in mutants.txt beside
+the unit tests and the protocol tests that concern the source, those that killed others of that source first; the first failure ends a
+mutant. What became of each is kept (mutate_results.py): a second run goes on with those that were not tried, unless --again is given,
+or their lines have changed. --slice takes the Kth of N parts, --folder those below src/FOLDER; after so many minutes no other is begun.
+What does not compile is not counted. Survivors stand in the report with what was changed; those that cannot be seen from outside are in mutants.txt beside
 this file, with the reason. Prints the share that was killed. As root.
 
 The mutants run as root, and a mutant may well delete what it should not: unit tests run in a throw-away copy of the root,
@@ -27,9 +30,10 @@ import threading
 import time
 from pathlib import Path
 
-TREE = Path(__file__).resolve().parents[2]
+from mutants import TREE, excuses, mutants
+from mutate_results import Results, keyed
+
 CACHE = Path(os.environ.get("CORV_CACHE", "/var/cache/corv-agent-dev")) / "mutate"
-EXCUSES = Path(__file__).with_name("mutants.txt")
 PATIENCE = 300
 UNDER = []  # what every command is run by
 
@@ -57,6 +61,7 @@ CONCERNS = (
     ("agent/hosting/Delete", "", "delete"),
     ("agent/hosting/Suspend", "", "suspend"),
     ("agent/hosting/Database", "", "database create suspend delete backup_restore"),
+    ("agent/hosting/Create", "", "create leftovers keys names"),
     ("agent/hosting/", "", "create delete suspend keys names"),
     ("agent/quota/", "quotas", "quota usage delete"),
     ("common/Packages", "", "firewall fail2ban quota"),
@@ -80,53 +85,6 @@ CONCERNS = (
 HEADERS = ("QCoreApplication", "QDateTime", "QDir", "QFile", "QJsonArray", "QJsonDocument", "QJsonObject", "QProcess",
            "QRegularExpression", "QString", "QStringList", "QTimer", "algorithm", "functional", "optional", "vector")
 TARGETS = ("corv-agent", "corv-agent-short", *sorted({f"test_{name}" for _, units, _ in CONCERNS for name in units.split()}))
-
-OPERATORS = (
-    (r"(?<=\s)==(?=\s)", "!="), (r"(?<=\s)!=(?=\s)", "=="), (r"(?<=\s)<(?=\s)", "<="), (r"(?<=\s)<=(?=\s)", "<"),
-    (r"(?<=\s)>(?=\s)", ">="), (r"(?<=\s)>=(?=\s)", ">"), (r"&&", "||"), (r"(?<=\w\s)\|\|", "&&"),
-    (r"(?<=[(\s])!(?=[\w(:])", ""), (r"\btrue\b", "false"), (r"\bfalse\b", "true"), (r"(?<=\s)\+(?=\s)", "-"),
-    (r"(?<=\s)-(?=\s\w)", "+"),
-)
-NUMBER = re.compile(r"(?<![\w.\"'{%])\d[\d']*(?![\w.\"])")
-TEXT = re.compile(r'"([^"\\]|\\.)*"')
-CALL = re.compile(r"^\s+(\(void\))?[\w:.>-]+\(.*\);( //.*)?$")
-
-
-def mutants():
-    """All of them: (path below src, number of the line from 0, the line, the changed line)."""
-    found = []
-    for path in sorted(path for room in ("agent", "common") for path in (TREE / "src" / room).rglob("*.cpp")):
-        source = str(path.relative_to(TREE / "src"))
-        raw = False
-        for number, line in enumerate(path.read_text().splitlines()):
-            raw = raw or 'R"(' in line
-            code = line.split("//")[0] if "://" not in line else line
-            if raw:
-                # A template: its text is changed, nothing else.
-                if line.strip() and ')"' not in line and 'R"(' not in line:
-                    found.append((source, number, line, line + "x"))
-                raw = ')"' not in line
-                continue
-            if not code.strip() or code.lstrip().startswith(("#", "using", "namespace", "static_assert", "*")):
-                continue
-            texts = [match.span() for match in TEXT.finditer(code)]
-            inside = lambda at: any(begin <= at < end for begin, end in texts)  # noqa: E731
-            for pattern, other in OPERATORS:
-                for match in re.finditer(pattern, code):
-                    if not inside(match.start()):
-                        found.append((source, number, line, line[:match.start()] + other + line[match.end():]))
-            for match in NUMBER.finditer(code):
-                if not inside(match.start()):
-                    other = str(int(match[0].replace("'", "")) + 1)
-                    if match[0].startswith("0") and len(match[0]) > 1:
-                        other = "0" + oct(int(match[0].replace("'", ""), 8) + 1)[2:]
-                    found.append((source, number, line, line[:match.start()] + other + line[match.end():]))
-            for begin, end in texts:
-                if end - begin > 2:
-                    found.append((source, number, line, line[:begin] + '"x' + line[begin + 1:]))
-            if CALL.match(line) and not re.match(r"\s+(return|delete|using)\b", line):
-                found.append((source, number, line, ""))
-    return found
 
 
 class TooLong(Exception):
@@ -179,22 +137,40 @@ class Worker:
         self.tree = CACHE / str(number) / "tree"
         self.build = CACHE / str(number) / "build"
         self.log = CACHE / str(number) / "log"
-        shutil.rmtree(CACHE / str(number), ignore_errors=True)
-        self.tree.mkdir(parents=True)
-        packed = subprocess.run(["git", "ls-files", "-z"], cwd=TREE, check=True, capture_output=True).stdout
-        packed = subprocess.run(["tar", "-c", "--null", "-T", "-"], cwd=TREE, input=packed, check=True, capture_output=True)
-        subprocess.run(["tar", "-x", "-C", self.tree], input=packed.stdout, check=True)
+        self.failed = ""
+        # What was built by a run before is built again only where the tree has changed, or that run ended within a mutant.
+        self._copy_tree()
         # Most of what a compiler does for a source is reading Qt's headers, which no mutant changes.
         header = self.build / "qt.h"
-        self.build.mkdir()
-        header.touch()  # the trial of the compiler knows nothing of Qt
+        text = "".join(f"#include <{name}>\n" for name in HEADERS)
+        if not header.exists() or header.read_text() != text:
+            shutil.rmtree(self.build, ignore_errors=True)
+            self.build.mkdir()
+            header.touch()  # the trial of the compiler knows nothing of Qt
         configure = ["cmake", "-S", self.tree, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
                      f"-DCMAKE_CXX_FLAGS=-g0 -O0 -include {header}"]
         if not run(configure, self.log):
             sys.exit(f"the unchanged tree cannot be configured, see {self.log}")
-        header.write_text("".join(f"#include <{name}>\n" for name in HEADERS))
-        if not run(self._precompile(header), self.log) or not self._make(TARGETS, 3600):
+        if header.read_text() != text:
+            header.write_text(text)
+            if not run(self._precompile(header), self.log):
+                sys.exit(f"Qt's headers cannot be compiled, see {self.log}")
+        if not self._make(TARGETS, 3600):
             sys.exit(f"the unchanged tree cannot be built, see {self.log}")
+
+    def _copy_tree(self):
+        """Makes the copy the same as the tree; what is the same already keeps its time."""
+        names = subprocess.run(["git", "ls-files", "-z"], cwd=TREE, check=True, capture_output=True).stdout.decode().split("\0")
+        names = {name for name in names if name and (TREE / name).is_file()}
+        for path in [path for path in self.tree.rglob("*") if path.is_file()]:
+            if str(path.relative_to(self.tree)) not in names:
+                path.unlink()
+        for name in names:
+            copy, data = self.tree / name, (TREE / name).read_bytes()
+            if not copy.exists() or copy.read_bytes() != data:
+                copy.parent.mkdir(parents=True, exist_ok=True)
+                copy.write_bytes(data)
+                shutil.copymode(TREE / name, copy)
 
     def _precompile(self, header):
         """The command that compiles the agent's sources, for the header that each of them begins with."""
@@ -207,22 +183,31 @@ class Worker:
     def _make(self, targets, patience=PATIENCE):
         return run(["cmake", "--build", self.build, "-j", "1", "--target", *targets], self.log, patience)
 
-    def test(self, sources, patience=PATIENCE):
-        """What failed of all that concerns the sources: "build", "unit", "protocol", "too long", or nothing."""
+    def test(self, sources, patience=PATIENCE, first=()):
+        """What failed of all that concerns the sources: "build", "unit", "protocol", "too long", or nothing. `first` are the protocol
+        tests to begin with; the one that failed is in `failed` then."""
         units, protocols = concern(sources)
         files = [f"tests/protocol/{name}" for name in protocols]
         env = os.environ | {"CORV_AGENT": str(self.build / "bin/corv-agent")}
+        self.failed = ""
         try:
             if not self._make(["corv-agent", "corv-agent-short", *units]):
                 return "build"
             if units and not run([*UNSHARE, *(str(self.build / "bin" / unit) for unit in units)], self.log, patience):
                 return "unit"
-            argv = ["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-p", "no:cacheprovider", *files]
-            return "" if run(argv, self.log, patience, cwd=self.tree, env=env) else "protocol"
+            argv = ["/usr/bin/python3", "-m", "pytest", "-q", "-x", "-p", "no:cacheprovider"]
+            for tests in ([first] if first else []) + [files]:
+                self.log.write_bytes(b"")
+                if not run([*argv, *tests], self.log, patience, cwd=self.tree, env=env):
+                    told = re.search(r"^(?:FAILED|ERROR) (tests/\S.*?\.py::[^\n]*?)(?: - .*)?$", self.log.read_text(errors="replace"),
+                                     re.MULTILINE)
+                    self.failed = told[1] if told else ""
+                    return "protocol"
+            return ""
         except TooLong:
             return "too long"
 
-    def try_out(self, source, number, line, other):
+    def try_out(self, source, number, line, other, first):
         """Changes a line, tests, and changes it back."""
         path = self.tree / "src" / source
         original = path.read_text()
@@ -231,72 +216,82 @@ class Worker:
         lines[number] = other
         path.write_text("\n".join(lines) + "\n")
         try:
-            return self.test([source])
+            return self.test([source], first=first)
         finally:
             path.write_text(original)
 
 
-def excuses():
-    """The mutants that cannot be seen: (source, line, changed line), both without the blanks around. In the file a tab stands
-    between these and before the reason. Each is one place: where a line is there twice, a second survivor is none of them."""
-    known = []
-    for line in EXCUSES.read_text().splitlines():
-        fields = line.split("\t")
-        if len(fields) == 4:
-            known.append(tuple(field.strip() for field in fields[:3]))
-    return known
-
-
-def main():
+def options():
     parser = argparse.ArgumentParser()
     parser.add_argument("--count", type=int, default=300)
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--skip", type=int, default=0, help="leave out the first ones that are drawn")
-    parser.add_argument("--workers", type=int, default=os.cpu_count())
     parser.add_argument("--only", default="", help="sources whose path holds this")
-    parser.add_argument("--under", default="", help="what to run every command by, such as 'nice -n 10'")
+    parser.add_argument("--folder", default="", help="sources below this folder of src")
+    parser.add_argument("--slice", default="1/1", help="K/N: the Kth of N parts")
+    parser.add_argument("--minutes", type=float, default=0, help="begin with none after so long")
+    parser.add_argument("--again", action="store_true", help="also those whose result is known")
+    parser.add_argument("--workers", type=int, default=os.cpu_count())
+    parser.add_argument("--under", default="", help="what to run every command by, such as 'nice -n 19'")
     parser.add_argument("--list", action="store_true", help="show what would be tried")
-    options = parser.parse_args()
-    UNDER.extend(options.under.split())
-    everything = [mutant for mutant in mutants() if options.only in mutant[0]]
+    return parser.parse_args()
+
+
+def draw(given, results):
+    """The mutants to be tried, each with its key, and how many there are in all of those that were asked for."""
+    everything = [(key, mutant) for key, mutant in keyed(mutants())
+                  if given.only in mutant[0] and mutant[0].startswith(given.folder)]
     chosen = list(everything)
-    if options.count:
-        random.Random(options.seed).shuffle(chosen)
-        chosen = chosen[options.skip : options.skip + options.count]
-    print(f"{len(everything)} mutants, {len(chosen)} of them drawn with seed {options.seed}", flush=True)
-    if options.list:
-        for source, number, line, other in chosen:
-            print(f"{source}:{number + 1}: {line.strip()} -> {other.strip()}")
+    if given.count:
+        random.Random(given.seed).shuffle(chosen)
+        chosen = chosen[: given.count]
+    part, parts = map(int, given.slice.split("/"))
+    chosen = chosen[part - 1 :: parts]
+    return [one for one in chosen if given.again or results.by(one[0]) is None], len(everything)
+
+
+def main():
+    given = options()
+    UNDER.extend(given.under.split())
+    results = Results()
+    chosen, number = draw(given, results)
+    print(f"{number} mutants, {len(chosen)} of them to be tried", flush=True)
+    if given.list or not chosen:
+        for _, (source, at, line, other) in chosen:
+            print(f"{source}:{at + 1}: {line.strip()} -> {other.strip()}")
         return
 
     excused = excuses()
     killed = {"too long": 0, "build": 0, "unit": 0, "protocol": 0, "": 0, "excused": 0}
     waiting = queue.SimpleQueue()
-    for mutant in enumerate(chosen, 1):
-        waiting.put(mutant)
+    for one in enumerate(chosen, 1):
+        waiting.put(one)
     lock = threading.Lock()
+    ends = time.monotonic() + given.minutes * 60 if given.minutes else None
 
     def work(worker):
-        while True:
+        while ends is None or time.monotonic() < ends:
             try:
-                index, (source, number, line, other) = waiting.get_nowait()
+                index, (key, (source, at, line, other)) = waiting.get_nowait()
             except queue.Empty:
                 return
             began = time.monotonic()
-            by = worker.try_out(source, number, line, other)
-            mutant = (source, line.strip(), other.strip())
-            change = f"{source}:{number + 1}\t{line.strip()}\t{other.strip()}"
             with lock:
+                first = results.killers(source)
+            by = worker.try_out(source, at, line, other, first)
+            mutant = (source, line.strip(), other.strip())
+            with lock:
+                results.keep(key, by, worker.failed, time.monotonic() - began)
                 if not by and mutant in excused:
                     excused.remove(mutant)
                     by = "excused"
                 killed[by] += 1
-                print(f"{index:4} {time.monotonic() - began:4.0f} s {by or 'SURVIVED':8} {change}", flush=True)
+                print(f"{index:4} {time.monotonic() - began:4.0f} s {by or 'SURVIVED':8} {source}:{at + 1}\t{line.strip()}\t"
+                      f"{other.strip()}", flush=True)
 
-    workers = [Worker(number) for number in range(options.workers)]
+    workers = [Worker(number) for number in range(given.workers)]
     # What fails anyhow would kill every mutant.
-    if failed := workers[0].test(sorted({mutant[0] for mutant in chosen}), 3600):
-        sys.exit(f"the unchanged tree fails: {failed}, see {workers[0].log}")
+    if failed := workers[0].test(sorted({mutant[0] for _, mutant in chosen}), 3600):
+        sys.exit(f"the unchanged tree fails: {failed} {workers[0].failed}, see {workers[0].log}")
     threads = [threading.Thread(target=work, args=(worker,)) for worker in workers]
     for thread in threads:
         thread.start()
@@ -310,4 +305,5 @@ def main():
           f"{killed['build']} did not compile, {killed['excused']} cannot be seen. {100 * dead / max(tried, 1):.1f} % killed")
 
 
-main()
+if __name__ == "__main__":
+    main()

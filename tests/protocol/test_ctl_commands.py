@@ -377,6 +377,16 @@ def test_a_backup_is_followed_to_its_end(server, errors, last):
     declare(server, ["backup.status", "backup.start"] + ["backup.status"] * 3)
 
 
+def test_one_that_was_made_while_the_clock_was_ahead_does_not_hide_the_next_backup(server):
+    server.mkdir(f"{DISK}/2099-01-01_000000")
+    server.answer("journalctl", call=1, out="old\n")
+    server.answer("journalctl", calls=(2, 99), out="old\ndone\n")
+    server.answer("systemctl", "start", ..., shell=f"mkdir -p {DISK}/2026-01-06_120000; echo '{{\"errors\": []}}' "
+                        f">{DISK}/2026-01-06_120000/manifest.json")
+    assert written(server, "backup start --wait") == "done\nthe backup 2026-01-06_120000 was made\n"
+    declare(server, ["backup.status", "backup.start", "backup.status"])
+
+
 def test_a_backup_without_a_manifest_is_no_success(server):
     server.answer("journalctl", call=1, out="old\n")
     server.answer("journalctl", calls=(2, 99), out="old\ndone\n")

@@ -411,6 +411,29 @@ private Q_SLOTS:
         QTEST(asText(checkBackups(status, now, true)), "expected");
     }
 
+    void findsABackupOfATimeThatHasNotCome()
+    {
+        const auto named = [](const QString &name, const QJsonArray &errors) {
+            return QJsonObject{{u"name"_s, name}, {u"errors"_s, errors}};
+        };
+        const QJsonObject status = {{u"destination"_s, u"/srv/b"_s},
+                                    {u"freeBytes"_s, qint64(10'000'000'000)},
+                                    {u"backups"_s, QJsonArray{named(u"2026-02-14_031500"_s, {}),
+                                                              named(u"2026-01-05_031500"_s, {u"alice files: x"_s})}}};
+        const qint64 now = corv::backup::timeOf(u"2026-01-05_110000"_s);
+        // What it hides is told as well.
+        QCOMPARE(asText(checkBackups(status, now, true)),
+                 QStringList({u"fault|the backup 2026-02-14_031500 is of a time that has not come: the clock was "
+                              "ahead; it hides those that follow|"
+                              "mv -T /srv/b/2026-02-14_031500 /srv/b/ahead-2026-02-14_031500"_s,
+                              u"fault|the last backup, 2026-01-05_031500: alice files: x|corvctl backup start "
+                              "--wait"_s}));
+        const QJsonObject setBack = {{u"destination"_s, u"/srv/b"_s},
+                                     {u"freeBytes"_s, qint64(10'000'000'000)},
+                                     {u"backups"_s, QJsonArray{named(u"2026-01-05_123000"_s, {})}}};
+        QCOMPARE(asText(checkBackups(setBack, now, true)), QStringList());
+    }
+
     void findsThatNoBackupIsMade()
     {
         const QJsonObject status = {{u"destination"_s, u"/srv/b"_s}, {u"freeBytes"_s, qint64(10'000'000'000)}};

@@ -38,10 +38,16 @@ QStringList backupNames(const QJsonObject &reply)
     return names;
 }
 
-// The newest backup's name; empty where there is none.
-QString newestIn(const QJsonObject &reply)
+// The backup that has come since; empty where none has. Not the newest by its name: one that was made while the clock
+// was ahead has a later name than all that follow.
+QJsonObject madeSince(const QJsonObject &before, const QJsonObject &reply)
 {
-    return backupsIn(reply).at(0).toObject().value("name"_L1).toString();
+    for (const QJsonValue value : backupsIn(reply)) {
+        const QJsonObject backup = value.toObject();
+        if (backupNamed(before, backup.value("name"_L1).toString()).isEmpty())
+            return backup;
+    }
+    return {};
 }
 
 // How many things could not be saved. A backup without a manifest tells nothing.
@@ -167,7 +173,7 @@ int followBackup(Session &session, const QJsonObject &before)
     bool ended = false;
     const Answer last = askUntil(session, u"backup.status"_s, [&](const QJsonObject &reply) {
         const bool running = reply.value("running"_L1).toBool();
-        const bool isNew = newestIn(reply) != newestIn(before);
+        const bool isNew = !madeSince(before, reply).isEmpty();
         bar.clear();
         seen = !follower.take(reply.value("log"_L1).toString()).isEmpty() || running || seen;
         bar.show(reply);
@@ -180,10 +186,10 @@ int followBackup(Session &session, const QJsonObject &before)
     if (const std::optional<int> end = settled(session, last); end && *end != kDone)
         return *end;
 
-    const QString newest = newestIn(last.reply);
-    if (newest.isEmpty() || newest == newestIn(before))
+    const QJsonObject backup = madeSince(before, last.reply);
+    const QString newest = backup.value("name"_L1).toString();
+    if (newest.isEmpty())
         return fail(kRefused, u"no backup was made"_s, u"journalctl -u corv-backup tells why"_s);
-    const QJsonObject backup = backupsIn(last.reply).at(0).toObject();
     if (!backup.contains("errors"_L1))
         return fail(kRefused, u"the backup %1 was made without a list of what is in it"_s.arg(newest),
                     u"journalctl -u corv-backup tells why"_s);
@@ -202,7 +208,7 @@ int hasBegun(Session &session, const Answer &answer, const QJsonObject &before)
     const QDeadlineTimer start(kStartTime);
     bool seen = false;
     const Answer last = askUntil(session, u"backup.status"_s, [&](const QJsonObject &reply) {
-        seen = reply.value("running"_L1).toBool() || newestIn(reply) != newestIn(before) ||
+        seen = reply.value("running"_L1).toBool() || !madeSince(before, reply).isEmpty() ||
                reply.value("log"_L1) != before.value("log"_L1);
         return seen || start.hasExpired();
     });

@@ -17,6 +17,8 @@ namespace {
 constexpr qint64 kHour = 3600;
 // A run starts within the same hour each night, so that a backup of this age means that a night was missed.
 constexpr qint64 kOldSeconds = 36 * kHour;
+// A name is the local time, which is set back by an hour once a year.
+constexpr qint64 kAheadSeconds = 2 * kHour;
 constexpr qint64 kToolSeconds = 600; // after which a home's archive is cut off
 // From which part of what fits on a home comes near it.
 constexpr double kNear = 0.7;
@@ -80,6 +82,30 @@ QList<Finding> checkLast(const QJsonObject &backup, qint64 now)
     return findings;
 }
 
+// Of a time that has not come: until then it is the newest by its name, and would be looked at in the place of each
+// that follows.
+bool isAhead(const QJsonValue &backup, qint64 now)
+{
+    return backup::timeOf(backup.toObject().value("name"_L1).toString()) > now + kAheadSeconds;
+}
+
+QList<Finding> checkAhead(const QJsonObject &status, const QJsonArray &backups, qint64 now)
+{
+    const QString destination = status.value("destination"_L1).toString();
+    QList<Finding> findings;
+    for (const auto &backup : backups) {
+        if (!isAhead(backup, now))
+            continue;
+        const QString name = backup.toObject().value("name"_L1).toString();
+        findings.append(
+            {Level::Fault,
+             u"the backup %1 is of a time that has not come: the clock was ahead; it hides those that follow"_s.arg(
+                 name),
+             u"mv -T %1/%2 %1/ahead-%2"_s.arg(shellWord(destination), shellWord(name))});
+    }
+    return findings;
+}
+
 // Whether a run that ended within the limit saved the account's home.
 bool wasSaved(const QString &account, const QJsonObject &backup)
 {
@@ -115,8 +141,11 @@ QList<Finding> checkBackups(const QJsonObject &status, qint64 now, bool timerAct
 
     const QJsonArray backups = status.value("backups"_L1).toArray();
     findings += checkSpace(status, backups);
-    if (!backups.isEmpty())
-        return findings + checkLast(backups.first().toObject(), now);
+    findings += checkAhead(status, backups, now);
+    const auto last = std::find_if(backups.cbegin(), backups.cend(),
+                                   [now](const QJsonValue &backup) { return !isAhead(backup, now); });
+    if (last != backups.cend())
+        return findings + checkLast(last->toObject(), now);
     if (!status.value("running"_L1).toBool())
         findings.append({Level::Fault, u"there is no backup yet"_s, QString(kStartBackup)});
     return findings;

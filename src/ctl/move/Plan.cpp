@@ -120,9 +120,9 @@ Check limitCheck(const There &there, const Here &here)
     const qint64 limit = there.state.limitMb.value_or(0);
     if (limit == 0)
         return {u"Limit"_s, u"none"_s};
-    const QString text = humanBytes(limit * kMebibyte);
     if (limit > quota::kMaxMb)
-        return {u"Limit"_s, text + u": more than can be set"_s, Level::InTheWay};
+        return {u"Limit"_s, u"%1 MiB: more than can be set"_s.arg(limit), Level::InTheWay};
+    const QString text = humanBytes(limit * kMebibyte);
     if (!here.hasQuotas)
         return {u"Limit"_s, text + u" there; quotas are off here, so that it is lost"_s, Level::Told};
     return {u"Limit"_s, text};

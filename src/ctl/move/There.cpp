@@ -19,6 +19,8 @@ constexpr int kAskSeconds = 60;
 // A tenant may have millions of files.
 constexpr int kWalkSeconds = 900;
 constexpr int kVersionsInMajor = 10'000; // PostgreSQL's version as a number: 150013
+// Twice this, and a tenth more, is still a number: a server that was taken over could have sums wrap around to nothing.
+constexpr qint64 kMostBytes = qint64(1) << 61;
 
 // The commands' words are taken by the shell over there, and the account's name is letters and digits.
 
@@ -71,7 +73,7 @@ void addMeasures(const QByteArray &output, There *there)
         const QList<QByteArray> words = line.simplified().split(' ');
         bool valid = false;
         const qint64 number = words.value(1).toLongLong(&valid);
-        const bool isCount = valid && number >= 0;
+        const bool isCount = valid && number >= 0 && number <= kMostBytes;
         if (words[0] == "postgres" && isCount)
             there->postgres = static_cast<int>(number / kVersionsInMajor);
         else if (words[0] == "bytes" && isCount)
@@ -113,7 +115,8 @@ std::optional<There> lookThere(const Options &options, const QString &host, cons
     }
     for (const auto &site : told.value("sitesBeside"_L1).toArray())
         there.sitesBeside.append(site.toString());
-    there.databaseBytes = told.value("database"_L1).toObject().value("bytes"_L1).toInteger();
+    const qint64 bytes = told.value("database"_L1).toObject().value("bytes"_L1).toInteger();
+    there.databaseBytes = bytes < 0 || bytes > kMostBytes ? kMostBytes : bytes;
 
     const Distant written = runAt(options, host, stateCommand(account), kAskSeconds);
     if (!written.problem.isEmpty())
