@@ -218,6 +218,23 @@ def test_a_newcomer_takes_over_nothing_by_number(sandbox):
     assert sorted(former(sandbox).values()) == sorted(f"0600 root:root {path}" for path in paths)
 
 
+def test_a_newcomer_meets_no_process_of_its_number(sandbox):
+    """One that has been running since the number was somebody else's could signal, trace and read all of the new account's."""
+    sandbox.start()
+    enter = ["nsenter", f"--target={sandbox.agent.pid}", "--pid", f"--root={sandbox.root}", "--wd=/", "/usr/bin/setpriv", "--reuid=1000",
+             "--clear-groups", "/bin/sh", "-c", "trap '' TERM HUP INT; echo >/tmp/started; exec sleep 1000"]
+    left = subprocess.Popen(enter)
+    try:
+        while not sandbox.exists("/tmp/started"):
+            pass
+        assert create(sandbox)["ok"] is True
+        assert sandbox.uid("alice") == 1000
+        assert left.wait(timeout=30) == -9
+    finally:
+        left.kill()
+        left.wait()
+
+
 def test_a_home_of_nobody_is_set_aside(sandbox):
     sandbox.write("/home/alice/.ssh/authorized_keys", "an old key")
     os.chown(sandbox.path("/home/alice"), 1234, 1234)
