@@ -490,6 +490,17 @@ private Q_SLOTS:
                               "overwritten|corvctl account resume alice"_s}));
     }
 
+    void findsASiteFileThatWasCutOff()
+    {
+        for (const qsizetype left : {0, 1, 200}) {
+            AccountParts account = whole();
+            account.site->truncate(left);
+            QCOMPARE(asText(checkAccount(account, kPhp, databases())),
+                     QStringList({u"fault|the site file of the account alice was cut off|"
+                                  "corvctl account resume alice"_s}));
+        }
+    }
+
     void findsLeftovers()
     {
         const NamedParts parts = {

@@ -216,7 +216,10 @@ QList<Finding> checkSite(const AccountParts &account, const QString &php, bool s
     const QString wanted = hosting::vhost(name, account.domain, !php.isEmpty(), false);
     if (*account.site == wanted.toUtf8() || *account.site == hosting::vhost(name, account.domain, false, true).toUtf8())
         return findings;
-    if (*account.site == hosting::vhost(name, account.domain, false, false).toUtf8()) {
+    // A full disk or a power cut: the account has no site then, whatever else is said to be there.
+    if (wanted.toUtf8().startsWith(*account.site)) {
+        findings.append({Level::Fault, u"the site file of the account %1 was cut off"_s.arg(name), resume});
+    } else if (*account.site == hosting::vhost(name, account.domain, false, false).toUtf8()) {
         findings.append({Level::Fault,
                          u"the site of the account %1 runs no PHP, but shows the source of its pages"_s.arg(name),
                          resume});
