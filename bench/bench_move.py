@@ -56,7 +56,7 @@ def load():
 def make(host):
     account = host.account()
     host.ok(["bash", "-c", FILL, "bash", account.name, str(MEGABYTES), str(FILES)], timeout=600)
-    host.put(f"{account.home}/public_html/index.html", "<p>here", owner=f"{account.name}:www-data")
+    host.put(f"{account.home}/public_html/here.html", "<p>here", owner=f"{account.name}:www-data")
     done = host.sql(ROWS.format(DATABASE * 1024 // 2), database=account.name, role=account.name, password=account.password)
     assert done.code == 0, done
     return account
@@ -75,12 +75,13 @@ def one(old, new, number):
     assert done.code == 0, done
     change(old, account, number)
     before = load()
-    with Watch([old, new], account.domain, "/") as watch:
+    with Watch([old, new], account.domain, "/here.html") as watch:
         done = new.run(["corvctl", "--json", "account", "move", account.name, HOST, "--confirm", account.name], timeout=600)
     assert done.code == 0, done
     told = json.loads(done.out)
     parts = ", ".join(f"{name} {milliseconds / 1000:.1f}" for name, milliseconds in told["switchMilliseconds"].items())
     row(f"nobody serves it (load {before} before)", f"{watch.gap():.1f} s", "3 s")
+    row("its old address leads nowhere", f"{watch.gap_at_the_old_address():.1f} s")
     row("of it, as the move tells", f"{told['offlineMilliseconds'] / 1000:.1f} s: {parts}")
     new.remove_accounts()
     old.ok(["corvctl", "account", "forward", account.name, "off"])

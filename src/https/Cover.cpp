@@ -14,7 +14,7 @@
 namespace corv::https {
 namespace {
 
-constexpr auto kRunFolder = "/run/apache2";
+constexpr auto kServersRun = "/run/apache2";
 constexpr auto kLogFolder = "/var/log/apache2";
 constexpr auto kLockFolder = "/run/lock";
 // Logs, sockets and what changes in the store; a server that fills it does not come up.
@@ -86,8 +86,8 @@ bool copyStore(const Cover &cover)
 bool overlayStore(const Cover &cover)
 {
     const char *store = cover.store.c_str();
-    const std::string upper = std::string(kRunFolder) + "/upper";
-    const std::string work = std::string(kRunFolder) + "/work";
+    const std::string upper = std::string(kServersRun) + "/upper";
+    const std::string work = std::string(kServersRun) + "/work";
     // The folder's own owner and mode are those of the upper one.
     if (::mkdir(upper.c_str(), 0755) != 0 || ::mkdir(work.c_str(), 0700) != 0)
         return false;
@@ -115,7 +115,7 @@ bool coverStore(const Cover &cover)
 
 bool coverFolders(const Cover &cover)
 {
-    return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && tmpfs(kRunFolder) &&
+    return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && tmpfs(kServersRun) &&
            tmpfs(kLogFolder) && tmpfs(kLockFolder) && coverStore(cover);
 }
 
