@@ -100,7 +100,7 @@ def test_a_limit_of_the_authority_is_not_asked_again_by_any_reload(server, betwe
 def test_a_name_that_leaves_keeps_its_certificate_and_no_order_is_made_for_it(server):
     name, domain = certified(server)
     first = secure(server, domain).ends
-    # The www name alone: it is taken out of the certificate, which is replaced by one without it.
+    # The www name alone: nothing is asked for it any more.
     server.ok(["sed", "-i", f"s/ www.{domain}$//", "/etc/hosts"])
     for misses in (1, 2, 3):
         server.ok(AGAIN)
@@ -109,12 +109,14 @@ def test_a_name_that_leaves_keeps_its_certificate_and_no_order_is_made_for_it(se
     assert secure(server, domain).status == 200
     assert listed(server, name)[1].startswith(f"www.{domain}: ")
 
-    # Now all of it: what there is goes on being served until its end, and the list says why there will be no other.
+    # Now all of it: what there is goes on being served until its end, for all names that it has, as to visitors whom another server
+    # leads on. The list says why there will be no other.
     server.ok(["sed", "-i", f"/ {domain}$/d", "/etc/hosts"])
     for misses in (1, 2, 3):
         server.ok(AGAIN)
         server.wait_for(lambda: state(server)["names"][domain]["misses"] >= misses, "the miss")
-    server.wait_for(lambda: f"<MDomainSet {domain}>\n    MDMembers manual\n    MDRenewMode manual\n" in server.get(LIVE), "the order's end")
+    server.wait_for(lambda: f"<MDomainSet {domain} www.{domain}>\n    MDMembers manual\n    MDRenewMode manual\n" in server.get(LIVE),
+                    "the order's end")
     assert secure(server, domain).status == plain(server, domain) == 200
     assert secure(server, domain).ends >= first
     shown = json.loads(server.ok(["corvctl", "--json", "account", "show", name]))

@@ -134,6 +134,21 @@ private Q_SLOTS:
         QCOMPARE(site.ends, certificate.ends);
     }
 
+    void saysOfASiteThatIsServedThatItsNameLeadsElsewhere()
+    {
+        State state;
+        state.sites[u"shop"_s] = {u"shop.example"_s, {u"shop.example"_s}, {}, {}, {}, 0};
+        state.names[u"shop.example"_s].said = u"192.0.2.1 does not answer on port 80"_s;
+        const Certificate certificate{kNow, kNow + 7776000, {}, {}};
+        const ctl::HttpsSite site = ctl::judgeSite(u"shop"_s, state, {}, certificate, kNow);
+        QCOMPARE(ctl::stageWord(site.stage), u"served"_s);
+        QCOMPARE(site.remark, u"shop.example: 192.0.2.1 does not answer on port 80"_s);
+        // Of one that was brought nothing is renewed, wherever its name leads.
+        SiteOptions brought;
+        brought.own = u"shop-a"_s;
+        QCOMPARE(ctl::judgeSite(u"shop"_s, state, brought, certificate, kNow).remark, QString());
+    }
+
     void theDoctorTellsWhatIsWrongWithHttps()
     {
         State state;

@@ -75,6 +75,9 @@ HttpsSite judgeSite(const QString &account, const https::State &state, const htt
     } else if ((certificate->ends - now) < (certificate->ends - certificate->begins) / kEndingPart) {
         site.stage = HttpsSite::Stage::Ending;
         site.remark = site.isOwn ? u"a new one has to be brought"_s : whyWaiting(state, kept.domain);
+    } else if (!site.isOwn && state.names.contains(kept.domain) && !state.names.value(kept.domain).leadsHere) {
+        // It goes on being served until its certificate ends, and gets no other.
+        site.remark = u"%1: %2"_s.arg(kept.domain, state.names.value(kept.domain).said);
     }
     return site;
 }
