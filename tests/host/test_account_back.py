@@ -94,6 +94,7 @@ def test_a_shop_comes_back_with_what_has_changed(old, new, shop):
     assert is_suspended(old, shop.name)
 
 
+@pytest.mark.long
 def test_the_rehearsal_of_the_way_back_changes_nothing_for_visitors(old, new, shop):
     before = everything(new, shop.name)
     with Watch([new, old], shop.domain) as watch:
@@ -105,6 +106,7 @@ def test_the_rehearsal_of_the_way_back_changes_nothing_for_visitors(old, new, sh
     comes_back(old, new, shop, before)
 
 
+@pytest.mark.long
 def test_jobs_that_were_given_up_meanwhile_do_not_come_back(old, new, shop):
     new.ok(["crontab", "-r", "-u", shop.name])
     done = move(old, shop.name, BACK)
@@ -143,6 +145,7 @@ def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, s
     comes_back(old, new, shop, before)
 
 
+@pytest.mark.long
 def test_a_connection_that_breaks_in_the_switch(old, new, shop):
     before = everything(new, shop.name)
     assert move(old, shop.name, BACK, "--rehearse").code == 0

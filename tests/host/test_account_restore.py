@@ -239,7 +239,7 @@ STEPS = ["reading the archives", "making the account", "loading the database", "
          "looking at the site"]
 
 
-@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGKILL])
+@pytest.mark.parametrize("number", [pytest.param(signal.SIGINT, marks=pytest.mark.long), signal.SIGKILL])
 def test_a_restore_that_is_ended_at_any_step_can_be_done_again(host, shop, number):
     before = everything(host, shop.name)
     for step in STEPS:

@@ -152,7 +152,7 @@ MOMENTS = {
 }
 
 
-@pytest.mark.parametrize("moment", [moment if moment in ("the dump is coming", "decided") else pytest.param(moment, marks=pytest.mark.long)
+@pytest.mark.parametrize("moment", [moment if moment == "decided" else pytest.param(moment, marks=pytest.mark.long)
                                     for moment in MOMENTS])
 def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, shop, moment):
     before = everything(old, shop.name)
@@ -210,6 +210,7 @@ def test_a_connection_that_breaks_in_the_switch(old, new, shop):
     goes_on(old, new, shop, before)
 
 
+@pytest.mark.long
 def test_a_disk_that_is_full(old, new, shop):
     before = everything(old, shop.name)
     new.ok(["sh", "-ec", f"mkdir -pm 700 {MOVES}; mount -t tmpfs -o size=16k,mode=700 tmpfs {MOVES}"])
