@@ -6,6 +6,7 @@ import threading
 import time
 from contextlib import contextmanager
 
+import pytest
 from hostfloor import ADDRESS, OUTSIDE
 
 KEY = "/root/.ssh/id_ed25519"
@@ -29,6 +30,20 @@ def reaching(new, old):
     with new.reaching(old, 22), old.reaching(new, 80):
         new.put("/root/.ssh/known_hosts", new.ok(["ssh-keyscan", "-T", "20", OUTSIDE]))
         yield
+
+
+@pytest.fixture(scope="module")
+def old(boot):
+    """The server that has the accounts."""
+    return boot()
+
+
+@pytest.fixture(scope="module")
+def new(boot, old):
+    """The one that they come to."""
+    host = boot()
+    with reaching(host, old):
+        yield host
 
 
 def make_certificates(folder, domain):

@@ -4,24 +4,10 @@ import json
 
 import pytest
 from hostfloor import OUTSIDE
-from moves import reaching
+from moves import new, old  # noqa: F401 (pytest finds them here)
 from shops import everything, make_shop
 
 LIMIT = 300
-
-
-@pytest.fixture(scope="module")
-def old(boot):
-    """The server that has the account."""
-    return boot()
-
-
-@pytest.fixture(scope="module")
-def new(boot, old):
-    """The one that it is to come to."""
-    host = boot()
-    with reaching(host, old):
-        yield host
 
 
 @pytest.fixture

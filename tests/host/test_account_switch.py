@@ -5,7 +5,20 @@ import subprocess
 
 import pytest
 from hostfloor import HostError
-from moves import HOST, MOVES, SWITCHES, Watch, is_settled, is_suspended, killed_when, move, reaching, record, words
+from moves import (  # noqa: F401 (pytest finds two of them here)
+    HOST,
+    MOVES,
+    SWITCHES,
+    Watch,
+    is_settled,
+    is_suspended,
+    killed_when,
+    move,
+    new,
+    old,
+    record,
+    words,
+)
 from shops import everything, make_shop, page
 
 LIMIT = 400
@@ -13,20 +26,6 @@ WELL = (200, "2000 orders, \n")
 # Where a move is ended: what it says there, or what it has written down.
 SAYS = ["making the account here", "bringing the files, while the site is served there", "bringing the database, and loading it here",
         SWITCHES]
-
-
-@pytest.fixture(scope="module")
-def old(boot):
-    """The server that has the accounts."""
-    return boot()
-
-
-@pytest.fixture(scope="module")
-def new(boot, old):
-    """The one that they come to."""
-    host = boot()
-    with reaching(host, old):
-        yield host
 
 
 @pytest.fixture
