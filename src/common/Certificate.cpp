@@ -12,7 +12,6 @@ namespace {
 
 // Tags of the encoding.
 constexpr uchar kSequence = 0x30;
-constexpr uchar kSet = 0x31;
 constexpr uchar kObjectName = 0x06;
 constexpr uchar kOctets = 0x04;
 constexpr uchar kShortTime = 0x17; // a year of two digits
@@ -22,8 +21,6 @@ constexpr uchar kExtensions = 0xa3;
 constexpr uchar kDnsName = 0x82;
 
 const auto kAlternativeNames = "\x55\x1d\x11"_ba;
-const auto kCommonName = "\x55\x04\x03"_ba;
-const auto kOrganisation = "\x55\x04\x0a"_ba;
 
 // One element: its tag and what it holds. Views into the certificate.
 struct Element
@@ -89,23 +86,14 @@ std::optional<qint64> takeTime(QByteArrayView *rest)
     return QDateTime(day, time, QTimeZone::utc()).toSecsSinceEpoch();
 }
 
-// The issuer's common name, else its organisation.
-QString nameIn(QByteArrayView name)
+// Whether a browser could ask for such a name, "*.example.org" included. A certificate can hold anything in its place,
+// as "shop.example<NUL>.evil.example", which no one may take for the name before the NUL.
+bool isDnsName(QByteArrayView name)
 {
-    QString organisation;
-    while (const std::optional<QByteArrayView> set = take(&name, kSet)) {
-        QByteArrayView rest = *set;
-        QByteArrayView pair = take(&rest, kSequence).value_or(QByteArrayView());
-        const std::optional<QByteArrayView> kind = take(&pair, kObjectName);
-        const std::optional<Element> value = take(&pair);
-        if (!kind || !value)
-            continue;
-        if (*kind == kCommonName)
-            return QString::fromUtf8(value->content);
-        if (*kind == kOrganisation)
-            organisation = QString::fromUtf8(value->content);
-    }
-    return organisation;
+    return !name.isEmpty() && std::all_of(name.begin(), name.end(), [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || isDigit(c) || c == '-' || c == '.' || c == '_' ||
+               c == '*';
+    });
 }
 
 QStringList namesIn(QByteArrayView extensions)
@@ -123,7 +111,7 @@ QStringList namesIn(QByteArrayView extensions)
         QByteArrayView names = take(&octets, kSequence).value_or(QByteArrayView());
         QStringList found;
         while (const std::optional<Element> name = take(&names)) {
-            if (name->tag == kDnsName)
+            if (name->tag == kDnsName && isDnsName(name->content))
                 found.append(QString::fromLatin1(name->content).toLower());
         }
         return found;
@@ -142,16 +130,16 @@ std::optional<Certificate> parseDer(QByteArrayView bytes)
     if (first && first->tag == kVersion)
         (void)take(&*body);
     (void)take(&*body);
-    const std::optional<QByteArrayView> issuer = take(&*body, kSequence);
+    (void)take(&*body); // who issued it
     std::optional<QByteArrayView> validity = take(&*body, kSequence);
-    if (!issuer || !validity)
+    if (!validity)
         return std::nullopt;
     const std::optional<qint64> begins = takeTime(&*validity);
     const std::optional<qint64> ends = takeTime(&*validity);
     if (!begins || !ends)
         return std::nullopt;
 
-    Certificate certificate{*begins, *ends, {}, nameIn(*issuer)};
+    Certificate certificate{*begins, *ends, {}};
     while (const std::optional<Element> element = take(&*body)) {
         if (element->tag == kExtensions)
             certificate.names = namesIn(element->content);

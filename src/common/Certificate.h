@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QByteArray>
-#include <QString>
 #include <QStringList>
 
 #include <optional>
@@ -13,8 +12,7 @@ struct Certificate
 {
     qint64 begins = 0; // seconds since the epoch
     qint64 ends = 0;
-    QStringList names; // the DNS names that it is for, in its order
-    QString issuer;    // the common name of who issued it, or the organisation's where there is none
+    QStringList names; // the DNS names that it is for, in its order, in small letters; what is none is left out
 };
 
 // The first certificate in a PEM text; nothing where there is none that can be read.

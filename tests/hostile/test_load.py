@@ -26,6 +26,7 @@ CLIENTS = {
     "knock": ("10", "are of a user who may not connect"),
 }
 PINGS = 500
+ROUNDS = 20
 SHORT, LONG = 60, 600  # seconds
 MEBIBYTE = 1 << 20
 
@@ -68,6 +69,16 @@ def median_pings(*boxes):
     for client in clients:
         client.close()
     return [statistics.median(mine) for mine in times]
+
+
+def pings_until_as_fast(box, unburdened):
+    """The medians of both agents' pings, taken again where one took more than twice as long as the other: other programs of the
+    machine can hold one up in a round, but an agent whose clients cost it time is slower in every one."""
+    for _ in range(ROUNDS):
+        mine, other = median_pings(box, unburdened)
+        if mine <= 2 * other:
+            break
+    return mine, other
 
 
 def live(box):
@@ -127,14 +138,14 @@ def test_load(sandbox, unburdened, is_long):
     try:
         lives, wrong, samples = press(sandbox, seconds, processes.values())
         results = {kind: finish(processes[kind]) for kind in CLIENTS if kind != "idle"}
-        crowded, quiet = median_pings(sandbox, unburdened)
+        crowded, quiet = pings_until_as_fast(sandbox, unburdened)
         results["idle"] = finish(processes["idle"])
     finally:
         for process in processes.values():
             process.kill()
             process.wait()
     wait_until(lambda: len(sandbox.agent.fds()) == fds, "the end of all connections")
-    after, alone = median_pings(sandbox, unburdened)
+    after, alone = pings_until_as_fast(sandbox, unburdened)
 
     for kind, (number, what) in CLIENTS.items():
         result = results[kind]

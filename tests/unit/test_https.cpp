@@ -243,7 +243,7 @@ private Q_SLOTS:
     {
         Candidate moved = candidate(u"shop"_s, u"shop.example"_s);
         moved.certified = true;
-        moved.certificate = Certificate{1, kNow + 1, {u"shop.example"_s, u"www.shop.example"_s}, {}};
+        moved.certificate = Certificate{1, kNow + 1, {u"shop.example"_s, u"www.shop.example"_s}};
         const QStringList both{u"shop.example"_s, u"www.shop.example"_s};
         State state;
         for (const QString &name : both)

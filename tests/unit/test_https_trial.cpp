@@ -269,7 +269,7 @@ private Q_SLOTS:
         QFETCH(const int, days);
         constexpr qint64 now = 1800000000;
         constexpr qint64 day = 86400;
-        const Certificate certificate{now + (left - life) * day, now + left * day, {}, {}};
+        const Certificate certificate{now + (left - life) * day, now + left * day, {}};
         QCOMPARE(warningDays(certificate, now), days);
 
         Candidate candidate{{u"shop"_s, u"shop.example"_s, true, false}};
@@ -279,7 +279,7 @@ private Q_SLOTS:
         QCOMPARE(state.warned.value(u"shop.example"_s), days);
         QVERIFY(newWarnings({candidate}, &state, now + 60).isEmpty());
         // A new one has come.
-        candidate.certificate = Certificate{now, now + 365 * day, {}, {}};
+        candidate.certificate = Certificate{now, now + 365 * day, {}};
         QVERIFY(newWarnings({candidate}, &state, now).isEmpty());
         QVERIFY(state.warned.isEmpty());
     }

@@ -51,7 +51,7 @@ void secure(There &there, Here &here)
 {
     there.https.isOn = true;
     there.https.options = corv::https::SiteOptions();
-    there.https.certificate = corv::Certificate{1, 4'102'444'800, {u"shop.example"_s}, {}};
+    there.https.certificate = corv::Certificate{1, 4'102'444'800, {u"shop.example"_s}};
     here.hasHttps = true;
 }
 
