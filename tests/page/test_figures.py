@@ -43,8 +43,6 @@ def seconds_to(server, path, states):
 
 
 def test_the_overview_is_there_about_as_soon_as_cockpits_own(server, request):
-    # The first login of a server takes longest, and is neither's.
-    server.outside(["curl", "-ksS", "-o", "/dev/null", "-u", f"boss:{PASSWORD}", "https://10.213.0.2:9090/cockpit/login"])
     # Ours is that of the browser which all tests share.
     pairs = [(seconds_to(server, "/system", OWN), request.getfixturevalue("browser").took)]
     # Whatever else the machine does comes and goes: the best of up to three.
