@@ -154,6 +154,7 @@ QList<int> choose(Run *run, QMap<QString, SiteState> *sites)
     if (sifted.verdict == Verdict::Up)
         chosen += proven;
     keepProof(run, placesOf(sifted.good) + proven);
+    run->comesUp = sifted.verdict == Verdict::Up && run->state.rehearsed && undecided.isEmpty();
     const QByteArray live =
         run->state.none.isEmpty() && !undecided.isEmpty() ? readLive().value_or(QByteArray()) : QByteArray();
     for (const int place : undecided) {

@@ -24,6 +24,7 @@ struct Run
     State state;
     QDeadlineTimer deadline;
     bool storeIsFull = false;
+    bool comesUp = false;   // all that is chosen was tried, now or before, as a whole Apache
     bool hasUnseen = false; // names that were never asked whether they lead here
     QString complaint;      // the last
 };

@@ -21,6 +21,9 @@ namespace corv::https {
 namespace {
 
 constexpr auto kTlsFile = "/etc/corvane/https-tls.conf";
+// The mark for apache2.service's reload, which takes it away: all that Apache is about to read has just come up in a
+// trial.
+constexpr auto kComesUpFile = "/run/corvane/https/comes-up";
 constexpr qsizetype kLargestTls = qsizetype{64} * 1024;
 // systemd gives a start or reload 90 s in all, of which waiting for the lock is a part.
 constexpr int kAllMilliseconds = 40000;
@@ -166,6 +169,8 @@ int sync(const Manner &manner)
     saveState(run.state);
     if (run.hasUnseen && !leaveNote("sites"))
         say(u"nobody can be told of the new names"_s);
+    if (manner.isForReload && isPublished && run.comesUp)
+        (void)replaceFile(QString::fromLatin1(kComesUpFile), {}, 0600); // without it the reload only takes longer
     return isPublished ? 0 : 1;
 }
 
