@@ -20,28 +20,31 @@ servers = []
 shared = {}
 
 
-@pytest.fixture(scope="session")
-def package():
-    """The path of the package under test: built from this tree on the release that it is for, or the one that CORV_PACKAGE names."""
-    if os.environ.get("CORV_PACKAGE"):
-        return pathlib.Path(os.environ["CORV_PACKAGE"])
+def package_of(suite):
+    """The path of the package, built from this tree on the release that it is for."""
     scripts = ROOT / "scripts"
-    built = subprocess.run([scripts / "release", SUITE, scripts / "package"], stdout=subprocess.PIPE, text=True, check=False)
+    built = subprocess.run([scripts / "release", suite, scripts / "package"], stdout=subprocess.PIPE, text=True, check=False)
     if built.returncode != 0:
         pytest.exit("scripts/package failed", 1)
     return pathlib.Path(built.stdout.splitlines()[-1])
 
 
 @pytest.fixture(scope="session")
+def package():
+    """The path of the package under test: as package_of, or the one that CORV_PACKAGE names."""
+    return pathlib.Path(os.environ["CORV_PACKAGE"]) if os.environ.get("CORV_PACKAGE") else package_of(SUITE)
+
+
+@pytest.fixture(scope="session")
 def boot(package):
     """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the module that
-    asked for them, or by their stop(). CORV_SUITE names their Debian release."""
+    asked for them, or by their stop(). CORV_SUITE names their Debian release where the test does not."""
 
-    def boot_host(*, bare=False):
-        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", SUITE)
+    def boot_host(*, bare=False, suite=SUITE):
+        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", suite)
         servers.append(host)
         if not bare:
-            host.install(package)
+            host.install(package if suite == SUITE else package_of(suite))
         return host
 
     yield boot_host

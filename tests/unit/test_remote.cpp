@@ -3,9 +3,14 @@
 #include "ctl/remote/Remote.h"
 #include "ctl/screen/Wrap.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QProcess>
+#include <QTemporaryDir>
 #include <QTest>
+
+#include <csignal>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace corv::ctl;
@@ -84,6 +89,35 @@ private Q_SLOTS:
         QCOMPARE(hostsSummary({"a", "b"}, {0, 0}), u"2 hosts: 2 done"_s);
         QCOMPARE(hostsSummary({"a", "b", "c", "d", "e\x1b"}, {0, 1, 3, 4, 77}),
                  u"5 hosts: 1 done, 1 refused or at fault (b), 2 no connection (c e\\x1b), 1 timed out (d)"_s);
+    }
+
+    void readsOnWhenAnotherChildEnds()
+    {
+        const QTemporaryDir folder;
+        QFile ssh(folder.filePath(u"ssh"_s));
+        QVERIFY(ssh.open(QIODevice::WriteOnly));
+        ssh.write("#!/bin/sh\nsleep 0.6; echo all; sleep 0.6\n");
+        QVERIFY(ssh.setPermissions(QFile::ReadOwner | QFile::ExeOwner));
+        ssh.close();
+        const QByteArray before = qgetenv("PATH");
+        qputenv("PATH", folder.path().toLocal8Bit() + ':' + before);
+        Remote remote;
+        QCOMPARE(remote.start(u"web1"_s, {u"true"_s}), QString());
+        qputenv("PATH", before);
+
+        // One ends while it is read, one while its end is waited for. Some versions of Qt have a handler like this one.
+        struct sigaction handler = {};
+        handler.sa_handler = [](int) {};
+        struct sigaction kept = {};
+        QCOMPARE(::sigaction(SIGCHLD, &handler, &kept), 0);
+        QProcess first;
+        first.start(u"sleep"_s, {u"0.2"_s});
+        QProcess second;
+        second.start(u"sleep"_s, {u"0.9"_s});
+        QCOMPARE(remote.readAll(10, 100), std::optional<QByteArray>("all\n"));
+        QCOMPARE(remote.wait(), 0);
+        QVERIFY(first.waitForFinished() && second.waitForFinished());
+        QCOMPARE(::sigaction(SIGCHLD, &kept, nullptr), 0);
     }
 
     void wrapsAtBlanks()

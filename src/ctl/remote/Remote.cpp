@@ -1,5 +1,6 @@
 #include "ctl/remote/Remote.h"
 
+#include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 
 #include <QDeadlineTimer>
@@ -101,6 +102,12 @@ bool drain(Flow *flow)
     return true;
 }
 
+// Whether a wait was cut short by a signal that is nobody's wish to end: that of another child's end.
+bool isDisturbed(int count)
+{
+    return count < 0 && errno == EINTR && !interrupted();
+}
+
 } // namespace
 
 QString hostProblem(const QString &host)
@@ -176,6 +183,8 @@ Remote::Moved Remote::waitFor(short events, int seconds)
     for (;;) {
         std::array<pollfd, 2> waiting = {pollfd{m_stream.get(), events, 0}, pollfd{m_errors.get(), POLLIN, 0}};
         const int count = ::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime()));
+        if (isDisturbed(count))
+            continue;
         if (count <= 0)
             return count == 0 ? Moved::TimedOut : Moved::Ended;
         if (waiting[1].revents != 0 && !readSome(m_errors, &m_complaints, kComplaintBytes))
@@ -252,7 +261,10 @@ int Remote::wait()
     bool hasEnded = false;
     while (!hasEnded && !end.hasExpired()) {
         std::array<pollfd, 2> waiting = {pollfd{m_errors.get(), POLLIN, 0}, pollfd{process.get(), POLLIN, 0}};
-        if (::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime())) <= 0)
+        const int count = ::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime()));
+        if (isDisturbed(count))
+            continue;
+        if (count <= 0)
             break;
         if ((waiting[0].revents & POLLIN) != 0)
             (void)readSome(m_errors, &m_complaints, kComplaintBytes);
