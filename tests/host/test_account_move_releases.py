@@ -36,8 +36,9 @@ def account(old, new):
 
 
 def all_but_the_dumps_manners(host, shop):
-    """As everything, without what a newer pg_dump says of itself and of the session that will load it."""
-    return [line for line in everything(host, shop.name) if not re.match("--|SET [a-z_]+ = |SELECT pg_catalog.set_config", line) and line]
+    """As everything, without what a newer pg_dump says of itself and of the session that will load it, or says otherwise."""
+    lines = [re.sub("^ALTER (SEQUENCE|VIEW) ", "ALTER TABLE ", line).replace(" orders.", " ") for line in everything(host, shop.name)]
+    return [line for line in lines if line and not re.match("--|SET [a-z_]+ = |SELECT pg_catalog.set_config", line)]
 
 
 def plan(host, name, *options):
