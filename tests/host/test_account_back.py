@@ -134,7 +134,8 @@ MOMENTS = {
 }
 
 
-@pytest.mark.parametrize("moment", [moment if moment == "decided" else pytest.param(moment, marks=pytest.mark.long) for moment in MOMENTS])
+@pytest.mark.long
+@pytest.mark.parametrize("moment", MOMENTS)
 def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, shop, moment):
     before = everything(new, shop.name)
     assert move(old, shop.name, BACK, "--rehearse").code == 0

@@ -109,6 +109,7 @@ def test_a_certificate_that_was_brought_comes_along(old, new, shop, tmp_path):
     assert copies == ["root root 600"] * 2
 
 
+@pytest.mark.long
 def test_a_certificate_that_cannot_be_taken_is_said_and_the_site_moves(old, new, shop):
     name, domain = shop
     other = old.ok(["openssl", "ecparam", "-name", "prime256v1", "-genkey", "-noout"])
@@ -121,6 +122,7 @@ def test_a_certificate_that_cannot_be_taken_is_said_and_the_site_moves(old, new,
         ["grep", "-cF", other.splitlines()[1], f"{STORE}/domains/{domain}/privkey.p-256.pem"]).out == "0\n"
 
 
+@pytest.mark.long
 def test_who_has_https_off_has_it_off_there(old, new, shop):
     name, domain = shop
     old.ok(["corvctl", "account", "https", name, "off"])

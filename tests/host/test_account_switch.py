@@ -76,6 +76,7 @@ def new_home(shop):
     return f"/home/{shop.name}"
 
 
+@pytest.mark.long
 def test_who_is_suspended_stays_so(old, new, shop):
     before = everything(old, shop.name)
     old.ok(["corvctl", "account", "suspend", shop.name])
@@ -243,6 +244,7 @@ def test_what_is_written_all_the_same_comes_along(old, new, shop):
                    "AND setrole = 0 AND setconfig::text LIKE '%read_only%'").out.strip() == "", "it is writable for whoever resumes it"
 
 
+@pytest.mark.long
 def test_another_host_is_refused_while_one_is_under_way(old, new, shop):
     assert move(new, shop.name, "--rehearse").code == 0
     done = new.run(["corvctl", "account", "move", shop.name, "root@elsewhere", "--confirm", shop.name])

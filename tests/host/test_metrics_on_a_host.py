@@ -93,6 +93,7 @@ def test_counts_go_on_over_restarts_and_what_the_journal_clears_away(own_host):
     assert requests(written(host), "system.info") == before + 7
 
 
+@pytest.mark.long
 def test_a_database_server_that_hangs_holds_up_nothing(own_host):
     host = own_host
     host.ok(["systemctl", "kill", "-s", "STOP", "postgresql@15-main"])
