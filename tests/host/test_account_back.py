@@ -156,7 +156,7 @@ def test_a_connection_that_breaks_in_the_switch(old, new, shop):
                 break
         new.wait_for(lambda: is_suspended(new, shop.name), "the suspension")
         # The sessions, not what listens for further ones.
-        new.ok(["sh", "-c", "pkill -KILL -f '^sshd: root@notty'"])
+        new.ok(["sh", "-c", "pkill -KILL -f '^sshd(-session)?: root@notty'"])
         rest = process.stderr.read()
     if process.returncode == 0:
         raise HostError(f"it was over before the connection broke: {rest}")

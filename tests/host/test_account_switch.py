@@ -202,7 +202,7 @@ def test_a_connection_that_breaks_in_the_switch(old, new, shop):
                 break
         old.wait_for(lambda: is_suspended(old, shop.name), "the suspension")
         # The sessions, not what listens for further ones.
-        old.ok(["sh", "-c", "pkill -KILL -f '^sshd: root@notty'"])
+        old.ok(["sh", "-c", "pkill -KILL -f '^sshd(-session)?: root@notty'"])
         rest = process.stderr.read()
     assert process.returncode == 1, rest
     assert f"{shop.name} is not moved: " in rest and f"{HOST} still has it" in rest
