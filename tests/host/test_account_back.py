@@ -38,7 +38,7 @@ def shop(old, new):
     change(new, account)
     yield account
     for host in (old, new):
-        host.run(["systemctl", "stop", f"corv-moving-{account.name}.timer", f"corv-move-{account.name}.timer"])
+        host.run(["systemctl", "stop", f"corv-moving-{account.name}.timer", f"corv-move-{account.name}.timer", f"corv-moving-{account.name}.service"])
         host.run(["sh", "-c", f"corvctl account forward {account.name} off; corvctl account forwarded {account.name} off; "
                               f"rm -f {MOVES}/{account.name}.*"])
     new.remove_accounts()

@@ -2,6 +2,7 @@
 
 import re
 import subprocess
+from contextlib import contextmanager
 
 import pytest
 from hostfloor import HostError
@@ -35,7 +36,7 @@ def shop(old, new):
     yield account
     new.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
     for host in (old, new):
-        host.run(["systemctl", "stop", f"corv-move-{account.name}.timer", f"corv-moving-{account.name}.timer"])
+        host.run(["systemctl", "stop", f"corv-move-{account.name}.timer", f"corv-moving-{account.name}.timer", f"corv-moving-{account.name}.service"])
     old.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
     new.remove_accounts()
     old.remove_accounts()
@@ -163,14 +164,18 @@ def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, s
     goes_on(old, new, shop, before)
 
 
+@contextmanager
 def nobody_goes_on(new, shop):
-    """The new server is gone, with what would go on with the move there."""
-    new.ok(["systemctl", "stop", f"corv-moving-{shop.name}.timer"])
+    """The new server as if it were gone once the move is killed: nothing there can go on with it."""
+    unit = f"/run/systemd/system/corv-moving-{shop.name}.timer"
+    new.ok(["sh", "-c", f"ln -s /dev/null {unit} && systemctl daemon-reload"])
+    yield
+    new.ok(["sh", "-c", f"rm {unit} && systemctl daemon-reload"])
 
 
 def test_a_restart_of_the_old_server_within_the_switch(old, new, shop):
-    killed_when(new, shop, lambda: is_suspended(old, shop.name), "the suspension")
-    nobody_goes_on(new, shop)
+    with nobody_goes_on(new, shop):
+        killed_when(new, shop, lambda: is_suspended(old, shop.name), "the suspension")
     # What a restart leaves of it: the timer is gone, and the units that are enabled are started.
     old.ok(["systemctl", "stop", f"corv-move-{shop.name}.timer"])
     assert page(old, shop)[0] == 503 and old.ok(["systemctl", "is-enabled", "corv-move.service"]) == "enabled\n"
@@ -186,8 +191,8 @@ def test_a_restart_of_the_old_server_within_the_switch(old, new, shop):
 
 @pytest.mark.long
 def test_the_timer_of_the_old_server_needs_nobody(old, new, shop):
-    killed_when(new, shop, lambda: is_suspended(old, shop.name), "the suspension")
-    nobody_goes_on(new, shop)
+    with nobody_goes_on(new, shop):
+        killed_when(new, shop, lambda: is_suspended(old, shop.name), "the suspension")
     assert "decided" not in record(new, shop.name) and page(old, shop)[0] == 503
     old.wait_for(lambda: is_home(old, shop), "the timer's time", timeout=150)
     assert not is_suspended(old, shop.name)

@@ -2,13 +2,18 @@
 
 #include "common/Run.h"
 
+#include <QByteArray>
+
+#include <unistd.h>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl::moving {
 namespace {
 
-// Most switches are over by then; one that is not has the turn, and this waits for it.
-const auto kSoon = u"--on-active=20"_s;
+// Most switches are over by then; one that is not has the turn, and this waits for it. Of one that was killed the
+// account may be served by nobody until then.
+const auto kSoon = u"--on-active=4"_s;
 const auto kUnit = u"corv-moving-"_s;
 
 } // namespace
@@ -22,7 +27,7 @@ void beginWatch(const Record &record)
                          u"--collect"_s,
                          u"--unit=%1%2"_s.arg(kUnit, record.account),
                          kSoon,
-                         u"--timer-property=AccuracySec=1s"_s,
+                         u"--timer-property=AccuracySec=100ms"_s,
                          u"--property=Restart=on-failure"_s,
                          u"--property=RestartSec=10"_s,
                          u"--property=SuccessExitStatus=1 2"_s,
@@ -39,8 +44,12 @@ void beginWatch(const Record &record)
 
 void endWatch(const QString &account)
 {
-    // The service itself may be what ends it. A timer that was never begun is none to stop.
-    (void)hosting::run(u"systemctl"_s, {u"stop"_s, u"%1%2.timer"_s.arg(kUnit, account)});
+    QStringList units = {u"%1%2.timer"_s.arg(kUnit, account)};
+    // It waits for this one to end, to do nothing then. The service itself may be what ends it, though.
+    if (qgetenv("SYSTEMD_EXEC_PID") != QByteArray::number(::getpid()))
+        units.append(u"%1%2.service"_s.arg(kUnit, account));
+    // What was never begun is none to stop.
+    (void)hosting::run(u"systemctl"_s, QStringList{u"stop"_s} + units);
 }
 
 } // namespace corv::ctl::moving
