@@ -1,5 +1,7 @@
 #include "https/Names.h"
 
+#include "https/Orders.h"
+
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -129,8 +131,7 @@ Plan plan(const QList<Candidate> &candidates, const Others &others, const State 
         const OrderState order = state.orders.value(domain);
         twin.renews = candidate.options.own.isEmpty() && leadsHere(state, domain) &&
                       (!twin.www || leadsHere(state, www)) && order.nextAt <= now;
-        const bool isFirst = twin.renews && !twin.certified && order.startedAt == 0;
-        if (isFirst && room-- <= 0)
+        if (twin.renews && !twin.certified && isDue(order) && room-- <= 0)
             twin.renews = false;
         plan.twins.append(twin);
         if (twin.options.own.isEmpty() && !twin.site.suspended)

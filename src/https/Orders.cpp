@@ -96,6 +96,11 @@ void forgetJob(const QString &domain)
         (void)::unlinkat(folder.get(), kJobFile, 0); // is there or not
 }
 
+bool isDue(const OrderState &order)
+{
+    return order.startedAt == 0 || order.nextAt > 0;
+}
+
 int roomForOrders(const State &state, int most, qint64 now)
 {
     const auto begun = std::count_if(state.orders.begin(), state.orders.end(),

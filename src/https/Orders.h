@@ -31,7 +31,10 @@ void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds, qin
 // Has Apache begin anew with an order that failed and whose pause is over: it would keep to a pause of its own.
 void forgetJob(const QString &domain);
 
-// How many of so many first certificates in three hours may still be asked for.
+// Whether Apache has to be told of an order that can begin: the first one, or another attempt after one that failed.
+bool isDue(const OrderState &order);
+
+// How many of so many orders of first certificates, further attempts among them, may still be begun within three hours.
 int roomForOrders(const State &state, int most, qint64 now);
 
 // The seconds of a time as Apache reads it, "90s", "5m", "1h" or "2d".

@@ -100,7 +100,7 @@ void noteOrders(Run *run, const QList<int> &chosen)
         if (!twin.renews || twin.certified)
             continue;
         OrderState &order = run->state.orders[twin.site.domain];
-        if (order.startedAt == 0)
+        if (isDue(order))
             order.startedAt = run->now;
         if (order.nextAt > 0)
             forgetJob(twin.site.domain); // its pause is over: planned as it is only then

@@ -21,12 +21,12 @@ def name(leads, said=""):
     return {"leadsHere": leads, "said": said, "seenAt": 1, "nextAt": 1, "misses": 0}
 
 
-def make_pair(folder, names, days, ca=None):
+def make_pair(folder, names, days, ca=None, more=()):
     """A certificate for these names, good for so many days from now, and its key; its own authority's unless one is given."""
     folder.mkdir(exist_ok=True)
     words = ["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-subj", "/CN=Test CA",
              "-keyout", folder / "key.pem", "-out", folder / "cert.pem", "-days", str(days),
-             "-addext", "subjectAltName=" + ",".join(f"DNS:{one}" for one in names)]
+             "-addext", "subjectAltName=" + ",".join(f"DNS:{one}" for one in names), *more]
     if ca:
         words += ["-CA", ca / "cert.pem", "-CAkey", ca / "key.pem", "-addext", "basicConstraints=critical,CA:FALSE"]
     subprocess.run(words, check=True, capture_output=True)
@@ -207,8 +207,8 @@ def brought(server, tmp_path):
     """A function that has a certificate for these names used for alice, and gives how that ended."""
     root, _ = make_pair(tmp_path / "root", ["root.example"], 30)
 
-    def bring(names=BOTH, days=30, trusted=True, key=None, **how):
-        certificate, own_key = make_pair(tmp_path / "leaf", names, days, tmp_path / "root")
+    def bring(names=BOTH, days=30, trusted=True, key=None, more=(), **how):
+        certificate, own_key = make_pair(tmp_path / "leaf", names, days, tmp_path / "root", more)
         server.write("/root/c.pem", certificate.read_text())
         server.write("/root/k.pem", key if key is not None else own_key.read_text(), 0o600)
         server.write("/root/ca.pem", root.read_text())
@@ -234,6 +234,7 @@ def test_a_certificate_that_is_right_is_copied_and_used(server, brought):
 @pytest.mark.parametrize("how, problem", [
     ({"names": ["alice.example"]}, "it is not for www.alice.example, but for alice.example"),
     ({"trusted": False}, "its chain does not lead to an authority that this system trusts"),
+    ({"more": ["-addext", "tlsfeature=status_request"]}, "it asks for stapling (Must-Staple), which is off here"),
     ({"key": "nonsense"}, "/root/k.pem holds no key without a password (PEM)"),
 ])
 def test_a_certificate_that_is_wrong_is_not_used(server, brought, how, problem):

@@ -313,6 +313,11 @@ private Q_SLOTS:
         QCOMPARE(renewing(1), (QStringList{u"a.example"_s, u"b.example"_s}));
         QCOMPARE(renewing(2), (QStringList{u"a.example"_s, u"b.example"_s, u"c.example"_s}));
         QCOMPARE(roomForOrders(state, 150, kNow), 149);
+        // Another attempt after one that failed is an order, too.
+        state.orders[u"a.example"_s].nextAt = kNow - 1;
+        QCOMPARE(renewing(0), QStringList());
+        QCOMPARE(renewing(1), QStringList{u"a.example"_s});
+        state.orders[u"a.example"_s].nextAt = 0;
         QCOMPARE(roomForOrders(state, 1, kNow), 0);
         QCOMPARE(roomForOrders(state, 0, kNow), 0);
         QCOMPARE(roomForOrders(state, 1, kNow + qint64{3} * 3600), 1);

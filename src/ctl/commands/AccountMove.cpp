@@ -19,6 +19,8 @@
 
 #include <QSettings>
 
+#include <array>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
@@ -130,13 +132,18 @@ int endMove(const Session &session, const moving::Record &record)
     return kDone;
 }
 
-// ssh may need the agent of the administrator's keys; all else of his stays away from programs that run as accounts.
+// ssh may need the agent of the administrator's keys, and a move has to know whether it is a service of its own; all
+// else of the environment stays away from programs that run as accounts.
 void bareButForSsh()
 {
-    const QByteArray keys = qgetenv("SSH_AUTH_SOCK");
+    std::array<std::pair<const char *, QByteArray>, 2> kept = {{{"SSH_AUTH_SOCK", {}}, {"SYSTEMD_EXEC_PID", {}}}};
+    for (auto &[name, value] : kept)
+        value = qgetenv(name);
     bareEnvironment();
-    if (!keys.isEmpty())
-        qputenv("SSH_AUTH_SOCK", keys);
+    for (const auto &[name, value] : kept) {
+        if (!value.isEmpty())
+            qputenv(name, value);
+    }
 }
 
 } // namespace

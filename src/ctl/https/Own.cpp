@@ -72,6 +72,10 @@ QString checkPair(const Brought &brought, const QStringList &names, qint64 now)
         return u"%1 holds no key without a password (PEM)"_s.arg(brought.keyFile);
     if (ofCertificate.isEmpty() || ofCertificate != ofKey)
         return u"%1 is not the key of this certificate"_s.arg(brought.keyFile);
+    // Browsers refuse it without the answer of its authority, which Apache does not fetch here.
+    const QStringList stapling = {u"x509"_s, u"-in"_s, certificateFile, u"-noout"_s, u"-ext"_s, u"tlsfeature"_s};
+    if (runWithin(kToolMs, u"openssl"_s, stapling).output.contains("status_request"))
+        return u"it asks for stapling (Must-Staple), which is off here"_s;
     return {};
 }
 
