@@ -47,6 +47,7 @@ def is_home(host, shop):
     return page(host, shop) == WELL
 
 
+@pytest.mark.core
 def test_a_shop_is_the_same_on_its_new_server(old, new, shop):
     before = everything(old, shop.name)
     with Watch([old, new], shop.domain) as watch:
@@ -212,6 +213,49 @@ def test_a_connection_that_breaks_in_the_switch(old, new, shop):
     assert process.returncode == 1, rest
     assert f"{shop.name} is not moved: " in rest and f"{HOST} still has it" in rest
     assert is_home(old, shop)
+    goes_on(old, new, shop, before)
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("saying", SAYS[:-1])
+def test_a_connection_that_breaks_before_the_switch(old, new, shop, saying):
+    before = everything(old, shop.name)
+    with new.background(words(shop.name), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as process:
+        for line in process.stderr:
+            if saying in line:
+                break
+        old.wait_for(lambda: old.run(["pkill", "-KILL", "-f", "^sshd(-session)?: root@notty"]).code == 0, "a session that ends")
+        rest = process.stderr.read()
+    assert process.returncode == 1 and f"{HOST} still has it" in rest, rest
+    assert is_home(old, shop) and not is_suspended(old, shop.name)
+    goes_on(old, new, shop, before)
+
+
+# A disk of its own for what lies there, with some room: where homes are, and where databases are.
+DISKS = {
+    "/home": "mount -t tmpfs -o size=96m,mode=755 tmpfs /home",
+    "/var/lib/postgresql": "systemctl stop 'postgresql*'; cp -a /var/lib/postgresql /root/kept; mount -t tmpfs -o size=512m tmpfs "
+                           "/var/lib/postgresql; cp -a /root/kept/. /var/lib/postgresql/; rm -r /root/kept; systemctl start postgresql",
+}
+
+
+@pytest.mark.long
+@pytest.mark.parametrize("folder, saying", [("/home", SAYS[1]), ("/var/lib/postgresql", SAYS[2]), ("/var/lib/postgresql", SWITCHES)])
+def test_a_disk_that_fills_up_on_the_way(old, new, shop, folder, saying):
+    before = everything(old, shop.name)
+    if new.run(["mountpoint", "-q", folder]).code != 0:
+        new.ok(["sh", "-c", DISKS[folder]])
+    with new.background(words(shop.name), stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True) as process:
+        for line in process.stderr:
+            if saying in line:
+                break
+        new.run(["sh", "-c", f"head -c 1G /dev/zero >{folder}/filler"])
+        rest = process.stderr.read()
+    new.ok(["rm", f"{folder}/filler"])
+    assert process.returncode == 1 and f"{HOST} still has it" in rest, rest
+    assert is_home(old, shop) and not is_suspended(old, shop.name)
+    # A database server that found no room for its log has to be started anew.
+    new.ok(["sh", "-c", "systemctl restart postgresql; until runuser -u postgres -- psql -qc 'SELECT 1' >/dev/null 2>&1; do sleep 0.1; done"])
     goes_on(old, new, shop, before)
 
 

@@ -106,6 +106,7 @@ def test_the_example_makes_a_server_with_twenty_accounts_of_an_empty_debian(buil
     assert not [name for name, password in passwords.items() if password in said]
 
 
+@pytest.mark.core
 def test_a_second_run_of_the_example_changes_nothing(built):
     _host, controller, _said = built
     _said, summary = example(controller)
@@ -212,6 +213,7 @@ def test_keys_of_an_account_that_the_same_run_will_make_are_foretold(server):
     assert told["warnings"] == [f"there is no account {name} yet; this is what will be done once it is made"]
 
 
+@pytest.mark.core
 def test_a_limit_is_set_and_lifted(server):
     host, controller = server
     account = host.account()
@@ -227,6 +229,7 @@ def test_a_limit_is_set_and_lifted(server):
     assert [(one["changed"], one["limit_bytes"]) for one in found] == [(True, 2 << 30), (False, 2 << 30), (True, None)]
 
 
+@pytest.mark.core
 def test_ports_are_opened_and_shut(server):
     host, controller = server
     host.ok(["ufw", "deny", "proto", "tcp", "from", "198.51.100.2", "to", "any", "port", "5001"])
@@ -244,6 +247,7 @@ def test_ports_are_opened_and_shut(server):
         ("5001/tcp", "198.51.100.2"), ("5001", "203.0.113.0/24")]
 
 
+@pytest.mark.core
 def test_what_protects_a_server_is_switched_on_and_off(server):
     host, controller = server
     found = controller.states(
@@ -267,6 +271,7 @@ def test_a_rule_of_a_firewall_that_is_off_is_foretold_and_refused(server):
                                                    "corvctl firewall enable switches it on")
 
 
+@pytest.mark.core
 def test_backups_are_set_up_and_copied_elsewhere(server):
     host, controller = server
     host.ok(["apt-get", "-q", "install", "--yes", "restic"], env={"DEBIAN_FRONTEND": "noninteractive"})
@@ -318,6 +323,7 @@ def test_https_is_refused_where_corvctl_does_not_know_it(server):
         "corvctl here does not know HTTPS (no command 'https'); it takes a newer corv-agent, and corv-https"] * 2
 
 
+@pytest.mark.core
 def test_https_of_an_account_is_as_it_was_chosen(server):
     host, controller = server
     if host.run(["corvctl", "https", "status"]).code == 2:
@@ -334,6 +340,7 @@ def test_https_of_an_account_is_as_it_was_chosen(server):
     assert host.get(f"/etc/corvane/https.d/{name}").splitlines()[1:] == ["off"]
 
 
+@pytest.mark.core
 def test_accounts_and_services_are_told_of(server):
     host, controller = server
     account = host.account()
