@@ -83,6 +83,9 @@ int rescue()
     if (!isOn())
         return 0;
     const Fd lock = takeLock(kByReload.lockMilliseconds);
+    // After an end by a signal systemd starts it again by itself; newer versions call for this one all the same.
+    if (!runWithin(kStartMilliseconds, u"systemctl"_s, {u"is-failed"_s, u"--quiet"_s, u"apache2.service"_s}).succeeded)
+        return 0;
     forgetProof();
     // It may have ended with what was there a moment ago and has been taken away since. Where it ends again without any
     // of it, that is for reasons of its own.

@@ -58,7 +58,8 @@ QString create(Task *task)
     record.done.clear();
     record.begun = QDateTime::currentSecsSinceEpoch();
     record.domain = task->state.domain;
-    if (!keepRecord(record))
+    // One of that name may have left this server once.
+    if (!forgetLeft(record.account) || !keepRecord(record))
         return nothingKept();
     task->say(u"making the account here"_s);
     const Answer answer =
@@ -177,7 +178,7 @@ Moved moveAccount(Task *task, bool isRehearsal)
             return task->done;
         const QString problem = switchOver(task);
         // What is left open is gone on with.
-        if (!problem.isEmpty() && task->done.isBack)
+        if (!problem.isEmpty() && task->done.isBack && !task->record.done.contains(kDecided))
             endWatch(task->record.account);
         if (!problem.isEmpty())
             return failed(problem);

@@ -31,10 +31,19 @@ const auto kPrinter = u"--rsh=sh -c 'shift; printf \"%s\\n\" \"$@\" >&3' printer
 const auto kAsidePrint = u"exec 3>&1 >/dev/null 2>&1; cd /; \"$@\"; exit 0"_s;
 
 // What a transfer ends with when files went away meanwhile, and when some could not be read.
-const auto kVanished = u"(code 24)"_s;
-const auto kPartial = u"(code 23)"_s;
-// Whose complaints are of this side then: what has arrived could not be kept.
-constexpr std::array kThisSide = {"[receiver]", "[generator]"};
+constexpr int kVanished = 24;
+constexpr int kPartial = 23;
+// How lines begin that are complaints of this side then: what has arrived could not be kept. Names of files, which can
+// be anything but hold no line feed there, stand further behind.
+constexpr std::array kThisSide = {"rsync: [receiver]", "rsync: [generator]"};
+
+constexpr qsizetype kLongestBeginning = 32;
+
+bool beginsHere(const QByteArray &line)
+{
+    return std::any_of(kThisSide.cbegin(), kThisSide.cend(),
+                       [&line](const char *beginning) { return line.startsWith(beginning); });
+}
 
 QStringList rsyncCommand(const QString &rsh, const QString &account, bool isBack)
 {
@@ -127,30 +136,36 @@ QString Pull::start()
 QString Pull::wait(int milliseconds, const std::function<bool()> &goesOn, QString *unread)
 {
     QByteArray said;
+    QByteArray line;
     bool isOfThisSide = false;
-    const auto take = [this, &said, &isOfThisSide] {
-        said += m_rsync->readAllStandardError();
-        isOfThisSide = isOfThisSide || std::any_of(kThisSide.cbegin(), kThisSide.cend(),
-                                                   [&said](const char *side) { return said.contains(side); });
-        said = said.right(kLongestWords);
+    const auto take = [this, &said, &line, &isOfThisSide] {
+        const QByteArray more = m_rsync->readAllStandardError();
+        said = (said + more).right(kLongestWords);
+        for (const char byte : more) {
+            if (line.size() < kLongestBeginning)
+                line += byte;
+            if (byte != '\n')
+                continue;
+            isOfThisSide = isOfThisSide || beginsHere(line);
+            line.clear();
+        }
     };
     QObject::connect(m_rsync.get(), &QProcess::readyReadStandardError, m_rsync.get(), take);
     const bool hasEnded = waitForEnd(*m_rsync, milliseconds, goesOn);
     if (!hasEnded)
         killGroup(*m_rsync);
     take();
-    const bool isWhole = hasEnded && m_rsync->exitStatus() == QProcess::NormalExit && m_rsync->exitCode() == 0;
+    const bool hasExited = hasEnded && m_rsync->exitStatus() == QProcess::NormalExit;
+    const int code = hasExited ? m_rsync->exitCode() : -1;
     m_rsync.reset();
     m_stream.reset();
     (void)m_gate.remote().wait();
-    if (isWhole)
+    if (code == 0 || code == kVanished)
         return {};
     if (!hasEnded)
         return u"rsync: took too long"_s;
     const QString text = QString::fromUtf8(said).trimmed();
-    if (text.contains(kVanished))
-        return {};
-    if (text.contains(kPartial) && !isOfThisSide && unread) {
+    if (code == kPartial && !isOfThisSide && !beginsHere(line) && unread) {
         *unread = text.right(kShown);
         return {};
     }

@@ -214,6 +214,8 @@ QString switchOver(Task *task)
         problem = openWays(&ways, task->record);
     if (problem.isEmpty())
         problem = takeState(task, &ways.shell);
+    if (turn && problem.isEmpty())
+        problem = forgetEarlier(&ways.shell, account);
     if (!turn || !problem.isEmpty())
         return problem.isEmpty() ? u"it was interrupted"_s : problem;
 

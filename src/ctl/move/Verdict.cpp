@@ -64,11 +64,16 @@ std::optional<qint64> writtenIn(const QByteArray &output, bool isAlone)
     return isAlone && isListed ? std::nullopt : written;
 }
 
+QString forgetEarlier(Shell *there, const QString &account)
+{
+    return there->run(scriptOf(u"rm -f %1.left && sync . || exit 1"_s, account), kBriefSeconds).problem;
+}
+
 QString beginSwitch(Shell *there, const QString &account, bool isOnline, int seconds)
 {
     // What the start of that server looks at, should it be restarted now: the timer does not outlive that.
-    const QString file =
-        u"rm -f %1.stays %1.left && "_s + (isOnline ? u"echo on-line"_s : u":"_s) + u" >%1.undecided || exit 1\n"_s;
+    const QString file = u"rm -f %1.stays %1.left && "_s + (isOnline ? u"echo on-line"_s : u":"_s) +
+                         u" >%1.undecided && sync %1.undecided . || exit 1\n"_s;
     const QString timer = isOnline ? QString(kTimer).replace("%2"_L1, QString::number(seconds)) : QString();
     return there->run(scriptOf(file + timer, account), kBriefSeconds).problem;
 }
@@ -102,10 +107,12 @@ QString thaw(Shell *there, const QString &account)
 
 QString decide(Shell *there, const QString &account)
 {
-    // The timer does nothing any more once the file has its new name. What has been resumed by hand is not expired.
+    // The timer does nothing any more once the file has its new name, and a loss of power must not give it back the old
+    // one: the account is served here by then. What has been resumed by hand is not expired.
     const auto script = uR"sh([ -e %1.left ] && exit 0
 [ "$(getent shadow %1 | cut -d: -f8)" = 1 ] && mv -T %1.undecided %1.left 2>/dev/null ||
     { echo 'the account was resumed there meanwhile'; exit 1; }
+sync . || exit 1
 systemctl stop corv-move-%1.timer 2>/dev/null
 exit 0)sh"_s;
     return there->run(scriptOf(script, account), kBriefSeconds).problem;

@@ -13,6 +13,10 @@ namespace corv::ctl::moving {
 // whoever renames it first: this server, once all is here, or a timer over there that brings the account back on-line.
 // A name is changed once and by one, and it outlives a restart of that server.
 
+// Forgets there that an account of that name has left before: its file would be taken for the verdict on this move.
+// Returns why that cannot be done, empty where it was.
+QString forgetEarlier(Shell *there, const QString &account);
+
 // Lays the file down and starts the timer, for an account that is on-line there. Returns why that cannot be.
 QString beginSwitch(Shell *there, const QString &account, bool isOnline, int seconds);
 

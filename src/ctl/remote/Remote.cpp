@@ -102,10 +102,11 @@ bool drain(Flow *flow)
     return true;
 }
 
-// Whether a wait was cut short by a signal that is nobody's wish to end: that of another child's end.
-bool isDisturbed(int count)
+// Whether a wait was cut short by a signal that is nobody's wish to end: that of another child's end. wasInterrupted:
+// whether there was such a wish when the wait began; what has to be done after it is not given up for the same one.
+bool isDisturbed(int count, bool wasInterrupted)
 {
-    return count < 0 && errno == EINTR && !interrupted();
+    return count < 0 && errno == EINTR && interrupted() == wasInterrupted;
 }
 
 } // namespace
@@ -180,10 +181,11 @@ Fd Remote::takeStream()
 Remote::Moved Remote::waitFor(short events, int seconds)
 {
     const QDeadlineTimer end(seconds * 1000LL);
+    const bool wasInterrupted = interrupted();
     for (;;) {
         std::array<pollfd, 2> waiting = {pollfd{m_stream.get(), events, 0}, pollfd{m_errors.get(), POLLIN, 0}};
         const int count = ::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime()));
-        if (isDisturbed(count))
+        if (isDisturbed(count, wasInterrupted))
             continue;
         if (count <= 0)
             return count == 0 ? Moved::TimedOut : Moved::Ended;
@@ -258,11 +260,12 @@ int Remote::wait()
     // Not until the end of its errors: an ssh that stays behind for later connections keeps those open.
     const Fd process(static_cast<int>(::syscall(SYS_pidfd_open, m_process, 0)));
     const QDeadlineTimer end(kEndMs);
+    const bool wasInterrupted = interrupted();
     bool hasEnded = false;
     while (!hasEnded && !end.hasExpired()) {
         std::array<pollfd, 2> waiting = {pollfd{m_errors.get(), POLLIN, 0}, pollfd{process.get(), POLLIN, 0}};
         const int count = ::poll(waiting.data(), waiting.size(), static_cast<int>(end.remainingTime()));
-        if (isDisturbed(count))
+        if (isDisturbed(count, wasInterrupted))
             continue;
         if (count <= 0)
             break;
