@@ -44,6 +44,14 @@ bool wasStartedLately()
            QDateTime::currentSecsSinceEpoch() < status.st_mtim.tv_sec + kLatelySeconds;
 }
 
+// After an end by a signal systemd starts it again by itself; newer versions call for the rescue all the same.
+bool isComingBack()
+{
+    const QStringList words = {u"show"_s, u"--property=ActiveState"_s, u"--value"_s, u"apache2.service"_s};
+    const QByteArray state = runWithin(kStartMilliseconds, u"systemctl"_s, words).output.trimmed();
+    return state == "active" || state == "activating" || state == "reloading";
+}
+
 int startApache()
 {
     if (!replaceFile(QString::fromLatin1(kStartedFile), "x", 0600))
@@ -83,8 +91,7 @@ int rescue()
     if (!isOn())
         return 0;
     const Fd lock = takeLock(kByReload.lockMilliseconds);
-    // After an end by a signal systemd starts it again by itself; newer versions call for this one all the same.
-    if (!runWithin(kStartMilliseconds, u"systemctl"_s, {u"is-failed"_s, u"--quiet"_s, u"apache2.service"_s}).succeeded)
+    if (isComingBack())
         return 0;
     forgetProof();
     // It may have ended with what was there a moment ago and has been taken away since. Where it ends again without any

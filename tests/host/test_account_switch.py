@@ -272,6 +272,17 @@ def test_a_disk_that_is_full(old, new, shop):
     goes_on(old, new, shop, before)
 
 
+def test_names_of_files_are_no_words_of_rsync(old, new, shop):
+    """What is called like rsync's own complaints neither keeps an account from moving nor lets a part of it pass for the whole."""
+    names = ["private/rsync: [receiver] x", "private/y (code 24)"]
+    for name in names:
+        old.put(f"{shop.home}/{name}", "kept to himself\n", owner=shop.name, mode="000")
+    done = move(new, shop.name)
+    assert done.code == 1 and "files that its user may not read there" in done.err, done
+    assert is_home(new, shop) and record(new, shop.name)[-1] == "finished"
+    assert not any(new.exists(f"{shop.home}/{name}") for name in names)
+
+
 # A session of the shop's own that does not take its database for read-only, until it is ended.
 WRITES = ("while :; do psql -qX -h 127.0.0.1 -c 'SET default_transaction_read_only = off' "
           "-c \"INSERT INTO public.orders (what) VALUES ('late')\" 2>/dev/null || sleep 0.1; done")

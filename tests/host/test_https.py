@@ -332,6 +332,37 @@ wait
 """
 
 
+APACHECTL = "/usr/sbin/apachectl"
+COMES_UP = "/run/corvane/https/comes-up"
+PROCESS = "/run/apache2/apache2.pid"
+
+
+@pytest.mark.core
+def test_what_has_just_come_up_is_not_read_twice_more(server):
+    _, domain = certified(server)
+    server.ok(["systemctl", "start", "corv-https"])
+    server.ok(["mv", APACHECTL, f"{APACHECTL}.real"])
+    server.put(APACHECTL, f'#!/bin/sh\necho "$*" >>/run/asked\n[ -e {PROCESS} ] || exit 1\nexec {APACHECTL}.real "$@"\n', mode="0755")
+    try:
+        reload(server)
+        assert not server.exists("/run/asked") and not server.exists(COMES_UP)
+        assert is_up(server) and secure(server, domain).status == 200
+        # Until Apache has written down its process, right after a start, the signal would end it.
+        server.ok(["mv", PROCESS, "/run/kept"])
+        assert server.run(["systemctl", "reload", "apache2"]).code != 0
+        server.ok(["mv", "/run/kept", PROCESS])
+        assert server.get("/run/asked") == "graceful\n" and is_up(server)
+        server.ok(["rm", "/run/asked"])
+        # All else goes Apache's own way, which refuses what is broken, also where somebody has left the mark.
+        server.put("/etc/apache2/conf-enabled/broken.conf", "NoSuchDirective\n")
+        server.put(COMES_UP, "")
+        assert server.run(["systemctl", "reload", "apache2"]).code != 0
+        assert server.get("/run/asked") == "graceful\n" and not server.exists(COMES_UP)
+        assert is_up(server) and secure(server, domain).status == 200
+    finally:
+        server.ok(["sh", "-c", f"rm -f /etc/apache2/conf-enabled/broken.conf /run/asked; mv {APACHECTL}.real {APACHECTL}"])
+
+
 def test_apache_that_ended_is_started_also_when_the_sites_were_taken_away_meanwhile(server):
     name, domain = certified(server)
     server.ok(["sh", "-c", f": >{LIVE}; rm -f /run/corvane/https/started; kill -KILL $(cat /run/apache2/apache2.pid); "
@@ -461,27 +492,3 @@ def test_switching_it_off_and_removing_the_package_leave_port_80(server):
     server.ok(["apt-get", "-q", "purge", "--yes", "corv-https"], env={"DEBIAN_FRONTEND": "noninteractive"})
     assert not server.exists("/etc/corvane/https")
     assert server.exists("/etc/corvane/corvane.ini")
-
-
-APACHECTL = "/usr/sbin/apachectl"
-COMES_UP = "/run/corvane/https/comes-up"
-
-
-@pytest.mark.core
-def test_what_has_just_come_up_is_not_read_twice_more(server):
-    _, domain = certified(server)
-    server.ok(["systemctl", "start", "corv-https"])
-    server.ok(["mv", APACHECTL, f"{APACHECTL}.real"])
-    server.put(APACHECTL, f'#!/bin/sh\necho "$*" >>/run/asked\nexec {APACHECTL}.real "$@"\n', mode="0755")
-    try:
-        reload(server)
-        assert not server.exists("/run/asked") and not server.exists(COMES_UP)
-        assert is_up(server) and secure(server, domain).status == 200
-        # All else goes Apache's own way, which refuses what is broken, also where somebody has left the mark.
-        server.put("/etc/apache2/conf-enabled/broken.conf", "NoSuchDirective\n")
-        server.put(COMES_UP, "")
-        assert server.run(["systemctl", "reload", "apache2"]).code != 0
-        assert server.get("/run/asked") == "graceful\n" and not server.exists(COMES_UP)
-        assert is_up(server) and secure(server, domain).status == 200
-    finally:
-        server.ok(["sh", "-c", f"rm -f /etc/apache2/conf-enabled/broken.conf /run/asked; mv {APACHECTL}.real {APACHECTL}"])
