@@ -21,6 +21,7 @@ from certified import (  # noqa: F401 (pytest finds web and server here)
     reload,
     secure,
     server,
+    start_authority,
     wait_for_certificate,
     web,
 )
@@ -54,6 +55,31 @@ def between(server):
     yield lambda mode: server.put("/srv/pebble/mode", mode)
     server.put("/etc/corvane/https.conf", SETTINGS)
     server.ok(["sh", "-c", "systemctl stop between; rm -f /srv/pebble/mode"])
+
+
+BOUND = r"""
+systemctl stop pebble
+sed -i 's/"externalAccountBindingRequired":false/"externalAccountBindingRequired":true,"externalAccountMACKeys":{"server-1":"'"$1"'"}/' \
+    /srv/pebble/pebble.json
+systemd-run -q --unit=pebble -E PEBBLE_VA_NOSLEEP=1 -E PEBBLE_WFE_NONCEREJECT=0 \
+    pebble -config /srv/pebble/pebble.json -dnsserver 127.0.0.1:8053
+"""
+HMAC = "zWNDZM6eQGHWpSRTPal5eIUYFTu7EajVIoguysqZ9wG44nMEtx3MUAsUDkMTQ12W"
+
+
+def test_an_authority_that_has_to_know_the_server_is_told_who_asks(server):
+    server.ok(["sh", "-ec", BOUND, "sh", HMAC])
+    server.ok(["sh", "-c", f"rm -rf {STORE}/accounts/*"])
+    server.put("/etc/corvane/https-binding.json", json.dumps({"kid": "server-1", "hmac": HMAC}), mode="0600")
+    server.put("/etc/corvane/https.conf", SETTINGS + "binding=/etc/corvane/https-binding.json\n")
+    try:
+        server.wait_for(lambda: server.run(["curl", "-ks", "https://127.0.0.1:14000/dir"]).code == 0, "the authority")
+        name, domain = certified(server)
+        assert listed(server, name) == ("served", "")
+    finally:
+        server.put("/etc/corvane/https.conf", SETTINGS)
+        server.ok(["rm", "/etc/corvane/https-binding.json"])
+        start_authority(server)
 
 
 def test_wrong_answers_of_the_authority_are_told_and_hurt_nobody(server, between):
