@@ -51,6 +51,12 @@ def start_authority(host, seconds=90 * 86400):
     has certificates that are good for less than some days renewed at once, again and again."""
     host.ok(["bash", "-c", AUTHORITY, "bash", str(seconds)])
     host.run(["sh", "-c", f"rm -rf {STORE}/accounts/*"])
+    # Whoever asks before it listens has failed, and waits.
+    wait_for_authority(host)
+
+
+def wait_for_authority(host):
+    host.wait_for(lambda: host.run(["curl", "-ks", "https://127.0.0.1:14000/dir"]).code == 0, "the authority")
 
 
 def prepare(host):

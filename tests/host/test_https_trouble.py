@@ -22,6 +22,7 @@ from certified import (  # noqa: F401 (pytest finds web and server here)
     secure,
     server,
     start_authority,
+    wait_for_authority,
     wait_for_certificate,
     web,
 )
@@ -73,7 +74,7 @@ def test_an_authority_that_has_to_know_the_server_is_told_who_asks(server):
     server.put("/etc/corvane/https-binding.json", json.dumps({"kid": "server-1", "hmac": HMAC}), mode="0600")
     server.put("/etc/corvane/https.conf", SETTINGS + "binding=/etc/corvane/https-binding.json\n")
     try:
-        server.wait_for(lambda: server.run(["curl", "-ks", "https://127.0.0.1:14000/dir"]).code == 0, "the authority")
+        wait_for_authority(server)
         name, domain = certified(server)
         assert listed(server, name) == ("served", "")
     finally:
