@@ -1,8 +1,10 @@
 """How far the tools for many servers go: corvctl and Ansible's inventory with up to 1,000 hosts, over an ssh that is a stand-in.
 
 Each host of the inventory answers after the time that a login over a network takes. What is counted is the client's: its time, how
-many connections it has open at once, the memory of its processes. Usage: bench_many.py [HOSTS...]"""
+many connections it has open at once, the memory of its processes. Before that two and twelve booted hosts, over real ssh. Usage:
+bench_many.py [HOSTS...]"""
 
+import contextlib
 import ctypes
 import os
 import pathlib
@@ -222,26 +224,49 @@ def forward_rows(old):
             old.ok(["corvctl", "account", "forward", "last", "off"])
 
 
-def real_row(package):
-    """What a command takes over real ssh, between two booted hosts."""
-    hosts = [Host(f"many-{os.getpid()}-{number}") for number in range(2)]
-    try:
-        for host in hosts:
-            host.install(package)
-        here, there = hosts
-        here.ok(["sh", "-ec", "mkdir -pm 700 /root/.ssh; ssh-keygen -qt ed25519 -N '' -f /root/.ssh/id_ed25519"])
-        there.ok(["mkdir", "-pm", "700", "/root/.ssh"])
-        there.put("/root/.ssh/authorized_keys", here.get("/root/.ssh/id_ed25519.pub"), mode="600")
-        with here.reaching(there, 22):
-            here.put("/root/.ssh/known_hosts", here.ok(["ssh-keyscan", "-T", "20", OUTSIDE]))
+# Booted hosts that are asked from another one, each at a port of its own of the one address outside.
+FLEET = 12
+FIRST_PORT = 2201
+
+
+def lead_to(here, there, port):
+    """Has a host take the other one's key, and answer at a port that the other one reaches in the block that this gives."""
+    there.ok(["mkdir", "-pm", "700", "/root/.ssh"])
+    there.put("/root/.ssh/authorized_keys", here.get("/root/.ssh/id_ed25519.pub"), mode="600")
+    there.put("/etc/ssh/sshd_config.d/port.conf", f"Port 22\nPort {port}\n")
+    there.ok(["systemctl", "restart", "ssh"])
+    return here.reaching(there, port)
+
+
+def fleet_rows(here, hosts):
+    """What a command takes over real ssh, for some and for all of the booted hosts at once."""
+    here.ok(["sh", "-ec", "mkdir -pm 700 /root/.ssh; ssh-keygen -qt ed25519 -N '' -f /root/.ssh/id_ed25519"])
+    with contextlib.ExitStack() as ways:
+        names = ""
+        for number, there in enumerate(hosts, 1):
+            port = FIRST_PORT + number - 1
+            ways.enter_context(lead_to(here, there, port))
+            names += f"Host web{number}\nHostName {OUTSIDE}\nPort {port}\nHostKeyAlias web{number}\nStrictHostKeyChecking accept-new\n"
+        here.put("/root/.ssh/config", names)
+        for count in (1, 2, len(hosts)):
+            here.put("/etc/corvane/hosts", "[fleet]\n" + "".join(f"root@web{number}\n" for number in range(1, count + 1)))
             for words in (["call", "ping"], ["status"]):
                 times = []
                 for _ in range(ROUNDS):
                     began = time.monotonic()
-                    here.ok(["corvctl", "-H", f"root@{OUTSIDE}", *words])
+                    here.ok(["corvctl", "-H", "@all", *words])
                     times.append(time.monotonic() - began)
-                print(f"| `corvctl -H root@web {' '.join(words)}`, real ssh | {statistics.median(times):.2f} s | | 1 | |", flush=True)
-        forward_rows(there)
+                print(f"| `corvctl -H @all {' '.join(words)}`, {count} booted hosts | {statistics.median(times):.2f} s | | | |", flush=True)
+
+
+def real_rows(package):
+    """What commands take between booted hosts."""
+    hosts = [Host(f"many-{os.getpid()}-{number}") for number in range(FLEET + 1)]
+    try:
+        for host in hosts:
+            host.install(package)
+        fleet_rows(hosts[0], hosts[1:])
+        forward_rows(hosts[1])
     finally:
         for host in hosts:
             host.stop()
@@ -252,7 +277,7 @@ def main():
     package = os.environ.get("CORV_PACKAGE") or subprocess.run(
         [TREE / "scripts" / "package"], stdout=subprocess.PIPE, text=True, check=True).stdout.splitlines()[-1]
     print("| what | time | processor | connections at once | memory |\n| --- | --- | --- | --- | --- |", flush=True)
-    real_row(package)
+    real_rows(package)
     with tempfile.TemporaryDirectory() as name:
         folder = pathlib.Path(name)
         enter_mounts(folder)
