@@ -81,7 +81,7 @@ def one(old, new, number):
     told = json.loads(done.out)
     parts = ", ".join(f"{name} {milliseconds / 1000:.1f}" for name, milliseconds in told["switchMilliseconds"].items())
     row(f"nobody serves it (load {before} before)", f"{watch.gap():.1f} s", "3 s")
-    row("its old address leads nowhere", f"{watch.gap_at_the_old_address():.1f} s")
+    row("its old address leads nowhere", f"{watch.gap_at_the_old_address():.1f} s", "3 s")
     row("of it, as the move tells", f"{told['offlineMilliseconds'] / 1000:.1f} s: {parts}")
     new.remove_accounts()
     old.ok(["corvctl", "account", "forward", account.name, "off"])
