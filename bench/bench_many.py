@@ -256,7 +256,7 @@ def fleet_rows(here, hosts):
                     began = time.monotonic()
                     here.ok(["corvctl", "-H", "@all", *words])
                     times.append(time.monotonic() - began)
-                print(f"| `corvctl -H @all {' '.join(words)}`, {count} booted hosts | {statistics.median(times):.2f} s | | | |", flush=True)
+                print(f"| `corvctl -H @all {' '.join(words)}`, {count} booted | {statistics.median(times):.2f} s | | | |", flush=True)
 
 
 def real_rows(package):
