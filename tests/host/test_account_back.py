@@ -59,10 +59,15 @@ def change(host, shop):
 WELL = (200, "1990 orders, \n")
 
 
+def but_for_logs(lines):
+    """A visitor whose query the switch ends leaves a line there, after it was looked at."""
+    return [line for line in lines if "./logs" not in line]
+
+
 def comes_back(old, new, shop, before):
     done = move(old, shop.name, BACK)
     assert (done.code, re.findall("not as it was.*", done.err)) == (0, []), done
-    assert everything(old, shop.name) == before
+    assert but_for_logs(everything(old, shop.name)) == but_for_logs(before)
     assert not is_suspended(old, shop.name) and is_suspended(new, shop.name)
     # By the address that it had first, and by the one that it has been at since.
     assert page(old, shop) == WELL and page(new, shop) == WELL
