@@ -77,8 +77,10 @@ int again()
         site.refused.clear();
     for (NameState &name : state.names)
         name.nextAt = 0;
+    // A pause that is over, and not none: what is tried again is an order that counts.
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
     for (auto order = state.orders.begin(); order != state.orders.end(); ++order) {
-        order->nextAt = 0;
+        order->nextAt = order->failures > 0 ? now : 0;
         if (order->failures > 0)
             forgetJob(order.key());
     }

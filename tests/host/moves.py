@@ -46,6 +46,14 @@ def new(boot, old):
         yield host
 
 
+@pytest.fixture(scope="module", name="new")
+def new_both_ways(boot, old):
+    """As new, where each of the two reaches the other: for accounts that go back."""
+    host = boot()
+    with reaching(host, old), reaching(old, host):
+        yield host
+
+
 def make_certificates(folder, domain):
     """An authority, and a certificate for the domain and its www name from it."""
     def openssl(*words):

@@ -6,26 +6,25 @@ import subprocess
 
 import pytest
 from hostfloor import HostError
-from moves import HOST, MOVES, SWITCHES, Watch, is_settled, is_suspended, killed_when, move, reaching, record, words
+from moves import (  # noqa: F401 (pytest finds two of them here)
+    HOST,
+    MOVES,
+    SWITCHES,
+    Watch,
+    is_settled,
+    is_suspended,
+    killed_when,
+    move,
+    new_both_ways,
+    old,
+    record,
+    words,
+)
 from shops import everything, make_shop, page
 
 LIMIT = 400
 BACK = "--back"
 CRONTAB = "5 5 * * * /bin/false\n"
-
-
-@pytest.fixture(scope="module")
-def old(boot):
-    """The server that the accounts come from and go back to."""
-    return boot()
-
-
-@pytest.fixture(scope="module")
-def new(boot, old):
-    """The one that they went to. Each reaches the other."""
-    host = boot()
-    with reaching(host, old), reaching(old, host):
-        yield host
 
 
 @pytest.fixture
