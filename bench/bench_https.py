@@ -33,16 +33,20 @@ for i in $(seq 1 "$2"); do
     echo "127.0.0.1 shop$i.example www.shop$i.example" >>/etc/hosts
 done
 """
-# As corvctl keeps what was brought, without a reload for each.
+# As corvctl keeps what was brought, without a reload for each. As an authority's, each comes with the one that signed it.
 BRING_PAIRS = r"""
 umask 077
 mkdir -p /etc/corvane/https/own /etc/corvane/https.d
+between=$(mktemp -d)
+openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 900 -subj "/CN=Bench Intermediate" \
+    -keyout "$between/key" -out "$between/crt" 2>/dev/null
 for i in $(seq 1 "$1"); do
-    own=shop$i-$(printf %064x "$i")
-    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 90 -subj "/CN=shop$i.example" \
-        -addext "subjectAltName=DNS:shop$i.example,DNS:www.shop$i.example" \
-        -keyout "/etc/corvane/https/own/$own.key" -out "/etc/corvane/https/own/$own.crt" 2>/dev/null
-    echo "own $own" >"/etc/corvane/https.d/shop$i"
+    own=/etc/corvane/https/own/shop$i-$(printf %064x "$i")
+    openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=shop$i.example" -keyout "$own.key" -out "$between/csr" 2>/dev/null
+    openssl x509 -req -in "$between/csr" -CA "$between/crt" -CAkey "$between/key" -days 90 -set_serial "$i" -out "$own.crt" \
+        -extfile <(echo "subjectAltName=DNS:shop$i.example,DNS:www.shop$i.example") 2>/dev/null
+    cat "$between/crt" >>"$own.crt"
+    echo "own $(basename "$own")" >"/etc/corvane/https.d/shop$i"
 done
 """
 COUNT = f"ls {STORE}/domains/shop*/pubcert.p-256.pem 2>/dev/null | wc -l"

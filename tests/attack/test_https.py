@@ -20,10 +20,9 @@ done
 
 
 @pytest.fixture(scope="module")
-def web(boot, package):
+def web(boot):
     """A host with HTTPS on, a victim whose site has a certificate, and an attacker."""
-    host = boot(bare=True)
-    host.install(package, https=True)
+    host = boot(https=True)
     prepare(host)
     host.victim, host.victims_domain = certified(host)
     host.me = host.account().name

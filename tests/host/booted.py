@@ -7,7 +7,7 @@ import signal
 import subprocess
 
 import pytest
-from hostfloor import ROOT, Host, HostError
+from hostfloor import ROOT, Host, HostError, packages_of
 
 # Seconds for the body of one test; a module whose tools take their time has a LIMIT of its own.
 LIMIT = 120
@@ -37,14 +37,13 @@ def package():
 
 @pytest.fixture(scope="session")
 def boot(package):
-    """Boots further hosts: boot() has the package installed, boot(bare=True) has not. They stop at the end of the module that
-    asked for them, or by their stop(). CORV_SUITE names their Debian release where the test does not."""
+    """Boots further hosts: boot() has the package installed, boot(https=True) the one for HTTPS too, boot(bare=True) none. They stop at
+    the end of the module that asked for them, or by their stop(). CORV_SUITE names their Debian release where the test does not."""
 
-    def boot_host(*, bare=False, suite=SUITE):
-        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", suite)
+    def boot_host(*, bare=False, https=False, suite=SUITE):
+        packages = () if bare else packages_of(package if suite == SUITE else package_of(suite), https=https)
+        host = Host(f"test-{os.getpid()}-{len(servers) + 1}", suite, packages)
         servers.append(host)
-        if not bare:
-            host.install(package if suite == SUITE else package_of(suite))
         return host
 
     yield boot_host
@@ -111,5 +110,5 @@ def pytest_runtest_makereport(item, call):
 
 def pytest_terminal_summary(terminalreporter):
     for server in servers:
-        terminalreporter.write_line(f"{server.name}: booted in {server.boot_seconds:.1f} s, package installed in "
-                                    f"{server.install_seconds:.1f} s")
+        installed = f", package installed in {server.install_seconds:.1f} s" if server.install_seconds else ""
+        terminalreporter.write_line(f"{server.name}: booted in {server.boot_seconds:.1f} s{installed}")

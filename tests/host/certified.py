@@ -74,10 +74,9 @@ long = pytest.mark.long
 
 
 @pytest.fixture(scope="module")
-def web(boot, package):
+def web(boot):
     """The host of a module, with HTTPS on."""
-    host = boot(bare=True)
-    host.install(package, https=True)
+    host = boot(https=True)
     prepare(host)
     yield host
     host.stop()

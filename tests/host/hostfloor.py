@@ -51,6 +51,14 @@ hold() {
 """
 
 
+def packages_of(package, *, https=False):
+    """The agent's package file with those that are installed with it: Apache's module where that was built beside it and, if asked for,
+    the package for HTTPS."""
+    package = pathlib.Path(package)
+    beside = ["libapache2-mod-corvane", *(["corv-https"] if https else [])]
+    return [package, *(file for name in beside for file in sorted(package.parent.glob(f"{name}_*.deb")))]
+
+
 class HostError(AssertionError):
     """The host is not as a test needs it; the text says what was seen, journal included."""
 
@@ -107,9 +115,10 @@ class _Background(subprocess.Popen):
 
 
 class Host:
-    """One booted host. Commands run as root unless a user is named; times are seconds."""
+    """One booted host. Commands run as root unless a user is named; times are seconds. With `packages` it boots as one that has them
+    installed already."""
 
-    def __init__(self, name, suite="bookworm"):
+    def __init__(self, name, suite="bookworm", packages=()):
         self.name = name
         self.boot_seconds = 0.0
         self.install_seconds = 0.0
@@ -117,25 +126,29 @@ class Host:
         self._count = 0
         self._process = None
         script = ROOT / "scripts" / "host"
-        image = subprocess.run([ROOT / "scripts" / "image", suite], stdout=subprocess.PIPE, check=False)
+        maker = "installed" if packages else "image"
+        image = subprocess.run([ROOT / "scripts" / maker, suite, *packages], stdout=subprocess.PIPE, text=True, check=False)
         if image.returncode != 0:
-            raise HostError("the image could not be built; what scripts/image wrote says why")
+            raise HostError(f"the image could not be built; what scripts/{maker} wrote says why")
+        boots = [suite, *(image.stdout.splitlines()[-1:] if packages else [])]
 
         # Nothing of ours is on it yet: where a unit of Debian's own fails, once in some hundred boots of a busy machine, it is
         # booted a second time, and no more often.
-        if said := self._boot(script, suite):
+        if said := self._boot(script, boots):
             print(f"{name} is booted again:\n{said}", file=sys.stderr)
-            if said := self._boot(script, suite):
+            if said := self._boot(script, boots):
                 raise HostError(said)
         # Goes away with the host, also with one whose test run was killed.
         self._state = CACHE / "hosts" / name
         self._first = (self._state / "first").read_text().strip()
         self.key = self.make_key("key")
+        if packages:
+            self.wait_for_unit("corv-agent")
 
-    def _boot(self, script, suite):
+    def _boot(self, script, boots):
         """What is wrong with the host that was booted, nothing when it is ready."""
         began = time.monotonic()
-        self._process = subprocess.Popen([script, "run", self.name, suite], stdin=subprocess.DEVNULL, start_new_session=True,
+        self._process = subprocess.Popen([script, "run", self.name, *boots], stdin=subprocess.DEVNULL, start_new_session=True,
                                          preexec_fn=_die_with_parent)
         ready = subprocess.run([script, "wait", self.name], capture_output=True, text=True, check=False)
         if ready.returncode != 0:
@@ -195,13 +208,16 @@ class Host:
         """Waits until the condition holds and returns what it gave; fails with `what` when it does not. What does come about in a
         second takes its time where six hosts share two processors."""
         end = time.monotonic() + timeout
+        pause = 0.05
         while True:
             value = condition()
             if value:
                 return value
             if time.monotonic() > end:
                 raise HostError(f"{what} did not happen within {timeout} s")
-            time.sleep(0.05)
+            time.sleep(pause)
+            # Whatever takes longer is asked for less often: to ask takes processor time from what is waited for.
+            pause = min(pause * 1.2, 0.3)
 
     def journal(self, unit=None, since=None):
         """The journal's messages: of one unit's processes if named, since a mark made by `mark` if given."""
@@ -257,10 +273,7 @@ class Host:
         """Installs the agent's package file as an operator does, with Apache's module where that was built beside it and, if asked
         to, the package for HTTPS, and waits for the agent."""
         began = time.monotonic()
-        package = pathlib.Path(package)
-        beside = ["libapache2-mod-corvane", *(["corv-https"] if https else [])]
-        paths = [self._copy(file)
-                 for file in (package, *(file for name in beside for file in sorted(package.parent.glob(f"{name}_*.deb"))))]
+        paths = [self._copy(file) for file in packages_of(package, https=https)]
         before = self.main_process("corv-agent")
         self.ok(["apt-get", "-q", "install", "--yes", "--reinstall", "--allow-downgrades", *paths],
                 env={"DEBIAN_FRONTEND": "noninteractive"}, timeout=300)

@@ -119,6 +119,7 @@ def test_jobs_that_were_given_up_meanwhile_do_not_come_back(old, new, shop):
     assert page(old, shop) == WELL
 
 
+@pytest.mark.long
 def test_who_has_not_left_does_not_come_back(old, new, shop):
     done = new.run(["corvctl", "account", "move", shop.name, HOST, BACK, "--confirm", shop.name])
     assert (done.code, done.err) == (1, f"corvctl: {shop.name} came here from {HOST}, which takes it back\n"

@@ -13,10 +13,9 @@ AUTHORITIES = "/etc/ssl/certs/ca-certificates.crt"
 
 
 @pytest.fixture(scope="module")
-def old(boot, package):
+def old(boot):
     """The server that has the accounts, with certificates of an authority that it knows."""
-    host = boot(bare=True)
-    host.install(package, https=True)
+    host = boot(https=True)
     prepare(host)
     root = host.ok(["curl", "-sk", "https://127.0.0.1:15000/roots/0"])
     host.put(AUTHORITIES, host.get(AUTHORITIES) + root)
@@ -24,10 +23,9 @@ def old(boot, package):
 
 
 @pytest.fixture(scope="module")
-def new(boot, package, old):
+def new(boot, old):
     """The one that they come to, with HTTPS; no name leads to it, and the authority is a stranger."""
-    host = boot(bare=True)
-    host.install(package, https=True)
+    host = boot(https=True)
     host.ok(["systemctl", "restart", "apache2"])
     host.ok(["corvctl", "https", "on"])
     with reaching(host, old), old.reaching(host, 443):
@@ -92,6 +90,7 @@ def test_the_certificate_is_served_at_once_before_the_names_lead_there(old, new,
     assert serial(new, domain) == before
 
 
+@pytest.mark.long
 def test_a_certificate_that_was_brought_comes_along(old, new, shop, tmp_path):
     name, domain = shop
     make_certificates(tmp_path, domain)

@@ -199,6 +199,7 @@ def test_the_timer_of_the_old_server_needs_nobody(old, new, shop):
     assert not is_suspended(old, shop.name)
 
 
+@pytest.mark.long
 def test_a_connection_that_breaks_in_the_switch(old, new, shop):
     before = everything(old, shop.name)
     assert move(new, shop.name, "--rehearse").code == 0

@@ -106,7 +106,6 @@ def test_the_example_makes_a_server_with_twenty_accounts_of_an_empty_debian(buil
     assert not [name for name, password in passwords.items() if password in said]
 
 
-@pytest.mark.core
 def test_a_second_run_of_the_example_changes_nothing(built):
     _host, controller, _said = built
     _said, summary = example(controller)

@@ -101,6 +101,8 @@ def test_every_preparation_is_of_a_command_on_the_page():
     assert set(WHERE) <= {heading for heading, _ in SECTIONS}
 
 
+# The commands themselves have tests of their own; here all are carried out as the page has them.
+@pytest.mark.long
 @pytest.mark.parametrize(("heading", "commands"), SECTIONS, ids=[heading for heading, _ in SECTIONS])
 def test_the_commands_of_the_page_do_what_it_says(hosts, heading, commands):
     host, server = hosts[WHERE.get(heading, "server")], hosts["server"]

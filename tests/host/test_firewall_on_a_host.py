@@ -171,6 +171,7 @@ def two_ports(host):
     host.ok(["systemctl", "restart", "ssh"])
 
 
+@pytest.mark.long
 def test_no_ssh_rule_of_any_form_can_be_deleted_and_all_others_can(host, account, enabled, two_ports):
     assert log_in(host, account, 2222) != "in\n"
     assert host.request("firewall.enable") == {"ok": True, "allowed": ["22/tcp", "2222/tcp", "80/tcp", "443/tcp"]}

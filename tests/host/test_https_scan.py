@@ -21,9 +21,8 @@ PARTS = ["-p", "-s", "-f", "-P", "-S", "-h", "-U"]
 
 
 @pytest.fixture(scope="module")
-def host(boot, package):
-    host = boot(bare=True)
-    host.install(package, https=True)
+def host(boot):
+    host = boot(https=True)
     prepare(host)
     host.ok(["apt-get", "-q", "install", "--yes", "testssl.sh"], env=APT)
     return host

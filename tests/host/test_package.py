@@ -8,9 +8,10 @@ PANEL_SQL = ["runuser", "-u", "corv-web", "--", "psql", "-qtAX", "-v", "ON_ERROR
 
 
 @pytest.fixture(scope="module")
-def own_host(boot):
+def own_host(boot, package):
     """A host that may be left without the package."""
-    host = boot()
+    host = boot(bare=True)
+    host.install(package)
     yield host
     host.stop()
 

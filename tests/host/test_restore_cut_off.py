@@ -199,15 +199,15 @@ def live(own_host, prepared):
     put_back(own_host, prepared[0])
 
 
-@pytest.mark.parametrize("step", steps("while the dump is loaded", "after the live database was set aside",
-                                       "after the restored one took its place"))
+@pytest.mark.parametrize("step", steps("after the live database was set aside"))
 def test_database_when_the_agent_is_killed(own_host, live, step):
     error, found = database_after(own_host, *live, step, kill_agent)
     assert error is None
     assert found == CUT_OFF[step]
 
 
-@pytest.mark.parametrize("step", steps("before the swap"))
+@pytest.mark.long
+@pytest.mark.parametrize("step", list(STEPS))
 def test_database_when_postgresql_is_stopped(own_host, live, step):
     error, found = database_after(own_host, *live, step, stop_postgresql)
     steps = list(STEPS)
@@ -225,6 +225,7 @@ def test_database_when_the_disk_fills_up(own_host, live, step):
     assert found.get("__old") in (None, "part")
 
 
+@pytest.mark.long
 def test_another_restore_after_a_cut_between_the_renames_leaves_the_live_data(own_host, live):
     account, backup = live
     _, found = database_after(own_host, account, backup, "after the live database was set aside", kill_agent)

@@ -27,7 +27,7 @@ import chaos_trouble  # noqa: E402
 from chaos_commands import NAMES, TRANSFER, WITNESS  # noqa: E402
 from chaos_invariants import Broken  # noqa: E402
 from described import wrong_reply  # noqa: E402
-from hostfloor import CACHE, Host, HostError  # noqa: E402
+from hostfloor import CACHE, Host, HostError, packages_of  # noqa: E402
 
 CLIENTS = ("over one connection", "over a connection each", "by corvctl")
 PATIENCE = 400  # seconds for a reply, behind all others
@@ -235,11 +235,10 @@ def main():
     options = parser.parse_args()
     log = Log(options.log or CACHE / "chaos" / f"{options.seed}.log")
     ends = time.monotonic() + options.minutes * 60
-    host = Host(f"chaos-{options.seed}", options.suite)
+    host = Host(f"chaos-{options.seed}", options.suite, packages_of(options.package, https=options.https))
     number = 0
     chaos = None
     try:
-        host.install(options.package, https=options.https)
         chaos = Chaos(host, options.seed, log)
         chaos.prepare(https=options.https)
         log("the server is ready")
