@@ -27,7 +27,7 @@ CLIENTS = {
 }
 PINGS = 500
 ROUNDS = 20
-SHORT, LONG = 60, 600  # seconds
+SHORT, LONG = 30, 600  # seconds
 MEBIBYTE = 1 << 20
 
 LIFE = [
