@@ -1,3 +1,4 @@
+#include "ctl/Interrupt.h"
 #include "ctl/commands/Status.h"
 #include "ctl/remote/Hosts.h"
 #include "ctl/remote/Remote.h"
@@ -91,8 +92,20 @@ private Q_SLOTS:
                  u"5 hosts: 1 done, 1 refused or at fault (b), 2 no connection (c e\\x1b), 1 timed out (d)"_s);
     }
 
+    // Also in what is done because the client was interrupted: the way back from a switch.
+    void readsOnWhenAnotherChildEnds_data()
+    {
+        QTest::addColumn<bool>("wasInterrupted");
+        QTest::newRow("as usual") << false;
+        QTest::newRow("after an interrupt") << true;
+    }
     void readsOnWhenAnotherChildEnds()
     {
+        QFETCH(bool, wasInterrupted);
+        const InterruptGuard guard;
+        if (wasInterrupted)
+            QCOMPARE(::raise(SIGINT), 0);
+        QCOMPARE(interrupted(), wasInterrupted);
         const QTemporaryDir folder;
         QFile ssh(folder.filePath(u"ssh"_s));
         QVERIFY(ssh.open(QIODevice::WriteOnly));

@@ -109,8 +109,8 @@ QString decide(Shell *there, const QString &account)
 {
     // The timer does nothing any more once the file has its new name, and a loss of power must not give it back the old
     // one: the account is served here by then. What has been resumed by hand is not expired.
-    const auto script = uR"sh([ -e %1.left ] && exit 0
-[ "$(getent shadow %1 | cut -d: -f8)" = 1 ] && mv -T %1.undecided %1.left 2>/dev/null ||
+    const auto script = uR"sh([ -e %1.left ] ||
+    { [ "$(getent shadow %1 | cut -d: -f8)" = 1 ] && mv -T %1.undecided %1.left 2>/dev/null; } ||
     { echo 'the account was resumed there meanwhile'; exit 1; }
 sync . || exit 1
 systemctl stop corv-move-%1.timer 2>/dev/null
@@ -121,7 +121,8 @@ exit 0)sh"_s;
 QString giveUp(Shell *there, const QString &account, bool wasOnline, bool *isOurs)
 {
     const QString resume = kThaw + u"    corvctl account resume %1 || exit 1\n"_s;
-    const auto script = uR"([ -e %1.left ] && { echo 'it has left'; exit 0; }
+    // Whoever decided it may have been cut off before it was on the disk.
+    const auto script = uR"(if [ -e %1.left ]; then sync . && echo 'it has left'; exit; fi
 if [ -e %1.stays ] || mv -T %1.undecided %1.stays 2>/dev/null; then
     systemctl stop corv-move-%1.timer 2>/dev/null
 %2    rm -f %1.stays
