@@ -8,6 +8,7 @@ from contextlib import contextmanager
 
 import pytest
 from hostfloor import ADDRESS, OUTSIDE
+from shops import make_shop
 
 KEY = "/root/.ssh/id_ed25519"
 HOST = f"root@{OUTSIDE}"
@@ -52,6 +53,20 @@ def new_both_ways(boot, old):
     host = boot()
     with reaching(host, old), reaching(old, host):
         yield host
+
+
+@pytest.fixture
+def shop(old, new):
+    """An account of the old server, which may move; on both nothing is left of it after the test."""
+    account = make_shop(old)
+    new._accounts.append((account.name, account.domain))
+    yield account
+    new.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
+    for host in (old, new):
+        host.run(["systemctl", "stop", f"corv-move-{account.name}.timer", f"corv-moving-{account.name}.timer", f"corv-moving-{account.name}.service"])
+    old.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
+    new.remove_accounts()
+    old.remove_accounts()
 
 
 def make_certificates(folder, domain):

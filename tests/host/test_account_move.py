@@ -1,18 +1,27 @@
-"""An account is moved from one server to another, over real ssh: the plan."""
+"""An account is moved from one server to another, over real ssh: the plan, and which of the two has it where things go wrong."""
 
 import json
+import subprocess
+from contextlib import contextmanager
 
 import pytest
 from hostfloor import OUTSIDE
-from moves import new, old  # noqa: F401 (pytest finds them here)
-from shops import everything, make_shop
+from moves import (  # noqa: F401 (pytest finds three of them here)
+    HOST,
+    MOVES,
+    is_settled,
+    is_suspended,
+    move,
+    new,
+    old,
+    record,
+    shop,
+    words,
+)
+from shops import everything, page
 
 LIMIT = 300
-
-
-@pytest.fixture
-def shop(old):
-    return make_shop(old)
+WELL = (200, "2000 orders, \n")
 
 
 def plan(new, name):
@@ -68,3 +77,89 @@ def test_an_account_that_is_gone_is_not_taken_from_what_was_written_down(old, ne
     done = new.run(["corvctl", "account", "move", shop.name, f"root@{OUTSIDE}", "--dry-run"])
     assert (done.code, done.out) == (3, "")
     assert done.err.startswith(f"corvctl: root@{OUTSIDE}: corvctl: no Corvane account named '{shop.name}'")
+
+
+# The verdict
+
+
+# Waits at its first call with these words until it is let go, but not for ever.
+WAITS = """#!/bin/sh
+if [ "$*" = "{words}" ] && [ ! -e /run/waits ]; then
+    : >/run/waits
+    timeout 60 sh -c 'until [ -e /run/go ]; do sleep 0.05; done'
+fi
+exec /usr/bin/{tool} "$@"
+"""
+
+
+@contextmanager
+def stand_in(host, tool, script):
+    """A block in which a script is found in the place of a program of the server's."""
+    host.put(f"/usr/local/bin/{tool}", script, mode="0755")
+    try:
+        yield
+    finally:
+        host.ok(["rm", "-f", f"/usr/local/bin/{tool}", "/run/waits", "/run/go"])
+
+
+def moving(new, shop):
+    """A move that is at work, in a group of its own as at a terminal; its number there is what it says first."""
+    return new.background(["setsid", "--wait", "sh", "-c", 'echo $$ >&2; exec "$@"', "sh", *words(shop.name)], stdout=subprocess.DEVNULL,
+                          stderr=subprocess.PIPE, text=True)
+
+
+def goes_on_by_itself(new, name):
+    """Whether the new server will go on with the move of the account without anybody."""
+    return any(new.run(["systemctl", "is-active", f"corv-moving-{name}.{kind}"]).out.strip() in ("active", "activating")
+               for kind in ("timer", "service"))
+
+
+def test_another_account_of_that_name_that_left_once_is_no_verdict(old, new, shop):
+    before = everything(old, shop.name)
+    for host in (old, new):
+        host.ok(["sh", "-ec", f"mkdir -pm 700 {MOVES}; : >{MOVES}/{shop.name}.left"])
+    # The last moment before the old server is told of the switch.
+    with stand_in(new, "systemd-run", "#!/bin/sh\nkill -KILL $PPID\n"):
+        assert move(new, shop.name).code == -9 and record(new, shop.name)[-1] == "switching"
+    assert page(old, shop) == WELL and not is_suspended(old, shop.name)
+    done = move(new, shop.name)
+    assert done.code == 0, done
+    assert everything(new, shop.name) == before and page(new, shop) == page(old, shop) == WELL
+    assert not new.exists(f"{MOVES}/{shop.name}.left")
+
+
+def test_a_decision_that_cannot_be_written_down_here_is_gone_on_with(old, new, shop):
+    # It is decided when its timer is stopped.
+    script = WAITS.format(tool="systemctl", words=f"stop corv-move-{shop.name}.timer")
+    with stand_in(old, "systemctl", script), moving(new, shop) as process:
+        old.wait_for(lambda: old.exists("/run/waits"), "the decision")
+        new.ok(["sh", "-ec", f"mount --bind {MOVES} {MOVES}; mount -o remount,bind,ro {MOVES}"])
+        try:
+            old.put("/run/go", "")
+            said = process.stderr.read()
+        finally:
+            new.ok(["umount", MOVES])
+    assert process.returncode == 1
+    assert said.splitlines()[-2:] == [f"corvctl: {shop.name} is this server's now, but not all is done: nothing can be kept in {MOVES}",
+                                      f"  corvctl account move {shop.name} {HOST} goes on with it"]
+    assert goes_on_by_itself(new, shop.name)
+    new.wait_for(lambda: record(new, shop.name)[-1] == "finished", "the rest of the move")
+    assert page(new, shop) == page(old, shop) == WELL and is_suspended(old, shop.name)
+
+
+@pytest.mark.long
+def test_an_interrupt_within_the_switch_gives_the_account_back_at_once(old, new, shop):
+    before = everything(old, shop.name)
+    # The last question before it would be decided.
+    with stand_in(old, "getent", WAITS.format(tool="getent", words=f"shadow {shop.name}")), moving(new, shop) as process:
+        group = process.stderr.readline().strip()
+        old.wait_for(lambda: old.exists("/run/waits"), "the decision")
+        assert is_suspended(old, shop.name)
+        # All of them have it, as from a terminal: also what has the connections.
+        new.ok(["kill", "-INT", "--", f"-{group}"])
+        said = " ".join(process.stderr.read().split())
+    assert process.returncode == 130
+    assert f"corvctl: {shop.name} is not moved: it was interrupted {HOST} still has it" in said, said
+    assert page(old, shop) == WELL and not is_suspended(old, shop.name) and everything(old, shop.name) == before
+    assert is_settled(old, shop.name) and not old.exists(f"{MOVES}/{shop.name}.left")
+    assert record(new, shop.name)[-1] == "rehearsed" and not goes_on_by_itself(new, shop.name)

@@ -6,7 +6,7 @@ from contextlib import contextmanager
 
 import pytest
 from hostfloor import HostError
-from moves import (  # noqa: F401 (pytest finds two of them here)
+from moves import (  # noqa: F401 (pytest finds three of them here)
     HOST,
     MOVES,
     SWITCHES,
@@ -18,28 +18,16 @@ from moves import (  # noqa: F401 (pytest finds two of them here)
     new,
     old,
     record,
+    shop,
     words,
 )
-from shops import everything, make_shop, page
+from shops import everything, page
 
 LIMIT = 400
 WELL = (200, "2000 orders, \n")
 # Where a move is ended: what it says there, or what it has written down.
 SAYS = ["making the account here", "bringing the files, while the site is served there", "bringing the database, and loading it here",
         SWITCHES]
-
-
-@pytest.fixture
-def shop(old, new):
-    account = make_shop(old)
-    new._accounts.append((account.name, account.domain))
-    yield account
-    new.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
-    for host in (old, new):
-        host.run(["systemctl", "stop", f"corv-move-{account.name}.timer", f"corv-moving-{account.name}.timer", f"corv-moving-{account.name}.service"])
-    old.ok(["sh", "-c", f"rm -f {MOVES}/{account.name}.*"])
-    new.remove_accounts()
-    old.remove_accounts()
 
 
 def is_home(host, shop):

@@ -159,6 +159,11 @@ int tellMoved(const Session &session, const moving::Record &record, const moving
         const QByteArray line = compactJson(objectOf(record, done));
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
     }
+    // What is here must not be taken for what a move has left behind.
+    if (!done.problem.isEmpty() && done.isDecided)
+        return fail(done.status,
+                    u"%1 is this server's now, but not all is done: %2"_s.arg(record.account, done.problem),
+                    goOnWith(record) + u" goes on with it"_s);
     if (!done.problem.isEmpty())
         return fail(done.status, u"%1 is not moved: %2"_s.arg(record.account, done.problem), whereItIs(record, done));
     if (!session.options.json) {

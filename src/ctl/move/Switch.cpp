@@ -255,7 +255,9 @@ QString switchOver(Task *task)
     const QString worse = goBack(task, &isOurs);
     task->done.isBack = worse.isEmpty();
     dropDump(account);
-    return isOurs ? QString() : problem;
+    if (isOurs)
+        return {};
+    return interrupted() ? u"it was interrupted"_s : problem;
 }
 
 } // namespace corv::ctl::moving
