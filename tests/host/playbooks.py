@@ -1,5 +1,5 @@
-"""Ansible's own side of the tests of ansible/: the collection as it is installed, and playbooks that are run over ssh against a
-booted host from the network that visits it."""
+"""Ansible's own side of the tests of ansible/: the collection as it is installed, and playbooks that are run over ssh against one
+booted host, or two, from the network that visits it."""
 
 import json
 import os
@@ -8,16 +8,17 @@ import shutil
 import subprocess
 import tempfile
 
-from hostfloor import ADDRESS, CACHE, ROOT, HostError
+from hostfloor import ADDRESS, CACHE, OUTSIDE, ROOT, HostError
 
 MODULES = ("account", "account_info", "account_keys", "account_limit", "backup", "firewall_rule", "https", "protection",
            "service_facts")
 
 
 class Controller:
-    """A folder with the collection installed in it, and what ansible needs to reach one host."""
+    """A folder with the collection installed in it, and what ansible needs to reach one host; or two, of which the other one is
+    beside it where host.reaching(beside, 22) leads."""
 
-    def __init__(self, host=None):
+    def __init__(self, host=None, beside=None):
         # Sockets of ssh lie below it, whose paths must be short. The cache folder is there on another release as well.
         CACHE.mkdir(parents=True, exist_ok=True)
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="a-", dir=CACHE))
@@ -35,8 +36,10 @@ class Controller:
         self.ok("ansible-galaxy", "collection", "install", str(archive), "-p", str(self.folder / "collections"))
         self.collection = self.folder / "collections/ansible_collections/corvane/server"
         if host:
-            host.put("/root/.ssh/authorized_keys", f"{host.key.public}\n", mode="0600")
-            (self.folder / "hosts").write_text(f"# the one under test\n[web]\nroot@{ADDRESS}\n")
+            for one in filter(None, (host, beside)):
+                one.put("/root/.ssh/authorized_keys", f"{host.key.public}\n{one.key.public}\n", mode="0600")
+            both = f"root@{OUTSIDE}\n" if beside else ""
+            (self.folder / "hosts").write_text(f"# what is under test\n[web]\nroot@{ADDRESS}\n{both}")
             (self.folder / "servers.corvane.yml").write_text("plugin: corvane.server.hosts\npath: hosts\n")
 
     def close(self):
@@ -60,9 +63,23 @@ class Controller:
         return done.stdout
 
     def play(self, *argv, timeout=600):
-        """Runs ansible-playbook against the host: its exit code, output and errors."""
+        """Runs ansible-playbook against its hosts: its exit code, output and errors."""
         return self._host.outside(self.argv("ansible-playbook", "-i", "servers.corvane.yml",
                                             "--private-key", str(self._host.key.private), *argv), timeout=timeout)
+
+    def book(self, play):
+        """Writes a playbook of one play for all of its hosts, and gives its path."""
+        path = self.folder / "book.json"
+        path.write_text(json.dumps([{"hosts": "all", "gather_facts": False, **play}]))
+        return str(path)
+
+    def counts(self, *argv):
+        """Runs a playbook, also one that fails, and gives what it counts for each host, such as {"10.213.0.2": {"changed": 1, ...}}."""
+        done = self.play(*argv)
+        self.said = done.out + done.err
+        lines = [line.split(":", 1) for line in done.out.splitlines() if "unreachable=" in line]
+        return {name.strip(): {word: int(count) for word, _, count in (pair.partition("=") for pair in counts.split())}
+                for name, counts in lines}
 
     def tasks(self, *tasks):
         """Runs tasks one after the other, also after one that failed, and gives the result of each as a registered variable has it.
@@ -74,10 +91,8 @@ class Controller:
         steps.append({"ansible.builtin.copy": {"content": "{{ {'all': [" + ", ".join(f"r{n}" for n in range(len(tasks))) + "]} | to_json }}",
                                                "dest": str(self.folder / "results")},
                       "delegate_to": "localhost", "diff": False})
-        book = self.folder / "book.json"
-        book.write_text(json.dumps([{"hosts": "all", "gather_facts": False, "tasks": steps}]))
         # Whatever a task's result has in it is said then, unless it is hidden.
-        done = self.play("-v", str(book), timeout=300)
+        done = self.play("-v", self.book({"tasks": steps}), timeout=300)
         if done.code != 0:
             raise HostError(f"the playbook ended with {done.code}:\n{done.out}{done.err}")
         self.said = done.out + done.err

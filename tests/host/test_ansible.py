@@ -325,8 +325,6 @@ def test_https_is_refused_where_corvctl_does_not_know_it(server):
 @pytest.mark.core
 def test_https_of_an_account_is_as_it_was_chosen(server):
     host, controller = server
-    if host.run(["corvctl", "https", "status"]).code == 2:
-        pytest.skip("this package's corvctl does not know HTTPS")
     name = host.account().name
     found = controller.states(
         ("https", {"name": name}),
