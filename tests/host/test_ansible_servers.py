@@ -20,10 +20,9 @@ SOURCES = "/etc/apt/sources.list.d/corv-agent.sources"
 
 
 @pytest.fixture(scope="module")
-def server(boot, package):
+def server(boot):
     """A server with all packages, and who runs playbooks on it."""
-    host = boot(bare=True)
-    host.install(package, https=True)
+    host = boot(https=True)
     controller = Controller(host)
     yield host, controller
     controller.close()
