@@ -45,6 +45,7 @@ def test_without_a_name_https_takes_no_words_that_are_an_accounts(with_https):
     assert [one["msg"] for one in results] == ["redirect, hsts, www and certificate are an account's; name says which"] * 3
 
 
+@pytest.mark.long
 def test_a_certificate_that_is_brought_is_served(with_https, tmp_path):
     host, controller = with_https
     account = host.account()
