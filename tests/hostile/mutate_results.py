@@ -1,7 +1,10 @@
-"""What became of mutants, kept from one run to the next: one line of JSON for each that was tried, with the commit and its line's hash.
+#!/usr/bin/python3
+"""What became of mutants, kept from one run to the next, and known again as long as a mutant's line has not changed, wherever it is now.
 
-A mutant is known again as long as its line has not changed, wherever that has moved to. As a program it prints what is known of the
-sources as they are now: mutate_results.py [FOLDER].
+Each that was tried adds a line of JSON to a file of the cache folder. `mutate_results.py --write` puts what is known of the sources
+as they are now into mutants.tried beside this file, so that a machine whose cache is empty goes on from there. In it is a line for each source and outcome: the
+source, the outcome (killed, survived, refused by the compiler), then for each commit at which that was found the commit and, behind a
+colon, the mutants' hashes of six digits each. mutate_results.py [FOLDER] prints what is known, with the survivors.
 """
 
 import hashlib
@@ -15,8 +18,10 @@ from pathlib import Path
 from mutants import TREE, excuses, mutants
 
 KEPT = Path(os.environ.get("CORV_CACHE", "/var/cache/corv-agent-dev")) / "mutate" / "results.jsonl"
+TRIED = Path(__file__).with_name("mutants.tried")
 KILLED = ("unit", "protocol", "too long")
-FIRST = 6  # tests that killed mutants of a source before, to begin with
+OUTCOMES = {"killed": "protocol", "survived": "", "refused": "build"}
+DIGITS = 6
 
 
 def keyed(everything):
@@ -29,6 +34,29 @@ def keyed(everything):
         yield (*key, seen[key]), (source, number, line, other)
 
 
+def short(key):
+    """The key's hash, which tells it from the others of its source."""
+    return hashlib.sha256(json.dumps(key[1:]).encode()).hexdigest()[:DIGITS]
+
+
+def outcome(by):
+    return "killed" if by in KILLED else "refused" if by == "build" else "survived"
+
+
+def read_tried(path=TRIED):
+    """(source, hash) -> {"by", "commit"} of all that the tree knows."""
+    known = {}
+    for line in path.read_text().splitlines() if path.exists() else []:
+        if line.startswith("#"):
+            continue
+        source, kind, *parts = line.split()
+        for part in parts:
+            commit, _, hashes = part.partition(":")
+            for at in range(0, len(hashes), DIGITS):
+                known[source, hashes[at : at + DIGITS]] = {"by": OUTCOMES[kind], "commit": commit}
+    return known
+
+
 class Results:
     """What is known, and what comes to be known."""
 
@@ -37,47 +65,86 @@ class Results:
         self._commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], cwd=TREE, capture_output=True, text=True,
                                       check=True).stdout.strip()
         lines = path.read_text().splitlines() if path.exists() else []
+        self._tried = read_tried()
         self._known = {}
         for entry in map(json.loads, lines):
             self._known[tuple(entry["key"])] = entry
 
+    def entry(self, key):
+        """What is known of a mutant: the cache's newest word, else the tree's; nothing where it has not been tried."""
+        return self._known.get(key) or self._tried.get((key[0], short(key)))
+
     def by(self, key):
         """What killed the mutant, empty where it survived; nothing where it has not been tried."""
-        entry = self._known.get(key)
+        entry = self.entry(key)
         return entry["by"] if entry else None
 
-    def keep(self, key, by, test, seconds):
-        """Notes what became of one, and the test that failed first."""
-        entry = {"key": list(key), "by": by, "test": test, "seconds": round(seconds, 1), "commit": self._commit}
+    def is_open(self, key, budget):
+        """Whether it has not been tried, or survived while tests were left that a larger budget allows."""
+        entry = self.entry(key)
+        return entry is None or (entry["by"] == "" and entry.get("left", 0) > 0 and entry["budget"] < budget)
+
+    def keep(self, key, at, by, test, seconds, budget, left):
+        """Notes what became of one, which test failed first, and how many tests the budget left untried."""
+        entry = {"key": list(key), "by": by, "test": test, "seconds": round(seconds, 1), "commit": self._commit, "line": at,
+                 "budget": budget, "left": left}
         self._known[key] = entry
         self._path.parent.mkdir(parents=True, exist_ok=True)
         with self._path.open("a") as file:
             file.write(json.dumps(entry) + "\n")
 
-    def killers(self, source):
-        """The tests that killed most mutants of the source so far."""
-        tests = Counter(entry["test"] for key, entry in self._known.items() if key[0] == source and entry.get("test"))
-        return [test for test, _ in tests.most_common(FIRST)]
+    def killers(self, source, at):
+        """The protocol tests that killed mutants of the source, those of the nearest lines first, and those that killed most."""
+        mine = [entry for key, entry in self._known.items() if key[0] == source and "::" in entry.get("test", "")]
+        nearest = [entry["test"] for entry in sorted(mine, key=lambda entry: abs(entry.get("line", 0) - at))]
+        most = [test for test, _ in Counter(nearest).most_common(2)]
+        return [*dict.fromkeys(nearest)][:3] + most
+
+
+def write(results, path=TRIED):
+    """Puts all that is known of the sources as they are into the tree's list."""
+    found, hashes = {}, set()
+    for key, (source, *_) in keyed(mutants()):
+        entry = results.entry(key)
+        if (source, short(key)) in hashes:
+            sys.exit(f"two mutants of {source} have the hash {short(key)}: more digits are needed")
+        hashes.add((source, short(key)))
+        if entry:
+            found.setdefault((source, outcome(entry["by"])), {}).setdefault(entry["commit"], []).append(short(key))
+    lines = ["# Mutants that were tried: written and read by mutate_results.py."]
+    for (source, kind), commits in sorted(found.items()):
+        lines.append(" ".join([source, kind, *(f"{commit}:{''.join(sorted(some))}" for commit, some in sorted(commits.items()))]))
+    path.write_text("\n".join(lines) + "\n")
 
 
 def main():
+    if sys.argv[1:] == ["--write"]:
+        write(Results())
+        return
     folder = sys.argv[1] if len(sys.argv) > 1 else ""
     results, excused = Results(), excuses()
-    of = {}
+    of, commits = {}, Counter()
     for key, (source, number, line, other) in keyed(mutants()):
         if not source.startswith(folder):
             continue
-        by = results.by(key)
+        entry = results.entry(key)
         mutant = (source, line.strip(), other.strip())
-        kind = "not tried" if by is None else "killed" if by in KILLED else by or ("invisible" if mutant in excused else "survived")
+        kind = outcome(entry["by"]) if entry else "not tried"
+        if kind == "survived" and mutant in excused:
+            excused.remove(mutant)
+            kind = "invisible"
+        if entry:
+            commits[entry["commit"]] += 1
         of.setdefault(str(Path(source).parent), Counter())[kind] += 1
         if kind == "survived":
             print(f"survived: {source}:{number + 1}\t{line.strip()}\t{other.strip()}")
     print("| folder | mutants | tried | killed | survived | invisible | did not compile |\n| --- | --- | --- | --- | --- | --- | --- |")
-    for name, kinds in sorted(of.items()):
+    for name, kinds in [*sorted(of.items()), ("all", sum(of.values(), Counter()))]:
         total = sum(kinds.values())
-        print(f"| `src/{name}` | {total} | {total - kinds['not tried']} | {kinds['killed']} | {kinds['survived']} | {kinds['invisible']} |"
-              f" {kinds['build']} |")
+        label = f"`src/{name}`" if name != "all" else "all"
+        print(f"| {label} | {total} | {total - kinds['not tried']} | {kinds['killed']} | {kinds['survived']} | {kinds['invisible']} |"
+              f" {kinds['refused']} |")
+    print("tried at: " + ", ".join(f"{commit} ({count})" for commit, count in sorted(commits.items())))
 
 
 if __name__ == "__main__":

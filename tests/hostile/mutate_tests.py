@@ -1,0 +1,241 @@
+"""Which tests concern a mutant, and what becomes of it when they run: for mutate.py.
+
+Each program with switches notes which of them it came to (switches.py). All tests are run once that way; a mutant is then tried with
+those that come to it, and with nothing else.
+"""
+
+import json
+import os
+import queue
+import shutil
+import subprocess
+import threading
+import time
+from pathlib import Path
+
+from mutate_build import UNDER, TooLong, run
+from warm import patch
+
+FIRST = 4  # protocol tests to begin with: those that killed mutants of the lines around
+QUICK = 0.7  # seconds in which unit tests are worth while before the protocol's
+PROTOCOL = "tests/protocol"
+BATCH = 40  # tests that are learnt of at a time
+
+# A root in which everything can be deleted, and processes of which all can be killed.
+JAIL = r"""
+mount -t tmpfs none /mnt && mkdir /mnt/upper /mnt/work /mnt/root
+mount -t overlay none -o lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work /mnt/root
+mount -t proc none /mnt/root/proc && mount -t tmpfs none /mnt/root/dev && mount -t tmpfs none /mnt/root/tmp
+mknod -m 666 /mnt/root/dev/null c 1 3 && mknod -m 666 /mnt/root/dev/zero c 1 5
+mknod -m 666 /mnt/root/dev/urandom c 1 9 && mknod -m 666 /mnt/root/dev/full c 1 7 && mkdir -m 1777 /mnt/root/dev/shm
+ln -s /proc/self/fd /mnt/root/dev/fd
+cd / && exec chroot /mnt/root sh -c "$@"
+"""
+UNSHARE = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--ipc", "sh", "-ec", JAIL, "sh"]
+ALL = 'ulimit -v 8000000; cd "$0"; for test; do "$test" || exit 1; done'
+NOTED = ('mkdir -p /opt; head -c "$2" /dev/zero > /opt/reached; chmod 666 /opt/reached; cd "$0"; "$1" > /dev/null 2>&1; code=$?;'
+         " cat /opt/reached; exit $code")
+
+
+class Server:
+    """warm.py, which tries protocol tests."""
+
+    def __init__(self, build, number=0):
+        self._build, self._number = build, number
+        self._start()
+
+    def _start(self):
+        env = os.environ | {"CORV_AGENT": str(self._build.build / "bin/corv-agent"), "CORV_TEST_PATIENCE": "15"}
+        env.pop("CORV_AGENT_SHORT", None)
+        script = Path(__file__).with_name("warm.py")
+        self._log = self._build.where / f"protocol{os.getpid()}-{self._number}.log"
+        self._process = subprocess.Popen([*UNDER, "/usr/bin/python3", script, self._build.tree, self._log],
+                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=env,
+                                         start_new_session=True)
+        self._tests = None
+
+    @property
+    def tests(self):
+        """All that there are, once it has read them."""
+        if self._tests is None:
+            self._tests = json.loads(self._process.stdout.readline())["tests"]
+        return self._tests
+
+    def ask(self, number, tests, patience, size=0):
+        """What comes of the tests; where the process has died, that, and another one is there."""
+        assert self.tests
+        request = {"number": number, "tests": list(tests), "patience": patience, "size": size}
+        self._process.stdin.write(json.dumps(request) + "\n")
+        self._process.stdin.flush()
+        line = self._process.stdout.readline()
+        if line:
+            return json.loads(line)
+        self.restart()
+        return {"failed": "pytest died", "took": {}, "all": [], "seconds": 0}
+
+    def restart(self):
+        """Takes what has been built since."""
+        self.close()
+        self._start()
+
+    def close(self):
+        self._process.kill()
+        self._process.wait()
+        self._log.unlink(missing_ok=True)
+
+
+class Reach:
+    """What each test comes to: name -> (numbers, seconds), kept beside the build as long as that is the same."""
+
+    def __init__(self, build):
+        self._path = build.where / "reach.json"
+        self._build = build
+        kept = json.loads(self._path.read_text()) if self._path.exists() else {}
+        self.tests = kept.get("tests", {}) if kept.get("of") == self._of() else {}
+        self._index()
+
+    def _of(self):
+        return self._build.digest()
+
+    def _index(self):
+        self.by_number = {}
+        for test, (numbers, _) in self.tests.items():
+            for number in numbers:
+                self.by_number.setdefault(number, []).append(test)
+
+    def near(self, number):
+        """The number of a mutant that is reached, of those nearest to one that is in no program."""
+        return min(self.by_number, key=lambda other: abs(other - number))
+
+    def learn_units(self):
+        for program in sorted((self._build.build / "bin").glob("test_*")):
+            if program.name in self.tests:
+                continue
+            patch(program, 0)
+            began = time.monotonic()
+            done = subprocess.run([*UNDER, *UNSHARE, NOTED, str(self._build.tree / "tests/unit"), str(program), str(self._build.size)],
+                                  capture_output=True, check=False)
+            if done.returncode != 0:
+                print(f"{program.name} fails without a mutant, and is left out", flush=True)
+                continue
+            numbers = [number for number, byte in enumerate(done.stdout[-self._build.size :]) if byte and number]
+            self.tests[program.name] = (numbers, round(time.monotonic() - began, 2))
+        self._keep()
+
+    def learn(self, servers, wanted):
+        """Runs the protocol tests of the files that have not been, on all servers at a time."""
+        files = {}
+        for test in servers[0].tests:
+            # A backslash in a test's name does not come through pytest's command line.
+            if wanted(test) and test not in self.tests and "\\" not in test:
+                files.setdefault(test.split("::")[0], []).append(test)
+        batches = queue.SimpleQueue()
+        for name, tests in sorted(files.items()):
+            for at in range(0, len(tests), BATCH):
+                batches.put((name, tests[at : at + BATCH]))
+        lock = threading.Lock()
+
+        def work(server):
+            while True:
+                try:
+                    name, tests = batches.get_nowait()
+                except queue.Empty:
+                    return
+                told = server.ask(0, tests, 900, self._build.size)
+                with lock:
+                    for test in tests:
+                        passed = test in told.get("took", {}) and test not in told["all"]
+                        # What fails anyhow would kill every mutant.
+                        self.tests[test] = (told["reach"].get(test, []), round(told["took"][test], 2)) if passed else ([], 0)
+                    print(f"{name}: {len(tests)} tests, {told['seconds']} s {told['failed']}", flush=True)
+                    self._keep()
+
+        threads = [threading.Thread(target=work, args=(server,)) for server in servers]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+
+    def _keep(self):
+        self._index()
+        self._path.write_text(json.dumps({"of": self._of(), "tests": self.tests}))
+
+
+class Tester:
+    """Tries mutants of a build."""
+
+    def __init__(self, build, server, reach, number=0):
+        self.build, self.server, self.reach = build, server, reach
+        # Runs beside one another have their own.
+        self._programs = build.where / f"programs{os.getpid()}-{number}"
+        self.log = build.where / f"log{os.getpid()}-{number}"
+        self.failed = ""
+        self.left = 0
+
+    def close(self):
+        """Leaves nothing behind."""
+        self.server.close()
+        shutil.rmtree(self._programs, ignore_errors=True)
+        self.log.unlink(missing_ok=True)
+
+    def _units(self, number, names):
+        self._programs.mkdir(exist_ok=True)
+        programs = [self._programs / name for name in names]
+        for name, program in zip(names, programs):
+            shutil.copy(self.build.build / "bin" / name, program)
+            patch(program, number)
+        try:
+            argv = [*UNSHARE, ALL, str(self.build.tree / "tests/unit"), *map(str, programs)]
+            self.log.write_bytes(b"")
+            return not run(argv, self.log, 30 + 5 * sum(self.reach.tests[name][1] for name in names))
+        except TooLong:
+            return True
+
+    def _protocol(self, number, tests):
+        seconds = sum(self.reach.tests[test][1] for test in tests)
+        self.failed = self.server.ask(number, tests, 30 + 4 * seconds)["failed"]
+        return bool(self.failed)
+
+    def test(self, number, killers, budget, reached=None):
+        """What kills the mutant: "unit", "protocol", "too long" or nothing. `killers` are protocol tests to begin with where they come to
+        it; no more tests are tried than take `budget` seconds, and `left` says how many were not."""
+        self.failed, self.left = "", 0
+        every = self.reach.by_number.get(reached or number, [])
+        units = sorted((test for test in every if not test.startswith(PROTOCOL)), key=lambda test: self.reach.tests[test][1])
+        quick, spent = [], 0
+        for unit in units:
+            spent += self.reach.tests[unit][1]
+            if spent <= QUICK:
+                quick.append(unit)
+        if quick and self._units(number, quick):
+            return "unit"
+        protocol = {test for test in every if test.startswith(PROTOCOL)}
+        first = [test for test in dict.fromkeys(killers) if test in protocol][:FIRST]
+        if first and self._protocol(number, first):
+            return self._protocol_end()
+        # A test that comes to little else is the likeliest to look at it.
+        cost = lambda test: len(self.reach.tests[test][0]) * max(0.2, self.reach.tests[test][1])  # noqa: E731
+        rest = sorted((test for test in protocol if test not in first), key=cost)
+        slow = [unit for unit in units if unit not in quick]
+        for batch in self._within(rest, slow, budget):
+            if batch[0].startswith(PROTOCOL):
+                if self._protocol(number, batch):
+                    return self._protocol_end()
+            elif self._units(number, batch):
+                return "unit"
+        return ""
+
+    def _protocol_end(self):
+        return "too long" if self.failed == "too long" else "protocol"
+
+    def _within(self, rest, slow, budget):
+        """The tests in batches, each of one kind, as long as the budget lasts."""
+        taken, spent = [], 0
+        for test in [*slow, *rest]:
+            spent += self.reach.tests[test][1]
+            if spent <= budget:
+                taken.append(test)
+            else:
+                self.left += 1
+        protocol = [test for test in taken if test.startswith(PROTOCOL)]
+        return [protocol[at : at + 12] for at in range(0, len(protocol), 12)] + [[unit] for unit in taken if unit in slow]
