@@ -6,13 +6,15 @@ Usage: tests/hostile/mutate.py [--count N] [--seed N] [--only TEXT] [--folder FO
                                [--skip TEXT...] [--survivors] [--list]
 
 A mutant is one changed operator, bound, truth value, text or left-out call in src/agent or src/common. One build in the cache folder
-holds nearly all of them, each behind a switch (switches.py); what cannot be switched is built by itself. Each test is run once without
-a mutant, which tells what it comes to (mutate_tests.py); N of the mutants (all of them with 0), drawn with a fixed seed, are then tried with the
-tests that come to them, those first that killed mutants of the lines around, for so many SECONDS of tests each; the first failure ends a
-mutant. What became of each is kept (mutate_results.py): a second run goes on with those that were not tried, unless --again is given,
-or their lines have changed; with a larger budget also with those that survived a smaller one. --slice takes the Kth of N parts, --folder
-those below src/FOLDER; after so many minutes no other is begun. --alone tries what cannot be switched, and nothing else. --learn has the protocol tests that hold one of these texts run for what they
-come to, beside those of the agent; --skip leaves some out. --survivors tries those that survived again.
+holds nearly all of them, each behind a switch (switches.py); what cannot be switched is built by itself. Each test is run once without a
+mutant, which tells what it comes to (mutate_tests.py); N of the mutants (all of them with 0), drawn with a fixed seed, are then tried
+with the tests that come to them, those first that killed mutants of the lines around, for so many SECONDS of tests each; the first
+failure ends a mutant. What became of each is kept (mutate_results.py): a second run goes on with those that were not tried, unless
+--again is given, or their lines have changed; with a larger budget also with those that survived a smaller one. --slice takes the Kth of
+N parts, --folder those below src/FOLDER; after so many minutes no other is begun. --alone tries what cannot be switched, and nothing
+else. --learn has the protocol tests that hold one of these texts run for what they come to, beside those of the agent ("": all); --skip
+leaves some out. What survives without any test that comes to it counts as not tried unless all are known. --survivors tries those that
+survived again.
 What does not compile is not counted. Survivors stand in the report with what was changed; those that cannot be seen from outside are in
 mutants.txt beside this file, with the reason. Prints the share that was killed. As root, with python3-clang-14.
 
@@ -27,6 +29,7 @@ import random
 import sys
 import threading
 import time
+from collections import Counter
 
 from mutants import excuses, mutants
 from mutate_build import UNDER, Build
@@ -34,10 +37,11 @@ from mutate_results import Results, keyed
 from mutate_tests import Reach, Server, Tester
 
 # Tests of the client, and those that take long for what they look at, are learnt of where they are asked for only.
-OTHERS = tuple(f"tests/protocol/test_{name}" for name in ("ctl_", "metrics_rules", "pipes", "description", "attempts", "budget", "backup_status",
-                                                   "files_fence"))
-UNITS = ("account", "atomic_file", "backup", "budget", "files", "ids", "json", "postgres_protocol", "quotas", "readiness", "run", "run_too_long",
-         "security", "system", "tree", "trust", "usage")
+OTHERS = tuple(f"tests/protocol/test_{name}" for name in ("ctl_", "metrics_rules", "pipes", "description", "attempts", "budget",
+                                                           "backup_status", "files_fence"))
+UNITS = ("account", "atomic_file", "backup", "budget", "files", "ids", "json", "postgres_protocol", "quotas", "readiness", "run",
+         "run_too_long", "security", "system", "tree", "trust", "usage")
+MOST = 10  # a mutant to which more than one in so many tests come is tried last
 PROGRAMS = ("corv-agent", "corv-agent-short", *(f"test_{name}" for name in UNITS))
 KINDS = ("unit", "protocol", "too long", "build", "", "excused")
 
@@ -93,7 +97,7 @@ class Run:
         self.seconds = 0
         self._lock = threading.Lock()
 
-    def _alone(self, number, tester, killers):
+    def _alone(self, number, tester, killers, kills):
         """Tries one that is in no program, in a build of its own."""
         if not self.build.compiles(number):
             return "build"
@@ -102,7 +106,7 @@ class Run:
             if not self.build.make(PROGRAMS, jobs=self.given.jobs):
                 return "build"
             tester.server.restart()
-            return tester.test(number, killers, self.given.budget, reached=tester.reach.near(number))
+            return tester.test(number, killers, kills, self.given.budget, reached=tester.reach.near(number))
         finally:
             self.build.replace(0)
 
@@ -110,14 +114,16 @@ class Run:
         source, at, line, other = mutant
         began = time.monotonic()
         with self._lock:
-            killers = self.results.killers(source, at)
+            killers, kills = self.results.killers(source, at), Counter(self.results.kills)
         alone = number in self.build.alone
-        by = self._alone(number, tester, killers) if alone else tester.test(number, killers, self.given.budget)
+        by = self._alone(number, tester, killers, kills) if alone else tester.test(number, killers, kills, self.given.budget)
         took = time.monotonic() - began
         text = (source, line.strip(), other.strip())
         with self._lock:
             self.seconds += took
-            self.results.keep(key, at, by, tester.failed, took, self.given.budget, tester.left)
+            # Among tests that nothing is known of may be one that comes to it.
+            unknown = number not in tester.reach.by_number and self.given.learn != [""]
+            self.results.keep(key, at, by, tester.failed, took, self.given.budget, tester.left + unknown)
             if not by and text in self.excused:
                 self.excused.remove(text)
                 by = "excused"
@@ -172,12 +178,15 @@ def main():
         sys.exit(f"the tree cannot be built with its mutants, see {build.log}")
     chosen = [one for one in chosen if (one[0] in build.alone) == given.alone]
     # Only one build can be changed for one mutant.
-    servers = [Server(build, number) for number in range(1 if given.alone else given.workers)]
+    wanted = lambda path: concerns(path, given)  # noqa: E731
+    servers = [Server(build, number, wanted) for number in range(1 if given.alone else given.workers)]
     try:
         reach = Reach(build)
         reach.learn_units()
-        reach.learn(servers, lambda test: concerns(test, given))
+        reach.learn(servers, wanted)
         run = Run(given, results, build)
+        # What nearly all tests come to, such as what is made at each start, takes longest: it comes last.
+        chosen.sort(key=lambda one: len(reach.by_number.get(one[0], ())) > len(reach.tests) // MOST)
         testers = [Tester(build, server, reach, number) for number, server in enumerate(servers)]
         run.all(chosen, testers)
         print(run.told())

@@ -4,9 +4,7 @@ import concurrent.futures
 import hashlib
 import json
 import os
-import re
 import shlex
-import shutil
 import subprocess
 import sys
 import threading
@@ -160,6 +158,8 @@ class Build:
             if not switched.refused(told, str(trial)):
                 print(f"no mutant of {original} can be switched: {told[:600]}", flush=True)
                 switched.alone.update(number for number, *_ in mine)
+        else:
+            sys.exit(f"the compiler goes on to refuse {original} with switches: {told[:600]}")
         trial.unlink()
         print(f"{original.relative_to(TREE)}: {len(mine)} mutants, {len(switched.alone)} of them not switched", flush=True)
         return {"text": switched.write().decode(), "alone": sorted(switched.alone)}

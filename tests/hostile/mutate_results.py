@@ -1,10 +1,11 @@
 #!/usr/bin/python3
 """What became of mutants, kept from one run to the next, and known again as long as a mutant's line has not changed, wherever it is now.
 
-Each that was tried adds a line of JSON to a file of the cache folder. `mutate_results.py --write` puts what is known of the sources
-as they are now into mutants.tried beside this file, so that a machine whose cache is empty goes on from there. In it is a line for each source and outcome: the
-source, the outcome (killed, survived, refused by the compiler), then for each commit at which that was found the commit and, behind a
-colon, the mutants' hashes of six digits each. mutate_results.py [FOLDER] prints what is known, with the survivors.
+Each that was tried adds a line of JSON to a file of the cache folder. `mutate_results.py --write` puts what is known of the sources as
+they are now into mutants.tried beside this file, so that a machine whose cache is empty goes on from there. In it is a line for each
+source and outcome: the source, the outcome (killed, survived, refused by the compiler), then for each commit at which that was found the
+commit and, behind a colon, the mutants' hashes of six digits each. A survivor counts when all tests that come to it have been tried.
+mutate_results.py [FOLDER] prints what is known, with the survivors.
 """
 
 import hashlib
@@ -62,13 +63,15 @@ class Results:
 
     def __init__(self, path=KEPT):
         self._path = path
-        self._commit = subprocess.run(["git", "rev-parse", "--short", "HEAD"], cwd=TREE, capture_output=True, text=True,
-                                      check=True).stdout.strip()
+        # The one that last changed what is tried: it stays when commits of other things are put on others.
+        self._commit = subprocess.run(["git", "log", "-1", "--format=%h", "--", "src/agent", "src/common"], cwd=TREE, capture_output=True,
+                                      text=True, check=True).stdout.strip()
         lines = path.read_text().splitlines() if path.exists() else []
         self._tried = read_tried()
         self._known = {}
         for entry in map(json.loads, lines):
             self._known[tuple(entry["key"])] = entry
+        self.kills = Counter(entry["test"] for entry in self._known.values() if "::" in entry.get("test", ""))
 
     def entry(self, key):
         """What is known of a mutant: the cache's newest word, else the tree's; nothing where it has not been tried."""
@@ -84,11 +87,18 @@ class Results:
         entry = self.entry(key)
         return entry is None or (entry["by"] == "" and entry.get("left", 0) > 0 and entry["budget"] < budget)
 
+    def decided(self, key):
+        """What is known of a mutant, but for a survivor that has not been tried with all tests that come to it."""
+        entry = self.entry(key)
+        return None if entry and entry["by"] == "" and entry.get("left", 0) > 0 else entry
+
     def keep(self, key, at, by, test, seconds, budget, left):
         """Notes what became of one, which test failed first, and how many tests the budget left untried."""
         entry = {"key": list(key), "by": by, "test": test, "seconds": round(seconds, 1), "commit": self._commit, "line": at,
                  "budget": budget, "left": left}
         self._known[key] = entry
+        if "::" in test:
+            self.kills[test] += 1
         self._path.parent.mkdir(parents=True, exist_ok=True)
         with self._path.open("a") as file:
             file.write(json.dumps(entry) + "\n")
@@ -105,7 +115,7 @@ def write(results, path=TRIED):
     """Puts all that is known of the sources as they are into the tree's list."""
     found, hashes = {}, set()
     for key, (source, *_) in keyed(mutants()):
-        entry = results.entry(key)
+        entry = results.decided(key)
         if (source, short(key)) in hashes:
             sys.exit(f"two mutants of {source} have the hash {short(key)}: more digits are needed")
         hashes.add((source, short(key)))
@@ -127,7 +137,7 @@ def main():
     for key, (source, number, line, other) in keyed(mutants()):
         if not source.startswith(folder):
             continue
-        entry = results.entry(key)
+        entry = results.decided(key)
         mutant = (source, line.strip(), other.strip())
         kind = outcome(entry["by"]) if entry else "not tried"
         if kind == "survived" and mutant in excused:

@@ -11,6 +11,7 @@ import shutil
 import subprocess
 import threading
 import time
+from collections import Counter
 from pathlib import Path
 
 from mutate_build import UNDER, TooLong, run
@@ -40,8 +41,11 @@ NOTED = ('mkdir -p /opt; head -c "$2" /dev/zero > /opt/reached; chmod 666 /opt/r
 class Server:
     """warm.py, which tries protocol tests."""
 
-    def __init__(self, build, number=0):
+    def __init__(self, build, number, wanted):
+        """`wanted` tells of a path of tests whether they are to be read."""
         self._build, self._number = build, number
+        self._files = [str(path.relative_to(build.tree)) for path in sorted((build.tree / PROTOCOL).glob("test_*.py"))
+                       if wanted(str(path.relative_to(build.tree)))]
         self._start()
 
     def _start(self):
@@ -49,7 +53,8 @@ class Server:
         env.pop("CORV_AGENT_SHORT", None)
         script = Path(__file__).with_name("warm.py")
         self._log = self._build.where / f"protocol{os.getpid()}-{self._number}.log"
-        self._process = subprocess.Popen([*UNDER, "/usr/bin/python3", script, self._build.tree, self._log],
+        self._process = subprocess.Popen([*UNDER, "/usr/bin/python3", script, self._build.tree, self._log,
+                                          *self._files],
                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=env,
                                          start_new_session=True)
         self._tests = None
@@ -97,7 +102,14 @@ class Reach:
     def _of(self):
         return self._build.digest()
 
+    def here(self, test, source):
+        """How many of the source's mutants a test comes to."""
+        if test not in self._here:
+            self._here[test] = Counter(self._build.mutants[number - 1][0] for number in self.tests[test][0])
+        return self._here[test][source]
+
     def _index(self):
+        self._here = {}
         self.by_number = {}
         for test, (numbers, _) in self.tests.items():
             for number in numbers:
@@ -126,8 +138,7 @@ class Reach:
         """Runs the protocol tests of the files that have not been, on all servers at a time."""
         files = {}
         for test in servers[0].tests:
-            # A backslash in a test's name does not come through pytest's command line.
-            if wanted(test) and test not in self.tests and "\\" not in test:
+            if wanted(test) and test not in self.tests:
                 files.setdefault(test.split("::")[0], []).append(test)
         batches = queue.SimpleQueue()
         for name, tests in sorted(files.items()):
@@ -196,9 +207,10 @@ class Tester:
         self.failed = self.server.ask(number, tests, 30 + 4 * seconds)["failed"]
         return bool(self.failed)
 
-    def test(self, number, killers, budget, reached=None):
+    def test(self, number, killers, kills, budget, reached=None):
         """What kills the mutant: "unit", "protocol", "too long" or nothing. `killers` are protocol tests to begin with where they come to
-        it; no more tests are tried than take `budget` seconds, and `left` says how many were not."""
+        it, `kills` how many mutants each test killed; no more tests are tried than take `budget` seconds, and `left` says how many
+        were not."""
         self.failed, self.left = "", 0
         every = self.reach.by_number.get(reached or number, [])
         units = sorted((test for test in every if not test.startswith(PROTOCOL)), key=lambda test: self.reach.tests[test][1])
@@ -213,9 +225,7 @@ class Tester:
         first = [test for test in dict.fromkeys(killers) if test in protocol][:FIRST]
         if first and self._protocol(number, first):
             return self._protocol_end()
-        # A test that comes to little else is the likeliest to look at it.
-        cost = lambda test: len(self.reach.tests[test][0]) * max(0.2, self.reach.tests[test][1])  # noqa: E731
-        rest = sorted((test for test in protocol if test not in first), key=cost)
+        rest = self._in_order(protocol - set(first), self.build.mutants[number - 1][0], kills)
         slow = [unit for unit in units if unit not in quick]
         for batch in self._within(rest, slow, budget):
             if batch[0].startswith(PROTOCOL):
@@ -224,6 +234,15 @@ class Tester:
             elif self._units(number, batch):
                 return "unit"
         return ""
+
+    def _in_order(self, tests, source, kills):
+        """The likeliest to look at the source first: by turns one that killed much, one that comes to much of it, one that comes
+        to little else."""
+        seconds = lambda test: max(0.2, self.reach.tests[test][1])  # noqa: E731
+        deadly = sorted(tests, key=lambda test: -kills[test] / seconds(test))
+        much = sorted(tests, key=lambda test: (-self.reach.here(test, source), seconds(test)))
+        little = sorted(tests, key=lambda test: seconds(test) * len(self.reach.tests[test][0]) / (1 + self.reach.here(test, source)))
+        return list(dict.fromkeys(test for some in zip(deadly, much, little) for test in some))
 
     def _protocol_end(self):
         return "too long" if self.failed == "too long" else "protocol"

@@ -6,8 +6,7 @@ smallest statement or expression that it changes: `if (corvMutant(7)) { a != b; 
 """
 
 import re
-import shlex
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 
 from clang.cindex import Config, CursorKind, Index
 
@@ -59,7 +58,6 @@ class Slot:
     end: int
     statement: bool
     chained: bool = False
-    inside: list = field(default_factory=list)
 
 
 def changed(line, other):
@@ -123,7 +121,6 @@ def slots(path, flags):
     for cursor in unit.cursor.get_children():
         if cursor.location.file is not None and cursor.location.file.name == str(path):
             walk(cursor, False)
-    # The last statement of a loop or branch that has no semicolon of its own is none.
     return sorted(found.values(), key=lambda slot: (slot.begin, -slot.end, not slot.statement)), constants
 
 
@@ -227,12 +224,10 @@ class Switched:
         starts = [0]
         for line in self._written.split(b"\n"):
             starts.append(starts[-1] + len(line) + 1)
-        blamed, is_known = set(), True
+        blamed = set()
         for found in re.finditer(rf"^{re.escape(name)}:(\d+):(\d+):\s+(error: (.*)|required from here)$", told, re.MULTILINE):
             place = starts[int(found[1]) - 1] + int(found[2]) - 1
-            blamed_here = self._blame(place, found[4] or "")
-            blamed |= blamed_here
-            is_known = is_known and bool(blamed_here)
+            blamed |= self._blame(place, found[4] or "")
         for number in blamed:
             self._way[number] += 1
             if self._way[number] >= len(self._ways[number]):

@@ -1,8 +1,9 @@
-"""Tries tests on a mutant without starting anew: a process that knows pytest, all protocol tests and their ground, and is forked for each.
+"""Tries tests on a mutant without starting anew: a process that has read the protocol tests and made their ground, and is forked for each.
 
-Run by mutate.py: each line of its input is {"number": which mutant, "tests": [...], "patience": seconds}, each of its output what came
-of it: {"failed": the test, "seconds": ...}, with "too long" as the test where the time was over. With "size", how many switches there are, the
-answer also tells for each test which of them it asked for, how long it took, and all that failed. The first line names all tests.
+Run by mutate.py with the tree, a log and the tests' files: each line of its input is {"number": which mutant, "tests": [...], "patience":
+seconds}, each of its output what came of it: {"failed": the test, "seconds": ...}, with "too long" as the test where the time was over.
+With "size", how many switches there are, the answer also tells for each test which of them it asked for, how long it took, and all that
+failed. The first line names all tests.
 """
 
 import contextlib
@@ -25,13 +26,17 @@ REACHED = "opt/reached"  # below a sandbox's root
 class Notes:
     """What a run of pytest tells: the first failure; where it is asked for, how long each test took and which switches it asked for."""
 
-    def __init__(self, size):
+    def __init__(self, tests, size):
+        self.order = {test: at for at, test in enumerate(tests)}
         self.failed = ""
         self.all = []
         self.size = size
         self.reach = {}
         self.took = {}
         self._now = None
+
+    def pytest_collection_modifyitems(self, items):
+        items[:] = sorted((item for item in items if item.nodeid in self.order), key=lambda item: self.order[item.nodeid])
 
     def pytest_runtest_logstart(self, nodeid):
         self._now = nodeid
@@ -78,13 +83,13 @@ def patch(path, number):
             file.write(number.to_bytes(4, "little"))
 
 
-def prepared(tree):
-    """The ground that all share, with every program of the build in it; and pytest with all tests imported."""
+def prepared(tree, files):
+    """The ground that all share, with every program of the build in it; and pytest with the files of tests imported."""
     os.chdir(tree)
     sys.path.insert(0, str(tree / "tests/protocol"))
     known = Collected()
     with contextlib.redirect_stdout(sys.stderr):
-        pytest.main(["-q", "--collect-only", "-p", "no:cacheprovider", "tests/protocol"], plugins=[known])
+        pytest.main(["-q", "--collect-only", "-p", "no:cacheprovider", *files], plugins=[known])
     import ground
     import sandbox
 
@@ -102,7 +107,7 @@ def prepared(tree):
 
 def attempt(common, sandbox, request, log):
     """In a child: runs the tests and returns what is told of them."""
-    notes = Notes(request.get("size", 0))
+    notes = Notes(request["tests"], request.get("size", 0))
     ground_module = sys.modules["ground"]
     # Mounts end with this process.
     ground_module._libc.unshare(ground_module._CLONE_NEWNS)
@@ -121,7 +126,9 @@ def attempt(common, sandbox, request, log):
     os.dup2(log, 1)
     os.dup2(log, 2)
     stop = [] if notes.size else ["-x"]
-    code = pytest.main(["-q", *stop, "-p", "no:cacheprovider", "--tb=short", *request["tests"]], plugins=[notes])
+    # A backslash in a test's name does not come through the command line: its file is read instead.
+    wanted = dict.fromkeys(test.split("::")[0] if "\\" in test else test for test in request["tests"])
+    code = pytest.main(["-q", *stop, "-p", "no:cacheprovider", "--tb=short", *wanted], plugins=[notes])
     if code not in (0, 1) and not notes.failed:
         notes.failed = f"pytest ended with {int(code)}"
     answer = {"failed": notes.failed}
@@ -132,8 +139,8 @@ def attempt(common, sandbox, request, log):
     return answer
 
 
-def serve(tree, log_path):
-    common, sandbox, tests = prepared(tree)
+def serve(tree, log_path, files):
+    common, sandbox, tests = prepared(tree, files)
     known = {path.name for path in common.base.iterdir()}
     print(json.dumps({"tests": tests}), flush=True)
     for line in sys.stdin:
@@ -186,4 +193,4 @@ def answer_of(reading, child, patience):
 
 
 if __name__ == "__main__":
-    serve(Path(sys.argv[1]), sys.argv[2])
+    serve(Path(sys.argv[1]), sys.argv[2], sys.argv[3:])

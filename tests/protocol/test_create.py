@@ -311,6 +311,15 @@ def test_links_behind_a_linked_home_are_the_homes_own(sandbox):
     assert refusal(sandbox) == "/home/alice already exists and holds links"
 
 
+def test_a_link_that_comes_while_the_home_is_handed_over_is_refused(sandbox):
+    # The account's own processes can swap a folder as soon as the home is theirs.
+    sandbox.answer("chown", "alice:alice", "-R", HOME, shell=f"rmdir {HOME}/logs && ln -s /etc {HOME}/logs")
+    before = sandbox.entry("/etc")
+    assert create(sandbox) == {"ok": False, "error": "/home/alice already exists and holds links"}
+    assert not sandbox.has_user("alice")
+    assert sandbox.entry("/etc") == before
+
+
 def test_plain_left_over_home_is_taken_over(sandbox):
     sandbox.write(HOME + "/public_html/old.html", "old", mode=0o600, owner="nobody:nogroup")
     sandbox.write(PAGE, "a much longer page than the new one " * 20, mode=0o600, owner="nobody:nogroup")

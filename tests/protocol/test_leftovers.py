@@ -102,6 +102,16 @@ def test_an_id_that_was_given_out_again_is_refused(sandbox):
     assert not sandbox.has_user("alice") and not sandbox.exists("/home/alice")
 
 
+def test_a_group_id_that_was_given_out_again_is_refused(sandbox):
+    create(sandbox)
+    delete(sandbox)
+    sandbox.path("/etc/login.defs").unlink()
+    for name in ("1000.user", "corv-gone-1000.user"):
+        sandbox.path(f"/etc/userdb/{name}").unlink()
+    assert create(sandbox) == {"ok": False, "error": "useradd gave 'alice' the group id 1000 of a deleted account"}
+    assert not sandbox.has_user("alice") and not sandbox.exists("/home/alice")
+
+
 def test_a_user_that_cannot_be_removed_goes_on_under_its_name(alice):
     alice.answer("userdel", exit=8, err="in use")
     assert delete(alice)["error"] == "userdel failed: in use"
