@@ -115,7 +115,7 @@ QString printable(const QString &name)
         case QChar::Other_Format:
         case QChar::Separator_Line:
         case QChar::Separator_Paragraph:
-            text.append(u"\\u%1"_s.arg(c.unicode(), 4, 16, QChar(u'0')));
+            text.append(u"\\u%1"_s.arg(static_cast<uint>(c.unicode()), 4, 16, QChar(u'0')));
             break;
         default:
             text.append(c);

@@ -12,6 +12,7 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QLocale>
+#include <QTimeZone>
 
 #include <algorithm>
 
@@ -167,7 +168,7 @@ std::optional<qint64> parseEnd(const QByteArray &output)
     if (!text.startsWith("notAfter="_L1) || !text.endsWith(" GMT"_L1))
         return {};
     QDateTime end = QLocale::c().toDateTime(text.mid(9).chopped(4), u"MMM d HH:mm:ss yyyy"_s);
-    end.setTimeSpec(Qt::UTC);
+    end.setTimeZone(QTimeZone::utc());
     return end.isValid() ? std::optional(end.toSecsSinceEpoch()) : std::nullopt;
 }
 

@@ -176,8 +176,10 @@ QString endForwarding(const QString &account)
     // One that was edited has no mark that is known; that Apache runs is all that can be seen then.
     const Forward before = own == all.cend() ? Forward() : *own;
     change.isInForce = [&before] {
-        return before.domain.isEmpty() ? visit({{kHere, 80, u"localhost"_s}}, kMarkMs).constFirst().status != 0
-                                       : !isServed(before) && ask(kHere, before, "/", kMarkMs).status != 0;
+        if (!before.domain.isEmpty())
+            return !isServed(before) && ask(kHere, before, "/", kMarkMs).status != 0;
+        const QList<Visited> answers = visit({{kHere, 80, u"localhost"_s}}, kMarkMs);
+        return answers.constFirst().status != 0;
     };
     change.isLast = all.size() <= (own == all.cend() ? 0 : 1);
     return changeApache(change);

@@ -102,7 +102,7 @@ QStringList retentionIn(const QString &text, QString *problem)
         if (isRule)
             continue;
         *problem = u"the setting retention has '%1', which is no rule of restic's for what to keep"_s.arg(
-            QStringList(words.mid(i, 2)).join(u' '));
+            words.mid(i, 2).join(u' '));
         return {};
     }
     return words;
