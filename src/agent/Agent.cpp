@@ -222,7 +222,7 @@ void Agent::admit(Fd client)
     const qint64 uid = peerUid(client.get());
     const bool isAllowed = uid == 0 || uid == m_allowedUid || uid == ::getuid();
     if (uid < 0 || !isAllowed || (uid != 0 && m_budget.clientsOf(static_cast<quint32>(uid)) >= m_places)) {
-        qWarning("agent: refused connection from uid %ld", static_cast<long>(uid));
+        qWarning("agent: refused connection from uid %lld", static_cast<long long>(uid));
         return;
     }
 

@@ -79,7 +79,7 @@ Proof parseProof(const QByteArray &json)
     Proof proof;
     proof.base = object.value("base"_L1).toString();
     proof.fullAt = object.value("fullAt"_L1).toInteger();
-    proof.tried = object.value("tried"_L1).toInteger();
+    proof.tried = static_cast<qsizetype>(object.value("tried"_L1).toInteger());
     proof.others.any = object.value("anyOthers"_L1).toBool();
     for (const QJsonValue name : object.value("others"_L1).toArray())
         proof.others.names.insert(name.toString());

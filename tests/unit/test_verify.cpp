@@ -205,6 +205,19 @@ private Q_SLOTS:
         QCOMPARE(databaseInDump(other), std::nullopt);
     }
 
+    void readsTheNameInADumpOfWideNumbers()
+    {
+        const QByteArray zero(9, '\0');
+        const QByteArray beginning = QByteArray::fromHex("5047444d50010e00080801") + zero.repeated(8);
+        const QByteArray four = QByteArray::fromHex("000400000000000000");
+        QCOMPARE(databaseInDump(beginning + four + "shop"), QByteArray("shop"));
+        // The least and the greatest number that there is, which has no counterpart of the other sign.
+        QCOMPARE(databaseInDump(beginning + QByteArray::fromHex("010000000000000080") + "shop"), std::nullopt);
+        QCOMPARE(databaseInDump(beginning + QByteArray::fromHex("00ffffffffffffff7f") + "shop"), std::nullopt);
+        // What 32 bits would take for four.
+        QCOMPARE(databaseInDump(beginning + QByteArray::fromHex("000400000001000000") + "shop"), std::nullopt);
+    }
+
     // What a proof counts.
 
     void countsTheRowsOfADump_data()

@@ -43,8 +43,10 @@ bool MessageScanner::begin()
     m_body.clear();
     m_isTyped = true;
     m_isInBody = true;
+    if (length < kLengthSize)
+        return false;
     m_rest = length - kLengthSize;
-    return m_rest >= 0;
+    return true;
 }
 
 bool MessageScanner::take(const char *data, qsizetype size, const Seen &seen)

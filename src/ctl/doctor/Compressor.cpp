@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kToolMs = 30'000;
 constexpr int kTrialMs = 30'000;
-constexpr qsizetype kTrialBytes = 16'777'216;
+constexpr qint64 kTrialBytes = 16'777'216;
 // A home is read from a disk, by tar, on a server that serves: beside what the compressor does alone.
 constexpr qint64 kShare = 2;
 const QStringList kUnits = {u"corv-agent.service"_s, u"corv-backup.service"_s};

@@ -45,7 +45,7 @@ std::optional<QByteArray> secretIn(const QString &path, QString *problem)
         *problem = u"%1 is not root's alone: chown root %1; chmod 600 %1"_s.arg(path);
         return {};
     }
-    QByteArray content(status.st_size, '\0');
+    QByteArray content(static_cast<qsizetype>(status.st_size), '\0');
     const ssize_t count = ::read(file.get(), content.data(), static_cast<size_t>(content.size()));
     return content.left(std::max<ssize_t>(count, 0));
 }

@@ -41,7 +41,7 @@ Fd newNotes()
 QByteArray endOf(const Fd &notes)
 {
     const off_t size = ::lseek(notes.get(), 0, SEEK_END);
-    QByteArray text(std::min<qint64>(size, kKeptWords), '\0');
+    QByteArray text(static_cast<qsizetype>(std::min<qint64>(size, kKeptWords)), '\0');
     const ssize_t count =
         ::pread(notes.get(), text.data(), static_cast<size_t>(text.size()), std::max<off_t>(size - text.size(), 0));
     return text.left(std::max<ssize_t>(count, 0));

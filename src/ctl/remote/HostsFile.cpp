@@ -33,7 +33,7 @@ QByteArray readHosts(const char *path, QString *problem)
         *problem = u"%1 is no file of hosts"_s.arg(QString::fromUtf8(path));
         return {};
     }
-    QByteArray text(status.st_size, '\0');
+    QByteArray text(static_cast<qsizetype>(status.st_size), '\0');
     const ssize_t count = ::read(file.get(), text.data(), static_cast<size_t>(text.size()));
     text.truncate(std::max<ssize_t>(count, 0));
     return text;

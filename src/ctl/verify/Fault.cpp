@@ -70,7 +70,7 @@ public:
         quint64 value = 0;
         for (int i = 0; i < size; ++i)
             value |= static_cast<quint64>(byte()) << (8 * i);
-        return sign == 0 ? static_cast<qint64>(value) : -static_cast<qint64>(value);
+        return sign == 0 ? static_cast<qint64>(value) : static_cast<qint64>(0 - value);
     }
 
     std::optional<QByteArray> text(int size)
@@ -78,8 +78,8 @@ public:
         const std::optional<qint64> length = number(size);
         if (!length || *length < 0 || *length > m_bytes.size() - m_at)
             return {};
-        const QByteArray found = m_bytes.mid(m_at, *length);
-        m_at += *length;
+        const QByteArray found = m_bytes.mid(m_at, static_cast<qsizetype>(*length));
+        m_at += found.size();
         return found;
     }
 
