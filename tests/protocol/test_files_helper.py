@@ -141,7 +141,11 @@ def test_mode_is_nine_bits(files, mode):
 
 @pytest.mark.parametrize("when", [0, 1, -1, 2**31, 2**32 + 5, 10_000_000_000])
 def test_time_is_in_whole_seconds(files, when):
-    os.utime(files.write("logs/a"), (0, when))
+    path = files.write("logs/a")
+    try:
+        os.utime(path, (0, when))
+    except OverflowError:
+        pytest.skip("this Python's own times have 32 bits, and cannot be set to that")
     assert files.direct("list", "logs")["entries"][0]["mtime"] == when
 
 
