@@ -10,7 +10,7 @@ cache=${CORV_CACHE:-/var/cache/corv-agent-dev}
 release=$(. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
 
 # What a machine needs to build the agent and run its unit tests.
-build_packages=(apache2-dev build-essential cmake libcli11-dev ninja-build python3 qt6-base-dev)
+build_packages=(apache2-dev build-essential cmake libcli11-dev ninja-build postgresql-client python3 qt6-base-dev)
 
 # step TEXT: says what starts now, with the seconds since the script began.
 step() {
