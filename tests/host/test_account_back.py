@@ -20,7 +20,7 @@ from moves import (  # noqa: F401 (pytest finds two of them here)
     record,
     words,
 )
-from shops import everything, make_shop, page
+from shops import but_for_logs, everything, make_shop, page
 
 LIMIT = 400
 BACK = "--back"
@@ -56,11 +56,6 @@ def change(host, shop):
 
 
 WELL = (200, "1990 orders, \n")
-
-
-def but_for_logs(lines):
-    """A visitor whose query the switch ends leaves a line there, after it was looked at."""
-    return [line for line in lines if "./logs" not in line]
 
 
 def comes_back(old, new, shop, before):

@@ -6,7 +6,7 @@ import re
 import pytest
 from booted import SUITE
 from moves import HOST, Watch, is_suspended, move, reaching, record
-from shops import everything, make_shop, page
+from shops import but_for_logs, everything, make_shop, page
 
 LIMIT = 400
 pytestmark = [pytest.mark.core, pytest.mark.skipif(SUITE == "bookworm", reason="it takes hosts of both releases: once is enough")]
@@ -37,7 +37,8 @@ def account(old, new):
 
 def all_but_the_dumps_manners(host, shop):
     """As everything, without what a newer pg_dump says of itself and of the session that will load it, or says otherwise."""
-    lines = [re.sub("^ALTER (SEQUENCE|VIEW) ", "ALTER TABLE ", line).replace(" orders.", " ") for line in everything(host, shop.name)]
+    lines = [re.sub("^ALTER (SEQUENCE|VIEW) ", "ALTER TABLE ", line).replace(" orders.", " ")
+             for line in but_for_logs(everything(host, shop.name))]
     return [line for line in lines if line and not re.match("--|SET [a-z_]+ = |SELECT pg_catalog.set_config", line)]
 
 
