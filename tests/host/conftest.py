@@ -1,6 +1,8 @@
 """One host for the whole run, with the package installed; tests keep out of each other's way by accounts of their own."""
 
 import os
+import pathlib
+import subprocess
 
 import pytest
 from booted import (  # noqa: F401 (pytest finds them here)
@@ -15,6 +17,9 @@ from booted import (  # noqa: F401 (pytest finds them here)
     time_limit,
 )
 
+HERE = pathlib.Path(__file__).parent
+SHARE = 4
+
 
 def pytest_addoption(parser):
     parser.addoption("--long", action="store_true", help="also what takes minutes each: an upgrade of Debian, and what the marker names")
@@ -23,13 +28,32 @@ def pytest_addoption(parser):
 def pytest_configure(config):
     if os.geteuid() != 0:
         raise pytest.UsageError("the host floor boots hosts: run it as root")
-    config.addinivalue_line("markers", "core: tried on every release, with -m core; all others on Debian 12 alone")
+    config.addinivalue_line("markers", "core: tried in every run on every release, with -m core; others on Debian 12 alone, when their turn comes")
+    config.addinivalue_line("markers", "each: tried in every run, on Debian 12 alone")
     config.addinivalue_line("markers", "long: tried with --long alone, since others show most of the same in less time")
+
+
+def turn():
+    """The files whose turn it is with the commit that is checked out: one in SHARE, others with the next commit."""
+    commit = subprocess.run(["git", "rev-parse", "HEAD"], cwd=HERE, capture_output=True, text=True, check=False).stdout.strip()
+    return sorted(path.name for path in HERE.glob("test_*.py"))[int(commit or "0", 16) % SHARE::SHARE]
+
+
+def is_whole(config):
+    """Whether the whole floor was asked for, and not some files of it."""
+    return [pathlib.Path(argument).resolve() for argument in config.args] == [HERE]
+
+
+def pytest_report_header(config):
+    return f"beside the core: {' '.join(turn())}" if is_whole(config) and not config.getoption("--long") else None
 
 
 def pytest_collection_modifyitems(config, items):
     if config.getoption("--long"):
         return
-    late = [item for item in items if item.get_closest_marker("long")]
+    files = turn() if is_whole(config) else None
+    late = [item for item in items if item.get_closest_marker("long")
+            or files is not None and item.path.name not in files
+            and not (item.get_closest_marker("core") or item.get_closest_marker("each"))]
     config.hook.pytest_deselected(items=late)
     items[:] = [item for item in items if item not in late]

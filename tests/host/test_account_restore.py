@@ -67,6 +67,7 @@ def test_one_that_the_panel_deleted_is_back_too(host, shop):
     is_as_it_was(host, shop, before)
 
 
+@pytest.mark.each
 def test_one_is_back_from_a_backup(host, shop):
     before = everything(host, shop.name)
     host.ok(["corvctl", "backup", "start", "--wait"])

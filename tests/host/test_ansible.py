@@ -388,6 +388,7 @@ def test_a_line_that_corvctl_refuses_is_no_host(collection, line, problem):
     assert str(raised.value) == f"line 2: {problem}"
 
 
+@pytest.mark.each
 def test_everything_is_documented(collection):
     plugins = [("module", name) for name in MODULES] + [("inventory", "hosts")]
     assert sorted(file.stem for file in (collection.collection / "plugins/modules").iterdir()) == sorted(MODULES)
@@ -406,6 +407,7 @@ def test_everything_is_documented(collection):
         assert all(option["description"] and f"\n{name}:" in defaults for name, option in options.items()), role
 
 
+@pytest.mark.each
 def test_the_checks_for_collections_find_nothing(collection):
     for check in ("compile", "line-endings", "no-smart-quotes", "shebang", "use-argspec-type-path"):
         done = collection.run("ansible-test", "sanity", "--test", check, "--python", "default", folder=collection.collection)
@@ -420,6 +422,7 @@ def validated(collection, *paths):
     return {path: [error["msg"] for error in found["errors"]] for path, found in json.loads(done.stdout).items()}
 
 
+@pytest.mark.each
 def test_the_modules_are_what_their_documentation_says(collection):
     paths = [f"plugins/modules/{name}.py" for name in MODULES]
     # The collection has the licence of all that is beside it.

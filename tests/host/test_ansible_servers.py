@@ -99,6 +99,7 @@ SHOP = [{"corvane.server.account": {"name": "twoshop", "domain": "shop.{{ 'a' if
         {"corvane.server.firewall_rule": {"port": 5001}}]
 
 
+@pytest.mark.each
 def test_one_list_of_tasks_changes_two_servers_and_then_nothing(two):
     hosts, controller = two
     book = controller.book({"tasks": SHOP})
