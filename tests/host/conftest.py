@@ -4,6 +4,7 @@ import os
 import pathlib
 import subprocess
 
+import booted
 import pytest
 from booted import (  # noqa: F401 (pytest finds them here)
     account,
@@ -12,7 +13,6 @@ from booted import (  # noqa: F401 (pytest finds them here)
     hosts_of_one_module,
     package,
     pytest_runtest_makereport,
-    pytest_terminal_summary,
     running_host,
     time_limit,
 )
@@ -44,8 +44,10 @@ def is_whole(config):
     return [pathlib.Path(argument).resolve() for argument in config.args] == [HERE]
 
 
-def pytest_report_header(config):
-    return f"beside the core: {' '.join(turn())}" if is_whole(config) and not config.getoption("--long") else None
+def pytest_terminal_summary(terminalreporter, config):
+    booted.pytest_terminal_summary(terminalreporter)
+    if is_whole(config) and not config.getoption("--long"):
+        terminalreporter.write_line(f"beside the core: {' '.join(turn())}")
 
 
 def pytest_collection_modifyitems(config, items):
