@@ -13,8 +13,8 @@ namespace {
 
 const auto kPool = uR"(; Managed by Corvane (account %1). Edits here are overwritten.
 [corv-%1]
-user = %1
-group = %1
+user = %2
+group = %2
 listen = /run/php/corv-%1.sock
 listen.owner = www-data
 listen.group = www-data
@@ -30,11 +30,15 @@ php_admin_value[error_log] = /home/%1/logs/php-error.log
 php_admin_flag[log_errors] = on
 )"_s;
 
+// Names that are a value of another kind in such a file: PHP would run as nobody and end for all accounts ("off"), or
+// as the user with the id 1 ("yes").
+const QStringList kWords = {u"off"_s, u"yes"_s, u"true"_s, u"false"_s, u"none"_s, u"null"_s};
+
 } // namespace
 
 QByteArray pool(const QString &user)
 {
-    return kPool.arg(user).toUtf8();
+    return kPool.arg(user, kWords.contains(user) ? u'"' + user + u'"' : user).toUtf8();
 }
 
 QString poolPath(const QString &php, const QString &user)

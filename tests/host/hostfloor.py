@@ -378,10 +378,13 @@ class Host:
         self._accounts.append((name, f"{name}.example"))
         return name
 
-    def account(self, *, domain=None, ssh_key=None):
-        """Makes an account with a name of its own, which goes away at the test's end. Without `ssh_key` (a `Key`) the host's
-        own key logs in to it."""
-        name = self.free_name()
+    def account(self, *, name=None, domain=None, ssh_key=None):
+        """Makes an account, without `name` with one of its own, which goes away at the test's end. Without `ssh_key` (a `Key`)
+        the host's own key logs in to it."""
+        if name:
+            self._accounts.append((name, domain or f"{name}.example"))
+        else:
+            name = self.free_name()
         if domain:
             self._accounts[-1] = (name, domain)
         key = ssh_key or self.key

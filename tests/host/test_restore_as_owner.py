@@ -223,7 +223,7 @@ def test_live_data_that_was_left_aside_is_not_dropped(host, saved):
     host.ok(["psql", "-qc", f"ALTER DATABASE {name} RENAME TO {name}__old"], user="postgres")
     assert restore(host, account, backup) == {"ok": False, "error": KEPT + (
         f"there is no database {name}, and {name}__old holds its data since a restore that was cut off; bring it back: "
-        f"runuser -u postgres -- psql -c 'ALTER DATABASE {name}__old RENAME TO {name}'")}
+        f"runuser -u postgres -- psql -c 'ALTER DATABASE \"{name}__old\" RENAME TO \"{name}\"'")}
     assert databases(host, account) == ["__old"]
     host.ok(["psql", "-qc", f"ALTER DATABASE {name}__old RENAME TO {name}"], user="postgres")
     assert word(host, account) == "live"

@@ -177,6 +177,13 @@ def test_account_without_a_key_has_no_key_file(sandbox, key):
     assert sandbox.tree(HOME + "/.ssh") == {}
 
 
+@pytest.mark.parametrize("name", ["off", "yes", "true", "false", "none", "null"])
+def test_name_that_is_a_value_of_another_kind_to_php_stays_a_name(sandbox, name):
+    assert sandbox.request("hosting.create", username=name, domain="example.org")["ok"]
+    pool = sandbox.read(f"/etc/php/8.2/fpm/pool.d/corv-{name}.conf").splitlines()
+    assert pool[1:5] == [f"[corv-{name}]", f'user = "{name}"', f'group = "{name}"', f"listen = /run/php/corv-{name}.sock"]
+
+
 def test_account_without_php(sandbox):
     sandbox.php()
     reply = create(sandbox)

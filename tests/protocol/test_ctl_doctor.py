@@ -320,7 +320,7 @@ FAULTS = {
     "account has no database": (
         answer_databases(databases=[{"name": "corvane", "owner": "corv-web", "open": False}]),
         "accounts", "the account alice has no database",
-        "runuser -u postgres -- createdb -O alice alice && runuser -u postgres -- psql -c 'REVOKE ALL ON DATABASE alice FROM "
+        "runuser -u postgres -- createdb -O alice alice && runuser -u postgres -- psql -c 'REVOKE ALL ON DATABASE \"alice\" FROM "
         "PUBLIC'"),
     "account has no role": (
         answer_databases(roles=[{"name": "corv-web", "login": True, "plain": True}]),

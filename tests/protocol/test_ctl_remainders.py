@@ -110,7 +110,7 @@ def half_deleted(sandbox, mode=0o600):
     answer_databases(sandbox, roles=["alice"], databases=[("alice", True)])
 
 
-LIFTED = ["DROP DATABASE alice", "CREATE DATABASE alice OWNER alice", "REVOKE ALL ON DATABASE alice FROM PUBLIC"]
+LIFTED = ['DROP DATABASE "alice"', 'CREATE DATABASE "alice" OWNER "alice"', 'REVOKE ALL ON DATABASE "alice" FROM PUBLIC']
 SHOWN = f"""\
 corvctl: a deletion of alice was cut off while its database was dropped; its archives, 2 B:
 corvctl:   {ARCHIVES}/alice-20260105-031500-home.tar.gz
@@ -171,7 +171,7 @@ def test_an_account_that_is_only_a_user_is_deleted(sandbox):
     code, out, err = delete(sandbox, "--force")
     assert code == 0, err
     sandbox.took("hosting.delete", {"ok": True})
-    assert statements(sandbox) == ["CREATE ROLE alice NOLOGIN", *LIFTED[1:]]
+    assert statements(sandbox) == ['CREATE ROLE "alice" NOLOGIN', *LIFTED[1:]]
     assert err.endswith("corvctl: the account alice has no home, so it cannot be archived\n"
                         "corvctl:   install -d -o alice -g alice -m 0710 /home/alice\n")
     assert not sandbox.has_user("alice")

@@ -292,15 +292,15 @@ private Q_SLOTS:
             return all;
         };
         QCOMPARE(statements(databases()), QStringList());
-        const QStringList make = {u"CREATE DATABASE alice OWNER alice"_s,
-                                  u"REVOKE ALL ON DATABASE alice FROM PUBLIC"_s};
-        QCOMPARE(statements({}), QStringList({u"CREATE ROLE alice NOLOGIN"_s}) + make);
+        const QStringList make = {u"CREATE DATABASE \"alice\" OWNER \"alice\""_s,
+                                  u"REVOKE ALL ON DATABASE \"alice\" FROM PUBLIC"_s};
+        QCOMPARE(statements({}), QStringList({u"CREATE ROLE \"alice\" NOLOGIN"_s}) + make);
         QCOMPARE(statements({150014, {{u"alice"_s}}, {}}), make);
         QCOMPARE(statements({150014, {{u"alice"_s}}, {{u"alice__old"_s, u"alice"_s}}}),
-                 QStringList({u"ALTER DATABASE alice__old RENAME TO alice"_s}));
+                 QStringList({u"ALTER DATABASE \"alice__old\" RENAME TO \"alice\""_s}));
         Databases invalid = databases();
         invalid.databases[0].isInvalid = true;
-        QCOMPARE(statements(invalid), QStringList({u"DROP DATABASE alice"_s}) + make);
+        QCOMPARE(statements(invalid), QStringList({u"DROP DATABASE \"alice\""_s}) + make);
     }
 
     void findsWhatRefusedDeletionsHaveLeft()
@@ -368,7 +368,7 @@ private Q_SLOTS:
                      {u"fault|the account alice has no role in PostgreSQL|runuser -u postgres -- createuser alice && "
                       "corvctl account password alice"_s,
                       u"fault|the account alice has no database|runuser -u postgres -- createdb -O alice alice && "
-                      "runuser -u postgres -- psql -c 'REVOKE ALL ON DATABASE alice FROM PUBLIC'"_s}));
+                      "runuser -u postgres -- psql -c 'REVOKE ALL ON DATABASE \"alice\" FROM PUBLIC'"_s}));
     }
 
     void findsADatabaseOfTheWrongOwnerThatIsOpenToAll()
@@ -379,9 +379,9 @@ private Q_SLOTS:
             asText(checkAccount(whole(), kPhp, all)),
             QStringList(
                 {u"fault|the database of the account alice belongs to postgres, not to alice|runuser -u postgres -- "
-                 "psql -c 'ALTER DATABASE alice OWNER TO alice'"_s,
+                 "psql -c 'ALTER DATABASE \"alice\" OWNER TO \"alice\"'"_s,
                  u"fault|every role may connect to the database of the account alice|runuser -u postgres -- psql -c "
-                 "'REVOKE ALL ON DATABASE alice FROM PUBLIC'"_s}));
+                 "'REVOKE ALL ON DATABASE \"alice\" FROM PUBLIC'"_s}));
     }
 
     void findsTheLiveDatabaseThatARestorePutAside()
@@ -390,8 +390,9 @@ private Q_SLOTS:
         all.databases = {{u"alice__old"_s, u"alice"_s, false}};
         QCOMPARE(
             asText(checkAccount(whole(), kPhp, all)),
-            QStringList({u"fault|the database of the account alice is missing; a restore that was cut off left it as "
-                         "alice__old|runuser -u postgres -- psql -c 'ALTER DATABASE alice__old RENAME TO alice'"_s}));
+            QStringList(
+                {u"fault|the database of the account alice is missing; a restore that was cut off left it as "
+                 "alice__old|runuser -u postgres -- psql -c 'ALTER DATABASE \"alice__old\" RENAME TO \"alice\"'"_s}));
         // Its drop must not be proposed.
         QCOMPARE(asText(checkLeftovers({}, all, {u"alice"_s}, {u"alice"_s})), QStringList());
     }

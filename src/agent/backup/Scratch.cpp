@@ -71,7 +71,7 @@ ELSE 'ready' END)"_s);
         return u"PostgreSQL does not tell which databases there are"_s;
     if (*state == "aside") {
         return u"there is no database %1, and %1__old holds its data since a restore that was cut off; bring it back: "
-               "runuser -u postgres -- psql -c 'ALTER DATABASE %1__old RENAME TO %1'"_s.arg(user);
+               "runuser -u postgres -- psql -c 'ALTER DATABASE \"%1__old\" RENAME TO \"%1\"'"_s.arg(user);
     }
     if (*state == "locked")
         return u"%1 may not log in to PostgreSQL: resume the account first"_s.arg(user);
@@ -146,13 +146,13 @@ QString letOwnerIn(const QString &user, const QByteArray &taken)
     for (int look = 0; look < kLooks; ++look) {
         const std::optional<QByteArray> state = askAbout(socket, user, uR"(SET lock_timeout = '200ms';
 DO $$ DECLARE base name; BEGIN
-FOR base IN SELECT datname FROM pg_database WHERE oid IN (%2) LOOP EXECUTE format('ALTER DATABASE %I OWNER TO %1', base);
+FOR base IN SELECT datname FROM pg_database WHERE oid IN (%2) LOOP EXECUTE format('ALTER DATABASE %I OWNER TO %I', base, '%1');
 END LOOP; END $$; SELECT 'back')"_s.replace("%2"_L1, QString::fromLatin1(taken)));
         if (state == "back")
             return {};
     }
     return u"the database belongs to postgres now; give it back: "
-           "runuser -u postgres -- psql -c 'ALTER DATABASE %1 OWNER TO %1'"_s.arg(user);
+           "runuser -u postgres -- psql -c 'ALTER DATABASE \"%1\" OWNER TO \"%1\"'"_s.arg(user);
 }
 
 void letIntoScratch(const QString &user, bool allowed)
@@ -160,10 +160,10 @@ void letIntoScratch(const QString &user, bool allowed)
     // What goes wrong shows in a login that is refused.
     (void)askAbout(postgres::serverSocket(), user,
                    allowed ? uR"(DO $$ BEGIN
-IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN GRANT corv_restore TO %1; END IF;
+IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN GRANT corv_restore TO "%1"; END IF;
 END $$; SELECT 'done')"_s
                            : uR"(DO $$ BEGIN
-IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN REVOKE corv_restore FROM %1; END IF;
+IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN REVOKE corv_restore FROM "%1"; END IF;
 END $$; SELECT 'done')"_s);
 }
 

@@ -85,11 +85,11 @@ QList<Finding> checkDatabase(const QString &name, const Databases &databases)
     if (database && database->owner != name) {
         findings.append({Level::Fault,
                          u"the database of the account %1 belongs to %2, not to %1"_s.arg(name, database->owner),
-                         sql(u"ALTER DATABASE %1 OWNER TO %1"_s.arg(name))});
+                         sql(u"ALTER DATABASE \"%1\" OWNER TO \"%1\""_s.arg(name))});
     }
     if (database && database->isOpen) {
         findings.append({Level::Fault, u"every role may connect to the database of the account %1"_s.arg(name),
-                         sql(u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(name))});
+                         sql(u"REVOKE ALL ON DATABASE \"%1\" FROM PUBLIC"_s.arg(name))});
     }
     if (database) {
         for (const Obstacle &obstacle : obstaclesOf(*database))
@@ -102,12 +102,12 @@ QList<Finding> checkDatabase(const QString &name, const Databases &databases)
         findings.append(
             {Level::Fault,
              u"the database of the account %1 is missing; a restore that was cut off left it as %1__old"_s.arg(name),
-             sql(u"ALTER DATABASE %1__old RENAME TO %1"_s.arg(name))});
+             sql(u"ALTER DATABASE \"%1__old\" RENAME TO \"%1\""_s.arg(name))});
         return findings;
     }
     findings.append({Level::Fault, u"the account %1 has no database"_s.arg(name),
                      u"runuser -u postgres -- createdb -O %1 %1 && "_s.arg(name) +
-                         sql(u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(name))});
+                         sql(u"REVOKE ALL ON DATABASE \"%1\" FROM PUBLIC"_s.arg(name))});
     return findings;
 }
 

@@ -162,16 +162,17 @@ QList<Obstacle> obstaclesOf(const Database &database)
     if (database.isInvalid) {
         // What it held is gone; an empty one in its place can be dumped.
         return {
-            {u"the database %1 is what a drop left that was cut off"_s.arg(name), u"DROP DATABASE %1"_s.arg(name)},
-            {u"the account %1 needs a database in its place"_s.arg(name), u"CREATE DATABASE %1 OWNER %1"_s.arg(name)},
-            {u"which no other may enter"_s, u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(name)}};
+            {u"the database %1 is what a drop left that was cut off"_s.arg(name), u"DROP DATABASE \"%1\""_s.arg(name)},
+            {u"the account %1 needs a database in its place"_s.arg(name),
+             u"CREATE DATABASE \"%1\" OWNER \"%1\""_s.arg(name)},
+            {u"which no other may enter"_s, u"REVOKE ALL ON DATABASE \"%1\" FROM PUBLIC"_s.arg(name)}};
     }
     if (database.isTemplate)
         found.append({u"the database %1 is a template, so it cannot be dropped"_s.arg(name),
-                      u"ALTER DATABASE %1 IS_TEMPLATE false"_s.arg(name)});
+                      u"ALTER DATABASE \"%1\" IS_TEMPLATE false"_s.arg(name)});
     if (database.isClosed)
         found.append({u"the database %1 lets nobody in, so it cannot be dumped"_s.arg(name),
-                      u"ALTER DATABASE %1 ALLOW_CONNECTIONS true"_s.arg(name)});
+                      u"ALTER DATABASE \"%1\" ALLOW_CONNECTIONS true"_s.arg(name)});
     for (const int holder : database.holders)
         found.append({u"a session keeps a whole table of the database %1 to itself, so it cannot be dumped"_s.arg(name),
                       u"SELECT pg_terminate_backend(%1)"_s.arg(holder)});
@@ -183,18 +184,18 @@ QList<Obstacle> obstaclesOfAccount(const QString &account, const Databases &data
     QList<Obstacle> found;
     if (!findRole(databases, account)) {
         found.append(
-            {u"the account %1 has no role in PostgreSQL"_s.arg(account), u"CREATE ROLE %1 NOLOGIN"_s.arg(account)});
+            {u"the account %1 has no role in PostgreSQL"_s.arg(account), u"CREATE ROLE \"%1\" NOLOGIN"_s.arg(account)});
     }
     if (const Database *const database = findDatabase(databases, account))
         return found + obstaclesOf(*database);
     if (findDatabase(databases, account + u"__old"_s)) {
         found.append({u"a restore that was cut off left the database of the account %1 as %1__old"_s.arg(account),
-                      u"ALTER DATABASE %1__old RENAME TO %1"_s.arg(account)});
+                      u"ALTER DATABASE \"%1__old\" RENAME TO \"%1\""_s.arg(account)});
         return found;
     }
     found.append({u"the account %1 has no database, so it cannot be dumped"_s.arg(account),
-                  u"CREATE DATABASE %1 OWNER %1"_s.arg(account)});
-    found.append({u"which no other may enter"_s, u"REVOKE ALL ON DATABASE %1 FROM PUBLIC"_s.arg(account)});
+                  u"CREATE DATABASE \"%1\" OWNER \"%1\""_s.arg(account)});
+    found.append({u"which no other may enter"_s, u"REVOKE ALL ON DATABASE \"%1\" FROM PUBLIC"_s.arg(account)});
     return found;
 }
 
@@ -206,7 +207,7 @@ QList<Finding> checkSharedDatabases(const Databases &databases)
             {Level::Fault,
              u"every role may connect to the database %1, which all share: what it leaves or holds there stops others"_s
                  .arg(name),
-             u"runuser -u postgres -- psql -c 'REVOKE CONNECT, TEMPORARY ON DATABASE %1 FROM PUBLIC'"_s.arg(name)});
+             u"runuser -u postgres -- psql -c 'REVOKE CONNECT, TEMPORARY ON DATABASE \"%1\" FROM PUBLIC'"_s.arg(name)});
     }
     if (databases.looseRules > 0) {
         findings.append({Level::Note,
