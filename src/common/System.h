@@ -13,7 +13,8 @@ namespace corv::system {
 QStringList monitoredServices(const QSettings &settings);
 
 // One object for each mounted file system that holds real files, from the mount table in its order: mount, device,
-// type, and total and avail in bytes.
+// type, and total and avail in bytes. While one does not answer within 2 s, those of the server's own devices alone.
+// Asks in a process of its own, which stays as long as it is held up; to be called where no other child runs.
 QJsonArray disks();
 
 // One object for each of the services, in their order: name, loaded, active, sub, since (seconds since the epoch,

@@ -136,6 +136,50 @@ def test_what_snaps_and_sessions_mount_is_left_out(sandbox, disk, place, listed)
     assert [entry["mount"] for entry in sandbox.request("system.disks")["disks"]] == [place] * listed
 
 
+@pytest.fixture
+def dead_share(sandbox):
+    """A function that mounts what nobody answers for at a folder of the sandbox: whoever asks it waits until the test's end."""
+    ends = []
+    def add(inside):
+        ends.append((os.open("/dev/fuse", os.O_RDWR), sandbox.mkdir(inside)))
+        mount("server:/share", ends[-1][1], "fuse", 0, f"fd={ends[-1][0]},rootmode=40000,user_id=0,group_id=0")
+    yield add
+    for descriptor, folder in ends:
+        os.close(descriptor)
+        subprocess.run(["umount", "-l", folder], check=True)
+
+
+def test_a_share_whose_server_is_gone_holds_up_nobody(sandbox, disk, dead_share):
+    sandbox.start()
+    disk("/mnt/data")
+    dead_share("/mnt/share")
+    for _ in range(3):
+        assert [entry["mount"] for entry in sandbox.request("system.disks")["disks"]] == ["/mnt/data"]
+        assert sandbox.request("ping")["ok"]
+    assert sandbox.stop() == 0
+
+
+def test_shares_are_told_again_when_they_answer(sandbox, disk, dead_share):
+    sandbox.start()
+    disk("/mnt/data")
+    dead_share("/mnt/share")
+    sandbox.request("system.disks")
+    subprocess.run(["umount", "-f", sandbox.path("/mnt/share")], check=True)
+    mount(sandbox.path("/mnt/data"), sandbox.path("/mnt/share"), None, MS_BIND)
+    wait_until(lambda: len(sandbox.request("system.disks")["disks"]) == 2, "both disks")
+
+
+def test_backups_on_a_share_whose_server_is_gone_hold_up_nobody(sandbox, dead_share):
+    sandbox.settings(backup_destination="/mnt/share/backups")
+    sandbox.add_account("alice")
+    dead_share("/mnt/share")
+    reply = sandbox.request("backup.status")
+    assert (reply["ok"], reply["backups"], reply["freeBytes"]) == (True, [], -1)
+    request = {"username": "alice", "backup": "2026-01-05_031500"}
+    assert sandbox.request("backup.restore", **request, what="files")["error"] == "that backup has no files for alice"
+    assert sandbox.request("ping")["ok"]
+
+
 # services.status
 
 

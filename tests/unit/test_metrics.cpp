@@ -291,7 +291,7 @@ private Q_SLOTS:
     void worksInAProcessOfItsOwn()
     {
         const pid_t self = ::getpid();
-        const std::optional<QByteArray> output = workApart(
+        const std::optional<QByteArray> output = workWithProgramsApart(
             60'000, [self] { return QByteArray::number(::getpid() == self ? 1 : 0) + QByteArray(300'000, 'x'); });
         QVERIFY(output);
         QCOMPARE(*output, "0" + QByteArray(300'000, 'x'));
@@ -303,7 +303,7 @@ private Q_SLOTS:
         const QString told = folder.filePath(u"pid"_s);
         QElapsedTimer clock;
         clock.start();
-        const std::optional<QByteArray> output = workApart(1'000, [&] {
+        const std::optional<QByteArray> output = workWithProgramsApart(1'000, [&] {
             // A program in a session of its own, as all that are started have one.
             QProcess program;
             program.start(u"setsid"_s, {u"sh"_s, u"-c"_s, u"echo $$ >'%1'; sleep 3600"_s.arg(told)});
@@ -319,12 +319,12 @@ private Q_SLOTS:
 
     void whatDiesIsNothing()
     {
-        QVERIFY(!workApart(60'000, []() -> QByteArray {
+        QVERIFY(!workWithProgramsApart(60'000, []() -> QByteArray {
             (void)::kill(::getpid(), SIGKILL);
             return {};
         }));
-        QVERIFY(!workApart(60'000, [] { return QByteArray(17'000'000, 'x'); }));
-        QCOMPARE(workApart(60'000, [] { return QByteArray(); }), std::optional(QByteArray()));
+        QVERIFY(!workWithProgramsApart(60'000, [] { return QByteArray(17'000'000, 'x'); }));
+        QCOMPARE(workWithProgramsApart(60'000, [] { return QByteArray(); }), std::optional(QByteArray()));
     }
 
     void writesTheFileInOnePieceForAll()

@@ -5,6 +5,7 @@
 #include "agent/backup/Trailer.h"
 #include "agent/hosting/Existing.h"
 #include "common/Account.h"
+#include "common/Apart.h"
 #include "common/BackupFolders.h"
 #include "common/Child.h"
 #include "common/Environment.h"
@@ -118,10 +119,12 @@ QString problemOf(const Stream &stream)
     return stream.wasConsumed ? QString() : stream.complaint;
 }
 
-// The path of an account's file in a backup, empty when there is none. Neither it nor a folder of the backup may be a
-// link: root reads nothing that lies elsewhere.
+// The path of an account's file in a backup, empty when there is none, or the disk does not answer. Neither it nor a
+// folder of the backup may be a link: root reads nothing that lies elsewhere.
 QString savedFile(const Config &config, const QString &backup, const QString &name)
 {
+    if (!isAnswering(config.destination))
+        return {};
     const QFileInfo folder(u"%1/%2"_s.arg(config.destination, backup));
     const QFileInfo accounts(folder.filePath() + u"/accounts"_s);
     const QFileInfo file(u"%1/%2"_s.arg(accounts.filePath(), name));

@@ -1,4 +1,5 @@
 #include "agent/backup/Backup.h"
+#include "common/Apart.h"
 #include "common/BackupList.h"
 #include "common/Run.h"
 
@@ -26,12 +27,13 @@ QString unitProperty(const QString &property, const QString &unit)
 
 Reply status(const Config &config)
 {
-    const QJsonArray list = listBackups(config.destination);
+    const bool isThere = isAnswering(config.destination);
+    const QJsonArray list = isThere ? listBackups(config.destination) : QJsonArray();
     const QString state = unitProperty(u"ActiveState"_s, u"corv-backup.service"_s);
     const QString next = unitProperty(u"NextElapseUSecRealtime"_s, u"corv-backup.timer"_s);
     const QString log = outputOf(
         u"journalctl"_s, {u"-u"_s, u"corv-backup.service"_s, u"-n"_s, u"30"_s, u"-o"_s, u"cat"_s, u"--no-pager"_s});
-    const QStorageInfo storage(config.destination);
+    const QStorageInfo storage = isThere ? QStorageInfo(config.destination) : QStorageInfo();
     return {{u"ok"_s, true},
             {u"destination"_s, config.destination},
             {u"keepDays"_s, config.keepDays},

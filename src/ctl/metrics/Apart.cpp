@@ -1,55 +1,18 @@
 #include "ctl/metrics/Apart.h"
 
-#include "common/Fd.h"
+#include "common/Apart.h"
 
 #include <QDeadlineTimer>
-#include <QFile>
 #include <QList>
 
-#include <array>
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
 namespace {
 
-constexpr qsizetype kMostOutput = 16'777'216;
 constexpr int kKillMs = 2'000;
-
-QList<pid_t> children()
-{
-    QFile file(u"/proc/self/task/%1/children"_s.arg(::getpid()));
-    QList<pid_t> all;
-    if (!file.open(QIODevice::ReadOnly))
-        return all;
-    for (const QByteArray &number : file.readAll().simplified().split(' ')) {
-        if (const pid_t child = number.toInt(); child > 0)
-            all.append(child);
-    }
-    return all;
-}
-
-// Waits for a child's end; nothing where that does not come in time. One that waits for a disk or a share that does not
-// answer does not even end when it is killed.
-std::optional<int> endOf(pid_t child, const QDeadlineTimer &deadline)
-{
-    const Fd process(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
-    pollfd ended = {process.get(), POLLIN, 0};
-    while (::poll(&ended, 1, static_cast<int>(deadline.remainingTime())) < 0 && errno == EINTR) {
-    }
-    int status = 0;
-    return ::waitpid(child, &status, WNOHANG) == child ? std::optional(status) : std::nullopt;
-}
 
 // Programs have sessions of their own, so that they outlive whoever started them, and come to this process then.
 void killChildren()
@@ -59,67 +22,20 @@ void killChildren()
         for (const pid_t child : left) {
             (void)::kill(-child, SIGKILL); // the group that it leads, if it does
             (void)::kill(child, SIGKILL);
-            (void)endOf(child, deadline);
+            (void)endOf(child, static_cast<int>(deadline.remainingTime()));
         }
     }
 }
 
-// What comes out of the pipe until its end; nothing where that does not come in time, or too much does.
-std::optional<QByteArray> readAll(int pipe, const QDeadlineTimer &deadline)
-{
-    QByteArray output;
-    std::array<char, 65'536> buffer = {};
-    while (output.size() <= kMostOutput) {
-        pollfd ready = {pipe, POLLIN, 0};
-        const int count = ::poll(&ready, 1, static_cast<int>(deadline.remainingTime()));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return {};
-        const ssize_t bytes = ::read(pipe, buffer.data(), buffer.size());
-        if (bytes < 0 && errno == EINTR)
-            continue;
-        if (bytes < 0)
-            return {};
-        if (bytes == 0)
-            return output;
-        output.append(buffer.data(), bytes);
-    }
-    return {};
-}
-
-[[noreturn]] void doWork(int pipe, pid_t parent, const std::function<QByteArray()> &work)
-{
-    (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const bool isWritten = ::getppid() == parent && writeAll(pipe, work());
-    ::_exit(isWritten ? EXIT_SUCCESS : EXIT_FAILURE); // what is to be printed is the other process's
-}
-
 } // namespace
 
-std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteArray()> &work)
+std::optional<QByteArray> workWithProgramsApart(int milliseconds, const std::function<QByteArray()> &work)
 {
-    const QDeadlineTimer deadline(milliseconds);
-    std::array<int, 2> ends = {-1, -1};
-    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0 || ::pipe2(ends.data(), O_CLOEXEC) != 0)
+    if (::prctl(PR_SET_CHILD_SUBREAPER, 1) != 0)
         return {};
-    const Fd out(ends[0]);
-    Fd in(ends[1]);
-    const pid_t parent = ::getpid();
-    const pid_t worker = ::fork();
-    if (worker == 0)
-        doWork(in.get(), parent, work);
-    in.reset();
-    if (worker < 0)
-        return {};
-
-    const std::optional<QByteArray> output = readAll(out.get(), deadline);
-    if (!output)
-        (void)::kill(worker, SIGKILL);
-    const std::optional<int> status = endOf(worker, QDeadlineTimer(kKillMs));
+    const std::optional<QByteArray> output = workApart(milliseconds, work);
     killChildren();
-    const bool isDone = status && WIFEXITED(*status) && WEXITSTATUS(*status) == EXIT_SUCCESS;
-    return isDone ? output : std::nullopt;
+    return output;
 }
 
 } // namespace corv::ctl

@@ -49,7 +49,7 @@ QString work(const Collector &collector, const Circumstances &here, QJsonObject 
     QElapsedTimer clock;
     clock.start();
     const std::optional<QByteArray> output =
-        workApart(collector.milliseconds, [&] { return textOf(collector.collect(here)); });
+        workWithProgramsApart(collector.milliseconds, [&] { return textOf(collector.collect(here)); });
     const QJsonObject given = parseObject(output.value_or(QByteArray()));
     const bool isWhole = given.value("samples"_L1).isArray();
     constexpr int kMilliseconds = 1'000;
