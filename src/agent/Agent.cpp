@@ -92,10 +92,10 @@ qsizetype placesOfOneUser()
     return std::max(all / 2, all - kReservedDescriptors);
 }
 
-// Whether nobody ever waits for such a request: it starts no program.
+// Whether nobody ever waits for such a request: it asks no program and no disk.
 bool isQuick(const QString &command)
 {
-    return command == "ping"_L1 || command == "system.info"_L1 || command == "system.disks"_L1;
+    return command == "ping"_L1 || command == "system.info"_L1;
 }
 
 // The account that a request is about; empty where it names none. The client may have sent any text.
@@ -182,7 +182,9 @@ bool Agent::listen(const QString &path, const QString &group)
     }
 
     if (!group.isEmpty()) {
-        const struct group *entry = ::getgrnam(group.toLocal8Bit().constData());
+        // A name is not cut at a NUL, behind which another might be meant.
+        const struct group *entry =
+            group.contains(QChar(u'\0')) ? nullptr : ::getgrnam(group.toLocal8Bit().constData());
         if (!entry || ::chown(m_server.path().constData(), static_cast<uid_t>(-1), entry->gr_gid) != 0) {
             qCritical("agent: cannot give %s to group %s", qUtf8Printable(path), qUtf8Printable(group));
             return false;

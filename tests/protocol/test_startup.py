@@ -216,6 +216,12 @@ def test_unknown_socket_group_stops_the_start(sandbox, group):
     sandbox.logs(f"agent: cannot give {SOCKET} to group {group}")
 
 
+def test_socket_group_is_not_cut_at_a_nul(sandbox):
+    sandbox.settings(agent_socket_group=r"corv-web\0x")
+    assert sandbox.run_agent() == (1, "")
+    sandbox.logs(f"agent: cannot give {SOCKET} to group corv-web")
+
+
 def test_group_change_that_is_not_permitted_stops_the_start(sandbox):
     sandbox.mkdir("/run/other", owner="nobody:nogroup")
     sandbox.settings(agent_socket="/run/other/s", agent_socket_group="corv-web")
