@@ -18,7 +18,7 @@ from booted import (  # noqa: F401 (pytest finds them here)
 )
 
 HERE = pathlib.Path(__file__).parent
-SHARE = 4
+SHARE = 6
 
 
 def pytest_addoption(parser):
@@ -30,6 +30,7 @@ def pytest_configure(config):
         raise pytest.UsageError("the host floor boots hosts: run it as root")
     config.addinivalue_line("markers", "core: tried in every run on every release, with -m core; others on Debian 12 alone, when their turn comes")
     config.addinivalue_line("markers", "each: tried in every run, on Debian 12 alone")
+    config.addinivalue_line("markers", "turn: of the core, and takes so long that it waits for its file's turn on both releases")
     config.addinivalue_line("markers", "long: tried with --long alone, since others show most of the same in less time")
 
 
@@ -56,6 +57,6 @@ def pytest_collection_modifyitems(config, items):
     files = turn() if is_whole(config) else None
     late = [item for item in items if item.get_closest_marker("long")
             or files is not None and item.path.name not in files
-            and not (item.get_closest_marker("core") or item.get_closest_marker("each"))]
+            and (item.get_closest_marker("turn") or not (item.get_closest_marker("core") or item.get_closest_marker("each")))]
     config.hook.pytest_deselected(items=late)
     items[:] = [item for item in items if item not in late]

@@ -116,6 +116,7 @@ def test_a_second_run_of_the_example_changes_nothing(built):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_an_account_goes_from_state_to_state(server):
     host, controller = server
     name = host.free_name()
@@ -213,6 +214,7 @@ def test_keys_of_an_account_that_the_same_run_will_make_are_foretold(server):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_a_limit_is_set_and_lifted(server):
     host, controller = server
     account = host.account()
@@ -229,6 +231,7 @@ def test_a_limit_is_set_and_lifted(server):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_ports_are_opened_and_shut(server):
     host, controller = server
     host.ok(["ufw", "deny", "proto", "tcp", "from", "198.51.100.2", "to", "any", "port", "5001"])
@@ -247,6 +250,7 @@ def test_ports_are_opened_and_shut(server):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_what_protects_a_server_is_switched_on_and_off(server):
     host, controller = server
     found = controller.states(
@@ -271,6 +275,7 @@ def test_a_rule_of_a_firewall_that_is_off_is_foretold_and_refused(server):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_backups_are_set_up_and_copied_elsewhere(server):
     host, controller = server
     host.ok(["apt-get", "-q", "install", "--yes", "restic"], env={"DEBIAN_FRONTEND": "noninteractive"})
@@ -323,6 +328,7 @@ def test_https_is_refused_where_corvctl_does_not_know_it(server):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_https_of_an_account_is_as_it_was_chosen(server):
     host, controller = server
     name = host.account().name

@@ -42,7 +42,6 @@ def above_low(findings):
             if found[0] in ("MEDIUM", "HIGH", "CRITICAL", "FATAL", "WARN") and name not in OF_THE_AUTHORITY + OF_THE_SCANNER}
 
 
-@pytest.mark.each
 def test_a_scan_of_an_accounts_site_finds_nothing_above_low(host):
     name, domain = certified(host)
     host.ok(["corvctl", "account", "https", name, "on", "--hsts"])

@@ -36,6 +36,7 @@ def success(text):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_begins_by_itself_once_there_is_a_node_exporter(own_host):
     host = own_host
     assert host.ok(["systemctl", "is-active", "corv-metrics.path"]) == "active\n"
@@ -55,6 +56,7 @@ def test_begins_by_itself_once_there_is_a_node_exporter(own_host):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_the_unit_sees_what_root_sees_at_the_shell(own_host):
     host = own_host
     host.account()
