@@ -29,6 +29,7 @@ namespace {
 constexpr qsizetype kMostOutput = 16'777'216;
 constexpr qsizetype kMostStuck = 4;
 constexpr int kKillMs = 2'000;
+constexpr qint64 kLookMs = 10; // how often a child is looked at where the kernel has no descriptors of processes
 #ifdef CORV_SHORT_TIMEOUTS
 constexpr int kAnswerMs = 1'000;
 #else
@@ -89,11 +90,16 @@ std::optional<int> endOf(pid_t child, int milliseconds)
 {
     const QDeadlineTimer deadline(milliseconds);
     const Fd process(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
-    pollfd ended = {process.get(), POLLIN, 0};
-    while (::poll(&ended, 1, static_cast<int>(deadline.remainingTime())) < 0 && errno == EINTR) {
+    for (;;) {
+        int status = 0;
+        if (const pid_t ended = ::waitpid(child, &status, WNOHANG); ended != 0)
+            return ended == child ? std::optional(status) : std::nullopt;
+        if (deadline.hasExpired())
+            return {};
+        const qint64 rest = process ? deadline.remainingTime() : std::min(deadline.remainingTime(), kLookMs);
+        pollfd ending = {process.get(), POLLIN, 0};
+        (void)::poll(&ending, 1, static_cast<int>(rest));
     }
-    int status = 0;
-    return ::waitpid(child, &status, WNOHANG) == child ? std::optional(status) : std::nullopt;
 }
 
 std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteArray()> &work, Descriptors descriptors)
