@@ -1,11 +1,16 @@
-"""The drill: an account comes back from what is off-site under another name, is looked at, and is taken away again."""
+"""The drill: an account comes back from what is off-site under another name, is looked at, and is taken away again. And what
+the rules of what to keep leave of an account that is deleted."""
 
 import json
+import pathlib
+import re
 
 import pytest
 
 LIMIT = 300
+PAGE = pathlib.Path(__file__).parents[2] / "docs/backup.md"
 APT = {"DEBIAN_FRONTEND": "noninteractive"}
+AUTO = "/var/backups/corvane/auto"
 STATE = "/var/lib/corvane/offsite/state.json"
 # But for what keeps the user id of a deleted account from the next one.
 LEFT = "ls -A /home /var/backups/corvane /etc/apache2/sites-available; getent passwd | cut -d: -f1 | grep -v ^corv-gone-; " \
@@ -32,6 +37,18 @@ def host(boot):
     host.ok(["corvctl", "backup", "start", "--wait"])
     host.ok(["corvctl", "offsite", "run"])
     return host
+
+
+def restic(host, words):
+    return host.ok(["corvctl", "offsite", "restic", words])
+
+
+def snapshots(host, words):
+    return json.loads(restic(host, f"snapshots --json --no-lock {words}"))
+
+
+def newest(host):
+    return host.ok(["sh", "-c", f"ls {AUTO} | grep '^20.*[0-9]$' | tail -n 1"]).strip()
 
 
 def drilled(host):
@@ -103,3 +120,62 @@ def test_what_does_not_come_back_is_told_and_nothing_is_left(host):
     host.ok(["sh", "-ec", "rm -r /srv/copies; mv /root/copies /srv/copies"])
     assert host.run(["corvctl", "offsite", "drill", host.shop.name]).code == 0
     assert drilled(host) == (host.shop.name, "")
+
+
+@pytest.mark.long
+def test_the_database_of_a_deleted_account_stays_with_its_home_whatever_is_forgotten(host):
+    gone = host.account()
+    made = host.sql("CREATE TABLE kept AS SELECT generate_series(1, 7) AS id", database=gone.name, role=gone.name, password=gone.password)
+    assert made.code == 0, made
+    host.ok(["corvctl", "account", "state", "--write"])
+    host.ok(["corvctl", "backup", "start", "--wait"])
+    backup = newest(host)
+    # As if that had been its last night, long ago.
+    last = "2024-01-10_031500"
+    host.ok(["sh", "-ec", f"mkdir /root/aside; mv {AUTO}/20* /root/aside; mv /root/aside/{backup} {AUTO}/{last}"])
+    host.ok(["corvctl", "offsite", "run"])
+    host.ok(["corvctl", "account", "delete", gone.name, "--force", "--confirm", gone.name])
+
+    server = host.ok(["hostname"]).strip()
+    nights = [f"{2024 + month // 12}-{month % 12 + 1:02}-10" for month in range(1, 22)]
+    host.ok(["mkdir", "/root/night"])
+
+    def spend(nights):
+        for night in nights:
+            host.put("/root/night/manifest.json", night)
+            restic(host, f"backup --quiet --host {server} --time \"{night} 03:15:00\" --tag corv --tag rest --tag {night}_031500 /root/night")
+
+    def rests(place=""):
+        return {tag for one in snapshots(host, f"{place} --tag corv,rest") for tag in one["tags"] if tag.startswith("20")}
+
+    before = rests()
+    spend(nights[:16])
+    host.ok(["corvctl", "offsite", "run"])
+    host.ok(["sh", "-ec", f"rm -r {AUTO}/{last}; mv /root/aside/20* {AUTO}; rmdir /root/aside"])
+    spend(nights[16:])
+    # The administrator of a vault does it by hand, and by time.
+    host.ok(["cp", "-a", "/srv/copies", "/root/vault"])
+    by_hand = re.search(r"^```\n(restic .* prune)\n```", PAGE.read_text(), re.MULTILINE | re.DOTALL)[1]
+    there = 'restic -r rclone:x -o rclone.program="ssh vault@VAULT" -p KEYFILE'
+    assert by_hand.count(there) == 5
+    others = [one["id"] for one in snapshots(host, f"-r /root/vault --tag corv,home,{last}") if gone.name not in one["paths"][0]]
+    restic(host, f"forget -r /root/vault --quiet {' '.join(others)}")
+    host.ok(["sh", "-ec", by_hand.replace(there, "restic -r /root/vault -p /etc/corvane/offsite/key")])
+    assert rests("-r /root/vault") == before
+    host.ok(["corvctl", "offsite", "run"])
+    # Of all others the rules let go, the usual ones: fourteen nights.
+    all_nights = sorted(before | {f"{night}_031500" for night in nights})
+    assert rests() == {last, *all_nights[-14:]}
+    (home,) = json.loads(host.ok(["corvctl", "--json", "offsite", "list", gone.name]))["homes"]
+    assert (home["backup"], home["database"]) == (last, True)
+
+    done = host.run(["corvctl", "offsite", "fetch", gone.name, "--to", "/root/gone"])
+    assert (done.code, done.err) == (0, ""), done
+    assert "It was read through and is whole." in done.out
+    host.ok(["corvctl", "account", "restore", gone.name, "--from", "/root/gone", "--confirm", gone.name])
+    assert host.sql("SELECT count(*) FROM kept", database=gone.name).out.strip() == "7"
+
+    # Somebody takes its copies away: nothing else needs that night.
+    restic(host, "forget --quiet " + " ".join(one["id"] for one in snapshots(host, f"--path /{gone.name}-home.tar")))
+    host.ok(["corvctl", "offsite", "run"])
+    assert rests() == set(all_nights[-14:])

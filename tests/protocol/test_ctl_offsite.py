@@ -69,12 +69,35 @@ def test_a_run_copies_each_home_as_a_stream_and_the_rest_as_it_is(server):
         [*HOME, "--stdin", "--stdin-filename", "alice-home.tar"],
         [*HOME, "--stdin", "--stdin-filename", "carol-home.tar"],
         [*forget, "corv,home", "--group-by", "host,paths", *keep],
+        SNAPSHOTS,
         [*forget, "corv,rest", "--group-by", "host", *keep],
         [*forget, "corv,deleted", "--group-by", "host", *keep],
         ["prune", "--quiet"]]
     streams = [call.stdin for call in server.calls() if call.name == "restic" and "--stdin" in call.argv]
     assert [b"alice/page" in stream for stream in streams] == [True, False]
     assert [len(stream) % 10240 for stream in streams] == [0, 0]
+
+
+def forgotten(server, tag):
+    return next((argv for argv in restics(server) if argv[0] == "forget" and f"corv,{tag}" in argv), None)
+
+
+def test_the_databases_of_an_account_that_is_gone_stay_with_its_newest_home(server):
+    early, late = "2025-01-04_031500", "2025-01-05_031500"
+    holds(server, snapshot("/gone-home.tar", "home", backup=early), snapshot(AUTO, "rest", backup=early),
+          snapshot("/gone-home.tar", "home", backup=late), snapshot("/old-home.tar", "home", backup=late, server="web9"),
+          snapshot(AUTO, "rest", backup=late, server="web9"), snapshot("/alice-home.tar", "home"), snapshot(AUTO, "rest"))
+    assert corvctl(server, "offsite", "run")[0] == 0
+    assert forgotten(server, "rest")[-4:] == ["--keep-tag", early, "--keep-tag", BACKUP]
+    assert "--keep-tag" not in forgotten(server, "home") + forgotten(server, "deleted")
+
+
+def test_no_databases_are_forgotten_while_nobody_knows_which_are_needed(server):
+    server.answer("restic", *SNAPSHOTS, shell="[ -e /tmp/asked ] && { echo 'Fatal: cut off' >&2; exit 1; }; touch /tmp/asked; echo '[]'")
+    code, _, err = corvctl(server, "offsite", "run")
+    assert code == 1
+    assert err.startswith("corvctl: not all is off-site: forgetting: restic: ") and "Fatal: cut off\n" in err
+    assert forgotten(server, "home") and not forgotten(server, "rest")
 
 
 def test_secrets_are_in_the_environment_and_nowhere_else(server):
@@ -116,6 +139,13 @@ def test_a_home_that_the_backup_cut_off_is_marked(server):
     assert [*HOME, "--stdin", "--stdin-filename", "carol-home.tar"] in restics(server)
 
 
+def test_a_home_whose_database_was_not_saved_is_marked(server):
+    server.write(f"{AUTO}/{BACKUP}/manifest.json", json.dumps({"errors": ["alice database: pg_dump failed: gone"]}))
+    assert corvctl(server, "offsite", "run")[0] == 0
+    assert [*HOME, "--tag", "no-database", "--stdin", "--stdin-filename", "alice-home.tar"] in restics(server)
+    assert [*HOME, "--stdin", "--stdin-filename", "carol-home.tar"] in restics(server)
+
+
 def test_nothing_is_forgotten_where_the_place_refuses_to(server):
     server.settings("[offsite]\nrepository=\"ssh://vault@backup.example\"\nappend_only=true\n")
     assert corvctl(server, "offsite", "run")[0] == 0
@@ -126,15 +156,17 @@ def test_nothing_is_forgotten_where_the_place_refuses_to(server):
 
 
 def test_lists_the_homes_that_are_there(server):
-    holds(server, snapshot("/alice-home.tar", "home"), snapshot("/carol-home.tar", "home", "incomplete", server="web9"),
+    holds(server, snapshot("/alice-home.tar", "home"), snapshot("/bob-home.tar", "home", "no-database"),
+          snapshot("/carol-home.tar", "home", "incomplete", server="web9"),
           snapshot("/etc", "other"), snapshot(f"{AUTO}/{BACKUP}", "rest"))
     assert corvctl(server, "offsite", "list") == (
-        0, "ACCOUNT  BACKUP             SERVER   HOME\n"
-        f"alice    {BACKUP}  sandbox  whole\n"
-        f"carol    {BACKUP}  web9     not whole\n", "")
-    assert corvctl(server, "--plain", "offsite", "list", "carol") == (0, f"carol\t{BACKUP}\tweb9\tnot whole\n", "")
+        0, "ACCOUNT  BACKUP             SERVER   HOME       DATABASE\n"
+        f"alice    {BACKUP}  sandbox  whole      yes\n"
+        f"bob      {BACKUP}  sandbox  whole      no\n"
+        f"carol    {BACKUP}  web9     not whole  no\n", "")
+    assert corvctl(server, "--plain", "offsite", "list", "carol") == (0, f"carol\t{BACKUP}\tweb9\tnot whole\tno\n", "")
     assert json.loads(corvctl(server, "--json", "offsite", "list", "alice")[1]) == {
-        "homes": [{"backup": BACKUP, "server": "sandbox", "username": "alice", "whole": True}], "ok": True}
+        "homes": [{"backup": BACKUP, "server": "sandbox", "username": "alice", "whole": True, "database": True}], "ok": True}
 
 
 def test_an_account_of_two_servers_is_not_guessed(server):
@@ -156,29 +188,76 @@ def test_what_cannot_be_fetched_whole_is_not_kept(server):
     assert "restic failed: Fatal: pack is damaged" in corvctl(server, "offsite", "fetch", "alice", "--to", "/root/back")[2]
 
 
-def test_the_state_that_is_fetched_is_of_that_account_alone(server):
+def gives(server, *paths, states=""):
+    """The place has alice's home of the backup, and these files of the rest of it."""
     base = f"{AUTO}/{BACKUP}"
     server.allows_loose_calls("pg_restore")
     holds(server, snapshot("/alice-home.tar", "home"), snapshot(base, "rest", id="6" * 64))
-    line = '{"username":"alice","shadow":"$y$alice","new":1}\n'
-    server.write("/tmp/states", '{"username":"carol","shadow":"$y$carol"}\n' + line + "no line\n")
-    server.answer("restic", "ls", ..., out="".join(json.dumps({"struct_type": "node", "type": "file", "path": f"{base}{path}"}) + "\n"
-                                                   for path in ("/accounts/alice-db.dump", "/accounts.state")))
+    server.write("/tmp/states", states)
+    server.answer("restic", "ls", ..., out="".join(
+        json.dumps({"struct_type": "node", "type": "file", "path": f"{base}{path}"}) + "\n" for path in paths))
     server.answer("restic", "dump", ..., shell=f"""
         case "$5" in
         /alice-home.tar) gzip -dc {base}/accounts/alice-home.tar.gz ;;
         */alice-db.dump) echo dump ;;
         */accounts.state) cat /tmp/states ;;
         esac""")
-    code, _, err = corvctl(server, "offsite", "fetch", "alice", "--to", "/root/back")
+
+
+ALL = ("/accounts/alice-db.dump", "/accounts.state")
+OTHERS = '{"username":"carol","shadow":"$y$carol"}\n'
+OWN = '{"username":"alice","shadow":"$y$alice","new":1}\n'
+
+
+def test_the_state_that_is_fetched_is_of_that_account_alone(server):
+    gives(server, *ALL, states=f"{OTHERS}{OWN}no line\n")
+    code, out, err = corvctl(server, "offsite", "fetch", "alice", "--to", "/root/back")
     assert (code, err) == (0, "")
-    assert server.read("/root/back/accounts.state") == line
+    assert out.endswith("It was read through and is whole. To have the account back:\n"
+                        "  corvctl account restore alice --from /root/back\n")
+    assert server.read("/root/back/accounts.state") == OWN
     assert sorted(path.name for path in server.path("/root/back").iterdir()) == [
         "accounts.state", "alice-db.dump", "alice-home.tar.gz"]
-    server.write("/tmp/states", '{"username":"carol","shadow":"$y$carol"}\n')
-    code, _, err = corvctl(server, "offsite", "fetch", "alice", "--to", "/root/more")
-    assert (code, err) == (0, f"corvctl: the backup {BACKUP} has no state of alice\n")
-    assert not server.exists("/root/more/accounts.state")
+    assert json.loads(corvctl(server, "--json", "offsite", "fetch", "alice", "--to", "/root/again")[1]) == {
+        "ok": True, "folder": "/root/again", "backup": BACKUP, "server": "sandbox", "missing": []}
+
+
+NO_DUMP = f"the backup {BACKUP} has no alice-db.dump"
+NO_STATES = f"the backup {BACKUP} has no accounts.state"
+
+
+@pytest.mark.parametrize("paths, states, missing", [
+    (ALL, OTHERS, [f"the backup {BACKUP} has no state of alice"]),
+    (ALL[:1], "", [NO_STATES]),
+    (ALL[1:], OWN, [NO_DUMP]),
+    ((), "", [NO_DUMP, NO_STATES])])
+def test_what_is_fetched_without_the_database_or_the_state_is_not_called_whole(server, paths, states, missing):
+    gives(server, *paths, states=states)
+    told = f"not all of alice was fetched: {'; '.join(missing)}"
+    code, out, err = corvctl(server, "offsite", "fetch", "alice", "--to", "/root/back")
+    assert (code, err.splitlines()[0]) == (1, f"corvctl: {told}")
+    assert err.splitlines()[1] == "  what was fetched lies in /root/back; corvctl offsite list alice shows other backups"
+    assert "whole" not in out and server.exists("/root/back/alice-home.tar.gz")
+    assert not server.exists("/root/back/accounts.state") or server.read("/root/back/accounts.state") == OWN
+    code, out, err = corvctl(server, "--json", "offsite", "fetch", "alice", "--to", "/root/again")
+    assert (code, err.splitlines()[0], json.loads(out)) == (1, f"corvctl: {told}", {
+        "ok": False, "error": told, "folder": "/root/again", "backup": BACKUP, "server": "sandbox", "missing": missing})
+
+
+def test_a_newer_night_without_the_database_is_passed_over_and_named(server):
+    gives(server, *ALL, states=OWN)
+    late = "2026-01-06_031500"
+    server.answer("restic", *SNAPSHOTS, out=json.dumps([
+        snapshot("/alice-home.tar", "home"), snapshot(f"{AUTO}/{BACKUP}", "rest", id="6" * 64), snapshot("/alice-home.tar", "home", backup=late)]))
+    told = f"the newer backup {late} is passed over, as it does not have the database"
+    code, out, err = corvctl(server, "offsite", "fetch", "alice", "--to", "/root/back")
+    assert (code, err) == (0, f"corvctl: {told}\n")
+    assert f"Backup  {BACKUP}\n" in out
+    reply = json.loads(corvctl(server, "--json", "offsite", "fetch", "alice", "--to", "/root/again")[1])
+    assert (reply["ok"], reply["backup"], reply["passedOver"]) == (True, BACKUP, told)
+    code, _, err = corvctl(server, "offsite", "fetch", "alice", late, "--to", "/root/late")
+    assert (code, err.splitlines()[0]) == (
+        1, f"corvctl: not all of alice was fetched: the backup {late} has no alice-db.dump; the backup {late} has no accounts.state")
 
 
 def test_the_parts_are_checked_in_turn(server):

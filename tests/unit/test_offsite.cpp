@@ -227,7 +227,8 @@ void TestOffsite::whatIsNotWholeComesLast()
     QCOMPARE(saved.size(), 3);
     QVERIFY(saved[0].rest);
     QVERIFY(!saved[1].rest);
-    QCOMPARE(newestOf(saved, {})->backup, second);
+    QCOMPARE(newestOf(saved, {})->backup, first);
+    QCOMPARE(newestOf(saved.mid(1), {})->backup, second);
     QCOMPARE(newestOf(saved, u"2026-11-22"_s)->backup, third);
     QCOMPARE(newestOf(saved, first)->backup, first);
     QVERIFY(!newestOf(saved, u"2025"_s));

@@ -14,6 +14,7 @@
 
 #include <QJsonArray>
 #include <QProcess>
+#include <QSet>
 #include <QSettings>
 
 #include <cstdio>
@@ -148,23 +149,31 @@ int list(Session &session, const Given &given)
         return refuse(session, problem);
 
     const QString account = given.text("ACCOUNT");
+    QSet<QString> databases;
+    for (const Snapshot &one : all) {
+        if (one.has(kRestTag))
+            databases.insert(one.server + u' ' + one.backup());
+    }
     QList<Row> rows;
     QJsonArray objects;
     for (const Snapshot &one : all) {
         const QString of = one.path.mid(1).chopped(one.has(kHomeTag) ? homeName(QString()).size() : 0);
         if (!one.has(kHomeTag) || (!account.isEmpty() && of != account))
             continue;
+        const bool hasDatabase = databases.contains(one.server + u' ' + one.backup()) && !one.has(kBareTag);
         rows.append({text(of), text(one.backup()), text(one.server),
-                     one.has(kPartTag) ? text(u"not whole"_s, Colour::Warning) : text(u"whole"_s)});
+                     one.has(kPartTag) ? text(u"not whole"_s, Colour::Warning) : text(u"whole"_s),
+                     yesNo(hasDatabase, Colour::None, Colour::Warning)});
         objects.append(QJsonObject{{u"username"_s, of},
                                    {u"backup"_s, one.backup()},
                                    {u"server"_s, one.server},
-                                   {u"whole"_s, !one.has(kPartTag)}});
+                                   {u"whole"_s, !one.has(kPartTag)},
+                                   {u"database"_s, hasDatabase}});
     }
     if (session.options.json)
         printJson(session, {{u"ok"_s, true}, {u"homes"_s, objects}});
     else
-        printTable(session, {u"ACCOUNT"_s, u"BACKUP"_s, u"SERVER"_s, u"HOME"_s}, rows);
+        printTable(session, {u"ACCOUNT"_s, u"BACKUP"_s, u"SERVER"_s, u"HOME"_s, u"DATABASE"_s}, rows);
     return kDone;
 }
 
@@ -240,7 +249,7 @@ Command offsiteCommand()
              {"run", "Copy the newest backup there now; what corv-offsite.service runs after each", {}, run},
              {"status", "Show where copies go, how old the newest is and what the last check found", {}, status},
              {"list",
-              "List the homes that are there, by account and backup",
+              "List the homes that are there, and which of them have their databases",
               {{"ACCOUNT", "only those of one account", Kind::Optional, Names::Account}},
               list},
              offsiteCheckCommand(),

@@ -51,11 +51,19 @@ QString makeFolder(const QString &path)
     return {};
 }
 
+// What is to be fetched, and what there is to say of the choice.
+struct Choice
+{
+    SavedHome saved;
+    QString passedOver;
+};
+
 // What is to be fetched; nothing, with the exit status, after a word on standard error.
-std::optional<SavedHome> chosen(const Session &session, const Repository &repository, const Given &given, int *status)
+std::optional<Choice> chosen(const Session &session, const Repository &repository, const Given &given, int *status)
 {
     QString problem;
     const QString account = given.text("ACCOUNT");
+    const QString date = given.text("DATE");
     const QList<Snapshot> all = readSnapshots(repository, &problem);
     if (!problem.isEmpty()) {
         *status = refuse(session, problem);
@@ -72,35 +80,48 @@ std::optional<SavedHome> chosen(const Session &session, const Repository &reposi
                          u"--server SERVER says which one is meant"_s);
         return {};
     }
-    const std::optional<SavedHome> newest = newestOf(saved, given.text("DATE"));
+    const std::optional<SavedHome> newest = newestOf(saved, date);
     if (!newest) {
         *status = refuse(session,
-                         given.has("DATE") ? u"nothing of %1 is there from %2"_s.arg(account, given.text("DATE"))
+                         given.has("DATE") ? u"nothing of %1 is there from %2"_s.arg(account, date)
                                            : u"nothing of %1 is there"_s.arg(account),
                          u"corvctl offsite list shows what is"_s);
+        return {};
     }
-    return newest;
+    return Choice{*newest, passedOver(saved, date, *newest)};
 }
 
-int tellFetched(const Session &session, const QString &account, const QString &folder, const SavedHome &saved,
+// Tells what is in the folder. Whoever takes that for the account has to learn what is not, also by the exit status.
+int tellFetched(const Session &session, const QString &account, const QString &folder, const Choice &choice,
                 const Fetched &fetched)
 {
+    const bool isWhole = fetched.missing.isEmpty();
+    const QString lacking = u"not all of %1 was fetched: %2"_s.arg(account, fetched.missing.join("; "_L1));
     if (session.options.json) {
-        const QByteArray line = compactJson({{u"ok"_s, true},
-                                             {u"folder"_s, folder},
-                                             {u"backup"_s, saved.backup},
-                                             {u"server"_s, saved.home.server},
-                                             {u"missing"_s, QJsonArray::fromStringList(fetched.missing)}});
+        QJsonObject told = {{u"ok"_s, isWhole},
+                            {u"folder"_s, folder},
+                            {u"backup"_s, choice.saved.backup},
+                            {u"server"_s, choice.saved.home.server},
+                            {u"missing"_s, QJsonArray::fromStringList(fetched.missing)}};
+        if (!isWhole)
+            told.insert(u"error"_s, lacking);
+        if (!choice.passedOver.isEmpty())
+            told.insert(u"passedOver"_s, choice.passedOver);
+        const QByteArray line = compactJson(told);
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
-        return kDone;
+    } else {
+        if (!choice.passedOver.isEmpty())
+            note(choice.passedOver);
+        printFacts(session, {{u"Folder"_s, whole(folder)},
+                             {u"Backup"_s, text(choice.saved.backup)},
+                             {u"Server"_s, text(choice.saved.home.server)},
+                             {u"Home"_s, bytes(fetched.bytes)}});
     }
-    for (const QString &missing : fetched.missing)
-        note(missing);
-    printFacts(session, {{u"Folder"_s, whole(folder)},
-                         {u"Backup"_s, text(saved.backup)},
-                         {u"Server"_s, text(saved.home.server)},
-                         {u"Home"_s, bytes(fetched.bytes)}});
-    if (!session.options.plain)
+    if (!isWhole) {
+        return fail(kRefused, lacking,
+                    u"what was fetched lies in %1; corvctl offsite list %2 shows other backups"_s.arg(folder, account));
+    }
+    if (!session.options.plain && !session.options.json)
         printLine(u"\nIt was read through and is whole. To have the account back:\n"_s +
                   escaped(u"  corvctl account restore %1 --from %2"_s.arg(account, folder)));
     return kDone;
@@ -120,13 +141,14 @@ int fetch(Session &session, const Given &given)
     const std::optional<Repository> repository = openedPlace(session, &status);
     if (!repository)
         return status;
-    const std::optional<SavedHome> saved = chosen(session, *repository, given, &status);
-    if (!saved)
+    const std::optional<Choice> choice = chosen(session, *repository, given, &status);
+    if (!choice)
         return status;
+    const SavedHome &saved = choice->saved;
 
     const InterruptGuard guard;
     const QString folder = given.has("--to") ? QFileInfo(given.text("--to")).absoluteFilePath()
-                                             : u"%1/%2-%3"_s.arg(kUsualFolder, account, saved->backup);
+                                             : u"%1/%2-%3"_s.arg(kUsualFolder, account, saved.backup);
     // What is half fetched has another name, so that nobody takes it for all.
     const QString partial = u"%1/.%2.partial"_s.arg(QFileInfo(folder).path(), QFileInfo(folder).fileName());
     if (QFile::exists(folder))
@@ -135,16 +157,16 @@ int fetch(Session &session, const Given &given)
         removeFolder(partial);
     if (const QString problem = makeFolder(partial); !problem.isEmpty())
         return refuse(session, problem);
-    Fetched fetched = fetchAccount(*repository, account, *saved, partial);
+    Fetched fetched = fetchAccount(*repository, account, saved, partial);
     if (fetched.problem.isEmpty() &&
         ::rename(QFile::encodeName(partial).constData(), QFile::encodeName(folder).constData()) != 0)
         fetched.problem = u"%1 cannot be made"_s.arg(folder);
     if (fetched.problem.isEmpty())
-        return tellFetched(session, account, folder, *saved, fetched);
+        return tellFetched(session, account, folder, *choice, fetched);
     removeFolder(partial);
     if (interrupted())
         return fail(interruptedStatus(), u"interrupted; nothing was kept"_s);
-    return refuse(session, u"%1 of %2 could not be fetched: %3"_s.arg(account, saved->backup, fetched.problem),
+    return refuse(session, u"%1 of %2 could not be fetched: %3"_s.arg(account, saved.backup, fetched.problem),
                   u"corvctl offsite list %1 shows others"_s.arg(account));
 }
 

@@ -7,6 +7,7 @@
 #include "common/Fd.h"
 #include "common/Tree.h"
 #include "ctl/Interrupt.h"
+#include "ctl/offsite/Fetch.h"
 #include "ctl/offsite/Stream.h"
 #include "ctl/screen/Terminal.h"
 
@@ -70,15 +71,18 @@ QStringList backupArgs(const Run &run, const QString &tag)
             u"--tag"_s,  kOurTag,      u"--tag"_s,  tag,         u"--tag"_s, run.backup};
 }
 
-void copyHome(Run &run, const QString &account, bool isPart)
+void copyHome(Run &run, const QString &account, const QJsonObject &manifest)
 {
     const QString name = homeName(account);
     ++run.state.homes;
     if (isThere(run, kHomeTag, u'/' + name))
         return;
+    const bool isPart = isPartOnly(manifest, account);
     QStringList args = backupArgs(run, kHomeTag);
     if (isPart)
         args += {u"--tag"_s, kPartTag};
+    if (isWithoutDatabase(manifest, run.folder, account))
+        args += {u"--tag"_s, kBareTag};
     args += {u"--stdin"_s, u"--stdin-filename"_s, name};
     const QString archive = u"%1/accounts/%2%3"_s.arg(run.folder, account, kHomeEnd);
     // The tar stream itself, of which what did not change since yesterday is there already; compressed, all of it
@@ -117,19 +121,40 @@ void copyDeleted(Run &run)
                    {u"--exclude"_s, kArchives + u"/*/*"_s, u"--"_s, kArchives});
 }
 
+void forgetKind(Run &run, const QString &tag, const QString &group, const QStringList &more = {})
+{
+    const QStringList args = QStringList{u"forget"_s, u"--quiet"_s,         u"--host"_s,     run.server,
+                                         u"--tag"_s,  kOurTag + u',' + tag, u"--group-by"_s, group} +
+                             run.repository.place.retention + more;
+    tellProblem(run, u"forgetting"_s, restic(run.repository, args, kAskMs).problem);
+}
+
+// The databases of all accounts are one snapshot a night, and nights go on where an account has none any more: by the
+// rules alone they would go from under its homes, which stand still. Those of each account's newest night stay. Not
+// those of every night of which some home is left: each account that is deleted would keep all databases of the
+// server from two weeks on end, for good.
+void forgetRest(Run &run)
+{
+    QString problem;
+    const QList<Snapshot> left = readSnapshots(run.repository, &problem);
+    tellProblem(run, u"forgetting"_s, problem);
+    if (!problem.isEmpty())
+        return;
+    QStringList kept;
+    for (const QString &backup : backupsInNeed(left, run.server))
+        kept += {u"--keep-tag"_s, backup};
+    forgetKind(run, kRestTag, u"host"_s, kept);
+}
+
 // restic's own rules decide, each kind by itself: of homes, each account.
 void forget(Run &run)
 {
     const OffsitePlace &place = run.repository.place;
     if (place.appendOnly || place.retention.isEmpty())
         return;
-    for (const QString &tag : {kHomeTag, kRestTag, kDeletedTag}) {
-        const QString group = tag == kHomeTag ? u"host,paths"_s : u"host"_s;
-        const QStringList args = QStringList{u"forget"_s, u"--quiet"_s,         u"--host"_s,     run.server,
-                                             u"--tag"_s,  kOurTag + u',' + tag, u"--group-by"_s, group} +
-                                 place.retention;
-        tellProblem(run, u"forgetting"_s, restic(run.repository, args, kAskMs).problem);
-    }
+    forgetKind(run, kHomeTag, u"host,paths"_s);
+    forgetRest(run);
+    forgetKind(run, kDeletedTag, u"host"_s);
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     if (now - run.state.prunedAt < kPruneSeconds)
         return;
@@ -151,7 +176,7 @@ void copyBackup(Run &run)
     for (const QString &account : homesIn(run.folder)) {
         if (interrupted())
             return;
-        copyHome(run, account, isPartOnly(manifest, account));
+        copyHome(run, account, manifest);
     }
     copyDeleted(run);
 }
@@ -175,6 +200,15 @@ bool isPartOnly(const QJsonObject &manifest, const QString &account)
     return std::any_of(errors.cbegin(), errors.cend(), [&account](const QJsonValue &error) {
         return error.toString().startsWith(account + u" files:"_s) && !backup::isHarmless(error.toString());
     });
+}
+
+bool isWithoutDatabase(const QJsonObject &manifest, const QString &folder, const QString &account)
+{
+    const QJsonArray errors = manifest.value("errors"_L1).toArray();
+    return !QFile::exists(u"%1/accounts/%2-db.dump"_s.arg(folder, account)) ||
+           std::any_of(errors.cbegin(), errors.cend(), [&account](const QJsonValue &error) {
+               return error.toString().startsWith(account + u" database:"_s);
+           });
 }
 
 void boundCache(const Repository &repository)

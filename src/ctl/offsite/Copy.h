@@ -26,6 +26,10 @@ QStringList homesIn(const QString &folder);
 // that files were written to meanwhile.
 bool isPartOnly(const QJsonObject &manifest, const QString &account);
 
+// Whether a backup in that folder, whose manifest this is, could not save an account's database: what pg_dump had
+// written until it failed stays there as a file.
+bool isWithoutDatabase(const QJsonObject &manifest, const QString &folder, const QString &account);
+
 // Removes restic's cache where it has become larger than it is worth.
 void boundCache(const Repository &repository);
 

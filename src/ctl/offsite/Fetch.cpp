@@ -7,6 +7,7 @@
 #include "ctl/verify/Fault.h"
 
 #include <QFile>
+#include <QMap>
 
 #include <algorithm>
 
@@ -123,6 +124,12 @@ QString fetchRest(const Repository &repository, const QString &account, const Sa
     return fault ? dump + u' ' + *fault : QString();
 }
 
+// How much of an account one has; the more, the higher.
+int worth(const SavedHome &saved)
+{
+    return (saved.isWholeHome() ? 2 : 0) + (saved.hasDatabase() ? 1 : 0);
+}
+
 } // namespace
 
 QList<SavedHome> savedOf(const QList<Snapshot> &all, const QString &account, const QString &server)
@@ -147,11 +154,51 @@ std::optional<SavedHome> newestOf(const QList<SavedHome> &saved, const QString &
 {
     std::optional<SavedHome> newest;
     for (const SavedHome &one : saved) {
-        const bool isBetter = !newest || newest->home.has(kPartTag) || !one.home.has(kPartTag);
-        if (one.backup.startsWith(date) && isBetter)
+        if (one.backup.startsWith(date) && (!newest || worth(one) >= worth(*newest)))
             newest = one;
     }
     return newest;
+}
+
+QString passedOver(const QList<SavedHome> &saved, const QString &date, const SavedHome &taken)
+{
+    const auto last = std::find_if(saved.crbegin(), saved.crend(),
+                                   [&date](const SavedHome &one) { return one.backup.startsWith(date); });
+    if (last == saved.crend() || last->backup == taken.backup)
+        return {};
+    QStringList lacks;
+    if (!last->isWholeHome())
+        lacks.append(u"the whole home"_s);
+    if (!last->hasDatabase())
+        lacks.append(u"the database"_s);
+    return u"the newer backup %1 is passed over, as it does not have %2"_s.arg(last->backup, lacks.join(" and "_L1));
+}
+
+QStringList backupsInNeed(const QList<Snapshot> &all, const QString &server)
+{
+    QMap<QString, Snapshot> rests;
+    for (const Snapshot &one : all) {
+        if (one.has(kRestTag) && one.server == server)
+            rests.insert(one.backup(), one);
+    }
+    QMap<QString, SavedHome> newest;
+    for (const Snapshot &home : all) {
+        if (!home.has(kHomeTag) || home.server != server)
+            continue;
+        SavedHome one = {home.backup(), home, {}};
+        if (const auto rest = rests.constFind(one.backup); rest != rests.cend())
+            one.rest = *rest;
+        const auto best = newest.constFind(home.path);
+        if (best == newest.cend() || worth(one) >= worth(*best))
+            newest.insert(home.path, one);
+    }
+    QStringList backups;
+    for (const SavedHome &one : std::as_const(newest)) {
+        if (one.hasDatabase() && !backups.contains(one.backup))
+            backups.append(one.backup);
+    }
+    backups.sort();
+    return backups;
 }
 
 Fetched fetchAccount(const Repository &repository, const QString &account, const SavedHome &saved,

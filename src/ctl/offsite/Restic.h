@@ -72,7 +72,8 @@ inline const QString kHomeTag = QStringLiteral("home");
 inline const QString kRestTag = QStringLiteral("rest");       // all of a backup but the homes
 inline const QString kDeletedTag = QStringLiteral("deleted"); // what deletions of accounts have left
 inline const QString kProbeTag = QStringLiteral("probe");
-inline const QString kPartTag = QStringLiteral("incomplete"); // what the backup itself could not save whole
+inline const QString kPartTag = QStringLiteral("incomplete");  // what the backup itself could not save whole
+inline const QString kBareTag = QStringLiteral("no-database"); // a home whose database that backup could not save
 
 // The name that the home of an account has in the repository.
 QString homeName(const QString &account);
