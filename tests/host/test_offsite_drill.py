@@ -122,6 +122,33 @@ def test_what_does_not_come_back_is_told_and_nothing_is_left(host):
     assert drilled(host) == (host.shop.name, "")
 
 
+def test_a_drill_without_tables_or_without_the_database_fails(host):
+    """The page says nothing of either: it is the live database that it asks."""
+    odd = host.account()
+    # Whoever is no superuser cannot make that function, and then not the table.
+    made = host.sql("CREATE FUNCTION public.odd() RETURNS float8 LANGUAGE internal AS 'drandom'; "
+                    f"CREATE TABLE fickle (x float8 DEFAULT public.odd()); ALTER TABLE fickle OWNER TO {odd.name}; "
+                    f"CREATE TABLE firm AS SELECT 1 AS x; ALTER TABLE firm OWNER TO {odd.name}", database=odd.name)
+    assert made.code == 0, made
+    host.ok(["corvctl", "backup", "start", "--wait"])
+    host.ok(["corvctl", "offsite", "run"])
+    done = host.run(["corvctl", "--json", "offsite", "drill", odd.name])
+    problem = "1 of its database's tables did not come back"
+    assert (done.code, json.loads(done.out)) == (1, {"ok": False, "error": f"the drill with {odd.name} failed: {problem}"}), done
+    assert drilled(host) == (odd.name, problem)
+
+    backup = newest(host)
+    (rest,) = snapshots(host, f"--tag corv,rest,{backup}")
+    restic(host, f"forget --quiet {rest['id']}")
+    done = host.run(["corvctl", "offsite", "drill", odd.name])
+    problem = f"the backup {backup} has no {odd.name}-db.dump; the backup {backup} has no accounts.state"
+    assert (done.code, done.err) == (1, f"corvctl: the drill with {odd.name} failed: {problem}\n"), done
+    assert drilled(host) == (odd.name, problem)
+    host.ok(["corvctl", "account", "delete", odd.name, "--force", "--confirm", odd.name])
+    host.ok(["corvctl", "offsite", "run"])
+    assert snapshots(host, f"--tag corv,rest,{backup}")
+
+
 @pytest.mark.long
 def test_the_database_of_a_deleted_account_stays_with_its_home_whatever_is_forgotten(host):
     gone = host.account()

@@ -258,6 +258,19 @@ def test_a_newer_night_without_the_database_is_passed_over_and_named(server):
     code, _, err = corvctl(server, "offsite", "fetch", "alice", late, "--to", "/root/late")
     assert (code, err.splitlines()[0]) == (
         1, f"corvctl: not all of alice was fetched: the backup {late} has no alice-db.dump; the backup {late} has no accounts.state")
+    assert corvctl(server, "--json", "offsite", "drill", "alice")[2].startswith(f"corvctl: {told}\n")
+
+
+def test_a_drill_fails_for_what_is_not_there_whatever_becomes_of_the_rest(server):
+    """The account is made and taken away again here; its site, of a web server that is none, does not answer."""
+    gives(server, ALL[1], states=OWN)
+    code, out, err = corvctl(server, "--json", "offsite", "drill", "alice")
+    server.took("hosting.create", {"ok": True})
+    server.took("hosting.delete", {"ok": True})
+    problem = f"{NO_DUMP}; its site does not answer: Connection refused"
+    told = f"the drill with alice failed: {problem}"
+    assert (code, json.loads(out), err) == (1, {"ok": False, "error": told}, f"corvctl: {told}\n")
+    assert json.loads(server.read("/var/lib/corvane/offsite/state.json"))["drillProblem"] == problem
 
 
 def test_the_parts_are_checked_in_turn(server):

@@ -139,8 +139,8 @@ QString clearAway(const Drill &drill)
 }
 
 // Makes the account. What is restored may differ from what it was, and its site may show an error, as that of the live
-// one does; whether it is as good as that, the pages tell. Its jobs are left out: they would work on what the live one
-// works on.
+// one does; whether it is as good as that, the number of tables and the pages tell. Its jobs are left out: they would
+// work on what the live one works on.
 QString restoreProblem(const Drill &drill)
 {
     say(drill, u"restoring it as %1, at %2"_s.arg(drill.name, drill.domain));
@@ -158,7 +158,10 @@ QString restoreProblem(const Drill &drill)
         say(drill, u"not as it was: "_s + lost.toString());
     if (const QString leftOut = reply.value("leftOut"_L1).toString(); !leftOut.isEmpty())
         say(drill, u"left out, since the live one has them: "_s + leftOut);
-    return pageProblem(drill);
+    // The page does not show that: it asks the live database.
+    const qint64 lost = reply.value("lostTables"_L1).toInteger();
+    const QString lacking = lost > 0 ? u"%1 of its database's tables did not come back"_s.arg(lost) : QString();
+    return hosting::joined({lacking, pageProblem(drill)});
 }
 
 QString work(const Drill &drill, const Repository &repository, const SavedHome &saved)
@@ -175,7 +178,7 @@ QString work(const Drill &drill, const Repository &repository, const SavedHome &
         say(drill, missing);
     if (interrupted())
         return u"interrupted"_s;
-    return restoreProblem(drill);
+    return hosting::joined(QStringList{fetched.missing} << restoreProblem(drill));
 }
 
 // Takes away what drills have left that were killed. Returns what could not be.
@@ -215,9 +218,12 @@ int drill(Session &session, const Given &given)
         return refuse(session, problem);
     OffsiteState state = readOffsite();
     const QString account = given.has("ACCOUNT") ? given.text("ACCOUNT") : nextAccount(all, state.drilled);
-    const std::optional<SavedHome> saved = newestOf(savedOf(all, account, given.text("--server")), {});
+    const QList<SavedHome> there = savedOf(all, account, given.text("--server"));
+    const std::optional<SavedHome> saved = newestOf(there, {});
     if (!saved)
         return refuse(session, u"nothing of %1 is there"_s.arg(account), u"corvctl offsite list shows what is"_s);
+    if (const QString newer = passedOver(there, {}, *saved); !newer.isEmpty())
+        note(newer);
 
     const QString former = clearFormer(session);
     const QString name = freeName();

@@ -91,6 +91,8 @@ QJsonObject restoredObject(const Plan &plan, const Restored &done)
                           {u"seconds"_s, done.seconds}};
     if (!done.problem.isEmpty())
         object.insert(u"error"_s, done.problem);
+    if (done.lostTables > 0)
+        object.insert(u"lostTables"_s, done.lostTables);
     if (!done.leftOut.isEmpty())
         object.insert(u"leftOut"_s, done.leftOut);
     if (!done.aside.isEmpty())

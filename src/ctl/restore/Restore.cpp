@@ -148,8 +148,10 @@ private:
             if (const QString problem = problemOf(answer); !problem.isEmpty())
                 return problem;
             m_done.tables = tablesOf(target);
-            if (const int wanted = tablesIn(m_plan.source.dump); wanted > m_done.tables)
-                m_done.lost.append(u"%1 of the database's %2 tables"_s.arg(wanted - m_done.tables).arg(wanted));
+            if (const int wanted = tablesIn(m_plan.source.dump); wanted > m_done.tables) {
+                m_done.lostTables = wanted - m_done.tables;
+                m_done.lost.append(u"%1 of the database's %2 tables"_s.arg(m_done.lostTables).arg(wanted));
+            }
             if (const QString problem = keepDone(kDatabase); !problem.isEmpty())
                 return problem;
         } else if (!m_plan.source.dump.isEmpty()) {

@@ -38,6 +38,7 @@ struct Restored
     QString password;   // the database's new one, where the old one could not be put back
     qint64 entries = 0; // of the home
     int tables = 0;     // that the database has
+    int lostTables = 0; // that its dump has and it has not
     QString seen;       // what a visitor sees of the site
     bool isSeenWell = false;
     qint64 seconds = 0;
