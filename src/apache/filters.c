@@ -33,14 +33,23 @@ static int isServersFilter(const ap_filter_rec_t *filter)
     return 0;
 }
 
+/* One of mod_http2's, which has other ones from release to release. They work on what belongs to a stream of HTTP/2. */
+static int isOfStreams(const ap_filter_rec_t *filter)
+{
+    return strncasecmp(filter->name, "H2_", 3) == 0;
+}
+
 /* Whether the server's process would not outlive this filter. */
 static int isDeadly(const ap_filter_t *f)
 {
     for (const ap_filter_provider_t *provider = f->frec->providers; provider; provider = provider->next) {
-        if (isServersFilter(provider->frec))
+        if (isServersFilter(provider->frec) || isOfStreams(provider->frec))
             return 1;
     }
     if (!f->ctx && isServersFilter(f->frec))
+        return 1;
+    /* On a stream they are there by right, where mod_http2 has added them itself. */
+    if (!f->c->master && isOfStreams(f->frec))
         return 1;
     /* The filters of mod_filter's are no registered ones. They look at a request, and a connection has none. */
     return f->frec->ftype >= AP_FTYPE_CONNECTION && ap_get_output_filter_handle(f->frec->name) != f->frec &&

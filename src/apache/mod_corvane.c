@@ -14,6 +14,7 @@
 #include "httpd.h"
 
 #include "filters.h"
+#include "memory.h"
 
 #include "apr_buckets.h"
 #include "apr_hash.h"
@@ -427,6 +428,7 @@ static void hooks(apr_pool_t *pool)
      */
     fileFilter = ap_register_output_filter("CORVANE", onOpenFiles, NULL, AP_FTYPE_RESOURCE - 1);
     ap_hook_post_config(learn, NULL, NULL, APR_HOOK_MIDDLE);
+    ap_hook_child_init(limitMemory, NULL, NULL, APR_HOOK_REALLY_FIRST);
     ap_hook_post_perdir_config(beforeAnyModule, NULL, NULL, APR_HOOK_REALLY_FIRST);
     ap_hook_fixups(beforeTheFixups, NULL, NULL, APR_HOOK_REALLY_FIRST);
     ap_hook_fixups(onTheFile, NULL, NULL, APR_HOOK_REALLY_LAST);

@@ -252,6 +252,9 @@ DEADLY = {
     "FilterDeclare NETWORK": FILTERED.format("NETWORK", "DEFLATE"),
     "FilterDeclare by the name of Apache's": "FilterDeclare CORE CONNECTION\nFilterChain CORE",
     "included": "Options +Includes\nAddOutputFilter INCLUDES .html\nAddOutputFilter CORE .txt",
+    **{f"SetOutputFilter {name}": f"SetOutputFilter {name}" for name in ("H2_C2_NET_CATCH_H1", "h2_c2_net_catch_h1", "H2_C2_WS_OUT")},
+    "SetInputFilter H2_C2_REQUEST_IN": "SetInputFilter H2_C2_REQUEST_IN",
+    **{f"FilterProvider {name}": FILTERED.format("", name) for name in ("H2_C2_NET_CATCH_H1", "H2_C2_NET_OUT", "H2_C2_WS_OUT")},
     "password from a cache that is off": "AuthType Basic\nAuthName mine\nAuthBasicProvider socache file\nAuthnCacheProvideFor file\n"
                                          "AuthUserFile /home/@ME@/public_html@HERE@/y.txt\nRequire valid-user",
 }
@@ -467,6 +470,22 @@ def test_an_odd_htaccess_is_answered(tenants, guarded, name):
     assert not guarded or ended(tenants) == before
 
 
+# The filters of HTTP/2, which are there by right where a visitor speaks it.
+OF_STREAMS = ["H2_C2_REQUEST_IN", "H2_C2_RESPONSE_OUT", "H2_C2_TRAILERS_OUT", "H2_C2_NET_IN", "H2_C2_NET_CATCH_H1", "H2_C2_NET_OUT", "H2_C2_WS_OUT"]
+OVER_STREAMS = 'curl -s --http2-prior-knowledge --max-time 20 -o /dev/null -w "%{http_code} %{http_version}" --resolve "$1:80:$2" "http://$1/$3/x.php"'
+
+
+@pytest.mark.parametrize("kind", ["SetOutputFilter", "SetInputFilter"])
+def test_a_visitor_who_speaks_http_2_is_answered_all_the_same(tenants, guarded, kind):
+    before = ended(tenants)
+    for htaccess in ["", *(f"{kind} {name}\n" for name in OF_STREAMS)]:
+        folder = tenants.prepare(Attempt(htaccess, ""))
+        for body in ([], ["-d", "a=b"]):
+            seen = tenants.host.outside(["sh", "-c", f'{OVER_STREAMS} {" ".join(body)}', "sh", tenants.me.domain, ADDRESS, folder]).out
+            assert seen == "200 2", f"{htaccess}: {tenants.log()}"
+    assert not guarded or ended(tenants) == before
+
+
 # The attacker's site on port 443, with the body that it has on port 80.
 TLS = """
 <VirtualHost *:443>
@@ -509,3 +528,32 @@ def test_no_htaccess_has_apache_keep_whole_bodies_in_memory(tenants, guarded):
     if guarded:
         assert answer == "500"
         assert "SSLRenegBufferSize cannot occur within htaccess files" in tenants.log()
+
+
+# A letter becomes so many bytes in one request. What is one rule more makes four times as much of it.
+RULES = 15
+GROWING = RULE + "RewriteRule ^ - [E=A:%{ENV:A}%{ENV:A}%{ENV:A}%{ENV:A}x]\n" * RULES
+GROWN = 4 ** (RULES - 1)
+
+
+def test_no_htaccess_has_one_request_take_the_servers_memory(tenants, guarded):
+    host = tenants.host
+    folder = tenants.prepare(Attempt(GROWING, "", files={"y.txt": "mine"}))
+    # Fresh processes, so that the most that any of them had is this request's.
+    host.ok(["systemctl", "restart", "apache2"])
+    main = host.main_process("apache2")
+    host.wait_for(lambda: host.run(["pgrep", "-x", "-P", main, "apache2"]).code == 0, "Apache's processes")
+    before = ended(tenants)
+
+    asked = host.outside(["curl", "-qs", "--max-time", "50", "-o", "/dev/null", "-w", "%{http_code}", "-H", f"Host: {tenants.me.domain}",
+                          f"http://{ADDRESS}/{folder}/y.txt"])
+
+    peak = int(host.ok(["sh", "-c", PEAK])) * 1024
+    print(f"answered with {asked.out}; {peak // 1024 // 1024} MiB")
+    assert asked.out == ("000" if guarded else "200")
+    assert (peak > GROWN) is not guarded
+    if guarded:
+        # Its process ends, and the server goes on.
+        host.wait_for(lambda: ended(tenants) > before, "the word of Apache about its process")
+        assert host.main_process("apache2") == main
+        assert host.fetch(tenants.victim.domain, "/config.php").status == 200
