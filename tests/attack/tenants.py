@@ -10,8 +10,8 @@ from dataclasses import dataclass, field
 WHO = "<?php echo 'php runs as ', posix_getpwuid(posix_geteuid())['name'], ', basedir ', ini_get('open_basedir'), ';';"
 
 # Beyond what Debian and the agent enable.
-MODULES = ["actions", "asis", "authn_socache", "authz_groupfile", "cern_meta", "cgid", "dav", "expires", "ext_filter", "headers", "http2", "imagemap", "include", "info",
-           "ldap", "lua", "proxy_balancer", "proxy_http", "speling", "ssl", "userdir"]
+MODULES = ["actions", "asis", "authn_socache", "authz_groupfile", "cern_meta", "cgid", "dav", "expires", "ext_filter", "headers", "http2",
+           "imagemap", "include", "info", "ldap", "lua", "proxy_balancer", "proxy_http", "speling", "ssl", "userdir"]
 
 # The administrator's own: an application that all hosts show, run by the distribution's pool, and a file for the web server.
 TOOLS = """

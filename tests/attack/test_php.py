@@ -1,4 +1,7 @@
-"""An account's PHP: what all pools of one PHP version share, first of all their cache of compiled scripts."""
+"""An account's PHP: what all pools of one PHP version share, first of all their cache of compiled scripts, and how one gets in the way
+of all."""
+
+import json
 
 import pytest
 from hostfloor import ADDRESS
@@ -140,3 +143,165 @@ def test_a_site_is_served_while_php_gets_the_settings(sites, guarded):
     host.wait_for(lambda: host.exists(link), "the settings")
     sites.set_apart(True)
     assert "200" in seen
+
+
+WATCHER = "corv-php-watch"
+
+# How he stops his own PHP while it writes into the cache: he has it compile what nobody has seen yet, again and again, watches which
+# of his processes has the lock, and stops that one. What was stopped a moment too late goes on.
+HOLD = r"""
+import os, pathlib, signal, subprocess, sys, time, urllib.request
+domain, address = sys.argv[1:]
+folder = pathlib.Path.home() / "public_html"
+
+def writer():
+    for line in open("/proc/locks"):
+        words = line.split()
+        if words[1:4] == ["POSIX", "ADVISORY", "WRITE"] and is_mine(words[4]):
+            return int(words[4])
+
+def is_mine(pid):
+    try:
+        return f"\nUid:\t{os.getuid()}\t" in open(f"/proc/{pid}/status").read()
+    except OSError:
+        return False
+
+for attempt in range(400):
+    page = folder / f"many{attempt}.php"
+    page.write_text("<?php\n" + "".join(f"function f{attempt}_{i}($a) {{ return $a + {i}; }}\n" for i in range(12000)))
+    past = time.time() - 60
+    os.utime(page, (past, past))
+    visit = subprocess.Popen(["curl", "-s", "-m", "5", "-o", "/dev/null", "-H", f"Host: {domain}", f"http://{address}/{page.name}"])
+    while visit.poll() is None:
+        pid = writer()
+        if pid is None:
+            continue
+        os.kill(pid, signal.SIGSTOP)
+        if writer() == pid:
+            print(pid, attempt)
+            sys.exit()
+        os.kill(pid, signal.SIGCONT)
+    page.unlink()
+sys.exit("it was never stopped in time")
+"""
+
+
+def has_lock(host, process):
+    return f" WRITE {process} " in host.get("/proc/locks")
+
+
+def test_no_account_holds_up_the_php_of_all_by_stopping_its_own(sites, guarded):
+    host = sites.host
+    if not guarded:
+        host.ok(["systemctl", "stop", WATCHER])
+    host.put("/usr/local/lib/hold.py", HOLD)
+    sites.run("echo 'mine';")
+    since = host.mark()
+    held = host.ok(["python3", "/usr/local/lib/hold.py", sites.me.domain, "127.0.0.1"], user=sites.me.name).split()[0]
+    try:
+        locked = has_lock(host, held)
+        # What is in the cache already is there for everybody, what is not is compiled first.
+        page = f"{sites.victim.home}/public_html/new.php"
+        host.put(page, "<?php echo 'welcome';", owner=sites.victim.name)
+        host.ok(["touch", "-d", "1 minute ago", page])
+        seen = host.outside(["curl", "-qs", "--max-time", "25", "-H", f"Host: {sites.victim.domain}", f"http://{ADDRESS}/new.php"]).out
+        print(f"process {held}, which had the lock: {locked}; seen: {seen!r}")
+        assert seen == ("welcome" if guarded else "")
+        if guarded:
+            host.wait_for(lambda: not host.exists(f"/proc/{held}"), "the end of the stopped process")
+            assert (f"account {sites.me.name}: ended the PHP process {held}, which was stopped and may have held up all others"
+                    in host.journal(WATCHER, since))
+        else:
+            assert locked and has_lock(host, held)
+            assert len(mends(host, f"{sites.me.name} stopped a process of PHP")) == 1
+    finally:
+        host.run(["kill", "-KILL", held])
+        host.ok(["systemctl", "start", WATCHER])
+
+
+# Lets it go on for a moment time and again, so that it is not found stopped for long.
+TOGGLE = "while kill -STOP $0; do sleep 0.4; kill -CONT $0; sleep 0.02; done"
+
+
+def test_who_lets_his_process_go_on_for_moments_is_found_as_well(sites, guarded):
+    if not guarded:
+        return
+    host = sites.host
+    sites.run("echo 'mine';")
+    process = host.ok(["pgrep", "-u", sites.me.name, "-f", "php-fpm: pool"]).split()[0]
+    host.ok(["systemd-run", "--quiet", "--collect", "--unit=toggler", f"--uid={sites.me.name}", "sh", "-c", TOGGLE, process])
+    try:
+        host.wait_for(lambda: not host.exists(f"/proc/{process}"), "the end of the process that is stopped and goes on")
+    finally:
+        host.run(["systemctl", "stop", "toggler"])
+
+
+# Keeps what is handed to it: a process of his session, which PHP's end does not reach.
+KEEPER = """
+import socket, time
+server = socket.socket(socket.AF_UNIX)
+server.bind("keeper.sock")
+server.listen()
+client, _ = server.accept()
+kept = socket.recv_fds(client, 1, 1)[1]
+client.sendall(b"kept")
+time.sleep(1000)
+"""
+
+# Run by a page: hands over the socket at which his pool listens, which each program of a page's has from PHP.
+GIVER = """
+import os, socket
+for number in map(int, os.listdir("/proc/self/fd")):
+    try:
+        one = socket.socket(fileno=os.dup(number))
+        if one.getsockopt(socket.SOL_SOCKET, socket.SO_ACCEPTCONN):
+            keeper = socket.socket(socket.AF_UNIX)
+            keeper.connect("keeper.sock")
+            socket.send_fds(keeper, [b"x"], [number])
+            print(keeper.recv(9).decode())
+    except OSError:
+        pass
+"""
+GIVE = "chdir('/home/@ME@'); exec('cd /home/@ME@ && python3 giver.py 2>&1', $said); echo implode(' ', $said);"
+
+# The administrator's mistake, at which PHP ends and leaves the names of its sockets.
+BROKEN = "[broken]\nuser = nobody-of-that-name\nlisten = /run/php/broken.sock\npm = static\npm.max_children = 1\n"
+
+
+def mends(host, problem):
+    """The commands that the doctor gives for a problem."""
+    checks = json.loads(host.run(["corvctl", "--json", "doctor"]).out)["checks"]
+    return [finding["mend"] for check in checks for finding in check["findings"] if problem in finding["problem"]]
+
+
+def test_no_process_of_an_account_keeps_php_from_ever_starting_again(sites):
+    host = sites.host
+    unit = f"php{sites.me.php}-fpm"
+    sockets = f"/run/php/corv-{sites.me.name}.sock"
+    broken = f"/etc/php/{sites.me.php}/fpm/pool.d/zz-broken.conf"
+    for name, text in (("keeper.py", KEEPER), ("giver.py", GIVER)):
+        host.put(f"{sites.me.home}/{name}", text, owner=sites.me.name)
+    host.ok(["systemd-run", "--quiet", "--collect", "--unit=keeper", f"--uid={sites.me.name}", f"--working-directory={sites.me.home}",
+             "python3", "keeper.py"])
+    try:
+        host.wait_for(lambda: host.exists(f"{sites.me.home}/keeper.sock"), "the keeper")
+        assert sites.run(GIVE) == "kept"
+        host.put(broken, BROKEN)
+        host.run(["systemctl", "reload", unit])
+        host.wait_for(lambda: host.run(["systemctl", "is-active", unit]).out.strip() in ("failed", "inactive"), "PHP's end")
+        host.ok(["rm", broken])
+        assert host.exists(sockets)
+        since = host.mark()
+        assert host.run(["sh", "-c", f"systemctl reset-failed {unit}; systemctl start {unit}"]).code != 0
+        assert "Another FPM instance seems to already listen" in host.journal(unit, since)
+
+        commands = mends(host, f"the service {unit} does not run")
+        print(commands)
+        assert len(commands) == 1
+        host.ok(["sh", "-c", commands[0]])
+        assert host.fetch(sites.victim.domain, "/index.php").body == "welcome"
+        assert sites.run("echo 'mine';") == "mine"
+    finally:
+        host.run(["systemctl", "stop", "keeper"])
+        host.run(["rm", "-f", broken, f"{sites.me.home}/keeper.sock"])
+        host.run(["sh", "-c", f"systemctl is-active -q {unit} || (systemctl reset-failed {unit}; systemctl start {unit})"])

@@ -273,6 +273,15 @@ def watch_misspelt(box):
     box.answer("systemctl", "show", "--no-pager", ..., out=f"{block}\nLoadState=not-found\nActiveState=inactive\n\n{block}")
 
 
+def php_leaves_sockets(box):
+    # bob has no pool there: another FPM may serve him.
+    for name in ("alice", "bob"):
+        box.write(f"/run/php/corv-{name}.sock")
+    block = "LoadState=loaded\nActiveState=active\n"
+    box.answer("systemctl", "show", "--no-pager", ...,
+               out=f"{block}\n{block}\nLoadState=loaded\nActiveState=failed\nSubState=failed\n")
+
+
 FAULTS = {
     "agent fails": (
         lambda box: answer_unit(box, "corv-agent.service", ActiveState="failed"),
@@ -287,6 +296,13 @@ FAULTS = {
                                out="LoadState=loaded\nActiveState=active\n\nLoadState=loaded\nActiveState=failed\nSubState=failed\n"),
         "services", "the service postgresql does not run: it is failed",
         "systemctl reset-failed postgresql; systemctl start postgresql"),
+    "PHP is down and has left sockets": (
+        php_leaves_sockets, "services", "the service php8.2-fpm does not run: it is failed",
+        "systemctl reset-failed php8.2-fpm; rm -f /run/php/corv-alice.sock; systemctl start php8.2-fpm"),
+    "PHP's processes are not watched": (
+        lambda box: answer_unit(box, "corv-php-watch.service", ActiveState="inactive"), "PHP",
+        "a process of PHP that an account stops may hold up the pages of all: its watcher is off",
+        "systemctl enable corv-php-watch; systemctl restart corv-php-watch"),
     "Apache is broken": (
         break_apache, "Apache", "Apache's configuration has an error, so that no site can be changed: Syntax error on line 3",
         "apache2ctl configtest"),
@@ -450,6 +466,7 @@ TOGETHER = [
     ["automatic updates have no timer", "nobody can be mailed"],
     ["key is misspelt", "disk of the backups is missing", "two sites have one name", "site serves a home of nobody"],
     ["watched service is none"],
+    ["PHP is down and has left sockets", "PHP's processes are not watched"],
 ]
 
 

@@ -133,7 +133,7 @@ private Q_SLOTS:
                                   service(u"postgresql"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                   service(u"fail2bn"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                   service(u"unheard-of"_s, u"not-found"_s, u"inactive"_s, u"dead"_s)},
-                                 u"8.2"_s, {u"fail2ban"_s, u"ssh"_s}, {kFile, {u"fail2bn"_s, u"unheard-of"_s}})),
+                                 u"8.2"_s, {u"fail2ban"_s, u"ssh"_s}, {kFile, {u"fail2bn"_s, u"unheard-of"_s}}, {})),
             (QStringList{
                 u"fault|the service php8.2-fpm does not run: it is failed|systemctl reset-failed php8.2-fpm; systemctl "
                 u"start "
@@ -149,11 +149,29 @@ private Q_SLOTS:
             }));
     }
 
+    void hasTheSocketsRemovedThatKeepAnFpmFromStarting()
+    {
+        const auto loaded = u"loaded"_s;
+        QCOMPARE(asText(checkServices({service(u"php8.2-fpm"_s, loaded, u"failed"_s, u"failed"_s),
+                                       service(u"php8.4-fpm"_s, loaded, u"inactive"_s, u"dead"_s),
+                                       service(u"php8.1-fpm"_s, loaded, u"active"_s, u"running"_s)},
+                                      u"8.2"_s, {}, {kFile, {}},
+                                      {{u"php8.1-fpm"_s, {u"/run/php/corv-carol.sock"_s}},
+                                       {u"php8.2-fpm"_s, {u"/run/php/corv-*.sock"_s}},
+                                       {u"php8.4-fpm"_s, {u"/run/php/corv-a.sock"_s, u"/run/php/corv-b.sock"_s}}})),
+                 (QStringList{
+                     u"fault|the service php8.2-fpm does not run: it is failed|systemctl reset-failed php8.2-fpm; rm "
+                     "-f /run/php/corv-*.sock; systemctl start php8.2-fpm"_s,
+                     u"fault|the service php8.4-fpm does not run: it is dead|rm -f /run/php/corv-a.sock "
+                     "/run/php/corv-b.sock; systemctl start php8.4-fpm"_s,
+                 }));
+    }
+
     void leavesANameWithinAnotherToTheAdministrator()
     {
         QCOMPARE(checkServices({service(u"postgresq"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                 service(u"postgresql"_s, u"loaded"_s, u"active"_s, u"exited"_s)},
-                               u"8.2"_s, {u"postgresql"_s}, {kFile, {u"postgresq"_s, u"postgresql"_s}})
+                               u"8.2"_s, {u"postgresql"_s}, {kFile, {u"postgresq"_s, u"postgresql"_s}}, {})
                      .value(0)
                      .mend,
                  u"editor /etc/corvane/corvane.ini"_s);

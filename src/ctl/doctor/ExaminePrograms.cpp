@@ -2,6 +2,7 @@
 
 #include "common/Packages.h"
 #include "common/Pool.h"
+#include "common/StoppedPhp.h"
 #include "common/System.h"
 #include "common/TimedRun.h"
 #include "ctl/Turn.h"
@@ -14,6 +15,8 @@
 
 #include <algorithm>
 
+#include <pwd.h>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
@@ -24,6 +27,30 @@ constexpr int kToolMs = 30'000;
 Outcome runTool(const QString &program, const QStringList &args)
 {
     return runWithin(kToolMs, program, args);
+}
+
+// The users of the processes of PHP that are stopped, each once.
+QStringList whoStoppedPhp()
+{
+    QStringList names;
+    for (const php::StoppedProcess &process : php::stoppedProcesses()) {
+        const passwd *const user = ::getpwuid(process.user);
+        names.append(user ? QString::fromLocal8Bit(user->pw_name) : QString::number(process.user));
+    }
+    names.sort();
+    names.removeDuplicates();
+    return names;
+}
+
+// What is in the way of each FPM that does not run. Of those that do it is what they serve.
+LeftSockets leftSockets()
+{
+    QString problem;
+    const QList<PhpPools> versions = readPhpPools(&problem);
+    LeftSockets left;
+    for (const PhpPools &pools : versions)
+        left.insert(u"php%1-fpm"_s.arg(pools.version), socketsLeftBy(pools.version, versions));
+    return left;
 }
 
 QString firstOf(const QByteArray &errors)
@@ -46,7 +73,7 @@ Check examineServices(const QSettings &settings, const QString &path, const QStr
         return service.second.value(u"LoadState"_s) == "not-found"_L1;
     });
     return {u"services"_s, services.join(u' '),
-            checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched})};
+            checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched}, leftSockets())};
 }
 
 Check examineApache()
@@ -84,6 +111,10 @@ Check examinePhp(const QString &inForce)
     const QList<PhpPools> pools = readPhpPools(&problem);
     const std::optional<MoveJournal> cutOff = isTurnTaken(kPhpLock) ? std::nullopt : readMove();
     check.findings += checkPhpPools(pools, inForce, cutOff ? QStringList{cutOff->from, cutOff->to} : QStringList());
+    if (!seen.isEmpty()) {
+        const QString state = unitProperties(u"corv-php-watch.service"_s).value(u"ActiveState"_s);
+        check.findings += checkStoppedPhp(whoStoppedPhp(), state.isEmpty() || state == "active"_L1);
+    }
     check.seen = seen.isEmpty() ? u"not installed"_s : u"cache of "_s + seen.join(u' ');
     return check;
 }

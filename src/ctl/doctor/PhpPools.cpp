@@ -124,6 +124,22 @@ PoolState wantedState(const QString &account)
     return *site == hosting::vhost(account, domain, true, false).toUtf8() ? PoolState::Live : PoolState::Any;
 }
 
+QStringList socketsLeftBy(const QString &version, const QList<PhpPools> &versions)
+{
+    QStringList own;
+    QStringList others;
+    for (const PhpPools &pools : versions)
+        (pools.version == version ? own : others) += pools.live;
+    own.removeIf([&](const QString &account) {
+        return others.contains(account) || !QFileInfo::exists(u"/run/php/corv-%1.sock"_s.arg(account));
+    });
+    if (own.size() > 1 && others.isEmpty())
+        return {u"/run/php/corv-*.sock"_s};
+    for (QString &account : own)
+        account = u"/run/php/corv-%1.sock"_s.arg(account);
+    return own;
+}
+
 QList<Finding> checkPhpPools(const QList<PhpPools> &versions, const QString &inForce, const QStringList &cutOff)
 {
     QList<Finding> findings;
@@ -158,6 +174,21 @@ QList<Finding> checkPhpPools(const QList<PhpPools> &versions, const QString &inF
             findings.append(
                 {Level::Note, u"%1 run PHP %2; new accounts get PHP %3"_s.arg(whose, pools.version, inForce), move});
     }
+    return findings;
+}
+
+QList<Finding> checkStoppedPhp(const QStringList &accounts, bool isWatched)
+{
+    const QString mend = u"systemctl enable corv-php-watch; systemctl restart corv-php-watch"_s;
+    QList<Finding> findings;
+    if (!accounts.isEmpty())
+        findings.append({Level::Fault,
+                         u"%1 stopped a process of PHP, which may hold up the pages of all"_s.arg(someOf(accounts)),
+                         mend});
+    else if (!isWatched)
+        findings.append({Level::Fault,
+                         u"a process of PHP that an account stops may hold up the pages of all: its watcher is off"_s,
+                         mend});
     return findings;
 }
 

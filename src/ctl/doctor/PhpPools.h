@@ -37,8 +37,15 @@ bool isNoUser(const QString &name);
 enum class PoolState { Live, Parked, Any };
 PoolState wantedState(const QString &account);
 
+// The names, as words for the shell, that the FPM of a version would find in its way in /run/php while it does not run:
+// those of its accounts' sockets that are there. All at once where no other version has any.
+QStringList socketsLeftBy(const QString &version, const QList<PhpPools> &versions);
+
 // What is wrong with pools under other versions than the one in force (inForce, empty for none), all accounts together.
 // cutOff names the two versions of a move that was cut off, empty for none.
 QList<Finding> checkPhpPools(const QList<PhpPools> &versions, const QString &inForce, const QStringList &cutOff);
+
+// Processes of pools that somebody has stopped, by their accounts' names, and whether the unit runs that ends them.
+QList<Finding> checkStoppedPhp(const QStringList &accounts, bool isWatched);
 
 } // namespace corv::ctl

@@ -44,6 +44,13 @@ bool isOfPackages(const QString &service, const QString &php)
     return service == "apache2"_L1 || service == "postgresql"_L1 || service == u"php%1-fpm"_s.arg(php);
 }
 
+// An FPM asks whether anybody listens at a socket that is there, and gives up when its backlog takes the question: any
+// process that a page once started may have kept it. At a name that is missing it asks nobody.
+QString removal(const QStringList &sockets)
+{
+    return sockets.isEmpty() ? QString() : u"rm -f %1; "_s.arg(sockets.join(u' '));
+}
+
 Finding noSuchUnit(const QString &service, const QStringList &known, const Watched &watched)
 {
     static const QRegularExpression plain(QRegularExpression::anchoredPattern(u"[A-Za-z0-9@_.-]+"_s));
@@ -118,7 +125,7 @@ QStringList knownServices()
 }
 
 QList<Finding> checkServices(const QList<Service> &services, const QString &php, const QStringList &known,
-                             const Watched &watched)
+                             const Watched &watched, const LeftSockets &left)
 {
     QList<Finding> findings;
     for (const auto &[name, unit] : services) {
@@ -132,12 +139,12 @@ QList<Finding> checkServices(const QList<Service> &services, const QString &php,
             findings.append(noSuchUnit(name, known, watched));
         } else if (!exists) {
             findings.append({Level::Fault, problem, u"apt-get install -y "_s + shellWord(name)});
-        } else if (state == "failed"_L1) {
-            // One that failed too often in a row is not started before it is told to forget that.
-            findings.append(
-                {Level::Fault, problem, u"systemctl reset-failed %1; systemctl start %1"_s.arg(shellWord(name))});
         } else {
-            findings.append({Level::Fault, problem, u"systemctl start "_s + shellWord(name)});
+            // One that failed too often in a row is not started before it is told to forget that.
+            const QString forget =
+                state == "failed"_L1 ? u"systemctl reset-failed %1; "_s.arg(shellWord(name)) : QString();
+            findings.append(
+                {Level::Fault, problem, forget + removal(left.value(name)) + u"systemctl start "_s + shellWord(name)});
         }
     }
     return findings;

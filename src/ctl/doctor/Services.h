@@ -3,6 +3,7 @@
 #include "ctl/doctor/Finding.h"
 #include "ctl/doctor/System.h"
 
+#include <QHash>
 #include <QList>
 #include <QString>
 #include <QStringList>
@@ -31,8 +32,12 @@ struct Watched
     QStringList services;
 };
 
-// What is wrong with services, php being the PHP version in force, and known what knownServices gives.
+// The sockets that an FPM has left, as words for the shell, by the name of its service.
+using LeftSockets = QHash<QString, QStringList>;
+
+// What is wrong with services, php being the PHP version in force, and known what knownServices gives. left holds the
+// sockets that keep a service from starting as long as anybody has them open.
 QList<Finding> checkServices(const QList<Service> &services, const QString &php, const QStringList &known,
-                             const Watched &watched);
+                             const Watched &watched, const LeftSockets &left);
 
 } // namespace corv::ctl
