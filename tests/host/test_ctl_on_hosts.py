@@ -81,6 +81,12 @@ FAULTS = {
     "the agent is disabled": (
         "systemctl -q disable corv-agent", ["the agent will not come up with the server, its service is disabled"]),
     "a service is down": ("systemctl stop php8.2-fpm", ["the service php8.2-fpm does not run: it is dead"]),
+    "one account's memory ends everybody's services": (
+        "for unit in php8.2-fpm CLUSTER; do mkdir -p /etc/systemd/system/$unit.service.d; "
+        "printf '[Service]\\nOOMPolicy=stop\\n' >/etc/systemd/system/$unit.service.d/x.conf; done; systemctl daemon-reload",
+        ["one process that takes too much memory ends php8.2-fpm for all accounts (OOMPolicy=stop)",
+         "one process that takes too much memory ends CLUSTER for all accounts (OOMPolicy=stop)"],
+        None, "rm -r /etc/systemd/system/php8.2-fpm.service.d /etc/systemd/system/CLUSTER.service.d; systemctl daemon-reload"),
     "Apache's configuration is broken": (
         "echo Nonsense >/etc/apache2/conf-enabled/x.conf",
         ["Apache's configuration has an error, so that no site can be changed: AH00526: Syntax error on line 1 of "
@@ -297,7 +303,8 @@ ROUNDS = [
      "an account's pool is in another version", "an account has no site", "the transfer folder is another's",
      "there is no backup"],
     ["a database is open to all", "an account's pool is put aside", "a site shows its source",
-     "a role and a database are left over", "the last backup has errors", "no proof is planned"],
+     "a role and a database are left over", "the last backup has errors", "no proof is planned",
+     "one account's memory ends everybody's services"],
     ["a restore was cut off in its swap", "an account has two pools", "the destination is full", "a unit has another PATH"],
     ["a restore was cut off", "a user is locked", "the mark is on another user", "a role is left over",
      "the cache of PHP is open to all accounts", "an account is only a user"],

@@ -101,13 +101,25 @@ def keeps_apart(host, account):
     return link == "/etc/corvane/php-fpm.ini\n" and host.fetch(account.domain, "/set.php").body == "1"
 
 
+def goes_on(host, unit):
+    """Whether systemd lets a service go on when the kernel had to end one of its processes that took too much memory."""
+    return host.ok(["systemctl", "show", "--value", "-p", "OOMPolicy", f"{unit}.service"]) == "continue\n"
+
+
 @pytest.mark.core
 def test_phps_settings_come_with_each_version_and_an_administrators_stay(own_host, package):
     host = own_host
     account = host.account()
     assert keeps_apart(host, account)
 
-    host.publish("php9.9-fpm", "1", files={"/etc/php/9.9/fpm/conf.d/10-x.ini": ""}, install=True)
+    assert goes_on(host, f"php{account.php}-fpm")
+    assert goes_on(host, f"postgresql@{host.ok(['ls', '/etc/postgresql']).strip()}-main")
+
+    host.publish("php9.9-fpm", "1", install=True, files={
+        "/etc/php/9.9/fpm/conf.d/10-x.ini": "", "/usr/lib/systemd/system/php9.9-fpm.service": "[Service]\nExecStart=/bin/true\n"})
+    # What the scripts of each package that brings a unit do.
+    host.ok(["systemctl", "daemon-reload"])
+    assert goes_on(host, "php9.9-fpm")
     assert host.ok(["readlink", php_link("9.9")]) == "/etc/corvane/php-fpm.ini\n"
     host.ok(["rm", php_link("9.9")])
     host.put(php_link("9.9"), "; the administrator's own\n")

@@ -282,6 +282,12 @@ def php_leaves_sockets(box):
                out=f"{block}\n{block}\nLoadState=loaded\nActiveState=failed\nSubState=failed\n")
 
 
+def answer_memory(box, policy):
+    """What systemd does with PHP's service when the kernel ended one of its processes; the unit before it is nothing but a name."""
+    blocks = [f"LoadState=loaded\nActiveState=active\nSubState=running\nOOMPolicy={word}\n" for word in ("continue", "stop", policy)]
+    box.answer("systemctl", "show", "--no-pager", ..., out="\n".join(blocks))
+
+
 FAULTS = {
     "agent fails": (
         lambda box: answer_unit(box, "corv-agent.service", ActiveState="failed"),
@@ -303,6 +309,11 @@ FAULTS = {
         lambda box: answer_unit(box, "corv-php-watch.service", ActiveState="inactive"), "PHP",
         "a process of PHP that an account stops may hold up the pages of all: its watcher is off",
         "systemctl enable corv-php-watch; systemctl restart corv-php-watch"),
+    "one account's memory ends PHP": (
+        lambda box: answer_memory(box, "stop"), "services",
+        "one process that takes too much memory ends php8.2-fpm for all accounts (OOMPolicy=stop)",
+        "mkdir -p /etc/systemd/system/php8.2-fpm.service.d && (echo '[Service]'; echo OOMPolicy=continue) "
+        ">/etc/systemd/system/php8.2-fpm.service.d/zz-corvane.conf && systemctl daemon-reload"),
     "Apache is broken": (
         break_apache, "Apache", "Apache's configuration has an error, so that no site can be changed: Syntax error on line 3",
         "apache2ctl configtest"),
@@ -459,7 +470,7 @@ TOGETHER = [
      "service is down", "pool is in another version", "PostgreSQL has holes", "site is not enabled", "sshd -T fails",
      "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "no proof is planned",
      "deletions are not watched", "home is too large"],
-    ["accounts are not kept apart", "panel database is missing", "pool is put aside", "account is only a user"],
+    ["accounts are not kept apart", "one account's memory ends PHP", "panel database is missing", "pool is put aside", "account is only a user"],
     ["account has no database", "user is locked"],
     ["domain is none", "account has no role"],
     ["automatic updates have no package", "a failure was kept"],
@@ -541,6 +552,11 @@ def test_notes_fail_nothing(well):
     code, findings = doctor(well)
     assert (code, findings) == (0, [
         ("note", "quotas", "disk quotas are off: nothing keeps one account from filling the disk", "corvctl quota enable")])
+
+
+def test_services_that_go_on_after_a_process_that_took_too_much_memory_are_well(well):
+    answer_memory(well, "continue")
+    assert doctor(well) == (0, [])
 
 
 def test_what_a_removed_php_has_left_enabled_is_no_service(well):

@@ -7,6 +7,7 @@
 #include "common/TimedRun.h"
 #include "ctl/Turn.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/OutOfMemory.h"
 #include "ctl/doctor/PhpPools.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/php/MoveJournal.h"
@@ -73,7 +74,8 @@ Check examineServices(const QSettings &settings, const QString &path, const QStr
         return service.second.value(u"LoadState"_s) == "not-found"_L1;
     });
     return {u"services"_s, services.join(u' '),
-            checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched}, leftSockets())};
+            checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched}, leftSockets()) +
+                checkOutOfMemory(found)};
 }
 
 Check examineApache()

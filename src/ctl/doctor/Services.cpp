@@ -94,7 +94,8 @@ QList<Service> readServices(const QStringList &names)
 {
     if (names.isEmpty())
         return {};
-    const QStringList show = {u"show"_s, u"--no-pager"_s, u"-p"_s, u"LoadState,ActiveState,SubState"_s, u"--"_s};
+    const QStringList show = {u"show"_s, u"--no-pager"_s, u"-p"_s, u"LoadState,ActiveState,SubState,OOMPolicy"_s,
+                              u"--"_s};
     const QByteArray output = runWithin(kToolMs, u"systemctl"_s, show + names).output;
     QList<Service> services;
     QByteArray block;
