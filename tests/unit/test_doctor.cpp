@@ -93,26 +93,33 @@ private Q_SLOTS:
         QCOMPARE(asText(checkPhp({u"8.2"_s, parsePhpInfo(output), readsOurs})), wanted);
     }
 
-    void findsAJailThatBelievesAnyProgramNamedSshd_data()
+    void findsAJailThatBelievesUsersProgramsNamedSshd_data()
     {
         QTest::addColumn<QByteArray>("output");
         QTest::addColumn<bool>("found");
         const QByteArray start = "Current match filter:\n";
         QTest::newRow("Debian 12") << start + "_SYSTEMD_UNIT=sshd.service + _COMM=sshd\n" << true;
         QTest::newRow("Debian 13") << start + "_SYSTEMD_UNIT=ssh.service + _COMM=sshd + _COMM=sshd-session\n" << true;
-        QTest::newRow("its unit") << start + "_SYSTEMD_UNIT=ssh.service\n" << false;
-        QTest::newRow("its unit and name") << start + "_SYSTEMD_UNIT=ssh.service _COMM=sshd\n" << false;
+        QTest::newRow("its unit") << start + "_SYSTEMD_UNIT=ssh.service\n" << true;
+        QTest::newRow("its unit and name") << start + "_SYSTEMD_UNIT=ssh.service _COMM=sshd\n" << true;
+        QTest::newRow("root alone") << start + "_COMM=sshd _UID=0\n" << true;
+        QTest::newRow("another user") << start + "_SYSTEMD_UNIT=ssh.service _UID=01\n" << true;
+        QTest::newRow("one of two") << start + "_SYSTEMD_UNIT=ssh.service _UID=0 + _COMM=sshd\n" << true;
+        QTest::newRow("root in its unit") << start + "_SYSTEMD_UNIT=ssh.service _UID=0\n" << false;
+        QTest::newRow("with its name") << start + "_UID=0 _SYSTEMD_UNIT=ssh.service _COMM=sshd\n" << false;
+        QTest::newRow("both units") << start + "_SYSTEMD_UNIT=ssh.service _UID=0 + _SYSTEMD_UNIT=sshd.service _UID=0\n"
+                                    << false;
         QTest::newRow("a log file") << QByteArray("No journal match filter set\n") << false;
         QTest::newRow("no fail2ban") << QByteArray() << false;
     }
-    void findsAJailThatBelievesAnyProgramNamedSshd()
+    void findsAJailThatBelievesUsersProgramsNamedSshd()
     {
         QFETCH(QByteArray, output);
         const QStringList wanted = {
-            u"fault|fail2ban's jail for SSH believes any local program named sshd, so that every user can have "
-            "addresses banned|[ ! -e /etc/fail2ban/jail.d/sshd-journal.local ] && printf '[sshd]\\njournalmatch = "
-            "_SYSTEMD_UNIT=ssh.service\\n' "
-            ">/etc/fail2ban/jail.d/sshd-journal.local && systemctl restart fail2ban"_s};
+            u"fault|fail2ban's jail for SSH believes users' programs named sshd too, so that every user can have "
+            "addresses banned|[ ! -e /etc/fail2ban/jail.d/zz-sshd-journal.local ] && printf '[sshd]\\njournalmatch = "
+            "_SYSTEMD_UNIT=ssh.service _UID=0\\n' "
+            ">/etc/fail2ban/jail.d/zz-sshd-journal.local && systemctl restart fail2ban"_s};
         QFETCH(bool, found);
         QCOMPARE(asText(checkSshdJail(output)), found ? wanted : QStringList());
     }

@@ -153,19 +153,24 @@ QList<Finding> checkSshd(const SshdRun &run)
 QList<Finding> checkSshdJail(const QByteArray &output)
 {
     // Alternatives, each of fields that all have to match. A user writes what he likes into the journal by a program of
-    // any name; the unit alone is the system's word, and no user's program is in the daemon's.
+    // any name; the unit is the system's word, but where PAM gives no session a unit of its own, what runs in one is in
+    // the daemon's. So it has to be root's as well, as which the daemon writes of all that comes before a session.
     const QStringList alternatives =
         QString::fromUtf8(output.mid(output.indexOf('\n') + 1)).simplified().split(u" + "_s);
-    const bool isForgeable = std::any_of(alternatives.cbegin(), alternatives.cend(), [](const QString &fields) {
-        return fields.contains(u'=') && !fields.contains(u"_SYSTEMD_UNIT="_s);
+    const bool isForgeable = std::any_of(alternatives.cbegin(), alternatives.cend(), [](const QString &all) {
+        const QStringList fields = all.split(u' ');
+        const bool isOfUnit = std::any_of(fields.cbegin(), fields.cend(),
+                                          [](const QString &field) { return field.startsWith("_SYSTEMD_UNIT="_L1); });
+        return all.contains(u'=') && !(isOfUnit && fields.contains(u"_UID=0"_s));
     });
     if (!isForgeable)
         return {};
     return {
         {Level::Fault,
-         u"fail2ban's jail for SSH believes any local program named sshd, so that every user can have addresses banned"_s,
-         // In the jail and not in its filter: what Debian 13's own jail says prevails over the filter.
-         uR"([ ! -e /etc/fail2ban/jail.d/sshd-journal.local ] && printf '[sshd]\njournalmatch = _SYSTEMD_UNIT=ssh.service\n' >/etc/fail2ban/jail.d/sshd-journal.local && systemctl restart fail2ban)"_s}};
+         u"fail2ban's jail for SSH believes users' programs named sshd too, so that every user can have addresses banned"_s,
+         // In the jail and not in its filter: what Debian 13's own jail says prevails over the filter. The file comes
+         // after one that may be there with less.
+         uR"([ ! -e /etc/fail2ban/jail.d/zz-sshd-journal.local ] && printf '[sshd]\njournalmatch = _SYSTEMD_UNIT=ssh.service _UID=0\n' >/etc/fail2ban/jail.d/zz-sshd-journal.local && systemctl restart fail2ban)"_s}};
 }
 
 QList<Finding> checkLockTimeout(const QString &value)
