@@ -84,6 +84,11 @@ QJsonObject objectOfMap(const QMap<QString, Value> &map)
 
 } // namespace
 
+bool holdsState(const QByteArray &json)
+{
+    return !parseObject(json).isEmpty();
+}
+
 State parseState(const QByteArray &json)
 {
     const QJsonObject object = parseObject(json);

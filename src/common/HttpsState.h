@@ -65,6 +65,12 @@ struct State
     bool operator==(const State &) const = default;
 };
 
+// Bytes of a file that a state is read from: that of 10,000 sites fits, whatever was said of their orders.
+constexpr qsizetype kLargestState = qsizetype{64} * 1024 * 1024;
+
+// Whether a file's bytes hold a state.
+bool holdsState(const QByteArray &json);
+
 // The state in a file's bytes; an empty one where they hold none.
 State parseState(const QByteArray &json);
 

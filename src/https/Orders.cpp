@@ -19,6 +19,9 @@ namespace corv::https {
 namespace {
 
 constexpr qsizetype kLargestJob = qsizetype{256} * 1024;
+// Characters of what the authority says: it is kept for each site.
+constexpr qsizetype kLongestSaid = 300;
+constexpr auto kUnusable = "the authority's answer cannot be used"_L1;
 constexpr qint64 kLongestPause = 86400;
 constexpr qint64 kWindow = qint64{3} * 3600;
 constexpr int kMostFailures = 20;
@@ -44,10 +47,10 @@ std::optional<Job> parseJob(const QByteArray &json)
     // Of an answer that makes no sense to it Apache says less, or nothing.
     for (const auto key : {"detail"_L1, "problem"_L1}) {
         if (job.said.isEmpty())
-            job.said = last.value(key).toString();
+            job.said = last.value(key).toString().left(kLongestSaid);
     }
     if (job.said.isEmpty() && job.errors > 0)
-        job.said = u"the authority's answer cannot be used"_s;
+        job.said = kUnusable;
     return job;
 }
 
@@ -59,8 +62,9 @@ std::optional<Job> readJob(const QString &domain, qint64 *writtenAt)
     if (!file || ::fstat(file.get(), &status) != 0)
         return std::nullopt;
     *writtenAt = status.st_mtim.tv_sec;
+    // Apache writes down what the authority answers: one of any length must not pass for none.
     const std::optional<QByteArray> bytes = readWhole(file, kLargestJob);
-    return bytes ? parseJob(*bytes) : std::nullopt;
+    return bytes ? parseJob(*bytes) : Job{false, 1, kUnusable};
 }
 
 void noteJobs(State *state, const QStringList &domains, qint64 retrySeconds, qint64 now)

@@ -14,13 +14,14 @@ struct Job
 {
     bool finished = false; // there is a new one, which the next reload puts into use
     int errors = 0;        // attempts that failed
-    QString said;          // of the last of these
+    QString said;          // of the last of these, 300 characters at most
 };
 
 // The job in the bytes of Apache's file; nothing where they hold none.
 std::optional<Job> parseJob(const QByteArray &json);
 
-// The job for a domain that Apache is at, and in writtenAt when that was written.
+// The job for a domain that Apache is at, and in writtenAt when that was written. One that is too large to be read is
+// one that failed.
 std::optional<Job> readJob(const QString &domain, qint64 *writtenAt);
 
 // Remembers what became of the orders of these domains since the state was made: Apache forgets its failures at each

@@ -3,6 +3,7 @@
 #include "common/AtomicFile.h"
 #include "common/HttpsFiles.h"
 #include "common/HttpsOptions.h"
+#include "common/Paths.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
@@ -26,7 +27,6 @@ constexpr unsigned long kLockPauseMs = 20;
 constexpr qsizetype kLargestLive = qsizetype{64} * 1024 * 1024;
 // A day is the longest of them.
 constexpr qint64 kLongestPause = 86400;
-constexpr qsizetype kLargestState = qsizetype{16} * 1024 * 1024;
 
 } // namespace
 
@@ -68,14 +68,20 @@ void forgetFuture(State *state, qint64 now)
 
 State loadState()
 {
-    State state = parseState(readWhole(QString::fromLatin1(kStateFile), kLargestState).value_or(QByteArray()));
+    const QString path = QString::fromLatin1(kStateFile);
+    const std::optional<QByteArray> bytes = readWhole(path, kLargestState);
+    if (!(bytes && holdsState(*bytes)) && exists(path))
+        say(u"%1 cannot be used; where names lead, and the pauses of orders, are not known any more"_s.arg(path));
+    State state = parseState(bytes.value_or(QByteArray()));
     forgetFuture(&state, QDateTime::currentSecsSinceEpoch());
     return state;
 }
 
 void saveState(const State &state)
 {
-    if (!replaceFile(QString::fromLatin1(kStateFile), stateText(state), 0644))
+    const QByteArray text = stateText(state);
+    // One that nobody reads again would be worse than that of before.
+    if (text.size() > kLargestState || !replaceFile(QString::fromLatin1(kStateFile), text, 0644))
         say(u"cannot write %1"_s.arg(QLatin1StringView(kStateFile)));
 }
 

@@ -20,7 +20,7 @@ void say(const QString &sentence);
 // milliseconds.
 Fd takeLock(int milliseconds);
 
-// The state as it was kept; an empty one where none was.
+// The state as it was kept; an empty one where none was, and, which is said, where it cannot be used.
 State loadState();
 
 // Keeps the state. What cannot be kept is said; nothing but speed depends on it.

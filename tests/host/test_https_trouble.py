@@ -88,7 +88,7 @@ def test_wrong_answers_of_the_authority_are_told_and_hurt_nobody(server, between
     between("limited")
     name, domain = waiting(server)
     told = {}
-    for mode in ("limited", "nonsense", "huge", "foreign"):
+    for mode in ("limited", "nonsense", "huge", "wordy", "flood", "foreign"):
         between(mode)
         before = state(server)["orders"].get(domain, {}).get("failures", 0)
         server.ok(AGAIN)
@@ -100,6 +100,7 @@ def test_wrong_answers_of_the_authority_are_told_and_hurt_nobody(server, between
         assert listed(server, name)[0] == "waiting"
     assert "too many new orders recently" in told["limited"]
     assert all(told.values()), told
+    assert max(map(len, told.values())) == len(told["wordy"]) == 300
     assert domain not in server.ok(["sh", "-c", f"cat {STORE}/domains/*/pubcert* | openssl storeutl -noout -text /dev/stdin"])
 
     between("")
@@ -201,6 +202,23 @@ def test_a_clock_that_is_wrong_by_a_year_takes_nothing_down_and_leaves_nothing_b
 
     server.wait_for(is_served, "the certificate of the site from then", timeout=100)
     assert listed(server, name) == ("served", "")
+
+
+def test_a_state_that_cannot_be_used_is_told_of_and_learnt_anew(server):
+    name, domain = certified(server)
+    server.ok(["systemctl", "stop", "corv-https.path", "corv-https.timer", "corv-https.service"])
+    try:
+        for damage in ("echo garbage >", "truncate -s 65M "):
+            server.ok(["sh", "-c", damage + STATE])
+            done = server.run(AGAIN)
+            assert (done.code, done.err) == (0, f"corv-https: {STATE} cannot be used; where names lead, and the pauses of orders, "
+                                                "are not known any more\n")
+            assert server.run(AGAIN).err == ""
+    finally:
+        server.ok(["systemctl", "start", "corv-https.path", "corv-https.timer"])
+    server.wait_for(lambda: listed(server, name) == ("served", ""), "the state anew")
+    assert state(server)["names"][domain]["leadsHere"]
+    assert secure(server, domain).status == 200
 
 
 TELL = "#!/bin/sh\ncat >>/root/told\n"

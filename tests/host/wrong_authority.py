@@ -10,6 +10,7 @@ FOLDER = pathlib.Path("/srv/pebble")
 MODE = FOLDER / "mode"
 LIMITED = {"type": "urn:ietf:params:acme:error:rateLimited", "detail": "too many new orders recently", "status": 429}
 HUGE = 64 * 1024 * 1024
+WORDS = {"wordy": 110 * 1024, "flood": 400 * 1024}
 
 
 class Between(http.server.BaseHTTPRequestHandler):
@@ -33,6 +34,8 @@ class Between(http.server.BaseHTTPRequestHandler):
             return status, headers, body
         if mode == "limited":
             return 429, {**headers, "Content-Type": "application/problem+json", "Retry-After": "3600"}, json.dumps(LIMITED).encode()
+        if mode in WORDS:
+            return 429, {**headers, "Content-Type": "application/problem+json"}, json.dumps({**LIMITED, "detail": "w" * WORDS[mode]}).encode()
         if mode == "nonsense":
             return 201, headers, b"<html>welcome</html>"
         if mode == "huge":

@@ -77,6 +77,13 @@ private Q_SLOTS:
             u"what"_s);
         QCOMPARE(parseJob("{\"name\": \"a\", \"errors\": 1}")->said, u"the authority's answer cannot be used"_s);
         QCOMPARE(parseJob("{\"name\": \"a\"}")->said, QString());
+        const QByteArray wordy = QByteArray("a\\u00e4").repeated(60'000);
+        for (const char *key : {"detail", "problem"}) {
+            QCOMPARE(
+                parseJob(R"({"name": "a", "errors": 1, "last": {")" + QByteArray(key) + R"(": ")" + wordy + R"("}})")
+                    ->said,
+                u"a\u00e4"_s.repeated(150));
+        }
         QVERIFY(!parseJob("{}"));
         QVERIFY(!parseJob("garbage"));
     }

@@ -74,6 +74,25 @@ private Q_SLOTS:
         QVERIFY(parseState(stateText(state)) == state);
         QVERIFY(parseState("no JSON") == State());
         QVERIFY(parseState({}) == State());
+        QVERIFY(holdsState(stateText(state)) && holdsState(stateText({})));
+        for (const char *damaged : {"", "no JSON", "[]", "{}", "{\"sites\": {"})
+            QVERIFY2(!holdsState(damaged), damaged);
+    }
+
+    void theStateOfManySitesIsSmallEnoughToBeReadAgain()
+    {
+        State state;
+        const QString worst = QString(QChar(1)).repeated(300); // six bytes each
+        for (int number = 0; number < 10'000; ++number) {
+            const QString domain = u"%1.example"_s.arg(number, 60, 10, QChar(u'x'));
+            SiteState &site = state.sites[u"account%1"_s.arg(number)];
+            site.domain = domain;
+            site.names = {domain, u"www."_s + domain};
+            site.leftOut = worst;
+            state.names[domain].said = state.names[u"www."_s + domain].said = u"does not answer on port 80"_s;
+            state.orders[domain].said = worst;
+        }
+        QVERIFY(stateText(state).size() <= kLargestState);
     }
 
     void readsACertificate()

@@ -8,8 +8,6 @@ using namespace Qt::Literals::StringLiterals;
 namespace corv::ctl {
 namespace {
 
-constexpr qsizetype kLargestState = qsizetype{16} * 1024 * 1024;
-
 // Apache renews with a third of the time left: of a certificate for 90 days 30, and this is a third of that.
 constexpr qint64 kEndingPart = 9;
 
@@ -87,7 +85,7 @@ std::optional<https::State> readHttps()
     if (!exists(QString::fromLatin1(https::kEnabledSite)))
         return {};
     return https::parseState(
-        https::readWhole(QString::fromLatin1(https::kStateFile), kLargestState).value_or(QByteArray()));
+        https::readWhole(QString::fromLatin1(https::kStateFile), https::kLargestState).value_or(QByteArray()));
 }
 
 std::optional<HttpsSite> readHttpsSite(const QString &account, const https::State &state, qint64 now)
