@@ -154,10 +154,11 @@ class Sandbox:
     def uid(self, user):
         return self.ids(user + ":root")[0]
 
-    def small_disk(self, inside, size="4k"):
-        """Puts a file system of that size (whole pages; inode and folders are free) at a folder."""
+    def small_disk(self, inside, size="4k", files=0):
+        """Puts a file system of that size (whole pages; inode and folders are free) at a folder, which can hold so many files, itself
+        among them; 0: any number."""
         self.mkdir(inside)
-        mount("tmpfs", self.path(inside), "tmpfs", 0, f"mode=755,size={size}")
+        mount("tmpfs", self.path(inside), "tmpfs", 0, f"mode=755,size={size},nr_inodes={files}")
 
     # The system around the agent
 

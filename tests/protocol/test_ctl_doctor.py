@@ -143,6 +143,7 @@ ok      visitors    0 sites asked for their first page
 ok      sshd        sshd -T
 ok      ids         0 of deleted accounts kept
 ok      quotas      on, ext4 on /home
+ok      disks       room for files
 ok      apt         waits 120 s for its lock
 ok      updates     automatic
 ok      folders     run, transfer, backups
@@ -260,6 +261,13 @@ def large_home(box):
         file.truncate(13_000_000_000)
     no_backup(box)
     back_up(box, accounts=[])
+
+
+def many_files(box, left):
+    """A file system with the databases that can hold 1,000 files, of which so many are left."""
+    box.small_disk("/var/lib/postgresql", files=1000)
+    for number in range(999 - left):
+        box.write(f"/var/lib/postgresql/{number}")
 
 
 def vhost(*lines, port=80):
@@ -456,6 +464,10 @@ FAULTS = {
         lambda box: box.write("/etc/apache2/sites-enabled/old.conf", vhost("DocumentRoot /home/gone/public_html", port=9)),
         "sites", "the site old serves the home or the PHP of gone, who is no user",
         "a2dissite -q old && systemctl reload apache2"),
+    "few files are left": (
+        lambda box: many_files(box, 49), "disks",
+        "only 49 of 1000 files are left on /var/lib/postgresql; without any nothing can be made there, though bytes are free",
+        "du -x --inodes --max-depth=2 /var/lib/postgresql | sort -n | tail | cat -v"),
     "home is too large": (
         large_home, "homes", "the home of the account alice, 12.1 GiB, is too large to be archived within ten minutes",
         "du -xh --apparent-size --max-depth=2 /home/alice | sort -h | tail | cat -v"),
@@ -465,7 +477,7 @@ FAULTS = {
 # Those that do not hide each other are planted together, in the order in which they are found.
 TOGETHER = [
     ["agent fails", "Apache is broken", "site is left over", "PostgreSQL is down", "account has no site", "quotas are off",
-     "run folder is open to all", "transfer folder is open to all", "there is no backup"],
+     "few files are left", "run folder is open to all", "transfer folder is open to all", "there is no backup"],
     ["agent is disabled", "module is missing", "log format is missing", "pool is left over", "home is left over",
      "service is down", "pool is in another version", "PostgreSQL has holes", "site is not enabled", "sshd -T fails",
      "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "no proof is planned",
@@ -552,6 +564,16 @@ def test_notes_fail_nothing(well):
     code, findings = doctor(well)
     assert (code, findings) == (0, [
         ("note", "quotas", "disk quotas are off: nothing keeps one account from filling the disk", "corvctl quota enable")])
+
+
+def test_enough_files_are_left_with_one_in_twenty(well):
+    many_files(well, 50)
+    assert doctor(well) == (0, [])
+
+
+def test_a_file_system_without_a_number_of_files_has_enough(well):
+    well.small_disk("/var/lib/postgresql")
+    assert doctor(well) == (0, [])
 
 
 def test_services_that_go_on_after_a_process_that_took_too_much_memory_are_well(well):

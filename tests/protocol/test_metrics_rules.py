@@ -40,6 +40,10 @@ CASES = {
     "CorvaneBackupDiskFull": (
         {}, [("corvane_backup_destination_free_bytes{%s}" % ON, "121"), ("corvane_backup_last_size_bytes{%s}" % ON, "100")],
         [("corvane_backup_destination_free_bytes{%s}" % ON, "119"), ("corvane_backup_last_size_bytes{%s}" % ON, "100")]),
+    "CorvaneDiskFilesFew": (
+        {"mount": "/home"},
+        [('corvane_disk_free_files{%s,mount="/home"}' % ON, "6"), ('corvane_disk_files{%s,mount="/home"}' % ON, "100")],
+        [('corvane_disk_free_files{%s,mount="/home"}' % ON, "4"), ('corvane_disk_files{%s,mount="/home"}' % ON, "100")]),
     "CorvaneMetricsOld": (
         {"file": "/x/corvane.prom"}, [('node_textfile_mtime_seconds{%s,file="/x/corvane.prom"}' % ON, str(10 * DAY - 60))],
         [('node_textfile_mtime_seconds{%s,file="/x/corvane.prom"}' % ON, str(10 * DAY - 3 * HOUR))]),

@@ -48,6 +48,7 @@ QList<Check> examine(const QString &settingsPath, Homes homes)
                            examineSshd(),
                            examineFormer(users),
                            examineQuota(),
+                           examineDisks(),
                            examineApt(),
                            examineUpdates(),
                            examineFolders(settings, backups.value("destination"_L1).toString()),

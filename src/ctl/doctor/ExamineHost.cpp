@@ -6,6 +6,7 @@
 #include "common/Quotas.h"
 #include "common/RequiredMount.h"
 #include "common/TimedRun.h"
+#include "ctl/doctor/Disks.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Https.h"
 #include "ctl/doctor/Modules.h"
@@ -62,6 +63,11 @@ Check examineQuota()
     state.hasModules = state.enabled || !state.supported || canHaveModulesPackage() || kernelHasQuotas();
     const QString word = state.enabled ? u"on"_s : state.supported ? u"off"_s : u"not to be had"_s;
     return {u"quotas"_s, u"%1, %2 on %3"_s.arg(word, state.type, state.mount), checkQuota(state)};
+}
+
+Check examineDisks()
+{
+    return {u"disks"_s, u"room for files"_s, checkDisks(readDisks())};
 }
 
 Check examineApt()

@@ -69,6 +69,9 @@ Check examineFormer(const Accounts &users);
 // Disk quotas on the homes' file system.
 Check examineQuota();
 
+// How many files still find room where accounts make any.
+Check examineDisks();
+
 // How long apt waits for its lock.
 Check examineApt();
 

@@ -30,9 +30,9 @@ constexpr Collector kCollectors[] = {
     {"agent", collectAgent, kSoonMs, 0},           {"security", collectSecurity, kLateMs, 0},
     {"updates", collectUpdates, kLateMs, kHourly}, {"requests", collectRequests, kSoonMs, 0},
     {"accounts", collectAccounts, kSoonMs, 0},     {"use", collectUse, kSoonMs, 0},
-    {"services", collectServices, kLateMs, 0},     {"backups", collectBackups, kSoonMs, 0},
-    {"offsite", collectOffsite, kSoonMs, 0},       {"https", collectHttps, kSoonMs, 0},
-    {"doctor", collectDoctor, kLateMs, kHourly},
+    {"disks", collectDisks, kSoonMs, 0},           {"services", collectServices, kLateMs, 0},
+    {"backups", collectBackups, kSoonMs, 0},       {"offsite", collectOffsite, kSoonMs, 0},
+    {"https", collectHttps, kSoonMs, 0},           {"doctor", collectDoctor, kLateMs, kHourly},
 };
 
 QByteArray textOf(const Collected &collected)

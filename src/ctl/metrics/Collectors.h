@@ -33,6 +33,7 @@ Collected collectSecurity(const Circumstances &here); // AgentMetrics.cpp
 Collected collectUpdates(const Circumstances &here);  // AgentMetrics.cpp
 Collected collectAccounts(const Circumstances &here); // ServerMetrics.cpp
 Collected collectUse(const Circumstances &here);      // ServerMetrics.cpp
+Collected collectDisks(const Circumstances &here);    // ServerMetrics.cpp
 Collected collectServices(const Circumstances &here); // ServerMetrics.cpp
 Collected collectDoctor(const Circumstances &here);   // ServerMetrics.cpp
 Collected collectBackups(const Circumstances &here);  // BackupMetrics.cpp

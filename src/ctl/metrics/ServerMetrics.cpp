@@ -5,6 +5,7 @@
 #include "common/Pool.h"
 #include "common/System.h"
 #include "ctl/doctor/AccountFacts.h"
+#include "ctl/doctor/Disks.h"
 #include "ctl/doctor/Examination.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/SiteFacts.h"
@@ -90,6 +91,16 @@ Collected collectUse(const Circumstances &here)
         }
     }
     addBackupSizes(config, accounts, &all.samples);
+    return all;
+}
+
+Collected collectDisks(const Circumstances & /*here*/)
+{
+    Collected all;
+    for (const Disk &disk : readDisks()) {
+        all.samples.append({u"corvane_disk_files"_s, {disk.mount}, static_cast<double>(disk.files)});
+        all.samples.append({u"corvane_disk_free_files"_s, {disk.mount}, static_cast<double>(disk.free)});
+    }
     return all;
 }
 

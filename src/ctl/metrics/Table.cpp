@@ -30,6 +30,11 @@ constexpr Metric kMetrics[] = {
     {"corvane_account_backup_bytes", kGauge, "account part",
      "Size of what the newest backup holds of an account, packed, by part (home, database)."},
 
+    {"corvane_disk_files", kGauge, "mount",
+     "Files that a file system of homes, databases or logs can hold, by its mount point; missing where it has no such "
+     "limit."},
+    {"corvane_disk_free_files", kGauge, "mount", "For how many more files one of these has room."},
+
     {"corvane_backups", kGauge, "", "Finished backups that are kept on this server."},
     {"corvane_backups_size_bytes", kGauge, "", "Size of all finished backups that are kept on this server."},
     {"corvane_backup_running", kGauge, "", "1 while a backup is being made."},
