@@ -14,6 +14,7 @@
 #include "httpd.h"
 
 #include "filters.h"
+#include "logs.h"
 #include "memory.h"
 
 #include "apr_buckets.h"
@@ -380,6 +381,21 @@ static void learnAccount(apr_pool_t *pool, const char *documentRoot)
     apr_hash_set(accounts, account->name, APR_HASH_KEY_STRING, account);
 }
 
+/* A test of the configuration comes here too, so that the agent learns before it reloads the server what would end it.
+ */
+static int beforeTheLogs(apr_pool_t *pool, apr_pool_t *log, apr_pool_t *scratch, server_rec *main)
+{
+    (void)pool;
+    (void)log;
+    (void)main;
+    const char *const problem = problemWithLogs(scratch);
+    if (!problem)
+        return OK;
+    /* Of no server's: whose log is the one to be opened is not told on the terminal. */
+    ap_log_error(APLOG_MARK, APLOG_STARTUP | APLOG_ERR, 0, NULL, "%s", problem);
+    return HTTP_INTERNAL_SERVER_ERROR;
+}
+
 static int learn(apr_pool_t *pool, apr_pool_t *log, apr_pool_t *scratch, server_rec *main)
 {
     (void)log;
@@ -427,6 +443,7 @@ static void hooks(apr_pool_t *pool)
     /* Behind the protocol, in front of whatever changes content: filters of that kind turn files into something else.
      */
     fileFilter = ap_register_output_filter("CORVANE", onOpenFiles, NULL, AP_FTYPE_RESOURCE - 1);
+    ap_hook_check_config(beforeTheLogs, NULL, NULL, APR_HOOK_MIDDLE);
     ap_hook_post_config(learn, NULL, NULL, APR_HOOK_MIDDLE);
     ap_hook_child_init(limitMemory, NULL, NULL, APR_HOOK_REALLY_FIRST);
     ap_hook_post_perdir_config(beforeAnyModule, NULL, NULL, APR_HOOK_REALLY_FIRST);

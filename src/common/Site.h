@@ -5,6 +5,11 @@
 
 namespace corv::hosting {
 
+// The longest domain whose logs logrotate can rotate, in characters: no file's name has more than 255 bytes, and each
+// rotation adds to "DOMAIN-access.log", up to ".14.gz" by Debian's settings. A log that cannot be renamed keeps all of
+// Apache's from being rotated; where its own name is too long, Apache does not even come up.
+constexpr qsizetype kLongestRotatedDomain = 238;
+
 // The name of an account's Apache site, as a2ensite takes it.
 QString siteName(const QString &user);
 

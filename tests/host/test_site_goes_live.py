@@ -1,5 +1,6 @@
 """A new account is used as its owner, its visitors and its neighbours would."""
 
+import json
 import re
 
 import pytest
@@ -257,3 +258,59 @@ def test_creation_is_undone_when_the_web_server_is_broken(host, account):
     assert "NoSuchDirective" in reply["error"]
     assert state(host) == before
     assert host.fetch(account.domain).status == 200
+
+
+def domain_of(length):
+    """A domain of so many characters."""
+    start = ".".join(letter * 49 for letter in "abcd")
+    return f"{start}.{'e' * (length - len(start) - 9)}.example"
+
+
+@pytest.mark.core
+def test_a_domain_too_long_for_its_logs_is_refused_and_the_neighbours_are_served(host, neighbour):
+    """Apache's own test opens no logs, and the reload after it ended Apache."""
+    long = host.account(domain=domain_of(238))
+    assert host.fetch(long.domain).status == 200
+    host.account(domain=domain_of(244))
+    before, apache = state(host), host.main_process("apache2")
+    for length, line, log in ((245, 7, 256), (253, 6, 263)):
+        name = host.free_name()
+        assert host.request("hosting.create", username=name, domain=domain_of(length)) == {
+            "ok": False, "error": f"apache2ctl failed: /etc/apache2/sites-enabled/corv-{name}.conf line {line}: the name of the log has "
+                                  f"{log} bytes, and no file's name has more than 255\nAH00014: Configuration check failed"}
+        assert state(host) == before
+        assert host.fetch(neighbour.domain).status == 200
+    assert host.main_process("apache2") == apache
+    assert host.run(["corvctl", "account", "domain", neighbour.name, domain_of(239)]).err.startswith(
+        "corvctl: that domain has 239 characters, too many for the names of its logs")
+
+
+@pytest.mark.core
+def test_a_site_whose_logs_are_more_than_apache_may_open_is_refused_before_the_reload(host, neighbour):
+    """It ended Apache at the reload; the doctor says before that it is near, and how to have more."""
+    settings, most, kept = host.get("/etc/apache2/envvars"), 200, 32
+    opened = host.ok(["sh", "-c", f"ls -l /proc/{host.main_process('apache2')}/fd"]).count("/var/log/apache2/")
+    host.put("/etc/apache2/envvars", f"{settings}\nAPACHE_ULIMIT_MAX_FILES='ulimit -n {most}'\n")
+    host.put("/etc/apache2/conf-enabled/many.conf",
+             "".join(f"CustomLog /var/log/apache2/many{number}.log corv\n" for number in range(most - kept - opened)))
+    try:
+        host.ok(["systemctl", "restart", "apache2"])
+        before, apache, name = state(host), host.main_process("apache2"), host.free_name()
+        assert host.request("hosting.create", username=name, domain=f"{name}.example") == {
+            "ok": False, "error": f"apache2ctl failed: the sites have {most - kept + 2} logs, too many for a server that may have {most} "
+                                  "files open: APACHE_ULIMIT_MAX_FILES in /etc/apache2/envvars allows more, after a restart\n"
+                                  "AH00014: Configuration check failed"}
+        assert state(host) == before
+        assert host.fetch(neighbour.domain).status == 200
+        assert host.main_process("apache2") == apache
+
+        report = json.loads(host.run(["corvctl", "--json", "doctor"]).out)
+        found = next(check["findings"] for check in report["checks"] if check["check"] == "Apache")
+        assert [re.sub(r"has \d+ files", "has MANY files", finding["problem"]) for finding in found] == [
+            f"Apache has MANY files open, most of them the sites' logs, and may have {most}; a reload with more ends it"]
+        host.ok(["sh", "-c", found[0]["mend"]])
+        host.account()
+        assert host.fetch(neighbour.domain).status == 200
+    finally:
+        host.put("/etc/apache2/envvars", settings)
+        host.ok(["sh", "-c", "rm -f /etc/apache2/conf-enabled/many.conf /var/log/apache2/many*.log; systemctl restart apache2"])

@@ -593,6 +593,20 @@ def test_a_domain_that_cannot_be_had_changes_nothing(tenant, domain, complaint):
     assert (comment(tenant), tenant.read(SITE)) == ("Corvane account,old.example", before)
 
 
+def test_a_domain_too_long_for_the_names_of_logs_is_given_to_nobody(tenant):
+    """The agent would take it: only Apache's logs are not rotated any more."""
+    longest = ".".join(["a" * 63, "b" * 63, "c" * 63, "d" * 38, "example"])
+    assert len(longest) == 238
+    refusal = ("corvctl: that domain has 239 characters, too many for the names of its logs: none of Apache's logs would be "
+               "rotated any more\n  choose one of at most 238 characters\n")
+    for command in (["create", "bobby", f"www.{longest}e"], ["create", "bobby", f"{longest}e", "--force"],
+                    ["domain", "alice", f"{longest}e"]):
+        assert corvctl(tenant, "account", *command) == (1, "", refusal)
+    assert corvctl(tenant, "account", "domain", "alice", longest)[0] == 0
+    assert comment(tenant) == f"Corvane account,{longest}"
+    declare(tenant, ["ping", "hosting.resume"])
+
+
 def test_a_domain_that_is_taken_is_not_given_to_a_new_account(tenant):
     code, out, err = corvctl(tenant, "account", "create", "bobby", "www.old.example")
     assert (code, out, err) == (1, "", "corvctl: the site corv-alice already answers to old.example or www.old.example on this "

@@ -361,6 +361,24 @@ private Q_SLOTS:
                       "'Corvane account,example.org' alice"_s.arg(domain)}));
     }
 
+    void findsADomainWhoseLogsCannotBeRotated()
+    {
+        const QString tail = u".example.example.example"_s;
+        for (const qsizetype length : {238, 239}) {
+            AccountParts account = whole();
+            account.domain = QString(63, u'a') + u'.' + QString(63, u'b') + u'.' + QString(63, u'c') + u'.';
+            account.domain += QString(length - account.domain.size() - tail.size(), u'd') + tail;
+            account.site = hosting::vhost(account.name, account.domain, true, false).toUtf8();
+            QCOMPARE(account.domain.size(), length);
+            QCOMPARE(asText(checkAccount(account, kPhp, databases())),
+                     length == 238
+                         ? QStringList()
+                         : QStringList{u"fault|the domain of the account alice has 239 characters, too many for "
+                                       "the names of its logs: none of Apache's logs is rotated any "
+                                       "more|corvctl account domain alice DOMAIN"_s});
+        }
+    }
+
     void findsWhatIsMissingInPostgres()
     {
         QCOMPARE(asText(checkAccount(whole(), kPhp, Databases{150014, {}, {}})),

@@ -83,6 +83,8 @@ int createAccount(Session &session, const Given &given)
     args.insert(u"domain"_s, given.text("DOMAIN"));
     if (given.has("--key-file") && !addSource(session, given.text("--key-file"), u"sshKey"_s, &args))
         return kWrongUsage;
+    if (const std::optional<int> end = refuseLong(session, given.text("DOMAIN")))
+        return *end;
     if (const std::optional<int> end =
             refuseTaken(session, given.text("DOMAIN"), given.text("ACCOUNT"), given.has("--force")))
         return *end;

@@ -79,6 +79,8 @@ int changeDomain(Session &session, const Given &given)
         return fail(kWrongUsage, u"the domain is changed in the user database, not by one request"_s);
     if (domain.isEmpty())
         return refuse(session, u"that is not a valid domain name"_s);
+    if (const std::optional<int> end = refuseLong(session, domain))
+        return *end;
     if (!hosting::validUsername(name))
         return refuseNoAccount(session, name);
     if (!session.options.hosts.empty())

@@ -2,6 +2,7 @@
 
 #include "common/Account.h"
 #include "common/Json.h"
+#include "common/Site.h"
 #include "ctl/Session.h"
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/remote/Remote.h"
@@ -61,6 +62,17 @@ std::optional<int> refuseTaken(const Session &session, const QString &domain, co
     }
     return refuse(session, sentence + u", and Apache would serve only one of the two"_s,
                   isForced ? u"choose another domain; --force takes it all the same"_s : u"choose another domain"_s);
+}
+
+std::optional<int> refuseLong(const Session &session, const QString &domain)
+{
+    const qsizetype length = hosting::normalDomain(domain).size();
+    if (session.options.printOnly || length <= hosting::kLongestRotatedDomain)
+        return {};
+    return refuse(session,
+                  u"that domain has %1 characters, too many for the names of its logs: none of Apache's logs would be "
+                  "rotated any more"_s.arg(length),
+                  u"choose one of at most %1 characters"_s.arg(hosting::kLongestRotatedDomain));
 }
 
 QStringList findSitesBeside(const Session &session, const QString &account)

@@ -15,6 +15,10 @@ struct Session;
 std::optional<int> refuseTaken(const Session &session, const QString &domain, const QString &account,
                                std::optional<bool> isForced);
 
+// Refuses a domain that the names of the site's logs have no room for. Gives the status to end with where it is
+// refused.
+std::optional<int> refuseLong(const Session &session, const QString &domain);
+
 // The names of the sites that serve an account beside its own, which neither a suspension nor a deletion reaches.
 QStringList findSitesBeside(const Session &session, const QString &account);
 

@@ -64,6 +64,13 @@ bool hasDomain(const AccountParts &account)
 
 QList<Finding> checkDomain(const AccountParts &account)
 {
+    if (hasDomain(account) && account.domain.size() > hosting::kLongestRotatedDomain)
+        return {
+            {Level::Fault,
+             u"the domain of the account %1 has %2 characters, too many for the names of its logs: none of Apache's "
+             "logs is rotated any more"_s.arg(account.name)
+                 .arg(account.domain.size()),
+             u"corvctl account domain %1 DOMAIN"_s.arg(account.name)}};
     if (hasDomain(account))
         return {};
     const QString found = domainOfSite(account);
