@@ -3,6 +3,7 @@
 #include "ctl/doctor/Compressor.h"
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/Former.h"
+#include "ctl/doctor/OpenFiles.h"
 #include "ctl/doctor/Php.h"
 #include "ctl/doctor/Report.h"
 #include "ctl/doctor/Restores.h"
@@ -267,6 +268,40 @@ private Q_SLOTS:
             QStringList({u"fault|Apache lacks the module corvane, so an account's .htaccess reaches the files and the "
                          "PHP of all others|apt-get install -y libapache2-mod-corvane && a2enmod -q corvane && "
                          "systemctl restart apache2"_s}));
+    }
+
+    void readsHowManyFilesAProcessMayHave_data()
+    {
+        QTest::addColumn<QByteArray>("limits");
+        QTest::addColumn<int>("most");
+        const QByteArray head = "Limit                     Soft Limit           Hard Limit           Units     \n";
+        QTest::newRow("one in force below what is allowed")
+            << head + "Max open files            8192                 524288               files     \n"
+            << 8192;
+        QTest::newRow("no limit") << head +
+                                         "Max open files            unlimited            unlimited            files\n"
+                                  << 0;
+        QTest::newRow("another limit") << head + "Max processes             8192                 8192  processes \n"
+                                       << 0;
+        QTest::newRow("nothing") << QByteArray() << 0;
+    }
+    void readsHowManyFilesAProcessMayHave()
+    {
+        QFETCH(QByteArray, limits);
+        QTEST(int(parseMostFiles(limits)), "most");
+    }
+
+    void findsAnApacheThatComesNearItsFiles()
+    {
+        QCOMPARE(asText(checkApacheFiles({80, 100})), QStringList());
+        QCOMPARE(asText(checkApacheFiles({81, 100})),
+                 QStringList{u"note|Apache has 81 files open, most of them the sites' logs, and may have 100; a reload "
+                             "with more ends it|echo \"APACHE_ULIMIT_MAX_FILES='ulimit -n 65536'\" "
+                             ">>/etc/apache2/envvars && systemctl restart apache2"_s});
+        // As Debian comes, and as it is after that.
+        QCOMPARE(asText(checkApacheFiles({6553, 8192})), QStringList());
+        QCOMPARE(problems(checkApacheFiles({6554, 8192})).size(), 1);
+        QVERIFY(checkApacheFiles({65'000, 65'536}).value(0).mend.contains("ulimit -n 262144"_L1));
     }
 
     void judgesAptsPatience_data()

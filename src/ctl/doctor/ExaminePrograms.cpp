@@ -7,6 +7,7 @@
 #include "common/TimedRun.h"
 #include "ctl/Turn.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/OpenFiles.h"
 #include "ctl/doctor/OutOfMemory.h"
 #include "ctl/doctor/PhpPools.h"
 #include "ctl/doctor/Services.h"
@@ -95,6 +96,8 @@ Check examineApache()
         return definesLogFormat(textOf(file).value_or(QByteArray()), u"corv"_s);
     });
     check.findings = checkApache(parseModules(runTool(u"apache2ctl"_s, {u"-M"_s}).output), hasLogFormat);
+    if (const std::optional<OpenFiles> open = readOpenFiles(u"apache2"_s))
+        check.findings += checkApacheFiles(*open);
     return check;
 }
 
