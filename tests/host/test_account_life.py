@@ -1,5 +1,6 @@
 """The whole life of an account on a real host, with the clients that its owner and its visitors use."""
 
+import json
 import subprocess
 from contextlib import contextmanager
 
@@ -221,6 +222,37 @@ def test_a_suspended_account_is_deleted(host, account):
     done(host.request("hosting.suspend", username=account.name))
     assert host.request("hosting.delete", username=account.name, confirm=account.name)["ok"] is True
     assert host.ok(["sh", "-c", TRACES, "sh", account.name]) == ""
+
+
+def test_the_last_account_comes_back_where_php_has_no_pool_of_its_own(host, account):
+    """PHP-FPM ends with its last pool, and the reload that the agent asks for starts nothing."""
+    unit, own = f"php{account.php}-fpm", f"/etc/php/{account.php}/fpm/pool.d/www.conf"
+    host.put(f"{account.home}/public_html/who.php", "<?php echo 'PHP works';", owner=account.name)
+    host.ok(["mv", own, "/root/www.conf"])
+    try:
+        done(host.request("hosting.suspend", username=account.name))
+        host.wait_for(lambda: host.run(["systemctl", "is-failed", "--quiet", unit]).code == 0, "the end of PHP-FPM")
+        refused = {"ok": False, "error": f"systemctl failed: {unit}.service is not active, cannot reload."}
+        name = host.free_name()
+        assert host.request("hosting.create", username=name, domain=f"{name}.example") == refused
+        report = json.loads(host.run(["corvctl", "--json", "doctor"]).out)
+        found = [finding for check in report["checks"] if check["check"] == "services" for finding in check["findings"]]
+        assert [finding["problem"] for finding in found] == [
+            f"PHP {account.php} has no pool, so that its FPM cannot start and no account can be made; {own} is to be put back"]
+        assert own in host.ok(["dpkg-query", "-W", "-f", "${Conffiles}", unit]), "what the doctor's command brings back"
+
+        assert host.request("hosting.resume", username=account.name) == refused
+        host.wait_for(lambda: host.fetch(account.domain, "/who.php").body == "PHP works", "PHP-FPM being started")
+
+        done(host.request("hosting.suspend", username=account.name))
+        host.wait_for(lambda: host.run(["systemctl", "is-failed", "--quiet", unit]).code == 0, "the end of PHP-FPM")
+        host.ok(["mv", "/root/www.conf", own])
+        host.ok(["sh", "-c", found[0]["mend"]])
+        done(host.request("hosting.resume", username=account.name))
+        host.wait_for(lambda: host.fetch(account.domain, "/who.php").body == "PHP works", "PHP")
+    finally:
+        host.run(["mv", "/root/www.conf", own])
+        host.ok(["sh", "-c", f"systemctl reset-failed {unit}; systemctl restart {unit}"])
 
 
 def test_a_connected_database_does_not_stop_a_deletion(host, account):

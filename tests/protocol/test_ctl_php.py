@@ -20,7 +20,8 @@ POOL = "[corv-{0}]\nuser = {0}\nlisten = /run/php/corv-{0}.sock\n; as it was, to
 ASK = """\
 case "$1" in
 show) echo 4711 ;; # of an FPM that serves none of the sockets
-is-active|--quiet) for unit; do :; done; test -e "/fpm/up.$unit" ;;
+is-active|--quiet) for unit; do :; done
+   if [ "$2" = is-failed ]; then test -e "/fpm/failed.$unit"; else test -e "/fpm/up.$unit"; fi ;;
 --no-block) shift
    while ! mkdir /fpm/turn 2>/dev/null; do sleep 0.01; done
    echo "$1 $2" >/fpm/ask.new && mv /fpm/ask.new /fpm/ask
@@ -63,6 +64,7 @@ class Fpms:
     def up(self, version, isUp=True):
         path = self.sandbox.path(f"/fpm/up.php{version}-fpm")
         path.touch() if isUp else path.unlink(missing_ok=True)
+        self.sandbox.path(f"/fpm/failed.php{version}-fpm").unlink(missing_ok=True)
 
     def close(self):
         self.ended.set()
@@ -120,6 +122,7 @@ class Fpms:
         for one in self.served.pop(version, {}).values():
             one.close()
         self.up(version, False)
+        self.sandbox.path(f"/fpm/failed.php{version}-fpm").touch()
 
     def stop(self, version):
         for name, one in self.served.pop(version, {}).items():
@@ -423,6 +426,58 @@ def test_the_version_in_force_is_the_agents_own_affair(sandbox, fpms):
     os.rename(sandbox.path(pool_path("8.2", "alice")), sandbox.path(pool_path("8.4", "alice")))
     site(sandbox, "alice", suspended=True)
     assert follow(sandbox) == (0, "", "")
+
+
+@pytest.fixture
+def alone(sandbox, fpms):
+    """PHP 8.4 in force with no pool but alice's, whose FPM has ended while she was suspended."""
+    sandbox.path("/etc/php/8.4/fpm/pool.d/www.conf").unlink()
+    fpms.read("8.4")
+    sandbox.path(pool_path("8.2", "alice")).rename(sandbox.path(pool_path("8.4", "alice")))
+    fpms.read("8.2")
+    return fpms
+
+
+def test_an_fpm_that_ended_with_its_last_pool_comes_back_with_the_next_one(sandbox, alone):
+    """Even where a process of the account's has kept the socket, at which no FPM may find anybody."""
+    left = socket.socket(socket.AF_UNIX)
+    left.bind(str(sandbox.path("/run/php/corv-alice.sock")))
+    left.listen()
+    with left:
+        code, _, err = follow(sandbox)
+    assert (code, err) == (0, "corvctl: starting PHP 8.4, which ended without a pool and has one again\n")
+    assert alone.asked == ["reset-failed php8.4-fpm", "reload-or-restart php8.4-fpm"]
+    assert (alone.pools(), alone.version_of("alice")) == ({"8.4": ["alice"]}, "8.4")
+    assert follow(sandbox) == (0, "", "")
+
+
+@pytest.mark.parametrize("why", ["an administrator stopped it", "it has another pool", "it still has none"])
+def test_an_fpm_that_did_not_end_for_want_of_a_pool_is_left_alone(sandbox, alone, why):
+    if why == "an administrator stopped it":
+        alone.stop("8.4")
+    elif why == "it has another pool":
+        sandbox.write("/etc/php/8.4/fpm/pool.d/www.conf", "[www]\n")
+    else:
+        sandbox.path(pool_path("8.4", "alice")).rename(sandbox.path(pool_path("8.4", "alice", ".suspended")))
+    assert follow(sandbox) == (0, "", "")
+    assert alone.asked == []
+
+
+def test_an_fpm_whose_next_pool_is_broken_is_not_started(sandbox, alone):
+    sandbox.write(pool_path("8.4", "alice"), "[corv-alice]\nbroken\n")
+    assert follow(sandbox) == (1, "", "corvctl: PHP 8.4 does not start: [pool x] broken\n  corvctl php status shows what there is\n")
+    assert alone.asked == []
+
+
+def test_another_version_that_was_stopped_with_its_last_pool_comes_back_with_it(sandbox, fpms):
+    sandbox.path("/etc/php/8.2/fpm/pool.d/www.conf").unlink()
+    site(sandbox, "alice", suspended=True)
+    assert follow(sandbox)[0] == 0
+    assert (fpms.asked, fpms.pools()) == (["stop php8.2-fpm"], {})
+    site(sandbox, "alice")
+    code, _, err = follow(sandbox)
+    assert (code, err) == (0, "corvctl: put the pool of alice in PHP 8.2 back, as the account is resumed\n")
+    assert (fpms.asked[1:], fpms.pools()) == (["reload-or-restart php8.2-fpm"], {"8.2": ["alice"]})
 
 
 def test_a_version_that_is_gone_is_moved_from_by_itself(sandbox, fpms):

@@ -133,7 +133,8 @@ private Q_SLOTS:
                                   service(u"postgresql"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                   service(u"fail2bn"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                   service(u"unheard-of"_s, u"not-found"_s, u"inactive"_s, u"dead"_s)},
-                                 u"8.2"_s, {u"fail2ban"_s, u"ssh"_s}, {kFile, {u"fail2bn"_s, u"unheard-of"_s}}, {})),
+                                 u"8.2"_s, {u"fail2ban"_s, u"ssh"_s}, {kFile, {u"fail2bn"_s, u"unheard-of"_s}}, {},
+                                 {u"php8.1-fpm"_s})),
             (QStringList{
                 u"fault|the service php8.2-fpm does not run: it is failed|systemctl reset-failed php8.2-fpm; systemctl "
                 u"start "
@@ -158,7 +159,8 @@ private Q_SLOTS:
                                       u"8.2"_s, {}, {kFile, {}},
                                       {{u"php8.1-fpm"_s, {u"/run/php/corv-carol.sock"_s}},
                                        {u"php8.2-fpm"_s, {u"/run/php/corv-*.sock"_s}},
-                                       {u"php8.4-fpm"_s, {u"/run/php/corv-a.sock"_s, u"/run/php/corv-b.sock"_s}}})),
+                                       {u"php8.4-fpm"_s, {u"/run/php/corv-a.sock"_s, u"/run/php/corv-b.sock"_s}}},
+                                      {})),
                  (QStringList{
                      u"fault|the service php8.2-fpm does not run: it is failed|systemctl reset-failed php8.2-fpm; rm "
                      "-f /run/php/corv-*.sock; systemctl start php8.2-fpm"_s,
@@ -167,11 +169,32 @@ private Q_SLOTS:
                  }));
     }
 
+    void doesNotStartAnFpmThatHasNoPool()
+    {
+        const QStringList both = {u"php8.1-fpm"_s, u"php8.2-fpm"_s};
+        const auto failed = u"failed"_s;
+        const QList<Service> services = {service(both[0], u"loaded"_s, failed, failed),
+                                         service(both[1], u"loaded"_s, failed, failed)};
+        QCOMPARE(asText(checkServices(services, u"8.2"_s, {}, {kFile, {}}, {}, both)),
+                 (QStringList{
+                     u"fault|PHP 8.1 has no pool, so that its FPM cannot start|systemctl disable php8.1-fpm; systemctl "
+                     "reset-failed php8.1-fpm"_s,
+                     u"fault|PHP 8.2 has no pool, so that its FPM cannot start and no account can be made; "
+                     "/etc/php/8.2/fpm/pool.d/www.conf is to be put back|[ -e /etc/php/8.2/fpm/pool.d/www.conf ] || "
+                     "apt-get install --reinstall -y -o Dpkg::Options::=--force-confmiss php8.2-fpm; systemctl "
+                     "reset-failed php8.2-fpm; systemctl restart php8.2-fpm"_s,
+                 }));
+        // One that runs has read its pools before they went.
+        QCOMPARE(asText(checkServices({service(both[1], u"loaded"_s, u"active"_s, u"running"_s)}, u"8.2"_s, {},
+                                      {kFile, {}}, {}, both)),
+                 QStringList());
+    }
+
     void leavesANameWithinAnotherToTheAdministrator()
     {
         QCOMPARE(checkServices({service(u"postgresq"_s, u"not-found"_s, u"inactive"_s, u"dead"_s),
                                 service(u"postgresql"_s, u"loaded"_s, u"active"_s, u"exited"_s)},
-                               u"8.2"_s, {u"postgresql"_s}, {kFile, {u"postgresq"_s, u"postgresql"_s}}, {})
+                               u"8.2"_s, {u"postgresql"_s}, {kFile, {u"postgresq"_s, u"postgresql"_s}}, {}, {})
                      .value(0)
                      .mend,
                  u"editor /etc/corvane/corvane.ini"_s);

@@ -60,6 +60,17 @@ QString firstOf(const QByteArray &errors)
     return QString::fromUtf8(errors).simplified();
 }
 
+// The services of those PHP versions whose FPM is there and has no pool.
+QStringList fpmsWithoutPool()
+{
+    QStringList services;
+    for (const QString &version : phpVersions()) {
+        if (isPhpVersion(version) && isFpmInstalled(version) && !hasPools(version))
+            services.append(u"php%1-fpm"_s.arg(version));
+    }
+    return services;
+}
+
 } // namespace
 
 Check examineServices(const QSettings &settings, const QString &path, const QString &php)
@@ -75,7 +86,8 @@ Check examineServices(const QSettings &settings, const QString &path, const QStr
         return service.second.value(u"LoadState"_s) == "not-found"_L1;
     });
     return {u"services"_s, services.join(u' '),
-            checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched}, leftSockets()) +
+            checkServices(found, php, isKnown ? QStringList() : knownServices(), {path, watched}, leftSockets(),
+                          fpmsWithoutPool()) +
                 checkOutOfMemory(found)};
 }
 

@@ -71,6 +71,11 @@ bool isFpmInstalled(const QString &version)
     return QFileInfo(u"/usr/sbin/"_s + name).isExecutable() || !QStandardPaths::findExecutable(name).isEmpty();
 }
 
+bool hasPools(const QString &version)
+{
+    return !QDir(u"/etc/php/%1/fpm/pool.d"_s.arg(version)).entryList({u"*.conf"_s}, QDir::Files).isEmpty();
+}
+
 bool isPhpVersion(const QString &word)
 {
     static const QRegularExpression pattern(QRegularExpression::anchoredPattern(u"[0-9]{1,2}\\.[0-9]{1,2}"_s));

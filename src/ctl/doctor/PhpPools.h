@@ -23,6 +23,9 @@ struct PhpPools
 // Whether a version's FPM is there.
 bool isFpmInstalled(const QString &version);
 
+// Whether it has any pool at all: it does not start without, nor come back from a reload.
+bool hasPools(const QString &version);
+
 // Whether a word is the number of a PHP version, and safe as a part of paths and of units' names.
 bool isPhpVersion(const QString &word);
 

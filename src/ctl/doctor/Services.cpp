@@ -69,6 +69,23 @@ Finding noSuchUnit(const QString &service, const QStringList &known, const Watch
             shellWord(u"/^[[:space:]]*services[[:space:]]*=/s/%1/%2/"_s.arg(service, meant)), shellWord(watched.path))};
 }
 
+// An FPM that no start helps. The one in force gets its pool of the package's back, since an account that is made would
+// bring one, but is undone where that FPM does not run.
+Finding withoutPool(const QString &service, const QString &php)
+{
+    const QString version = service.mid(3).chopped(4); // "phpVERSION-fpm"
+    if (version != php)
+        return {Level::Fault, u"PHP %1 has no pool, so that its FPM cannot start"_s.arg(version),
+                u"systemctl disable %1; systemctl reset-failed %1"_s.arg(service)};
+    const QString own = u"/etc/php/%1/fpm/pool.d/www.conf"_s.arg(version);
+    return {Level::Fault,
+            u"PHP %1 has no pool, so that its FPM cannot start and no account can be made; %2 is to be put back"_s.arg(
+                version, own),
+            u"[ -e %1 ] || apt-get install --reinstall -y -o Dpkg::Options::=--force-confmiss %2; systemctl "
+            u"reset-failed %2; "
+            "systemctl restart %2"_s.arg(own, service)};
+}
+
 } // namespace
 
 QStringList neededServices(const QString &php)
@@ -126,7 +143,7 @@ QStringList knownServices()
 }
 
 QList<Finding> checkServices(const QList<Service> &services, const QString &php, const QStringList &known,
-                             const Watched &watched, const LeftSockets &left)
+                             const Watched &watched, const LeftSockets &left, const QStringList &poolless)
 {
     QList<Finding> findings;
     for (const auto &[name, unit] : services) {
@@ -140,6 +157,8 @@ QList<Finding> checkServices(const QList<Service> &services, const QString &php,
             findings.append(noSuchUnit(name, known, watched));
         } else if (!exists) {
             findings.append({Level::Fault, problem, u"apt-get install -y "_s + shellWord(name)});
+        } else if (poolless.contains(name)) {
+            findings.append(withoutPool(name, php));
         } else {
             // One that failed too often in a row is not started before it is told to forget that.
             const QString forget =

@@ -36,8 +36,9 @@ struct Watched
 using LeftSockets = QHash<QString, QStringList>;
 
 // What is wrong with services, php being the PHP version in force, and known what knownServices gives. left holds the
-// sockets that keep a service from starting as long as anybody has them open.
+// sockets that keep a service from starting as long as anybody has them open, poolless the FPMs that cannot start for
+// want of a pool.
 QList<Finding> checkServices(const QList<Service> &services, const QString &php, const QStringList &known,
-                             const Watched &watched, const LeftSockets &left);
+                             const Watched &watched, const LeftSockets &left, const QStringList &poolless);
 
 } // namespace corv::ctl

@@ -28,10 +28,11 @@ constexpr int kStartSeconds = 120; // of an FPM that is being installed
 constexpr int kBetweenMs = 500;
 constexpr int kRounds = 5;
 
-// Has an FPM read what has changed, where it runs.
-QString readAnew(const PhpPools &pools, bool isEmpty)
+// Has an FPM read what has changed, where it runs. One that ended with its last pool starts with the next one, which
+// isServing says it has.
+QString readAnew(const PhpPools &pools, bool isEmpty, bool isServing)
 {
-    if (!pools.isInstalled || !isFpmRunning(pools.version))
+    if (!pools.isInstalled || (!isServing && !isFpmRunning(pools.version)))
         return {};
     if (isEmpty)
         return stopFpm(pools.version);
@@ -104,7 +105,7 @@ bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const QStringLi
         return !dropped.isEmpty();
 
     const bool isEmpty = !pools.hasOthers && resumed.isEmpty() && pools.live.size() <= parked;
-    QString problem = readAnew(pools, isEmpty);
+    QString problem = readAnew(pools, isEmpty, !resumed.isEmpty());
     // One reload has to be done before the next is asked for: in between there is a moment in which it would be the
     // end.
     if (const QStringList held = problem.isEmpty() ? awaitReleased(ended, kSocketSeconds) : QStringList();
@@ -114,6 +115,28 @@ bool mend(const PhpPools &pools, const QList<StrayPool> &strays, const QStringLi
         !missing.isEmpty())
         problem = u"PHP %1 does not serve %2"_s.arg(pools.version, someOf(missing));
     problems->append(problem);
+    return true;
+}
+
+// Starts the FPM in force where it ended with its last pool and has one again: the agent, which has put that back, asks
+// for a reload, and a service that has ended has none. True when it was tried.
+bool startAgain(const PhpPools &pools, const Say &say, QStringList *problems)
+{
+    if (!pools.isInstalled || pools.hasOthers || pools.live.isEmpty() || !hasFpmFailed(pools.version))
+        return false;
+    QString problem = testFpm(pools.version, {});
+    if (problem.isEmpty()) {
+        say(u"starting PHP %1, which ended without a pool and has one again"_s.arg(pools.version));
+        // It has ended without removing their names, and does not start while a process of the account has one open.
+        for (const QString &account : pools.live)
+            (void)QFile::remove(socketOf(account)); // most are not there
+        // Where its unit has systemd start it anew it has failed more than once, each time without a pool.
+        problem = forgetFailures(pools.version);
+    }
+    if (problem.isEmpty())
+        problem = reloadFpm(pools.version);
+    if (!problem.isEmpty())
+        problems->append(u"PHP %1 does not start: %2"_s.arg(pools.version, problem));
     return true;
 }
 
@@ -189,6 +212,7 @@ bool lookOnce(const Say &say, QStringList *problems)
     for (const PhpPools &pools : versions) {
         const bool isInForce = pools.version == inForce;
         isDone = mend(pools, strays, isInForce ? QStringList() : unserved, say, problems) || isDone;
+        isDone = (isInForce && startAgain(pools, say, problems)) || isDone;
     }
 
     const bool canMove = std::any_of(versions.cbegin(), versions.cend(), [&](const PhpPools &pools) {

@@ -64,6 +64,11 @@ bool isFpmRunning(const QString &version)
     return runWithin(kToolMs, u"systemctl"_s, {u"--quiet"_s, u"is-active"_s, unitOf(version)}).succeeded;
 }
 
+bool hasFpmFailed(const QString &version)
+{
+    return runWithin(kToolMs, u"systemctl"_s, {u"--quiet"_s, u"is-failed"_s, unitOf(version)}).succeeded;
+}
+
 QString reloadFpm(const QString &version)
 {
     return systemctl({u"reload-or-restart"_s}, version);
@@ -79,6 +84,11 @@ QString askForStop(const QString &version)
     return systemctl({u"--no-block"_s, u"stop"_s}, version);
 }
 
+QString forgetFailures(const QString &version)
+{
+    return systemctl({u"reset-failed"_s}, version);
+}
+
 QString stopFpm(const QString &version)
 {
     return systemctl({u"stop"_s}, version);
@@ -87,11 +97,6 @@ QString stopFpm(const QString &version)
 QString enableFpm(const QString &version, bool isEnabled)
 {
     return systemctl({isEnabled ? u"enable"_s : u"disable"_s}, version);
-}
-
-bool hasPools(const QString &version)
-{
-    return !QDir(u"/etc/php/%1/fpm/pool.d"_s.arg(version)).entryList({u"*.conf"_s}, QDir::Files).isEmpty();
 }
 
 QString testFpm(const QString &version, const QHash<QString, QByteArray> &pools)

@@ -12,6 +12,9 @@ namespace corv::ctl {
 // Whether its service runs.
 bool isFpmRunning(const QString &version);
 
+// Whether its service has ended by itself: not one that somebody has stopped.
+bool hasFpmFailed(const QString &version);
+
 // Has it read its configuration anew, or starts it where it does not run. Returns why that failed, empty on success. It
 // returns before the reading is done.
 QString reloadFpm(const QString &version);
@@ -20,12 +23,13 @@ QString reloadFpm(const QString &version);
 QString askForReload(const QString &version);
 QString askForStop(const QString &version);
 
+// Has its service forget that it failed, without which one that failed some times in a row does not start. Returns as
+// above.
+QString forgetFailures(const QString &version);
+
 // Stops it; and keeps it from being started with the server, or has it started again.
 QString stopFpm(const QString &version);
 QString enableFpm(const QString &version, bool isEnabled);
-
-// Whether it has any pool at all: it does not start without, nor come back from a reload.
-bool hasPools(const QString &version);
 
 // Whether it would start with these pools (their texts by the accounts' names) beside those that it has. Returns what
 // it says against that, empty for nothing.

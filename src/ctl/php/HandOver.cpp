@@ -1,5 +1,6 @@
 #include "ctl/php/HandOver.h"
 
+#include "ctl/doctor/PhpPools.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/php/Fpm.h"
 #include "ctl/php/Sockets.h"
