@@ -261,15 +261,32 @@ def test_a_disk_that_is_full(old, new, shop):
     goes_on(old, new, shop, before)
 
 
-def test_names_of_files_are_no_words_of_rsync(old, new, shop):
-    """What is called like rsync's own complaints neither keeps an account from moving nor lets a part of it pass for the whole."""
+def settings(host, name):
+    """What PostgreSQL has stored of settings of the role, and of its database."""
+    return sorted(host.sql("SELECT unnest(setconfig) FROM pg_db_role_setting LEFT JOIN pg_database d ON d.oid = setdatabase "
+                           f"LEFT JOIN pg_roles r ON r.oid = setrole WHERE datname = '{name}' OR rolname = '{name}'").out.split("\n"))
+
+
+def test_what_the_account_itself_may_not_have_does_not_come_along(old, new, shop):
+    """What is called like rsync's own complaints neither keeps an account from moving nor lets a part of it pass for the whole, and
+    what only a superuser may set is not set on another server's word."""
+    name, before = shop.name, settings(old, shop.name)
+    superusers = [f"ROLE {name} SET session_preload_libraries = 'auto_explain'", f"DATABASE {name} SET log_statement = 'none'",
+                  f"ROLE {name} IN DATABASE {name} SET other.one = '1'"]
+    for statement in superusers:
+        assert old.sql(f"ALTER {statement}").code == 0
+    assert len(settings(old, name)) == len(before) + len(superusers)
     names = ["private/rsync: [receiver] x", "private/y (code 24)"]
-    for name in names:
-        old.put(f"{shop.home}/{name}", "kept to himself\n", owner=shop.name, mode="000")
+    for file in names:
+        old.put(f"{shop.home}/{file}", "kept to himself\n", owner=shop.name, mode="000")
     done = move(new, shop.name)
     assert done.code == 1 and "files that its user may not read there" in done.err, done
+    for setting in ("session_preload_libraries", "log_statement", "other.one"):
+        told = re.findall(f'not as it was: the setting {setting} of PostgreSQL: .*permission denied to set parameter "{setting}"', done.err)
+        assert len(told) == 1, done
+    assert settings(new, name) == before
     assert is_home(new, shop) and record(new, shop.name)[-1] == "finished"
-    assert not any(new.exists(f"{shop.home}/{name}") for name in names)
+    assert not any(new.exists(f"{shop.home}/{file}") for file in names)
 
 
 # A session of the shop's own that does not take its database for read-only, until it is ended.

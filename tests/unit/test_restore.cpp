@@ -337,12 +337,27 @@ private Q_SLOTS:
         const auto last = [](const QByteArray &script) { return script.trimmed().split('\n').constLast(); };
         QCOMPARE(last(passwordScript(u"shop"_s, kScram)), "ALTER ROLE \"shop\" PASSWORD '" + kScram.toLatin1() + "';");
         QCOMPARE(last(passwordScript(u"shop"_s, {})), QByteArray("ALTER ROLE \"shop\" PASSWORD NULL;"));
-        QCOMPARE(last(settingScript(u"shop"_s, {KeptSetting::Scope::Database, u"search_path"_s, u"a, \"B c\""_s})),
+        QCOMPARE(last(settingScript(u"shop"_s, {KeptSetting::Scope::Database, u"search_path"_s, u"a, \"B c\""_s},
+                                    SaidBy::Us)),
                  QByteArray("ALTER DATABASE \"shop\" SET \"search_path\" = 'a', 'B c';"));
-        QCOMPARE(last(settingScript(u"shop"_s, {KeptSetting::Scope::RoleInDatabase, u"a.b"_s, u"x'; DROP"_s})),
-                 QByteArray("ALTER ROLE \"shop\" IN DATABASE \"shop\" SET \"a.b\" = 'x''; DROP';"));
-        QCOMPARE(last(settingScript(u"shop"_s, {KeptSetting::Scope::Role, u"work_mem"_s, u"8MB"_s})),
+        QCOMPARE(
+            last(settingScript(u"shop"_s, {KeptSetting::Scope::RoleInDatabase, u"a.b"_s, u"x'; DROP"_s}, SaidBy::Us)),
+            QByteArray("ALTER ROLE \"shop\" IN DATABASE \"shop\" SET \"a.b\" = 'x''; DROP';"));
+        QCOMPARE(last(settingScript(u"shop"_s, {KeptSetting::Scope::Role, u"work_mem"_s, u"8MB"_s}, SaidBy::Us)),
                  QByteArray("ALTER ROLE \"shop\" SET \"work_mem\" = '8MB';"));
+    }
+
+    // PostgreSQL takes what is stored for what a superuser wants, so that a path of a program would be loaded.
+    void settingsThatAnotherServerTellsOfAreSetWithTheAccountsRightsAlone()
+    {
+        const KeptSetting program = {KeptSetting::Scope::Role, u"session_preload_libraries"_s, u"/tmp/x.so"_s};
+        const QByteArray ours = settingScript(u"shop"_s, program, SaidBy::Us);
+        const QByteArray statement = "ALTER ROLE \"shop\" SET \"session_preload_libraries\" = '/tmp/x.so';\n";
+        QVERIFY(ours.endsWith(statement));
+        const QByteArray quietly = ours.chopped(statement.size());
+        QVERIFY(!quietly.contains("ROLE"));
+        QCOMPARE(settingScript(u"shop"_s, program, SaidBy::AnotherServer),
+                 quietly + "SET ROLE \"shop\";\n" + statement + "RESET ROLE;\n");
     }
 
     void rolesAreAddedToTheirAccounts()

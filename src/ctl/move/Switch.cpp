@@ -91,11 +91,14 @@ QString takeDatabase(Task *task, Gate *dump)
     if (const QString problem = loadDump(task->session, task->config, account, &task->done.tables); !problem.isEmpty())
         return problem;
     noteTime(task, u"load"_s);
-    if (applyRoleAtOnce(task->state, account))
+    if (applyRoleAtOnce(task->state, account, SaidBy::AnotherServer))
         return {};
     bool isLost = false;
-    task->done.lost = applyRole(task->state, account, &isLost);
-    return isLost ? task->done.lost.join("; "_L1) : QString();
+    const QStringList lost = applyRole(task->state, account, SaidBy::AnotherServer, &isLost);
+    // What comes twice is told once.
+    task->done.lost += lost;
+    task->done.lost.removeDuplicates();
+    return isLost ? lost.join("; "_L1) : QString();
 }
 
 bool isReadOnly(const AccountState &state)

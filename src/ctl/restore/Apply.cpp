@@ -137,16 +137,21 @@ QByteArray passwordScript(const QString &account, const QString &hash)
                .toUtf8();
 }
 
-QByteArray settingScript(const QString &account, const KeptSetting &setting)
+QByteArray settingScript(const QString &account, const KeptSetting &setting, SaidBy by)
 {
     const QString name = identifier(account);
     const QString where = setting.scope == KeptSetting::Scope::Database ? u"DATABASE "_s + name
                           : setting.scope == KeptSetting::Scope::Role   ? u"ROLE "_s + name
                                                                         : u"ROLE %1 IN DATABASE %1"_s.arg(name);
-    return kQuietly + u"ALTER %1 SET %2 = %3;\n"_s.arg(where, identifier(setting.name), valueOf(setting)).toUtf8();
+    const QByteArray statement =
+        u"ALTER %1 SET %2 = %3;\n"_s.arg(where, identifier(setting.name), valueOf(setting)).toUtf8();
+    if (by == SaidBy::Us)
+        return kQuietly + statement;
+    // Behind what only a superuser may set, and given up again for the same of the next one.
+    return kQuietly + "SET ROLE " + name.toUtf8() + ";\n" + statement + "RESET ROLE;\n";
 }
 
-QStringList applyRole(const AccountState &state, const QString &account, bool *isLost)
+QStringList applyRole(const AccountState &state, const QString &account, SaidBy by, bool *isLost)
 {
     QStringList problems;
     // The older kind of hash is made with the role's name in it.
@@ -161,19 +166,19 @@ QStringList applyRole(const AccountState &state, const QString &account, bool *i
         problems.append(u"the database's password: "_s + problem);
     }
     for (const KeptSetting &setting : state.settings) {
-        if (const QString problem = runScript(settingScript(account, setting)); !problem.isEmpty())
+        if (const QString problem = runScript(settingScript(account, setting, by)); !problem.isEmpty())
             problems.append(u"the setting %1 of PostgreSQL: %2"_s.arg(setting.name, problem));
     }
     return problems;
 }
 
-bool applyRoleAtOnce(const AccountState &state, const QString &account)
+bool applyRoleAtOnce(const AccountState &state, const QString &account, SaidBy by)
 {
     if (!state.role || account != state.username || (!state.role->isEmpty() && !isRoleHash(*state.role)))
         return false;
     QByteArray script = passwordScript(account, *state.role);
     for (const KeptSetting &setting : state.settings)
-        script += settingScript(account, setting);
+        script += settingScript(account, setting, by);
     return runScript(script).isEmpty();
 }
 

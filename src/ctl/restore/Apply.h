@@ -11,12 +11,16 @@ namespace corv::ctl {
 // Puts back on an account what was written down of it. Each function returns what could not be put back, as sentences;
 // none where all is. Secrets go to the tools by their standard input. Call them as root, for an account that is there.
 
+// Whose word it is that a setting of PostgreSQL was there. What is stored of one takes force with a superuser's rights
+// at each login, and can be the path of a program: what another server says is set with the account's own rights alone.
+enum class SaidBy { Us, AnotherServer };
+
 // The hash of the role's password, and the settings of role and database. Where the hash cannot be had again, as one
 // that goes with the old name, *isLost says so: the role then keeps the password that it was made with.
-QStringList applyRole(const AccountState &state, const QString &account, bool *isLost);
+QStringList applyRole(const AccountState &state, const QString &account, SaidBy by, bool *isLost);
 
 // The same in one go, for whoever has no time. False where anything of it cannot be had: then applyRole tells what.
-bool applyRoleAtOnce(const AccountState &state, const QString &account);
+bool applyRoleAtOnce(const AccountState &state, const QString &account, SaidBy by);
 
 // The login: the hash in shadow, the shell.
 QStringList applyLogin(const AccountState &state, const QString &account);
@@ -39,7 +43,7 @@ bool isSameJob(const KeptJob &kept, const KeptJob &there);
 
 // The statements for psql.
 QByteArray passwordScript(const QString &account, const QString &hash);
-QByteArray settingScript(const QString &account, const KeptSetting &setting);
+QByteArray settingScript(const QString &account, const KeptSetting &setting, SaidBy by);
 
 // A value that PostgreSQL keeps of a setting that is a list of names, such as search_path, as those names. False where
 // it is none.

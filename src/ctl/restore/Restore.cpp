@@ -162,7 +162,7 @@ private:
         for (const QString &what : m_plan.state->leftOut)
             m_done.lost.append(u"some of the %1, of which there was too much to be written down"_s.arg(what));
         bool isLost = false;
-        m_done.lost += applyRole(*m_plan.state, target, &isLost);
+        m_done.lost += applyRole(*m_plan.state, target, SaidBy::Us, &isLost);
         if (!m_plan.source.dump.isEmpty())
             m_done.lost += databaseDifferences(*m_plan.state, target);
         if (isLost)
