@@ -1,6 +1,7 @@
 #include "ctl/move/Listing.h"
 #include "ctl/move/Plan.h"
 #include "ctl/move/Pull.h"
+#include "ctl/move/Rows.h"
 #include "ctl/move/There.h"
 #include "ctl/move/Verdict.h"
 
@@ -357,6 +358,43 @@ private Q_SLOTS:
         QFETCH(QStringList, words);
         QFETCH(bool, isIt);
         QCOMPARE(isSenderCommand(words, u"/home/shop"_s), isIt);
+    }
+
+    // A load goes on past what fails, so that a table may be there without its rows.
+    void rowsThatWereNotLoadedAreMissed()
+    {
+        const QMap<QByteArray, qint64> dumped = {{"public.a", 3}, {"public.b", 2}};
+        QStringList uncounted;
+        QCOMPARE(missingBy("0|3\n1|2\n", dumped, &uncounted), QString());
+        QCOMPARE(missingBy("0|4\n1|2\n", dumped, &uncounted), QString());
+        QVERIFY(uncounted.isEmpty());
+        QCOMPARE(missingBy("0|3\n1|1\n", dumped, &uncounted),
+                 u"the dump has 2 rows of the table public.b, of which 1 were restored"_s);
+        QCOMPARE(missingBy("0|0\n1|2\n", dumped, &uncounted),
+                 u"the dump has 3 rows of the table public.a, of which 0 were restored"_s);
+        QVERIFY(uncounted.isEmpty());
+    }
+
+    void aTableThatIsNotCountedIsTold()
+    {
+        const QMap<QByteArray, qint64> dumped = {{"public.\"a\n b\"", 3}, {"public.b", 2}, {"public.c", 0}};
+        for (const QByteArray &printed :
+             {QByteArray("1|2\n"), QByteArray("x|3\n1|2\n2|\n"), QByteArray("1|2"), QByteArray("0\n1|2\n")}) {
+            QStringList uncounted;
+            QCOMPARE(missingBy(printed, dumped, &uncounted), QString());
+            QCOMPARE(uncounted, (QStringList{u"public.\"a b\""_s, u"public.c"_s}));
+        }
+        QStringList uncounted;
+        QCOMPARE(missingBy("1|1\n", dumped, &uncounted),
+                 u"the dump has 2 rows of the table public.b, of which 1 were restored"_s);
+    }
+
+    void eachTableIsCountedByItselfAndNothingLasts()
+    {
+        const QByteArray script = countingScript({{"public.a", 3}, {"public.\"b c\"", 2}});
+        QVERIFY(script.startsWith("\\set ON_ERROR_ROLLBACK on\nBEGIN;\n"));
+        QVERIFY(script.endsWith("SELECT 0, count(*) FROM ONLY public.\"b c\";\n"
+                                "SELECT 1, count(*) FROM ONLY public.a;\nROLLBACK;\n"));
     }
 };
 

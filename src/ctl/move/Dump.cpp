@@ -4,6 +4,7 @@
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/move/Journal.h"
+#include "ctl/move/Rows.h"
 #include "ctl/restore/Lend.h"
 #include "ctl/restore/Restore.h"
 #include "ctl/restore/Tables.h"
@@ -66,7 +67,8 @@ QString checkDump(const QString &account)
     return fault ? u"%1 %2"_s.arg(path, *fault) : QString();
 }
 
-QString loadDump(Session &session, const backup::Config &config, const QString &account, int *tables)
+QString loadDump(Session &session, const backup::Config &config, const QString &account, int *tables,
+                 QStringList *uncounted)
 {
     const QString path = moveFile(account, kEnd);
     const Lent lent(config, path, account);
@@ -79,7 +81,7 @@ QString loadDump(Session &session, const backup::Config &config, const QString &
     *tables = tablesOf(account);
     const int wanted = tablesIn(path);
     return wanted > *tables ? u"of the database's %1 tables only %2 could be loaded"_s.arg(wanted).arg(*tables)
-                            : QString();
+                            : missingRowsHere(path, account, uncounted);
 }
 
 void dropDump(const QString &account)

@@ -4,6 +4,7 @@
 #include "ctl/move/Shell.h"
 
 #include <QString>
+#include <QStringList>
 
 namespace corv::ctl {
 
@@ -22,8 +23,9 @@ QString takeDump(Remote *from, const QString &account);
 QString checkDump(const QString &account);
 
 // Has the agent load it as the account's own role, in the place of what the database has. tables gets how many it has
-// then. Returns why not all of it is there.
-QString loadDump(Session &session, const backup::Config &config, const QString &account, int *tables);
+// then, and uncounted those whose rows the account may not count. Returns why not all of it is there: tables and rows.
+QString loadDump(Session &session, const backup::Config &config, const QString &account, int *tables,
+                 QStringList *uncounted);
 
 // Removes the file.
 void dropDump(const QString &account);

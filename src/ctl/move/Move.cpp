@@ -124,7 +124,7 @@ QString rehearse(Task *task)
         problem = noTurn.isEmpty() ? u"it was interrupted"_s : noTurn;
     clock.restart();
     if (problem.isEmpty())
-        problem = loadDump(task->session, task->config, account, &task->done.tables);
+        problem = load(task);
     if (task->record.isBack)
         (void)letRoleIn(account, false);
     dropDump(account);
@@ -150,6 +150,17 @@ QString secure(Task *task)
 }
 
 } // namespace
+
+QString load(Task *task)
+{
+    QStringList uncounted;
+    const QString problem = loadDump(task->session, task->config, task->record.account, &task->done.tables, &uncounted);
+    if (!uncounted.isEmpty())
+        task->done.lost.append(u"the rows of %1, which it may not count itself"_s.arg(uncounted.join(", "_L1)));
+    // The database comes more than once.
+    task->done.lost.removeDuplicates();
+    return problem;
+}
 
 QString prepare(Task *task)
 {

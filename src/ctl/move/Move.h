@@ -53,6 +53,10 @@ struct Task
 // called. Returns why it could not.
 QString prepare(Task *task);
 
+// Has the dump that is here loaded, as loadDump, and tells of what it could not count. Returns why not all of it is
+// there.
+QString load(Task *task);
+
 // The switch: until it has returned nothing the account is the old server's, whatever becomes of this one.
 QString switchOver(Task *task);
 

@@ -88,7 +88,7 @@ QString takeDatabase(Task *task, Gate *dump)
     noteTime(task, u"dump"_s);
     if (const QString problem = task->record.isBack ? letRoleIn(account, true) : QString(); !problem.isEmpty())
         return problem;
-    if (const QString problem = loadDump(task->session, task->config, account, &task->done.tables); !problem.isEmpty())
+    if (const QString problem = load(task); !problem.isEmpty())
         return problem;
     noteTime(task, u"load"_s);
     if (applyRoleAtOnce(task->state, account, SaidBy::AnotherServer))

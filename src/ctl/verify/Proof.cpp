@@ -79,25 +79,6 @@ Proof faulty(const QString &fault)
     return proof;
 }
 
-// The rows of each table, as the dump has them.
-Proof countDumped(const SavedFile &saved, const Bounds &bounds, QMap<QByteArray, qint64> *rows)
-{
-    CopyCounter counter;
-    const Ended read =
-        watchAsReader({u"pg_restore"_s, u"--data-only"_s, u"--file=-"_s, u"--format=custom"_s}, saved.file.get(), {},
-                      bounds, {[&](const QByteArray &piece) { counter.take(piece); }, [] { return !interrupted(); }});
-    if (read.wasStopped)
-        return noted(u"the proof was interrupted"_s);
-    if (read.tookTooLong)
-        return noted(u"reading it takes too long for a proof"_s);
-    if (!read.succeeded)
-        return faulty(u"is damaged: "_s + complaintIn(QString::fromUtf8(read.errors)));
-    if (counter.isTooMuch())
-        return noted(u"it has more tables than a proof counts"_s);
-    *rows = counter.rows();
-    return {};
-}
-
 // Loads the dump into the new database. folder: where the server's files lie, of which half of what is free stays so.
 Proof load(const SavedFile &saved, const Bounds &bounds, const QByteArray &folder)
 {
@@ -172,6 +153,24 @@ Proof proveHere(const SavedFile &saved, const Bounds &bounds, const QByteArray &
 }
 
 } // namespace
+
+Proof countDumped(const SavedFile &saved, const Bounds &bounds, QMap<QByteArray, qint64> *rows)
+{
+    CopyCounter counter;
+    const Ended read =
+        watchAsReader({u"pg_restore"_s, u"--data-only"_s, u"--file=-"_s, u"--format=custom"_s}, saved.file.get(), {},
+                      bounds, {[&](const QByteArray &piece) { counter.take(piece); }, [] { return !interrupted(); }});
+    if (read.wasStopped)
+        return noted(u"the proof was interrupted"_s);
+    if (read.tookTooLong)
+        return noted(u"reading it takes too long for a proof"_s);
+    if (!read.succeeded)
+        return faulty(u"is damaged: "_s + complaintIn(QString::fromUtf8(read.errors)));
+    if (counter.isTooMuch())
+        return noted(u"it has more tables than a proof counts"_s);
+    *rows = counter.rows();
+    return {};
+}
 
 QString missingRows(const QMap<QByteArray, qint64> &dumped, const QList<qint64> &counted)
 {

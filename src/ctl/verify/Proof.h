@@ -9,6 +9,8 @@
 
 namespace corv::ctl {
 
+struct SavedFile;
+
 // What became of the proof that a dump can be restored.
 struct Proof
 {
@@ -26,6 +28,11 @@ Proof proveDump(const QString &path, const Bounds &bounds);
 
 // Drops what a proof has left that was killed. Returns why that cannot be done; empty where nothing is left.
 QString clearProof();
+
+// Counts the rows of each table as a dump has them, which has been opened, by the table's name as SQL has it. Nothing
+// in the dump is run. What it returns has a fault, or a note, where they could not be counted; bounds holds for the
+// program that reads it.
+Proof countDumped(const SavedFile &saved, const Bounds &bounds, QMap<QByteArray, qint64> *rows);
 
 // What the errors of pg_restore mean for the dump: a fault or a note.
 Proof judgeErrors(const QByteArray &errors);
