@@ -15,6 +15,7 @@ MEASURED = "postgres 150013\nbytes 4096\t/home/shop\nentries 7\t/home/shop\nrsyn
 HOST = "root@web1.example"
 HTTPS, CHOICES = "/etc/apache2/sites-enabled/zz-corv-https.conf", "/etc/corvane/https.d/shop"
 CERTIFICATE = "/etc/corvane/https/md/domains/shop.example/pubcert.p-256.pem"
+LEFT = "/var/lib/corvane/moves/shop.left"
 WALK = "$(runuser -u shop -- du -s {} --exclude=/home/shop/tmp /home/shop 2>/dev/null)"
 
 
@@ -76,6 +77,7 @@ def test_a_plan_without_anything_in_the_way(old):
          "/var/lib/corvane/accounts.state", "||", "test", "$?", "=", "1;", "}"],
         ["echo", "postgres", "$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');",
          "echo", "bytes", WALK.format("-B1") + ";", "echo", "entries", WALK.format("--inodes") + ";",
+         "echo", "left", f"$([ ! -e {LEFT} ] || [ {LEFT} -ef /var/lib/corvane/moves/shop.by- ] || echo yes);",
          "echo", "rsync", "$(command -v rsync)"],
         ["if", "test", "-e", HTTPS, ";", "then", "echo", "on;", "fi;",
          "if", "test", "-e", CHOICES, ";", "then", "cat", CHOICES, ";", "fi"])]
@@ -200,6 +202,25 @@ def test_another_server_that_does_not_tell(old, answer, end):
     old.shows(**answer)
     assert plan(old) == (3, [], f"corvctl: {HOST}: {end}\n")
     assert len(old.sandbox.calls("ssh")) == 1
+
+
+def test_an_account_that_has_left_for_another_server(old):
+    old.measures(MEASURED + "left yes\n")
+    assert plan(old) == (0, [], ""), "on-line it is that server's again, or another one"
+    old.writes_down(suspended=True)
+    assert plan(old) == (1, ["State\tin the way\tit has left that server for another one, which has it; corvctl account resume shop --left "
+                             "there if it is to be that server's again"], "corvctl: shop cannot be moved here yet: State\n")
+    old.measures(MEASURED + "left\n")
+    assert plan(old) == (0, [], "")
+
+
+def test_the_server_that_it_left_for_is_known_by_the_moves_word(old):
+    record = {"account": "shop", "host": HOST, "domain": "shop.example", "uid": 1, "begun": 1, "rehearsed": 0, "done": ["created"]}
+    for word, known in (("a" * 32, "a" * 32), ("a" * 31 + "\n", ""), ("$(reboot)", "")):
+        old.sandbox.write("/var/lib/corvane/moves/shop.json", json.dumps({**record, "word": word}))
+        assert plan(old)[0] == 0
+        asked = [argv for argv in old.sandbox.argvs("ssh") if argv[4:6] == ["echo", "postgres"]][-1]
+        assert f"$([ ! -e {LEFT} ] || [ {LEFT} -ef /var/lib/corvane/moves/shop.by-{known} ] || echo yes);" in asked
 
 
 def test_an_answer_of_something_else(old):

@@ -2,6 +2,8 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -12,6 +14,10 @@ using namespace corv::ctl::moving;
 namespace {
 
 const auto kShop = u"shop"_s;
+// Of a move that was begun when moves had none.
+const QString kNoWord;
+const auto kWord = QString(32, u'a');
+const auto kOther = QString(32, u'b');
 
 // In ssh's place: a shell for which this test's folder is the other server's root, as far as it goes somewhere.
 constexpr auto kSsh = R"(#!/bin/sh
@@ -122,14 +128,14 @@ private Q_SLOTS:
     {
         Old old;
         QVERIFY(old.isWell());
-        old.has(u"left"_s);
         old.has(u"stays"_s);
-        QCOMPARE(beginSwitch(&old.shell, kShop, true, 120), QString());
+        QCOMPARE(beginSwitch(&old.shell, kShop, kWord, true, 120), QString());
+        const QString there = u" [shop.by-%1 shop.undecided]"_s.arg(kWord);
         QCOMPARE(old.calls(),
-                 (QStringList{u"sync shop.undecided . [shop.undecided]"_s,
-                              u"systemctl stop corv-move-shop.timer corv-move-shop.service [shop.undecided]"_s,
-                              u"systemctl reset-failed corv-move-shop.service [shop.undecided]"_s,
-                              u"systemd-run [shop.undecided]"_s}));
+                 (QStringList{u"sync shop.undecided ."_s + there,
+                              u"systemctl stop corv-move-shop.timer corv-move-shop.service"_s + there,
+                              u"systemctl reset-failed corv-move-shop.service"_s + there, u"systemd-run"_s + there}));
+        QCOMPARE(QFileInfo(old.at(u"var/lib/corvane/moves/shop.undecided"_s)).size(), 8);
     }
 
     void aSwitchThatIsNotOnTheDiskDoesNotBegin()
@@ -137,8 +143,8 @@ private Q_SLOTS:
         Old old;
         QVERIFY(old.isWell());
         old.failing(u"sync"_s, true);
-        QCOMPARE(beginSwitch(&old.shell, kShop, true, 120), u"old: exit code 1"_s);
-        QCOMPARE(old.calls(), QStringList{u"sync shop.undecided . [shop.undecided]"_s});
+        QCOMPARE(beginSwitch(&old.shell, kShop, kWord, true, 120), u"old: exit code 1"_s);
+        QCOMPARE(old.calls(), QStringList{u"sync shop.undecided . [shop.by-%1 shop.undecided]"_s.arg(kWord)});
     }
 
     void aDecisionIsOnTheDiskBeforeItsTimerEnds()
@@ -146,7 +152,7 @@ private Q_SLOTS:
         Old old;
         QVERIFY(old.isWell());
         old.has(u"undecided"_s);
-        QCOMPARE(decide(&old.shell, kShop), QString());
+        QCOMPARE(decide(&old.shell, kShop, kNoWord), QString());
         QCOMPARE(old.calls(), (QStringList{u"getent shadow shop [shop.undecided]"_s, u"sync . [shop.left]"_s,
                                            u"systemctl stop corv-move-shop.timer [shop.left]"_s}));
     }
@@ -158,14 +164,14 @@ private Q_SLOTS:
         QVERIFY(old.isWell());
         old.has(u"undecided"_s);
         old.failing(u"sync"_s, true);
-        QCOMPARE(decide(&old.shell, kShop), u"old: exit code 1"_s);
+        QCOMPARE(decide(&old.shell, kShop, kNoWord), u"old: exit code 1"_s);
         QCOMPARE(old.files(), QStringList{u"left"_s});
         bool isOurs = false;
-        QCOMPARE(decide(&old.shell, kShop), u"old: exit code 1"_s);
-        QCOMPARE(giveUp(&old.shell, kShop, true, &isOurs), u"old: exit code 1"_s);
+        QCOMPARE(decide(&old.shell, kShop, kNoWord), u"old: exit code 1"_s);
+        QCOMPARE(giveUp(&old.shell, kShop, kNoWord, true, &isOurs), u"old: exit code 1"_s);
         QVERIFY(!isOurs);
         old.failing(u"sync"_s, false);
-        QCOMPARE(giveUp(&old.shell, kShop, true, &isOurs), QString());
+        QCOMPARE(giveUp(&old.shell, kShop, kNoWord, true, &isOurs), QString());
         QVERIFY(isOurs);
         QVERIFY(!old.calls().join(u'\n').contains("corvctl"_L1));
     }
@@ -176,7 +182,7 @@ private Q_SLOTS:
         QVERIFY(old.isWell());
         old.has(u"undecided"_s);
         QVERIFY(keep(old.at(u"expires"_s), {}));
-        QCOMPARE(decide(&old.shell, kShop), u"old: the account was resumed there meanwhile"_s);
+        QCOMPARE(decide(&old.shell, kShop, kNoWord), u"old: the account was resumed there meanwhile"_s);
         QCOMPARE(old.files(), QStringList{u"undecided"_s});
     }
 
@@ -187,7 +193,7 @@ private Q_SLOTS:
         old.has(u"undecided"_s);
         old.has(u"frozen"_s);
         bool isOurs = true;
-        QCOMPARE(giveUp(&old.shell, kShop, true, &isOurs), QString());
+        QCOMPARE(giveUp(&old.shell, kShop, kNoWord, true, &isOurs), QString());
         QVERIFY(!isOurs);
         QCOMPARE(old.calls(), (QStringList{u"systemctl stop corv-move-shop.timer [shop.frozen shop.stays]"_s,
                                            u"corvctl account read-only shop off [shop.frozen shop.stays]"_s,
@@ -203,10 +209,10 @@ private Q_SLOTS:
         old.has(u"undecided"_s);
         old.failing(u"corvctl"_s, true);
         bool isOurs = true;
-        QCOMPARE(giveUp(&old.shell, kShop, true, &isOurs), u"old: exit code 1"_s);
+        QCOMPARE(giveUp(&old.shell, kShop, kNoWord, true, &isOurs), u"old: exit code 1"_s);
         QCOMPARE(old.files(), QStringList{u"stays"_s});
         old.failing(u"corvctl"_s, false);
-        QCOMPARE(giveUp(&old.shell, kShop, true, &isOurs), QString());
+        QCOMPARE(giveUp(&old.shell, kShop, kNoWord, true, &isOurs), QString());
         QCOMPARE(old.files(), QStringList());
     }
 
@@ -215,15 +221,120 @@ private Q_SLOTS:
     {
         Old old;
         QVERIFY(old.isWell());
+        QVERIFY(keep(old.at(u"expires"_s), {}));
         old.has(u"left"_s);
         old.failing(u"sync"_s, true);
         QCOMPARE(forgetEarlier(&old.shell, kShop), u"old: exit code 1"_s);
         old.failing(u"sync"_s, false);
         QCOMPARE(forgetEarlier(&old.shell, kShop), QString());
-        QCOMPARE(old.calls(), (QStringList{u"sync . []"_s, u"sync . []"_s}));
+        QCOMPARE(old.calls(), (QStringList{u"getent shadow shop [shop.left]"_s, u"sync . []"_s, u"sync . []"_s}));
         bool isOurs = true;
-        QCOMPARE(giveUp(&old.shell, kShop, true, &isOurs), QString());
+        QCOMPARE(giveUp(&old.shell, kShop, kNoWord, true, &isOurs), QString());
         QVERIFY(!isOurs);
+    }
+
+    void whatIsAnotherServersByNowIsNotForgotten()
+    {
+        Old old;
+        QVERIFY(old.isWell());
+        old.has(u"left"_s);
+        QCOMPARE(forgetEarlier(&old.shell, kShop), u"old: it has left that server for another one"_s);
+        QCOMPARE(beginSwitch(&old.shell, kShop, kWord, true, 120), u"old: it has left that server meanwhile"_s);
+        QCOMPARE(old.files(), QStringList{u"left"_s});
+        QCOMPARE(old.calls(), QStringList{u"getent shadow shop [shop.left]"_s});
+    }
+
+    // The switch of the first was cut off, and the timer over there has resumed the account since.
+    void whatAnotherServerHasDecidedIsNoVerdictForTheFirst()
+    {
+        Old old;
+        QVERIFY(old.isWell());
+        QCOMPARE(beginSwitch(&old.shell, kShop, kWord, true, 120), QString());
+        QVERIFY(QFile::remove(old.at(u"var/lib/corvane/moves/shop.undecided"_s)));
+        QCOMPARE(beginSwitch(&old.shell, kShop, kOther, true, 120), QString());
+        QCOMPARE(decide(&old.shell, kShop, kOther), QString());
+        const QStringList decided = {u"by-"_s + kOther, u"left"_s};
+        QCOMPARE(old.files(), decided);
+        (void)old.calls();
+
+        bool isOurs = true;
+        QCOMPARE(giveUp(&old.shell, kShop, kWord, true, &isOurs), QString());
+        QVERIFY(!isOurs);
+        QVERIFY(!decide(&old.shell, kShop, kWord).isEmpty());
+        QCOMPARE(giveUp(&old.shell, kShop, kNoWord, true, &isOurs), QString());
+        QVERIFY(!isOurs);
+        QCOMPARE(old.files(), decided);
+        QVERIFY(!old.calls().join(u'\n').contains("corvctl"_L1));
+        // The one that has it is told so as often as it asks.
+        QCOMPARE(decide(&old.shell, kShop, kOther), QString());
+        QCOMPARE(giveUp(&old.shell, kShop, kOther, true, &isOurs), QString());
+        QVERIFY(isOurs);
+    }
+
+    void ofTwoThatTakeItAtOnceOneHasTheSwitch_data()
+    {
+        QTest::addColumn<QString>("first");
+        QTest::newRow("with a word") << kWord;
+        QTest::newRow("begun when there were none") << kNoWord;
+    }
+
+    void ofTwoThatTakeItAtOnceOneHasTheSwitch()
+    {
+        QFETCH(const QString, first);
+        Old old;
+        QVERIFY(old.isWell());
+        if (first.isEmpty())
+            old.has(u"undecided"_s);
+        else
+            QCOMPARE(beginSwitch(&old.shell, kShop, first, true, 120), QString());
+        const QStringList begun = old.files();
+        (void)old.calls();
+
+        QCOMPARE(beginSwitch(&old.shell, kShop, kOther, true, 120),
+                 u"old: another server has begun to take it, and ends that with the command that it was begun with; "
+                 "where that server is gone: rm %1"_s.arg(old.at(u"var/lib/corvane/moves/shop.undecided"_s)));
+        bool isOurs = true;
+        QCOMPARE(giveUp(&old.shell, kShop, kOther, true, &isOurs), QString());
+        QVERIFY(!isOurs);
+        QVERIFY(!decide(&old.shell, kShop, kOther).isEmpty());
+        QCOMPARE(old.files(), begun);
+        QVERIFY(!old.calls().join(u'\n').contains(QRegularExpression(u"corvctl|systemctl|systemd-run"_s)));
+
+        QCOMPARE(decide(&old.shell, kShop, first), QString());
+        QVERIFY(!decide(&old.shell, kShop, kOther).isEmpty());
+        QCOMPARE(giveUp(&old.shell, kShop, kOther, true, &isOurs), QString());
+        QVERIFY(!isOurs);
+        QVERIFY(old.files().contains(u"left"_s));
+    }
+
+    void whoGivesUpLeavesNothingOfItsOwn()
+    {
+        Old old;
+        QVERIFY(old.isWell());
+        QCOMPARE(beginSwitch(&old.shell, kShop, kWord, true, 120), QString());
+        // Begun once more, as after a connection that broke.
+        QCOMPARE(beginSwitch(&old.shell, kShop, kWord, true, 120), QString());
+        bool isOurs = true;
+        QCOMPARE(giveUp(&old.shell, kShop, kWord, true, &isOurs), QString());
+        QVERIFY(!isOurs);
+        QCOMPARE(old.files(), QStringList());
+        QVERIFY(old.calls().join(u'\n').contains("corvctl account resume shop"_L1));
+    }
+
+    // A start of that server tells by its file whether it is to be resumed.
+    void theFileOfWhoIsSuspendedIsEmpty()
+    {
+        Old old;
+        QVERIFY(old.isWell());
+        QCOMPARE(beginSwitch(&old.shell, kShop, kWord, false, 120), QString());
+        QCOMPARE(QFileInfo(old.at(u"var/lib/corvane/moves/shop.undecided"_s)).size(), 0);
+    }
+
+    void eachMoveHasAWordOfItsOwn()
+    {
+        const QString word = newWord();
+        QVERIFY(QRegularExpression(u"\\A[0-9a-f]{32}\\z"_s).match(word).hasMatch());
+        QVERIFY(word != newWord());
     }
 };
 

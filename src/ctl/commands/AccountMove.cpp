@@ -47,8 +47,7 @@ std::optional<int> plan(const Session &session, const Given &given, moving::Task
     const moving::Record &record = task->record;
     QString problem;
     int status = kDone;
-    const std::optional<moving::There> there =
-        moving::lookThere(session.options, record.host, record.account, &problem, &status);
+    const std::optional<moving::There> there = moving::lookThere(session.options, record, &problem, &status);
     if (!there)
         return status == kRefused ? refuse(session, problem) : fail(status, problem);
     task->state = there->state;

@@ -10,6 +10,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QRegularExpression>
 
 #include <sys/stat.h>
 
@@ -39,10 +40,15 @@ QString moveFile(const QString &account, const QString &end)
 bool keepRecord(const Record &record)
 {
     (void)::mkdir(QFile::encodeName(kMoves).constData(), kFolderMode);
-    const QJsonObject text = {{u"account"_s, record.account}, {u"host"_s, record.host},
-                              {u"domain"_s, record.domain},   {u"uid"_s, record.uid},
-                              {u"begun"_s, record.begun},     {u"rehearsed"_s, record.rehearsed},
-                              {u"back"_s, record.isBack},     {u"done"_s, QJsonArray::fromStringList(record.done)}};
+    const QJsonObject text = {{u"account"_s, record.account},
+                              {u"host"_s, record.host},
+                              {u"domain"_s, record.domain},
+                              {u"uid"_s, record.uid},
+                              {u"begun"_s, record.begun},
+                              {u"rehearsed"_s, record.rehearsed},
+                              {u"back"_s, record.isBack},
+                              {u"word"_s, record.word},
+                              {u"done"_s, QJsonArray::fromStringList(record.done)}};
     return replaceFile(moveFile(record.account, u"json"_s), compactJson(text) + '\n', kFileMode);
 }
 
@@ -74,6 +80,10 @@ std::optional<Record> readRecord(const QString &account)
     record.begun = text.value("begun"_L1).toInteger();
     record.rehearsed = text.value("rehearsed"_L1).toInteger();
     record.isBack = text.value("back"_L1).toBool();
+    // It goes into the words of a shell.
+    static const QRegularExpression word(QRegularExpression::anchoredPattern(u"[0-9a-f]{32}"_s));
+    if (const QString kept = text.value("word"_L1).toString(); word.match(kept).hasMatch())
+        record.word = kept;
     for (const auto &step : text.value("done"_L1).toArray())
         record.done.append(step.toString());
     return record.account == account && !record.host.isEmpty() ? std::optional(record) : std::nullopt;
@@ -103,7 +113,10 @@ bool hasLeft(const QString &account)
 
 bool forgetLeft(const QString &account)
 {
-    return QFile::remove(moveFile(account, kLeft)) || !hasLeft(account);
+    const bool isForgotten = QFile::remove(moveFile(account, kLeft)) || !hasLeft(account);
+    for (const QString &name : QDir(kMoves).entryList({account + u".by-*"_s}, QDir::Files))
+        (void)QFile::remove(kMoves + u'/' + name);
+    return isForgotten;
 }
 
 bool isMade(const Record &record)

@@ -18,6 +18,8 @@ struct Record
     qint64 rehearsed = 0; // milliseconds that the rehearsal of the database took
     QStringList done;     // the names of the steps, see below
     bool isBack = false;  // the account was this server's before, and left it for that host
+    QString word = {};    // by which the old server's verdict is known to be on this move, see Verdict; empty before
+                          // its first switch
 
     bool operator==(const Record &) const = default;
 };

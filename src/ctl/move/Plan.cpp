@@ -156,6 +156,13 @@ Check httpsCheck(const There &there, const Here &here, qint64 now)
 
 Check keptCheck(const There &there)
 {
+    // One that is on-line there was resumed, or is another one of that name.
+    if (there.hasLeft && there.state.isSuspended) {
+        return {u"State"_s,
+                u"it has left that server for another one, which has it; corvctl account resume %1 --left there "
+                "if it is to be that server's again"_s.arg(there.state.username),
+                Level::InTheWay};
+    }
     if (!there.state.role)
         return {u"State"_s, u"its role could not be read there: its database's password would be lost"_s,
                 Level::InTheWay};

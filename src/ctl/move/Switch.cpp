@@ -178,7 +178,7 @@ QString goBack(Task *task, bool *isOurs)
     Shell shell;
     QString problem = shell.open(task->record.host);
     if (problem.isEmpty())
-        problem = giveUp(&shell, task->record.account, !task->state.isSuspended, isOurs);
+        problem = giveUp(&shell, task->record.account, task->record.word, !task->state.isSuspended, isOurs);
     if (problem.isEmpty() && *isOurs && !keepDone(&task->record, kDecided))
         problem = u"nothing can be kept in %1"_s.arg(kMoves);
     if (!problem.isEmpty() || *isOurs)
@@ -224,6 +224,8 @@ QString switchOver(Task *task)
 
     const bool wasOnline = !task->state.isSuspended;
     task->done.timer = timerSeconds(task->record);
+    if (task->record.word.isEmpty())
+        task->record.word = newWord();
     if (!keepDone(&task->record, kSwitching))
         return u"nothing can be kept in %1"_s.arg(kMoves);
     if (wasOnline)
@@ -231,7 +233,7 @@ QString switchOver(Task *task)
     else
         task->say(u"it is suspended there, and is brought so"_s);
     beginWatch(task->record);
-    problem = beginSwitch(&ways.shell, account, wasOnline, task->done.timer);
+    problem = beginSwitch(&ways.shell, account, task->record.word, wasOnline, task->done.timer);
     if (problem.isEmpty() && wasOnline)
         problem = interrupted() ? u"it was interrupted"_s : bringAhead(task, &ways);
     if (problem.isEmpty() && wasOnline)
@@ -246,7 +248,7 @@ QString switchOver(Task *task)
     if (problem.isEmpty())
         problem = interrupted() ? u"it was interrupted"_s : bringOver(task, &ways);
     if (problem.isEmpty())
-        problem = interrupted() ? u"it was interrupted"_s : decide(&ways.shell, account);
+        problem = interrupted() ? u"it was interrupted"_s : decide(&ways.shell, account, task->record.word);
     if (problem.isEmpty()) {
         noteTime(task, u"decision"_s);
         if (wasOnline)

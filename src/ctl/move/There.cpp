@@ -39,13 +39,17 @@ QStringList stateCommand(const QString &account)
 }
 
 // Each of them prints its line whatever becomes of the others. What the owner himself cannot read is not counted.
-QStringList measureCommand(const QString &account)
+QStringList measureCommand(const Record &record)
 {
+    const QString &account = record.account;
+    const QString file = moveFile(account, QString());
     const QString walk = u"$(runuser -u %1 -- du -s %2 --exclude=/home/%1/tmp /home/%1 2>/dev/null)"_s;
-    return {u"echo"_s, u"postgres"_s, u"$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');"_s,
-            u"echo"_s, u"bytes"_s,    walk.arg(account, u"-B1"_s) + u';',
-            u"echo"_s, u"entries"_s,  walk.arg(account, u"--inodes"_s) + u';',
-            u"echo"_s, u"rsync"_s,    u"$(command -v rsync)"_s};
+    return {
+        u"echo"_s, u"postgres"_s, u"$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');"_s,
+        u"echo"_s, u"bytes"_s,    walk.arg(account, u"-B1"_s) + u';',
+        u"echo"_s, u"entries"_s,  walk.arg(account, u"--inodes"_s) + u';',
+        u"echo"_s, u"left"_s,     u"$([ ! -e %1left ] || [ %1left -ef %1by-%2 ] || echo yes);"_s.arg(file, record.word),
+        u"echo"_s, u"rsync"_s,    u"$(command -v rsync)"_s};
 }
 
 Distant runAt(const Options &options, const QString &host, const QStringList &command, int seconds)
@@ -80,6 +84,8 @@ void addMeasures(const QByteArray &output, There *there)
             there->homeBytes = number;
         else if (words[0] == "entries" && isCount)
             there->homeEntries = number;
+        else if (words[0] == "left")
+            there->hasLeft = words.size() > 1;
         else if (words[0] == "rsync")
             there->hasRsync = words.value(1).startsWith('/');
     }
@@ -95,9 +101,10 @@ std::optional<AccountState> stateThere(Shell *there, const QString &account, QSt
     return state;
 }
 
-std::optional<There> lookThere(const Options &options, const QString &host, const QString &account, QString *problem,
-                               int *status)
+std::optional<There> lookThere(const Options &options, const Record &record, QString *problem, int *status)
 {
+    const QString &host = record.host;
+    const QString &account = record.account;
     const auto failed = [&](const Distant &distant) {
         *problem = distant.problem;
         *status = distant.status;
@@ -129,7 +136,7 @@ std::optional<There> lookThere(const Options &options, const QString &host, cons
     }
     there.state = *state;
 
-    const Distant measured = runAt(options, host, measureCommand(account), kWalkSeconds);
+    const Distant measured = runAt(options, host, measureCommand(record), kWalkSeconds);
     if (!measured.problem.isEmpty())
         return failed(measured);
     addMeasures(measured.output, &there);

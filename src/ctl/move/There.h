@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ctl/move/HttpsAlong.h"
+#include "ctl/move/Journal.h"
 #include "ctl/restore/State.h"
 
 #include <QByteArray>
@@ -27,14 +28,15 @@ struct There
     qint64 homeBytes = -1;    // on its disk, without tmp; -1 where it was not told
     qint64 homeEntries = -1;  // files and folders, likewise
     bool hasRsync = false;
+    bool hasLeft = false; // for another server than the one that asks
     HttpsThere https;
 };
 
 // Asks the server host for the account, by its corvctl and by tools that walk its home with its own rights. Nothing
 // there is changed but for the file of states, which is written anew. Nothing, with the reason in problem and the exit
-// status, where it cannot be asked or has no such account. account: a name that has been checked.
-std::optional<There> lookThere(const Options &options, const QString &host, const QString &account, QString *problem,
-                               int *status);
+// status, where it cannot be asked or has no such account. record: of the move that asks, with a name that has been
+// checked.
+std::optional<There> lookThere(const Options &options, const Record &record, QString *problem, int *status);
 
 // The state alone, over a shell of root's there. Nothing, with the reason in problem, where there is none.
 std::optional<AccountState> stateThere(Shell *there, const QString &account, QString *problem);

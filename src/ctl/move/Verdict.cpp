@@ -2,6 +2,8 @@
 
 #include "ctl/move/Journal.h"
 
+#include <QRandomGenerator>
+
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl::moving {
@@ -10,6 +12,7 @@ namespace {
 // The agent over there may be at a backup, which it does not leave for this.
 constexpr int kAskSeconds = 60;
 constexpr int kBriefSeconds = 20;
+constexpr int kWordParts = 4;
 
 // Of the scripts below, %1 is the account: letters and digits. The three names of the file: nobody has decided yet; it
 // stays there; it has left.
@@ -43,9 +46,23 @@ done
 echo "$seen"
 )sh"_s;
 
+// Whether a file is this move's: its second name has the move's word.
+const auto kMine = u"mine() { [ %1.\"$1\" -ef %1.by-%3 ]; }\n"_s;
+// Of a move that has none: it has no second name.
+const auto kMineWithoutWord = u"mine() { [ \"$(stat -c %h %1.\"$1\" 2>/dev/null)\" = 1 ]; }\n"_s;
+// What is looked at stays as it is until this has ended: of two servers one waits.
+const auto kAlone = u"exec 9<. && flock -w 10 9 || { echo 'another server is at it'; exit 1; }\n"_s;
+// A suspension has the user expire, and a resumption undoes that.
+const auto kIsSuspended = u"[ \"$(getent shadow %1 | cut -d: -f8)\" = 1 ]"_s;
+
 QString scriptOf(const QString &text, const QString &account)
 {
     return kPlace + QString(text).replace("%1"_L1, account);
+}
+
+QString scriptOf(const QString &text, const QString &account, const QString &word)
+{
+    return scriptOf(kAlone + (word.isEmpty() ? kMineWithoutWord : kMine) + text, account).replace("%3"_L1, word);
 }
 
 } // namespace
@@ -64,18 +81,36 @@ std::optional<qint64> writtenIn(const QByteArray &output, bool isAlone)
     return isAlone && isListed ? std::nullopt : written;
 }
 
-QString forgetEarlier(Shell *there, const QString &account)
+QString newWord()
 {
-    return there->run(scriptOf(u"rm -f %1.left && sync . || exit 1"_s, account), kBriefSeconds).problem;
+    QString word;
+    for (int i = 0; i < kWordParts; ++i)
+        word += QString::number(QRandomGenerator::system()->generate(), 16).rightJustified(8, u'0');
+    return word;
 }
 
-QString beginSwitch(Shell *there, const QString &account, bool isOnline, int seconds)
+QString forgetEarlier(Shell *there, const QString &account)
 {
+    const auto script = uR"sh(if [ -e %1.left ] && %2; then echo 'it has left that server for another one'; exit 1; fi
+rm -f %1.left && sync . || exit 1)sh"_s;
+    return there->run(scriptOf(kAlone + QString(script).replace("%2"_L1, kIsSuspended), account), kBriefSeconds)
+        .problem;
+}
+
+QString beginSwitch(Shell *there, const QString &account, const QString &word, bool isOnline, int seconds)
+{
+    const auto taken = uR"sh(if [ -e %1.left ]; then echo 'it has left that server meanwhile'; exit 1; fi
+if [ -e %1.undecided ] && ! mine undecided; then
+    echo 'another server has begun to take it, and ends that with the command that it was begun with;' \
+        "where that server is gone: rm $PWD/%1.undecided"
+    exit 1
+fi
+)sh"_s;
     // What the start of that server looks at, should it be restarted now: the timer does not outlive that.
-    const QString file = u"rm -f %1.stays %1.left && "_s + (isOnline ? u"echo on-line"_s : u":"_s) +
-                         u" >%1.undecided && sync %1.undecided . || exit 1\n"_s;
+    const QString file = u"rm -f %1.stays %1.undecided %1.by-* && "_s + (isOnline ? u"echo on-line"_s : u":"_s) +
+                         u" >%1.by-%3 && ln %1.by-%3 %1.undecided && sync %1.undecided . || exit 1\n"_s;
     const QString timer = isOnline ? QString(kTimer).replace("%2"_L1, QString::number(seconds)) : QString();
-    return there->run(scriptOf(file + timer, account), kBriefSeconds).problem;
+    return there->run(scriptOf(taken + file + timer, account, word), kBriefSeconds).problem;
 }
 
 QString suspendThere(Shell *there, const QString &account)
@@ -105,31 +140,32 @@ QString thaw(Shell *there, const QString &account)
     return there->run(scriptOf(kThaw, account), kAskSeconds).problem;
 }
 
-QString decide(Shell *there, const QString &account)
+QString decide(Shell *there, const QString &account, const QString &word)
 {
     // The timer does nothing any more once the file has its new name, and a loss of power must not give it back the old
     // one: the account is served here by then. What has been resumed by hand is not expired.
-    const auto script = uR"sh([ -e %1.left ] ||
-    { [ "$(getent shadow %1 | cut -d: -f8)" = 1 ] && mv -T %1.undecided %1.left 2>/dev/null; } ||
+    const auto script = uR"sh(mine left ||
+    { %2 && mine undecided && mv -T %1.undecided %1.left 2>/dev/null; } ||
     { echo 'the account was resumed there meanwhile'; exit 1; }
 sync . || exit 1
 systemctl stop corv-move-%1.timer 2>/dev/null
 exit 0)sh"_s;
-    return there->run(scriptOf(script, account), kBriefSeconds).problem;
+    return there->run(scriptOf(QString(script).replace("%2"_L1, kIsSuspended), account, word), kBriefSeconds).problem;
 }
 
-QString giveUp(Shell *there, const QString &account, bool wasOnline, bool *isOurs)
+QString giveUp(Shell *there, const QString &account, const QString &word, bool wasOnline, bool *isOurs)
 {
     const QString resume = kThaw + u"    corvctl account resume %1 || exit 1\n"_s;
     // Whoever decided it may have been cut off before it was on the disk.
-    const auto script = uR"(if [ -e %1.left ]; then sync . && echo 'it has left'; exit; fi
-if [ -e %1.stays ] || mv -T %1.undecided %1.stays 2>/dev/null; then
+    const auto script = uR"(if mine left; then sync . && echo 'it has left'; exit; fi
+if mine stays || { mine undecided && mv -T %1.undecided %1.stays 2>/dev/null; }; then
     systemctl stop corv-move-%1.timer 2>/dev/null
 %2    rm -f %1.stays
 fi
+rm -f %1.by-%3
 exit 0)"_s;
-    const Distant answer =
-        there->run(scriptOf(QString(script).replace("%2"_L1, wasOnline ? resume : QString()), account), kAskSeconds);
+    const Distant answer = there->run(
+        scriptOf(QString(script).replace("%2"_L1, wasOnline ? resume : QString()), account, word), kAskSeconds);
     *isOurs = answer.problem.isEmpty() && answer.output.contains("it has left");
     return answer.problem;
 }
