@@ -1,11 +1,14 @@
 #include "ctl/move/Listing.h"
 #include "ctl/move/Plan.h"
 #include "ctl/move/Pull.h"
+#include "ctl/move/Room.h"
 #include "ctl/move/Rows.h"
 #include "ctl/move/There.h"
 #include "ctl/move/Verdict.h"
 
 #include <QTest>
+
+#include <limits>
 
 using namespace Qt::Literals::StringLiterals;
 using namespace corv::ctl;
@@ -358,6 +361,24 @@ private Q_SLOTS:
         QFETCH(QStringList, words);
         QFETCH(bool, isIt);
         QCOMPARE(isSenderCommand(words, u"/home/shop"_s), isIt);
+    }
+
+    // What is told of may come, and half of what remains then; a twentieth stays, whatever is told.
+    void anotherServerDoesNotFillADisk()
+    {
+        QCOMPARE(leastLeft({1000, 100}, 0, 0), (Left{500, 50}));
+        QCOMPARE(leastLeft({1000, 100}, 400, 20), (Left{300, 40}));
+        QCOMPARE(leastLeft({1000, 100}, 1000, 100), (Left{50, 5}));
+        QCOMPARE(leastLeft({1000, 100}, qint64(1) << 61, qint64(1) << 61), (Left{50, 5}));
+        QCOMPARE(leastLeft({1000, 100}, -1, -1), (Left{500, 50}));
+        QCOMPARE(leastLeft({1000, std::numeric_limits<qint64>::max()}, 0, 7), (Left{500, 0}));
+        QCOMPARE(leastLeft({0, 0}, 5, 5), (Left{0, 0}));
+    }
+
+    void aDiskThatCannotBeAskedDoesNotHoldUpWhatComes()
+    {
+        QVERIFY(Room(u"/"_s, 0, 0).isThere());
+        QVERIFY(Room(u"/nowhere"_s, 0, 0).isThere());
     }
 
     // A load goes on past what fails, so that a table may be there without its rows.

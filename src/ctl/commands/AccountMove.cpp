@@ -51,6 +51,8 @@ std::optional<int> plan(const Session &session, const Given &given, moving::Task
     if (!there)
         return status == kRefused ? refuse(session, problem) : fail(status, problem);
     task->state = there->state;
+    task->homeBytes = there->homeBytes;
+    task->homeEntries = there->homeEntries;
     const QList<Check> checks = checksFor(*there, record);
     const bool isDry = given.has("--dry-run");
     if (const std::optional<int> end = tellPlan(session, record, *there, checks, isDry))

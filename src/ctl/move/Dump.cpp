@@ -4,6 +4,7 @@
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/move/Journal.h"
+#include "ctl/move/Room.h"
 #include "ctl/move/Rows.h"
 #include "ctl/restore/Lend.h"
 #include "ctl/restore/Restore.h"
@@ -45,6 +46,7 @@ QString takeDump(Remote *from, const QString &account)
         ::open(QFile::encodeName(path).constData(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     if (!file)
         return u"%1 cannot be made"_s.arg(path);
+    const Room room(kMoves);
     QByteArray piece;
     for (;;) {
         const Remote::Moved moved = from->read(&piece, kPatience);
@@ -54,6 +56,8 @@ QString takeDump(Remote *from, const QString &account)
             break;
         if (!writeAll(file.get(), piece))
             return u"%1: %2"_s.arg(path, QString::fromLocal8Bit(std::strerror(errno))); // NOLINT(concurrency-mt-unsafe)
+        if (!room.isThere())
+            return u"the dump: "_s + room.problem();
         if (interrupted())
             return u"it was interrupted"_s;
     }

@@ -15,8 +15,8 @@ namespace moving {
 // The words of the command that dumps an account's database on the old server.
 QStringList dumpCommand(const QString &account);
 
-// Writes what it prints into the account's file here, a new one of root's alone. Returns why it is not whole: the
-// command's own end says whether it is.
+// Writes what it prints into the account's file here, a new one of root's alone, but no more than half of what is free
+// there. Returns why it is not whole: the command's own end says whether it is.
 QString takeDump(Remote *from, const QString &account);
 
 // Reads that file to its end, as a program without rights does. Returns what is wrong with it.

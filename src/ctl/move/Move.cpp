@@ -12,6 +12,7 @@
 #include "ctl/move/Listing.h"
 #include "ctl/move/Place.h"
 #include "ctl/move/Pull.h"
+#include "ctl/move/Room.h"
 #include "ctl/restore/Restore.h"
 
 #include <QDateTime>
@@ -78,6 +79,7 @@ QString pull(Task *task)
 {
     task->say(u"bringing the files, while the site is served there"_s);
     const QString &account = task->record.account;
+    const Room room(kHomesFolder, task->homeBytes, task->homeEntries);
     Pull files;
     Gate list;
     QString problem = files.open(task->record.host, account, task->record.isBack);
@@ -86,7 +88,7 @@ QString pull(Task *task)
     QString unread; // told of at the switch
     if (problem.isEmpty())
         problem = files.wait(
-            kLongestMs, [] { return !interrupted(); }, &unread);
+            kLongestMs, room, [] { return !interrupted(); }, &unread);
     if (problem.isEmpty())
         problem = list.open(task->record.host, listingCommand(account));
     if (problem.isEmpty())

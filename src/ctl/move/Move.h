@@ -47,6 +47,9 @@ struct Task
     AccountState state; // the account's, as it was last written down there
     Moved done;
     QElapsedTimer clock = {}; // since the last part of the switch was done
+    // Of the home over there, as was told with the plan.
+    qint64 homeBytes = 0;
+    qint64 homeEntries = 0;
 };
 
 // Makes the account here, brings its files and its database while it is served there, and loads that, as often as it is

@@ -133,8 +133,13 @@ QString Pull::start()
     return m_rsync->waitForStarted(kStartMs) ? QString() : u"rsync: cannot start"_s;
 }
 
-QString Pull::wait(int milliseconds, const std::function<bool()> &goesOn, QString *unread)
+QString Pull::wait(int milliseconds, const Room &room, const std::function<bool()> &goesOn, QString *unread)
 {
+    bool isFull = false;
+    const auto mayGoOn = [&] {
+        isFull = !room.isThere();
+        return !isFull && goesOn();
+    };
     QByteArray said;
     QByteArray line;
     bool isOfThisSide = false;
@@ -151,7 +156,7 @@ QString Pull::wait(int milliseconds, const std::function<bool()> &goesOn, QStrin
         }
     };
     QObject::connect(m_rsync.get(), &QProcess::readyReadStandardError, m_rsync.get(), take);
-    const bool hasEnded = waitForEnd(*m_rsync, milliseconds, goesOn);
+    const bool hasEnded = waitForEnd(*m_rsync, milliseconds, mayGoOn);
     if (!hasEnded)
         killGroup(*m_rsync);
     take();
@@ -163,7 +168,7 @@ QString Pull::wait(int milliseconds, const std::function<bool()> &goesOn, QStrin
     if (code == 0 || code == kVanished)
         return {};
     if (!hasEnded)
-        return u"rsync: took too long"_s;
+        return u"rsync: "_s + (isFull ? room.problem() : u"took too long"_s);
     const QString text = QString::fromUtf8(said).trimmed();
     if (code == kPartial && !isOfThisSide && !beginsHere(line) && unread) {
         *unread = text.right(kShown);

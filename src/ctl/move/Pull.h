@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Fd.h"
+#include "ctl/move/Room.h"
 #include "ctl/move/Shell.h"
 
 #include <QProcess>
@@ -33,9 +34,9 @@ public:
     // Begins, and returns at once.
     QString start();
 
-    // Waits for the end, while goesOn says yes. Returns why it did not come whole. What its user there may not read is
-    // no such reason: unread has the words for it then.
-    QString wait(int milliseconds, const std::function<bool()> &goesOn, QString *unread);
+    // Waits for the end, while goesOn says yes and the disk has room for what comes. Returns why it did not come whole.
+    // What its user there may not read is no such reason: unread has the words for it then.
+    QString wait(int milliseconds, const Room &room, const std::function<bool()> &goesOn, QString *unread);
 
 private:
     QString m_account;

@@ -135,6 +135,7 @@ QString suspendHere(Task *task)
 // All that comes between the account's suspension there and the decision.
 QString bringOver(Task *task, Ways *ways)
 {
+    const Room room(kHomesFolder, task->homeBytes, task->homeEntries);
     // What neither needs the other for goes on at the same time.
     if (const QString problem = ways->files.start(); !problem.isEmpty())
         return problem;
@@ -149,7 +150,7 @@ QString bringOver(Task *task, Ways *ways)
     QString unread;
     const int longest = timerSeconds(task->record) * static_cast<int>(kMsInSecond);
     if (const QString problem = ways->files.wait(
-            longest, [] { return !interrupted(); }, &unread);
+            longest, room, [] { return !interrupted(); }, &unread);
         !problem.isEmpty())
         return problem;
     if (!unread.isEmpty())
