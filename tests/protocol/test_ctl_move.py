@@ -223,6 +223,19 @@ def test_the_server_that_it_left_for_is_known_by_the_moves_word(old):
         assert f"$([ ! -e {LEFT} ] || [ {LEFT} -ef /var/lib/corvane/moves/shop.by-{known} ] || echo yes);" in asked
 
 
+def test_a_domain_that_was_changed_there_since_it_was_rehearsed(old):
+    uid = old.sandbox.add_account("shop", "shop.example")
+    record = {"account": "shop", "host": HOST, "domain": "shop.example", "uid": uid, "begun": 1, "rehearsed": 0, "done": ["created", "rehearsed"]}
+    old.sandbox.write("/var/lib/corvane/moves/shop.json", json.dumps(record))
+    assert plan(old) == (0, [], "")
+    old.writes_down(domain="new.example")
+    assert plan(old) == (1, ["Domain\tin the way\tit has the domain shop.example here and new.example there; corvctl account domain shop "
+                             "new.example gives it that one here"], "corvctl: shop cannot be moved here yet: Domain\n")
+    old.writes_down(domain="new.example;reboot")
+    assert {line.split("\t")[2] for line in plan(old)[1]} == {
+        "it has the domain shop.example here and another there", "its user's comment there tells none that is valid"}
+
+
 def test_an_answer_of_something_else(old):
     old.shows(username="other")
     assert plan(old) == (3, [], f"corvctl: {HOST}: what answers there does not know that command\n")

@@ -35,8 +35,12 @@ QList<Check> checksFor(const moving::There &there, const moving::Record &record)
     if (record.isBack)
         return checksOfBack(there, here, record);
     QList<Check> checks = checksOf(there, here);
-    if (record.begun != 0 && uidOf(record.account) != 0 && isMade(record))
-        checks.removeIf([](const Check &check) { return check.about == "Account"_L1 || check.about == "Room"_L1; });
+    if (record.begun == 0 || uidOf(record.account) == 0 || !isMade(record))
+        return checks;
+    checks.removeIf([](const Check &check) { return check.about == "Account"_L1 || check.about == "Room"_L1; });
+    // It may have been given another one there since it was made here.
+    if (const QString problem = moving::otherDomain(record.account, there.state.domain); !problem.isEmpty())
+        checks.prepend({u"Domain"_s, problem, Check::Level::InTheWay});
     return checks;
 }
 

@@ -95,4 +95,16 @@ Here lookHere(const There &there)
     return here;
 }
 
+QString otherDomain(const QString &account, const QString &there)
+{
+    const QString here = hosting::domainOf(account);
+    if (here == there)
+        return {};
+    // What is no domain is nothing to be typed.
+    if (!hosting::isStoredDomain(there))
+        return u"it has the domain %1 here and another there"_s.arg(here);
+    return u"it has the domain %1 here and %2 there; corvctl account domain %3 %2 gives it that one here"_s.arg(
+        here, there, account);
+}
+
 } // namespace corv::ctl::moving

@@ -53,6 +53,7 @@ QString create(Task *task)
             return u"there is a user %1 here that this move has not made"_s.arg(record.account);
         endAttempt(record.account);
         record.uid = uidOf(record.account);
+        record.domain = hosting::domainOf(record.account);
         return keepDone(&record, kCreated) ? QString() : nothingKept();
     }
     record.uid = 0;

@@ -30,6 +30,10 @@ struct Here
 // Reads it, as root. there: the account that is to come.
 Here lookHere(const There &there);
 
+// Why an account that is here already is not the one to come, which has that domain there: empty where it has it here,
+// too.
+QString otherDomain(const QString &account, const QString &there);
+
 // One thing that a move depends on.
 struct Check
 {

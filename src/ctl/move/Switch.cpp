@@ -72,6 +72,8 @@ QString takeState(Task *task, Shell *shell)
     const std::optional<AccountState> state = stateThere(shell, task->record.account, &problem);
     if (!state)
         return problem;
+    if (problem = otherDomain(task->record.account, state->domain); !problem.isEmpty())
+        return problem;
     task->state = *state;
     return replaceFile(moveFile(task->record.account, u"state"_s), stateLine(*state), kFileMode)
                ? QString()
