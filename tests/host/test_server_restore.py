@@ -51,7 +51,11 @@ def test_a_lost_server_is_back_on_a_fresh_one(lost, boot):
     assert (refused.code, refused.err) == (
         1, "corvctl: /root is no folder of a backup\n"
         "  a backup is a folder such as /var/backups/corvane/auto/2026-11-22_031500\n")
-    fresh.ok(["corvctl", "server", "restore", folder, "--only", first.name, "--confirm", words[-1]])
+    # What of an account that is here by now is not as it was is no matter of another run.
+    fresh.ok(["sed", "-i", f'/"username":"{first.name}"/s/"linger":/"limitMb":5000,"linger":/', f"{folder}/accounts.state"])
+    done = fresh.run(["corvctl", "server", "restore", folder, "--only", first.name, "--confirm", words[-1]])
+    assert done.code == 1 and f"{first.name} is not as it was: the limit of 5000 MiB: hard quotas are off\n" in done.err, done
+    assert done.err.endswith(f"corvctl: not all is as it was: {first.name}\n  these are here, so another run passes them over\n"), done
     assert fresh.request("hosting.usage")["usage"].keys() == {first.name}
 
     # Ended in the middle, it is done again and goes on.

@@ -182,8 +182,11 @@ int tellMoved(const Session &session, const moving::Record &record, const moving
             facts.append({u"Site"_s, text(done.seen->text, done.seen->isWell ? Colour::Good : Colour::Bad)});
         printFacts(session, facts);
     }
+    // Of all moves of a server the last complaint and what stands below it are told again.
+    const bool isOpen = done.isDecided && !record.done.contains(moving::kFinished);
+    const QString again = isOpen ? goOnWith(record) + u" tries again what was not put back"_s : QString();
     for (const QString &lost : done.lost)
-        note(u"not as it was: "_s + lost);
+        (void)fail(done.status, u"not as it was: "_s + lost, &lost == &done.lost.constLast() ? again : QString());
     if (done.isDecided && record.isBack)
         note(u"%1 is still on %2, suspended; corvctl account delete %1 there takes it away"_s.arg(record.account,
                                                                                                   record.host));

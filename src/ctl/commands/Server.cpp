@@ -39,6 +39,7 @@ struct Intended
 struct Outcomes
 {
     QStringList failed; // in words
+    QStringList open;   // those of them that another run has something to do for
     QJsonArray accounts;
     QList<Row> rows;
     bool isInterrupted = false;
@@ -101,6 +102,7 @@ void restoreOne(Session &session, const backup::Config &config, const Plan &plan
 {
     if (refuseTaken(session, plan.domain, plan.target, false)) {
         all->failed.append(plan.target);
+        all->open.append(plan.target);
         all->rows.append({text(plan.target), text(u"its domain is taken"_s, Colour::Bad), nothing(), nothing()});
         return;
     }
@@ -113,10 +115,19 @@ void restoreOne(Session &session, const backup::Config &config, const Plan &plan
             plan.target));
     if (done.status != kDone)
         all->failed.append(plan.target);
+    // One that is here is passed over by another run, whatever of it is not as it was.
+    if (!done.problem.isEmpty())
+        all->open.append(plan.target);
     all->isInterrupted = done.status > kTimedOut;
     all->rows.append({text(plan.target),
                       done.problem.isEmpty() ? text(u"restored"_s, Colour::Good) : text(done.problem, Colour::Bad),
                       text(done.seen), span(done.seconds)});
+}
+
+void passOver(const QString &account, Outcomes *all)
+{
+    all->failed.append(account);
+    all->open.append(account);
 }
 
 void restoreRest(const Session &session, const QString &folder, const Given &given, Outcomes *all)
@@ -125,6 +136,7 @@ void restoreRest(const Session &session, const QString &folder, const Given &giv
         QString kept;
         if (const QString problem = restoreSettings(folder + u"/config.tar.gz"_s, &kept); !problem.isEmpty()) {
             all->failed.append(u"settings"_s);
+            all->open.append(u"settings"_s);
             note(u"the settings are not restored: %1"_s.arg(problem));
         }
         if (!kept.isEmpty() && !session.options.json)
@@ -133,6 +145,7 @@ void restoreRest(const Session &session, const QString &folder, const Given &giv
     if (given.has("--panel")) {
         if (const QString problem = restorePanelDatabase(folder + u"/panel.dump"_s); !problem.isEmpty()) {
             all->failed.append(u"panel"_s);
+            all->open.append(u"panel"_s);
             note(u"the panel's database is not restored: %1"_s.arg(problem));
         }
     }
@@ -166,9 +179,12 @@ int tell(const Session &session, const QString &folder, const Outcomes &all)
     }
     if (all.failed.isEmpty())
         return kDone;
-    return fail(all.isInterrupted ? interruptedStatus() : kRefused,
-                u"not all is restored: %1"_s.arg(all.failed.join(", "_L1)),
-                u"corvctl server restore %1 again goes on with what is missing"_s.arg(folder));
+    const int status = all.isInterrupted ? interruptedStatus() : kRefused;
+    if (all.open.isEmpty())
+        return fail(status, u"not all is as it was: %1"_s.arg(all.failed.join(", "_L1)),
+                    u"these are here, so another run passes them over"_s);
+    return fail(status, u"not all is restored: %1"_s.arg(all.failed.join(", "_L1)),
+                u"corvctl server restore %1 again goes on with %2"_s.arg(folder, all.open.join(", "_L1)));
 }
 
 int restore(Session &session, const Given &given)
@@ -206,7 +222,7 @@ int restore(Session &session, const Given &given)
         if (one.plan && one.problem.isEmpty() && !interrupted())
             restoreOne(session, config, *one.plan, &outcomes);
         else if (!isHere)
-            outcomes.failed.append(one.account);
+            passOver(one.account, &outcomes);
     }
     return tell(session, folder, outcomes);
 }

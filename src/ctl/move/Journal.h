@@ -32,7 +32,13 @@ inline const QString kPlacing = QStringLiteral("placing");     // the files may 
 inline const QString kDecided = QStringLiteral("decided");     // this server has it
 inline const QString kReturned = QStringLiteral("returned");   // nothing leads its names away from here any more
 inline const QString kForwarded = QStringLiteral("forwarded"); // the old address leads here
-inline const QString kFinished = QStringLiteral("finished");
+inline const QString kFinished = QStringLiteral("finished");   // all is put back, of which each part is once alone:
+inline const QString kCleared = QStringLiteral("cleared");     // who comes back has no jobs here that he had then
+inline const QString kLogin = QStringLiteral("login");
+inline const QString kJobs = QStringLiteral("jobs");
+inline const QString kLinger = QStringLiteral("linger");
+inline const QString kCrontab = QStringLiteral("crontab");
+inline const QString kLimit = QStringLiteral("limit");
 
 // The folder is root's alone; so is what is in it.
 inline const QString kMoves = QStringLiteral("/var/lib/corvane/moves");

@@ -129,7 +129,9 @@ QString suspendHere(Task *task)
         return {};
     const QString &account = task->record.account;
     task->done.lost += applyLogin(task->state, account);
-    task->done.lost += applyJobs(task->state, account, QDateTime::currentSecsSinceEpoch());
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    task->done.lost += applyJobs(task->state, account, now);
+    task->done.lost += lateJobs(task->state, now);
     task->done.lost += applyLinger(task->state, account);
     return problemOf(ask(task->session, u"hosting.suspend"_s, {{u"username"_s, account}}));
 }

@@ -232,21 +232,25 @@ QStringList applyJobs(const AccountState &state, const QString &account, qint64 
     // One may be a part of another.
     std::sort(there.begin(), there.end(),
               [](const KeptJob &one, const KeptJob &other) { return one.script.size() < other.script.size(); });
-    int late = 0;
     for (const KeptJob &job : state.jobs) {
         const auto made =
             std::find_if(there.begin(), there.end(), [&job](const KeptJob &other) { return isSameJob(job, other); });
-        if (job.time < now + kSoon) {
-            ++late;
-        } else if (made != there.end()) {
+        if (job.time < now + kSoon)
+            continue;
+        if (made != there.end()) {
             there.erase(made); // of two that are the same each is made
         } else if (const QString problem = jobProblem(job, account); !problem.isEmpty()) {
             problems.append(u"a job of at: "_s + problem);
         }
     }
-    if (late > 0)
-        problems.append(u"%1 job(s) of at whose time is past"_s.arg(late));
     return problems;
+}
+
+QStringList lateJobs(const AccountState &state, qint64 now)
+{
+    const auto late = std::count_if(state.jobs.cbegin(), state.jobs.cend(),
+                                    [now](const KeptJob &job) { return job.time < now + kSoon; });
+    return late > 0 ? QStringList{u"%1 job(s) of at whose time is past"_s.arg(late)} : QStringList();
 }
 
 QStringList applyCrontab(const AccountState &state, const QString &account)

@@ -26,8 +26,9 @@ bool applyRoleAtOnce(const AccountState &state, const QString &account, SaidBy b
 QStringList applyLogin(const AccountState &state, const QString &account);
 
 // The jobs of at, which its user has to be able to log in for. What was to run by now, or is there already, is not made
-// again.
+// again. lateJobs tells of the former; empty for none.
 QStringList applyJobs(const AccountState &state, const QString &account, qint64 now);
+QStringList lateJobs(const AccountState &state, qint64 now);
 
 // Services without a login, which begin at once.
 QStringList applyLinger(const AccountState &state, const QString &account);

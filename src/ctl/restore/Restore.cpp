@@ -199,7 +199,9 @@ private:
     {
         if (m_plan.isWithoutJobs)
             return;
-        m_done.lost += applyJobs(*m_plan.state, m_plan.target, QDateTime::currentSecsSinceEpoch());
+        const qint64 now = QDateTime::currentSecsSinceEpoch();
+        m_done.lost += applyJobs(*m_plan.state, m_plan.target, now);
+        m_done.lost += lateJobs(*m_plan.state, now);
         m_done.lost += applyLinger(*m_plan.state, m_plan.target);
     }
 
