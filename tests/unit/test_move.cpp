@@ -1,3 +1,4 @@
+#include "ctl/commands/MoveText.h"
 #include "ctl/move/Listing.h"
 #include "ctl/move/Plan.h"
 #include "ctl/move/Pull.h"
@@ -379,6 +380,25 @@ private Q_SLOTS:
     {
         QVERIFY(Room(u"/"_s, 0, 0).isThere());
         QVERIFY(Room(u"/nowhere"_s, 0, 0).isThere());
+    }
+
+    // Told that it is not moved, an administrator would put it on-line where it was, beside the one that has it.
+    void whoHasAnAccountIsNotToldByALostAnswer()
+    {
+        Record record;
+        record.account = u"shop"_s;
+        record.host = u"web1"_s;
+        Moved done;
+        done.problem = u"web1: Broken pipe"_s;
+        done.timer = 120;
+        QCOMPARE(endOf(record, done).sentence, u"shop is not moved: web1: Broken pipe"_s);
+        done.isBack = false;
+        QCOMPARE(endOf(record, done).sentence, u"whether shop has moved is not known: web1: Broken pipe"_s);
+        QCOMPARE(endOf(record, done).hint,
+                 u"corvctl account move shop web1 asks; where it was not decided web1 takes it back on-line by itself, "
+                 "120 s after the switch began"_s);
+        done.isDecided = true;
+        QCOMPARE(endOf(record, done).sentence, u"shop is this server's now, but not all is done: web1: Broken pipe"_s);
     }
 
     // A load goes on past what fails, so that a table may be there without its rows.

@@ -130,6 +130,7 @@ QString stateOf(const OneMove &one, bool isDry)
     if (one.status != kDone)
         return isDry                                    ? u"in the way"_s
                : one.reply.value("decided"_L1).toBool() ? u"moved, with faults"_s
+               : one.reply.value("unknown"_L1).toBool() ? u"not known"_s
                                                         : u"not moved"_s;
     return isDry ? u"can be moved"_s : u"moved"_s;
 }

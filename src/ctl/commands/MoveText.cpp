@@ -86,18 +86,6 @@ void showJson(const Session &session, const QString &account, const QString &hos
     print((session.terminal.out ? escapedJson(line) : line) + '\n');
 }
 
-// Where an account is that did not come.
-QString whereItIs(const moving::Record &record, const moving::Moved &done)
-{
-    if (!done.isBack)
-        return u"%1 is not reached; it takes %2 back on-line by itself, %3 s after it was taken off-line"_s.arg(
-            record.host, record.account, QString::number(done.timer));
-    if (record.isBack)
-        return u"%1 still has it; %2 goes on from there"_s.arg(record.host, goOnWith(record));
-    return u"%1 still has it; %2 goes on from there, and corvctl account delete %3 takes away what is here"_s.arg(
-        record.host, goOnWith(record), record.account);
-}
-
 QJsonObject objectOf(const moving::Record &record, const moving::Moved &done)
 {
     QJsonObject object = {{u"ok"_s, done.problem.isEmpty()}, {u"account"_s, record.account},
@@ -106,6 +94,8 @@ QJsonObject objectOf(const moving::Record &record, const moving::Moved &done)
                           {u"tables"_s, done.tables},        {u"lost"_s, QJsonArray::fromStringList(done.lost)}};
     if (!done.problem.isEmpty())
         object.insert(u"error"_s, done.problem);
+    if (!done.isDecided && !done.isBack)
+        object.insert(u"unknown"_s, true);
     if (done.rehearsed > 0)
         object.insert(u"rehearsedMilliseconds"_s, done.rehearsed);
     if (done.offline >= 0) {
@@ -153,19 +143,36 @@ QString goOnWith(const moving::Record &record)
     return u"corvctl account move %1 %2%3"_s.arg(record.account, record.host, record.isBack ? u" --back"_s : QString());
 }
 
+Ended endOf(const moving::Record &record, const moving::Moved &done)
+{
+    // What is here must not be taken for what a move has left behind.
+    if (done.isDecided)
+        return {u"%1 is this server's now, but not all is done: %2"_s.arg(record.account, done.problem),
+                goOnWith(record) + u" goes on with it"_s};
+    // The answer may be what was lost, and not the question.
+    if (!done.isBack)
+        return {
+            u"whether %1 has moved is not known: %2"_s.arg(record.account, done.problem),
+            u"%1 asks; where it was not decided %2 takes it back on-line by itself, %3 s after the switch began"_s.arg(
+                goOnWith(record), record.host, QString::number(done.timer))};
+    const QString what = u"%1 is not moved: %2"_s.arg(record.account, done.problem);
+    if (record.isBack)
+        return {what, u"%1 still has it; %2 goes on from there"_s.arg(record.host, goOnWith(record))};
+    return {what,
+            u"%1 still has it; %2 goes on from there, and corvctl account delete %3 takes away what is here"_s.arg(
+                record.host, goOnWith(record), record.account)};
+}
+
 int tellMoved(const Session &session, const moving::Record &record, const moving::Moved &done)
 {
     if (session.options.json) {
         const QByteArray line = compactJson(objectOf(record, done));
         print((session.terminal.out ? escapedJson(line) : line) + '\n');
     }
-    // What is here must not be taken for what a move has left behind.
-    if (!done.problem.isEmpty() && done.isDecided)
-        return fail(done.status,
-                    u"%1 is this server's now, but not all is done: %2"_s.arg(record.account, done.problem),
-                    goOnWith(record) + u" goes on with it"_s);
-    if (!done.problem.isEmpty())
-        return fail(done.status, u"%1 is not moved: %2"_s.arg(record.account, done.problem), whereItIs(record, done));
+    if (!done.problem.isEmpty()) {
+        const Ended ended = endOf(record, done);
+        return fail(done.status, ended.sentence, ended.hint);
+    }
     if (!session.options.json) {
         QList<Fact> facts = {{done.isDecided ? u"Moved"_s : u"Rehearsed"_s, text(record.account)},
                              {u"From"_s, text(record.host)},

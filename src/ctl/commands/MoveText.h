@@ -22,6 +22,14 @@ std::optional<int> tellPlan(const Session &session, const moving::Record &record
 // Tells what became of it, and gives the exit status.
 int tellMoved(const Session &session, const moving::Record &record, const moving::Moved &done);
 
+// The part of it, for tests: of a move that has ended before its end, where the account is, and what to do next.
+struct Ended
+{
+    QString sentence;
+    QString hint;
+};
+Ended endOf(const moving::Record &record, const moving::Moved &done);
+
 // The command that goes on with it.
 QString goOnWith(const moving::Record &record);
 
