@@ -270,6 +270,19 @@ def test_what_keeps_an_account_from_coming_back(left):
     assert plan(left, "--back")[1][0] == "Account\tin the way\tshop is on-line here"
 
 
+def test_who_has_left_is_not_resumed_by_mistake(left):
+    left.sandbox.start()
+    assert corvctl(left.sandbox, "account", "resume", "shop", start=False) == (
+        1, "", "corvctl: shop has left for another server, which has it now\n"
+        "  corvctl account move shop HOST --back, HOST being that one, brings it back with what has changed there; --left resumes what is here\n")
+    assert left.sandbox.argvs("usermod") == []
+    assert corvctl(left.sandbox, "account", "resume", "shop", "--left", start=False)[:2] == (0, "shop is on-line again\n")
+    assert not left.sandbox.exists("/var/lib/corvane/moves/shop.left")
+    left.sandbox.write("/var/lib/corvane/moves/other.left", "")
+    assert corvctl(left.sandbox, "account", "resume", "shop", start=False)[:2] == (0, "shop is on-line again\n")
+    left.sandbox.logs("agent: uid 0 ran hosting.resume -> ok", "agent: uid 0 ran hosting.resume -> ok")
+
+
 def test_who_has_not_left_does_not_come_back(old):
     refused = (1, "", "corvctl: shop has not left this server\n")
     assert corvctl(old.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == refused

@@ -82,10 +82,11 @@ def test_going_on_gives_the_account_no_other_domain(server):
 
 def test_a_creation_and_a_deletion_forget_it(server):
     journal(server)
+    server.write("/var/lib/corvane/moves/alice.left", "")
     code, out, err = corvctl(server, "--plain", "account", "create", "alice", "alice.example")
     assert (code, err) == (0, "")
     server.secret(out.split()[-1])
-    assert os.listdir(server.path(RESTORES)) == []
+    assert os.listdir(server.path(RESTORES)) == os.listdir(server.path("/var/lib/corvane/moves")) == []
     journal(server)
     assert corvctl(server, "--plain", "account", "create", "alice", "alice.example")[0] == 1
     assert os.listdir(server.path(RESTORES)) == ["alice.json"]

@@ -25,7 +25,8 @@ options:
     type: str
   state:
     description:
-      - C(present) makes the account where it is missing and puts it on-line where it is not.
+      - C(present) makes the account where it is missing and puts it on-line where it is not. One that has left for another
+        server is not put on-line again, and the module fails, since both would serve it.
       - C(suspended) makes it where it is missing and takes it off-line.
       - C(absent) deletes it. The server keeps an archive of its files and its database.
     type: str

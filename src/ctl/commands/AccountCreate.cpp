@@ -8,6 +8,7 @@
 #include "ctl/commands/AccountSites.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/doctor/Remainders.h"
+#include "ctl/move/Journal.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
 
@@ -103,9 +104,12 @@ int createAccount(Session &session, const Given &given)
         return *end;
     }
 
-    // An earlier restore to that name would take this account for the one that it has made.
-    if (isHere(session))
+    // An earlier restore to that name would take this account for the one that it has made, and one of that name may
+    // have left for another server.
+    if (isHere(session)) {
         removeJournal(name);
+        (void)moving::forgetLeft(name);
+    }
     const QString php = answer.reply.value("phpVersion"_L1).toString();
     // The password is told here and never again.
     printFacts(session, {{u"Account"_s, text(name)},
