@@ -2,9 +2,12 @@
 
 import json
 import os
+import re
 import subprocess
 
 import pytest
+
+from programs import wait_until
 
 BACKUPS = "/var/backups/corvane"
 
@@ -28,10 +31,12 @@ def delete(sandbox, username="alice"):
 
 def former(sandbox):
     """What has been set aside, name to entry and content; the folder itself is root's alone."""
-    names = [name for name in sandbox.tree(BACKUPS) if name.endswith("-former")]
+    names = [name for name in os.listdir(sandbox.path(BACKUPS)) if name.endswith("-former")]
     assert len(names) <= 1
     if not names:
         return {}
+    assert re.fullmatch(r"[a-z]+-\d{8}-\d{6}-former", names[0])
+    assert sandbox.entry(BACKUPS) == "0700 root:root"
     assert sandbox.entry(f"{BACKUPS}/{names[0]}") == "0700 root:root"
     return sandbox.tree(f"{BACKUPS}/{names[0]}")
 
@@ -165,6 +170,31 @@ def test_shared_memory_goes_with_its_owner(alice):
         assert [int(line.split()[4 if table == "sem" else 7]) for line in lines] == [alice.uid("bob")]
 
 
+def test_what_one_made_and_another_owns_goes_with_either(alice):
+    """The maker may still change it, and so may its owner."""
+    make = (
+        "import ctypes, os, sys; c = ctypes.CDLL(None, use_errno=True); buffer = ctypes.create_string_buffer(512)\n"
+        "made = [c.shmget(0, 4096, 0o1600), c.semget(0, 1, 0o1600), c.msgget(0, 0o1600)]\n"
+        "calls = [c.shmctl, lambda number, *rest: c.semctl(number, 0, *rest), c.msgctl]\n"
+        "for number, call in zip(made, calls):\n"
+        "    stat = call(number, 2, buffer)\n"  # IPC_STAT
+        "    buffer[4:8] = int(sys.argv[1]).to_bytes(4, 'little')\n"  # the owner, behind the key
+        "    print(number, stat, call(number, 1, buffer))\n"  # IPC_SET
+    )
+    alice.start()
+    alice.add_account("carol", "carol.example")
+    uid = alice.uid
+    for maker, owner in (("alice", "bob"), ("bob", "alice"), ("bob", "carol")):
+        code, out, err = alice.run("/usr/bin/setpriv", f"--reuid={uid(maker)}", "--clear-groups", "/usr/bin/python3", "-c", make,
+                                   str(uid(owner)))
+        assert (code, "-1" in out) == (0, False), err
+    assert delete(alice)["ok"] is True
+    for table in ("shm", "sem", "msg"):
+        lines = alice.run("cat", f"/proc/sysvipc/{table}")[1].splitlines()[1:]
+        at = 4 if table == "sem" else 7
+        assert [(int(line.split()[at + 2]), int(line.split()[at])) for line in lines] == [(uid("bob"), uid("carol"))]
+
+
 @pytest.mark.parametrize("command", ["suspend", "delete"])
 def test_no_process_outlives_its_account(alice, command):
     alice.start()
@@ -228,15 +258,62 @@ def test_a_newcomer_takes_over_nothing_by_number(sandbox):
     assert sorted(former(sandbox).values()) == sorted(f"0600 root:root {path}" for path in paths)
 
 
+@pytest.mark.parametrize("content", ["", "1", "x" * 65536, "x" * 65537], ids=len)
+def test_what_is_set_aside_is_whole(sandbox, content):
+    os.chown(sandbox.write("/tmp/file", content), 1000, 1000)
+    assert create(sandbox)["ok"] is True
+    assert former(sandbox) == {"1-file": f"0600 root:root {content}"}
+    assert not sandbox.exists("/tmp/file")
+
+
+def leave_kinds(sandbox, folder):
+    """Leaves a program of user 1000's in a folder, and what is no file."""
+    sandbox.write(f"{folder}/program", "x", mode=0o4755)
+    sandbox.symlink(f"{folder}/link", "/etc/passwd")
+    os.mkfifo(sandbox.path(f"{folder}/pipe"))
+    for name in ("program", "link", "pipe"):
+        os.lchown(sandbox.path(f"{folder}/{name}"), 1000, 1000)
+    sandbox.path(f"{folder}/program").chmod(0o4755)
+
+
+def test_where_the_backups_are_no_other_file_system_everything_is_moved(sandbox):
+    sandbox.run("umount", "/var/backups")
+    leave_kinds(sandbox, "/var/tmp")
+    assert create(sandbox)["ok"] is True
+    assert sandbox.tree("/var/tmp") == {}
+    found = {re.sub(r"^[1-3]-", "", name): entry for name, entry in former(sandbox).items()}
+    assert found == {"program": "0600 root:root x", "link": "link -> /etc/passwd", "pipe": "0600 root:root"}
+    (folder,) = sandbox.path(BACKUPS).iterdir()
+    assert {path.lstat().st_uid for path in folder.iterdir()} == {0}
+
+
+def test_what_cannot_be_moved_stays_as_roots(sandbox):
+    leave_kinds(sandbox, "/tmp")
+    for name, size in (("just", 64 << 20), ("over", (64 << 20) + 1)):
+        os.chown(sandbox.write(f"/tmp/{name}"), 1000, 1000)
+        os.truncate(sandbox.path(f"/tmp/{name}"), size)
+    assert create(sandbox)["ok"] is True
+    assert {name: sandbox.entry(f"/tmp/{name}") for name in os.listdir(sandbox.path("/tmp"))} == {
+        "link": "link -> /etc/passwd", "pipe": "0600 root:root", "over": "0600 root:root"}
+    assert sandbox.path("/tmp/link").lstat().st_uid == 0
+    (folder,) = sandbox.path(BACKUPS).iterdir()
+    assert sorted((re.sub(r"^\d-", "", path.name), path.stat().st_size) for path in folder.iterdir()) == [("just", 64 << 20), ("program", 1)]
+
+
+def linger(sandbox, script, *args):
+    """Starts a program in the sandbox that goes on for itself; the process, once the program has made /tmp/started."""
+    sandbox.start()
+    enter = ["nsenter", f"--target={sandbox.agent.pid}", "--pid", f"--root={sandbox.root}", "--wd=/", *args, script]
+    left = subprocess.Popen(enter)
+    wait_until(lambda: sandbox.exists("/tmp/started"), "the program")
+    return left
+
+
 def test_a_newcomer_meets_no_process_of_its_number(sandbox):
     """One that has been running since the number was somebody else's could signal, trace and read all of the new account's."""
-    sandbox.start()
-    enter = ["nsenter", f"--target={sandbox.agent.pid}", "--pid", f"--root={sandbox.root}", "--wd=/", "/usr/bin/setpriv", "--reuid=1000",
-             "--clear-groups", "/bin/sh", "-c", "trap '' TERM HUP INT; echo >/tmp/started; exec sleep 1000"]
-    left = subprocess.Popen(enter)
+    left = linger(sandbox, "trap '' TERM HUP INT; echo >/tmp/started; exec sleep 1000", "/usr/bin/setpriv", "--reuid=1000",
+                  "--clear-groups", "/bin/sh", "-c")
     try:
-        while not sandbox.exists("/tmp/started"):
-            pass
         assert create(sandbox)["ok"] is True
         assert sandbox.uid("alice") == 1000
         assert left.wait(timeout=30) == -9
@@ -245,12 +322,34 @@ def test_a_newcomer_meets_no_process_of_its_number(sandbox):
         left.wait()
 
 
+def test_a_process_of_that_number_in_another_root_is_somebody_elses(sandbox):
+    """A system in a folder, such as a container's, has users of its own."""
+    sandbox.mkdir("/srv/other")
+    script = ("import os, time; started = os.open('/tmp', os.O_RDONLY); os.chroot('/srv/other'); os.setuid(1000);"
+              "os.close(os.open('started', os.O_CREAT | os.O_WRONLY, dir_fd=started)); time.sleep(1000)")
+    left = linger(sandbox, script, "/usr/bin/python3", "-c")
+    try:
+        assert create(sandbox)["ok"] is True
+        assert sandbox.uid("alice") == 1000
+        assert left.poll() is None
+    finally:
+        left.kill()
+        left.wait()
+
+
+def test_a_home_of_roots_is_taken_over(sandbox):
+    sandbox.write("/home/alice/public_html/prepared", "by the administrator")
+    assert create(sandbox)["ok"] is True
+    assert sandbox.read("/home/alice/public_html/prepared") == "by the administrator"
+    assert os.listdir(sandbox.path("/home")) == ["alice"]
+
+
 def test_a_home_of_nobody_is_set_aside(sandbox):
     sandbox.write("/home/alice/.ssh/authorized_keys", "an old key")
     os.chown(sandbox.path("/home/alice"), 1234, 1234)
     assert create(sandbox)["ok"] is True
     assert sandbox.tree("/home/alice/.ssh") == {}
-    (hidden,) = [name for name in os.listdir(sandbox.path("/home")) if name.startswith(".former-alice-")]
+    (hidden,) = [name for name in os.listdir(sandbox.path("/home")) if re.fullmatch(r"\.former-alice-\d{8}-\d{6}", name)]
     assert sandbox.entry(f"/home/{hidden}") == "0700 root:root"
     assert sandbox.read(f"/home/{hidden}/.ssh/authorized_keys") == "an old key"
 

@@ -67,6 +67,40 @@ private Q_SLOTS:
         QCOMPARE(budget.used(), kBytes);
     }
 
+    // What it holds already is part of what it asks for.
+    void countsWhatIsHeldOnceWhenMoreIsGiven()
+    {
+        Budget budget(kBytes);
+        (void)budget.enter(kPanel, [] {});
+        bool served = false;
+        const quint64 client = budget.enter(kPanel, [&] { served = true; });
+        const quint64 root = budget.enter(0, [] {});
+        budget.hold(client, 40);
+        budget.hold(root, 60);
+        QVERIFY(!budget.ask(client, 60));
+        budget.hold(root, 41);
+        QVERIFY(!served);
+        budget.hold(root, 40);
+        QVERIFY(served);
+        QCOMPARE(budget.used(), kBytes);
+    }
+
+    void letsOneThatWasServedWaitAgain()
+    {
+        Budget budget(kBytes);
+        (void)budget.enter(kPanel, [] {});
+        int served = 0;
+        const quint64 client = budget.enter(kPanel, [&] { ++served; });
+        const quint64 root = budget.enter(0, [] {});
+        for (int round = 1; round <= 2; ++round) {
+            budget.hold(root, kBytes);
+            QVERIFY(!budget.ask(client, 1));
+            budget.hold(root, 0);
+            QCOMPARE(served, round);
+            budget.hold(client, 0);
+        }
+    }
+
     void makesTheNextOneTheFirstWhenThatHasGone()
     {
         Budget budget(kBytes);

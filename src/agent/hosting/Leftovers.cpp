@@ -65,7 +65,7 @@ QStringList namedFiles(const QString &user)
     return {u"/var/spool/cron/crontabs/"_s + user, u"/var/lib/systemd/linger/"_s + user, u"/var/mail/"_s + user};
 }
 
-using Disposal = std::function<bool(int folder, const char *name, bool isFolder)>;
+using Disposal = std::function<void(int folder, const char *name, bool isFolder)>;
 
 // Calls the disposal with whatever in the shared places belongs to the user, with folders after what they hold. Between
 // the look at an entry and its disposal only somebody who may do the same there himself could put another in its place.
@@ -75,8 +75,9 @@ void disposeOfFiles(uid_t user, const Disposal &dispose)
     const WalkLimits limits = {true, [&] { return !deadline.hasExpired(); }};
     const auto visit = [&](int folder, const char *name, bool isFolder) {
         struct stat status = {};
-        return ::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0 || status.st_uid != user ||
-               dispose(folder, name, isFolder);
+        if (::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && status.st_uid == user)
+            dispose(folder, name, isFolder);
+        return true;
     };
     const EntryVisitor onFile = [&](int folder, const char *name) { return visit(folder, name, false); };
     const EntryVisitor onFolder = [&](int folder, const char *name) { return visit(folder, name, true); };
@@ -111,18 +112,19 @@ public:
 
     // Moves an entry of that owner's there, where nobody but root reaches it. What cannot be moved to another file
     // system stays: it then belongs to root.
-    bool take(int folder, const char *name, uid_t owner)
+    void take(int folder, const char *name, uid_t owner)
     {
         if (!open())
-            return false;
+            return;
         const QByteArray newName =
             QByteArray::number(++m_count) + '-' +
             QByteArray(name).first(std::min(static_cast<qsizetype>(qstrlen(name)), kKeptNameBytes));
         if (::renameat2(folder, name, m_folder.get(), newName.constData(), RENAME_NOREPLACE) == 0) {
-            (void)own(m_folder.get(), newName.constData(), owner);
-            return true;
+            own(m_folder.get(), newName.constData(), owner);
+            return;
         }
-        return copy(folder, name, owner, newName) || own(folder, name, owner);
+        copy(folder, name, owner, newName);
+        own(folder, name, owner);
     }
 
 private:
@@ -140,27 +142,28 @@ private:
 
     // Gives an entry to root, if it is still that owner's: another may have been put in its place, a second name of
     // somebody's file even. The change takes the set-user-ID bit away.
-    static bool own(int folder, const char *name, uid_t owner)
+    static void own(int folder, const char *name, uid_t owner)
     {
         const Fd entry(::openat(folder, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
         struct stat status = {};
         if (!entry || ::fstat(entry.get(), &status) != 0 || status.st_uid != owner ||
-            ::fchownat(entry.get(), "", 0, 0, AT_EMPTY_PATH) != 0)
-            return false;
+            ::fchownat(entry.get(), "", 0, 0, AT_EMPTY_PATH) != 0 || S_ISLNK(status.st_mode))
+            return;
         const QByteArray path = "/proc/self/fd/" + QByteArray::number(entry.get());
-        return S_ISLNK(status.st_mode) ||
-               ::chmod(path.constData(), S_ISDIR(status.st_mode) ? kOwnFolder : kOwnFile) == 0;
+        (void)::chmod(path.constData(), S_ISDIR(status.st_mode) ? kOwnFolder : kOwnFile);
     }
 
-    bool copy(int folder, const char *name, uid_t owner, const QByteArray &newName)
+    // In place of a move, where the backups have a file system of their own.
+    void copy(int folder, const char *name, uid_t owner, const QByteArray &newName)
     {
         const Fd from(::openat(folder, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         struct stat status = {};
         if (!from || ::fstat(from.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_uid != owner ||
             status.st_size > kLargestCopy)
-            return false;
+            return;
         const Fd to(::openat(m_folder.get(), newName.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kOwnFile));
-        return to && copyBytes(from.get(), to.get()) && ::unlinkat(folder, name, 0) == 0;
+        if (to && copyBytes(from.get(), to.get()))
+            (void)::unlinkat(folder, name, 0);
     }
 
     QString m_user;
@@ -177,10 +180,10 @@ void takePath(Aside *aside, const QString &path)
     const QByteArray name = QFile::encodeName(file.fileName());
     if (folder && ::fstatat(folder.get(), name.constData(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         !S_ISDIR(status.st_mode))
-        (void)aside->take(folder.get(), name.constData(), status.st_uid);
+        aside->take(folder.get(), name.constData(), status.st_uid);
 }
 
-// A home that is neither root's nor that of any user is what a former owner of the name has left, keys and all. It is
+// A home that belongs to nobody who is a user now is what a former owner of the name has left, keys and all. It is
 // renamed within its file system where it cannot be moved: whole homes are not copied.
 void takeFormerHome(Aside *aside, const QString &user)
 {
@@ -188,12 +191,12 @@ void takeFormerHome(Aside *aside, const QString &user)
     const QByteArray name = QFile::encodeName(user);
     struct stat status = {};
     if (!homes || ::fstatat(homes.get(), name.constData(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-        !S_ISDIR(status.st_mode) || status.st_uid == 0)
+        !S_ISDIR(status.st_mode))
         return;
     if (::getpwuid(status.st_uid) && !formerIds().users.contains(status.st_uid))
         return;
 
-    (void)aside->take(homes.get(), name.constData(), status.st_uid);
+    aside->take(homes.get(), name.constData(), status.st_uid);
     const QByteArray hidden = QFile::encodeName(u".former-%1-%2"_s.arg(user, now()));
     (void)::renameat2(homes.get(), name.constData(), homes.get(), hidden.constData(), RENAME_NOREPLACE);
 }
@@ -205,7 +208,7 @@ void removeLeftovers(const QString &user, const Ids &ids)
     for (const QString &path : namedFiles(user))
         (void)::unlink(QFile::encodeName(path).constData());
     disposeOfFiles(ids.user, [](int folder, const char *name, bool isFolder) {
-        return ::unlinkat(folder, name, isFolder ? AT_REMOVEDIR : 0) == 0;
+        (void)::unlinkat(folder, name, isFolder ? AT_REMOVEDIR : 0);
     });
     removeSystemVObjects(ids.user);
 }
@@ -227,7 +230,10 @@ void setAsideFormerFiles(const QString &user, const Ids &ids)
 {
     Aside aside(user);
     disposeOfFiles(ids.user, [&](int folder, const char *name, bool isFolder) {
-        return isFolder ? ::unlinkat(folder, name, AT_REMOVEDIR) == 0 : aside.take(folder, name, ids.user);
+        if (isFolder)
+            (void)::unlinkat(folder, name, AT_REMOVEDIR);
+        else
+            aside.take(folder, name, ids.user);
     });
     removeSystemVObjects(ids.user);
 }
