@@ -238,6 +238,11 @@ class Process:
                 pass
         return found
 
+    def state(self):
+        """The kernel's letter for what it does: R runs or wants to, S sleeps, Z has ended."""
+        with open(f"/proc/{self.pid}/stat") as file:
+            return file.read().rpartition(")")[2].split()[0]
+
     def cpu_seconds(self):
         """The processor time that it has used itself."""
         with open(f"/proc/{self.pid}/stat") as file:

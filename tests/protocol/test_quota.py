@@ -265,6 +265,12 @@ def test_enabling_has_a_reason_also_when_findmnt_fails_only_at_first(server):
     assert server.read("/etc/fstab") == OLD
 
 
+def test_enabling_names_the_reason_that_the_status_has(sandbox):
+    prepare(sandbox, "/", "xfs")
+    sandbox.answer("findmnt", out="/ btrfs\n", call=1)
+    assert enable(sandbox) == {"ok": False, "error": XFS}
+
+
 @pytest.mark.parametrize("how, message", [
     (dict(exit=1, err=" modprobe: FATAL: Module quota_v2 not found\n"),
      "modprobe failed: modprobe: FATAL: Module quota_v2 not found"),

@@ -198,6 +198,18 @@ def test_program_that_is_stopped_holds_nobody_up(sandbox):
     nothing_is_left(sandbox, fds)
 
 
+def test_program_of_a_user_that_waits_at_a_fifo_holds_nobody_up(sandbox):
+    """One that is open already: the kernel no longer waits for its other end. The command has minutes otherwise."""
+    uid = sandbox.add_account("alice")
+    sandbox.start()
+    os.mkfifo(sandbox.path("/home/alice/pipe"))
+    os.chown(sandbox.path("/home/alice/pipe"), uid, uid)
+    inner = "exec 3<>/home/alice/pipe; read line <&3; exit 1"
+    sandbox.answer("runuser", shell=f"/usr/bin/setpriv --reuid={uid} --clear-groups /bin/sh -c '{inner}'")
+    reply = sandbox.request("files", username="alice", op="delete", path="logs")
+    assert reply == {"ok": False, "error": "runuser: took too long"}
+
+
 # Time-outs, with the agent that waits 2 s
 
 

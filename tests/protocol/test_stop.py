@@ -1,11 +1,13 @@
 """How the agent says that it is ready, and how it ends."""
 
+import contextlib
 import json
 import signal
 import socket
 
 import pytest
 
+from programs import wait_until
 from sandbox import PSQL, SOCKET
 
 PING = b'{"cmd":"ping"}\n'
@@ -117,6 +119,33 @@ def test_client_that_never_reads_does_not_hold_up_the_end(sandbox):
         assert sandbox.stop() == 0
     count = sandbox.log_lines.count("agent: uid 0 ran ping -> ok")
     sandbox.logs(*["agent: uid 0 ran ping -> ok"] * count)
+
+
+@pytest.mark.parametrize("reads", [True, False])
+def test_the_end_keeps_no_processor_busy(sandbox, reads):
+    """Whether there is nothing left to send, or all the time that there is goes by with a client that never reads."""
+    sandbox.add_account("alice")
+    sandbox.write("/home/alice/big", "x" * (2 << 20), owner="alice:alice")
+    with sandbox.connect() as client:
+        client.exchange = None
+        client.send(b'{"cmd":"files","args":{"username":"alice","op":"read","path":"big"}}\n')
+        sandbox.wait_for_log("agent: uid 0 ran files -> ok")
+        if reads:
+            assert client.line().endswith(b"}\n")
+        agent = sandbox.agent
+        used, states = [agent.cpu_seconds()], []
+
+        def has_ended():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                used.append(agent.cpu_seconds())
+                states.append(agent.state())
+            return not agent.running()
+
+        agent.signal(signal.SIGTERM)
+        wait_until(has_ended, "the agent's end")
+        assert agent.wait() == 0
+        assert sandbox.sanitized or used[-1] - used[0] < 0.5
+        assert reads or states.count("S") > len(states) / 2
 
 
 def test_agent_starts_again_after_its_end(sandbox):

@@ -91,6 +91,35 @@ private Q_SLOTS:
         QCOMPARE(calls, 1);
     }
 
+    // However many of the others are ready in the same turn.
+    void givesTheFirstTheirTurnAfterEachOfTheOthers()
+    {
+        const Pair one = connectedPair();
+        const Pair two = connectedPair();
+        const Pair first = connectedPair();
+        Readiness readiness(nullptr);
+        QByteArray order;
+        const auto take = [&order](const Pair &pair, char letter) {
+            char byte = 0;
+            (void)::recv(pair.watched.get(), &byte, 1, MSG_DONTWAIT);
+            order.append(letter);
+        };
+        const auto beforeFirst = [&](const Pair &pair) {
+            return [&](quint32) {
+                take(pair, 'u');
+                (void)sendByte(first);
+            };
+        };
+        QVERIFY(readiness.add(one.watched.get(), Readiness::Turn::Usual, beforeFirst(one)));
+        QVERIFY(readiness.add(two.watched.get(), Readiness::Turn::Usual, beforeFirst(two)));
+        QVERIFY(readiness.add(first.watched.get(), Readiness::Turn::First, [&](quint32) { take(first, 'f'); }));
+        QVERIFY(sendByte(one) && sendByte(two));
+        for (const Pair *pair : {&one, &two, &first})
+            readiness.setEvents(pair->watched.get(), EPOLLIN);
+        QVERIFY(QTest::qWaitFor([&] { return order.size() == 4; }));
+        QCOMPARE(order, "ufuf");
+    }
+
     void refusesWhatCannotBeWatched()
     {
         Readiness readiness(nullptr);
