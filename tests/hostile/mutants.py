@@ -1,10 +1,16 @@
 """The mutants that there are: one changed operator, bound, truth value, text or left-out call each; and which of them cannot be seen."""
 
+import hashlib
+import json
 import re
+from collections import Counter
 from pathlib import Path
 
 TREE = Path(__file__).resolve().parents[2]
 EXCUSES = Path(__file__).with_name("mutants.txt")
+AGENT = ("agent", "common")
+# The client and the program for certificates have far more of them than can be tried: so many are drawn.
+DRAWN = {"ctl": 150, "https": 60}
 
 OPERATORS = (
     (r"(?<=\s)==(?=\s)", "!="), (r"(?<=\s)!=(?=\s)", "=="), (r"(?<=\s)<(?=\s)", "<="), (r"(?<=\s)<=(?=\s)", "<"),
@@ -17,10 +23,10 @@ TEXT = re.compile(r'"([^"\\]|\\.)*"')
 CALL = re.compile(r"^\s+(\(void\))?[\w:.>-]+\(.*\);( //.*)?$")
 
 
-def mutants():
-    """All of them: (path below src, number of the line from 0, the line, the changed line)."""
+def mutants(rooms=AGENT):
+    """All of these folders of src: (path below src, number of the line from 0, the line, the changed line)."""
     found = []
-    for path in sorted(path for room in ("agent", "common") for path in (TREE / "src" / room).rglob("*.cpp")):
+    for path in sorted(path for room in rooms for path in (TREE / "src" / room).rglob("*.cpp")):
         source = str(path.relative_to(TREE / "src"))
         raw = False
         for number, line in enumerate(path.read_text().splitlines()):
@@ -51,6 +57,25 @@ def mutants():
                     found.append((source, number, line, line[:begin] + '"x' + line[begin + 1:]))
             if CALL.match(line) and not re.match(r"\s+(return|delete|using)\b", line):
                 found.append((source, number, line, ""))
+    return found
+
+
+def keyed(everything):
+    """Each mutant with its key, which tells it from those like it on lines of the same text."""
+    seen = Counter()
+    for source, number, line, other in everything:
+        text = hashlib.sha256(line.strip().encode()).hexdigest()[:16]
+        key = (source, text, other.strip())
+        seen[key] += 1
+        yield (*key, seen[key]), (source, number, line, other)
+
+
+def drawn():
+    """The keyed mutants that were drawn of the other folders: each has a fixed place in the draw, whatever else there is."""
+    found = []
+    for room, count in DRAWN.items():
+        place = lambda one: hashlib.sha256(json.dumps(one[0]).encode()).hexdigest()  # noqa: E731
+        found += sorted(sorted(keyed(mutants((room,))), key=place)[:count], key=lambda one: one[1][:2])
     return found
 
 

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Tests the tests: changes one thing at a time in the agent's sources and sees whether a test fails.
 
-Usage: tests/hostile/mutate.py [--count N] [--seed N] [--only TEXT] [--folder FOLDER] [--slice K/N] [--minutes M] [--again]
+Usage: tests/hostile/mutate.py [--count N] [--seed N] [--only TEXT] [--folder FOLDER...] [--slice K/N] [--minutes M] [--again]
                                [--budget SECONDS] [--alone] [--workers N] [--jobs N] [--under COMMAND] [--learn TEXT...]
-                               [--skip TEXT...] [--survivors] [--list]
+                               [--skip TEXT...] [--survivors] [--client] [--list]
 
 A mutant is one changed operator, bound, truth value, text or left-out call in src/agent or src/common. One build in the cache folder
 holds nearly all of them, each behind a switch (switches.py); what cannot be switched is built by itself. Each test is run once without a
@@ -11,10 +11,11 @@ mutant, which tells what it comes to (mutate_tests.py); N of the mutants (all of
 with the tests that come to them, those first that killed mutants of the lines around, for so many SECONDS of tests each; the first
 failure ends a mutant. What became of each is kept (mutate_results.py): a second run goes on with those that were not tried, unless
 --again is given, or their lines have changed; with a larger budget also with those that survived a smaller one. --slice takes the Kth of
-N parts, --folder those below src/FOLDER; after so many minutes no other is begun. --alone tries what cannot be switched, and nothing
-else. --learn has the protocol tests that hold one of these texts run for what they come to, beside those of the agent ("": all); --skip
-leaves some out. What survives without any test that comes to it counts as not tried unless all are known. --survivors tries those that
-survived again.
+N parts, --folder those below src/FOLDER, of several the first before the others; after so many minutes no other is begun. --alone tries
+what cannot be switched, and nothing else. --learn has the protocol tests that hold one of these texts run for what they come to, beside
+those of the agent ("": all); --skip leaves some out. What survives without any test that comes to it counts as not tried unless all are
+known. --survivors tries those that survived again. --client takes those that were drawn of src/ctl and src/https, in a build of their own,
+with the client's tests.
 What does not compile is not counted. Survivors stand in the report with what was changed; those that cannot be seen from outside are in
 mutants.txt beside this file, with the reason. Prints the share that was killed. As root, with python3-clang-14.
 
@@ -31,18 +32,23 @@ import threading
 import time
 from collections import Counter
 
-from mutants import excuses, mutants
-from mutate_build import UNDER, Build
-from mutate_results import Results, keyed
+from mutants import TREE, drawn, excuses, keyed, mutants
+from mutate_build import UNDER, Build, numbered, place
+from mutate_results import Results
 from mutate_tests import Reach, Server, Tester
 
 # Tests of the client, and those that take long for what they look at, are learnt of where they are asked for only.
 OTHERS = tuple(f"tests/protocol/test_{name}" for name in ("ctl_", "metrics_rules", "pipes", "description", "attempts", "budget",
                                                            "backup_status", "files_fence"))
-UNITS = ("account", "atomic_file", "backup", "budget", "files", "ids", "json", "postgres_protocol", "quotas", "readiness", "run",
-         "run_too_long", "security", "system", "tree", "trust", "usage")
+# What the client's mutants are tried with.
+CLIENTS = tuple(f"tests/protocol/test_{name}" for name in ("ctl_", "metrics_rules", "pipes"))
 MOST = 10  # a mutant to which more than one in so many tests come is tried last
-PROGRAMS = ("corv-agent", "corv-agent-short", *(f"test_{name}" for name in UNITS))
+AGENTS = ("corv-agent", "corv-agent-short")
+PROGRAMS = (*AGENTS, "corvctl", "corv-https", "corv-backup-generator", "corv-pipes")
+UNITS = tuple(path.stem for path in sorted((TREE / "tests/unit").glob("test_*.cpp")))
+AGENTS_UNITS = tuple(f"test_{name}" for name in (
+    "account", "atomic_file", "backup", "budget", "files", "ids", "json", "postgres_protocol", "quotas", "readiness", "run", "run_too_long",
+    "security", "system", "tree", "trust", "usage"))
 KINDS = ("unit", "protocol", "too long", "build", "", "excused")
 
 
@@ -51,7 +57,7 @@ def options():
     parser.add_argument("--count", type=int, default=300)
     parser.add_argument("--seed", type=int, default=1)
     parser.add_argument("--only", default="", help="sources whose path holds this")
-    parser.add_argument("--folder", default="", help="sources below this folder of src")
+    parser.add_argument("--folder", nargs="*", default=[""], help="sources below these folders of src, in that order")
     parser.add_argument("--slice", default="1/1", help="K/N: the Kth of N parts")
     parser.add_argument("--minutes", type=float, default=0, help="begin with none after so long")
     parser.add_argument("--again", action="store_true", help="also those whose result is known")
@@ -63,15 +69,17 @@ def options():
     parser.add_argument("--alone", action="store_true", help="those that are built by themselves, instead of the others")
     parser.add_argument("--workers", type=int, default=os.cpu_count(), help="mutants at a time")
     parser.add_argument("--under", default="", help="what to run every command by, such as 'nice -n 19'")
+    parser.add_argument("--client", action="store_true", help="those drawn of the client and the program for certificates")
     parser.add_argument("--list", action="store_true", help="show what would be tried")
     return parser.parse_args()
 
 
-def draw(given, results, everything):
+def draw(given, results, listed):
     """The mutants to be tried, as (number, key, mutant), and how many there are in all of those that were asked for."""
-    asked = [(number, key, mutant) for number, (key, mutant) in enumerate(keyed(everything), 1)
-             if given.only in mutant[0] and mutant[0].startswith(given.folder)]
-    chosen = list(asked)
+    asked = [(number, *one) for number, one in enumerate(listed, 1)
+             if one and given.only in one[0][0] and one[0][0].startswith(tuple(given.folder))]
+    # In the order of the sources, whatever number each has.
+    chosen = sorted(asked, key=lambda one: (one[2][:2], one[0]))
     if given.count:
         random.Random(given.seed).shuffle(chosen)
         chosen = chosen[: given.count]
@@ -82,8 +90,15 @@ def draw(given, results, everything):
     return [one for one in chosen if given.again or results.is_open(one[1], given.budget)], len(asked)
 
 
+def programs(given):
+    """What is built to try them: without the client and its tests where nothing asks for these."""
+    return (*PROGRAMS, *UNITS) if given.client or "" in given.learn else (*AGENTS, *AGENTS_UNITS)
+
+
 def concerns(test, given):
-    """Whether a protocol test is one of the agent's, or one that was asked for."""
+    """Whether a protocol test is one of the agent's, or the client's, or one that was asked for."""
+    if given.client:
+        return test.startswith(CLIENTS) and not any(text in test for text in given.skip)
     return (not test.startswith(OTHERS) or any(text in test for text in given.learn)) and not any(text in test for text in given.skip)
 
 
@@ -98,15 +113,18 @@ class Run:
         self._lock = threading.Lock()
 
     def _alone(self, number, tester, killers, kills):
-        """Tries one that is in no program, in a build of its own."""
+        """Tries one that is in no program, in a build of its own: of the programs and those unit tests that come to its neighbour."""
         if not self.build.compiles(number):
             return "build"
+        near = tester.reach.near(number)
+        every = programs(self.given)
+        units = {test for test in tester.reach.by_number.get(near, []) if test in UNITS}
         self.build.replace(number)
         try:
-            if not self.build.make(PROGRAMS, jobs=self.given.jobs):
+            if not self.build.make([name for name in every if name in PROGRAMS or name in units], jobs=self.given.jobs):
                 return "build"
             tester.server.restart()
-            return tester.test(number, killers, kills, self.given.budget, reached=tester.reach.near(number))
+            return tester.test(number, killers, kills, self.given.budget, near)
         finally:
             self.build.replace(0)
 
@@ -116,13 +134,15 @@ class Run:
         with self._lock:
             killers, kills = self.results.killers(source, at), Counter(self.results.kills)
         alone = number in self.build.alone
-        by = self._alone(number, tester, killers, kills) if alone else tester.test(number, killers, kills, self.given.budget)
+        by_tests = tester.reach.near(number) if alone else tester.reach.place(number)
+        by = (self._alone(number, tester, killers, kills) if alone
+              else tester.test(number, killers, kills, self.given.budget, by_tests))
         took = time.monotonic() - began
         text = (source, line.strip(), other.strip())
         with self._lock:
             self.seconds += took
             # Among tests that nothing is known of may be one that comes to it.
-            unknown = number not in tester.reach.by_number and self.given.learn != [""]
+            unknown = by_tests not in tester.reach.by_number and self.given.learn != [""] and not self.given.client
             self.results.keep(key, at, by, tester.failed, took, self.given.budget, tester.left + unknown)
             if not by and text in self.excused:
                 self.excused.remove(text)
@@ -165,16 +185,17 @@ class Run:
 def main():
     given = options()
     UNDER.extend(given.under.split())
-    results, everything = Results(), mutants()
-    chosen, number = draw(given, results, everything)
+    where = place(given.client)
+    results, listed = Results(), numbered(drawn() if given.client else keyed(mutants()), where)
+    chosen, number = draw(given, results, listed)
     print(f"{number} mutants, {len(chosen)} of them to be tried", flush=True)
     if given.list or not chosen:
         for _, _, (source, at, line, other) in chosen:
             print(f"{source}:{at + 1}: {line.strip()} -> {other.strip()}")
         return
 
-    build = Build(everything)
-    if not build.make(PROGRAMS, jobs=given.jobs):
+    build = Build([one[1] if one else None for one in listed], where, given.client)
+    if not build.make(programs(given), jobs=given.jobs):
         sys.exit(f"the tree cannot be built with its mutants, see {build.log}")
     chosen = [one for one in chosen if (one[0] in build.alone) == given.alone]
     # Only one build can be changed for one mutant.
@@ -185,8 +206,10 @@ def main():
         reach.learn_units()
         reach.learn(servers, wanted)
         run = Run(given, results, build)
-        # What nearly all tests come to, such as what is made at each start, takes longest: it comes last.
-        chosen.sort(key=lambda one: len(reach.by_number.get(one[0], ())) > len(reach.tests) // MOST)
+        # What nearly all tests come to, such as what is made at each start, takes longest: it comes last, but for what survived some.
+        rank = lambda source: next(at for at, folder in enumerate(given.folder) if source.startswith(folder))  # noqa: E731
+        chosen.sort(key=lambda one: (results.entry(one[1]) is not None, rank(one[2][0]),
+                                     len(reach.by_number.get(one[0], ())) > len(reach.tests) // MOST))
         testers = [Tester(build, server, reach, number) for number, server in enumerate(servers)]
         run.all(chosen, testers)
         print(run.told())

@@ -15,6 +15,7 @@ from switches import HEADER, MARK, Switched
 
 CACHE = Path(os.environ.get("CORV_CACHE", "/var/cache/corv-agent-dev"))
 PATIENCE = 300
+PAGE = 4096  # what the note of what is reached is mapped in
 
 HEADERS = ("QCoreApplication", "QDateTime", "QDir", "QFile", "QJsonArray", "QJsonDocument", "QJsonObject", "QProcess",
            "QRegularExpression", "QString", "QStringList", "QTimer", "algorithm", "functional", "optional", "vector")
@@ -24,6 +25,8 @@ UNDER = []  # what every command is run by
 FLAGS = """
 set_source_files_properties({sources} PROPERTIES COMPILE_OPTIONS "-w;-Wno-error;-O0;-g0;-U_FORTIFY_SOURCE;-include;{header}")
 """
+# Which have them: those of the agent all, of the client the ones that were drawn.
+AGENTS_SOURCES = "${CORV_COMMON_SOURCES} ${CORV_AGENT_SOURCES} agent/main.cpp"
 
 
 class TooLong(Exception):
@@ -48,6 +51,26 @@ def run(argv, log, patience=PATIENCE, **how):
             process.wait()
 
 
+def place(client):
+    """The folder of the cache for the build: that of the client's mutants is another one."""
+    return CACHE / "mutate" / ("client" if client else "switched")
+
+
+def numbered(everything, where):
+    """The keyed mutants as (key, mutant), the first with number 1; nothing where one has gone. Each keeps its number from run to run:
+    the programs hold it, and what has not changed is neither built nor learnt of anew."""
+    path = where / "numbers.json"
+    mine = dict(everything)
+    kept = [tuple(key) for key in json.loads(path.read_text())] if path.exists() else []
+    if len(kept) > 2 * len(mine):
+        kept = []
+    known = set(kept)
+    kept += [key for key in mine if key not in known]
+    where.mkdir(parents=True, exist_ok=True)
+    path.write_text(json.dumps(kept))
+    return [(key, mine[key]) if key in mine else None for key in kept]
+
+
 def compiler_environment(tree):
     """As scripts/check has it, whose objects serve here."""
     return os.environ | {"CCACHE_DIR": str(CACHE / "ccache"), "CCACHE_BASEDIR": str(tree), "CCACHE_NOHASHDIR": "1", "LC_ALL": "C.UTF-8"}
@@ -56,15 +79,17 @@ def compiler_environment(tree):
 class Build:
     """The copy of the tree, what is built of it, and the log. `alone` are the numbers of the mutants that are in no program."""
 
-    def __init__(self, mutants, where=CACHE / "mutate" / "switched"):
-        """`mutants` is a list of (source, line's number, line, changed line); the first has number 1."""
+    def __init__(self, mutants, where, client=False):
+        """`mutants` is a list of (source, line's number, line, changed line), or nothing; the first has number 1."""
         self.mutants = mutants
         self.where = where
         self.tree, self.build, self.log = where / "tree", where / "tree/build", where / "log"
         self.header = where / "switches.h"
         self.env = compiler_environment(self.tree)
-        self.size = len(mutants) + 1
-        self.sources = sorted({mutant[0] for mutant in mutants})
+        # Whole pages: a few more of them change no program.
+        self.size = (len(mutants) // PAGE + 1) * PAGE
+        self.sources = sorted({mutant[0] for mutant in mutants if mutant})
+        self._flagged = " ".join(self.sources) if client else AGENTS_SOURCES
         where.mkdir(parents=True, exist_ok=True)
         self.log.write_bytes(b"")
         self._copy_tree()
@@ -93,8 +118,7 @@ class Build:
         for name in names - {f"src/{source}" for source in self.sources}:
             data = (TREE / name).read_bytes()
             if name == "src/CMakeLists.txt":
-                sources = "${CORV_COMMON_SOURCES} ${CORV_AGENT_SOURCES} agent/main.cpp"
-                data += FLAGS.format(sources=sources, header=self.header).encode()
+                data += FLAGS.format(sources=self._flagged, header=self.header).encode()
             if name == "tests/unit/CMakeLists.txt":
                 data += FLAGS.format(sources="${PROJECT_SOURCE_DIR}/src/common/Run.cpp test_files.cpp", header=self.header).encode()
             self._put(self.tree / name, data, (TREE / name).stat().st_mode)
@@ -133,7 +157,7 @@ class Build:
         maker = Path(__file__).with_name("switches.py").read_bytes()
 
         def switch(source):
-            mine = [(number, *mutant[1:]) for number, mutant in enumerate(self.mutants, 1) if mutant[0] == source]
+            mine = [(number, *mutant[1:]) for number, mutant in enumerate(self.mutants, 1) if mutant and mutant[0] == source]
             original = TREE / "src" / source
             digest = hashlib.sha256(maker + original.read_bytes() + json.dumps(mine).encode()).hexdigest()
             if kept.get(source, {}).get("digest") != digest:
@@ -172,10 +196,6 @@ class Build:
         told = self._compile(trial)
         trial.unlink()
         return not told
-
-    def digest(self):
-        """What the programs are made of, as far as mutants go."""
-        return hashlib.sha256(json.dumps(sorted(self.switched.items())).encode()).hexdigest()
 
     def changed(self, number):
         """The original source with one mutant."""

@@ -5,7 +5,7 @@ Each that was tried adds a line of JSON to a file of the cache folder. `mutate_r
 they are now into mutants.tried beside this file, so that a machine whose cache is empty goes on from there. In it is a line for each
 source and outcome: the source, the outcome (killed, survived, refused by the compiler), then for each commit at which that was found the
 commit and, behind a colon, the mutants' hashes of six digits each. A survivor counts when all tests that come to it have been tried.
-mutate_results.py [FOLDER] prints what is known, with the survivors.
+mutate_results.py [FOLDER] prints what is known, with the survivors, and excuses that excuse nothing.
 """
 
 import hashlib
@@ -16,23 +16,13 @@ import sys
 from collections import Counter
 from pathlib import Path
 
-from mutants import TREE, excuses, mutants
+from mutants import AGENT, DRAWN, TREE, drawn, excuses, keyed, mutants
 
 KEPT = Path(os.environ.get("CORV_CACHE", "/var/cache/corv-agent-dev")) / "mutate" / "results.jsonl"
 TRIED = Path(__file__).with_name("mutants.tried")
 KILLED = ("unit", "protocol", "too long")
 OUTCOMES = {"killed": "protocol", "survived": "", "refused": "build"}
 DIGITS = 6
-
-
-def keyed(everything):
-    """Each mutant with its key, which tells it from those like it on lines of the same text."""
-    seen = Counter()
-    for source, number, line, other in everything:
-        text = hashlib.sha256(line.strip().encode()).hexdigest()[:16]
-        key = (source, text, other.strip())
-        seen[key] += 1
-        yield (*key, seen[key]), (source, number, line, other)
 
 
 def short(key):
@@ -64,7 +54,7 @@ class Results:
     def __init__(self, path=KEPT):
         self._path = path
         # The one that last changed what is tried: it stays when commits of other things are put on others.
-        self._commit = subprocess.run(["git", "log", "-1", "--format=%h", "--", "src/agent", "src/common"], cwd=TREE, capture_output=True,
+        self._commit = subprocess.run(["git", "log", "-1", "--format=%h", "--", "src"], cwd=TREE, capture_output=True,
                                       text=True, check=True).stdout.strip()
         lines = path.read_text().splitlines() if path.exists() else []
         self._tried = read_tried()
@@ -114,7 +104,7 @@ class Results:
 def write(results, path=TRIED):
     """Puts all that is known of the sources as they are into the tree's list."""
     found, hashes = {}, set()
-    for key, (source, *_) in keyed(mutants()):
+    for key, (source, *_) in [*keyed(mutants()), *drawn()]:
         entry = results.decided(key)
         if (source, short(key)) in hashes:
             sys.exit(f"two mutants of {source} have the hash {short(key)}: more digits are needed")
@@ -134,7 +124,12 @@ def main():
     folder = sys.argv[1] if len(sys.argv) > 1 else ""
     results, excused = Results(), excuses()
     of, commits = {}, Counter()
-    for key, (source, number, line, other) in keyed(mutants()):
+    everything = [*keyed(mutants()), *drawn()]
+    there = {(source, line.strip(), other.strip()) for _, (source, _, line, other) in everything}
+    for source, line, other in excused:
+        if (source, line, other) not in there:
+            print(f"excused, and no mutant any more: {source}\t{line}\t{other}")
+    for key, (source, number, line, other) in everything:
         if not source.startswith(folder):
             continue
         entry = results.decided(key)
@@ -145,13 +140,17 @@ def main():
             kind = "invisible"
         if entry:
             commits[entry["commit"]] += 1
-        of.setdefault(str(Path(source).parent), Counter())[kind] += 1
+        room = source.split("/")[0]
+        of.setdefault(str(Path(source).parent) if room in AGENT else f"drawn of {room}", Counter())[kind] += 1
         if kind == "survived":
             print(f"survived: {source}:{number + 1}\t{line.strip()}\t{other.strip()}")
     print("| folder | mutants | tried | killed | survived | invisible | did not compile |\n| --- | --- | --- | --- | --- | --- | --- |")
-    for name, kinds in [*sorted(of.items()), ("all", sum(of.values(), Counter()))]:
+    shares = {f"drawn of {room}": f"`src/{room}`, drawn of {len(mutants((room,)))}" for room in DRAWN}
+    whole = sorted((name, kinds) for name, kinds in of.items() if name not in shares)
+    rows = [*whole, ("all", sum((kinds for _, kinds in whole), Counter())), *((name, of[name]) for name in shares if name in of)]
+    for name, kinds in rows:
         total = sum(kinds.values())
-        label = f"`src/{name}`" if name != "all" else "all"
+        label = shares.get(name) or (f"`src/{name}`" if name != "all" else "all")
         print(f"| {label} | {total} | {total - kinds['not tried']} | {kinds['killed']} | {kinds['survived']} | {kinds['invisible']} |"
               f" {kinds['refused']} |")
     print("tried at: " + ", ".join(f"{commit} ({count})" for commit, count in sorted(commits.items())))

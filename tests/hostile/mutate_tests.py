@@ -4,6 +4,7 @@ Each program with switches notes which of them it came to (switches.py). All tes
 those that come to it, and with nothing else.
 """
 
+import hashlib
 import json
 import os
 import queue
@@ -21,6 +22,7 @@ FIRST = 4  # protocol tests to begin with: those that killed mutants of the line
 QUICK = 0.7  # seconds in which unit tests are worth while before the protocol's
 PROTOCOL = "tests/protocol"
 BATCH = 40  # tests that are learnt of at a time
+FRESH = 200  # so many new mutants are tried with the tests of their neighbours; with more of them all is learnt anew
 
 # A root in which everything can be deleted, and processes of which all can be killed.
 JAIL = r"""
@@ -90,17 +92,18 @@ class Server:
 
 
 class Reach:
-    """What each test comes to: name -> (numbers, seconds), kept beside the build as long as that is the same."""
+    """What each test comes to: name -> (numbers, seconds), kept beside the build."""
 
     def __init__(self, build):
         self._path = build.where / "reach.json"
         self._build = build
         kept = json.loads(self._path.read_text()) if self._path.exists() else {}
-        self.tests = kept.get("tests", {}) if kept.get("of") == self._of() else {}
+        count = len(build.mutants)
+        self._last = kept.get("last", 0)  # the newest that was there when the tests were run
+        if not 0 <= count - self._last <= FRESH:
+            kept, self._last = {}, count
+        self.tests = kept.get("tests", {})
         self._index()
-
-    def _of(self):
-        return self._build.digest()
 
     def here(self, test, source):
         """How many of the source's mutants a test comes to."""
@@ -111,27 +114,36 @@ class Reach:
     def _index(self):
         self._here = {}
         self.by_number = {}
-        for test, (numbers, _) in self.tests.items():
+        for test, (numbers, *_) in self.tests.items():
             for number in numbers:
                 self.by_number.setdefault(number, []).append(test)
 
     def near(self, number):
-        """The number of a mutant that is reached, of those nearest to one that is in no program."""
-        return min(self.by_number, key=lambda other: abs(other - number))
+        """The number of a mutant that is reached, on the nearest line to one of which it is not known what comes to it."""
+        source, at, *_ = self._build.mutants[number - 1]
+        lines = {other: self._build.mutants[other - 1][1] for other in self.by_number
+                 if self._build.mutants[other - 1] and self._build.mutants[other - 1][0] == source}
+        return min(lines, key=lambda other: (abs(lines[other] - at), other), default=number)
+
+    def place(self, number):
+        """The number under which the tests are noted that come to a mutant: another's where it is new."""
+        return number if number <= self._last else self.near(number)
 
     def learn_units(self):
         for program in sorted((self._build.build / "bin").glob("test_*")):
-            if program.name in self.tests:
-                continue
             patch(program, 0)
+            digest = hashlib.sha256(program.read_bytes()).hexdigest()
+            if self.tests.get(program.name, [])[2:] == [digest]:
+                continue
             began = time.monotonic()
             done = subprocess.run([*UNDER, *UNSHARE, NOTED, str(self._build.tree / "tests/unit"), str(program), str(self._build.size)],
                                   capture_output=True, check=False)
             if done.returncode != 0:
                 print(f"{program.name} fails without a mutant, and is left out", flush=True)
+                self.tests.pop(program.name, None)
                 continue
             numbers = [number for number, byte in enumerate(done.stdout[-self._build.size :]) if byte and number]
-            self.tests[program.name] = (numbers, round(time.monotonic() - began, 2))
+            self.tests[program.name] = [numbers, round(time.monotonic() - began, 2), digest]
         self._keep()
 
     def learn(self, servers, wanted):
@@ -169,7 +181,7 @@ class Reach:
 
     def _keep(self):
         self._index()
-        self._path.write_text(json.dumps({"of": self._of(), "tests": self.tests}))
+        self._path.write_text(json.dumps({"last": self._last, "tests": self.tests}))
 
 
 class Tester:
@@ -207,12 +219,12 @@ class Tester:
         self.failed = self.server.ask(number, tests, 30 + 4 * seconds)["failed"]
         return bool(self.failed)
 
-    def test(self, number, killers, kills, budget, reached=None):
+    def test(self, number, killers, kills, budget, place):
         """What kills the mutant: "unit", "protocol", "too long" or nothing. `killers` are protocol tests to begin with where they come to
         it, `kills` how many mutants each test killed; no more tests are tried than take `budget` seconds, and `left` says how many
-        were not."""
+        were not. `place` is the number that the tests are looked up by."""
         self.failed, self.left = "", 0
-        every = self.reach.by_number.get(reached or number, [])
+        every = self.reach.by_number.get(place, [])
         units = sorted((test for test in every if not test.startswith(PROTOCOL)), key=lambda test: self.reach.tests[test][1])
         quick, spent = [], 0
         for unit in units:

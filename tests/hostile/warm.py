@@ -10,6 +10,7 @@ import contextlib
 import gc
 import json
 import os
+import re
 import shutil
 import signal
 import sys
@@ -23,11 +24,17 @@ from switches import MARK
 REACHED = "opt/reached"  # below a sandbox's root
 
 
+def plain(test):
+    """A test's name as it was when it was first read: pytest escapes the backslashes in it once more each time."""
+    return re.sub(r"\\+", r"\\", test)
+
+
 class Notes:
     """What a run of pytest tells: the first failure; where it is asked for, how long each test took and which switches it asked for."""
 
     def __init__(self, tests, size):
-        self.order = {test: at for at, test in enumerate(tests)}
+        self.order = {plain(test): at for at, test in enumerate(tests)}
+        self._asked = {plain(test): test for test in tests}
         self.failed = ""
         self.all = []
         self.size = size
@@ -36,16 +43,21 @@ class Notes:
         self._now = None
 
     def pytest_collection_modifyitems(self, items):
-        items[:] = sorted((item for item in items if item.nodeid in self.order), key=lambda item: self.order[item.nodeid])
+        items[:] = sorted((item for item in items if plain(item.nodeid) in self.order),
+                          key=lambda item: self.order[plain(item.nodeid)])
 
     def pytest_runtest_logstart(self, nodeid):
-        self._now = nodeid
+        self._now = self._name(nodeid)
+
+    def _name(self, nodeid):
+        return self._asked.get(plain(nodeid), nodeid)
 
     def pytest_runtest_logreport(self, report):
-        self.took[report.nodeid] = self.took.get(report.nodeid, 0) + report.duration
+        test = self._name(report.nodeid)
+        self.took[test] = self.took.get(test, 0) + report.duration
         if report.failed:
-            self.all.append(report.nodeid)
-            self.failed = self.failed or report.nodeid
+            self.all.append(test)
+            self.failed = self.failed or test
 
     def pytest_collectreport(self, report):
         if report.failed and not self.failed:
