@@ -108,7 +108,8 @@ class Reach:
     def here(self, test, source):
         """How many of the source's mutants a test comes to."""
         if test not in self._here:
-            self._here[test] = Counter(self._build.mutants[number - 1][0] for number in self.tests[test][0])
+            there = (self._build.mutants[number - 1] for number in self.tests[test][0])
+            self._here[test] = Counter(mutant[0] for mutant in there if mutant)
         return self._here[test][source]
 
     def _index(self):
