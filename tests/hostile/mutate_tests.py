@@ -264,9 +264,10 @@ class Tester:
         """The tests in batches, each of one kind, as long as the budget lasts."""
         taken, spent = [], 0
         for test in [*slow, *rest]:
-            spent += self.reach.tests[test][1]
-            if spent <= budget:
+            seconds = self.reach.tests[test][1]
+            if spent + seconds <= budget:
                 taken.append(test)
+                spent += seconds
             else:
                 self.left += 1
         protocol = [test for test in taken if test.startswith(PROTOCOL)]

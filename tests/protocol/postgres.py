@@ -7,7 +7,8 @@ import socket
 import struct
 import threading
 
-PATIENCE = 60
+from programs import PATIENCE
+
 FOLDER = "/run/postgresql"
 USUAL = f"{FOLDER}/.s.PGSQL.5432"
 RELAY = "/run/corvane/restore/.s.PGSQL.5432"

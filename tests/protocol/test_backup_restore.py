@@ -304,6 +304,21 @@ def test_archive_that_is_damaged(alice):
     )
 
 
+TRAILING = ("gzip: stdin: decompression OK, trailing garbage ignored\ntar: Child returned status 2\n"
+            "tar: Error is not recoverable: exiting now")
+
+
+@pytest.mark.parametrize("data, told", [
+    (None, ""), (b"garbage\n", TRAILING), (b"bad", TRAILING), (b"\x00\x28\x00\x00", ""), (b"", TRAILING)], ids=str)
+def test_bytes_behind_an_archive_are_told_of_where_a_compressor_is_silent(alice, data, told):
+    """One of ours, which the tools' folder in the search path leads to."""
+    alice.start(env={"PATH": "/usr/libexec/corvane/tools:/standins/bin"})
+    if data is not None:
+        alice.write(ARCHIVE, data)
+        alice.answer("tar")
+    assert restore(alice, "files") == ({"ok": False, "error": STOPPED + told} if told else {"ok": True, "restoredTo": TARGET})
+
+
 def test_unpacker_that_fails_after_reading_all(alice):
     alice.answer("tar", err="  tar: something\n is wrong \n", exit=2)
     assert error(alice, "files") == STOPPED + "tar: something\n is wrong"

@@ -444,8 +444,15 @@ def test_destination_may_be_a_link_to_a_folder(sandbox):
     assert sandbox.entry("/srv/backup") == "link -> disk"
 
 
+# What a run does where the destination is a network file system, which does not know how to rename without replacing.
+ON_NETWORK = ("/usr/bin/strace", "-qq", "-o", "/dev/null", "-e", "inject=renameat2:error=EINVAL")
+
+
+@pytest.mark.parametrize("wrapper", [(), ON_NETWORK], ids=["here", "network"])
 @pytest.mark.parametrize("kind", ["empty folder", "folder", "file", "dangling link", "link to a folder"])
-def test_finished_name_that_exists_is_never_written_into(sandbox, kind):
+def test_finished_name_that_exists_is_never_written_into(sandbox, kind, wrapper):
+    if wrapper and sandbox.sanitized:
+        pytest.skip("a sanitizer cannot be traced")
     old = folder(sandbox, "1999-01-01_000000")
     name = "$(basename \"$(dirname \"$2\")\" | sed 's/.partial-//')"
     make = {
@@ -456,7 +463,7 @@ def test_finished_name_that_exists_is_never_written_into(sandbox, kind):
         "link to a folder": f'ln -s ../../../../srv "/var/backups/corvane/auto/{name}"',
     }
     sandbox.answer("tar", "-czf", "*/config.tar.gz", ..., shell=make[kind])
-    code, lines, stamp = run(sandbox)
+    code, lines, stamp = run(sandbox, wrapper=wrapper)
     assert code == 1
     assert lines == [f"backup {stamp} -> {DESTINATION}", f"cannot rename {DESTINATION}/.partial-{stamp}"]
     assert names(sandbox) == [f".partial-{stamp}", "1999-01-01_000000", stamp]
@@ -466,6 +473,17 @@ def test_finished_name_that_exists_is_never_written_into(sandbox, kind):
     if kind in inside:
         place, held = inside[kind]
         assert names(sandbox, os.path.join(DESTINATION, place)) == held
+
+
+@pytest.mark.parametrize("problem, code", [("EINVAL", 0), ("EIO", 1)])
+def test_rename_that_fails(sandbox, problem, code):
+    if sandbox.sanitized:
+        pytest.skip("a sanitizer cannot be traced")
+    wrapper = [word.replace("EINVAL", problem) for word in ON_NETWORK]
+    found, lines, stamp = run(sandbox, wrapper=wrapper)
+    assert found == code
+    assert names(sandbox) == [stamp if code == 0 else f".partial-{stamp}"]
+    assert code == 0 or lines[-1] == f"cannot rename {DESTINATION}/.partial-{stamp}"
 
 
 # Retention

@@ -2,13 +2,14 @@
 
 import json
 import os
+import select
 import signal
 import stat
 
 import pytest
 
 from postgres import FOLDER, GOODBYE, LET_IN, READY, RELAY, USUAL, Server, come, failure, message, row, start, status
-from programs import wait_until
+from programs import PATIENCE, wait_until
 from test_backup_restore import DROP, DUMP, KEPT, LOAD, NAME, PREPARE, SWAP, prepared
 
 BEFORE = """SELECT CASE
@@ -114,6 +115,7 @@ def test_what_is_asked_and_run(alice, server):
         assert (behind.uid, loader.uid) == (alice.uid("alice"), 0)
         leave(loader)
         assert behind.message() == (b"X", b"")
+        assert behind.take(1) == b""
         assert restore.reply() == {"ok": True}
     assert [asked[-1] for asked in server.asked] == WHOLE
     assert {asked[:-1] for asked in server.asked} == {("postgres", "postgres", "-csearch_path=pg_catalog", "corv-agent")}
@@ -138,7 +140,7 @@ def test_everything_passes_both_ways_as_it_is(alice, server, size):
                     pass
                 taken += other.socket.recv(1 << 16)
             assert taken == message(b"d", body)
-            one.socket.settimeout(60)
+            one.socket.settimeout(PATIENCE)
         leave(loader)
         assert restore.reply() == {"ok": True}
 
@@ -146,17 +148,14 @@ def test_everything_passes_both_ways_as_it_is(alice, server, size):
 def test_messages_come_in_any_pieces(alice, server):
     with Restore(alice) as restore:
         loader = come(alice)
-        for byte in start("alice", "alice__restore"):
-            loader.send(bytes([byte]))
         behind = server.other()
-        assert behind.first() == {"user": "alice", "database": "alice__restore"}
-        for byte in LET_IN + READY:
-            behind.send(bytes([byte]))
-        assert loader.take(len(LET_IN + READY)) == LET_IN + READY
-        for byte in GOODBYE:
-            loader.send(bytes([byte]))
-        assert behind.message() == (b"X", b"")
+        for one, other, data in ((loader, behind, start("alice", "alice__restore")), (behind, loader, LET_IN + READY),
+                                 (loader, behind, GOODBYE)):
+            for byte in data:
+                one.send(bytes([byte]))
+                assert other.take(1) == bytes([byte])
         behind.close()
+        assert loader.take(1) == b""
         assert restore.reply() == {"ok": True}
 
 
@@ -278,12 +277,17 @@ def test_errors_of_statements_are_pg_restores_matter(alice, server):
         assert restore.reply() == {"ok": True}
 
 
+@pytest.mark.parametrize("unread", [False, True])
 @pytest.mark.parametrize("side", ["loader", "server"])
-def test_connection_that_ends_early(alice, server, side):
+def test_connection_that_ends_early(alice, server, side, unread):
     with Restore(alice) as restore:
         loader, behind = connected(alice, server)
-        (loader if side == "loader" else behind).close()
-        assert (behind if side == "loader" else loader).message() is None
+        one, other = (loader, behind) if side == "loader" else (behind, loader)
+        if unread:  # the kernel then calls it a reset
+            other.send(message(b"d", b"unread"))
+            assert select.select([one.socket], [], [], PATIENCE)[0]
+        one.close()
+        assert other.message() is None
         assert restore.reply() == {"ok": False, "error": BROKE_OFF}
     assert alice.scripts() == [PREPARE, DROP]
 

@@ -77,6 +77,8 @@ private Q_SLOTS:
         QTest::newRow("a text behind it") << QByteArray("\x00\x00 more", 7) << false;
         QTest::newRow("a line behind it") << QByteArray("\x28\x00\x00more\n", 8) << false;
         QTest::newRow("no whole block") << QByteArray("\x12\x34\x56\x78\x01\x28\x00\x00", 8) << false;
+        QTest::newRow("half a block") << QByteArray("\x00\x01\x00\x00", 4) << false;
+        QTest::newRow("four bytes") << QByteArray("\x00\x28\x00\x00", 4) << true;
         QTest::newRow("cut short") << QByteArray("\x00\x00\x00", 3) << false;
         QTest::newRow("nothing") << QByteArray() << false;
     }
