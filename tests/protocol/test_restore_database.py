@@ -27,10 +27,10 @@ WHERE refclassid = 'pg_authid'::regclass)
 SELECT CASE WHEN EXISTS (SELECT refobjid FROM owners WHERE datname = 'alice__restore'
 EXCEPT SELECT refobjid FROM owners WHERE datname = 'template1') THEN 'touched' ELSE 'fresh' END"""
 GRANT = """DO $$ BEGIN
-IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN GRANT corv_restore TO alice; END IF;
+IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN GRANT corv_restore TO "alice"; END IF;
 END $$; SELECT 'done'"""
 REVOKE = """DO $$ BEGIN
-IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN REVOKE corv_restore FROM alice; END IF;
+IF EXISTS (SELECT FROM pg_roles WHERE rolname = 'corv_restore') THEN REVOKE corv_restore FROM "alice"; END IF;
 END $$; SELECT 'done'"""
 WHOSE = """SELECT coalesce(string_agg(oid::text, ','), '')
 FROM pg_database WHERE datname IN ('alice', 'alice__restore') AND pg_get_userbyid(datdba) = 'alice'"""
@@ -43,7 +43,7 @@ AND pg_get_userbyid(datdba) = 'alice' LOOP EXECUTE format('ALTER DATABASE %I OWN
 END $$; SELECT 'shut'"""
 BACK = """SET lock_timeout = '200ms';
 DO $$ DECLARE base name; BEGIN
-FOR base IN SELECT datname FROM pg_database WHERE oid IN (16385,16390) LOOP EXECUTE format('ALTER DATABASE %I OWNER TO alice', base);
+FOR base IN SELECT datname FROM pg_database WHERE oid IN (16385,16390) LOOP EXECUTE format('ALTER DATABASE %I OWNER TO %I', base, 'alice');
 END LOOP; END $$; SELECT 'back'"""
 WHOLE = [BEFORE, EMPTY, FRESH, GRANT, REVOKE, WHOSE, SHUT, EMPTY, BACK]
 
@@ -333,7 +333,7 @@ def test_way_that_cannot_be_made(alice, server):
 
 @pytest.mark.parametrize("question, word, expected", [
     ("THEN 'aside'", "aside", "there is no database alice, and alice__old holds its data since a restore that was cut off; bring it back: "
-     "runuser -u postgres -- psql -c 'ALTER DATABASE alice__old RENAME TO alice'"),
+     "runuser -u postgres -- psql -c 'ALTER DATABASE \"alice__old\" RENAME TO \"alice\"'"),
     ("THEN 'aside'", "locked", "alice may not log in to PostgreSQL: resume the account first"),
     ("THEN 'aside'", None, "PostgreSQL does not tell which databases there are"),
     ("THEN 'aside'", failure("ERROR", "no"), "PostgreSQL does not tell which databases there are"),
@@ -379,7 +379,7 @@ def test_database_that_cannot_be_given_back(alice, server, swap):
     reply = restored(alice)
     assert reply == {"ok": False, "error": "restored, but swapping it in failed: " + "runuser failed: no; " * swap +
                      "the database belongs to postgres now; give it back: "
-                     "runuser -u postgres -- psql -c 'ALTER DATABASE alice OWNER TO alice'"}
+                     "runuser -u postgres -- psql -c 'ALTER DATABASE \"alice\" OWNER TO \"alice\"'"}
     assert server.kinds().count("SELECT 'back'") == 50
 
 
