@@ -44,7 +44,7 @@ def former(sandbox):
 def leave_everywhere(sandbox, user):
     """Leaves files of a user where users can leave them; the paths."""
     paths = ["/tmp/file", "/tmp/a/b/file", "/var/tmp/program", "/dev/shm/memory", "/var/spool/cron/atjobs/a0001", "/var/crash/report",
-             "/run/lock/lock", f"/run/user/{sandbox.uid(user)}/socket"]
+             "/run/lock/lock", "/dev/mqueue/queue", "/run/screen/S-shop/socket", f"/run/user/{sandbox.uid(user)}/socket"]
     for path in paths:
         sandbox.write(path, user, owner=f"{user}:{user}")
     sandbox.path("/var/tmp/program").chmod(0o4755)
