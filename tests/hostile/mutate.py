@@ -208,7 +208,8 @@ def main():
         run = Run(given, results, build)
         # What nearly all tests come to, such as what is made at each start, takes longest: it comes last, but for what survived some.
         rank = lambda source: next(at for at, folder in enumerate(given.folder) if source.startswith(folder))  # noqa: E731
-        chosen.sort(key=lambda one: (results.entry(one[1]) is not None, rank(one[2][0]),
+        # Of survivors those come first that had all their tests: there are new ones since, or nothing sees them.
+        chosen.sort(key=lambda one: (results.entry(one[1]) is not None, results.decided(one[1]) is None, rank(one[2][0]),
                                      len(reach.by_number.get(one[0], ())) > len(reach.tests) // MOST))
         testers = [Tester(build, server, reach, number) for number, server in enumerate(servers)]
         run.all(chosen, testers)

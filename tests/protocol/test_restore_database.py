@@ -5,6 +5,7 @@ import os
 import select
 import signal
 import stat
+import threading
 
 import pytest
 
@@ -141,6 +142,34 @@ def test_everything_passes_both_ways_as_it_is(alice, server, size):
                 taken += other.socket.recv(1 << 16)
             assert taken == message(b"d", body)
             one.socket.settimeout(PATIENCE)
+        leave(loader)
+        assert restore.reply() == {"ok": True}
+
+
+@pytest.mark.parametrize("side", ["loader", "server"])
+def test_who_does_not_read_keeps_no_processor_busy(alice, server, side):
+    with Restore(alice) as restore:
+        loader, behind = connected(alice, server)
+        one, other = (loader, behind) if side == "loader" else (behind, loader)
+        relay = behind.pid
+        one.socket.setblocking(False)
+        data, sent = memoryview(message(b"d", bytes(8 << 20))), 0
+
+        def waits():
+            nonlocal sent
+            try:
+                sent += one.socket.send(data[sent:])
+            except BlockingIOError:
+                return all(status(relay)["State"][0] == "S" for _ in range(20))
+            return False
+
+        wait_until(waits, "a relay that has all that it can hold")
+        assert sent < len(data)
+        one.socket.settimeout(PATIENCE)
+        rest = threading.Thread(target=one.socket.sendall, args=(data[sent:],))
+        rest.start()
+        assert other.message() == (b"d", bytes(8 << 20))
+        rest.join()
         leave(loader)
         assert restore.reply() == {"ok": True}
 
