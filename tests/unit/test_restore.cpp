@@ -347,6 +347,17 @@ private Q_SLOTS:
                  QByteArray("ALTER ROLE \"shop\" SET \"work_mem\" = '8MB';"));
     }
 
+    void jobsWhoseTimeIsPastAreTold()
+    {
+        constexpr qint64 now = 1'000'000;
+        AccountState state;
+        QCOMPARE(lateJobs(state, now), QStringList());
+        state.jobs = {{now - 1, 'a', "x"}, {now + 119, 'a', "x"}, {now + 120, 'a', "x"}};
+        QCOMPARE(lateJobs(state, now), QStringList{u"2 job(s) of at whose time is past"_s});
+        state.jobs = {{now + 120, 'a', "x"}};
+        QCOMPARE(lateJobs(state, now), QStringList());
+    }
+
     // PostgreSQL takes what is stored for what a superuser wants, so that a path of a program would be loaded.
     void settingsThatAnotherServerTellsOfAreSetWithTheAccountsRightsAlone()
     {
