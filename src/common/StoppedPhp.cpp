@@ -23,6 +23,7 @@ constexpr std::string_view kMaster = "php-fpm";
 // Numbers of the fields behind the name, of which the state is the first.
 constexpr size_t kParentField = 1;
 constexpr size_t kBeganField = 19;
+constexpr size_t kFields = 20;
 
 template <typename Number>
 std::optional<Number> toNumber(std::string_view text)
@@ -97,7 +98,7 @@ std::optional<ProcessState> parseProcessState(std::string_view line)
     const size_t end = line.rfind(") ");
     if (name == std::string_view::npos || end == std::string_view::npos || end < name)
         return {};
-    std::array<std::string_view, kBeganField + 1> fields;
+    std::array<std::string_view, kFields> fields;
     std::string_view rest = line.substr(end + 2);
     for (std::string_view &field : fields) {
         field = rest.substr(0, rest.find(' '));

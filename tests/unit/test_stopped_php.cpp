@@ -145,7 +145,7 @@ private Q_SLOTS:
     {
         const pid_t child = ::fork();
         if (child == 0) {
-            ::raise(SIGSTOP);
+            ::kill(::getpid(), SIGSTOP);
             ::pause();
             ::_exit(0);
         }
