@@ -9,12 +9,17 @@
 #include "http_log.h"
 
 #include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 APLOG_USE_MODULE(corvane);
 
-enum { kMebibyte = 1024 * 1024 };
+enum { kMebibyte = 1024 * 1024, kLongestLine = 256 };
+
+/* Behind how many numbers of statm the kernel tells what counts towards the limit, in pages. */
+enum { kDataField = 5 };
 
 /* What requests may take together in one process: an ordinary one's take some tens of MiB. */
 static const rlim_t kLeastForRequests = (rlim_t)128 * kMebibyte;
@@ -35,14 +40,17 @@ static rlim_t query(int what)
 /* What counts towards the limit in this process already, in bytes: the server's whole configuration first of all. */
 static rlim_t memoryInUse(void)
 {
-    unsigned long pages = 0;
+    char line[kLongestLine];
     FILE *const file = fopen("/proc/self/statm", "re");
     if (!file)
         return 0;
-    if (fscanf(file, "%*u %*u %*u %*u %*u %lu", &pages) != 1)
-        pages = 0;
+    const char *at = fgets(line, sizeof line, file);
     (void)fclose(file);
-    return (rlim_t)pages * (rlim_t)sysconf(_SC_PAGESIZE);
+    for (int i = 0; at && i < kDataField; i++) {
+        at = strchr(at, ' ');
+        at = at ? at + 1 : NULL;
+    }
+    return at ? (rlim_t)strtoul(at, NULL, 10) * (rlim_t)sysconf(_SC_PAGESIZE) : 0;
 }
 
 /* Half of the machine's memory for all processes together. One that has a single request takes no other's with it. */

@@ -285,20 +285,22 @@ def test_no_process_of_an_account_keeps_php_from_ever_starting_again(sites):
              "python3", "keeper.py"])
     try:
         host.wait_for(lambda: host.exists(f"{sites.me.home}/keeper.sock"), "the keeper")
-        assert sites.run(GIVE) == "kept"
+        # PHP 8.4 closes it in the programs that a page starts.
+        handed_down = tuple(map(int, sites.me.php.split("."))) < (8, 4)
+        assert sites.run(GIVE) == ("kept" if handed_down else "")
         host.put(broken, BROKEN)
         host.run(["systemctl", "reload", unit])
         host.wait_for(lambda: host.run(["systemctl", "is-active", unit]).out.strip() in ("failed", "inactive"), "PHP's end")
         host.ok(["rm", broken])
         assert host.exists(sockets)
         since = host.mark()
-        assert host.run(["sh", "-c", f"systemctl reset-failed {unit}; systemctl start {unit}"]).code != 0
-        assert "Another FPM instance seems to already listen" in host.journal(unit, since)
-
-        commands = mends(host, f"the service {unit} does not run")
-        print(commands)
-        assert len(commands) == 1
-        host.ok(["sh", "-c", commands[0]])
+        is_refused = host.run(["sh", "-c", f"systemctl reset-failed {unit}; systemctl start {unit}"]).code != 0
+        assert is_refused is handed_down
+        if is_refused:
+            assert "Another FPM instance seems to already listen" in host.journal(unit, since)
+            commands = mends(host, f"the service {unit} does not run")
+            assert len(commands) == 1
+            host.ok(["sh", "-c", commands[0]])
         assert host.fetch(sites.victim.domain, "/index.php").body == "welcome"
         assert sites.run("echo 'mine';") == "mine"
     finally:

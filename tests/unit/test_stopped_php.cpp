@@ -145,7 +145,7 @@ private Q_SLOTS:
     {
         const pid_t child = ::fork();
         if (child == 0) {
-            ::kill(::getpid(), SIGSTOP);
+            (void)::kill(::getpid(), SIGSTOP);
             ::pause();
             ::_exit(0);
         }
