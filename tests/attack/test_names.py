@@ -23,8 +23,10 @@ def test_a_name_that_is_a_value_to_php_runs_as_its_own_user_and_leaves_the_other
 def test_the_database_of_a_name_that_is_a_word_of_sql_comes_back_to_its_owner(host):
     tenant = host.account(name="order")
     host.sql("CREATE TABLE says AS SELECT 'saved' AS word; ALTER TABLE says OWNER TO \"order\"", database="order")
+    before = [saved["name"] for saved in host.request("backup.status")["backups"]]
     assert host.request("backup.start") == {"ok": True}
-    backup = host.wait_for(lambda: host.request("backup.status")["backups"], "the backup", 120)[0]["name"]
+    (backup,) = host.wait_for(lambda: [saved["name"] for saved in host.request("backup.status")["backups"]
+                                       if saved["name"] not in before], "the backup", 120)
     host.sql("UPDATE says SET word = 'live'", database="order")
     assert host.request("backup.restore", username="order", backup=backup, what="database") == {"ok": True}
     assert host.sql("SELECT word FROM says", database="order").out.strip() == "saved"
