@@ -20,6 +20,17 @@ servers = []
 shared = {}
 
 
+def turn_of(names, share):
+    """Of names those whose turn it is with the commit that is checked out: one in share, others with the next commit."""
+    commit = subprocess.run(["git", "rev-parse", "HEAD"], cwd=ROOT, capture_output=True, text=True, check=False).stdout.strip()
+    return sorted(names)[int(commit or "0", 16) % share::share]
+
+
+def is_whole(config, folder):
+    """Whether the whole floor in the folder was asked for, and not some files of it."""
+    return [pathlib.Path(argument).resolve() for argument in config.args] == [folder]
+
+
 def package_of(suite):
     """The path of the package, built from this tree on the release that it is for."""
     scripts = ROOT / "scripts"

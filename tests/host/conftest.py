@@ -2,7 +2,6 @@
 
 import os
 import pathlib
-import subprocess
 
 import booted
 import pytest
@@ -36,25 +35,19 @@ def pytest_configure(config):
 
 def turn():
     """The files whose turn it is with the commit that is checked out: one in SHARE, others with the next commit."""
-    commit = subprocess.run(["git", "rev-parse", "HEAD"], cwd=HERE, capture_output=True, text=True, check=False).stdout.strip()
-    return sorted(path.name for path in HERE.glob("test_*.py"))[int(commit or "0", 16) % SHARE::SHARE]
-
-
-def is_whole(config):
-    """Whether the whole floor was asked for, and not some files of it."""
-    return [pathlib.Path(argument).resolve() for argument in config.args] == [HERE]
+    return booted.turn_of((path.name for path in HERE.glob("test_*.py")), SHARE)
 
 
 def pytest_terminal_summary(terminalreporter, config):
     booted.pytest_terminal_summary(terminalreporter)
-    if is_whole(config) and not config.getoption("--long"):
+    if booted.is_whole(config, HERE) and not config.getoption("--long"):
         terminalreporter.write_line(f"beside the core: {' '.join(turn())}")
 
 
 def pytest_collection_modifyitems(config, items):
     if config.getoption("--long"):
         return
-    files = turn() if is_whole(config) else None
+    files = turn() if booted.is_whole(config, HERE) else None
     late = [item for item in items if item.get_closest_marker("long")
             or files is not None and item.path.name not in files
             and (item.get_closest_marker("turn") or not (item.get_closest_marker("core") or item.get_closest_marker("each")))]

@@ -186,6 +186,7 @@ def test_what_corvctl_refuses_is_the_message(server):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_keys_are_added_replaced_and_taken_away(server):
     host, controller = server
     account = host.account()
@@ -344,6 +345,7 @@ def test_https_of_an_account_is_as_it_was_chosen(server):
 
 
 @pytest.mark.core
+@pytest.mark.turn
 def test_accounts_and_services_are_told_of(server):
     host, controller = server
     account = host.account()

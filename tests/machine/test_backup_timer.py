@@ -37,6 +37,7 @@ def test_the_shipped_timer_is_on_and_spreads_its_starts_over_an_hour(machine):
                                      "UnitFileState=enabled"]
 
 
+@pytest.mark.turn
 def test_the_timer_fires_when_the_clock_reaches_its_hour(nights):
     before = finished(nights)
     night = next_night(nights)
@@ -46,6 +47,7 @@ def test_the_timer_fires_when_the_clock_reaches_its_hour(nights):
     assert finished(nights)[0].startswith(f"{day}_0315")
 
 
+@pytest.mark.turn
 def test_a_night_that_was_slept_through_is_caught_up(nights):
     before = finished(nights)
     nights.ok(["systemctl", "stop", TIMER])

@@ -36,6 +36,7 @@ def test_without_the_tools_quotas_are_off(machine):
                                                "enabled": False}
 
 
+@pytest.mark.turn
 def test_the_agent_alone_does_not_get_a_package_that_debian_has_not(machine):
     """What corvctl has to do before it; this is what the panel is told."""
     reply = machine.request("quota.enable")
@@ -59,6 +60,7 @@ def test_the_package_that_debian_has_not_is_made_by_the_client(machine):
     machine.ok(["dpkg", "--purge", f"linux-modules-extra-{kernel}"])
 
 
+@pytest.mark.turn
 def test_a_failing_check_puts_the_old_fstab_back(machine):
     old = machine.get("/etc/fstab")
     before = fstab_entries(machine)
@@ -155,6 +157,7 @@ def test_deletion_takes_the_limit_away(quotas, tenant, neighbour):
     assert list(quotas.request("hosting.usage")["usage"]) == [tenant.name]
 
 
+@pytest.mark.turn
 def test_an_account_that_is_put_back_has_its_limit_again(quotas):
     account = quotas.account()
     assert set_limit(quotas, account, 40) == {"ok": True}

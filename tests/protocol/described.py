@@ -17,8 +17,6 @@ LONGEST_LINE = next(limit["value"] for limit in DESCRIPTION["limits"] if limit["
 # What tests of this floor cannot bring about, and why.
 UNPROVEN = {
     "files: error no such user": "the account would have to be removed between two look-ups of it",
-    "backup.restore: error the restore failed, so the current database was left as it is: {detail}":
-        "the answers come from a real server: see the host floor's restores",
 }
 
 # Everything that the replies of this process's tests have borne out so far.
