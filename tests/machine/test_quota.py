@@ -83,6 +83,7 @@ def test_a_failing_check_puts_the_old_fstab_back(machine):
 
 
 def test_enabling_switches_quotas_on(machine):
+    machine.ok(["corvctl", "quota", "enable", "--prepare"])
     old = machine.get("/etc/fstab")
     before = fstab_entries(machine)
     done = machine.run(["corvctl", "quota", "enable"])
