@@ -29,24 +29,14 @@ constexpr int kStatusMs = 5'000;
 #endif
 constexpr int kDisksMs = 2'000;
 
-// Whether a mount holds files on a disk: neither kept in memory, nor a packed or composed image, nor a desktop's.
-bool isRealDisk(const QStorageInfo &volume)
-{
-    static const QStringList skippedTypes = {u"tmpfs"_s,    u"devtmpfs"_s, u"squashfs"_s,    u"overlay"_s,
-                                             u"efivarfs"_s, u"ramfs"_s,    u"fuse.portal"_s, u"fuse.gvfsd-fuse"_s};
-    const QString type = QString::fromLatin1(volume.fileSystemType());
-    const QString mount = volume.rootPath();
-    return volume.isValid() && volume.isReady() && !skippedTypes.contains(type) && volume.bytesTotal() > 0 &&
-           !mount.startsWith("/snap/"_L1) && !mount.startsWith("/run/"_L1);
-}
-
 void addDisk(const QStorageInfo &volume, QJsonArray *disks)
 {
-    if (!isRealDisk(volume))
+    const QString type = QString::fromLatin1(volume.fileSystemType());
+    if (!volume.isValid() || !volume.isReady() || !isOnDisk(type, volume.rootPath(), volume.bytesTotal()))
         return;
     disks->append(QJsonObject{{u"mount"_s, volume.rootPath()},
                               {u"device"_s, QString::fromLatin1(volume.device())},
-                              {u"type"_s, QString::fromLatin1(volume.fileSystemType())},
+                              {u"type"_s, type},
                               {u"total"_s, volume.bytesTotal()},
                               {u"avail"_s, volume.bytesAvailable()}});
 }
@@ -128,6 +118,14 @@ QStringList monitoredServices(const QSettings &settings)
             services.append(name);
     }
     return services;
+}
+
+bool isOnDisk(const QString &type, const QString &mount, qint64 bytes)
+{
+    static const QStringList skippedTypes = {u"tmpfs"_s,    u"devtmpfs"_s, u"squashfs"_s,    u"overlay"_s,
+                                             u"efivarfs"_s, u"ramfs"_s,    u"fuse.portal"_s, u"fuse.gvfsd-fuse"_s};
+    return bytes > 0 && !skippedTypes.contains(type) && !mount.startsWith("/snap/"_L1) &&
+           !mount.startsWith("/run/"_L1);
 }
 
 QJsonArray disks()

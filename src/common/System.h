@@ -12,6 +12,10 @@ namespace corv::system {
 // without empty entries, duplicates kept. "apache2" and "postgresql" where the key is absent.
 QStringList monitoredServices(const QSettings &settings);
 
+// Whether a mounted file system holds files on a disk: it is neither kept in memory, nor a packed or composed image, nor a
+// desktop's, nor below /snap or /run. type as the mount table has it, bytes is its size.
+bool isOnDisk(const QString &type, const QString &mount, qint64 bytes);
+
 // One object for each mounted file system that holds real files, from the mount table in its order: mount, device,
 // type, and total and avail in bytes. While one does not answer within 2 s, those of the server's own devices alone.
 // Asks in a process of its own, which stays as long as it is held up; to be called where no other child runs.

@@ -17,7 +17,7 @@ from booted import (  # noqa: F401 (pytest finds them here)
 )
 
 HERE = pathlib.Path(__file__).parent
-SHARE = 6
+SHARE = 12
 
 
 def pytest_addoption(parser):

@@ -15,7 +15,7 @@ from booted import (  # noqa: F401 (pytest finds some of them here)
     turn_of,
 )
 
-SHARE = 3
+SHARE = 5
 
 
 def pytest_addoption(parser):
@@ -44,9 +44,9 @@ def pytest_collection_modifyitems(config, items):
 def machine(package):
     """The machine of the run."""
     try:
-        booted = Machine(f"test-{os.getpid()}")
+        booted = Machine(f"test-{os.getpid()}", package)
         servers.append(booted)
-        booted.install(package)
+        booted.wait_for_unit("corv-agent")
         yield booted
     except HostError as error:
         pytest.exit(f"the machine is not ready: {error}", 1)

@@ -12,7 +12,7 @@ from contextlib import contextmanager
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(ROOT / "tests" / "host"))
 
-from hostfloor import CACHE, PATH, SOCKET, Host, HostError, _die_with_parent  # noqa: E402
+from hostfloor import CACHE, PATH, SOCKET, Host, HostError, _die_with_parent, packages_of  # noqa: E402
 
 SCRIPT = ROOT / "scripts" / "machine"
 
@@ -23,7 +23,8 @@ PATIENCE = 900
 class Machine(Host):
     """One booted machine. Its commands run over one SSH connection; nothing visits it from outside."""
 
-    def __init__(self, name):
+    def __init__(self, name, package):
+        """Boots it with the agent's package and what is installed with it."""
         self.name = name
         self.boot_seconds = 0.0
         self.install_seconds = 0.0
@@ -32,9 +33,10 @@ class Machine(Host):
         self._folder = tempfile.TemporaryDirectory(prefix="corv-machine-")
         self._process = None
         self._state = CACHE / "machines" / name
-        image = subprocess.run([SCRIPT, "image"], stdout=subprocess.PIPE, check=False)
-        if image.returncode != 0:
+        began = time.monotonic()
+        if subprocess.run([SCRIPT, "prepare", name, *packages_of(package)], check=False).returncode != 0:
             raise HostError("the disk could not be built; what scripts/machine wrote says why")
+        self.install_seconds = time.monotonic() - began
 
         began = time.monotonic()
         self._process = subprocess.Popen([SCRIPT, "run", name], stdin=subprocess.DEVNULL, start_new_session=True,

@@ -57,6 +57,34 @@ private Q_SLOTS:
         QCOMPARE(system::parseServices(file.readAll(), services), expected);
     }
 
+    void aDiskIsWhatHoldsRealFiles_data()
+    {
+        QTest::addColumn<QString>("type");
+        QTest::addColumn<QString>("mount");
+        QTest::addColumn<qint64>("bytes");
+        QTest::addColumn<bool>("is");
+        for (const char *type : {"ext4", "xfs", "btrfs", "vfat", "nfs4", "fuse.sshfs", "tmpfs2", "OVERLAY", ""})
+            QTest::newRow(type) << QString::fromLatin1(type) << u"/"_s << Q_INT64_C(4096) << true;
+        for (const char *type : {"tmpfs", "devtmpfs", "squashfs", "overlay", "efivarfs", "ramfs", "fuse.portal",
+                                 "fuse.gvfsd-fuse"})
+            QTest::newRow(type) << QString::fromLatin1(type) << u"/"_s << Q_INT64_C(4096) << false;
+        QTest::newRow("one byte") << u"ext4"_s << u"/"_s << Q_INT64_C(1) << true;
+        QTest::newRow("no byte") << u"ext4"_s << u"/"_s << Q_INT64_C(0) << false;
+        QTest::newRow("unknown size") << u"ext4"_s << u"/"_s << Q_INT64_C(-1) << false;
+        QTest::newRow("below snap") << u"ext4"_s << u"/snap/core/1"_s << Q_INT64_C(4096) << false;
+        QTest::newRow("snap itself") << u"ext4"_s << u"/snap"_s << Q_INT64_C(4096) << true;
+        QTest::newRow("below run") << u"ext4"_s << u"/run/media"_s << Q_INT64_C(4096) << false;
+        QTest::newRow("begins like run") << u"ext4"_s << u"/runs/media"_s << Q_INT64_C(4096) << true;
+    }
+
+    void aDiskIsWhatHoldsRealFiles()
+    {
+        QFETCH(QString, type);
+        QFETCH(QString, mount);
+        QFETCH(qint64, bytes);
+        QTEST(system::isOnDisk(type, mount, bytes), "is");
+    }
+
     void namesComeFromTheListByPosition()
     {
         const QByteArray output = "Id=b.service\nSubState=running\n\nId=a.service\nSubState=dead\n";
