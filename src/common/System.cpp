@@ -124,8 +124,7 @@ bool isOnDisk(const QString &type, const QString &mount, qint64 bytes)
 {
     static const QStringList skippedTypes = {u"tmpfs"_s,    u"devtmpfs"_s, u"squashfs"_s,    u"overlay"_s,
                                              u"efivarfs"_s, u"ramfs"_s,    u"fuse.portal"_s, u"fuse.gvfsd-fuse"_s};
-    return bytes > 0 && !skippedTypes.contains(type) && !mount.startsWith("/snap/"_L1) &&
-           !mount.startsWith("/run/"_L1);
+    return bytes > 0 && !skippedTypes.contains(type) && !mount.startsWith("/snap/"_L1) && !mount.startsWith("/run/"_L1);
 }
 
 QJsonArray disks()

@@ -12,8 +12,8 @@ namespace corv::system {
 // without empty entries, duplicates kept. "apache2" and "postgresql" where the key is absent.
 QStringList monitoredServices(const QSettings &settings);
 
-// Whether a mounted file system holds files on a disk: it is neither kept in memory, nor a packed or composed image, nor a
-// desktop's, nor below /snap or /run. type as the mount table has it, bytes is its size.
+// Whether a mounted file system holds files on a disk: it is neither kept in memory, nor a packed or composed image,
+// nor a desktop's, nor below /snap or /run. type as the mount table has it, bytes is its size.
 bool isOnDisk(const QString &type, const QString &mount, qint64 bytes);
 
 // One object for each mounted file system that holds real files, from the mount table in its order: mount, device,

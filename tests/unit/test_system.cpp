@@ -65,8 +65,8 @@ private Q_SLOTS:
         QTest::addColumn<bool>("is");
         for (const char *type : {"ext4", "xfs", "btrfs", "vfat", "nfs4", "fuse.sshfs", "tmpfs2", "OVERLAY", ""})
             QTest::newRow(type) << QString::fromLatin1(type) << u"/"_s << Q_INT64_C(4096) << true;
-        for (const char *type : {"tmpfs", "devtmpfs", "squashfs", "overlay", "efivarfs", "ramfs", "fuse.portal",
-                                 "fuse.gvfsd-fuse"})
+        for (const char *type :
+             {"tmpfs", "devtmpfs", "squashfs", "overlay", "efivarfs", "ramfs", "fuse.portal", "fuse.gvfsd-fuse"})
             QTest::newRow(type) << QString::fromLatin1(type) << u"/"_s << Q_INT64_C(4096) << false;
         QTest::newRow("one byte") << u"ext4"_s << u"/"_s << Q_INT64_C(1) << true;
         QTest::newRow("no byte") << u"ext4"_s << u"/"_s << Q_INT64_C(0) << false;
