@@ -157,6 +157,9 @@ FAULTS = {
         ["the account @ is suspended, but its PHP pool still runs"], None, "corvctl account resume @"),
     "an account has no pool": (
         f"rm {POOLS}/corv-@.conf", ["the account @ has no pool in PHP 8.2, the version in force"]),
+    "PHP has not read an account's pool": (
+        f"mv {POOLS}/corv-@.conf /root/pool; systemctl reload php8.2-fpm; mv /root/pool {POOLS}/corv-@.conf",
+        ["PHP 8.2 does not run for the account @: it has not read its pool"]),
     "an account's pool is in another version": (
         f"mkdir -p {OTHER_POOLS}; mv {POOLS}/corv-@.conf {OTHER_POOLS}",
         ["PHP 8.1 is not installed any more, but has the pools of @"]),

@@ -18,7 +18,8 @@ OWN = re.compile("|".join([
     r"/etc/(?:passwd|shadow|group|gshadow|subuid|subgid)-?", r"/etc/\.pwd\.lock", r"/var/mail/.*", r"/var/spool/mail/.*",
     r"/etc/ufw(?:/.*)?", r"/etc/default/ufw", r"/etc/apt/apt\.conf\.d/20auto-upgrades", r"/etc/fail2ban/.*/corv.*",
     rf"/root/(?:left-over-)?{_NAME}.*", r"/root/left-over-.*", r"/var/lib/ufw(?:/.*)?", rf"/var/spool/cron/crontabs/{_NAME}",
-    r"/var/lib/logrotate(?:/.*)?", r"/var/lib/ucf(?:/.*)?", rf"/home/{WITNESS}/public_html/by\.php", r"/var/lib/update-notifier.*", r"/srv/filler-stays", r"/etc/corvane/https(?:/.*)?", r"/var/lib/letsencrypt.*",
+    r"/var/lib/logrotate(?:/.*)?", r"/var/lib/ucf(?:/.*)?", rf"/home/{WITNESS}/public_html/by\.php", r"/var/lib/update-notifier.*", r"/srv/filler-stays", r"/etc/corvane/https(?:/.*)?", r"/etc/apache2/md(?:/.*)?",
+    r"/var/lib/letsencrypt.*",
 ]), re.DOTALL)
 # What the doctor says of accounts, and of backups that hide later ones.
 MENDED = rf"\b{_NAME}(?:__\w+)?\b|is of a time that has not come"

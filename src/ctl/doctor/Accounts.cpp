@@ -165,6 +165,11 @@ QList<Finding> checkPools(const AccountParts &account, const QString &php, bool 
                          u"rm "_s + hosting::parkedPoolPath(php, name)});
     }
 
+    if (!suspended && account.unreadPools.contains(php)) {
+        findings.append({Level::Fault,
+                         u"PHP %2 does not run for the account %1: it has not read its pool"_s.arg(name, php),
+                         reloadPhp(php)});
+    }
     for (const QString &version : account.openPools) {
         const QString path = hosting::poolPath(version, name);
         findings.append(

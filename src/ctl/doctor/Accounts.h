@@ -23,6 +23,7 @@ struct AccountParts
     QStringList parkedPools; // those in which it has a pool that a suspension put aside
     QStringList archives;    // the paths of the archives of its last deletion that came to make both
     QStringList openPools;   // those whose pool, parked or not, lets in more than the agent's own (see letsMoreIn)
+    QStringList unreadPools; // those whose FPM runs without listening where its pool says
 };
 
 // What carries an account's name outside the user database.

@@ -55,6 +55,14 @@ QStringList entriesIn(const QString &folder, const QString &wildcard)
     return QDir(folder).entryList({wildcard}, QDir::Files | QDir::System | QDir::CaseSensitive, QDir::Name);
 }
 
+// Whether a version's FPM is up: the file with its number outlives one that was killed.
+bool isFpmRunning(const QString &version)
+{
+    const QByteArray number = textOf(u"/run/php/php%1-fpm.pid"_s.arg(version)).value_or(QByteArray()).trimmed();
+    const std::optional<QByteArray> name = textOf(u"/proc/%1/comm"_s.arg(QString::fromLatin1(number)));
+    return name && name->startsWith("php-fpm");
+}
+
 // Suspending lets a user's account expire on the first day of all; resuming takes that back.
 bool isExpired(const QString &user)
 {
@@ -177,8 +185,11 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
     account.siteEnabled = QFileInfo::exists(u"%1/%2.conf"_s.arg(kEnabledSites, hosting::siteName(user.name)));
     for (const QString &version : phpVersions) {
         const QStringList files = {hosting::poolPath(version, user.name), hosting::parkedPoolPath(version, user.name)};
-        if (exists(hosting::poolPath(version, user.name)))
+        if (exists(hosting::poolPath(version, user.name))) {
             account.pools.append(version);
+            if (isFpmRunning(version) && !exists(u"/run/php/corv-%1.sock"_s.arg(user.name)))
+                account.unreadPools.append(version);
+        }
         if (exists(hosting::parkedPoolPath(version, user.name)))
             account.parkedPools.append(version);
         const bool isOpen = std::any_of(files.cbegin(), files.cend(), [&](const QString &file) {
