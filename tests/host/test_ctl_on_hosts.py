@@ -158,7 +158,9 @@ FAULTS = {
     "an account has no pool": (
         f"rm {POOLS}/corv-@.conf", ["the account @ has no pool in PHP 8.2, the version in force"]),
     "PHP has not read an account's pool": (
-        f"mv {POOLS}/corv-@.conf /root/pool; systemctl reload php8.2-fpm; mv /root/pool {POOLS}/corv-@.conf",
+        # It reads them a moment after the reload was asked for.
+        f"mv {POOLS}/corv-@.conf /root/pool; systemctl reload php8.2-fpm; "
+        "timeout 60 sh -c 'while [ -e /run/php/corv-@.sock ]; do sleep 0.1; done'; " f"mv /root/pool {POOLS}/corv-@.conf",
         ["PHP 8.2 does not run for the account @: it has not read its pool"]),
     "an account's pool is in another version": (
         f"mkdir -p {OTHER_POOLS}; mv {POOLS}/corv-@.conf {OTHER_POOLS}",
