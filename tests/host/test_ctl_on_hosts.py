@@ -155,6 +155,9 @@ FAULTS = {
     "a suspended account's pool runs": (
         f"corvctl account suspend @; mv {POOLS}/corv-@.conf.suspended {POOLS}/corv-@.conf",
         ["the account @ is suspended, but its PHP pool still runs"], None, "corvctl account resume @"),
+    "a suspended account has no pool": (
+        f"corvctl account suspend @; rm {POOLS}/corv-@.conf.suspended",
+        ["the suspended account @ has no pool in PHP 8.2 to come back with"], None, "corvctl account resume @"),
     "an account has no pool": (
         f"rm {POOLS}/corv-@.conf", ["the account @ has no pool in PHP 8.2, the version in force"]),
     "PHP has not read an account's pool": (

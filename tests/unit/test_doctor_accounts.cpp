@@ -465,6 +465,19 @@ private Q_SLOTS:
         QCOMPARE(asText(checkAccount(account, kPhp, databases())), QStringList({finding}));
     }
 
+    void findsASuspendedAccountThatWouldComeBackWithoutPhp()
+    {
+        AccountParts account = suspended();
+        account.pools.clear();
+        account.parkedPools.clear();
+        QCOMPARE(asText(checkAccount(account, kPhp, databases(false))),
+                 QStringList({u"fault|the suspended account alice has no pool in PHP 8.2 to come back with|corvctl "
+                              "doctor --pool alice >/etc/php/8.2/fpm/pool.d/corv-alice.conf.suspended"_s}));
+        QCOMPARE(asText(checkAccount(account, QString(), databases(false))), QStringList());
+        account.parkedPools = {u"8.1"_s};
+        QCOMPARE(asText(checkAccount(account, kPhp, databases(false))), QStringList());
+    }
+
     void findsAPoolThatPhpHasNotRead()
     {
         AccountParts account = whole();

@@ -150,6 +150,13 @@ QList<Finding> checkPools(const AccountParts &account, const QString &php, bool 
                              reloadPhp(php)});
     }
 
+    // What a deletion that broke off has taken: it would come back without PHP.
+    if (suspended && !php.isEmpty() && account.pools.isEmpty() && account.parkedPools.isEmpty()) {
+        findings.append({Level::Fault,
+                         u"the suspended account %1 has no pool in PHP %2 to come back with"_s.arg(name, php),
+                         u"corvctl doctor --pool %1 >%2"_s.arg(name, hosting::parkedPoolPath(php, name))});
+    }
+
     const bool needsPool = !suspended && !php.isEmpty() && !hasPool;
     if (needsPool && account.parkedPools.contains(php)) {
         findings.append({Level::Fault,
