@@ -5,6 +5,7 @@
 #include "common/BackupFolders.h"
 #include "common/BackupManifest.h"
 #include "common/Fd.h"
+#include "common/HttpsOptions.h"
 #include "common/Tree.h"
 
 #include <QDateTime>
@@ -105,10 +106,17 @@ QStringList settingsFiles()
     return members;
 }
 
+// What Apache has in hand while it gets a certificate comes and goes, and is begun anew after a restore: a folder that
+// changes as it is read would make a problem of the night.
 QString archiveSettings(const QString &file)
 {
+    hosting::Surroundings surroundings = hosting::archiverSurroundings();
+    for (const QString &passing : {u"challenges"_s, u"staging"_s, u"tmp"_s}) {
+        const QString folder = QLatin1StringView(https::kStore).sliced(1) + u'/' + passing;
+        surroundings.environment[u"TAR_OPTIONS"_s] += u" --exclude="_s + folder;
+    }
     return hosting::runWith(u"tar"_s, QStringList{u"-czf"_s, file, u"-C"_s, u"/"_s} + settingsFiles(), {},
-                            hosting::archiverSurroundings());
+                            surroundings);
 }
 
 QString archiveHome(const QString &user, const QString &file)
