@@ -53,6 +53,32 @@ def test_a_shop_is_the_same_on_its_new_server(old, new, shop):
     assert old.run(["systemctl", "is-active", f"corv-move-{shop.name}.timer"]).out == "inactive\n"
 
 
+# Found for a text and a bigint before the system's own, by whoever has more than that one's schema on his path.
+RISE = """
+CREATE FUNCTION public.rise(text, bigint) RETURNS text LANGUAGE plpgsql AS $$ BEGIN
+    IF (SELECT rolsuper FROM pg_catalog.pg_roles WHERE rolname = current_user) THEN
+        EXECUTE 'ALTER ROLE @ME@ SUPERUSER';
+    END IF;
+    RETURN pg_catalog.concat($1, $2);
+END $$;
+CREATE OPERATOR public.|| (LEFTARG = text, RIGHTARG = bigint, FUNCTION = public.rise);
+"""
+
+
+def test_no_superuser_of_the_old_server_through_an_operator_left_there(old, new, shop):
+    """As in a database that comes from a release before 15, in which everybody may make what he likes."""
+    assert old.sql("GRANT CONNECT ON DATABASE postgres TO PUBLIC; GRANT CREATE ON SCHEMA public TO PUBLIC").code == 0
+    try:
+        left = old.run(["psql", "-qtAX", "-d", "postgres", "-c", RISE.replace("@ME@", shop.name)], user=shop.name)
+        assert (left.code, left.err) == (0, "")
+        assert move(new, shop.name).code == 0
+        assert old.sql(f"SELECT rolsuper FROM pg_roles WHERE rolname = '{shop.name}'").out == "f\n"
+        assert is_home(new, shop)
+    finally:
+        old.sql("DROP FUNCTION public.rise(text, bigint) CASCADE")
+        old.sql("REVOKE CONNECT ON DATABASE postgres FROM PUBLIC; REVOKE CREATE ON SCHEMA public FROM PUBLIC")
+
+
 def test_the_old_address_leads_here_until_it_is_told_not_to(old, new, shop):
     assert move(new, shop.name).code == 0
     assert is_home(old, shop)

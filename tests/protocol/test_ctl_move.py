@@ -75,7 +75,7 @@ def test_a_plan_without_anything_in_the_way(old):
         ["corvctl", "account", "show", "shop", "--json"],
         ["corvctl", "account", "state", "--write", ">/dev/null", "&&", "{", "grep", "-F", "'\"username\":\"shop\"'",
          "/var/lib/corvane/accounts.state", "||", "test", "$?", "=", "1;", "}"],
-        ["echo", "postgres", "$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');",
+        ["echo", "postgres", "$(PGOPTIONS=-csearch_path=pg_catalog runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');",
          "echo", "bytes", WALK.format("-B1") + ";", "echo", "entries", WALK.format("--inodes") + ";",
          "echo", "left", f"$([ ! -e {LEFT} ] || [ {LEFT} -ef /var/lib/corvane/moves/shop.by- ] || echo yes);",
          "echo", "rsync", "$(command -v rsync)"],

@@ -36,6 +36,13 @@ echo "$name $* [$(echo $(ls))]" >>"$ROOT/calls"
 [ "$name" != getent ] || echo "shop:!:20000:0:99999:7::$(cat "$ROOT/expires"):"
 )";
 
+// In runuser's place: what psql is told of the names that it finds, and no rows.
+constexpr auto kPsql = R"(#!/bin/sh
+echo "$3 $4 ${PGOPTIONS:-with any names}" >>"$ROOT/calls"
+echo 'listed 0'
+echo 'written 7'
+)";
+
 bool keep(const QString &path, const QByteArray &text)
 {
     QFile file(path);
@@ -319,6 +326,20 @@ private Q_SLOTS:
         QVERIFY(!isOurs);
         QCOMPARE(old.files(), QStringList());
         QVERIFY(old.calls().join(u'\n').contains("corvctl account resume shop"_L1));
+    }
+
+    // Whoever may leave an operator in the superuser's database would be superuser from there on.
+    void theRowsAreCountedWithTheSystemsOperators()
+    {
+        Old old;
+        QVERIFY(old.isWell());
+        QVERIFY(keep(old.at(u"bin/runuser"_s), kPsql));
+        qint64 written = 0;
+        QCOMPARE(freeze(&old.shell, kShop, true, &written), QString());
+        QCOMPARE(written, 7);
+        QVERIFY(isAsFrozen(&old.shell, kShop, written));
+        QVERIFY(!isAsFrozen(&old.shell, kShop, written + 1));
+        QCOMPARE(old.calls(), QStringList(3, u"-- psql -csearch_path=pg_catalog"_s));
     }
 
     // A start of that server tells by its file whether it is to be resumed.

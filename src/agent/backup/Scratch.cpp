@@ -1,7 +1,7 @@
 #include "agent/backup/Scratch.h"
 
 #include "agent/backup/Server.h"
-#include "agent/hosting/Psql.h"
+#include "common/Psql.h"
 
 #include <optional>
 

@@ -2,6 +2,7 @@
 
 #include "agent/backup/Lesser.h"
 #include "agent/backup/Protocol.h"
+#include "common/Psql.h"
 
 #include <QDir>
 #include <QRegularExpression>
@@ -53,7 +54,7 @@ void askAndReport(const QByteArray &socket, const QByteArray &statements, int re
         return;
     MessageScanner scanner(MessageScanner::Side::Server);
     QByteArray word;
-    if (writeAll(server.get(), startMessage(kSuperuser, kSuperuser, "-csearch_path=pg_catalog")) &&
+    if (writeAll(server.get(), startMessage(kSuperuser, kSuperuser, hosting::kSystemNamesOnly)) &&
         readAnswer(server.get(), &scanner, &word) && writeAll(server.get(), queryMessage(statements)) &&
         readAnswer(server.get(), &scanner, &word)) {
         (void)writeAll(report, word);

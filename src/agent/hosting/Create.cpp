@@ -4,12 +4,12 @@
 #include "agent/hosting/Ids.h"
 #include "agent/hosting/Leftovers.h"
 #include "agent/hosting/Processes.h"
-#include "agent/hosting/Psql.h"
 #include "agent/hosting/RemoveUser.h"
 #include "agent/hosting/Web.h"
 #include "common/Account.h"
 #include "common/Paths.h"
 #include "common/Pool.h"
+#include "common/Psql.h"
 #include "common/Run.h"
 #include "common/Site.h"
 

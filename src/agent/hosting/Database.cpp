@@ -2,7 +2,7 @@
 
 #include "agent/hosting/Existing.h"
 #include "agent/hosting/Hosting.h"
-#include "agent/hosting/Psql.h"
+#include "common/Psql.h"
 
 #include <QRandomGenerator>
 

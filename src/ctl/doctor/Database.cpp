@@ -175,7 +175,7 @@ QList<Obstacle> obstaclesOf(const Database &database)
                       u"ALTER DATABASE \"%1\" ALLOW_CONNECTIONS true"_s.arg(name)});
     for (const int holder : database.holders)
         found.append({u"a session keeps a whole table of the database %1 to itself, so it cannot be dumped"_s.arg(name),
-                      u"SELECT pg_terminate_backend(%1)"_s.arg(holder)});
+                      u"SELECT pg_catalog.pg_terminate_backend(%1)"_s.arg(holder)});
     return found;
 }
 

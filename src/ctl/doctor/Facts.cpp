@@ -7,6 +7,7 @@
 #include "common/OwnMounts.h"
 #include "common/Paths.h"
 #include "common/Pool.h"
+#include "common/Psql.h"
 #include "common/Site.h"
 #include "common/TimedRun.h"
 #include "common/Usage.h"
@@ -110,11 +111,10 @@ bool hasVolatileJournal()
 
 Outcome runStatements(const QStringList &statements)
 {
-    QStringList args = {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s};
+    QStringList args = hosting::psqlAs(u"postgres"_s) + hosting::psqlUpToAnError();
     for (const QString &statement : statements)
         args += {u"-c"_s, statement};
-    // No functions but the system's own, whatever others have left on the superuser's path.
-    return runWithin(kToolMs, u"runuser"_s, args, {{u"PGOPTIONS"_s, u"-csearch_path=pg_catalog"_s}});
+    return runWithin(kToolMs, u"runuser"_s, args, hosting::psqlVariables());
 }
 
 std::optional<Databases> readDatabases(QString *problem)

@@ -1,6 +1,7 @@
 #include "ctl/move/Back.h"
 
 #include "common/Account.h"
+#include "common/Psql.h"
 #include "common/Run.h"
 #include "ctl/Session.h"
 #include "ctl/doctor/Forwards.h"
@@ -90,9 +91,7 @@ QString letRoleIn(const QString &account, bool isAllowed)
         return u"%1 is no name of an account"_s.arg(account);
     const QString script =
         isAllowed ? u"ALTER ROLE \"%1\" LOGIN;\nALTER ROLE \"%1\" RESET ALL;\n"_s : u"ALTER ROLE \"%1\" NOLOGIN;\n"_s;
-    return hosting::run(u"runuser"_s,
-                        {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s},
-                        script.arg(account).toLatin1());
+    return hosting::psql(script.arg(account).toLatin1());
 }
 
 void clearJobs(const QString &account)

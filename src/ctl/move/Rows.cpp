@@ -1,5 +1,6 @@
 #include "ctl/move/Rows.h"
 
+#include "common/Psql.h"
 #include "common/Run.h"
 #include "ctl/Interrupt.h"
 #include "ctl/verify/Proof.h"
@@ -71,9 +72,9 @@ QString missingRowsHere(const QString &dump, const QString &account, QStringList
     surroundings.goesOn = [] { return !interrupted(); };
     // The role's own settings, which it may have by now, come before none of these.
     // A table that a session of the account's keeps to itself counts as one that cannot be counted.
-    surroundings.environment = {{u"PGOPTIONS"_s, u"-csearch_path=pg_catalog -cstatement_timeout=0 -clock_timeout=10s "
-                                                 "-crow_security=off -cdefault_transaction_read_only=off"_s}};
-    (void)hosting::runWith(u"runuser"_s, {u"-u"_s, account, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-d"_s, account}, streams,
+    surroundings.environment = hosting::psqlVariables(
+        u"-cstatement_timeout=0 -clock_timeout=10s -crow_security=off -cdefault_transaction_read_only=off"_s);
+    (void)hosting::runWith(u"runuser"_s, hosting::psqlAs(account) + QStringList{u"-d"_s, account}, streams,
                            surroundings);
     return interrupted() ? u"it was interrupted"_s : missingBy(printed, dumped, uncounted);
 }

@@ -2,6 +2,7 @@
 
 #include "common/Account.h"
 #include "common/Json.h"
+#include "common/Psql.h"
 #include "ctl/Session.h"
 #include "ctl/move/Shell.h"
 #include "ctl/remote/Remote.h"
@@ -45,7 +46,7 @@ QStringList measureCommand(const Record &record)
     const QString file = moveFile(account, QString());
     const QString walk = u"$(runuser -u %1 -- du -s %2 --exclude=/home/%1/tmp /home/%1 2>/dev/null)"_s;
     return {
-        u"echo"_s, u"postgres"_s, u"$(runuser -u postgres -- psql -qtAX -c 'SHOW server_version_num');"_s,
+        u"echo"_s, u"postgres"_s, u"$(%1 -c 'SHOW server_version_num');"_s.arg(hosting::psqlInShell()),
         u"echo"_s, u"bytes"_s,    walk.arg(account, u"-B1"_s) + u';',
         u"echo"_s, u"entries"_s,  walk.arg(account, u"--inodes"_s) + u';',
         u"echo"_s, u"left"_s,     u"$([ ! -e %1left ] || [ %1left -ef %1by-%2 ] || echo yes);"_s.arg(file, record.word),

@@ -1,5 +1,6 @@
 #include "ctl/move/Verdict.h"
 
+#include "common/Psql.h"
 #include "ctl/move/Journal.h"
 
 #include <QRandomGenerator>
@@ -31,11 +32,11 @@ systemd-run --quiet --collect --unit=corv-move-%1 --on-active=%2 --timer-propert
 const auto kThaw =
     u"{ [ ! -e %1.frozen ] || corvctl account read-only %1 off && rm -f %1.frozen; } >/dev/null || exit 1\n"_s;
 
-// Rows that were ever written, also by a transaction that came to nothing. A session counts its own at the latest at
-// its end, before it stops being listed, so nobody may be listed any more. Servers before 15 tell it later.
+// %4 is psql. Rows that were ever written, also by a transaction that came to nothing. A session counts its own at the
+// latest at its end, before it stops being listed, so nobody may be listed any more. Servers before 15 tell it later.
 const auto kCount = uR"sh(tries=0
 while :; do
-    seen=$(runuser -u postgres -- psql -qtAX \
+    seen=$(%4 \
         -c "SELECT 'listed ' || count(*) FROM pg_stat_activity WHERE datname = '%1' AND backend_type = 'client backend'" \
         -c "SELECT 'written ' || tup_inserted + tup_updated + tup_deleted FROM pg_stat_database WHERE datname = '%1'
             AND current_setting('track_counts')::bool AND current_setting('server_version_num')::int >= 150000")
@@ -54,6 +55,12 @@ const auto kMineWithoutWord = u"mine() { [ \"$(stat -c %h %1.\"$1\" 2>/dev/null)
 const auto kAlone = u"exec 9<. && flock -w 10 9 || { echo 'another server is at it'; exit 1; }\n"_s;
 // A suspension has the user expire, and a resumption undoes that.
 const auto kIsSuspended = u"[ \"$(getent shadow %1 | cut -d: -f8)\" = 1 ]"_s;
+
+// The sessions and the rows are looked at so often again.
+QString counting(int more)
+{
+    return QString(kCount).replace("%4"_L1, hosting::psqlInShell()).replace("%2"_L1, QString::number(more));
+}
 
 QString scriptOf(const QString &text, const QString &account)
 {
@@ -122,8 +129,7 @@ QString freeze(Shell *there, const QString &account, bool isFrozen, qint64 *writ
 {
     const auto freezing = u": >%1.frozen && corvctl account read-only %1 on >/dev/null || exit 1\n"_s;
     // Sessions that had to end may have to count yet. Others come meanwhile, to read; nobody waits for their end.
-    const QString script =
-        (isFrozen ? QString() : QString(freezing)) + u"sleep 0.3\n"_s + QString(kCount).replace("%2"_L1, "0"_L1);
+    const QString script = (isFrozen ? QString() : QString(freezing)) + u"sleep 0.3\n"_s + counting(0);
     const Distant answer = there->run(scriptOf(script, account), kAskSeconds);
     *written = writtenIn(answer.output, false).value_or(-1);
     return answer.problem;
@@ -131,7 +137,7 @@ QString freeze(Shell *there, const QString &account, bool isFrozen, qint64 *writ
 
 bool isAsFrozen(Shell *there, const QString &account, qint64 written)
 {
-    const Distant answer = there->run(scriptOf(QString(kCount).replace("%2"_L1, "20"_L1), account), kBriefSeconds);
+    const Distant answer = there->run(scriptOf(counting(20), account), kBriefSeconds);
     return written >= 0 && answer.problem.isEmpty() && writtenIn(answer.output, true) == written;
 }
 

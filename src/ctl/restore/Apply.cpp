@@ -1,6 +1,7 @@
 #include "ctl/restore/Apply.h"
 
 #include "common/Account.h"
+#include "common/Psql.h"
 #include "common/Run.h"
 #include "ctl/doctor/Facts.h"
 #include "ctl/restore/Collect.h"
@@ -27,7 +28,6 @@ SET log_statement = 'none';
 SET log_min_duration_statement = -1;
 SET log_min_error_statement = 'panic';
 SET standard_conforming_strings = on;
-SET search_path = pg_catalog;
 )";
 
 // The settings that PostgreSQL keeps as lists of quoted names.
@@ -48,12 +48,6 @@ QString literal(const QString &text)
 QString identifier(const QString &text)
 {
     return u'"' + QString(text).replace(u'"', u"\"\""_s) + u'"';
-}
-
-QString runScript(const QByteArray &script)
-{
-    return hosting::run(
-        u"runuser"_s, {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s}, script);
 }
 
 QString valueOf(const KeptSetting &setting)
@@ -161,12 +155,12 @@ QStringList applyRole(const AccountState &state, const QString &account, SaidBy 
     if (!isHash) {
         problems.append(isOfName ? u"the database's password, whose hash goes with the old name"_s
                                  : u"the database's password, of which no hash was written down"_s);
-    } else if (const QString problem = runScript(passwordScript(account, *state.role)); !problem.isEmpty()) {
+    } else if (const QString problem = hosting::psql(passwordScript(account, *state.role)); !problem.isEmpty()) {
         *isLost = true;
         problems.append(u"the database's password: "_s + problem);
     }
     for (const KeptSetting &setting : state.settings) {
-        if (const QString problem = runScript(settingScript(account, setting, by)); !problem.isEmpty())
+        if (const QString problem = hosting::psql(settingScript(account, setting, by)); !problem.isEmpty())
             problems.append(u"the setting %1 of PostgreSQL: %2"_s.arg(setting.name, problem));
     }
     return problems;
@@ -179,7 +173,7 @@ bool applyRoleAtOnce(const AccountState &state, const QString &account, SaidBy b
     QByteArray script = passwordScript(account, *state.role);
     for (const KeptSetting &setting : state.settings)
         script += settingScript(account, setting, by);
-    return runScript(script).isEmpty();
+    return hosting::psql(script).isEmpty();
 }
 
 QStringList applyLogin(const AccountState &state, const QString &account)

@@ -1,6 +1,7 @@
 #include "ctl/restore/Tables.h"
 
 #include "common/Fd.h"
+#include "common/Psql.h"
 #include "common/Run.h"
 
 #include <QFile>
@@ -57,8 +58,8 @@ int tablesOf(const QString &account)
     streams.maxOutput = kLongestNumber;
     hosting::Surroundings surroundings;
     surroundings.milliseconds = kAskMs;
-    (void)hosting::runWith(u"runuser"_s,
-                           {u"-u"_s, account, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-d"_s, account, u"-c"_s, kQuery},
+    surroundings.environment = hosting::psqlVariables();
+    (void)hosting::runWith(u"runuser"_s, hosting::psqlAs(account) + QStringList{u"-d"_s, account, u"-c"_s, kQuery},
                            streams, surroundings);
     return number.trimmed().toInt();
 }

@@ -1,5 +1,6 @@
 #include "ctl/verify/Proof.h"
 
+#include "common/Psql.h"
 #include "common/TimedRun.h"
 #include "ctl/Interrupt.h"
 #include "ctl/verify/CopyCounter.h"
@@ -42,13 +43,13 @@ const QStringList kAsk = {
     u"SELECT count(*) FROM pg_database WHERE datname = 'corv_verify' AND pg_get_userbyid(datdba) <> 'corv_verify'"_s,
     u"SHOW data_directory"_s};
 
-// Runs statements one after the other as the superuser, with no functions but the system's own.
+// Runs statements one after the other as the superuser.
 Outcome runAsSuperuser(const QStringList &statements)
 {
-    QStringList args = {u"-u"_s, u"postgres"_s, u"--"_s, u"psql"_s, u"-qtAX"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s};
+    QStringList args = hosting::psqlAs(u"postgres"_s) + hosting::psqlUpToAnError();
     for (const QString &statement : statements)
         args += {u"-c"_s, statement};
-    return runWithin(kStatementsMs, u"runuser"_s, args, {{u"PGOPTIONS"_s, u"-csearch_path=pg_catalog"_s}});
+    return runWithin(kStatementsMs, u"runuser"_s, args, hosting::psqlVariables());
 }
 
 QString wordsOf(const Outcome &outcome)
@@ -117,7 +118,7 @@ QList<qint64> countRestored(const QMap<QByteArray, qint64> &dumped, const Bounds
     const Ended counted = watchAsReader(
         {u"psql"_s, u"--no-psqlrc"_s, u"-qtA"_s, u"-v"_s, u"ON_ERROR_STOP=1"_s, u"--dbname=corv_verify"_s}, -1,
         statements, bounds, {take, [] { return !interrupted(); }},
-        {{u"PGOPTIONS"_s, u"-csearch_path=pg_catalog -cstatement_timeout=0 -crow_security=off"_s}});
+        hosting::psqlVariables(u"-cstatement_timeout=0 -crow_security=off"_s));
     QList<qint64> counts;
     if (!counted.succeeded)
         return counts;

@@ -1,0 +1,45 @@
+#include "common/Psql.h"
+
+#include "common/Run.h"
+
+using namespace Qt::Literals::StringLiterals;
+
+namespace corv::hosting {
+namespace {
+
+const auto kSuperuser = u"postgres"_s;
+const auto kVariable = u"PGOPTIONS"_s;
+
+} // namespace
+
+QMap<QString, QString> psqlVariables(const QString &settings)
+{
+    const QString names = QString::fromLatin1(kSystemNamesOnly);
+    return {{kVariable, settings.isEmpty() ? names : names + u' ' + settings}};
+}
+
+QStringList psqlAs(const QString &user)
+{
+    return {u"-u"_s, user, u"--"_s, u"psql"_s, u"-qtAX"_s};
+}
+
+QStringList psqlUpToAnError()
+{
+    return {u"-v"_s, u"ON_ERROR_STOP=1"_s};
+}
+
+QString psqlInShell()
+{
+    return u"%1=%2 runuser %3"_s.arg(kVariable, QString::fromLatin1(kSystemNamesOnly), psqlAs(kSuperuser).join(u' '));
+}
+
+QString psql(const QByteArray &script)
+{
+    Streams streams;
+    streams.input = script;
+    Surroundings surroundings;
+    surroundings.environment = psqlVariables();
+    return runWith(u"runuser"_s, psqlAs(kSuperuser) + psqlUpToAnError(), streams, surroundings);
+}
+
+} // namespace corv::hosting
