@@ -190,3 +190,58 @@ def test_ctrl_c_on_another_server_names_it(busy):
     busy.write("/tmp/go")
     wait_until(lambda: len(busy.log_lines) == 2, "the end of the request")
     busy.logs(busy.log_lines[1])
+
+
+# A suspended account whose database is restored: resumed for that time
+
+
+LOCKED = {"ok": False, "error": "alice may not log in to PostgreSQL: resume the account first"}
+RESTORE = ["--socket", FAKE_SOCKET, "--confirm", "alice", "backup", "restore", "alice", "2026-01-05_031500", "database", "--resume"]
+
+
+def half_resuming(asked, resumed=None, suspended=None, restored=None):
+    """An agent that answers so; None stands for no answer at all."""
+    replies = {"backup.restore": [LOCKED, restored], "hosting.resume": [resumed], "hosting.suspend": [suspended]}
+
+    def serve(connection):
+        for line in connection.makefile("rb"):
+            command = json.loads(line)["cmd"]
+            asked.append(command)
+            reply = replies[command].pop(0)
+            if reply is not None:
+                connection.sendall(json.dumps(reply).encode() + b"\n")
+    return serve
+
+
+@pytest.mark.parametrize("suspended, note", [
+    ({"ok": True}, ""),
+    ({"ok": False, "error": "psql failed: no"},
+     "corvctl: alice could not be suspended again, and is on-line, or a part of it is: corvctl account suspend alice\n")])
+def test_a_resumption_that_fails_is_taken_back_for_it_may_be_half_done(sandbox, suspended, note):
+    asked = []
+    sandbox.start()
+    with FakeAgent(sandbox, half_resuming(asked, {"ok": False, "error": "apache2ctl failed: no"}, suspended)):
+        assert corvctl(sandbox, *RESTORE) == (1, "", f"corvctl: apache2ctl failed: no\n{note}")
+    assert asked == ["backup.restore", "hosting.resume", "hosting.suspend"]
+
+
+def test_a_resumption_that_takes_too_long_is_taken_back(sandbox):
+    asked = []
+    sandbox.start()
+    with FakeAgent(sandbox, half_resuming(asked, None, {"ok": True})):
+        code, out, err = corvctl(sandbox, "--timeout", "1", *RESTORE)
+    assert (code, out) == (4, "")
+    assert asked == ["backup.restore", "hosting.resume", "hosting.suspend"]
+
+
+@pytest.mark.parametrize("at", ["hosting.resume", "backup.restore"])
+def test_ctrl_c_leaves_the_account_suspended(sandbox, at):
+    asked = []
+    sandbox.start()
+    replies = {"resumed": {"ok": True}} if at == "backup.restore" else {}
+    with FakeAgent(sandbox, half_resuming(asked, suspended={"ok": True}, **replies)):
+        process = begin(sandbox, *RESTORE)
+        wait_until(lambda: asked[1:] and asked[-1] == at, "what is interrupted")
+        code, out, _ = interrupt(process)
+    assert (code, out) == (130, "")
+    assert asked == ["backup.restore", *(["hosting.resume"] if at == "backup.restore" else []), at, "hosting.suspend"]

@@ -1,4 +1,5 @@
 #include "ctl/Input.h"
+#include "ctl/Interrupt.h"
 #include "ctl/Session.h"
 #include "ctl/commands/Backup.h"
 #include "ctl/screen/Escape.h"
@@ -13,17 +14,22 @@ constexpr auto kSuspended = "resume the account first"_L1;
 // How it begins where a backup holds nothing of the account, or where there is no such backup.
 constexpr auto kHasNone = "that backup has no "_L1;
 
-// Restores once more with the account resumed for that time. What the agent says of the restore is the answer, unless
-// it does not come to that.
-Answer restoreSuspended(Session &session, const QJsonObject &args)
+// Restores once more with the account resumed. What the agent says of the restore is the answer, unless it does not
+// come to that.
+Answer restoreResumed(Session &session, const QJsonObject &args)
 {
-    const QJsonObject account = {{u"username"_s, args.value("username"_L1)}};
-    if (const Answer resumed = ask(session, u"hosting.resume"_s, account); !resumed.ok())
-        return resumed;
-    const Answer answer = ask(session, u"backup.restore"_s, args);
-    if (const Answer suspended = ask(session, u"hosting.suspend"_s, account); !suspended.ok())
-        note(u"%1 could not be suspended again, and is on-line"_s.arg(account.value("username"_L1).toString()));
-    return answer;
+    const Answer resumed = ask(session, u"hosting.resume"_s, {{u"username"_s, args.value("username"_L1)}});
+    return resumed.ok() ? ask(session, u"backup.restore"_s, args) : resumed;
+}
+
+// Ends that, however it went: a resumption that failed, or of which nobody knows how it ended, may have opened the
+// login, the database or the site all the same.
+void suspendAgain(Session &session, const QString &account)
+{
+    forgetInterrupt(); // or this would not be sent
+    if (!ask(session, u"hosting.suspend"_s, {{u"username"_s, account}}).ok())
+        note(u"%1 could not be suspended again, and is on-line, or a part of it is: corvctl account suspend %1"_s.arg(
+            account));
 }
 
 // What backup.status says where there is no such backup at all, and the agent speaks of what it holds. Nothing where
@@ -36,6 +42,17 @@ std::optional<QJsonObject> statusWithout(Session &session, const Answer &refused
     if (!status.ok() || !backupNamed(status.reply, backup).isEmpty())
         return {};
     return status.reply;
+}
+
+int tellOfRestore(Session &session, const Answer &answer, const Given &given)
+{
+    const QString backup = given.text("BACKUP");
+    if (const std::optional<QJsonObject> status = statusWithout(session, answer, backup))
+        return refuseNoBackup(session, backup, *status);
+    const QString folder = answer.reply.value("restoredTo"_L1).toString();
+    return settledWith(session, answer,
+                       given.text("files|database") == "files"_L1 ? u"the files are in %1"_s.arg(folder)
+                                                                  : u"the database is restored"_s);
 }
 
 int restoreBeside(Session &session, const Given &given)
@@ -52,16 +69,14 @@ int restoreBeside(Session &session, const Given &given)
             return fail(kWrongUsage, u"that is not the account's name, so nothing was restored"_s);
     }
 
-    const QString backup = given.text("BACKUP");
-    const QJsonObject args = {{u"username"_s, name}, {u"backup"_s, backup}, {u"what"_s, what}};
-    Answer answer = ask(session, u"backup.restore"_s, args);
-    if (given.has("--resume") && answer.reply.value("error"_L1).toString().endsWith(kSuspended))
-        answer = restoreSuspended(session, args);
-    if (const std::optional<QJsonObject> status = statusWithout(session, answer, backup))
-        return refuseNoBackup(session, backup, *status);
-    const QString folder = answer.reply.value("restoredTo"_L1).toString();
-    return settledWith(session, answer,
-                       what == "files"_L1 ? u"the files are in %1"_s.arg(folder) : u"the database is restored"_s);
+    const QJsonObject args = {{u"username"_s, name}, {u"backup"_s, given.text("BACKUP")}, {u"what"_s, what}};
+    const Answer answer = ask(session, u"backup.restore"_s, args);
+    if (!given.has("--resume") || !answer.reply.value("error"_L1).toString().endsWith(kSuspended))
+        return tellOfRestore(session, answer, given);
+    const InterruptGuard guard;
+    const int status = tellOfRestore(session, restoreResumed(session, args), given);
+    suspendAgain(session, name);
+    return status;
 }
 
 int restore(Session &session, const Given &given)
