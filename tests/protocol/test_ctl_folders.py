@@ -129,6 +129,45 @@ def test_ctrl_c_leaves_nothing_of_a_folder_that_is_fetched(server):
     server.expected_log += ["agent: uid 0 ran files -> ok"] * (len(server.log_lines) - len(server.expected_log))
 
 
+def swap_folder(box):
+    """By a link that leads out, to a folder with a file of that name."""
+    os.rename(box.path("/home/alice/from/sub"), box.path("/home/alice/from/gone"))
+    box.symlink("/home/alice/from/sub", "/etc/private")
+
+
+def swap_file(box, make):
+    box.path("/home/alice/from/sub/page").unlink()
+    make(box.path("/home/alice/from/sub/page"))
+
+
+@pytest.mark.parametrize("swap, problem", [
+    (swap_folder, "sub/page: Not a directory"),
+    (lambda box: swap_file(box, lambda path: os.symlink("/etc/private/page", path)), "sub/page: Too many levels of symbolic links"),
+    (lambda box: swap_file(box, os.mkfifo), "sub/page is no file any more"),
+    (lambda box: swap_file(box, os.mkdir), "sub/page is no file any more"),
+])
+def test_what_a_tenant_swaps_in_while_his_folder_is_sent_is_not_sent(server, swap, problem):
+    """Root sends a folder of the tenant's, who puts something else in the place of what was looked at: a file of root's, say."""
+    server.write("/etc/private/page", "of root alone", mode=0o600)
+    server.write("/home/alice/from/sub/page", "of alice", owner="alice:alice")
+    sent = []
+
+    def serve(connection):
+        for line in connection.makefile("rb"):
+            args = json.loads(line)["args"]
+            if args["op"] == "mkdir" and args["path"].endswith("/sub"):
+                swap(server)
+            if args["op"] == "upload":
+                sent.append(server.read(f"{TRANSFER}/{args['transfer']}"))
+            reply = {"ok": True} if args["op"] != "list" else {"ok": False, "error": "not there"}
+            connection.sendall(json.dumps(reply).encode() + b"\n")
+
+    with FakeAgent(server, serve):
+        end = corvctl(server, "--socket", FAKE_SOCKET, "file", "put", "-r", "alice", "/home/alice/from", "to")
+    assert end == (1, "", f"corvctl: {problem}\n")
+    assert sent == [] and os.listdir(server.path(TRANSFER)) == []
+
+
 def test_links_are_left_out_and_told(server):
     make_site(server, "/home/alice/site", "alice:alice")
     server.symlink("/home/alice/site/img/link", "/etc/passwd")

@@ -5,6 +5,7 @@
 #include "ctl/Session.h"
 #include "ctl/Transfer.h"
 #include "ctl/commands/File.h"
+#include "ctl/home/Beneath.h"
 #include "ctl/screen/Escape.h"
 
 #include <QFile>
@@ -105,13 +106,26 @@ std::optional<int> unlessDone(const Session &session, const Answer &answer, cons
     return settled(session, answer).value_or(kNoConnection);
 }
 
+// Opens a file of the plan. A tenant may have put a link in the place of any folder on the way since: none is followed.
+Fd openFile(const Fd &folder, const QString &path)
+{
+    const QByteArray stored = QFile::encodeName(path);
+    const Fd parent = openBeneath(folder.get(), parentOf(stored));
+    return Fd(parent
+                  ? ::openat(parent.get(), nameOf(stored).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC)
+                  : -1);
+}
+
 std::optional<int> sendFile(Session &session, const QJsonObject &args, const Fd &folder, const Item &item,
                             const QString &to, const QString &what)
 {
-    const Fd source(::openat(folder.get(), QFile::encodeName(item.path).constData(),
-                             O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const Fd source = openFile(folder, item.path);
     if (!source)
         return fail(kRefused, u"%1: %2"_s.arg(item.path, QString::fromLocal8Bit(std::strerror(errno))));
+    // What it is called may be another file by now, and nothing but files is sent.
+    struct stat status = {};
+    if (::fstat(source.get(), &status) != 0 || !S_ISREG(status.st_mode))
+        return fail(kRefused, u"%1 is no file any more"_s.arg(item.path));
     const QString name = transferName();
     const Transferred sent = putIntoTransfer(session, source, name, what);
     if (interrupted())
