@@ -70,6 +70,21 @@ def test_an_account_that_somebody_else_has_made_is_none_of_a_restore(server, uid
         else (1, "corvctl: there is a user alice on this server"))
 
 
+@pytest.mark.parametrize("whole", [True, False])
+def test_one_whose_domain_is_taken_is_told_how_it_gets_another(server, whole):
+    server.write("/etc/apache2/sites-enabled/by-hand.conf", "<VirtualHost *:80>\nServerAlias www.alice.example\n</VirtualHost>\n")
+    taken = ("corvctl: the site by-hand already answers to alice.example or www.alice.example on this server, and Apache would "
+             "serve only one of the two\n")
+    if not whole:
+        assert restore(server, "--from", BACKUP, "--confirm", "alice") == (1, "", f"{taken}  --domain DOMAIN gives it another one\n")
+        return
+    code, _, err = corvctl(server, "--plain", "server", "restore", f"{AUTO}/{BACKUP}", "--confirm", BACKUP)
+    hint = f"  corvctl account restore alice --from {AUTO}/{BACKUP} --domain DOMAIN gives it another one\n"
+    assert code == 1 and taken + hint in err and "--force" not in err
+    assert restore(server, "--from", f"{AUTO}/{BACKUP}", "--domain", "other.example", "--confirm", "no")[2] == (
+        "corvctl: that is not the account's name, so nothing was restored\n")
+
+
 def test_going_on_gives_the_account_no_other_domain(server):
     number = server.add_account("alice", "alice.example")
     journal(server, uid=number)

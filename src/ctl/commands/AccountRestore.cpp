@@ -241,7 +241,8 @@ int restoreOfAccount(Session &session, const Given &given)
     if (!plan)
         return refuse(session, problem, hint);
     plan->isWithoutJobs = given.has("--no-jobs");
-    if (const std::optional<int> end = refuseTaken(session, plan->domain, plan->target, false))
+    if (const std::optional<int> end = refuseTaken(session, plan->domain, plan->target, {},
+                                                   u"--domain DOMAIN gives it another one"_s))
         return *end;
 
     showPlan(session, *plan);

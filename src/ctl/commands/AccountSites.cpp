@@ -36,7 +36,7 @@ QString accountWith(const Session &session, const QString &domain, const QString
 } // namespace
 
 std::optional<int> refuseTaken(const Session &session, const QString &domain, const QString &account,
-                               std::optional<bool> isForced)
+                               std::optional<bool> isForced, const QString &otherwise)
 {
     const QString name = hosting::normalDomain(domain);
     if (session.options.printOnly || name.isEmpty())
@@ -60,8 +60,10 @@ std::optional<int> refuseTaken(const Session &session, const QString &domain, co
         note(sentence);
         return {};
     }
+    const QString hint =
+        isForced ? u"choose another domain; --force takes it all the same"_s : u"choose another domain"_s;
     return refuse(session, sentence + u", and Apache would serve only one of the two"_s,
-                  isForced ? u"choose another domain; --force takes it all the same"_s : u"choose another domain"_s);
+                  otherwise.isEmpty() ? hint : otherwise);
 }
 
 std::optional<int> refuseLong(const Session &session, const QString &domain)

@@ -100,7 +100,9 @@ void showPlan(const Session &session, const QList<Intended> &all, const QString 
 
 void restoreOne(Session &session, const backup::Config &config, const Plan &plan, Outcomes *all)
 {
-    if (refuseTaken(session, plan.domain, plan.target, false)) {
+    const QString otherwise = u"corvctl account restore %1 --from %2 --domain DOMAIN gives it another one"_s.arg(
+        plan.target, plan.source.from);
+    if (refuseTaken(session, plan.domain, plan.target, {}, otherwise)) {
         all->failed.append(plan.target);
         all->open.append(plan.target);
         all->rows.append({text(plan.target), text(u"its domain is taken"_s, Colour::Bad), nothing(), nothing()});
