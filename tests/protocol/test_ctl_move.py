@@ -236,6 +236,24 @@ def test_a_domain_that_was_changed_there_since_it_was_rehearsed(old):
         "it has the domain shop.example here and another there", "its user's comment there tells none that is valid"}
 
 
+def test_a_domain_that_begins_with_www_is_the_accounts_here_too(old):
+    """Creation takes one "www." off whatever it is asked for."""
+    old.writes_down(domain="www.shop.example")
+    code, _, err = corvctl(old.sandbox, "account", "move", "shop", HOST, "--confirm", "shop")
+    assert code == 1 and "making the account here" in err
+    assert "shop:x:" in old.sandbox.read("/etc/passwd") and ":Corvane account,www.shop.example:" in old.sandbox.read("/etc/passwd")
+    old.sandbox.took("hosting.create", {"ok": True})
+    old.sandbox.allows_loose_calls("rsync")
+
+
+def test_what_another_domain_there_is_to_be_called_here_gives_it_that_one(old):
+    uid = old.sandbox.add_account("shop", "shop.example")
+    record = {"account": "shop", "host": HOST, "domain": "shop.example", "uid": uid, "begun": 1, "rehearsed": 0, "done": ["created", "rehearsed"]}
+    old.sandbox.write("/var/lib/corvane/moves/shop.json", json.dumps(record))
+    old.writes_down(domain="www.new.example")
+    assert "corvctl account domain shop www.www.new.example gives it that one here" in plan(old)[1][0]
+
+
 def test_an_answer_of_something_else(old):
     old.shows(username="other")
     assert plan(old) == (3, [], f"corvctl: {HOST}: what answers there does not know that command\n")

@@ -70,6 +70,31 @@ def test_an_account_that_somebody_else_has_made_is_none_of_a_restore(server, uid
         else (1, "corvctl: there is a user alice on this server"))
 
 
+def stored(server, domain):
+    """A backup in which the account has that domain."""
+    server.write(f"{AUTO}/{BACKUP}/manifest.json", json.dumps(
+        {"name": BACKUP, "errors": [], "accounts": [{"username": "alice", "domain": domain}]}))
+
+
+def domain_of(server):
+    return next(line.split(":")[4] for line in server.read("/etc/passwd").splitlines() if line.startswith("alice:"))
+
+
+@pytest.mark.parametrize("domain, words, then", [
+    ("www.alice.example", [], "www.alice.example"),
+    ("alice.example", [], "alice.example"),
+    ("alice.example", ["--domain", "WWW.www.other.example"], "www.other.example"),
+    ("www.alice.example", ["--domain", "www.alice.example"], "alice.example"),
+])
+def test_a_domain_that_begins_with_www_comes_back_as_it_was(server, domain, words, then):
+    stored(server, domain)
+    code, out, err = restore(server, "--from", BACKUP, *words, "--confirm", "alice")
+    assert domain_of(server) == f"Corvane account,{then}", err
+    assert f"Domain\t{then}\n" in out
+    server.took("hosting.create", {"ok": True})
+    server.expected_log += server.log_lines[len(server.expected_log):]
+
+
 @pytest.mark.parametrize("whole", [True, False])
 def test_one_whose_domain_is_taken_is_told_how_it_gets_another(server, whole):
     server.write("/etc/apache2/sites-enabled/by-hand.conf", "<VirtualHost *:80>\nServerAlias www.alice.example\n</VirtualHost>\n")

@@ -52,6 +52,13 @@ def test_runs_the_same_through_ssh(ssh):
     assert ssh.argvs("ssh") == [["ssh", "-T", "--", "admin@web1.example", "corvctl", "proxy"]]
 
 
+def test_a_domain_is_passed_on_as_it_was_typed(ssh):
+    """Over there one "www." is taken off it, and only there."""
+    ssh.answer("ssh", out="alice is at www.x.example now\n")
+    assert corvctl(ssh, "account", "domain", "alice", "www.www.X.example", "-H", "web1") == (0, "alice is at www.x.example now\n", "")
+    assert ssh.argvs("ssh") == [["ssh", "-T", "--", "web1", "corvctl", "account", "domain", "alice", "www.www.X.example"]]
+
+
 def test_a_refusal_over_there_is_one_here(ssh):
     ssh.logs("agent: uid 0 ran quota.set -> failed")
     code, out, err = corvctl(ssh, "call", "quota.set", "-H", "web1")

@@ -1,5 +1,6 @@
 #include "agent/hosting/Database.h"
 #include "common/Account.h"
+#include "common/AskedDomain.h"
 
 #include <QRegularExpression>
 #include <QTest>
@@ -90,6 +91,12 @@ private Q_SLOTS:
         for (const QString &domain :
              {u""_s, u"Example.org"_s, u" example.org"_s, u"example.org\n"_s, u"www."_s, u"example"_s, u"a b.org"_s})
             QVERIFY2(!isStoredDomain(domain), qPrintable(domain));
+    }
+
+    void whatIsAskedForIsStored()
+    {
+        for (const QString &domain : {u"example.org"_s, u"www.example.org"_s, u"www.www.example.org"_s, u"www.org"_s})
+            QCOMPARE(normalDomain(askedDomain(domain)), domain);
     }
 
     void knowsAnSshKey_data()

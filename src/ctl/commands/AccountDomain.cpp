@@ -1,6 +1,7 @@
 #include "ctl/commands/Account.h"
 
 #include "common/Account.h"
+#include "common/AskedDomain.h"
 #include "common/Environment.h"
 #include "common/Json.h"
 #include "common/TimedRun.h"
@@ -42,6 +43,7 @@ QString setComment(const QString &account, const QString &comment)
     return outcome.finished ? u"usermod failed: "_s + errors : u"usermod: cannot start, or took too long"_s;
 }
 
+// The domain as it was typed: what is no part of a name is taken off over there.
 int changeThere(const Session &session, const QString &name, const QString &domain)
 {
     const Distant done =
@@ -64,7 +66,7 @@ std::optional<int> refuseDomain(const Session &session, const QString &name, con
     if (state != "on-line"_L1 && state != "suspended"_L1)
         return refuse(session, u"%1 is neither on-line nor suspended, but: %2"_s.arg(name, state),
                       u"corvctl doctor tells what is wrong with it"_s);
-    return refuseTaken(session, domain, name, {});
+    return refuseTaken(session, hosting::askedDomain(domain), name, {});
 }
 
 } // namespace
@@ -79,15 +81,15 @@ int changeDomain(Session &session, const Given &given)
         return fail(kWrongUsage, u"the domain is changed in the user database, not by one request"_s);
     if (domain.isEmpty())
         return refuse(session, u"that is not a valid domain name"_s);
-    if (const std::optional<int> end = refuseLong(session, domain))
+    if (const std::optional<int> end = refuseLong(session, given.text("DOMAIN")))
         return *end;
     if (!hosting::validUsername(name))
         return refuseNoAccount(session, name);
     if (!session.options.hosts.empty())
-        return changeThere(session, name, domain);
+        return changeThere(session, name, given.text("DOMAIN"));
     if (::geteuid() != 0)
         return fail(kWrongUsage, u"the user database can be changed by root alone"_s,
-                    u"run it as root: sudo corvctl account domain %1 %2"_s.arg(name, domain));
+                    u"run it as root: sudo corvctl account domain %1 %2"_s.arg(name, hosting::askedDomain(domain)));
 
     cleanEnvironment();
     hosting::User user;

@@ -1,4 +1,5 @@
 #include "common/Account.h"
+#include "common/AskedDomain.h"
 #include "common/BackupConfig.h"
 #include "common/Json.h"
 #include "ctl/Command.h"
@@ -241,7 +242,7 @@ int restoreOfAccount(Session &session, const Given &given)
     if (!plan)
         return refuse(session, problem, hint);
     plan->isWithoutJobs = given.has("--no-jobs");
-    if (const std::optional<int> end = refuseTaken(session, plan->domain, plan->target, {},
+    if (const std::optional<int> end = refuseTaken(session, hosting::askedDomain(plan->domain), plan->target, {},
                                                    u"--domain DOMAIN gives it another one"_s))
         return *end;
 

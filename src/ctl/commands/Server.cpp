@@ -1,4 +1,5 @@
 #include "common/Account.h"
+#include "common/AskedDomain.h"
 #include "common/BackupConfig.h"
 #include "common/Json.h"
 #include "common/Paths.h"
@@ -102,7 +103,7 @@ void restoreOne(Session &session, const backup::Config &config, const Plan &plan
 {
     const QString otherwise = u"corvctl account restore %1 --from %2 --domain DOMAIN gives it another one"_s.arg(
         plan.target, plan.source.from);
-    if (refuseTaken(session, plan.domain, plan.target, {}, otherwise)) {
+    if (refuseTaken(session, hosting::askedDomain(plan.domain), plan.target, {}, otherwise)) {
         all->failed.append(plan.target);
         all->open.append(plan.target);
         all->rows.append({text(plan.target), text(u"its domain is taken"_s, Colour::Bad), nothing(), nothing()});

@@ -1,6 +1,7 @@
 #include "ctl/move/Plan.h"
 
 #include "common/Account.h"
+#include "common/AskedDomain.h"
 #include "common/Pool.h"
 #include "common/Quotas.h"
 #include "ctl/doctor/Facts.h"
@@ -103,8 +104,8 @@ QString otherDomain(const QString &account, const QString &there)
     // What is no domain is nothing to be typed.
     if (!hosting::isStoredDomain(there))
         return u"it has the domain %1 here and another there"_s.arg(here);
-    return u"it has the domain %1 here and %2 there; corvctl account domain %3 %2 gives it that one here"_s.arg(
-        here, there, account);
+    return u"it has the domain %1 here and %2 there; corvctl account domain %3 %4 gives it that one here"_s.arg(
+        here, there, account, hosting::askedDomain(there));
 }
 
 } // namespace corv::ctl::moving

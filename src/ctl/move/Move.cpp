@@ -1,6 +1,7 @@
 #include "ctl/move/Move.h"
 
 #include "common/Account.h"
+#include "common/AskedDomain.h"
 #include "ctl/Interrupt.h"
 #include "ctl/RestoreJournal.h"
 #include "ctl/Session.h"
@@ -64,8 +65,8 @@ QString create(Task *task)
     if (!forgetLeft(record.account) || !keepRecord(record))
         return nothingKept();
     task->say(u"making the account here"_s);
-    const Answer answer =
-        ask(task->session, u"hosting.create"_s, {{u"username"_s, record.account}, {u"domain"_s, record.domain}});
+    const Answer answer = ask(task->session, u"hosting.create"_s,
+                              {{u"username"_s, record.account}, {u"domain"_s, hosting::askedDomain(record.domain)}});
     if (!answer.ok()) {
         // What the agent refuses it takes back.
         if (answer.fate == Answer::Fate::Replied)

@@ -53,13 +53,12 @@ std::optional<Plan> planFor(const Source &source, const QString &wantedName, con
     if (journal && isHalfDone(*journal) && journal->account == source.account)
         plan.cutOff = journal;
 
-    plan.domain = wantedDomain;
+    plan.domain = hosting::normalDomain(wantedDomain);
     for (const QString &domain :
          {plan.cutOff ? plan.cutOff->domain : QString(), plan.state ? plan.state->domain : QString(), source.domain}) {
-        if (plan.domain.isEmpty())
-            plan.domain = domain;
+        if (plan.domain.isEmpty() && wantedDomain.isEmpty())
+            plan.domain = hosting::isStoredDomain(domain) ? domain : hosting::normalDomain(domain);
     }
-    plan.domain = hosting::normalDomain(plan.domain);
     if (plan.domain.isEmpty()) {
         *problem = wantedDomain.isEmpty() ? u"nothing tells which domain %1 had"_s.arg(source.account)
                                           : u"that is not a valid domain name"_s;

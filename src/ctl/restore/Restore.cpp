@@ -1,6 +1,7 @@
 #include "ctl/restore/Restore.h"
 
 #include "common/Account.h"
+#include "common/AskedDomain.h"
 #include "common/Fd.h"
 #include "common/Pool.h"
 #include "ctl/Interrupt.h"
@@ -117,8 +118,8 @@ private:
         if (!keepJournal(m_journal))
             return u"nothing can be kept in %1"_s.arg(kJournals);
         m_say(u"making the account %1"_s.arg(target));
-        const Answer answer =
-            ask(m_session, u"hosting.create"_s, {{u"username"_s, target}, {u"domain"_s, m_plan.domain}});
+        const Answer answer = ask(m_session, u"hosting.create"_s,
+                                  {{u"username"_s, target}, {u"domain"_s, hosting::askedDomain(m_plan.domain)}});
         if (!answer.ok()) {
             // What the agent refuses it takes back.
             if (answer.fate == Answer::Fate::Replied)
