@@ -243,11 +243,15 @@ def test_ports_are_opened_and_shut(server):
         ("firewall_rule", {"port": 5001, "state": "absent"}),
         ("firewall_rule", {"port": 5001, "source": "2001:db8::/32", "state": "absent"}),
         ("firewall_rule", {"port": 5002, "state": "absent"}),
+        ("firewall_rule", {"port": 5003, "source": "0.0.0.0/0"}),
+        ("firewall_rule", {"port": 5003, "source": "::/0"}),
+        ("firewall_rule", {"port": 5003, "source": "0.0.0.0/0", "state": "absent"}),
     )
-    assert [one["changed"] for one in found] == [True, True, True, True, True, False]
+    assert [one["changed"] for one in found] == [True, True, True, True, True, False, True, True, True]
     rules = json.loads(host.ok(["corvctl", "--json", "firewall", "status"]))["rules"]
     assert [(rule["to"], rule["from"]) for rule in rules if "5001" in rule["to"]] == [
         ("5001/tcp", "198.51.100.2"), ("5001", "203.0.113.0/24")]
+    assert [(rule["to"], rule["from"]) for rule in rules if "5003" in rule["to"]] == [("5003/tcp (v6)", "Anywhere (v6)")]
 
 
 @pytest.mark.core

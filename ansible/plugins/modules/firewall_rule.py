@@ -73,10 +73,12 @@ def network(text):
     return None if text == "any" else ipaddress.ip_network(text, strict=False)
 
 
-def source_of(rule):
-    """Whom a rule of ufw lets in, in the words of the option: what stands behind a number sign is a comment."""
+def network_of(rule):
+    """The network that a rule of ufw lets in; ValueError where that is none. What stands behind a number sign is a comment."""
     text = rule["from"].split("#")[0].strip()
-    return "any" if text in ("Anywhere", "Anywhere (v6)") else text
+    if text in ("Anywhere", "Anywhere (v6)"):  # each is everybody of one of the two kinds of addresses
+        text = "::/0" if "(v6)" in text + rule["to"] else "0.0.0.0/0"
+    return ipaddress.ip_network(text, strict=False)
 
 
 def matching(rules, port, proto, source):
@@ -87,10 +89,11 @@ def matching(rules, port, proto, source):
         if rule["action"] != "ALLOW IN" or rule["to"] not in (to, f"{to} (v6)"):
             continue
         try:
-            if network(source_of(rule)) == source:
-                found.append(rule)
+            let_in = network_of(rule)
         except ValueError:
             continue  # a name of ufw's, an interface: nothing that this module makes
+        if let_in == source or (source is None and let_in.prefixlen == 0):
+            found.append(rule)
     return found
 
 
