@@ -75,6 +75,77 @@ def ended(load, name, params, corvctl, check=False):
     return end.value.args[0]
 
 
+class Server:
+    """The accounts of a server, and what changes of them was asked for."""
+
+    def __init__(self, *accounts):
+        self.accounts = {account["username"]: {"home": "/home/x", "uid": 1, **account} for account in accounts}
+        self.changes = []
+
+    def __call__(self, *words):
+        if words == ("account", "list"):
+            return {"accounts": list(self.accounts.values())}
+        if words[:2] == ("account", "show"):
+            return self.accounts[words[2]]
+        self.changes.append(words)
+        name, action = words[2], words[1]
+        if action in ("create", "domain"):
+            # As the agent has it: one "www." is taken off whatever it is given.
+            account = self.accounts.setdefault(name, {"username": name, "state": "on-line", "home": "/home/x", "uid": 1})
+            account["domain"] = words[3].removeprefix("www.")
+            return {"dbPassword": "secret", "accessLog": "/log"}
+        if action == "resume" and self.accounts[name].get("left"):
+            return f"{name} has left for another server, which has it now"
+        self.accounts[name]["state"] = {"resume": "on-line", "suspend": "suspended"}[action]
+        return {}
+
+
+def account(load, server, check=False, state="present", domain=None):
+    return ended(load, "account", {"name": "shop", "domain": domain, "state": state}, server, check)
+
+
+@pytest.mark.parametrize("there", [[], [{"username": "shop", "domain": "other.example", "state": "on-line"}]])
+def test_a_domain_that_begins_with_www_is_asked_for_once_and_is_the_accounts(load, there):
+    server = Server(*there)
+    first = account(load, server, domain="www.www.shop.example")
+    assert (first["changed"], first["account"]["domain"]) == (True, "www.shop.example")
+    assert first["diff"]["after"] == {"state": "present", "domain": "www.shop.example"}
+    assert account(load, server, domain="WWW.www.shop.example")["changed"] is False
+    assert len(server.changes) == 1
+
+
+@pytest.mark.parametrize("domain", [None, "new.example"])
+def test_who_has_left_is_refused_before_anything_of_it_is_changed(load, domain):
+    server = Server({"username": "shop", "domain": "shop.example", "state": "suspended", "left": True})
+    said = [account(load, server, check, domain=domain) for check in (True, False)]
+    assert said[0] == said[1]
+    assert said[0]["msg"] == "shop has left for another server, which has it now"
+    assert "corvctl account move shop HOST --back" in said[0]["advice"]
+    assert server.changes == []
+
+
+def test_who_has_left_stays_suspended_and_is_deleted_as_any_other(load):
+    server = Server({"username": "shop", "domain": "shop.example", "state": "suspended", "left": True})
+    assert account(load, server, state="suspended")["changed"] is False
+    assert account(load, server, True, state="absent")["changed"] is True
+
+
+@pytest.mark.parametrize("wanted, had, is_foretold", [
+    ("shop.example", "shop.example", True),
+    ("shop.example", "www.shop.example", True),
+    ("www.www.shop.example", "shop.example", True),
+    ("www.shop.example", "shop.example", True),
+    ("shop.example", "www.www.shop.example", False),
+    ("shop.example", "x.shop.example", False),
+])
+def test_check_mode_tells_of_another_account_that_has_a_name_of_the_site(load, wanted, had, is_foretold):
+    server = Server({"username": "other", "domain": had, "state": "on-line"})
+    end = account(load, server, True, domain=wanted)
+    assert end.get("failed", False) is is_foretold
+    assert ("the account other already answers to" in end.get("msg", "")) is is_foretold
+    assert server.changes == []
+
+
 def rule(number, to, whom):
     return {"number": number, "to": to, "action": "ALLOW IN", "from": whom, "ssh": False}
 

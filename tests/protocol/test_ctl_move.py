@@ -301,6 +301,16 @@ def test_who_has_left_is_not_resumed_by_mistake(left):
     left.sandbox.logs("agent: uid 0 ran hosting.resume -> ok", "agent: uid 0 ran hosting.resume -> ok")
 
 
+def test_who_has_left_is_shown_as_such(left):
+    left.sandbox.start()
+    shown = json.loads(corvctl(left.sandbox, "account", "show", "shop", "--json", start=False)[1])
+    assert shown["left"] is True
+    assert "Left\tfor another server, which has it now\n" in corvctl(left.sandbox, "--plain", "account", "show", "shop", start=False)[1]
+    left.sandbox.path("/var/lib/corvane/moves/shop.left").unlink()
+    assert "left" not in json.loads(corvctl(left.sandbox, "account", "show", "shop", "--json", start=False)[1])
+    left.sandbox.logs(*["agent: uid 0 ran hosting.getKeys -> ok", "agent: uid 0 ran backup.status -> ok"] * 3)
+
+
 def test_who_has_not_left_does_not_come_back(old):
     refused = (1, "", "corvctl: shop has not left this server\n")
     assert corvctl(old.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == refused

@@ -20,7 +20,7 @@ options:
     required: true
   domain:
     description:
-      - The domain of the account's site. Capitals and a leading C(www.) make no difference.
+      - The domain of the account's site. Capitals and one leading C(www.) make no difference.
       - It is needed to make the account. An account that has another domain is given this one.
     type: str
   state:
@@ -110,16 +110,27 @@ WORDS = {"on-line": "present", "suspended": "suspended"}
 
 
 def make(corvctl, name, domain, result):
-    """Makes the account, and keeps what is told of it only now."""
+    """Makes the account, and keeps what is told of it only now. The domain is as it was given: corvctl makes it plain."""
     reply = corvctl.ask("account", "create", name, domain)
     result["db_password"] = reply["dbPassword"]
     result["access_log"] = reply["accessLog"]
 
 
+def refuse_left(module, account):
+    """Ends a run that would put an account on-line that another server has, before anything of it is changed."""
+    name = module.params["name"]
+    if account.get("left"):
+        module.fail_json(msg=f"{name} has left for another server, which has it now",
+                         advice=f"corvctl account move {name} HOST --back, HOST being that one, brings it back with what has changed "
+                                f"there; corvctl account resume {name} --left resumes what is here")
+
+
 def foretell_refusal(module, corvctl, domain):
-    """Ends a run in check mode where another account has the domain; otherwise corvctl itself refuses, and knows more sites."""
+    """Ends a run in check mode where a name of the domain's site is one of another account's; otherwise corvctl itself refuses,
+    and knows other sites as well."""
+    names = {domain, f"www.{domain}"}
     for other in corvctl.ask("account", "list")["accounts"]:
-        if other["domain"] == domain and other["username"] != module.params["name"]:
+        if not names.isdisjoint((other["domain"], f"www.{other['domain']}")) and other["username"] != module.params["name"]:
             module.fail_json(msg=f"the account {other['username']} already answers to {domain} or www.{domain} on this server, and "
                                  "Apache would serve only one of the two")
 
@@ -132,10 +143,10 @@ def settle(module, corvctl, before, after, result):
         return
     state = before["state"]
     if state == "absent":
-        make(corvctl, name, after["domain"], result)
+        make(corvctl, name, module.params["domain"], result)
         state = "present"
     elif before["domain"] != after["domain"]:
-        corvctl.ask("account", "domain", name, after["domain"])
+        corvctl.ask("account", "domain", name, module.params["domain"])
     if state != after["state"]:
         corvctl.ask("account", "resume" if after["state"] == "present" else "suspend", name)
 
@@ -163,6 +174,8 @@ def main():
             module.fail_json(msg=f"there is no account {name}, and a domain is needed to make it")
         after = {"state": state, "domain": domain or before["domain"]}
 
+    if account and state == "present" and before["state"] != "present":
+        refuse_left(module, account)
     if module.check_mode and after.get("domain") not in (None, before.get("domain")):
         foretell_refusal(module, corvctl, after["domain"])
     result = {"changed": before != after, "diff": {"before": before, "after": after}}

@@ -15,6 +15,7 @@
 #include "ctl/doctor/Forwards.h"
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/https/View.h"
+#include "ctl/move/Journal.h"
 #include "ctl/remote/Remote.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
@@ -103,6 +104,8 @@ void addSecrets(const Options &options, const hosting::User &user, QJsonObject *
         if (forward.account == user.name)
             account->insert(u"movedTo"_s, forward.address);
     }
+    if (moving::hasLeft(user.name))
+        account->insert(u"left"_s, true);
     QJsonObject certificate = account->value("certificate"_L1).toObject();
     if (!certificate.isEmpty()) {
         if (const std::optional<qint64> end = certificateEnd(certificate.value("file"_L1).toString()))
@@ -234,6 +237,8 @@ void show(const Session &session, const QJsonObject &account)
         facts.append(
             {u"HTTPS"_s, text(https.value("state"_L1).toString() + (remark.isEmpty() ? remark : u": "_s + remark))});
     }
+    if (account.value("left"_L1).toBool())
+        facts.append({u"Left"_s, text(u"for another server, which has it now"_s, Colour::Warning)});
     if (account.contains("movedTo"_L1))
         facts.append({u"Moved to"_s, text(account.value("movedTo"_L1).toString(), Colour::Warning)});
     for (const auto &site : account.value("sitesBeside"_L1).toArray())
