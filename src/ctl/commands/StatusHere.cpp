@@ -8,6 +8,7 @@
 #include "ctl/doctor/Https.h"
 #include "ctl/doctor/Offsite.h"
 #include "ctl/doctor/Services.h"
+#include "ctl/doctor/SiteAddresses.h"
 #include "ctl/doctor/SiteFacts.h"
 #include "ctl/doctor/Updates.h"
 #include "ctl/doctor/Visitors.h"
@@ -186,6 +187,16 @@ void addHttps(qint64 now, QList<StatusLine> *lines)
         {u"HTTPS"_s, u"%1 of %2 sites have a certificate%3"_s.arg(served).arg(sites.size()).arg(ends), false});
 }
 
+// Sites that visitors get in the place of those that were asked for, which a visit from the server itself does not
+// show.
+void addAddresses(QList<StatusLine> *lines)
+{
+    for (const Finding &finding : checkAddresses(readSites(), outerAddresses(), readHttps().has_value())) {
+        if (finding.level == Level::Fault)
+            lines->append({u"Sites"_s, finding.problem, true});
+    }
+}
+
 void addAutomatic(const Replies &replies, QList<StatusLine> *lines)
 {
     if (!replies.value("updates.status"_L1).toObject().value("automatic"_L1).toBool())
@@ -205,6 +216,7 @@ void addFailures(qint64 now, QList<StatusLine> *lines)
 QJsonArray linesHere(const Session &session, const Replies &replies, qint64 now)
 {
     QList<StatusLine> lines;
+    addAddresses(&lines);
     addAutomatic(replies, &lines);
     addOffsite(session, now, &lines);
     addHttps(now, &lines);
@@ -273,7 +285,6 @@ QJsonObject readHere(const Session &session, const Replies &replies, qint64 now)
 
 void addHere(const QJsonObject &here, const QString &newest, QList<StatusLine> *lines)
 {
-    addLines(here.value(kLines).toArray(), lines);
     addVerdict(here.value(kBackup).toObject(), newest, lines);
     if (here.isEmpty()) {
         StatusLine &sites = lineOf(u"Sites"_s, lines);
@@ -293,6 +304,7 @@ void addHere(const QJsonObject &here, const QString &newest, QList<StatusLine> *
     const auto accounts = std::find_if(lines->cbegin(), lines->cend(),
                                        [](const StatusLine &line) { return line.topic == "Accounts"_L1; });
     lines->insert(std::min(accounts - lines->cbegin() + 1, lines->size()), sitesLine(here.value("sites"_L1).toArray()));
+    addLines(here.value(kLines).toArray(), lines);
 }
 
 } // namespace corv::ctl
