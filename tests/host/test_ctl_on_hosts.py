@@ -376,6 +376,47 @@ def test_notes_what_may_be_meant(well):
 
 
 @pytest.mark.core
+@pytest.mark.parametrize("names", ["ServerName other.example", "ServerName @.example", "ServerName x.example\\nServerAlias *.example"],
+                         ids=["another name", "the account's name", "a pattern"])
+def test_a_site_that_takes_the_visitors_of_one_address_is_a_fault(well, names):
+    """Apache asks no site with * where one has the address, whatever the names: not even a visit from the server shows it."""
+    name = well.tenant.name
+    sh(well, f"mkdir -p /var/www/other; echo taken >/var/www/other/index.html; echo own >/home/{name}/public_html/index.html; "
+             + site("other", "DocumentRoot /var/www/other")
+             + f"; sed -i 's/[*]:80/{ADDRESS}:80/; s/ServerName .*/{names.replace('@', name)}/' {SITES}/other.conf; "
+             "systemctl reload apache2")
+    well.wait_for(lambda: well.fetch(f"{name}.example").body == "taken\n", "the site on the address")
+    problem = f"the site other takes all visitors of {ADDRESS} on port 80, those of the accounts too: an address goes before *; " \
+              "*:80 there shares them by name"
+    code, found, _ = examine(well)
+    both = [problem for problem in found if problem.startswith(f"the sites other and corv-{name} both answer to ")]
+    assert (code, found) == (1, [problem, *both])
+    assert len(both) == (0 if "other.example" in names else 1)
+    status = well.run(["corvctl", "status", "--plain"]).out
+    assert f"sites\tattention\t{problem}\n" in status
+    sh(well, f"sed -i 's/{ADDRESS}:80/*:80/; s/Server.*/ServerName other.example/' {SITES}/other.conf; systemctl reload apache2")
+    well.wait_for(lambda: well.fetch(f"{name}.example").body == "own\n", "the account's site")
+    assert examine(well) == (0, [], [])
+    sh(well, REMOVE.format("other") + f"; rm -r /var/www/other /home/{name}/public_html/index.html")
+
+
+def test_a_site_on_the_loopback_address_hides_no_other_from_the_doctor(well):
+    """It is noted, for the sake of a proxy; the accounts' sites are asked by another address, and what is wrong is seen."""
+    name = well.tenant.name
+    sh(well, site("inner", "Redirect 404 /") + f"; sed -i 's/[*]:80/127.0.0.1:80/' {SITES}/inner.conf; systemctl reload apache2; "
+             + PAGE.replace("@", name) + f"; mv /run/php/corv-{name}.sock /run/php/aside.sock; touch /run/php/corv-{name}.sock")
+    code, found, _ = examine(well)
+    note = "the site inner takes all that comes to 127.0.0.1 on port 80; a proxy on this server that asks there does not reach " \
+           "the accounts' sites"
+    assert (code, found) == (1, [note, f"visitors of {name}.example see 503 Service Unavailable"])
+    assert f"503 Service Unavailable: {name}.example (" in well.run(["corvctl", "status", "--plain"]).out
+    sh(well, f"mv /run/php/aside.sock /run/php/corv-{name}.sock; rm /home/{name}/public_html/index.php")
+    assert examine(well)[:2] == (0, [note])
+    sh(well, REMOVE.format("inner"))
+    assert examine(well) == (0, [], [])
+
+
+@pytest.mark.core
 def test_shows_on_one_screen_how_the_server_is(well):
     done = well.run(["corvctl", "status"])
     assert (done.code, done.err) == (0, "")

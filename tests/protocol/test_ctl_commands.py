@@ -482,6 +482,39 @@ def test_an_address_that_nobody_should_ban_is_refused(server, address, complaint
         assert (code, out, err) == (1, "", f"corvctl: {complaint}\n")
 
 
+def reach(box):
+    """The box by an ssh that goes no further."""
+    box.answer("ssh", shell='shift 3; exec "$@"')
+    box.allows_loose_calls("ssh")
+
+
+def test_what_the_ban_over_there_comes_to_is_told_here(server):
+    reach(server)
+    banned = json.loads(corvctl(server, "--json", "-H", "web1", "ban", "add", "203.0.113.7")[1])
+    assert (banned["ok"], banned["running"]) == (True, True)
+    server.write("/etc/corvane/hosts", "[web]\nweb1\n")
+    code, out, err = corvctl(server, "--json", "-H", "@web", "ban", "add", "203.0.113.7")
+    assert (code, json.loads(out), err) == (0, {"host": "web1", "reply": banned}, "1 hosts: 1 done\n")
+    assert corvctl(server, "-H", "web1", "ban", "add", "203.0.113.7") == (
+        0, "203.0.113.7 is banned by the jail sshd already\n", "")
+    declare(server, ["fail2ban.status"] * 3)
+
+
+def test_a_ban_that_is_refused_over_there_is_refused_here(server):
+    reach(server)
+    complaint = "fail2ban has no jail nosuch"
+    for host in ([], ["-H", "web1"]):
+        code, out, err = corvctl(server, *host, "ban", "add", "203.0.113.7", "--jail", "nosuch")
+        assert (code, out, complaint in err) == (1, "", True)
+        code, out, err = corvctl(server, "--json", *host, "ban", "add", "203.0.113.7", "--jail", "nosuch")
+        assert (code, json.loads(out)) == (1, {"ok": False, "error": complaint})
+    server.write("/etc/corvane/hosts", "[web]\nweb1\n")
+    code, out, err = corvctl(server, "--json", "-H", "@web", "ban", "add", "203.0.113.7", "--jail", "nosuch")
+    assert (code, json.loads(out), err) == (
+        1, {"host": "web1", "reply": {"ok": False, "error": complaint}}, "1 hosts: 1 refused or at fault (web1)\n")
+    declare(server, ["fail2ban.status"] * 5)
+
+
 # Accounts that are gone
 
 
@@ -591,6 +624,34 @@ def test_a_domain_that_cannot_be_had_changes_nothing(tenant, domain, complaint):
     if complaint is not None:
         assert err == f"corvctl: {complaint}\n"
     assert (comment(tenant), tenant.read(SITE)) == ("Corvane account,old.example", before)
+
+
+def test_a_domain_that_cannot_be_had_over_there_is_refused_here(tenant):
+    reach(tenant)
+    tenant.write("/etc/apache2/sites-enabled/by-hand.conf", "<VirtualHost *:80>\nServerAlias www.taken.example\n</VirtualHost>\n")
+    complaint = "by-hand already answers to taken.example"
+    code, out, err = corvctl(tenant, "-H", "web1", "account", "domain", "alice", "taken.example", start=False)
+    assert (code, out, complaint in err) == (1, "", True)
+    code, out, err = corvctl(tenant, "--json", "-H", "web1", "account", "domain", "alice", "taken.example", start=False)
+    assert (code, json.loads(out)["ok"], complaint in json.loads(out)["error"]) == (1, False, True)
+    tenant.write("/etc/corvane/hosts", "[web]\nweb1\n")
+    code, out, err = corvctl(tenant, "-H", "@web", "account", "domain", "alice", "taken.example", start=False)
+    assert (code, err.splitlines()[-1]) == (1, "1 hosts: 1 refused or at fault (web1)")
+
+
+def test_a_new_domain_over_there_is_told_as_a_reply(tenant):
+    reach(tenant)
+    assert corvctl(tenant, "--json", "-H", "web1", "account", "domain", "alice", "new.example") == (0, '{"ok":true}\n', "")
+    assert comment(tenant) == "Corvane account,new.example"
+    declare(tenant, ["ping", "hosting.resume"])
+
+
+@pytest.mark.parametrize("ended, status", [(1, 1), (2, 2), (4, 4), (3, 3), (127, 3), (255, 3), (137, 3)])
+def test_a_command_over_there_ends_here_as_there_where_it_was_reached(tenant, ended, status):
+    tenant.answer("ssh", ignore_input=True, exit=ended, err="words\n")
+    for command in (["account", "domain", "alice", "new.example"], ["ban", "add", "203.0.113.7"], ["account", "list"],
+                    ["account", "show", "alice"], ["notify", "test"], ["backup", "verify"], ["doctor"]):
+        assert corvctl(tenant, "-H", "web1", *command, start=False)[:2] == (status, ""), command
 
 
 def test_a_domain_too_long_for_the_names_of_logs_is_given_to_nobody(tenant):

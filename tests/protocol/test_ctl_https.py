@@ -108,10 +108,14 @@ def test_tells_how_https_is_doing(server):
                      "Rehearsal": "before each reload", "It took": "217 ms"}
 
 
-def test_the_servers_status_tells_of_certificates_and_of_what_is_wrong_with_them(server):
+@pytest.mark.parametrize("host", [[], ["-H", "web1"]])
+def test_the_servers_status_tells_of_certificates_and_of_what_is_wrong_with_them(server, host):
+    server.answer("ssh", shell='shift 3; exec "$@"')
+    server.allows_loose_calls("ssh")
+
     def https():
-        said = corvctl(server, "--plain", "status")[1]
-        server.logs(*(f"agent: uid 0 ran {command} -> ok" for command in STATUS))
+        said = corvctl(server, "--plain", *host, "status")[1]
+        server.logs(*(f"agent: uid 0 ran {command} -> ok" for command in STATUS * (2 if host else 1)))
         return [line.split("\t")[1:] for line in said.splitlines() if line.startswith("https\t")]
 
     first = json.loads(corvctl(server, "--json", "https", "status", start=False)[1])["nextEnd"]

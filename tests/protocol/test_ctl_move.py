@@ -192,15 +192,15 @@ def test_what_a_tenant_has_put_into_his_state_is_not_taken_for_it(old):
     assert code == 1 and "\x1b" not in out
 
 
-@pytest.mark.parametrize("answer, end", [
-    ({"exit": 1, "err": "corvctl: no Corvane account named 'shop'\n"}, "corvctl: no Corvane account named 'shop'"),
-    ({"exit": 255, "err": "ssh: connect to host web1.example port 22: No route to host\n"},
+@pytest.mark.parametrize("answer, code, end", [
+    ({"exit": 1, "err": "corvctl: no Corvane account named 'shop'\n"}, 1, "corvctl: no Corvane account named 'shop'"),
+    ({"exit": 255, "err": "ssh: connect to host web1.example port 22: No route to host\n"}, 3,
      "ssh: connect to host web1.example port 22: No route to host"),
-    ({"exit": 127}, "corvctl is not installed there"),
+    ({"exit": 127}, 3, "corvctl is not installed there"),
 ])
-def test_another_server_that_does_not_tell(old, answer, end):
+def test_another_server_that_does_not_tell(old, answer, code, end):
     old.shows(**answer)
-    assert plan(old) == (3, [], f"corvctl: {HOST}: {end}\n")
+    assert plan(old) == (code, [], f"corvctl: {HOST}: {end}\n")
     assert len(old.sandbox.calls("ssh")) == 1
 
 

@@ -207,19 +207,23 @@ def test_json_of_a_refusal_has_its_host(ssh):
 
 
 def test_status_of_several_hosts_is_a_line_each_with_the_worst_first(ssh):
-    replies = {host: status_replies(count) for host, count in (("web1", 0), ("web2", 1), ("web3", 2))}
+    replies = {host: status_replies(count) for host, count in (("web1", 0), ("web2", 1), ("web3", 2), ("web5", 0))}
+    told = json.dumps({"here": {"services": [], "sites": [], "suspended": [], "lines": []}})
     with FakeAgent(ssh, lambda connection: answer_status(connection, replies)):
         ssh.answer("ssh", shell='host=$3; shift 3; [ "$2" = account ] && { echo \'{"ok":true,"accounts":[]}\'; exit; }; '
-                                '[ "$2" = status ] && { echo \'{"ok":true}\'; exit; }; '
+                                '[ "$host $2" = "web5 status" ] && exit 1; '
+                                f'[ "$2" = status ] && {{ echo \'{told}\'; exit; }}; '
                                 f'{{ echo "$host"; cat; }} | "$@" --socket {FAKE_SOCKET}')
         ssh.answer("ssh", "-T", "--", "web4", ..., ignore_input=True, exit=255, err="ssh: no route\n")
-        code, out, err = corvctl(ssh, "status", *(word for number in range(1, 5) for word in ("-H", f"web{number}")))
-    assert (code, err) == (3, "4 hosts: 3 done, 1 no connection (web4)\n")
+        code, out, err = corvctl(ssh, "status", *(word for number in range(1, 6) for word in ("-H", f"web{number}")))
+    assert (code, err) == (3, "5 hosts: 4 done, 1 no connection (web4)\n")
     assert out == """\
 HOST  STATE          WHAT
 web4  no connection  web4: ssh: no route
 web3  2 places       disks: /a: 1.0 KiB of 1.0 MiB free; disks: /b: 1.0 KiB of 1.0 MiB free
 web2  1 place        disks: /a: 1.0 KiB of 1.0 MiB free
+web5  not all told   sites: what their visitors see is known on the server alone; not told: automatic updates, verified \
+backups, off-site copies, certificates, failed services: known on the server alone
 web1  well           
 """
 

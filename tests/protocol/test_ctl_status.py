@@ -2,6 +2,7 @@
 
 import contextlib
 import json
+import os
 import socket
 import threading
 import time
@@ -113,7 +114,7 @@ def test_gives_all_replies_as_they_are(server):
     assert out.count("\n") == 1
     replies = json.loads(out)
     assert replies.pop("here") == {
-        "services": [{"active": True, "name": "php8.2-fpm", "state": "running"}], "sites": [], "suspended": []}
+        "services": [{"active": True, "name": "php8.2-fpm", "state": "running"}], "sites": [], "suspended": [], "lines": []}
     assert sorted(replies) == sorted(COMMANDS)
     assert replies["services.status"] == server.request("services.status")
 
@@ -194,3 +195,85 @@ def test_knows_a_suspended_site_by_its_word(server):
     server.request("hosting.suspend", username="bobby")
     found = status(server)
     assert found["accounts"] == [("ok", "2, 1 suspended (bobby)")]
+
+
+# What the server itself knows, told to whoever asks from elsewhere
+
+# What ssh does with its words: -T -- HOST COMMAND...
+SSH = 'shift 3; exec "$@"'
+TROUBLE = {
+    "updates": [("ok", "none, automatic"),
+                ("attention", "automatic security updates are on, but nothing installs them: there is no package "
+                              "unattended-upgrades: apt-get install -y unattended-upgrades")],
+    "off-site": [("attention", "nothing has been copied off-site yet")],
+    "failed": [("attention", "corv-offsite.service failed 2 d 0 h ago and has not succeeded since; "
+                             "journalctl -u corv-offsite.service says why"),
+               ("attention", "corv-prove.service failed 2 d 0 h ago and has not succeeded since; "
+                             "journalctl -u corv-prove.service says why")],
+}
+
+
+@pytest.fixture
+def over_there(server):
+    """The server, reached by an ssh that goes no further: what is asked of it twice is logged twice."""
+    server.answer("ssh", shell=SSH)
+    server.allows_loose_calls("ssh")
+    return server
+
+
+def make_trouble(server):
+    """What no request tells of: switched on and dead, not copied, not whole, failed."""
+    server.answer("dpkg-query", "-W", "*", "unattended-upgrades", exit=1, err="dpkg-query: no packages found\n")
+    server.settings("[offsite]\nrepository=/srv/place\n")
+    for unit in ("corv-offsite", "corv-prove"):
+        server.write(f"/var/lib/corvane/failures/{unit}.service", "failed\n")
+        os.utime(server.path(f"/var/lib/corvane/failures/{unit}.service"), (time.time() - 2 * 86_400 - 60,) * 2)
+    name = os.listdir(server.path(BACKUPS))[0]
+    verdict = {"backup": name, "checked": int(time.time()),
+               "files": [{"file": "panel.dump", "bytes": 1, "checked": int(time.time()), "fault": "is empty\x1b"}]}
+    server.write(f"{BACKUPS}/{name}.verified.json", json.dumps(verdict))
+
+
+@pytest.mark.parametrize("host", [[], ["-H", "web1"]])
+def test_what_the_server_alone_knows_is_told_there_and_from_elsewhere(over_there, host):
+    make_trouble(over_there)
+    found = status(over_there, *host, commands=COMMANDS * (2 if host else 1))
+    assert {topic: found.get(topic) for topic in TROUBLE} == TROUBLE
+    assert [state for state, _ in found["backup"]] == ["attention"] * 2
+    assert found["backup"][0][1].endswith(", no errors, not whole")
+    assert found["backup"][1][1] == r"panel.dump is empty\x1b"
+    assert "not told" not in found
+
+
+def test_a_verified_backup_is_called_so_from_elsewhere_too(over_there):
+    name = os.listdir(over_there.path(BACKUPS))[0]
+    over_there.write(f"{BACKUPS}/{name}.verified.json", json.dumps({"backup": name, "checked": 1, "files": []}))
+    (state, text), = status(over_there, "-H", "web1", commands=COMMANDS * 2)["backup"]
+    assert (state, text.endswith(", no errors, verified")) == ("ok", True)
+
+
+def test_a_group_is_told_of_it_in_a_line(over_there):
+    make_trouble(over_there)
+    over_there.logs(*(f"agent: uid 0 ran {command} -> ok" for command in COMMANDS * 2))
+    over_there.write("/etc/corvane/hosts", "[web]\nweb1\n")
+    code, out, err = corvctl(over_there, "-H", "@web", "--plain", "status")
+    assert (code, err) == (0, "1 hosts: 1 done\n")
+    host, state, what = out.rstrip("\n").split("\t")
+    assert (host, state) == ("web1", "6 places")
+    for topic, lines in TROUBLE.items():
+        for line in lines:
+            assert (f"{topic}: {line[1]}" in what) == (line[0] == "attention")
+
+
+@pytest.mark.parametrize("told, why", [
+    ({"services": [], "sites": [], "suspended": []}, "the corvctl there is older"), (None, "known on the server alone")])
+def test_what_is_not_told_from_there_is_not_called_well(over_there, told, why):
+    """One that is older, and a key that is good for the agent alone."""
+    said = json.dumps({"here": told}) if told else ""
+    over_there.answer("ssh", "-T", "--", "web1", "corvctl", "status", "--json", ignore_input=True, out=said)
+    found = status(over_there, "-H", "web1")
+    assert found["not told"] == [(
+        "unknown", f"automatic updates, verified backups, off-site copies, certificates, failed services: {why}")]
+    assert ("sites" in found and found["sites"][0][0] == "unknown") == (told is None)
+    over_there.logs(*(f"agent: uid 0 ran {command} -> ok" for command in COMMANDS))
+    assert corvctl(over_there, "-H", "web1", "status")[1].startswith("sandbox is well as far as it tells\n")

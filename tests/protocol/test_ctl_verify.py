@@ -134,3 +134,30 @@ def test_the_list_tells_of_it(server):
     assert (code, err) == (0, "")
     assert said[NAME]["faults"] == [] and said[OTHER]["faults"] == ["config.tar.gz is empty"]
     server.took("backup.status", {"ok": True})
+
+
+@pytest.mark.parametrize("answer, why", [
+    (None, f"the backup {NAME} was found whole already"), ("none", "there is no backup in /srv/disk/auto"),
+    ('{"ok":true,"files":[]}', "the newest backup there was found whole already, or there is none")])
+def test_nothing_is_due_over_there(server, answer, why):
+    server.answer("ssh", shell='shift 3; exec "$@"')
+    if answer is None:
+        assert verify(server)[0] == 0
+    elif answer == "none":
+        for name in (NAME, OTHER):
+            server.path(f"{DISK}/{name}").rename(server.path(f"/root/{name}"))
+    else:
+        server.answer("ssh", ignore_input=True, out=answer + "\n")
+    assert corvctl(server, "-H", "web1", "backup", "verify", "--due", start=False) == (0, f"nothing is due: {why}\n", "")
+    code, out, err = corvctl(server, "-H", "web1", "--json", "backup", "verify", "--due", start=False)
+    assert (code, json.loads(out), err) == (0, {"ok": True, "files": [], "why": why}, "")
+
+
+def test_what_is_found_over_there_is_told_as_it_is_here(server):
+    here = verify(server, OTHER)
+    kept = server.read(f"{DISK}/{OTHER}.verified.json")
+    server.answer("ssh", ignore_input=True, out=kept)
+    assert corvctl(server, "-H", "web1", "backup", "verify", OTHER, start=False) == here
+    server.answer("ssh", shell='shift 3; exec "$@"')
+    code, out, err = corvctl(server, "-H", "web1", "backup", "verify", "2026-01-01_000000", start=False)
+    assert (code, out, "there is no backup 2026-01-01_000000" in err) == (1, "", True)

@@ -1,5 +1,6 @@
 #include "common/Fd.h"
 #include "common/Site.h"
+#include "ctl/doctor/SiteAddresses.h"
 #include "ctl/doctor/Sites.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/doctor/Visits.h"
@@ -154,11 +155,12 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("opening");
         QTest::addColumn<QStringList>("listens");
-        QTest::newRow("without port") << QByteArray("*") << QStringList{u"*:80"_s};
+        QTest::newRow("without port") << QByteArray("*") << QStringList{u"*:80"_s, u"*:443"_s};
+        QTest::newRow("each port") << QByteArray("192.0.2.1:*") << QStringList{u"192.0.2.1:80"_s, u"192.0.2.1:443"_s};
         QTest::newRow("default") << QByteArray("_default_:80") << QStringList{u"*:80"_s};
         QTest::newRow("two") << QByteArray("192.0.2.1:8080 [2001:db8::1]:8080")
                              << QStringList{u"192.0.2.1:8080"_s, u"[2001:db8::1]:8080"_s};
-        QTest::newRow("IPv6 without port") << QByteArray("[::1]") << QStringList{u"[::1]:80"_s};
+        QTest::newRow("IPv6 without port") << QByteArray("[::1]") << QStringList{u"[::1]:80"_s, u"[::1]:443"_s};
     }
     void readsWhereAHostListens()
     {
@@ -269,6 +271,93 @@ private Q_SLOTS:
             asText(found),
             QStringList{u"note|the site corv-alice-le-ssl serves the home or name of the account alice too; suspending "
                         "or deleting it leaves that site on line|apache2ctl -S"_s});
+    }
+
+    void findsASiteThatTakesTheVisitorsOfAllOthers_data()
+    {
+        QTest::addColumn<QByteArray>("opening");
+        QTest::addColumn<bool>("isHttpsOn");
+        QTest::addColumn<QStringList>("found");
+        const QString takes =
+            u"fault|the site other takes all visitors of %1 on port %2, those of the accounts too: an "
+            "address goes before *; *:%2 there shares them by name|editor "
+            "/etc/apache2/sites-enabled/other.conf && systemctl reload apache2"_s;
+        const QString loopback =
+            u"note|the site other takes all that comes to %1 on port 80; a proxy on this server that "
+            "asks there does not reach the accounts' sites|apache2ctl -S"_s;
+        const QStringList none;
+        QTest::newRow("an address") << QByteArray("203.0.113.5:80") << false
+                                    << QStringList{takes.arg(u"203.0.113.5"_s, u"80"_s)};
+        QTest::newRow("IPv6, written otherwise")
+            << QByteArray("[2001:DB8:0:0::5]:80") << false << QStringList{takes.arg(u"2001:db8::5"_s, u"80"_s)};
+        QTest::newRow("twice") << QByteArray("203.0.113.5:80 203.0.113.5:80") << false
+                               << QStringList{takes.arg(u"203.0.113.5"_s, u"80"_s)};
+        QTest::newRow("one of many") << QByteArray("*:80 203.0.113.5:80") << false
+                                     << QStringList{takes.arg(u"203.0.113.5"_s, u"80"_s)};
+        QTest::newRow("without a port") << QByteArray("203.0.113.5") << false
+                                        << QStringList{takes.arg(u"203.0.113.5"_s, u"80"_s)};
+        QTest::newRow("without a port, and HTTPS")
+            << QByteArray("203.0.113.5") << true
+            << QStringList{takes.arg(u"203.0.113.5"_s, u"80"_s), takes.arg(u"203.0.113.5"_s, u"443"_s)};
+        QTest::newRow("all") << QByteArray("*:80") << false << none;
+        QTest::newRow("all, written otherwise") << QByteArray("0.0.0.0:80 [::]:80 _default_:80") << false << none;
+        QTest::newRow("another port") << QByteArray("203.0.113.5:8080") << false << none;
+        QTest::newRow("HTTPS, which accounts have not") << QByteArray("203.0.113.5:443") << false << none;
+        QTest::newRow("HTTPS, which accounts have")
+            << QByteArray("203.0.113.5:443") << true << QStringList{takes.arg(u"203.0.113.5"_s, u"443"_s)};
+        QTest::newRow("another server's address") << QByteArray("203.0.113.6:80") << false << none;
+        QTest::newRow("loopback") << QByteArray("127.0.0.1:80") << false << QStringList{loopback.arg(u"127.0.0.1"_s)};
+        QTest::newRow("IPv6 loopback") << QByteArray("[::1]:80") << false << QStringList{loopback.arg(u"::1"_s)};
+        QTest::newRow("a name")
+            << QByteArray("web1.example:80") << false
+            << QStringList{u"note|the site other is at web1.example, a name whose address Apache asks for when it "
+                           "starts; where that is this server's, it takes the accounts' visitors on port 80|editor "
+                           "/etc/apache2/sites-enabled/other.conf && systemctl reload apache2"_s};
+    }
+    void findsASiteThatTakesTheVisitorsOfAllOthers()
+    {
+        QFETCH(QByteArray, opening);
+        QFETCH(bool, isHttpsOn);
+        const QList<VirtualHost> other =
+            parseSite(u"other"_s, "<VirtualHost " + opening + ">\nServerName other.example\n</VirtualHost>");
+        const QStringList own = {u"203.0.113.5"_s, u"2001:db8::5"_s};
+        QTEST(asText(checkAddresses(siteOf(u"alice"_s, u"example.org"_s) + other, own, isHttpsOn)), "found");
+        // Without accounts it is nobody's affair.
+        QCOMPARE(asText(checkAddresses(other, own, isHttpsOn)), QStringList());
+    }
+
+    void findsNamesThatAnAddressHides()
+    {
+        const QList<VirtualHost> own = siteOf(u"alice"_s, u"example.org"_s);
+        const QList<AccountSite> accounts = {{u"alice"_s, u"example.org"_s, false}};
+        const auto found = [&](const QByteArray &text, const QStringList &addresses) {
+            return asText(checkSites(own + parseSite(u"zz"_s, text), accounts, {u"alice"_s}, addresses));
+        };
+        const QString both = u"fault|the sites zz and corv-alice both answer to %1; visitors get those of zz|grep -inE "
+                             "'Server(Name|Alias)' /etc/apache2/sites-enabled/zz.conf "
+                             "/etc/apache2/sites-enabled/corv-alice.conf"_s;
+        // Behind the account's own by its file's name, and before it by its address.
+        const QByteArray name = "<VirtualHost 203.0.113.5:80>\nServerName example.org\n</VirtualHost>";
+        QCOMPARE(found(name, {u"203.0.113.5"_s}), QStringList{both.arg(u"example.org"_s)});
+        const QByteArray pattern =
+            "<VirtualHost 203.0.113.5:80>\nServerName x.example\nServerAlias *.org\n</VirtualHost>";
+        QCOMPARE(found(pattern, {u"203.0.113.5"_s}), QStringList{both.arg(u"example.org, www.example.org"_s)});
+        // Where no visitor comes, nothing is hidden.
+        QCOMPARE(found(pattern, {}), QStringList());
+        QVERIFY(found(name, {}).join(u' ').startsWith("note|the site zz serves the home or name"_L1));
+    }
+
+    void asksTheSitesOfAllAddressesWhereNoOtherOneAnswers()
+    {
+        const QList<VirtualHost> own = siteOf(u"alice"_s, u"example.org"_s);
+        const auto visited = [](const QList<VirtualHost> &hosts) { return visitsTo(hosts).constFirst().address; };
+        QCOMPARE(visited(own), u"127.0.0.1"_s);
+        QCOMPARE(visited(own + parseSite(u"a"_s, "<VirtualHost 127.0.0.1:80 127.0.0.2:80>\n</VirtualHost>")),
+                 u"127.0.0.3"_s);
+        // Of those that are asked alone, too.
+        const QList<VirtualHost> inner = parseSite(u"a"_s, "<VirtualHost 127.0.0.1:80>\n</VirtualHost>");
+        QCOMPARE(visitsTo(own, own + inner).constFirst().address, u"127.0.0.2"_s);
+        QCOMPARE(visited(own + parseSite(u"a"_s, "<VirtualHost 127.0.0.1:8080>\n</VirtualHost>")), u"127.0.0.1"_s);
     }
 
     void findsWhatASuspensionDoesNotReach()

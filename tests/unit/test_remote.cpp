@@ -211,6 +211,10 @@ private Q_SLOTS:
         QCOMPARE(statusHeading(u"web1"_s, {{u"a"_s, {}, true}}), u"web1 needs attention in 1 place"_s);
         QCOMPARE(statusHeading(u"web1"_s, {{u"a"_s, {}, true}, {u"b"_s, {}, true}}),
                  u"web1 needs attention in 2 places"_s);
+        QCOMPARE(statusHeading(u"web1"_s, {{u"a"_s, {}, false}, {u"b"_s, {}, false, true}}),
+                 u"web1 is well as far as it tells"_s);
+        QCOMPARE(statusHeading(u"web1"_s, {{u"a"_s, {}, true}, {u"b"_s, {}, false, true}}),
+                 u"web1 needs attention in 1 place"_s);
     }
 };
 

@@ -11,8 +11,7 @@
 #include "ctl/commands/AccountSites.h"
 #include "ctl/doctor/AccountFacts.h"
 #include "ctl/doctor/Facts.h"
-#include "ctl/remote/Remote.h"
-#include "ctl/screen/Escape.h"
+#include "ctl/remote/Relay.h"
 
 #include <QJsonObject>
 
@@ -43,20 +42,6 @@ QString setComment(const QString &account, const QString &comment)
     return outcome.finished ? u"usermod failed: "_s + errors : u"usermod: cannot start, or took too long"_s;
 }
 
-// The domain as it was typed: what is no part of a name is taken off over there.
-int changeThere(const Session &session, const QString &name, const QString &domain)
-{
-    const Distant done =
-        runThere(session.options, {u"corvctl"_s, u"account"_s, u"domain"_s, name, domain}, kThereSeconds);
-    if (!done.problem.isEmpty())
-        return fail(done.status, done.problem);
-    if (session.options.json)
-        print("{\"ok\":true}\n");
-    else if (!session.options.plain)
-        printLine(escapedLines(QString::fromUtf8(done.output).trimmed()));
-    return kDone;
-}
-
 // Why the account cannot have the domain, after it was said; nothing when it can.
 std::optional<int> refuseDomain(const Session &session, const QString &name, const QString &old, const QString &domain,
                                 const QString &state)
@@ -85,8 +70,9 @@ int changeDomain(Session &session, const Given &given)
         return *end;
     if (!hosting::validUsername(name))
         return refuseNoAccount(session, name);
+    // As it was typed: what is no part of a name is taken off over there.
     if (!session.options.hosts.empty())
-        return changeThere(session, name, given.text("DOMAIN"));
+        return relayThere(session, {u"account"_s, u"domain"_s, name, given.text("DOMAIN")}, kThereSeconds);
     if (::geteuid() != 0)
         return fail(kWrongUsage, u"the user database can be changed by root alone"_s,
                     u"run it as root: sudo corvctl account domain %1 %2"_s.arg(name, hosting::askedDomain(domain)));

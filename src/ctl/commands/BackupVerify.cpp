@@ -31,6 +31,8 @@ namespace corv::ctl {
 namespace {
 
 const auto kNewest = u"newest"_s;
+// Of a corvctl that is older and does not say which of the two.
+const auto kNotDueThere = u"the newest backup there was found whole already, or there is none"_s;
 const auto kLock = u"/run/corvane/verify.lock"_s;
 // As long as the units give it.
 constexpr int kRemoteSeconds = 86'400;
@@ -98,10 +100,12 @@ int show(const Session &session, const Verdict &verdict)
 // Nothing is due, which is no fault: what is wrong with the backups themselves is told where they are made.
 int showNothingDue(const Session &session, const QString &why)
 {
-    if (session.options.json)
-        print("{\"ok\":true,\"files\":[]}\n");
-    else if (!session.options.plain)
-        printLine(u"nothing is due: "_s + why);
+    if (session.options.json) {
+        const QByteArray line = compactJson({{u"ok"_s, true}, {u"files"_s, QJsonArray()}, {u"why"_s, why}});
+        print((session.terminal.out ? escapedJson(line) : line) + '\n');
+    } else if (!session.options.plain) {
+        printLine(u"nothing is due: "_s + escaped(why));
+    }
     return kDone;
 }
 
@@ -116,6 +120,8 @@ int verifyThere(const Session &session, const Given &given)
     }
     const Distant distant = runThere(session.options, command, kRemoteSeconds);
     const QJsonObject object = parseObject(distant.output);
+    if (object.contains("files"_L1) && !object.contains("backup"_L1))
+        return showNothingDue(session, object.value("why"_L1).toString(kNotDueThere));
     if (object.contains("files"_L1))
         return show(session, verdictIn(object));
     return fail(distant.problem.isEmpty() ? kNoConnection : distant.status,
@@ -139,7 +145,7 @@ int verify(Session &session, const Given &given)
         backup::load(QSettings(settingsPath(session.options), QSettings::IniFormat)).destination;
     const QStringList names = backupNames(destination);
     if (names.isEmpty() && given.has("--due"))
-        return showNothingDue(session, u"there is no backup in %1"_s.arg(escaped(destination)));
+        return showNothingDue(session, u"there is no backup in %1"_s.arg(destination));
     if (names.isEmpty())
         return refuse(session, u"there is no backup in %1"_s.arg(destination),
                       u"corvctl backup start --wait makes one"_s);

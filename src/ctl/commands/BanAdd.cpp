@@ -4,9 +4,8 @@
 #include "common/TimedRun.h"
 #include "ctl/Command.h"
 #include "ctl/Session.h"
-#include "ctl/remote/Remote.h"
+#include "ctl/remote/Relay.h"
 #include "ctl/remote/SshLogin.h"
-#include "ctl/screen/Escape.h"
 #include "ctl/screen/Follow.h"
 
 #include <QDeadlineTimer>
@@ -123,17 +122,6 @@ QStringList jailsIn(const QJsonObject &reply)
     return names;
 }
 
-int banThere(const Session &session, const QString &address, const QString &jail)
-{
-    const Distant done =
-        runThere(session.options, {u"corvctl"_s, u"ban"_s, u"add"_s, address, u"--jail"_s, jail}, kThereSeconds);
-    if (!done.problem.isEmpty())
-        return fail(done.status, done.problem);
-    if (!session.options.plain && !session.options.json)
-        printLine(escapedLines(QString::fromUtf8(done.output).trimmed()));
-    return kDone;
-}
-
 } // namespace
 
 int addBan(Session &session, const Given &given)
@@ -147,10 +135,10 @@ int addBan(Session &session, const Given &given)
     const bool isHere = session.options.hosts.empty();
     const QByteArray bytes = bytesOf(given.text("ADDRESS"));
     if (const QString problem = problemWith(given.text("ADDRESS")); bytes.isEmpty() || (isHere && !problem.isEmpty()))
-        return fail(kRefused, problem);
+        return refuse(session, problem);
     const QString address = textOf(bytes);
     if (!isHere)
-        return banThere(session, address, jail);
+        return relayThere(session, {u"ban"_s, u"add"_s, address, u"--jail"_s, jail}, kThereSeconds);
     if (::geteuid() != 0)
         return fail(kWrongUsage, u"fail2ban listens to root alone"_s,
                     u"run it as root: sudo corvctl ban add %1"_s.arg(address));
@@ -159,17 +147,17 @@ int addBan(Session &session, const Given &given)
     if (!before.ok())
         return settled(session, before).value_or(kRefused);
     if (!before.reply.value("running"_L1).toBool())
-        return fail(kRefused, u"fail2ban does not run"_s, u"corvctl ban enable installs and starts it"_s);
+        return refuse(session, u"fail2ban does not run"_s, u"corvctl ban enable installs and starts it"_s);
     if (const QStringList jails = jailsIn(before.reply); !jails.contains(jail))
-        return fail(kRefused, u"fail2ban has no jail %1"_s.arg(jail), u"its jails: "_s + jails.join(", "_L1));
+        return refuse(session, u"fail2ban has no jail %1"_s.arg(jail), u"its jails: "_s + jails.join(", "_L1));
     if (isBanned(before.reply, jail, address))
         return settledWith(session, before, u"%1 is banned by the jail %2 already"_s.arg(address, jail));
 
     cleanEnvironment();
     const Outcome told = runWithin(kToolMs, u"fail2ban-client"_s, {u"set"_s, jail, u"banip"_s, address});
     if (!told.succeeded)
-        return fail(kRefused,
-                    u"fail2ban-client failed: "_s + QString::fromUtf8(told.errors + told.output).simplified());
+        return refuse(session,
+                      u"fail2ban-client failed: "_s + QString::fromUtf8(told.errors + told.output).simplified());
 
     const QDeadlineTimer end(kSeenMs);
     bool seen = false;
@@ -180,8 +168,8 @@ int addBan(Session &session, const Given &given)
     if (!after.ok())
         return settled(session, after).value_or(kRefused);
     if (!seen)
-        return fail(kRefused, u"fail2ban was told to ban %1, but does not show it in the jail %2"_s.arg(address, jail),
-                    u"journalctl -u fail2ban tells why"_s);
+        return refuse(session, u"fail2ban was told to ban %1, but does not show it in the jail %2"_s.arg(address, jail),
+                      u"journalctl -u fail2ban tells why"_s);
     bool isNumber = false;
     const qint64 seconds =
         runWithin(kToolMs, u"fail2ban-client"_s, {u"get"_s, jail, u"bantime"_s}).output.trimmed().toLongLong(&isNumber);
@@ -205,8 +193,8 @@ int enableBans(Session &session, const Given &)
     if (!last.ok())
         return settled(session, last).value_or(kRefused);
     if (!isOn)
-        return fail(kRefused, u"fail2ban was installed and started, but does not answer"_s,
-                    u"journalctl -u fail2ban tells why"_s);
+        return refuse(session, u"fail2ban was installed and started, but does not answer"_s,
+                      u"journalctl -u fail2ban tells why"_s);
     return settledWith(session, answer,
                        u"fail2ban is on, with these jails: %1"_s.arg(jailsIn(last.reply).join(", "_L1)));
 }

@@ -71,7 +71,7 @@ int testThere(const Session &session)
     const QJsonObject outcome = QJsonDocument::fromJson(distant.output).object();
     if (outcome.contains("told"_L1))
         return show(session, outcome);
-    return fail(kNoConnection,
+    return fail(distant.problem.isEmpty() ? kNoConnection : distant.status,
                 distant.problem.isEmpty() ? u"what answers there is no corvctl of this kind"_s : distant.problem);
 }
 

@@ -14,6 +14,7 @@ struct StatusLine
     QString topic;
     QString text;
     bool needsAttention = false;
+    bool isUnknown = false; // it says what cannot be told from where the caller is
 };
 
 // Replies of the agent, by command. One that failed holds its error.
@@ -24,7 +25,10 @@ using Replies = QJsonObject;
 // now is the time in seconds since 1970.
 QList<StatusLine> statusLines(const Replies &replies, std::optional<qsizetype> accounts, qint64 now);
 
-// Whether any line needs attention, as the sentence that heads the screen.
+// The name of the newest backup in the reply to backup.status; empty for none.
+QString newestBackup(const Replies &replies);
+
+// Whether any line needs attention, or tells of what is not known, as the sentence that heads the screen.
 QString statusHeading(const QString &host, const QList<StatusLine> &lines);
 
 } // namespace corv::ctl

@@ -4,12 +4,16 @@
 #include "common/Pool.h"
 #include "ctl/Session.h"
 #include "ctl/Settings.h"
+#include "ctl/commands/BackupVerdicts.h"
 #include "ctl/doctor/Https.h"
 #include "ctl/doctor/Offsite.h"
 #include "ctl/doctor/Services.h"
+#include "ctl/doctor/SiteAddresses.h"
 #include "ctl/doctor/SiteFacts.h"
+#include "ctl/doctor/Updates.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/https/View.h"
+#include "ctl/notify/Failures.h"
 #include "ctl/remote/Remote.h"
 
 #include <QJsonArray>
@@ -27,6 +31,15 @@ namespace {
 
 constexpr int kVisitMs = 1'000;
 constexpr int kThereSeconds = 60;
+
+// Members of the JSON that are read where they were written, and elsewhere.
+const auto kLines = u"lines"_s;
+const auto kTopic = u"topic"_s;
+const auto kText = u"text"_s;
+const auto kAttention = u"attention"_s;
+const auto kBackup = u"backup"_s;
+
+const auto kNotTold = u"automatic updates, verified backups, off-site copies, certificates, failed services"_s;
 
 // The words of the JSON for what visitors see.
 constexpr std::pair<Sight, QLatin1StringView> kSights[] = {
@@ -130,24 +143,7 @@ StatusLine sitesLine(const QJsonArray &sites)
     return {u"Sites"_s, u"%1 (%2 asked%3)"_s.arg(parts.join(u"; "_s), QString::number(asked), off), true};
 }
 
-} // namespace
-
-QJsonObject readHere(const Session &session)
-{
-    if (!session.options.hosts.empty()) {
-        const Distant status = runThere(session.options, {u"corvctl"_s, u"status"_s, u"--json"_s}, kThereSeconds);
-        return parseObject(status.output).value("here"_L1).toObject();
-    }
-    QStringList suspended;
-    for (const AccountSite &account : readAccountSites()) {
-        if (account.suspended)
-            suspended.append(account.name);
-    }
-    return {{u"services"_s, servicesHere()},
-            {u"suspended"_s, QJsonArray::fromStringList(suspended)},
-            {u"sites"_s, sitesHere()}};
-}
-
+// Where the settings name a place for copies of the backups, and the caller may know.
 void addOffsite(const Session &session, qint64 now, QList<StatusLine> *lines)
 {
     const OffsitePlace place = placeIn(QSettings(settingsPath(session.options), QSettings::IniFormat));
@@ -162,10 +158,10 @@ void addOffsite(const Session &session, qint64 now, QList<StatusLine> *lines)
         lines->append({u"Off-site"_s, problems.join(u"; "_s), true});
 }
 
-void addHttps(const Session &session, qint64 now, QList<StatusLine> *lines)
+// Where HTTPS is on, and the caller may know.
+void addHttps(qint64 now, QList<StatusLine> *lines)
 {
-    const std::optional<https::State> state =
-        session.options.hosts.empty() && ::geteuid() == 0 ? readHttps() : std::nullopt;
+    const std::optional<https::State> state = ::geteuid() == 0 ? readHttps() : std::nullopt;
     if (!state)
         return;
     const QList<HttpsSite> sites = readHttpsSites(*state, now);
@@ -191,12 +187,114 @@ void addHttps(const Session &session, qint64 now, QList<StatusLine> *lines)
         {u"HTTPS"_s, u"%1 of %2 sites have a certificate%3"_s.arg(served).arg(sites.size()).arg(ends), false});
 }
 
-void addHere(const QJsonObject &here, QList<StatusLine> *lines)
+// Sites that visitors get in the place of those that were asked for, which a visit from the server itself does not
+// show.
+void addAddresses(QList<StatusLine> *lines)
 {
+    for (const Finding &finding : checkAddresses(readSites(), outerAddresses(), readHttps().has_value())) {
+        if (finding.level == Level::Fault)
+            lines->append({u"Sites"_s, finding.problem, true});
+    }
+}
+
+void addAutomatic(const Replies &replies, QList<StatusLine> *lines)
+{
+    if (!replies.value("updates.status"_L1).toObject().value("automatic"_L1).toBool())
+        return;
+    for (const Finding &finding : checkAutomatic(readAutomatic()))
+        lines->append({u"Updates"_s, u"%1: %2"_s.arg(finding.problem, finding.mend), true});
+}
+
+void addFailures(qint64 now, QList<StatusLine> *lines)
+{
+    for (const Failed &failed : failures()) {
+        lines->append(
+            {u"Failed"_s, u"%1; journalctl -u %2 says why"_s.arg(failureSentence(failed, now), failed.unit), true});
+    }
+}
+
+QJsonArray linesHere(const Session &session, const Replies &replies, qint64 now)
+{
+    QList<StatusLine> lines;
+    addAddresses(&lines);
+    addAutomatic(replies, &lines);
+    addOffsite(session, now, &lines);
+    addHttps(now, &lines);
+    addFailures(now, &lines);
+    QJsonArray all;
+    for (const StatusLine &line : lines)
+        all.append(QJsonObject{{kTopic, line.topic}, {kText, line.text}, {kAttention, line.needsAttention}});
+    return all;
+}
+
+// Behind what there is of the same topic.
+void addLines(const QJsonArray &told, QList<StatusLine> *lines)
+{
+    for (const auto &value : told) {
+        const QJsonObject line = value.toObject();
+        const QString topic = line.value(kTopic).toString();
+        const auto begin = std::find_if(lines->cbegin(), lines->cend(),
+                                        [&topic](const StatusLine &other) { return other.topic == topic; });
+        const bool isNew = begin == lines->cend();
+        const auto end = isNew ? begin : std::find_if(std::next(begin), lines->cend(), [](const StatusLine &other) {
+            return !other.topic.isEmpty();
+        });
+        lines->insert(end, {isNew ? topic : QString(), line.value(kText).toString(), line.value(kAttention).toBool()});
+    }
+}
+
+// Whether the newest backup was verified, behind what the agent says of it.
+void addVerdict(const QJsonObject &backup, const QString &newest, QList<StatusLine> *lines)
+{
+    const auto line =
+        std::find_if(lines->begin(), lines->end(), [](const StatusLine &one) { return one.topic == "Backup"_L1; });
+    // Another one may have come in between.
+    if (line == lines->end() || newest.isEmpty() || backup.value("name"_L1).toString() != newest)
+        return;
+    const QStringList faults = faultSentences(backup);
+    line->text += faults.isEmpty() ? u", verified"_s : u", not whole"_s;
+    line->needsAttention = line->needsAttention || !faults.isEmpty();
+    auto behind = std::next(line);
+    for (const QString &fault : faults)
+        behind = std::next(lines->insert(behind, {QString(), fault, true}));
+}
+
+} // namespace
+
+QJsonObject readHere(const Session &session, const Replies &replies, qint64 now)
+{
+    if (!session.options.hosts.empty()) {
+        const Distant status = runThere(session.options, {u"corvctl"_s, u"status"_s, u"--json"_s}, kThereSeconds);
+        return parseObject(status.output).value("here"_L1).toObject();
+    }
+    QStringList suspended;
+    for (const AccountSite &account : readAccountSites()) {
+        if (account.suspended)
+            suspended.append(account.name);
+    }
+    QJsonObject here = {{u"services"_s, servicesHere()},
+                        {u"suspended"_s, QJsonArray::fromStringList(suspended)},
+                        {u"sites"_s, sitesHere()},
+                        {kLines, linesHere(session, replies, now)}};
+    const QJsonObject newest = withVerdicts(session, replies.value("backup.status"_L1).toObject()).first().toObject();
+    if (newest.contains("verified"_L1))
+        here.insert(kBackup,
+                    QJsonObject{{u"name"_s, newest.value("name"_L1)}, {u"verified"_s, newest.value("verified"_L1)}});
+    return here;
+}
+
+void addHere(const QJsonObject &here, const QString &newest, QList<StatusLine> *lines)
+{
+    addVerdict(here.value(kBackup).toObject(), newest, lines);
     if (here.isEmpty()) {
-        lineOf(u"Sites"_s, lines).text = u"what their visitors see is known on the server alone"_s;
+        StatusLine &sites = lineOf(u"Sites"_s, lines);
+        sites.text = u"what their visitors see is known on the server alone"_s;
+        sites.isUnknown = true;
+        lines->append({u"Not told"_s, kNotTold + u": known on the server alone"_s, false, true});
         return;
     }
+    if (!here.contains(kLines))
+        lines->append({u"Not told"_s, kNotTold + u": the corvctl there is older"_s, false, true});
     addServices(here.value("services"_L1).toArray(), &lineOf(u"Services"_s, lines));
     QStringList suspended;
     for (const auto &name : here.value("suspended"_L1).toArray())
@@ -206,6 +304,7 @@ void addHere(const QJsonObject &here, QList<StatusLine> *lines)
     const auto accounts = std::find_if(lines->cbegin(), lines->cend(),
                                        [](const StatusLine &line) { return line.topic == "Accounts"_L1; });
     lines->insert(std::min(accounts - lines->cbegin() + 1, lines->size()), sitesLine(here.value("sites"_L1).toArray()));
+    addLines(here.value(kLines).toArray(), lines);
 }
 
 } // namespace corv::ctl

@@ -12,7 +12,9 @@
 #include "ctl/doctor/Forwards.h"
 #include "ctl/doctor/Reach.h"
 #include "ctl/doctor/Restores.h"
+#include "ctl/doctor/SiteAddresses.h"
 #include "ctl/doctor/Visitors.h"
+#include "ctl/https/View.h"
 
 #include <QFile>
 
@@ -80,9 +82,11 @@ Check examineAccounts(const Accounts &users, const QList<AccountSite> &sites, co
 Check examineSites(const Accounts &users, const QList<VirtualHost> &hosts, const QList<AccountSite> &sites)
 {
     const QList<Forward> forwards = readForwards();
+    const QStringList own = outerAddresses();
     const QString led = forwards.isEmpty() ? QString() : u", %1 led on to other servers"_s.arg(forwards.size());
     return {u"sites"_s, u"%1 enabled%2"_s.arg(hosts.size()).arg(led),
-            checkSites(withoutForwards(hosts), sites, namesOf(users.all)) + checkForwards(forwards, sites) +
+            checkAddresses(hosts, own, readHttps().has_value()) +
+                checkSites(withoutForwards(hosts), sites, namesOf(users.all), own) + checkForwards(forwards, sites) +
                 checkBelieved(readBelieved(), sites)};
 }
 

@@ -3,8 +3,8 @@
 #include "common/Account.h"
 #include "common/Site.h"
 #include "ctl/doctor/Forwards.h"
+#include "ctl/doctor/SiteNames.h"
 
-#include <QHash>
 #include <QRegularExpression>
 
 #include <algorithm>
@@ -17,7 +17,6 @@ namespace {
 // No server has more; a file that claims so is not worth the memory.
 constexpr qsizetype kMostHosts = 1000;
 constexpr qsizetype kMostNames = 1000;
-constexpr qsizetype kShownNames = 3;
 
 // The words of a directive, as Apache parts them: at blanks, but for those in quotes.
 QStringList wordsOf(const QString &line)
@@ -56,12 +55,20 @@ QStringList accountsIn(const QString &directive, const QString &line)
     return accounts;
 }
 
+// A place without a port is one on each port; those that sites are reached on are enough to tell.
 QStringList listensIn(const QStringList &words)
 {
     QStringList listens;
     for (QString word : words) {
         word.replace("_default_"_L1, "*"_L1);
-        listens.append(word.lastIndexOf(u':') > word.lastIndexOf(u']') ? word : word + u":80"_s);
+        const qsizetype colon = word.lastIndexOf(u':');
+        const bool hasPort = colon > word.lastIndexOf(u']');
+        if (hasPort && word.mid(colon + 1) != "*"_L1) {
+            listens.append(word);
+            continue;
+        }
+        const QString address = hasPort ? word.left(colon) : word;
+        listens += {address + u":80"_s, address + u":443"_s};
     }
     return listens;
 }
@@ -88,8 +95,34 @@ void take(const QString &line, VirtualHost *host)
     }
 }
 
-// Whether a name fits a pattern with * and ?, as Apache matches them.
-bool fits(QStringView name, QStringView pattern)
+// The sites that serve a user's home who is gone. Those that the agent has made are told of as leftovers.
+QList<Finding> checkGone(const QList<VirtualHost> &hosts, const QStringList &users)
+{
+    QList<Finding> findings;
+    QStringList told;
+    for (const VirtualHost &host : hosts) {
+        for (const QString &account : host.accounts) {
+            const QString key = host.site + u' ' + account;
+            if (users.contains(account) || host.site == hosting::siteName(account) || told.contains(key))
+                continue;
+            told.append(key);
+            findings.append({Level::Fault,
+                             u"the site %1 serves the home or the PHP of %2, who is no user"_s.arg(host.site, account),
+                             disableSites({host.site})});
+        }
+    }
+    return findings;
+}
+
+} // namespace
+
+QString accountOfSite(const QString &site)
+{
+    const QString name = site.startsWith("corv-"_L1) ? site.mid(5) : QString();
+    return hosting::validUsername(name) ? name : QString();
+}
+
+bool fitsName(QStringView name, QStringView pattern)
 {
     qsizetype at = 0;
     qsizetype in = 0;
@@ -111,122 +144,6 @@ bool fits(QStringView name, QStringView pattern)
     }
     return std::all_of(pattern.begin() + in, pattern.end(), [](QChar c) { return c == u'*'; });
 }
-
-bool isPattern(const QString &name)
-{
-    return name.contains(u'*') || name.contains(u'?');
-}
-
-// The account whose own site this is; empty for a site beside.
-QString accountOfSite(const QString &site)
-{
-    const QString name = site.startsWith("corv-"_L1) ? site.mid(5) : QString();
-    return hosting::validUsername(name) ? name : QString();
-}
-
-QString listed(const QStringList &names)
-{
-    if (names.size() <= kShownNames)
-        return names.join(", "_L1);
-    return u"%1 and %2 more"_s.arg(names.first(kShownNames).join(", "_L1)).arg(names.size() - kShownNames);
-}
-
-// What is served to the visitors of one place: the names there, and the patterns, each with the site that has it first.
-struct Place
-{
-    QHash<QString, QString> names;
-    QList<std::pair<QString, QString>> patterns;
-};
-
-QString holderAt(const Place &place, const QString &name)
-{
-    if (const auto found = place.names.constFind(name); found != place.names.cend())
-        return *found;
-    if (isPattern(name))
-        return {};
-    const auto found = std::find_if(place.patterns.cbegin(), place.patterns.cend(),
-                                    [&name](const auto &pattern) { return fits(name, pattern.first); });
-    return found == place.patterns.cend() ? QString() : found->second;
-}
-
-// Two sites that answer to the same names: the one that Apache serves, and the one that it hides.
-struct Double
-{
-    QString first;
-    QString second;
-    QStringList names;
-};
-
-QList<Double> doublesIn(const QList<VirtualHost> &hosts)
-{
-    QHash<QString, Place> places;
-    QList<Double> doubles;
-    for (const VirtualHost &host : hosts) {
-        for (const QString &listen : host.listens) {
-            Place &place = places[listen];
-            for (const QString &name : host.names) {
-                const QString holder = holderAt(place, name);
-                if (isPattern(name))
-                    place.patterns.append({name, host.site});
-                if (holder.isEmpty())
-                    place.names.insert(name, host.site);
-                if (holder.isEmpty() || holder == host.site)
-                    continue;
-                auto found = std::find_if(doubles.begin(), doubles.end(), [&](const Double &one) {
-                    return one.first == holder && one.second == host.site;
-                });
-                if (found == doubles.end())
-                    found = doubles.insert(doubles.end(), {holder, host.site, {}});
-                if (!found->names.contains(name))
-                    found->names.append(name);
-            }
-        }
-    }
-    return doubles;
-}
-
-QList<Finding> checkDoubles(const QList<Double> &doubles)
-{
-    QList<Finding> findings;
-    for (const Double &one : doubles) {
-        findings.append(
-            {Level::Fault,
-             u"the sites %1 and %2 both answer to %3; visitors get those of %1"_s.arg(one.first, one.second,
-                                                                                      listed(one.names)),
-             u"grep -inE 'Server(Name|Alias)' /etc/apache2/sites-enabled/%1 /etc/apache2/sites-enabled/%2"_s.arg(
-                 shellWord(one.first + u".conf"_s), shellWord(one.second + u".conf"_s))});
-    }
-    return findings;
-}
-
-// Whether two sites are told of as doubles already.
-bool areDoubles(const QList<Double> &doubles, const QString &one, const QString &other)
-{
-    return std::any_of(doubles.cbegin(), doubles.cend(), [&](const Double &both) {
-        return (both.first == one && both.second == other) || (both.first == other && both.second == one);
-    });
-}
-
-// The sites that serve a user's home who is gone. Those that the agent has made are told of as leftovers.
-QList<Finding> checkGone(const QList<VirtualHost> &hosts, const QStringList &users)
-{
-    QList<Finding> findings;
-    QStringList told;
-    for (const VirtualHost &host : hosts) {
-        for (const QString &account : host.accounts) {
-            const QString key = host.site + u' ' + account;
-            if (users.contains(account) || host.site == hosting::siteName(account) || told.contains(key))
-                continue;
-            told.append(key);
-            findings.append({Level::Fault,
-                             u"the site %1 serves the home or the PHP of %2, who is no user"_s.arg(host.site, account),
-                             disableSites({host.site})});
-        }
-    }
-    return findings;
-}
-
-} // namespace
 
 QList<VirtualHost> parseSite(const QString &site, const QByteArray &text)
 {
@@ -254,7 +171,7 @@ QList<VirtualHost> parseSite(const QString &site, const QByteArray &text)
 bool answersTo(const VirtualHost &host, const QString &name)
 {
     return std::any_of(host.names.cbegin(), host.names.cend(),
-                       [&name](const QString &pattern) { return fits(name, pattern); });
+                       [&name](const QString &pattern) { return fitsName(name, pattern); });
 }
 
 std::optional<VirtualHost> holderOf(const QList<VirtualHost> &hosts, const QString &domain, const QString &account)
@@ -296,10 +213,11 @@ QString disableSites(const QStringList &sites)
     return commands.join(" && "_L1);
 }
 
-QList<Finding> checkSites(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts, const QStringList &users)
+QList<Finding> checkSites(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts, const QStringList &users,
+                          const QStringList &own)
 {
-    const QList<Double> doubles = doublesIn(hosts);
-    QList<Finding> findings = checkDoubles(doubles) + checkGone(hosts, users);
+    const QList<DoubleName> doubles = doubleNames(hosts, own);
+    QList<Finding> findings = checkDoubleNames(doubles) + checkGone(hosts, users);
     for (const AccountSite &account : accounts) {
         QStringList beside = sitesBeside(hosts, account.name, account.domain);
         if (!account.suspended) {
@@ -309,7 +227,7 @@ QList<Finding> checkSites(const QList<VirtualHost> &hosts, const QList<AccountSi
         if (beside.isEmpty())
             continue;
         const bool isOne = beside.size() == 1;
-        const QString serve = (isOne ? u"the site %1 serves"_s : u"the sites %1 serve"_s).arg(listed(beside));
+        const QString serve = (isOne ? u"the site %1 serves"_s : u"the sites %1 serve"_s).arg(listedNames(beside));
         if (account.suspended) {
             findings.append(
                 {Level::Fault,

@@ -33,6 +33,12 @@ struct AccountSite
 // The virtual hosts in the text of a site file, at most a thousand of them. Whatever the file includes is not followed.
 QList<VirtualHost> parseSite(const QString &site, const QByteArray &text);
 
+// The account whose own site this is; empty for a site beside.
+QString accountOfSite(const QString &site);
+
+// Whether a name fits a pattern with * and ?, as Apache matches them.
+bool fitsName(QStringView name, QStringView pattern);
+
 // Whether a virtual host answers to a host name, by one of its names or patterns.
 bool answersTo(const VirtualHost &host, const QString &name);
 
@@ -48,8 +54,9 @@ QStringList sitesBeside(const QList<VirtualHost> &hosts, const QString &account,
 QString disableSites(const QStringList &sites);
 
 // What is wrong with the sites together, which are in Apache's order: names that two of them answer to, of which Apache
-// serves the first; and sites that go on serving accounts that are suspended or gone. users holds all users' names.
-QList<Finding> checkSites(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts,
-                          const QStringList &users);
+// serves the first; and sites that go on serving accounts that are suspended or gone. users holds all users' names, own
+// the addresses of this server that visitors come to.
+QList<Finding> checkSites(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts, const QStringList &users,
+                          const QStringList &own = {});
 
 } // namespace corv::ctl

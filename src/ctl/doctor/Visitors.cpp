@@ -1,8 +1,10 @@
 #include "ctl/doctor/Visitors.h"
 
 #include "common/Site.h"
+#include "ctl/doctor/SiteAddresses.h"
 #include "ctl/doctor/SiteFacts.h"
 
+#include <QHash>
 #include <QSet>
 
 #include <algorithm>
@@ -19,6 +21,7 @@ constexpr int kUnavailable = 503;
 constexpr int kGatewayTimeout = 504;
 constexpr int kLowestError = 500;
 constexpr auto kShowServersLog = "tail -n 20 /var/log/apache2/error.log | cat -v"_L1;
+const auto kLoopback = u"127.0.0.1"_s;
 const auto kNobody = u"localhost"_s; // the name for a site that has none
 
 // The virtual hosts that are asked, in the order of the visits.
@@ -38,18 +41,20 @@ QList<VirtualHost> askedOf(const QList<VirtualHost> &hosts)
     return asked;
 }
 
-Visit visitTo(const VirtualHost &host)
+// loopbacks are those by which sites are reached that have no address of their own.
+Visit visitTo(const VirtualHost &host, const QHash<int, QString> &loopbacks)
 {
     const QString &listen = host.listens[0];
     const qsizetype colon = listen.lastIndexOf(u':');
     QString address = listen.left(colon);
     if (address.startsWith(u'[') && address.endsWith(u']'))
         address = address.mid(1, address.size() - 2);
+    const int port = listen.mid(colon + 1).toInt();
     const bool isAny = address == "*"_L1 || address == "0.0.0.0"_L1;
-    return {isAny                ? u"127.0.0.1"_s
+    return {isAny                ? loopbacks.value(port, kLoopback)
             : address == "::"_L1 ? u"::1"_s
                                  : address,
-            listen.mid(colon + 1).toInt(), host.names.value(0, kNobody)};
+            port, host.names.value(0, kNobody)};
 }
 
 Sight judge(const Visited &visited, bool isSuspended)
@@ -107,9 +112,15 @@ QString showLog(const QString &domain)
 
 QList<Visit> visitsTo(const QList<VirtualHost> &hosts)
 {
+    return visitsTo(hosts, hosts);
+}
+
+QList<Visit> visitsTo(const QList<VirtualHost> &hosts, const QList<VirtualHost> &all)
+{
+    const QHash<int, QString> loopbacks = freeLoopbacks(all);
     QList<Visit> visits;
     for (const VirtualHost &host : askedOf(hosts))
-        visits.append(visitTo(host));
+        visits.append(visitTo(host, loopbacks));
     return visits;
 }
 
@@ -126,7 +137,7 @@ QList<SiteSight> sightsOf(const QList<VirtualHost> &hosts, const QList<AccountSi
     QList<SiteSight> sights;
     for (const VirtualHost &host : askedOf(hosts)) {
         const Visited one = visited.value(sights.size());
-        const Visit visit = visitTo(host);
+        const Visit visit = visitTo(host, {});
         sights.append({host.site, visit.host, visit.port, own.contains(host.site), one.status,
                        judge(one, suspended.contains(host.site)), one.isLate, one.problem});
     }
@@ -140,9 +151,10 @@ QList<SiteSight> lookAtSites(int milliseconds)
 
 QList<SiteSight> lookAtSites(int milliseconds, const std::function<bool(const QString &)> &wanted)
 {
-    QList<VirtualHost> hosts = readSites();
+    const QList<VirtualHost> all = readSites();
+    QList<VirtualHost> hosts = all;
     hosts.removeIf([&](const VirtualHost &host) { return !wanted(host.site); });
-    return sightsOf(hosts, readAccountSites(), visit(visitsTo(hosts), milliseconds));
+    return sightsOf(hosts, readAccountSites(), visit(visitsTo(hosts, all), milliseconds));
 }
 
 QString seenText(const SiteSight &sight)

@@ -35,8 +35,10 @@ struct SiteSight
 };
 
 // The visits to make: one for each of the virtual hosts that can be asked without encryption, at most a thousand. Those
-// behind another of the same name cannot be reached, and are not asked.
+// behind another of the same name cannot be reached, and are not asked. all are those of the server, where hosts are
+// only some: what has an address of its own answers there for what has none.
 QList<Visit> visitsTo(const QList<VirtualHost> &hosts);
+QList<Visit> visitsTo(const QList<VirtualHost> &hosts, const QList<VirtualHost> &all);
 
 // What came of them. accounts tells which sites are suspended.
 QList<SiteSight> sightsOf(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts,

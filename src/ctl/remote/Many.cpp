@@ -85,17 +85,22 @@ HostState hostState(const QString &host, const QByteArray &lines, const QByteArr
     if (status != kDone)
         return {host, std::numeric_limits<int>::max(), wordFor(status), sentenceOf(complaint)};
     QStringList details;
+    QStringList unknown;
     QString topic;
     for (const QString &line : QString::fromUtf8(lines).split(u'\n', Qt::SkipEmptyParts)) {
         const QString named = line.section(u'\t', 0, 0);
         topic = named.isEmpty() ? topic : named;
         if (line.section(u'\t', 1, 1) == "attention"_L1)
             details.append(topic + u": "_s + line.section(u'\t', 2));
+        else if (line.section(u'\t', 1, 1) == "unknown"_L1)
+            unknown.append(topic + u": "_s + line.section(u'\t', 2));
     }
     const auto count = static_cast<int>(details.size());
-    const QString state =
-        count == 0 ? u"well"_s : u"%1 %2"_s.arg(QString::number(count), count == 1 ? u"place"_s : u"places"_s);
-    return {host, count, state, details.join("; "_L1)};
+    const QString what = (details + unknown).join("; "_L1);
+    if (count > 0)
+        return {host, count + 1, u"%1 %2"_s.arg(QString::number(count), count == 1 ? u"place"_s : u"places"_s), what};
+    // Worse than well, better than any trouble that is known.
+    return unknown.isEmpty() ? HostState{host, 0, u"well"_s, {}} : HostState{host, 1, u"not all told"_s, what};
 }
 
 int surveyOfHosts(const Session &session, const std::vector<std::string> &hosts,

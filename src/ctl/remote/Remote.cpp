@@ -311,9 +311,12 @@ Distant runThere(const Options &options, const QStringList &command, int seconds
     const std::optional<QByteArray> output = remote.readAll(patience, kLongestOutput);
     if (!output)
         return {{}, u"%1: no answer within %2 s"_s.arg(host, QString::number(patience)), kTimedOut};
-    if (remote.wait() != 0)
-        return {*output, remote.explain(), kNoConnection};
-    return {*output, {}, kDone};
+    const int status = remote.wait();
+    if (status == kDone)
+        return {*output, {}, kDone};
+    // Those are of a corvctl that was reached; ssh's own failures and the shell's have other numbers.
+    const bool isItsOwn = status == kRefused || status == kWrongUsage || status == kTimedOut;
+    return {*output, remote.explain(), isItsOwn ? status : kNoConnection};
 }
 
 Way wayTo(const QString &host, Remote *remote)

@@ -76,7 +76,7 @@ private:
     QByteArray m_complaints;
 };
 
-// What a command on another server gave, or why it gave nothing: with an exit status of corvctl then.
+// What a command on another server gave, or why it failed: with an exit status of corvctl, its own if it was reached.
 struct Distant
 {
     QByteArray output;
