@@ -144,10 +144,23 @@ def test_switching_it_on_reloads_apache_once(server):
 
 
 def test_what_apache_does_not_take_is_taken_back(server):
+    server.path(ENABLED).unlink()
     server.answer("apache2ctl", "configtest", exit=1, err="Syntax error on line 1")
     assert corvctl(server, "https", "on", start=False) == (1, "", "corvctl: apache2ctl failed: Syntax error on line 1\n")
     assert server.argvs()[-5:] == [["a2dissite", "-q", "zz-corv-https"]] + [
         ["a2dismod", "-q", "-f", module] for module in ("ssl", "md", "http2", "headers")]
+
+
+@pytest.mark.parametrize("program, words", [
+    ("apache2ctl", ["configtest"]), (PROGRAM, ["again"]), ("systemctl", ["reload-or-restart", "apache2.service"])],
+    ids=["configtest", "again", "reload"])
+def test_a_second_try_that_fails_leaves_what_is_in_force(server, program, words):
+    for module in ("ssl", "md", "http2"):
+        server.write(f"/etc/apache2/mods-enabled/{module}.load", "")
+    server.answer(program.split("/")[-1], *words, exit=1, err="not now")
+    assert corvctl(server, "https", "on", start=False) == (1, "", f"corvctl: {program} failed: not now\n")
+    assert server.argvs("a2dissite") == []
+    assert server.argvs("a2dismod") == [["a2dismod", "-q", "-f", "headers"]]
 
 
 @pytest.mark.parametrize("directive", ["MDomain theirs.example", "  MDStoreDir md", "<MDomainSet theirs.example>", "mdcertificateagreement accepted"])
