@@ -120,18 +120,19 @@ def test_going_on_gives_the_account_no_other_domain(server):
     assert (code, err) == (2, "corvctl: that is not the account's name, so nothing was restored\n")
 
 
-def test_a_creation_and_a_deletion_forget_it(server):
+@pytest.mark.parametrize("form", ["--plain", "--json"])
+def test_a_creation_and_a_deletion_forget_it(server, form):
     journal(server)
     server.write("/var/lib/corvane/moves/alice.left", "")
-    code, out, err = corvctl(server, "--plain", "account", "create", "alice", "alice.example")
+    code, out, err = corvctl(server, form, "account", "create", "alice", "alice.example")
     assert (code, err) == (0, "")
-    server.secret(out.split()[-1])
+    server.secret(json.loads(out)["dbPassword"] if form == "--json" else out.split()[-1])
     assert os.listdir(server.path(RESTORES)) == os.listdir(server.path("/var/lib/corvane/moves")) == []
     journal(server)
     assert corvctl(server, "--plain", "account", "create", "alice", "alice.example")[0] == 1
     assert os.listdir(server.path(RESTORES)) == ["alice.json"]
     server.answer("pg_dump", out="PGDMP")
-    code, _, err = corvctl(server, "--plain", "account", "delete", "alice", "--confirm", "alice")
+    code, _, err = corvctl(server, form, "account", "delete", "alice", "--confirm", "alice")
     assert code == 0, err
     assert os.listdir(server.path(RESTORES)) == []
     server.took("hosting.create", {"ok": True})
