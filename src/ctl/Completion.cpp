@@ -191,7 +191,13 @@ _corvctl() {
         case "$path:$position" in
 %6        esac
     fi
-    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$cur")
+    # Not by compgen, which has the shell expand what stands in a name; and what comes on the line as it is holds
+    # nothing that the shell takes for more than a word.
+    local -a all
+    IFS=$' \t\n' read -r -d "" -a all <<<"$words"
+    for word in "${all[@]}"; do
+        [[ $word != "$cur"* || $word == *[!A-Za-z0-9._-]* ]] || COMPREPLY+=("$word")
+    done
 }
 complete -F _corvctl corvctl
 )script"_s;
@@ -311,7 +317,9 @@ QString cases(const QList<Position> &positions, bool zsh)
         else if (position.names == Names::PhpVersion)
             action = zsh ? u"_corvctl_php"_s : u"words=$(_corvctl_php)"_s;
         else if (position.names == Names::File)
-            action = zsh ? u"_files"_s : u"mapfile -t COMPREPLY < <(compgen -f -- \"$cur\") && return"_s;
+            // Readline quotes what it knows to be a file's name: it may be one that a tenant has chosen.
+            action =
+                zsh ? u"_files"_s : u"compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- \"$cur\"); return"_s;
         else if (!position.words.isEmpty())
             action = zsh ? u"items=(%1)"_s.arg(namesOf(position.words, true))
                          : u"words=\"%1\""_s.arg(namesOf(position.words, false));

@@ -475,6 +475,22 @@ def test_what_is_chosen_for_an_account(server):
     assert listed(server, name) == ("off", "")
 
 
+def test_an_error_of_somebody_elses_ends_no_https_and_brings_no_choice_later(server):
+    name, domain = certified(server)
+    server.put("/etc/apache2/conf-enabled/error.conf", "NobodyKnowsThis\n")
+    try:
+        assert server.run(["corvctl", "https", "on"]).code == 1
+        refused = server.run(["corvctl", "account", "https", name, "on", "--redirect", "--hsts"])
+        assert (refused.code, refused.err.splitlines()[-1]) == (1, f"  {name} has what was chosen for it before")
+    finally:
+        server.ok(["rm", "/etc/apache2/conf-enabled/error.conf"])
+    reload(server)
+    answer = secure(server, domain)
+    assert answer and answer.status == 200 and "strict-transport-security" not in answer.text.lower()
+    assert plain(server, domain) == 200
+    assert listed(server, name) == ("served", "")
+
+
 @pytest.mark.core
 def test_switching_it_off_and_removing_the_package_leave_port_80(server):
     name, domain = certified(server)

@@ -1,5 +1,7 @@
 """corvctl's completion for bash, zsh and fish, and its manual pages: all of them know what the command line knows."""
 
+import os
+import pty
 import re
 import shutil
 import subprocess
@@ -18,6 +20,7 @@ source "$1"
 shift
 COMP_WORDS=("$@")
 COMP_CWORD=$(($# - 1))
+compopt() { :; } # readline is not there
 _corvctl
 printf '%s\n' "${COMPREPLY[@]}"
 """
@@ -136,6 +139,71 @@ def test_offers_files(offered, tmp_path):
     (tmp_path / "picture.png").touch()
     for line in (["file", "put", "alice"], ["account", "keys", "alice", "--set"], ["--config"]):
         assert offered(*line, f"{tmp_path}/pic") == {f"{tmp_path}/picture.png"}
+
+
+# A user's words on a line of root's
+
+
+@pytest.fixture
+def typed(tmp_path):
+    """A function that types a line into an interactive bash, in a folder that has the files, and gives the words with which corvctl was
+    started in the end."""
+    script = tmp_path / "completion"
+    program = agent_executable().with_name("corvctl")
+    script.write_bytes(subprocess.run([program, "completion", "bash"], check=True, capture_output=True).stdout)
+    tools = tmp_path / "bin"
+    tools.mkdir()
+    (tools / "corvctl").write_text(f"#!/bin/sh\nprintf '%s\\n' \"$@\" >{tmp_path}/words\n")
+    (tools / "corvctl").chmod(0o755)
+
+    def type_line(line, *files, accounts=()):
+        folder = tmp_path / "folder"
+        folder.mkdir()
+        for file in files:
+            (folder / file).mkdir() if file.endswith("/") else (folder / file).touch()
+        lines = "".join(f"{name}:x:1001:1001:Corvane account,example.org:/home/x:/bin/bash\n" for name in accounts)
+        (tmp_path / "passwd").write_text(lines)
+        (tools / "getent").write_text(f"#!/bin/sh\ncat {tmp_path}/passwd\n")
+        (tools / "getent").chmod(0o755)
+        controller, terminal = pty.openpty()
+        environment = {"PATH": f"{tools}:/usr/bin:/bin", "HOME": str(tmp_path), "LC_ALL": "C.UTF-8", "TERM": "dumb"}
+        with subprocess.Popen(["bash", "--norc", "--noprofile", "-i"], stdin=terminal, stdout=terminal, stderr=terminal, cwd=folder,
+                              env=environment, start_new_session=True) as shell:
+            os.close(terminal)
+            os.write(controller, f"source {script}\n{line}\nexit\n".encode())
+            try:
+                while os.read(controller, 65536):
+                    pass
+            except OSError:  # nobody has it open any more
+                pass
+        os.close(controller)
+        assert shell.returncode == 0
+        words = tmp_path / "words"
+        return words.read_text().splitlines() if words.exists() else None, sorted(os.listdir(folder))
+
+    return type_line
+
+
+HOSTILE = "a$(touch made)b; touch made"
+
+
+@pytest.mark.parametrize("begun", ["./a\t", "a\t", "'a\t", '"a\t', "a\\$\t"])
+def test_bash_quotes_the_name_of_a_file(typed, begun):
+    assert typed(f"corvctl file put shop {begun}", HOSTILE) == (
+        ["file", "put", "shop", f"./{HOSTILE}" if begun.startswith("./") else HOSTILE], [HOSTILE])
+
+
+def test_bash_goes_on_into_a_folder(typed):
+    assert typed("corvctl --config fol\t", "folder of mine/") == (["--config", "folder of mine/"], ["folder of mine"])
+
+
+@pytest.mark.parametrize("name", ["a$(touch made)", "a`touch made`", "a;made", "*"])
+def test_bash_neither_runs_nor_offers_a_name_that_is_more_than_a_word(typed, name):
+    assert typed("corvctl account suspend \t", accounts=[name]) == (["account", "suspend"], [])
+
+
+def test_bash_offers_a_plain_name_beside_one_that_is_none(typed):
+    assert typed("corvctl account suspend \t", accounts=["shop", "s$(touch made)"]) == (["account", "suspend", "shop"], [])
 
 
 # The manual pages

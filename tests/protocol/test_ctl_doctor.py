@@ -21,6 +21,7 @@ POOL = "/etc/php/8.2/fpm/pool.d/corv-alice.conf"
 BACKUPS = "/var/backups/corvane/auto"
 FAILURES = "/var/lib/corvane/failures"
 SETTINGS = "/etc/corvane/corvane.ini"
+JAIL = "/etc/fail2ban/jail.d/zz-sshd-journal.local"
 UNIT = "LoadState,ActiveState,SubState,UnitFileState"
 
 
@@ -108,7 +109,10 @@ def doctor(sandbox, *args, ping=True, **how):
         sandbox.logs("agent: uid 0 ran ping -> ok")
     code, out, err = corvctl(sandbox, "doctor", "--plain", *args, **how)
     assert err == ""
-    return code, [tuple(line.split("\t")) for line in out.splitlines()]
+    findings = [tuple(line.split("\t")) for line in out.splitlines()]
+    # It would be shown doubled, and typed so.
+    assert not [finding for finding in findings if "\\" in finding[3]]
+    return code, findings
 
 
 def test_finds_nothing_on_a_server_that_is_well(well):
@@ -296,6 +300,11 @@ def answer_memory(box, policy):
     box.answer("systemctl", "show", "--no-pager", ..., out="\n".join(blocks))
 
 
+def journal_is_in_memory(box):
+    box.write("/run/log/journal/0123/system.journal", "")
+    box.answer("fail2ban-client", "get", "sshd", "journalmatch", out="Current match filter:\n_SYSTEMD_UNIT=sshd.service + _COMM=sshd\n")
+
+
 FAULTS = {
     "agent fails": (
         lambda box: answer_unit(box, "corv-agent.service", ActiveState="failed"),
@@ -341,6 +350,11 @@ FAULTS = {
         break_sshd, "sshd",
         "sshd -T fails, so the firewall would keep port 22 open, whatever the daemon's ports are: Missing privilege separation "
         "directory: /run/sshd", "install -d -o root -g root -m 0755 /run/sshd"),
+    "every user can have addresses banned": (
+        journal_is_in_memory, "sshd",
+        "fail2ban's jail for SSH believes users' programs named sshd too, so that every user can have addresses banned",
+        f"[ -e {JAIL} ] && ! grep -q 'sshd].njournalmatch' {JAIL} || "
+        f"(echo '[sshd]'; echo 'journalmatch = _SYSTEMD_UNIT=ssh.service _UID=0') >{JAIL} && systemctl restart fail2ban"),
     "PostgreSQL is down": (
         lambda box: box.answer("psql", "-qtAX", ..., exit=2, err="psql: error: connection refused\n\tIs it there?\n"),
         "PostgreSQL", "PostgreSQL cannot be asked: psql: error: connection refused; Is it there?", "systemctl start postgresql"),
@@ -483,7 +497,7 @@ TOGETHER = [
      "apt waits for ever", "socket is open to all", "transfer folder is a link", "no backup is planned", "no proof is planned",
      "deletions are not watched", "home is too large"],
     ["accounts are not kept apart", "one account's memory ends PHP", "panel database is missing", "pool is put aside", "account is only a user"],
-    ["account has no database", "user is locked"],
+    ["account has no database", "user is locked", "every user can have addresses banned"],
     ["domain is none", "account has no role"],
     ["automatic updates have no package", "a failure was kept"],
     ["automatic updates have no timer", "nobody can be mailed"],
@@ -502,6 +516,26 @@ def test_finds(well, names):
 
 def test_every_fault_is_planted():
     assert sorted(name for names in TOGETHER for name in names) == sorted(FAULTS)
+
+
+RIGHT = "[sshd]\njournalmatch = _SYSTEMD_UNIT=ssh.service _UID=0\n"
+
+
+@pytest.mark.parametrize("before, after", [
+    (None, RIGHT),
+    (RIGHT, RIGHT),
+    # What an earlier form of the command came to, as it was shown.
+    (r"[sshd]\njournalmatch = _SYSTEMD_UNIT=ssh.service _UID=0\n", RIGHT),
+    ("[sshd]\nmaxretry = 3\n", "[sshd]\nmaxretry = 3\n"),
+], ids=["no file", "right", "in one line", "somebody's"])
+def test_the_jail_is_mended_by_the_command_as_it_is_shown(well, before, after):
+    journal_is_in_memory(well)
+    if before is not None:
+        well.write(JAIL, before)
+    mend = doctor(well)[1][0][3]
+    assert well.run("sh", "-c", mend, env={"PATH": PATH})[0] == 0
+    assert well.read(JAIL) == after
+    assert well.argvs("systemctl")[-1] == ["systemctl", "restart", "fail2ban"]
 
 
 def test_finds_an_old_backup(well):

@@ -148,10 +148,23 @@ def test_switching_it_on_reloads_apache_once(server):
 
 
 def test_what_apache_does_not_take_is_taken_back(server):
+    server.path(ENABLED).unlink()
     server.answer("apache2ctl", "configtest", exit=1, err="Syntax error on line 1")
     assert corvctl(server, "https", "on", start=False) == (1, "", "corvctl: apache2ctl failed: Syntax error on line 1\n")
     assert server.argvs()[-5:] == [["a2dissite", "-q", "zz-corv-https"]] + [
         ["a2dismod", "-q", "-f", module] for module in ("ssl", "md", "http2", "headers")]
+
+
+@pytest.mark.parametrize("program, words", [
+    ("apache2ctl", ["configtest"]), (PROGRAM, ["again"]), ("systemctl", ["reload-or-restart", "apache2.service"])],
+    ids=["configtest", "again", "reload"])
+def test_a_second_try_that_fails_leaves_what_is_in_force(server, program, words):
+    for module in ("ssl", "md", "http2"):
+        server.write(f"/etc/apache2/mods-enabled/{module}.load", "")
+    server.answer(program.split("/")[-1], *words, exit=1, err="not now")
+    assert corvctl(server, "https", "on", start=False) == (1, "", f"corvctl: {program} failed: not now\n")
+    assert server.argvs("a2dissite") == []
+    assert server.argvs("a2dismod") == [["a2dismod", "-q", "-f", "headers"]]
 
 
 @pytest.mark.parametrize("directive", ["MDomain theirs.example", "  MDStoreDir md", "<MDomainSet theirs.example>", "mdcertificateagreement accepted"])
@@ -190,6 +203,37 @@ def test_what_is_chosen_for_an_account_is_kept_and_put_into_use(server):
     assert server.argvs() == [["systemctl", "reload-or-restart", "apache2.service"]]
     assert corvctl(server, "account", "https", "alice", "off", start=False)[:2] == (0, "alice has HTTPS off\n")
     assert server.read("/etc/corvane/https.d/alice") == "# Written by corvctl account https.\noff\n"
+
+
+CHOICES = "/etc/corvane/https.d/alice"
+RELOAD = ["systemctl", "reload-or-restart", "apache2.service"]
+
+
+@pytest.mark.parametrize("before", [None, "no-www\n"], ids=["nothing", "something"])
+def test_a_choice_that_was_refused_does_not_come_into_force_later(server, before):
+    if before:
+        server.write(CHOICES, before)
+    server.answer(*RELOAD, exit=1, err="not now")
+    assert corvctl(server, "--json", "account", "https", "alice", "on", "--hsts", start=False) == (
+        1, '{"error":"systemctl failed: not now","ok":false}\n',
+        "corvctl: systemctl failed: not now\n  alice has what was chosen for it before\n")
+    assert (server.read(CHOICES) if server.exists(CHOICES) else None) == before
+    # The second one ends what the first may have begun.
+    assert server.argvs() == [RELOAD, RELOAD]
+
+
+def test_a_refused_choice_that_cannot_be_taken_back_is_told(server):
+    server.answer(*RELOAD, shell=f"rm {CHOICES} && mkdir -p {CHOICES}/x; echo not now >&2; exit 1")
+    code, out, err = corvctl(server, "account", "https", "alice", "on", "--hsts", start=False)
+    assert (code, out, err.splitlines()[1:]) == (
+        1, "", [f"  what was chosen stands in {CHOICES}, and holds from the next reload of Apache"])
+
+
+def test_a_choice_is_not_made_where_the_one_before_cannot_be_read(server):
+    server.mkdir(CHOICES)
+    assert corvctl(server, "account", "https", "alice", "on", start=False) == (
+        1, "", f"corvctl: cannot read {CHOICES}, so nothing was changed\n")
+    assert server.argvs() == []
 
 
 @pytest.mark.parametrize("words, message", [
@@ -233,6 +277,12 @@ def test_a_certificate_that_is_right_is_copied_and_used(server, brought):
     assert server.read(f"/etc/corvane/https/own/{own}.crt") == server.read("/root/c.pem")
     assert server.read(f"/etc/corvane/https/own/{own}.key") == server.read("/root/k.pem")
     assert server.entry(f"/etc/corvane/https/own/{own}.key") == "0600 root:root"
+
+
+def test_a_certificate_that_apache_does_not_take_is_nobodys(server, brought):
+    server.answer(*RELOAD, exit=1, err="not now")
+    assert brought()[:2] == (1, "")
+    assert not server.exists(CHOICES)
 
 
 @pytest.mark.parametrize("how, problem", [

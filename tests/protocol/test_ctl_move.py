@@ -294,6 +294,9 @@ def test_who_has_left_is_not_resumed_by_mistake(left):
         1, "", "corvctl: shop has left for another server, which has it now\n"
         "  corvctl account move shop HOST --back, HOST being that one, brings it back with what has changed there; --left resumes what is here\n")
     assert left.sandbox.argvs("usermod") == []
+    # Nor does a request that is only printed make it this server's again.
+    assert corvctl(left.sandbox, "-n", "account", "resume", "shop", "--left", start=False)[0] == 0
+    assert left.sandbox.exists("/var/lib/corvane/moves/shop.left")
     assert corvctl(left.sandbox, "account", "resume", "shop", "--left", start=False)[:2] == (0, "shop is on-line again\n")
     assert not left.sandbox.exists("/var/lib/corvane/moves/shop.left")
     left.sandbox.write("/var/lib/corvane/moves/other.left", "")

@@ -2,10 +2,11 @@
 
 import json
 import os
+import shutil
 import time
 
 import pytest
-from corvctl import corvctl
+from corvctl import PATH, corvctl, install
 
 AUTO = "/var/backups/corvane/auto"
 BACKUP = "2026-01-05_031500"
@@ -120,18 +121,49 @@ def test_going_on_gives_the_account_no_other_domain(server):
     assert (code, err) == (2, "corvctl: that is not the account's name, so nothing was restored\n")
 
 
-def test_a_creation_and_a_deletion_forget_it(server):
+# How a restore ends whose source was found, before it does anything.
+NAMED_WRONGLY = (2, "corvctl: that is not the account's name, so nothing was restored\n")
+
+
+def restore_in_root(server, source):
+    """With / as the working folder: exit code and standard error."""
+    install(server)
+    if server.agent is None:
+        server.start()
+    code, _, err = server.run("/usr/bin/env", "--chdir=/", "corvctl", "--plain", "account", "restore", "alice", "--from", source,
+                              "--domain", "alice.example", "--confirm", "other", env={"PATH": PATH, "HOME": "/root"})
+    return code, err
+
+
+def test_a_bare_name_is_a_path_too_where_no_source_has_it(server):
+    archive = server.path(f"{AUTO}/{BACKUP}/accounts/alice-home.tar.gz")
+    server.mkdir("/saved")
+    assert restore_in_root(server, "saved")[1].startswith("corvctl: saved holds nothing of alice\n")
+    shutil.copy(archive, server.path("/saved/alice-home.tar.gz"))
+    assert restore_in_root(server, "saved") == NAMED_WRONGLY
+    # The archives themselves as well, by what their names have in common.
+    shutil.copy(archive, server.path("/alice-old-home.tar.gz"))
+    assert restore_in_root(server, "alice-old") == NAMED_WRONGLY
+
+
+def test_a_bare_name_is_a_source_before_it_is_a_path(server):
+    server.mkdir(f"/{BACKUP}")
+    assert restore_in_root(server, BACKUP) == NAMED_WRONGLY
+
+
+@pytest.mark.parametrize("form", ["--plain", "--json"])
+def test_a_creation_and_a_deletion_forget_it(server, form):
     journal(server)
     server.write("/var/lib/corvane/moves/alice.left", "")
-    code, out, err = corvctl(server, "--plain", "account", "create", "alice", "alice.example")
+    code, out, err = corvctl(server, form, "account", "create", "alice", "alice.example")
     assert (code, err) == (0, "")
-    server.secret(out.split()[-1])
+    server.secret(json.loads(out)["dbPassword"] if form == "--json" else out.split()[-1])
     assert os.listdir(server.path(RESTORES)) == os.listdir(server.path("/var/lib/corvane/moves")) == []
     journal(server)
     assert corvctl(server, "--plain", "account", "create", "alice", "alice.example")[0] == 1
     assert os.listdir(server.path(RESTORES)) == ["alice.json"]
     server.answer("pg_dump", out="PGDMP")
-    code, _, err = corvctl(server, "--plain", "account", "delete", "alice", "--confirm", "alice")
+    code, _, err = corvctl(server, form, "account", "delete", "alice", "--confirm", "alice")
     assert code == 0, err
     assert os.listdir(server.path(RESTORES)) == []
     server.took("hosting.create", {"ok": True})

@@ -1,9 +1,11 @@
 """corvctl: what has to be there before the agent's own work does any good, and what is done about it."""
 
+import json
 import os
+import re
 
 import pytest
-from corvctl import corvctl
+from corvctl import PATH, corvctl, install
 
 KERNEL = os.uname().release
 PACKAGE = f"linux-modules-extra-{KERNEL}"
@@ -152,6 +154,32 @@ def test_only_the_package_is_made_for_a_corvctl_elsewhere(debian):
     assert not [argv for argv in debian.argvs() if argv[0] == "env"]
 
 
+def test_a_package_that_is_not_needed_is_told_of(debian):
+    it_is_installed(debian)
+    assert corvctl(debian, "quota", "enable", "--prepare") == (0, "no package had to be made\n", "")
+    assert corvctl(debian, "--json", "quota", "enable", "--prepare") == (0, '{"ok":true}\n', "")
+
+
+NOT_MADE = "the package that enabling quotas asks for could not be made: dpkg failed: no room"
+
+
+def test_a_package_that_could_not_be_made_is_a_failure(debian):
+    debian.answer("dpkg", exit=2, err="no room\n")
+    assert corvctl(debian, "quota", "enable", "--prepare") == (1, "", f"corvctl: {NOT_MADE}\n")
+    assert corvctl(debian, "--json", "quota", "enable", "--prepare") == (
+        1, json.dumps({"error": NOT_MADE, "ok": False}, separators=(",", ":")) + "\n", f"corvctl: {NOT_MADE}\n")
+
+
+def test_no_package_is_made_by_a_user_or_for_a_request_that_is_only_printed(debian):
+    install(debian)
+    words = ["/usr/bin/setpriv", "--reuid=33", "--clear-groups", "corvctl", "quota", "enable", "--prepare"]
+    assert debian.run(*words, env={"PATH": PATH}) == (
+        3, "", "corvctl: packages are installed by root alone\n  run it as root: sudo corvctl quota enable --prepare\n")
+    assert corvctl(debian, "-n", "quota", "enable", "--prepare") == (
+        2, "", "corvctl: the package is made on the server itself, not by a request\n")
+    assert debian.argvs() == []
+
+
 # On another server, through an ssh that is a stand-in: it runs the command here.
 
 
@@ -176,6 +204,33 @@ def test_a_server_whose_corvctl_makes_no_packages_is_asked_all_the_same(over_ssh
     over_ssh.answer("ssh", "-T", "--", "web1", "corvctl", "quota", ..., exit=2, err="--prepare: no such option\n")
     assert corvctl(over_ssh, "-H", "web1", "quota", "enable")[0] == 0
     assert over_ssh.argvs("dpkg") == []
+
+
+def test_a_package_that_could_not_be_made_there_is_a_failure_and_enabling_tells_it(over_ssh):
+    over_ssh.answer("dpkg", exit=2, err="no room\n")
+    said = re.compile(fr"corvctl: web1: (sh: .+ )?corvctl: {NOT_MADE}\n")
+    code, out, err = corvctl(over_ssh, "-H", "web1", "quota", "enable", "--prepare")
+    assert (code, out) == (3, "") and said.fullmatch(err), err
+    over_ssh.logs(ASKED)
+    code, _, err = corvctl(over_ssh, "-H", "web1", "quota", "enable")
+    assert code == 0 and said.fullmatch(err), err
+
+
+@pytest.mark.parametrize("answer, problem", [
+    ({"exit": 255, "err": "ssh: connect to host web1 port 22: No route to host\n"},
+     "web1: ssh: connect to host web1 port 22: No route to host"),
+    ({"out": ""}, "nothing there tells whether a package is missing"),  # a key that is good for the proxy alone
+], ids=["not reached", "not told"])
+def test_a_server_that_was_not_prepared_is_not_called_prepared(over_ssh, answer, problem):
+    over_ssh.answer("ssh", **answer)
+    assert corvctl(over_ssh, "-H", "web1", "quota", "enable", "--prepare") == (3, "", f"corvctl: {problem}\n")
+
+
+def test_what_is_not_needed_on_the_other_server_is_not_told_of(over_ssh):
+    it_is_installed(over_ssh)
+    over_ssh.logs(ASKED)
+    code, _, err = corvctl(over_ssh, "-H", "web1", "quota", "enable")
+    assert (code, err) == (0, "")
 
 
 @pytest.mark.parametrize("answer, code", [

@@ -8,6 +8,7 @@
 #include "ctl/doctor/Report.h"
 #include "ctl/doctor/Restores.h"
 #include "ctl/doctor/System.h"
+#include "mend_of.h"
 
 #include <QDateTime>
 #include <QJsonArray>
@@ -23,8 +24,8 @@ QStringList asText(const QList<Finding> &findings)
 {
     QStringList lines;
     for (const Finding &finding : findings)
-        lines.append(
-            u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem, finding.mend));
+        lines.append(u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem,
+                                       mendOf(finding)));
     return lines;
 }
 
@@ -118,8 +119,9 @@ private Q_SLOTS:
         QFETCH(QByteArray, output);
         const QStringList wanted = {
             u"fault|fail2ban's jail for SSH believes users' programs named sshd too, so that every user can have "
-            "addresses banned|[ ! -e /etc/fail2ban/jail.d/zz-sshd-journal.local ] && printf '[sshd]\\njournalmatch = "
-            "_SYSTEMD_UNIT=ssh.service _UID=0\\n' "
+            "addresses banned|[ -e /etc/fail2ban/jail.d/zz-sshd-journal.local ] && ! grep -q 'sshd].njournalmatch' "
+            "/etc/fail2ban/jail.d/zz-sshd-journal.local || (echo '[sshd]'; echo 'journalmatch = "
+            "_SYSTEMD_UNIT=ssh.service _UID=0') "
             ">/etc/fail2ban/jail.d/zz-sshd-journal.local && systemctl restart fail2ban"_s};
         QFETCH(bool, found);
         QCOMPARE(asText(checkSshdJail(output)), found ? wanted : QStringList());

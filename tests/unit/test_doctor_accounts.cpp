@@ -5,6 +5,7 @@
 #include "ctl/doctor/Database.h"
 #include "ctl/doctor/Deletions.h"
 #include "ctl/doctor/Remainders.h"
+#include "mend_of.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -24,8 +25,8 @@ QStringList asText(const QList<Finding> &findings)
 {
     QStringList lines;
     for (const Finding &finding : findings)
-        lines.append(
-            u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem, finding.mend));
+        lines.append(u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem,
+                                       mendOf(finding)));
     return lines;
 }
 

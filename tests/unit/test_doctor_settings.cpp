@@ -1,5 +1,6 @@
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/Settings.h"
+#include "mend_of.h"
 
 #include <QTest>
 
@@ -13,8 +14,8 @@ QStringList asText(const QList<Finding> &findings)
 {
     QStringList lines;
     for (const Finding &finding : findings)
-        lines.append(
-            u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem, finding.mend));
+        lines.append(u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem,
+                                       mendOf(finding)));
     return lines;
 }
 

@@ -4,6 +4,7 @@
 #include "ctl/doctor/Sites.h"
 #include "ctl/doctor/Visitors.h"
 #include "ctl/doctor/Visits.h"
+#include "mend_of.h"
 
 #include <QTest>
 
@@ -24,8 +25,8 @@ QStringList asText(const QList<Finding> &findings)
 {
     QStringList lines;
     for (const Finding &finding : findings)
-        lines.append(
-            u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem, finding.mend));
+        lines.append(u"%1|%2|%3"_s.arg(finding.level == Level::Fault ? u"fault"_s : u"note"_s, finding.problem,
+                                       mendOf(finding)));
     return lines;
 }
 

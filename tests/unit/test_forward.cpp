@@ -2,6 +2,7 @@
 #include "ctl/doctor/Forwards.h"
 
 #include "ctl/move/Forward.h"
+#include "mend_of.h"
 
 #include <QTest>
 
@@ -29,7 +30,7 @@ QStringList asText(const QList<Finding> &findings)
 {
     QStringList lines;
     for (const Finding &one : findings)
-        lines.append((one.level == Level::Fault ? u"fault: "_s : u"note: "_s) + one.problem + u" | "_s + one.mend);
+        lines.append((one.level == Level::Fault ? u"fault: "_s : u"note: "_s) + one.problem + u" | "_s + mendOf(one));
     return lines;
 }
 

@@ -1,6 +1,7 @@
 #include "ctl/doctor/Reach.h"
 #include "ctl/home/Archive.h"
 #include "ctl/home/Beneath.h"
+#include "mend_of.h"
 
 #include <QDir>
 #include <QFile>
@@ -124,7 +125,7 @@ private Q_SLOTS:
                                                   {u"d"_s, OutOfReach::What::Below, 1, "public_html/x"},
                                                   {u"e"_s, OutOfReach::What::Below, 3, "public_html/y"}}))
             said.append((finding.level == Level::Fault ? u"fault|"_s : u"note|"_s) + finding.problem + u'|' +
-                        finding.mend);
+                        mendOf(finding));
         QCOMPARE(
             said,
             QStringList({

@@ -177,6 +177,10 @@ void TestOffsite::aSettingIsWrittenAndAllElseStays_data()
                                << QByteArray("[offsite]\nplace=\"new\"\n;place=no\n[a]\nplace=1\n");
     QTest::newRow("a key") << QByteArray("[a]\nplace=1\n [offsite] \n place = old\nx=1\n")
                            << QByteArray("[a]\nplace=1\n [offsite] \nplace=\"new\"\nx=1\n");
+    QTest::newRow("a key twice") << QByteArray("[offsite]\nplace=1\nx=1\n;place=no\nplace=2\n[a]\nplace=3\n")
+                                 << QByteArray("[offsite]\nx=1\n;place=no\nplace=\"new\"\n[a]\nplace=3\n");
+    QTest::newRow("a section twice") << QByteArray("[offsite]\nplace=1\n[a]\nx=1\n[offsite]\nplace=2\ny=1\n")
+                                     << QByteArray("[offsite]\n[a]\nx=1\n[offsite]\nplace=\"new\"\ny=1\n");
     QTest::newRow("no line feed") << QByteArray("[offsite]") << QByteArray("[offsite]\nplace=\"new\"\n");
     QTest::newRow("empty") << QByteArray() << QByteArray("\n[offsite]\nplace=\"new\"\n");
 }

@@ -36,7 +36,8 @@ int suspend(Session &session, const Given &given)
 // Why an account is not resumed: another server has it, and both would serve it. Who means it gives up what tells so.
 std::optional<int> refuseLeft(const Session &session, const Given &given, const QString &name)
 {
-    if (!session.options.hosts.empty() || !hosting::validUsername(name) || !moving::hasLeft(name))
+    if (session.options.printOnly || !session.options.hosts.empty() || !hosting::validUsername(name) ||
+        !moving::hasLeft(name))
         return {};
     if (!given.has("--left"))
         return refuse(session, u"%1 has left for another server, which has it now"_s.arg(name),

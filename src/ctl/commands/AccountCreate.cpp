@@ -93,6 +93,12 @@ int createAccount(Session &session, const Given &given)
         return *end;
 
     const Answer answer = ask(session, u"hosting.create"_s, args);
+    // An earlier restore to that name would take this account for the one that it has made, and one of that name may
+    // have left for another server.
+    if (answer.ok() && isHere(session)) {
+        removeJournal(name);
+        (void)moving::forgetLeft(name);
+    }
     if (const std::optional<int> end = settled(session, answer)) {
         // What the agent could not take back, such as the role where PostgreSQL went away.
         if (answer.fate == Answer::Fate::Replied && !answer.ok()) {
@@ -104,12 +110,6 @@ int createAccount(Session &session, const Given &given)
         return *end;
     }
 
-    // An earlier restore to that name would take this account for the one that it has made, and one of that name may
-    // have left for another server.
-    if (isHere(session)) {
-        removeJournal(name);
-        (void)moving::forgetLeft(name);
-    }
     const QString php = answer.reply.value("phpVersion"_L1).toString();
     // The password is told here and never again.
     printFacts(session, {{u"Account"_s, text(name)},

@@ -3,6 +3,7 @@
 #include "common/Account.h"
 #include "common/AtomicFile.h"
 #include "common/HttpsFiles.h"
+#include "common/Paths.h"
 #include "ctl/Command.h"
 #include "ctl/Interrupt.h"
 #include "ctl/Session.h"
@@ -12,11 +13,14 @@
 #include "ctl/https/View.h"
 
 #include <QDateTime>
+#include <QFile>
 
 using namespace Qt::Literals::StringLiterals;
 
 namespace corv::ctl {
 namespace {
+
+constexpr qsizetype kLargestChoices = 65'536;
 
 // Checks and copies a certificate that was brought; gives why it is not used, empty where it is.
 QString bring(const Given &given, const QString &account, const QString &domain, https::SiteOptions *options)
@@ -42,6 +46,21 @@ QString whatBecame(const QString &account)
     return u"its site is not enabled, or not as the agent writes it"_s;
 }
 
+// Ends a choice that Apache did not take, with why. It would come into force with whatever reload comes next, and one
+// of them cannot be taken back from the browsers that have seen it. A certificate that was brought with it stays until
+// it has been nobody's for some days: the Apache that took too long may still be about to read it.
+int takeBack(const Session &session, const QString &account, const std::optional<QByteArray> &before,
+             const QString &problem)
+{
+    const QString file = https::optionsPath(account);
+    if (!(before ? replaceFile(file, *before, 0644) : QFile::remove(file)))
+        return refuse(session, problem,
+                      u"what was chosen stands in %1, and holds from the next reload of Apache"_s.arg(file));
+    // The first one may yet come to it, and this one then comes behind.
+    (void)reloadApache();
+    return refuse(session, problem, u"%1 has what was chosen for it before"_s.arg(account));
+}
+
 } // namespace
 
 int accountHttps(Session &session, const Given &given)
@@ -64,15 +83,19 @@ int accountHttps(Session &session, const Given &given)
     const InterruptGuard guard;
     if (!https::makeFolders())
         return refuse(session, u"cannot make the folders for HTTPS"_s);
+    const QString file = https::optionsPath(account);
+    const std::optional<QByteArray> before = https::readWhole(file, kLargestChoices);
+    if (!before && exists(file))
+        return refuse(session, u"cannot read %1, so nothing was changed"_s.arg(file));
     if (given.has("--cert")) {
         if (const QString problem = bring(given, account, hosting::domainOf(account), &options); !problem.isEmpty())
             return refuse(session, u"the certificate is not used: "_s + problem);
     }
-    if (!replaceFile(https::optionsPath(account), https::optionsText(options), 0644))
-        return refuse(session, u"cannot write %1"_s.arg(https::optionsPath(account)));
+    if (!replaceFile(file, https::optionsText(options), 0644))
+        return refuse(session, u"cannot write %1"_s.arg(file));
     if (readHttps()) {
         if (const QString problem = reloadApache(); !problem.isEmpty())
-            return refuse(session, problem);
+            return takeBack(session, account, before, problem);
     }
     if (session.options.json)
         print("{\"ok\":true}\n");

@@ -31,34 +31,75 @@ int status(Session &session, const Given &)
 // it.
 constexpr int kRemoteSeconds = 180;
 
+constexpr auto kNotMade = "the package that enabling quotas asks for could not be made"_L1;
+constexpr auto kNotNeeded = "no package had to be made"_L1;
+
+// What preparing a server came to.
+struct Preparation
+{
+    QString said;
+    QString problem; // why nobody knows that it is prepared; empty where it is
+    QString hint;    // what to do about that
+    int status = kDone;
+};
+
 // Prepares this server, or the other one, which is none of the agent's affairs and needs root. Where the agent is asked
 // by somebody else, or over there a key is good for its socket alone, the agent tells whether something is missing.
-QString prepare(const Session &session)
+Preparation prepare(const Session &session)
 {
     if (!session.options.hosts.empty()) {
         const Distant distant = runThere(
             session.options, {u"corvctl"_s, u"quota"_s, u"enable"_s, u"--prepare"_s, u"--plain"_s}, kRemoteSeconds);
-        return QString::fromUtf8(distant.output).simplified();
+        const QString said = QString::fromUtf8(distant.output).simplified();
+        if (!distant.problem.isEmpty())
+            return {{}, distant.problem, {}, distant.status};
+        if (said.isEmpty())
+            return {{}, u"nothing there tells whether a package is missing"_s, {}, kNoConnection};
+        return {said, {}, {}, kDone};
     }
     if (::geteuid() != 0)
-        return {};
+        return {{},
+                u"packages are installed by root alone"_s,
+                u"run it as root: sudo corvctl quota enable --prepare"_s,
+                kNoConnection};
     const Prepared prepared = prepareQuotas();
     if (!prepared.problem.isEmpty())
-        return u"the package that enabling quotas asks for could not be made: "_s + prepared.problem;
+        return {{}, kNotMade + u": "_s + prepared.problem, {}, kRefused};
     if (prepared.made.isEmpty())
-        return {};
-    return u"made and installed %1, an empty package: this kernel has quota_v2 itself"_s.arg(prepared.made);
+        return {kNotNeeded, {}, {}, kDone};
+    return {u"made and installed %1, an empty package: this kernel has quota_v2 itself"_s.arg(prepared.made),
+            {},
+            {},
+            kDone};
+}
+
+int prepareOnly(const Session &session)
+{
+    if (session.options.printOnly)
+        return fail(kWrongUsage, u"the package is made on the server itself, not by a request"_s);
+    const Preparation prepared = prepare(session);
+    if (prepared.status == kRefused)
+        return refuse(session, prepared.problem);
+    if (prepared.status != kDone)
+        return fail(prepared.status, prepared.problem, prepared.hint);
+    if (session.options.json)
+        print("{\"ok\":true}\n");
+    else
+        printLine(escaped(prepared.said));
+    return kDone;
 }
 
 int enable(Session &session, const Given &given)
 {
-    const QString prepared = session.options.printOnly ? QString() : prepare(session);
-    if (given.has("--prepare")) {
-        printLine(escaped(prepared));
-        return kDone;
+    if (given.has("--prepare"))
+        return prepareOnly(session);
+    if (!session.options.printOnly) {
+        const Preparation prepared = prepare(session);
+        if (prepared.problem.contains(kNotMade))
+            note(prepared.problem);
+        else if (!prepared.said.isEmpty() && prepared.said != kNotNeeded)
+            note(prepared.said);
     }
-    if (!prepared.isEmpty())
-        note(prepared);
     const Answer answer = ask(session, u"quota.enable"_s);
     if (const std::optional<int> end = settled(session, answer))
         return *end;

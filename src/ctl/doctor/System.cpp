@@ -13,6 +13,7 @@ namespace {
 const QStringList kModules = {u"rewrite"_s, u"proxy"_s, u"proxy_fcgi"_s};
 // Keeps the requests for an account within it, whatever its .htaccess says.
 const auto kGuardModule = u"corvane"_s;
+constexpr auto kJailFile = "/etc/fail2ban/jail.d/zz-sshd-journal.local"_L1;
 constexpr auto kLogFormatFile = "/etc/apache2/conf-available/corv-logformat.conf"_L1;
 
 constexpr qint64 kToolSeconds = 600; // after which the agent ends a tool
@@ -169,8 +170,10 @@ QList<Finding> checkSshdJail(const QByteArray &output)
         {Level::Fault,
          u"fail2ban's jail for SSH believes users' programs named sshd too, so that every user can have addresses banned"_s,
          // In the jail and not in its filter: what Debian 13's own jail says prevails over the filter. The file comes
-         // after one that may be there with less.
-         uR"([ ! -e /etc/fail2ban/jail.d/zz-sshd-journal.local ] && printf '[sshd]\njournalmatch = _SYSTEMD_UNIT=ssh.service _UID=0\n' >/etc/fail2ban/jail.d/zz-sshd-journal.local && systemctl restart fail2ban)"_s}};
+         // after one that may be there with less. One that somebody else wrote stays; both lines in one, with a
+         // backslash and an n between them, were written by what was shown here earlier.
+         uR"([ -e %1 ] && ! grep -q 'sshd].njournalmatch' %1 || (echo '[sshd]'; echo 'journalmatch = _SYSTEMD_UNIT=ssh.service _UID=0') >%1 && systemctl restart fail2ban)"_s
+             .arg(kJailFile)}};
 }
 
 QList<Finding> checkLockTimeout(const QString &value)

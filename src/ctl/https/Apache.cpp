@@ -72,6 +72,8 @@ QString switchHttpsOn()
     if (const QString other = otherManager(); !other.isEmpty())
         return u"%1 has Apache manage certificates already, and there can be one store of them only"_s.arg(other);
 
+    // A second try that fails must not end the HTTPS that the first one brought.
+    const bool wasOn = exists(QString::fromLatin1(https::kEnabledSite));
     QStringList enabled;
     QString problem;
     for (const QString &module : {u"ssl"_s, u"md"_s, u"http2"_s, u"headers"_s}) {
@@ -89,7 +91,8 @@ QString switchHttpsOn()
     if (problem.isEmpty())
         problem = reloadApache();
     if (!problem.isEmpty()) {
-        (void)runTool(u"a2dissite"_s, {u"-q"_s, QString::fromLatin1(https::kSiteName)}); // may not be there yet
+        if (!wasOn)
+            (void)runTool(u"a2dissite"_s, {u"-q"_s, QString::fromLatin1(https::kSiteName)}); // may not be there yet
         for (const QString &module : enabled)
             (void)runTool(u"a2dismod"_s, {u"-q"_s, u"-f"_s, module}); // whatever of it was enabled
         return problem;

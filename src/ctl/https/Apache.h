@@ -8,7 +8,7 @@ namespace corv::ctl {
 // Switching HTTPS for accounts on and off in Apache. All for root; each gives why it failed, empty where it did not.
 
 // Enables the modules, the site and the units, and reloads Apache; what was enabled by it is disabled again where
-// Apache does not take it. What was refused before is tried again.
+// Apache does not take it, and what was before stays. What was refused before is tried again.
 QString switchHttpsOn();
 
 // Disables the site and the units and reloads Apache. Modules and certificates stay.

@@ -17,20 +17,26 @@ QByteArray withSetting(const QByteArray &text, const QString &section, const QSt
 
     qsizetype found = -1;
     bool isInside = false;
+    QList<qsizetype> set;
     for (qsizetype i = 0; i < lines.size(); ++i) {
         const QByteArray trimmed = lines[i].trimmed();
         if (trimmed.startsWith('[')) {
             isInside = trimmed == heading;
             found = isInside ? i : found;
         } else if (isInside && lines[i].left(lines[i].indexOf('=')).trimmed() == name) {
-            lines[i] = line;
-            return lines.join('\n') + '\n';
+            set.append(i);
         }
     }
-    if (found >= 0)
+    if (!set.isEmpty()) {
+        // The last one counts; those before it would only mislead.
+        lines[set.takeLast()] = line;
+        while (!set.isEmpty())
+            lines.removeAt(set.takeLast());
+    } else if (found >= 0) {
         lines.insert(found + 1, line);
-    else
+    } else {
         lines += {QByteArray(), heading, line};
+    }
     return lines.join('\n') + '\n';
 }
 

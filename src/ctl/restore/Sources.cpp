@@ -81,6 +81,24 @@ QString baseOf(const QString &path)
     return path;
 }
 
+// What lies at a path: in a folder, or at the beginning of the archives' names. Nothing where that is not of the
+// account.
+std::optional<Source> sourceAtPath(const QString &account, const QString &from)
+{
+    if (QFileInfo(from).isDir())
+        return sourceIn(QDir::cleanPath(QDir::current().absoluteFilePath(from)), account);
+    const QString base = QDir::cleanPath(QDir::current().absoluteFilePath(baseOf(from)));
+    const QString name = base.section(u'/', -1);
+    if (name != account && !name.startsWith(account + u'-'))
+        return {};
+    std::optional<Source> source = sourceAt(base, stateBeside(base));
+    if (source) {
+        source->account = account;
+        source->from = base;
+    }
+    return source;
+}
+
 // What was found out of a backup's archives of an account.
 void addVerdict(const QString &destination, Source *source)
 {
@@ -166,18 +184,10 @@ std::optional<Source> findSource(const backup::Config &config, const QString &ac
             if (one.from == baseOf(from))
                 source = one;
         }
-    } else if (QFileInfo(from).isDir()) {
-        source = sourceIn(QDir::cleanPath(QDir::current().absoluteFilePath(from)), account);
-    } else {
-        const QString base = QDir::cleanPath(QDir::current().absoluteFilePath(baseOf(from)));
-        const QString name = base.section(u'/', -1);
-        if (name == account || name.startsWith(account + u'-'))
-            source = sourceAt(base, stateBeside(base));
-        if (source) {
-            source->account = account;
-            source->from = base;
-        }
     }
+    // An export takes a bare name for a path too.
+    if (!source)
+        source = sourceAtPath(account, from);
     if (!source)
         *problem = u"%1 holds nothing of %2"_s.arg(from, account);
     else
