@@ -20,6 +20,9 @@ QString sitePath(const QString &user);
 // answers every request with status 503.
 QString vhost(const QString &user, const QString &domain, bool php, bool suspended);
 
+// What each page of a suspended site says.
+constexpr QLatin1StringView kSuspendedPage("This site is temporarily unavailable.");
+
 // The page that a new site shows.
 QByteArray welcomePage(const QString &domain);
 

@@ -231,6 +231,15 @@ FAULTS = {
     "visitors see 503 of a program": (
         site("dead", "<Location />", "SetHandler proxy:fcgi://127.0.0.1:9", "</Location>"),
         ["visitors of dead.example see 503 Service Unavailable"], REMOVE.format("dead")),
+    "Apache still has a suspension": (
+        "corvctl account create zz2 zz2.example; corvctl account suspend zz2; "
+        "corvctl account resume zz2; cp {0}/corv-zz2.conf /root/open.conf; corvctl account suspend zz2; "
+        "mv /root/open.conf {0}/corv-zz2.conf; usermod --expiredate '' zz2; "
+        "mv {1}/corv-zz2.conf.suspended {1}/corv-zz2.conf; systemctl reload php8.2-fpm; "
+        "timeout 60 sh -c 'until [ -e /run/php/corv-zz2.sock ]; do sleep 0.1; done'; "
+        "runuser -u postgres -- psql -qc 'ALTER ROLE zz2 LOGIN'".format(SITES, POOLS),
+        ["visitors of zz2.example are told that it is suspended, which it is not any more"],
+        None, "corvctl account delete zz2 --confirm zz2"),
     "two accounts have one domain": (
         "corvctl account create zz1 @.example --force",
         ["the sites corv-@ and corv-zz1 both answer to @.example, www.@.example; visitors get those of corv-@"],
@@ -316,12 +325,14 @@ ROUNDS = [
     ["a restore was cut off in its swap", "an account has two pools", "the destination is full", "a unit has another PATH"],
     ["a restore was cut off", "a user is locked", "the mark is on another user", "a role is left over",
      "the cache of PHP is open to all accounts", "an account is only a user"],
-    ["a suspended account's pool runs", "the last backup is damaged", "deletions are not watched"],
+    ["a suspended account's pool runs", "Apache still has a suspension", "the last backup is damaged", "deletions are not watched"],
     ["a pool was put aside and made anew", "a home is too large", "the cache of PHP is opened again"],
     ["Apache is stopped", "a pool of nobody keeps PHP from starting", "a key of the settings is misspelt"],
     ["visitors see 503", "visitors see 502", "visitors see 503 of a program", "two accounts have one domain", "a site outlives its account",
      "a watched service is misspelt"],
     ["a site outlives a suspension", "the disk of the backups is not mounted"],
+    ["PHP has not read an account's pool"],
+    ["a suspended account has no pool"],
 ]
 
 

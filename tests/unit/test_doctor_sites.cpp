@@ -112,8 +112,9 @@ private:
 // "STATUS own/other asked late problem"
 QString described(const Visited &visited)
 {
+    const QString page = visited.isServersOwnPage ? u"own"_s : visited.isSuspensions ? u"suspension's"_s : u"other"_s;
     return u"%1 %2 %3 %4 %5"_s.arg(visited.status)
-        .arg(visited.isServersOwnPage ? u"own"_s : u"other"_s, visited.wasAsked ? u"asked"_s : u"not"_s,
+        .arg(page, visited.wasAsked ? u"asked"_s : u"not"_s,
              visited.isLate ? u"late"_s : u"-"_s, visited.problem)
         .trimmed();
 }
@@ -404,6 +405,9 @@ private Q_SLOTS:
         QTest::newRow("page still to come") << kApaches.left(70) << false << later;
         QTest::newRow("a page of its own")
             << QByteArray("HTTP/1.1 503 x\r\n\r\nclosed\n") << true << u"503 other asked -"_s;
+        QTest::newRow("a suspended site's page")
+            << QByteArray("HTTP/1.1 503 x\r\nContent-Length: 37\r\n\r\nThis site is temporarily unavailable.") << true
+            << u"503 suspension's asked -"_s;
         QTest::newRow("another status in the page")
             << QByteArray(kApaches).replace("<title>503", "<title>404") << true << u"503 other asked -"_s;
     }
@@ -413,6 +417,12 @@ private Q_SLOTS:
         QFETCH(bool, isAll);
         const std::optional<Visited> visited = readAnswer(answer, isAll);
         QTEST(visited ? described(*visited) : u"later"_s, "expected");
+    }
+
+    void knowsThePageOfASuspendedSite()
+    {
+        QVERIFY(hosting::vhost(u"alice"_s, u"example.org"_s, true, true)
+                    .contains(u"ErrorDocument 503 \"%1\"\n"_s.arg(hosting::kSuspendedPage)));
     }
 
     void visitsAsAVisitorDoes()
@@ -510,6 +520,8 @@ private Q_SLOTS:
         QTest::newRow("a slow gateway") << answer(504, true) << false << Sight::Broken;
         QTest::newRow("Apache's 503") << answer(503, true) << false << Sight::Broken;
         QTest::newRow("its own 503") << answer(503) << false << Sight::Well;
+        QTest::newRow("a suspension's 503 without one")
+            << Visited{503, false, true, false, {}, true} << false << Sight::Stale;
         QTest::newRow("nothing") << Visited{0, false, true, false, u"x"_s} << false << Sight::Broken;
         QTest::newRow("not asked") << Visited() << false << Sight::NotAsked;
         QTest::newRow("suspended") << answer(503) << true << Sight::Suspended;
@@ -543,6 +555,7 @@ private Q_SLOTS:
                                          sight(u"f.example"_s, 500, Sight::OwnError),
                                          sight(u"g.example"_s, 200, Sight::Open),
                                          sight(u"h.example"_s, 503, Sight::Suspended),
+                                         sight(u"i.example"_s, 503, Sight::Stale),
                                          byHand};
         QCOMPARE(
             asText(checkSights(sights, u"8.2"_s)),
@@ -556,6 +569,8 @@ private Q_SLOTS:
                 u"fault|visitors of hand.example see 502 Bad Gateway|tail -n 20 /var/log/apache2/error.log | cat -v"_s,
                 u"note|visitors of f.example see 500 Internal Server Error, which the site itself makes|tail -n 20 "
                 "/var/log/apache2/f.example-error.log | cat -v"_s,
+                u"fault|visitors of i.example are told that it is suspended, which it is not any more|apache2ctl "
+                "configtest && systemctl reload apache2"_s,
                 u"fault|the site corv-x is suspended, but its visitors still get an answer: status 200|apache2ctl "
                 "configtest && systemctl reload apache2"_s,
             }));

@@ -57,7 +57,7 @@ Visit visitTo(const VirtualHost &host, const QHash<int, QString> &loopbacks)
             port, host.names.value(0, kNobody)};
 }
 
-Sight judge(const Visited &visited, bool isSuspended)
+Sight judge(const Visited &visited, bool isAccounts, bool isSuspended)
 {
     if (!visited.wasAsked)
         return Sight::NotAsked;
@@ -66,6 +66,8 @@ Sight judge(const Visited &visited, bool isSuspended)
         return Sight::Broken;
     if (isSuspended)
         return visited.status == kUnavailable ? Sight::Suspended : Sight::Open;
+    if (isAccounts && visited.status == kUnavailable && visited.isSuspensions)
+        return Sight::Stale;
     if (visited.status == kUnavailable)
         return visited.isServersOwnPage ? Sight::Broken : Sight::Well; // a site may be closed for work on it
     return visited.status >= kLowestError ? Sight::OwnError : Sight::Well;
@@ -138,8 +140,9 @@ QList<SiteSight> sightsOf(const QList<VirtualHost> &hosts, const QList<AccountSi
     for (const VirtualHost &host : askedOf(hosts)) {
         const Visited one = visited.value(sights.size());
         const Visit visit = visitTo(host, {});
-        sights.append({host.site, visit.host, visit.port, own.contains(host.site), one.status,
-                       judge(one, suspended.contains(host.site)), one.isLate, one.problem});
+        const bool isAccounts = own.contains(host.site);
+        sights.append({host.site, visit.host, visit.port, isAccounts, one.status,
+                       judge(one, isAccounts, suspended.contains(host.site)), one.isLate, one.problem});
     }
     return sights;
 }
@@ -206,6 +209,12 @@ QList<Finding> checkSights(const QList<SiteSight> &sights, const QString &php)
         findings.append({Level::Note,
                          u"visitors of %1 see %2, which the site itself makes"_s.arg(someOf(group.names), group.seen),
                          group.isAccounts ? showLog(group.names[0]) : QString(kShowServersLog)});
+    }
+    for (const Group &group : groupsOf(sights, Sight::Stale)) {
+        findings.append({Level::Fault,
+                         u"visitors of %1 are told that it is suspended, which it is not any more"_s.arg(
+                             someOf(group.names)),
+                         u"apache2ctl configtest && systemctl reload apache2"_s});
     }
     for (const SiteSight &one : sights) {
         if (one.sight == Sight::Open)

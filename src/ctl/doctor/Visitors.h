@@ -19,6 +19,7 @@ enum class Sight {
     OwnError,  // an error that the site's own programs make
     Broken,    // an error that Apache makes because what should serve the site does not, or no answer at all
     Open,      // pages, although its account is suspended
+    Stale,     // the word that it is off-line, although its account is not suspended
     NotAsked,
 };
 

@@ -1,6 +1,7 @@
 #include "ctl/doctor/Visits.h"
 
 #include "common/Fd.h"
+#include "common/Site.h"
 
 #include <QDeadlineTimer>
 #include <QRegularExpression>
@@ -186,7 +187,8 @@ std::optional<Visited> readAnswer(const QByteArray &beginning, bool isAll)
         const QRegularExpressionMatch title = page < 0 ? QRegularExpressionMatch() : own.match(text, page);
         if (!title.hasMatch() && !isAll)
             return {};
-        return Visited{status, title.hasMatch() && title.captured(1).toInt() == status, true, false, {}};
+        const bool isSuspensions = page >= 0 && text.mid(page + 4).startsWith(hosting::kSuspendedPage);
+        return Visited{status, title.hasMatch() && title.captured(1).toInt() == status, true, false, {}, isSuspensions};
     }
 }
 

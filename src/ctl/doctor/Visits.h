@@ -25,6 +25,7 @@ struct Visited
     bool wasAsked = false;         // false: there was no time left, or no such address or name can be asked for
     bool isLate = false;           // whether the answer, or its beginning, did not come in time
     QString problem;               // why there was no answer
+    bool isSuspensions = false;    // whether the page is the word of an account's site that is suspended
 };
 
 // Makes all of these visits side by side, some dozens at a time, and waits for each answer so many milliseconds at
@@ -32,7 +33,8 @@ struct Visited
 // its beginning alone is read.
 QList<Visited> visit(const QList<Visit> &visits, int milliseconds);
 
-// What the beginning of an answer tells, or all of it: its status and whether the page is Apache's own. Nothing where
+// What the beginning of an answer tells, or all of it: its status and whether the page is Apache's own,
+// or a suspended site's. Nothing where
 // more has to come for that, or where it is no answer of HTTP.
 std::optional<Visited> readAnswer(const QByteArray &beginning, bool isAll);
 
