@@ -1,6 +1,7 @@
 #include "common/Apart.h"
 
 #include "common/Fd.h"
+#include "common/Stuck.h"
 
 #include <QDeadlineTimer>
 #include <QFile>
@@ -60,13 +61,14 @@ std::optional<QByteArray> readAll(int pipe, const QDeadlineTimer &deadline)
     return {};
 }
 
-[[noreturn]] void doWork(int pipe, pid_t parent, const std::function<QByteArray()> &work, Descriptors descriptors)
+[[noreturn]] void doWork(int pipe, pid_t parent, const std::function<QByteArray()> &work)
 {
     (void)::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (descriptors == Descriptors::Closed) {
-        pipe = ::dup2(pipe, STDIN_FILENO);
-        ::close_range(STDERR_FILENO + 1, ~0U, 0);
-    }
+    pipe = ::dup2(pipe, STDIN_FILENO);
+    const int nowhere = ::open("/dev/null", O_RDWR);
+    ::dup2(nowhere, STDOUT_FILENO);
+    ::dup2(nowhere, STDERR_FILENO);
+    ::close_range(STDERR_FILENO + 1, ~0U, 0);
     const bool isWritten = ::getppid() == parent && writeAll(pipe, work());
     ::_exit(isWritten ? EXIT_SUCCESS : EXIT_FAILURE); // what is to be printed is the other process's
 }
@@ -102,7 +104,7 @@ std::optional<int> endOf(pid_t child, int milliseconds)
     }
 }
 
-std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteArray()> &work, Descriptors descriptors)
+std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteArray()> &work)
 {
     const QDeadlineTimer deadline(milliseconds);
     std::array<int, 2> ends = {-1, -1};
@@ -113,7 +115,7 @@ std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteA
     const pid_t parent = ::getpid();
     const pid_t worker = ::fork();
     if (worker == 0)
-        doWork(in.get(), parent, work, descriptors);
+        doWork(in.get(), parent, work);
     in.reset();
     if (worker < 0)
         return {};
@@ -122,6 +124,8 @@ std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteA
     if (!output)
         (void)::kill(worker, SIGKILL);
     const std::optional<int> status = endOf(worker, kKillMs);
+    if (!status)
+        leaveStuck();
     const bool isDone = status && WIFEXITED(*status) && WEXITSTATUS(*status) == EXIT_SUCCESS;
     return isDone ? output : std::nullopt;
 }
@@ -139,7 +143,7 @@ bool isAnswering(const QString &path)
         (void)::statvfs(QFile::encodeName(path).constData(), &status);
         return {};
     };
-    return workApart(kAnswerMs, ask, Descriptors::Closed).has_value();
+    return workApart(kAnswerMs, ask).has_value();
 }
 
 } // namespace corv

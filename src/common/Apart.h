@@ -17,16 +17,12 @@ QList<pid_t> children();
 // that waits for a disk or a share that does not answer does not even end when it is killed.
 std::optional<int> endOf(pid_t child, int milliseconds);
 
-// What the process that works finds open: what this one has, or nothing at all. Whoever serves others closes all, for
-// one that is stuck would hold their connections open when they are long over.
-enum class Descriptors { Kept, Closed };
-
 // Does work in a process of its own, so that what hangs, dies or takes too much of memory in it does so alone: gives
 // what the work gave, at most 16 MiB of it; nothing where it took longer than so many milliseconds or ended otherwise.
-// It is killed then. One that is stuck stays a child of this process, and nothing more is begun beside four of them.
+// It is killed then. One that is stuck stays a child of this process, and nothing more is begun beside four of them. It
+// has nothing open of what this one has, for it would hold connections, locks and whoever reads the output for as long.
 // This and the next are to be called where no other child runs.
-std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteArray()> &work,
-                                    Descriptors descriptors = Descriptors::Kept);
+std::optional<QByteArray> workApart(int milliseconds, const std::function<QByteArray()> &work);
 
 // How many such processes are still stuck, of those whose work was given up.
 qsizetype stuckWork();

@@ -3,6 +3,7 @@
 #include "common/Environment.h"
 #include "common/FolderStream.h"
 #include "common/Held.h"
+#include "common/Stuck.h"
 
 #include <QDeadlineTimer>
 #include <QProcess>
@@ -107,6 +108,7 @@ void killGroup(QProcess &process)
         ::kill(static_cast<pid_t>(-process.processId()), SIGKILL);
     process.kill();
     process.waitForFinished(kKilledMs);
+    leaveStuck(); // the first may have ended, and another be stuck
 }
 
 } // namespace corv

@@ -66,12 +66,7 @@ QJsonArray ownDisks()
 
 std::optional<QJsonArray> lookApart(QJsonArray (*look)())
 {
-    const std::optional<QByteArray> told = workApart(
-        kDisksMs,
-        [look] {
-            return compactJson({{u"disks"_s, look()}});
-        },
-        Descriptors::Closed);
+    const std::optional<QByteArray> told = workApart(kDisksMs, [look] { return compactJson({{u"disks"_s, look()}}); });
     return told ? std::optional(parseObject(*told).value("disks"_L1).toArray()) : std::nullopt;
 }
 

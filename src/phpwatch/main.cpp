@@ -16,7 +16,8 @@
 
 namespace {
 
-// Between two looks. Nobody can tell when the next one is, and go on for that moment.
+// Between two looks. Whoever has his process go on for a moment in a rhythm of his own cannot know when the next one
+// is; but he who follows what the kernel tells everybody of this process can.
 constexpr int kLeastMs = 1000;
 constexpr int kMostMs = 5000;
 

@@ -1,9 +1,14 @@
 """The agent as a service of the host: when it is ready, whom it lets in, how it stops."""
 
+import pathlib
 import shlex
+import subprocess
 
 import pytest
 
+SETTINGS = "/etc/corvane/corvane.ini"
+SHARE = "/mnt/silent"
+SERVER = pathlib.Path(__file__).with_name("silent_share.py")
 SOCKET = "/run/corvane/agent.sock"
 PING = f"""printf '{{"cmd":"ping"}}\\n' | socat -t 10 - UNIX-CONNECT:{SOCKET}"""
 PONG = '{"ok":true,"version":"0.1"}\n'
@@ -102,6 +107,35 @@ def test_a_stop_finishes_the_undoing_of_a_creation_that_failed(host):
     for path in (f"/home/{name}", f"/etc/apache2/sites-available/corv-{name}.conf"):
         assert not host.exists(path)
     assert host.run(["sh", "-c", f"ls /etc/php/*/fpm/pool.d/corv-{shlex.quote(name)}.conf"]).code == 2
+
+
+@pytest.fixture
+def silent_share(host):
+    """Backups on a share that answers nothing, until the test's end."""
+    usual = host.get(SETTINGS)
+    host.put("/root/silent_share.py", SERVER.read_text())
+    with host.background(["python3", "/root/silent_share.py", SHARE], stdout=subprocess.PIPE, text=True) as server:
+        assert server.stdout.readline() == "greeted\n"
+        host.put(SETTINGS, usual + f"[backup]\ndestination={SHARE}\n" if "[backup]\n" not in usual else
+                 usual.replace("[backup]\n", f"[backup]\ndestination={SHARE}\n", 1))
+        host.ok(["systemctl", "restart", "corv-agent"])
+        yield
+        host.put(SETTINGS, usual)
+        host.ok(["systemctl", "restart", "corv-agent"])
+        host.ok(["umount", "-f", "-l", SHARE])
+        server.kill()
+
+
+def test_who_is_stuck_on_a_share_holds_up_no_restart(host, silent_share):
+    """A stop waits for two hours for whatever is in the service, so that a request is finished; this one never is."""
+    group = "/sys/fs/cgroup/system.slice/corv-agent.service/cgroup.procs"
+    assert host.ok(["corvctl", "--plain", "backup", "list"]) == ""
+    assert len(host.get(group).split()) == 1
+    stuck = [pid for pid in host.get("/sys/fs/cgroup/init.scope/cgroup.procs").split() if pid != "1"]
+    assert [host.get(f"/proc/{pid}/comm") for pid in stuck] == ["corv-agent\n"]
+    host.ok(["systemctl", "restart", "corv-agent"])
+    assert host.ok(["sh", "-c", PING]) == PONG
+    assert host.exists(f"/proc/{stuck[0]}")
 
 
 @pytest.mark.parametrize("signal", ["SIGTERM", "SIGINT"])

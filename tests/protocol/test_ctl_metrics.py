@@ -215,6 +215,31 @@ def test_what_hangs_costs_its_own_figures_alone(server):
     assert len(others) == 12
 
 
+def test_who_still_waits_for_a_disk_is_not_joined_by_others(server):
+    """The first process here lives as long as the server, as one that is stuck would."""
+    metrics(server)
+    kept = json.loads(server.read(STATE))
+    began = server.run("cat", "/proc/1/stat")[1].rsplit(") ", 1)[1].split()[19]
+    kept["collectors"]["backups"]["stuck"] = [{"pid": 1, "began": began}]
+    server.write(STATE, json.dumps(kept), 0o600)
+    told = "backups: the process 1 of a run before still waits for a disk or share that does not answer"
+    for _ in range(2):
+        out = values(metrics(server, asks=ASKED[:2], problems=[told]))
+        assert out['corvane_collector_success{collector="backups"}'] == "0"
+        assert "corvane_backup_destination_free_bytes" not in out
+
+
+def test_who_has_the_number_of_one_that_was_stuck_keeps_nothing_from_being_told(server):
+    metrics(server)
+    kept = json.loads(server.read(STATE))
+    kept["collectors"]["backups"]["stuck"] = [{"pid": 1, "began": "1"}]
+    server.write(STATE, json.dumps(kept), 0o600)
+    out = values(metrics(server, asks=ASKED[:2]))
+    assert out['corvane_collector_success{collector="backups"}'] == "1"
+    assert "corvane_backup_destination_free_bytes" in out
+    assert "stuck" not in json.loads(server.read(STATE))["collectors"]["backups"]
+
+
 def test_what_fails_is_said_and_not_left_out_silently(server):
     server.answer("journalctl", "--quiet", "--no-pager", "--output=json", ..., exit=1, err="Failed to open: no\n")
     server.answer("systemctl", "show", "--no-pager", ..., exit=1)

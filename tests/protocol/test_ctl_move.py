@@ -314,6 +314,35 @@ def test_who_has_left_is_shown_as_such(left):
     left.sandbox.logs(*["agent: uid 0 ran hosting.getKeys -> ok", "agent: uid 0 ran backup.status -> ok"] * 3)
 
 
+def test_that_it_has_left_is_kept_until_it_is_on_line_again(left):
+    left.sandbox.answer("apache2ctl", "configtest", exit=1, err="broken\n")
+    assert corvctl(left.sandbox, "account", "resume", "shop", "--left")[0] == 1
+    left.sandbox.logs("agent: uid 0 ran hosting.resume -> failed")
+    assert left.sandbox.exists("/var/lib/corvane/moves/shop.left")
+    assert corvctl(left.sandbox, "-n", "account", "resume", "shop", "--left")[0] == 0
+    assert left.sandbox.exists("/var/lib/corvane/moves/shop.left")
+    left.sandbox.answer("apache2ctl", "configtest")
+    code, out, _ = corvctl(left.sandbox, "--json", "account", "resume", "shop", "--left")
+    assert (code, json.loads(out)["ok"]) == (0, True)
+    left.sandbox.logs("agent: uid 0 ran hosting.resume -> ok")
+    assert not left.sandbox.exists("/var/lib/corvane/moves/shop.left")
+
+
+def test_who_has_left_another_server_is_not_resumed_there_by_mistake(left):
+    """The other server is this one, asked as another."""
+    left.sandbox.answer("ssh", ..., shell='shift 3; eval "$*"')
+    left.sandbox.start()
+    assert corvctl(left.sandbox, "-H", "web1", "account", "resume", "shop") == (
+        1, "", "corvctl: shop has left for another server, which has it now\n  on web1, corvctl account move shop HOST --back, HOST being that one, "
+        "brings it back with what has changed there; account resume shop --left resumes what is there\n")
+    assert corvctl(left.sandbox, "-H", "web1", "account", "resume", "shop", "--left") == (
+        2, "", "corvctl: --left is given on the server that the account has left, not from here\n  ssh web1 corvctl account resume shop --left\n")
+    assert left.sandbox.argvs("usermod") == []
+    left.sandbox.path("/var/lib/corvane/moves/shop.left").unlink()
+    assert corvctl(left.sandbox, "-H", "web1", "account", "resume", "shop") == (0, "shop is on-line again\n", "")
+    left.sandbox.logs("agent: uid 0 ran hosting.resume -> ok")
+
+
 def test_who_has_not_left_does_not_come_back(old):
     refused = (1, "", "corvctl: shop has not left this server\n")
     assert corvctl(old.sandbox, "account", "move", "shop", HOST, "--back", "--confirm", "shop") == refused

@@ -1,3 +1,4 @@
+#include "common/Fd.h"
 #include "ctl/Described.h"
 #include "ctl/metrics/AgentLines.h"
 #include "ctl/metrics/Apart.h"
@@ -19,6 +20,7 @@
 #include <csignal>
 #include <limits>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -315,6 +317,17 @@ private Q_SLOTS:
         const pid_t left = contentOf(told).trimmed().toInt();
         QVERIFY(left > 0);
         QVERIFY(::kill(left, 0) != 0);
+    }
+
+    void whoeverWorksApartHasNothingOpenThatIsThisOnes()
+    {
+        const corv::Fd lock(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+        const std::optional<QByteArray> output = workWithProgramsApart(60'000, [&lock] {
+            const bool isOpen = ::fcntl(lock.get(), F_GETFD) >= 0;
+            return QFile::symLinkTarget(u"/proc/self/fd/1"_s).toUtf8() + ' ' +
+                   QFile::symLinkTarget(u"/proc/self/fd/2"_s).toUtf8() + (isOpen ? " open" : " closed");
+        });
+        QCOMPARE(output, std::optional(QByteArray("/dev/null /dev/null closed")));
     }
 
     void whatDiesIsNothing()

@@ -432,10 +432,14 @@ private Q_SLOTS:
 
     void eachTableIsCountedByItselfAndNothingLasts()
     {
-        const QByteArray script = countingScript({{"public.a", 3}, {"public.\"b c\"", 2}});
-        QVERIFY(script.startsWith("\\set ON_ERROR_ROLLBACK on\nBEGIN;\n"));
-        QVERIFY(script.endsWith("SELECT 0, count(*) FROM ONLY public.\"b c\";\n"
-                                "SELECT 1, count(*) FROM ONLY public.a;\nROLLBACK;\n"));
+        const QByteArray odd = "public.\"b' \\ c\"";
+        const QByteArray relaxing = "SELECT format('ALTER TABLE %s NO FORCE ROW LEVEL SECURITY', oid::regclass) "
+                                    "FROM pg_class WHERE relforcerowsecurity AND oid = ";
+        QCOMPARE(countingScript({{"public.a", 3}, {odd, 2}}),
+                 "\\set ON_ERROR_ROLLBACK on\nBEGIN;\n" + relaxing +
+                     "E'public.\"b'' \\\\ c\"'::regclass \\gexec\nSELECT 0, count(*) FROM ONLY " + odd +
+                     ";\nROLLBACK;\nBEGIN;\n" + relaxing +
+                     "E'public.a'::regclass \\gexec\nSELECT 1, count(*) FROM ONLY public.a;\nROLLBACK;\n");
     }
 };
 

@@ -1,14 +1,11 @@
 #include "ctl/commands/Account.h"
 
 #include "common/Account.h"
-#include "common/Paths.h"
 #include "ctl/Command.h"
 #include "ctl/Input.h"
 #include "ctl/Keys.h"
 #include "ctl/Session.h"
 #include "ctl/commands/AccountSites.h"
-#include "ctl/doctor/Forwards.h"
-#include "ctl/move/Journal.h"
 #include "ctl/screen/Escape.h"
 #include "ctl/screen/Table.h"
 
@@ -20,46 +17,6 @@ namespace {
 constexpr qint64 kMebibyte = 1'048'576;
 
 const Parameter kAccount = {"ACCOUNT", "the account's name", Kind::Required, Names::Account};
-
-int suspend(Session &session, const Given &given)
-{
-    const QString name = given.text("ACCOUNT");
-    const QStringList beside = findSitesBeside(session, name);
-    warnOfSites(beside, name);
-    const Answer answer = ask(session, u"hosting.suspend"_s, accountIn(given));
-    const int status = settledWith(session, answer, u"%1 is suspended"_s.arg(name));
-    if (answer.ok())
-        tellOfSitesLeft(session, beside);
-    return status;
-}
-
-// Why an account is not resumed: another server has it, and both would serve it. Who means it gives up what tells so.
-std::optional<int> refuseLeft(const Session &session, const Given &given, const QString &name)
-{
-    if (session.options.printOnly || !session.options.hosts.empty() || !hosting::validUsername(name) ||
-        !moving::hasLeft(name))
-        return {};
-    if (!given.has("--left"))
-        return refuse(session, u"%1 has left for another server, which has it now"_s.arg(name),
-                      u"corvctl account move %1 HOST --back, HOST being that one, brings it back with what has changed "
-                      "there; --left resumes what is here"_s.arg(name));
-    if (!moving::forgetLeft(name))
-        return refuse(session, u"that it has left stands in %1, which cannot be written"_s.arg(moving::kMoves));
-    return {};
-}
-
-int resume(Session &session, const Given &given)
-{
-    const QString name = given.text("ACCOUNT");
-    if (const std::optional<int> end = refuseLeft(session, given, name))
-        return *end;
-    const Answer answer = ask(session, u"hosting.resume"_s, accountIn(given));
-    const int status = settledWith(session, answer, u"%1 is on-line again"_s.arg(name));
-    if (answer.ok() && session.options.hosts.empty() && exists(enabledForwardPath(name)))
-        note(u"its visitors are led on to another server all the same; to end that: corvctl account forward %1 off"_s
-                 .arg(name));
-    return status;
-}
 
 int showKeys(Session &session, const Given &given)
 {
@@ -197,12 +154,12 @@ Command accountCommand()
              listAccounts},
             {"show", "Show all that an account has", {kAccount}, showAccount},
             {"domain", "Give an account another domain", {kAccount, {"DOMAIN", "its new domain"}}, changeDomain},
-            {"suspend", "Take an account off-line", {kAccount}, suspend},
+            {"suspend", "Take an account off-line", {kAccount}, suspendAccount},
             {"resume",
              "Put a suspended account back on-line",
              {kAccount,
               {"--left", "also one that has left for another server, which keeps what it has of it", Kind::Flag}},
-             resume},
+             resumeAccount},
             {"delete",
              "Archive an account, then delete it with all that it has; asks for its name",
              {kAccount,

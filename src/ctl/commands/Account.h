@@ -18,6 +18,8 @@ bool addSource(const Session &session, const QString &path, const QString &membe
 // The commands of the topic that have a source of their own; each returns the exit status.
 int createAccount(Session &session, const Given &given);
 int deleteAccount(Session &session, const Given &given);
+int suspendAccount(Session &session, const Given &given);
+int resumeAccount(Session &session, const Given &given);
 int changeDomain(Session &session, const Given &given);
 int accountHttps(Session &session, const Given &given);
 int publishAccount(Session &session, const Given &given);

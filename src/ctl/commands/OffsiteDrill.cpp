@@ -11,6 +11,7 @@
 #include "ctl/offsite/Fetch.h"
 #include "ctl/offsite/Lock.h"
 #include "ctl/offsite/State.h"
+#include "ctl/restore/State.h"
 #include "ctl/screen/Escape.h"
 
 #include <QDateTime>
@@ -18,6 +19,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QSysInfo>
 
 #include <algorithm>
 #include <cstdio>
@@ -63,6 +65,13 @@ void removeFolder()
         (void)removeTree(parent.get(), QFile::encodeName(kFolder.section(u'/', -1)).constData());
 }
 
+// A restore of that name that was cut off, unless it is of an account that somebody else makes.
+void forgetRestore(const QString &name)
+{
+    if (const std::optional<Journal> journal = readJournal(name); journal && isOfDrill(name, journal->domain))
+        removeJournal(name);
+}
+
 // This very program, with another command.
 QString self(const QStringList &args, QByteArray *out = nullptr)
 {
@@ -74,25 +83,31 @@ QString self(const QStringList &args, QByteArray *out = nullptr)
     return hosting::runWith(QFile::symLinkTarget(u"/proc/self/exe"_s), args, streams, surroundings);
 }
 
-// A name that no user has.
+QStringList archivesOf(const QString &name)
+{
+    return QDir(kArchives).entryList({name + u"-*"_s}, QDir::Files | QDir::NoSymLinks | QDir::Hidden);
+}
+
+// A name that no user has, nor one of whom a deletion has left archives: they may be all that there is of him.
 QString freeName()
 {
     QStringList taken;
     for (const hosting::User &user : hosting::users())
         taken.append(user.name);
     int number = 1;
-    while (taken.contains(kDrillName + QString::number(number)))
+    while (taken.contains(kDrillName + QString::number(number)) ||
+           !archivesOf(kDrillName + QString::number(number)).isEmpty())
         ++number;
     return kDrillName + QString::number(number);
 }
 
-// The account whose turn it is: the one behind the last one, by name.
-QString nextAccount(const QList<Snapshot> &all, const QString &last)
+// The account whose turn it is: the one behind the last one, by name, of those that the server has there.
+QString nextAccount(const QList<Snapshot> &all, const QString &server, const QString &last)
 {
     QStringList accounts;
     for (const Snapshot &one : all) {
         const QString name = one.path.mid(1).chopped(homeName(QString()).size());
-        if (one.has(kHomeTag) && !accounts.contains(name) && hosting::isOurs(name))
+        if (one.has(kHomeTag) && one.server == server && !accounts.contains(name) && hosting::isOurs(name))
             accounts.append(name);
     }
     accounts.sort();
@@ -122,17 +137,21 @@ QString pageProblem(const Drill &drill)
     return wanted == 0 && page.status >= kLowestError ? u"its first page is %1"_s.arg(page.status) : QString();
 }
 
-// Takes away the account of the drill and the archives that its deletion made: they are what was fetched.
+// Takes away the account of the drill and the archives that its deletion made: they are what was fetched. Fetching
+// takes hours, in which somebody else may have made an account of that name: it is not the drill's.
 QString clearAway(const Drill &drill)
 {
     QString problem;
-    if (hosting::isOurs(drill.name))
+    if (hosting::isOurs(drill.name) && isOfDrill(drill.name, hosting::domainOf(drill.name))) {
+        const QStringList others = archivesOf(drill.name);
         problem = self({u"account"_s, u"delete"_s, drill.name, u"--force"_s, u"--confirm"_s, drill.name});
-    if (problem.isEmpty()) {
-        for (const QString &file : QDir(kArchives).entryList({drill.name + u"-*"_s}, QDir::Files | QDir::NoSymLinks))
-            (void)QFile::remove(kArchives + u'/' + file);
-        removeJournal(drill.name); // where it ended before there was an account
+        for (const QString &file : problem.isEmpty() ? archivesOf(drill.name) : QStringList()) {
+            if (!others.contains(file))
+                (void)QFile::remove(kArchives + u'/' + file);
+        }
     }
+    if (problem.isEmpty())
+        forgetRestore(drill.name); // where it ended before there was an account
     removeFolder();
     return problem.isEmpty() ? QString()
                              : u"the account %1 could not be deleted: %2"_s.arg(drill.name, oneSentence(problem));
@@ -193,11 +212,29 @@ QString clearFormer(const Session &session)
         say(former, u"taking away %1, which a drill before has left"_s.arg(user.name));
         problems.append(clearAway(former));
     }
+    // What a deletion has made whose drill was killed before it could take it away.
+    for (const DeletionArchives &one : deletionArchives(kArchives, {})) {
+        const std::optional<AccountState> state = readState(one.state, one.account);
+        if (!state || !isOfDrill(one.account, state->domain))
+            continue;
+        for (const QString &file : {one.home, one.dump, one.state})
+            (void)QFile::remove(file);
+    }
     for (const Journal &journal : journalsInHand()) {
         if (isOfDrill(journal.target, journal.domain) && !hosting::isOurs(journal.target))
             removeJournal(journal.target);
     }
     return hosting::joined(problems);
+}
+
+// Without a word on the server it is this one: others that copy to the same place have accounts of the same names.
+int refuseNothing(const Session &session, const Given &given, const QString &account, const QString &server)
+{
+    const QString whose = account.isEmpty() ? u"nothing of this server's accounts"_s : u"nothing of "_s + account;
+    return refuse(session, u"%1 is there from the server %2"_s.arg(whose, server),
+                  given.has("--server")
+                      ? u"corvctl offsite list shows what is"_s
+                      : u"corvctl offsite list shows what is; --server SERVER takes another server's"_s);
 }
 
 int drill(Session &session, const Given &given)
@@ -217,11 +254,12 @@ int drill(Session &session, const Given &given)
     if (!problem.isEmpty())
         return refuse(session, problem);
     OffsiteState state = readOffsite();
-    const QString account = given.has("ACCOUNT") ? given.text("ACCOUNT") : nextAccount(all, state.drilled);
-    const QList<SavedHome> there = savedOf(all, account, given.text("--server"));
+    const QString server = given.has("--server") ? given.text("--server") : QSysInfo::machineHostName();
+    const QString account = given.has("ACCOUNT") ? given.text("ACCOUNT") : nextAccount(all, server, state.drilled);
+    const QList<SavedHome> there = savedOf(all, account, server);
     const std::optional<SavedHome> saved = newestOf(there, {});
     if (!saved)
-        return refuse(session, u"nothing of %1 is there"_s.arg(account), u"corvctl offsite list shows what is"_s);
+        return refuseNothing(session, given, account, server);
     if (const QString newer = passedOver(there, {}, *saved); !newer.isEmpty())
         note(newer);
 
@@ -254,7 +292,7 @@ Command offsiteDrillCommand()
     return {"drill",
             "Fetch an account, restore it under another name, fetch its page, and take it away again",
             {{"ACCOUNT", "the account; the one whose turn it is without it", Kind::Optional, Names::Account},
-             {"--server", "the server whose account it was, where several copy to the same place", Kind::Value}},
+             {"--server", "the server whose account it was, where that is not this one", Kind::Value}},
             drill};
 }
 

@@ -41,15 +41,38 @@ QByteArray textOf(const Collected &collected)
         {{u"samples"_s, arrayOf(collected.samples)}, {u"keep"_s, collected.keep}, {u"problem"_s, collected.problem}});
 }
 
+// Keeps what has been left beside those that were there before.
+void keepStuck(const QJsonArray &before, QJsonObject *entry)
+{
+    QJsonArray stuck;
+    for (const auto &process : unendedChildren()) {
+        if (!before.contains(process))
+            stuck.append(process);
+    }
+    entry->remove(u"stuck"_s);
+    if (!stuck.isEmpty())
+        entry->insert(u"stuck"_s, stuck);
+}
+
 // What is kept of a collector: what it asked for ("keep"); its samples, where it does not work at each run; when it
-// last succeeded ("success"), how it fared the last time ("failed") and how long that took ("seconds").
+// last succeeded ("success"), how it fared the last time ("failed") and how long that took ("seconds"); and what it has
+// left that cannot be ended ("stuck"). While that is there it is not begun again: each run would leave more.
 // Returns why not all could be collected; empty where it could.
 QString work(const Collector &collector, const Circumstances &here, QJsonObject *entry)
 {
     QElapsedTimer clock;
     clock.start();
+    if (const std::optional<pid_t> stuck = firstUnended(entry->value("stuck"_L1).toArray())) {
+        entry->insert(u"failed"_s, true);
+        entry->insert(u"seconds"_s, 0);
+        if (collector.every == 0)
+            entry->remove(u"samples"_s);
+        return u"the process %1 of a run before still waits for a disk or share that does not answer"_s.arg(*stuck);
+    }
+    const QJsonArray before = unendedChildren();
     const std::optional<QByteArray> output =
         workWithProgramsApart(collector.milliseconds, [&] { return textOf(collector.collect(here)); });
+    keepStuck(before, entry);
     const QJsonObject given = parseObject(output.value_or(QByteArray()));
     const bool isWhole = given.value("samples"_L1).isArray();
     constexpr int kMilliseconds = 1'000;

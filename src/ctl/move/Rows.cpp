@@ -14,20 +14,27 @@ namespace {
 constexpr int kLongestMs = 3'600'000;
 constexpr qsizetype kLongestLine = 32; // two numbers, of a table and of its rows
 
+// A text as PostgreSQL reads it whatever the role has set standard_conforming_strings to.
+QByteArray literal(QByteArray text)
+{
+    return "E'" + text.replace('\\', "\\\\").replace('\'', "''") + '\'';
+}
+
 } // namespace
 
 QByteArray countingScript(const QMap<QByteArray, qint64> &dumped)
 {
     // The owner does not see all rows of a table whose policies bind him, too. What fails fails by itself, and nothing
-    // of it lasts.
-    QByteArray script = R"(\set ON_ERROR_ROLLBACK on
-BEGIN;
-SELECT format('ALTER TABLE %s NO FORCE ROW LEVEL SECURITY', oid::regclass) FROM pg_class WHERE relforcerowsecurity \gexec
-)";
+    // of it lasts. Each table has a transaction of its own, for one holds the locks of all that it touches, indexes
+    // too, to its end, and all databases of the server share the room for locks.
+    QByteArray script = "\\set ON_ERROR_ROLLBACK on\n";
     int at = 0;
     for (auto table = dumped.cbegin(); table != dumped.cend(); ++table, ++at)
-        script += "SELECT " + QByteArray::number(at) + ", count(*) FROM ONLY " + table.key() + ";\n";
-    return script + "ROLLBACK;\n";
+        script += "BEGIN;\nSELECT format('ALTER TABLE %s NO FORCE ROW LEVEL SECURITY', oid::regclass) FROM pg_class "
+                  "WHERE relforcerowsecurity AND oid = " +
+                  literal(table.key()) + "::regclass \\gexec\nSELECT " + QByteArray::number(at) +
+                  ", count(*) FROM ONLY " + table.key() + ";\nROLLBACK;\n";
+    return script;
 }
 
 QString missingBy(const QByteArray &printed, const QMap<QByteArray, qint64> &dumped, QStringList *uncounted)
