@@ -13,6 +13,7 @@ import contextlib
 import itertools
 import json
 import random
+import select
 import sys
 import threading
 import time
@@ -167,6 +168,10 @@ class Chaos:
     def _send_on(self, command, args):
         """Over the one connection, which lasts until something ends it."""
         try:
+            if self._connection and select.select([self._connection], [], [], 0)[0]:
+                # What was mended at the end of the round before has ended the agent that it led to.
+                self._lasting.close()
+                self._connection = None
             if self._connection is None:
                 self._connection = self._lasting.enter_context(self.host.connection(PATIENCE))
             self.host.send(self._connection, command, **args)

@@ -114,8 +114,7 @@ QString described(const Visited &visited)
 {
     const QString page = visited.isServersOwnPage ? u"own"_s : visited.isSuspensions ? u"suspension's"_s : u"other"_s;
     return u"%1 %2 %3 %4 %5"_s.arg(visited.status)
-        .arg(page, visited.wasAsked ? u"asked"_s : u"not"_s,
-             visited.isLate ? u"late"_s : u"-"_s, visited.problem)
+        .arg(page, visited.wasAsked ? u"asked"_s : u"not"_s, visited.isLate ? u"late"_s : u"-"_s, visited.problem)
         .trimmed();
 }
 

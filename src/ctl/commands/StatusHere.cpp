@@ -43,8 +43,8 @@ const auto kNotTold = u"automatic updates, verified backups, off-site copies, ce
 
 // The words of the JSON for what visitors see.
 constexpr std::pair<Sight, QLatin1StringView> kSights[] = {
-    {Sight::Well, "well"_L1},     {Sight::Suspended, "suspended"_L1}, {Sight::OwnError, "own error"_L1},
-    {Sight::Broken, "broken"_L1}, {Sight::Open, "open"_L1},           {Sight::Stale, "stale"_L1},
+    {Sight::Well, "well"_L1},         {Sight::Suspended, "suspended"_L1}, {Sight::OwnError, "own error"_L1},
+    {Sight::Broken, "broken"_L1},     {Sight::Open, "open"_L1},           {Sight::Stale, "stale"_L1},
     {Sight::NotAsked, "not asked"_L1}};
 
 QString wordOf(Sight sight)

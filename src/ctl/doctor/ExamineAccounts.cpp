@@ -16,7 +16,9 @@
 #include "ctl/doctor/Visitors.h"
 #include "ctl/https/View.h"
 
+#include <QDeadlineTimer>
 #include <QFile>
+#include <QThread>
 
 #include <algorithm>
 
@@ -26,6 +28,8 @@ namespace corv::ctl {
 namespace {
 
 constexpr int kVisitMs = 3'000;
+constexpr int kReloadMs = 3'000;
+constexpr int kBetweenMs = 50;
 
 QStringList namesOf(const QList<hosting::User> &users)
 {
@@ -33,6 +37,23 @@ QStringList namesOf(const QList<hosting::User> &users)
     for (const hosting::User &user : users)
         names.append(user.name);
     return names;
+}
+
+QList<AccountParts> partsOf(const QList<hosting::User> &users)
+{
+    const QStringList versions = phpVersions();
+    QList<AccountParts> all;
+    for (const hosting::User &user : users)
+        all.append(readAccount(user, versions));
+    // FPM reads its pools a moment after a reload was asked for.
+    const QDeadlineTimer end(kReloadMs);
+    for (AccountParts &account : all) {
+        while (!account.unreadPools.isEmpty() && !end.hasExpired()) {
+            QThread::msleep(kBetweenMs);
+            account.unreadPools = unreadPools(account);
+        }
+    }
+    return all;
 }
 
 } // namespace
@@ -57,7 +78,6 @@ Check examineFiles(const Accounts &users, const NamedParts &parts)
 Check examineAccounts(const Accounts &users, const QList<AccountSite> &sites, const QString &php,
                       const std::optional<Databases> &databases, qint64 began)
 {
-    const QStringList versions = phpVersions();
     QStringList suspended;
     for (const AccountSite &site : sites) {
         if (site.suspended)
@@ -71,8 +91,8 @@ Check examineAccounts(const Accounts &users, const QList<AccountSite> &sites, co
         {}};
     if (!users.atWork.isEmpty())
         check.seen += u"; without %1, which the agent is working on"_s.arg(users.atWork);
-    for (const hosting::User &user : users.accounts)
-        check.findings += checkAccount(readAccount(user, versions), php, databases);
+    for (const AccountParts &account : partsOf(users.accounts))
+        check.findings += checkAccount(account, php, databases);
     check.findings += checkLeftovers({}, databases, namesOf(users.all), namesOf(users.accounts));
     check.findings += checkCutOff(readCutOff()) + checkLeftDrills(leftDrills(users.accounts));
     check.findings += checkRefusedDeletions(deletionArchives(kArchives, {}), namesOf(users.accounts), began);
@@ -92,7 +112,7 @@ Check examineSites(const Accounts &users, const QList<VirtualHost> &hosts, const
 
 Check examineVisitors(const QList<VirtualHost> &hosts, const QList<AccountSite> &sites, const QString &php)
 {
-    const QList<SiteSight> sights = sightsOf(hosts, sites, visit(visitsTo(hosts), kVisitMs));
+    const QList<SiteSight> sights = lookAt(hosts, hosts, sites, kVisitMs);
     const auto asked = std::count_if(sights.cbegin(), sights.cend(),
                                      [](const SiteSight &sight) { return sight.sight != Sight::NotAsked; });
     return {u"visitors"_s, u"%1 sites asked for their first page"_s.arg(asked), checkSights(sights, php)};

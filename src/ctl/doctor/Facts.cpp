@@ -185,11 +185,8 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
     account.siteEnabled = QFileInfo::exists(u"%1/%2.conf"_s.arg(kEnabledSites, hosting::siteName(user.name)));
     for (const QString &version : phpVersions) {
         const QStringList files = {hosting::poolPath(version, user.name), hosting::parkedPoolPath(version, user.name)};
-        if (exists(hosting::poolPath(version, user.name))) {
+        if (exists(hosting::poolPath(version, user.name)))
             account.pools.append(version);
-            if (isFpmRunning(version) && !exists(u"/run/php/corv-%1.sock"_s.arg(user.name)))
-                account.unreadPools.append(version);
-        }
         if (exists(hosting::parkedPoolPath(version, user.name)))
             account.parkedPools.append(version);
         const bool isOpen = std::any_of(files.cbegin(), files.cend(), [&](const QString &file) {
@@ -199,7 +196,15 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
         if (isOpen)
             account.openPools.append(version);
     }
+    account.unreadPools = unreadPools(account);
     return account;
+}
+
+QStringList unreadPools(const AccountParts &account)
+{
+    QStringList versions = exists(u"/run/php/corv-%1.sock"_s.arg(account.name)) ? QStringList() : account.pools;
+    versions.removeIf([](const QString &version) { return !isFpmRunning(version); });
+    return versions;
 }
 
 NameFacts readNameFacts(const QString &name)

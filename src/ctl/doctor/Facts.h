@@ -53,6 +53,9 @@ QStringList phpVersions();
 std::optional<PhpState> readPhp(const QString &version);
 
 AccountParts readAccount(const hosting::User &user, const QStringList &phpVersions);
+
+// Of the PHP versions in which an account has a pool those whose FPM runs without listening where the pool says, now.
+QStringList unreadPools(const AccountParts &account);
 // What a name has on this server that stands in the way of an account's creation.
 NameFacts readNameFacts(const QString &name);
 NamedParts readNamedParts(const QStringList &phpVersions);

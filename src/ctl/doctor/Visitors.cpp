@@ -4,8 +4,10 @@
 #include "ctl/doctor/SiteAddresses.h"
 #include "ctl/doctor/SiteFacts.h"
 
+#include <QDeadlineTimer>
 #include <QHash>
 #include <QSet>
+#include <QThread>
 
 #include <algorithm>
 
@@ -16,6 +18,8 @@ namespace {
 
 constexpr qsizetype kMostVisits = 1000;
 constexpr qsizetype kShownNames = 3;
+constexpr int kReloadMs = 3'000;
+constexpr int kBetweenMs = 100;
 constexpr int kBadGateway = 502;
 constexpr int kUnavailable = 503;
 constexpr int kGatewayTimeout = 504;
@@ -147,6 +151,21 @@ QList<SiteSight> sightsOf(const QList<VirtualHost> &hosts, const QList<AccountSi
     return sights;
 }
 
+QList<SiteSight> lookAt(const QList<VirtualHost> &hosts, const QList<VirtualHost> &all,
+                        const QList<AccountSite> &accounts, int milliseconds)
+{
+    const QDeadlineTimer end(kReloadMs);
+    for (;;) {
+        const QList<SiteSight> sights = sightsOf(hosts, accounts, visit(visitsTo(hosts, all), milliseconds));
+        const bool isSettled = std::none_of(sights.cbegin(), sights.cend(), [](const SiteSight &one) {
+            return one.sight == Sight::Open || one.sight == Sight::Stale;
+        });
+        if (isSettled || end.hasExpired())
+            return sights;
+        QThread::msleep(kBetweenMs);
+    }
+}
+
 QList<SiteSight> lookAtSites(int milliseconds)
 {
     return lookAtSites(milliseconds, [](const QString &) { return true; });
@@ -157,7 +176,7 @@ QList<SiteSight> lookAtSites(int milliseconds, const std::function<bool(const QS
     const QList<VirtualHost> all = readSites();
     QList<VirtualHost> hosts = all;
     hosts.removeIf([&](const VirtualHost &host) { return !wanted(host.site); });
-    return sightsOf(hosts, readAccountSites(), visit(visitsTo(hosts, all), milliseconds));
+    return lookAt(hosts, all, readAccountSites(), milliseconds);
 }
 
 QString seenText(const SiteSight &sight)
@@ -211,10 +230,10 @@ QList<Finding> checkSights(const QList<SiteSight> &sights, const QString &php)
                          group.isAccounts ? showLog(group.names[0]) : QString(kShowServersLog)});
     }
     for (const Group &group : groupsOf(sights, Sight::Stale)) {
-        findings.append({Level::Fault,
-                         u"visitors of %1 are told that it is suspended, which it is not any more"_s.arg(
-                             someOf(group.names)),
-                         u"apache2ctl configtest && systemctl reload apache2"_s});
+        findings.append(
+            {Level::Fault,
+             u"visitors of %1 are told that it is suspended, which it is not any more"_s.arg(someOf(group.names)),
+             u"apache2ctl configtest && systemctl reload apache2"_s});
     }
     for (const SiteSight &one : sights) {
         if (one.sight == Sight::Open)

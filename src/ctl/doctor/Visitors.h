@@ -45,6 +45,11 @@ QList<Visit> visitsTo(const QList<VirtualHost> &hosts, const QList<VirtualHost> 
 QList<SiteSight> sightsOf(const QList<VirtualHost> &hosts, const QList<AccountSite> &accounts,
                           const QList<Visited> &visited);
 
+// Makes these visits, and tells what came of them; each answer is waited for so many milliseconds. Apache reads its
+// sites a moment after a reload was asked for: while one is still as it was, all are asked again, for three seconds.
+QList<SiteSight> lookAt(const QList<VirtualHost> &hosts, const QList<VirtualHost> &all,
+                        const QList<AccountSite> &accounts, int milliseconds);
+
 // Looks at all sites of this server, or at those for which wanted is true of the site's name; each answer is waited for
 // so many milliseconds.
 QList<SiteSight> lookAtSites(int milliseconds);
