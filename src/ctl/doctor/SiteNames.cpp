@@ -20,13 +20,13 @@ bool isPattern(const QString &name)
 }
 
 // What is served to the visitors of one place: the names there, and the patterns, each with the site that has it first.
-struct Place
+struct Served
 {
     QHash<QString, QString> names;
     QList<std::pair<QString, QString>> patterns;
 };
 
-QString holderAt(const Place &place, const QString &name)
+QString holderAt(const Served &place, const QString &name)
 {
     if (const auto found = place.names.constFind(name); found != place.names.cend())
         return *found;
@@ -47,7 +47,7 @@ void addDouble(const QString &first, const QString &second, const QString &name,
         found->names.append(name);
 }
 
-void addHost(const VirtualHost &host, Place *place, QList<DoubleName> *doubles)
+void addHost(const VirtualHost &host, Served *place, QList<DoubleName> *doubles)
 {
     for (const QString &name : host.names) {
         const QString holder = holderAt(*place, name);
@@ -70,7 +70,7 @@ QString keyOf(const QString &address, int port)
 
 QList<DoubleName> doubleNames(const QList<VirtualHost> &hosts, const QStringList &own)
 {
-    QHash<QString, Place> places;
+    QHash<QString, Served> places;
     QList<DoubleName> doubles;
     // The places at which those with * are hidden, by their ports.
     QHash<int, QStringList> before;
