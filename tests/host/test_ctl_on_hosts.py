@@ -164,7 +164,7 @@ FAULTS = {
         # It reads them a moment after the reload was asked for.
         f"mv {POOLS}/corv-@.conf /root/pool; systemctl reload php8.2-fpm; "
         "timeout 60 sh -c 'while [ -e /run/php/corv-@.sock ]; do sleep 0.1; done'; " f"mv /root/pool {POOLS}/corv-@.conf",
-        ["PHP 8.2 does not run for the account @: it has not read its pool"]),
+        ["PHP 8.2 does not run for the account @: nothing listens at its socket"]),
     "an account's pool is in another version": (
         f"mkdir -p {OTHER_POOLS}; mv {POOLS}/corv-@.conf {OTHER_POOLS}",
         ["PHP 8.1 is not installed any more, but has the pools of @"]),
@@ -219,7 +219,7 @@ FAULTS = {
         ["the service apache2 does not run: it is dead",
          "visitors of localhost, @.example get no page from port 80: Connection refused"]),
     "visitors see 503": (
-        f"{PAGE}; rm /run/php/corv-@.sock", ["visitors of @.example see 503 Service Unavailable"],
+        f"{PAGE}; rm /run/php/corv-@.sock", ["PHP 8.2 does not run for the account @: nothing listens at its socket", "visitors of @.example see 503 Service Unavailable"],
         None, "rm /home/@/public_html/index.php"),
     "visitors see 502": (
         # What listens there closes each connection without a word.

@@ -484,8 +484,8 @@ private Q_SLOTS:
         AccountParts account = whole();
         account.unreadPools = {u"8.2"_s};
         QCOMPARE(asText(checkAccount(account, kPhp, databases())),
-                 QStringList({u"fault|PHP 8.2 does not run for the account alice: it has not read its pool|systemctl "
-                              "reload php8.2-fpm"_s}));
+                 QStringList({u"fault|PHP 8.2 does not run for the account alice: nothing listens at its socket|"
+                              "systemctl restart php8.2-fpm"_s}));
         account.unreadPools = {u"8.1"_s};
         QCOMPARE(asText(checkAccount(account, kPhp, databases())), QStringList());
     }

@@ -286,7 +286,7 @@ private Q_SLOTS:
         const QString loopback =
             u"note|the site other takes all that comes to %1 on port 80; a proxy on this server that "
             "asks there does not reach the accounts' sites|apache2ctl -S"_s;
-        const QStringList none;
+        const QStringList none = {};
         QTest::newRow("an address") << QByteArray("203.0.113.5:80") << false
                                     << QStringList{takes.arg(u"203.0.113.5"_s, u"80"_s)};
         QTest::newRow("IPv6, written otherwise")

@@ -174,8 +174,9 @@ QList<Finding> checkPools(const AccountParts &account, const QString &php, bool 
 
     if (!suspended && account.unreadPools.contains(php)) {
         findings.append({Level::Fault,
-                         u"PHP %2 does not run for the account %1: it has not read its pool"_s.arg(name, php),
-                         reloadPhp(php)});
+                         u"PHP %2 does not run for the account %1: nothing listens at its socket"_s.arg(name, php),
+                         // A reload hands down a socket whose name was taken away, and makes no other.
+                         u"systemctl restart php%1-fpm"_s.arg(php)});
     }
     for (const QString &version : account.openPools) {
         const QString path = hosting::poolPath(version, name);

@@ -56,12 +56,9 @@ QString testPools(const MovePlan &plan)
 QString serve(const MovePlan &plan, qint64 *milliseconds)
 {
     QStringList accounts = servedAfter(plan);
-    QStringList had;
-    for (const MovingPool &pool : plan.pools) {
-        if (!pool.becomesParked && exists(targetOf(plan, pool)))
-            had.append(pool.account);
-    }
-    const QStringList served = servedBy(plan.to, had);
+    // It hands those sockets down to itself, also of a pool that was taken out of its folder since it read that: one
+    // that is put aside would come back under no name.
+    const QStringList served = servedBy(plan.to, accounts);
     accounts.removeIf([&](const QString &account) { return served.contains(account); });
     if (const QString problem = placePools(plan); !problem.isEmpty())
         return problem;
