@@ -358,7 +358,7 @@ def test_way_that_cannot_be_made(alice, server):
 
 
 def test_way_without_room_for_its_socket_leaves_no_folder(alice, server):
-    alice.small_disk("/run/corvane", files=2)
+    alice.small_disk("/run/corvane", files=4)
     assert restored(alice) == {"ok": False, "error": KEPT + "cannot make the way to PostgreSQL in /run/corvane/restore"}
     assert not alice.exists("/run/corvane/restore")
 
