@@ -11,6 +11,7 @@
 #include "common/Site.h"
 #include "common/TimedRun.h"
 #include "common/Usage.h"
+#include "ctl/doctor/SiteFacts.h"
 #include "ctl/screen/Escape.h"
 
 #include <QDir>
@@ -34,6 +35,7 @@ namespace {
 
 constexpr int kToolMs = 30'000;
 constexpr int kMeasureMs = 60'000;
+constexpr qint64 kLongestNumber = 32;
 constexpr gid_t kFirstOwnGroup = 1000; // smaller ones are the system's
 constexpr auto kEnabledSites = "/etc/apache2/sites-enabled"_L1;
 constexpr auto kAvailableSites = "/etc/apache2/sites-available"_L1;
@@ -56,11 +58,13 @@ QStringList entriesIn(const QString &folder, const QString &wildcard)
     return QDir(folder).entryList({wildcard}, QDir::Files | QDir::System | QDir::CaseSensitive, QDir::Name);
 }
 
-// Whether a version's FPM is up: the file with its number outlives one that was killed.
-bool isFpmRunning(const QString &version)
+// Whether a version's FPM is up: the file with its number outlives one that was killed. The folder is the web server's,
+// so that the file may be anything.
+bool hasLiveFpm(const QString &version)
 {
-    const QByteArray number = textOf(u"/run/php/php%1-fpm.pid"_s.arg(version)).value_or(QByteArray()).trimmed();
-    const std::optional<QByteArray> name = textOf(u"/proc/%1/comm"_s.arg(QString::fromLatin1(number)));
+    const QByteArray number = readUpTo(u"/run/php/php%1-fpm.pid"_s.arg(version), kLongestNumber).value_or(QByteArray());
+    const int process = number.trimmed().toInt();
+    const std::optional<QByteArray> name = process > 0 ? textOf(u"/proc/%1/comm"_s.arg(process)) : std::nullopt;
     return name && name->startsWith("php-fpm");
 }
 
@@ -203,7 +207,7 @@ AccountParts readAccount(const hosting::User &user, const QStringList &phpVersio
 QStringList unreadPools(const AccountParts &account)
 {
     QStringList versions = exists(u"/run/php/corv-%1.sock"_s.arg(account.name)) ? QStringList() : account.pools;
-    versions.removeIf([](const QString &version) { return !isFpmRunning(version); });
+    versions.removeIf([](const QString &version) { return !hasLiveFpm(version); });
     return versions;
 }
 
