@@ -62,6 +62,21 @@ int startApache()
     return outcome.succeeded ? 0 : 1;
 }
 
+// Takes back what the last rescue has put off: Apache has ended again without any of it, so that it was for something
+// else, and whoever mends that has HTTPS again with the next start. What is generated then is tried first, as ever.
+void takeLastBack()
+{
+    State state = loadState();
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    if (state.rescuedUntil <= now)
+        return;
+    state.rescues = std::max(state.rescues - 1, 0);
+    state.rescuedUntil = now;
+    state.none.clear();
+    saveState(state);
+    say(u"Apache ended without HTTPS as well; what is wrong is not the sites on port 443"_s);
+}
+
 } // namespace
 
 int again()
@@ -98,8 +113,12 @@ int rescue()
     forgetProof();
     // It may have ended with what was there a moment ago and has been taken away since. Where it ends again without any
     // of it, that is for reasons of its own.
-    if (isEmpty(kLiveFile))
-        return wasStartedLately() ? 0 : startApache();
+    if (isEmpty(kLiveFile)) {
+        if (!wasStartedLately())
+            return startApache();
+        takeLastBack();
+        return 0;
+    }
     State state = loadState();
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     state.rescues = now > state.rescuedUntil + kLongestSeconds ? 1 : std::min(state.rescues + 1, kMostRescues);

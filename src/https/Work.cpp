@@ -173,8 +173,12 @@ void keepHouse(const QList<Candidate> &candidates, qint64 now)
     for (const Candidate &candidate : candidates)
         domains.append(candidate.site.domain);
     QStringList accounts;
-    for (const hosting::User &user : hosting::users())
+    for (const hosting::User &user : hosting::users()) {
         accounts.append(user.name);
+        // A site that somebody has edited or disabled is no candidate, and may be one again tomorrow.
+        if (hosting::hasMarker(user.comment))
+            domains.append(hosting::domainIn(user.comment));
+    }
     prune(domains, accounts, &state, now);
     saveState(state);
 }

@@ -309,6 +309,48 @@ def test_what_has_been_gone_for_a_week_is_deleted(server):
     assert server.exists(f"{STORE}/domains/{domain}/pubcert.p-256.pem")
 
 
+WATCHERS = ("corv-https.path", "corv-https.timer")
+
+
+def test_an_account_keeps_its_certificate_while_its_site_is_not_as_the_agent_writes_it(server):
+    name, domain = certified(server)
+    site = f"/etc/apache2/sites-enabled/corv-{name}.conf"
+    # A run that has begun already would know the site, and count it as seen.
+    server.ok(["systemctl", "stop", *WATCHERS, "corv-https.service"])
+    server.ok(["sh", "-c", f"echo '# ours' >>{site}"])
+    state = json.loads(server.get(STATE))
+    state["missed"] = {domain: int(server.ok(["date", "+%s"])) - 7 * 86400}
+    server.put(STATE, json.dumps(state))
+    server.ok(["/usr/libexec/corvane/corv-https", "work"])
+    assert server.exists(f"{STORE}/domains/{domain}/privkey.p-256.pem")
+    server.ok(["sed", "-i", "--follow-symlinks", "$d", site])
+    server.ok(["systemctl", "start", *WATCHERS])
+    reload(server)
+    assert secure(server, domain).status == 200 and listed(server, name) == ("served", "")
+
+
+TOO_SHORT = r"""
+cd /root && openssl req -x509 -newkey rsa:2048 -nodes -subj "/CN=House" -keyout house.key -out /usr/local/share/ca-certificates/house.crt -days 30 \
+    -addext keyUsage=critical,keyCertSign 2>/dev/null &&
+update-ca-certificates >/dev/null 2>&1 &&
+openssl req -newkey rsa:1024 -nodes -subj "/CN=$1" -keyout short.key -out short.csr 2>/dev/null &&
+printf 'subjectAltName=DNS:%s,DNS:www.%s\n' "$1" "$1" >short.ext &&
+openssl x509 -req -in short.csr -CA /usr/local/share/ca-certificates/house.crt -CAkey house.key -CAcreateserial -days 20 -extfile short.ext \
+    -out short.crt 2>/dev/null
+"""
+
+
+def test_a_certificate_that_apache_refuses_leaves_the_site_with_the_one_that_it_has(server):
+    name, domain = certified(server)
+    server.ok(["sh", "-c", TOO_SHORT, "sh", domain])
+    done = server.run(["corvctl", "account", "https", name, "on", "--cert", "/root/short.crt", "--key", "/root/short.key"])
+    assert (done.code, done.err) == (
+        1, f"corvctl: Apache does not come up with it: Apache does not start\n  {name} has what was chosen for it before\n")
+    server.wait_for(lambda: secure(server, domain), "HTTPS")
+    assert secure(server, domain).status == 200 and "Pebble" in secure(server, domain).issuer
+    assert listed(server, name) == ("served", "")
+
+
 KILLED = r"""
 systemctl reload apache2 &
 python3 - "$1" <<'END'
@@ -372,6 +414,21 @@ def test_apache_that_ended_is_started_also_when_the_sites_were_taken_away_meanwh
     server.ok(["systemctl", "stop", "apache2"])
     server.ok(["sh", "-c", f": >{LIVE}; systemctl start corv-https-rescue"])
     assert not is_up(server)
+
+
+def test_an_error_of_somebody_elses_at_a_start_ends_no_https_after_it_is_mended(server):
+    name, domain = certified(server)
+    server.put("/etc/apache2/conf-enabled/error.conf", "NobodyKnowsThis\n")
+    try:
+        server.run(["systemctl", "restart", "apache2"])
+        server.wait_for(lambda: "Apache ended without HTTPS as well" in server.journal("corv-https-rescue"), "the second rescue")
+        assert not is_up(server)
+    finally:
+        server.ok(["rm", "/etc/apache2/conf-enabled/error.conf"])
+    server.ok(["systemctl", "reset-failed", "apache2"])
+    server.ok(["systemctl", "start", "apache2"])
+    server.wait_for(lambda: secure(server, domain), "HTTPS")
+    assert secure(server, domain).status == 200 and listed(server, name) == ("served", "")
 
 
 def test_a_kill_at_any_moment_leaves_apache_and_no_trial_behind(server):
@@ -499,7 +556,10 @@ def test_switching_it_off_and_removing_the_package_leave_port_80(server):
     assert is_up(server) and plain(server, domain) == 200
     server.ok(["corvctl", "https", "on"])
     server.wait_for(lambda: secure(server, domain) and secure(server, domain).status == 200, "HTTPS")
+    failures = "/var/lib/corvane/failures"
+    server.ok(["touch", f"{failures}/corv-https.service", f"{failures}/corv-https-ends.service", f"{failures}/corv-backup.service"])
     server.ok(["apt-get", "-q", "remove", "--yes", "corv-https"], env={"DEBIAN_FRONTEND": "noninteractive"})
+    assert server.ok(["sh", "-c", f"ls {failures}; rm {failures}/corv-backup.service"]) == "corv-backup.service\n"
     server.ok(["systemctl", "reload", "apache2"])
     assert is_up(server) and plain(server, domain) == 200
     server.ok(["systemctl", "restart", "apache2"])
