@@ -285,6 +285,37 @@ def test_a_certificate_that_apache_does_not_take_is_nobodys(server, brought):
     assert not server.exists(CHOICES)
 
 
+def leaves_out(server, at, account="alice", **more):
+    """From now on a reload succeeds, and leaves this account's site out, as Apache does not come up with it."""
+    state = json.loads(server.read("/var/lib/corvane/https/state.json"))
+    state["sites"][account].update(names=[], leftOut="ee key too small", refused="a print", refusedAt=at)
+    server.write("/root/refused.json", json.dumps({**state, "at": at, **more}))
+    server.answer(*RELOAD, shell="cp /root/refused.json /var/lib/corvane/https/state.json")
+
+
+@pytest.mark.parametrize("before", [None, "no-www\n"], ids=["nothing", "something"])
+def test_a_certificate_that_leaves_the_site_out_is_taken_back(server, brought, before):
+    if before:
+        server.write(CHOICES, before)
+    leaves_out(server, int(time.time()) + 60)
+    problem = "Apache does not come up with it: ee key too small"
+    assert brought() == (1, "", f"corvctl: {problem}\n  alice has what was chosen for it before\n")
+    assert (server.read(CHOICES) if server.exists(CHOICES) else None) == before
+    # The second one has the site on port 443 again.
+    assert server.argvs()[-2:] == [RELOAD, RELOAD]
+
+
+@pytest.mark.parametrize("how", [
+    {"at": int(time.time()) - 60}, {"at": int(time.time()) + 60, "account": "bobby"},
+    {"at": int(time.time()) + 60, "none": "Apache ended with the sites on port 443"},
+], ids=["before this one", "of another account", "as all are"])
+def test_what_was_refused_for_something_else_takes_no_choice_back(server, how):
+    leaves_out(server, **how)
+    assert corvctl(server, "account", "https", "alice", "on", "--redirect", start=False)[:2] == (0, "alice has HTTPS on\n")
+    assert server.read(CHOICES) == "# Written by corvctl account https.\nredirect\n"
+    assert server.argvs() == [RELOAD]
+
+
 @pytest.mark.parametrize("how, problem", [
     ({"names": ["alice.example"]}, "it is not for www.alice.example, but for alice.example"),
     ({"trusted": False}, "its chain does not lead to an authority that this system trusts"),

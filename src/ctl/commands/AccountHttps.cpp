@@ -46,6 +46,18 @@ QString whatBecame(const QString &account)
     return u"its site is not enabled, or not as the agent writes it"_s;
 }
 
+// Why Apache does not come up with the site as it was chosen; empty where it does. It is left out then, and the reload
+// succeeds: what the site had on port 443 before would be gone. since is the time in seconds since 1970 before that
+// reload; where nothing was tried in it, what is kept tells of another choice.
+QString whyRefused(const QString &account, qint64 since)
+{
+    const https::State state = readHttps().value_or(https::State());
+    const https::SiteState site = state.sites.value(account);
+    if (state.at < since || !state.none.isEmpty() || site.refused.isEmpty())
+        return {};
+    return u"Apache does not come up with it: "_s + site.leftOut;
+}
+
 // Ends a choice that Apache did not take, with why. It would come into force with whatever reload comes next, and one
 // of them cannot be taken back from the browsers that have seen it. A certificate that was brought with it stays until
 // it has been nobody's for some days: the Apache that took too long may still be about to read it.
@@ -94,7 +106,11 @@ int accountHttps(Session &session, const Given &given)
     if (!replaceFile(file, https::optionsText(options), 0644))
         return refuse(session, u"cannot write %1"_s.arg(file));
     if (readHttps()) {
-        if (const QString problem = reloadApache(); !problem.isEmpty())
+        const qint64 since = QDateTime::currentSecsSinceEpoch();
+        QString problem = reloadApache();
+        if (problem.isEmpty())
+            problem = whyRefused(account, since);
+        if (!problem.isEmpty())
             return takeBack(session, account, before, problem);
     }
     if (session.options.json)
