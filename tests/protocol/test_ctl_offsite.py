@@ -284,6 +284,63 @@ def test_the_parts_are_checked_in_turn(server):
     assert "part 3 of 30" in corvctl(server, "offsite", "status")[1]
 
 
+DAMAGED = {"exit": 1, "err": "pack 17 does not match\n"}
+
+
+def read_part(server, part):
+    """Has the day's check run, which reads this part; gives its exit code and what is kept as wrong after it."""
+    server.forget_calls()
+    code = corvctl(server, "offsite", "check")[0]
+    assert [argv for argv in restics(server) if argv[0] == "check"] == [["check", "--quiet", f"--read-data-subset={part}/30"]]
+    return code, json.loads(server.read("/var/lib/corvane/offsite/state.json"))["checkProblem"]
+
+
+def test_a_part_that_is_damaged_is_read_each_day_until_it_is_well(server):
+    assert [read_part(server, part) for part in (1, 2)] == [(0, "")] * 2
+    server.answer("restic", "check", ..., **DAMAGED)
+    assert [read_part(server, 3) for _ in range(3)] == [(1, "restic: pack 17 does not match")] * 3
+    server.answer("restic", "check", ..., out="")
+    assert [read_part(server, part) for part in (3, 4)] == [(0, "")] * 2
+
+
+def test_what_a_check_of_everything_finds_stands_until_all_has_been_read(server):
+    assert read_part(server, 1) == (0, "")
+    server.answer("restic", "check", ..., **DAMAGED)
+    assert corvctl(server, "offsite", "check", "--all")[0] == 1
+    server.answer("restic", "check", ..., out="")
+    days = [read_part(server, (1 + day) % 30 + 1) for day in range(30)]
+    assert days == [(0, "restic: pack 17 does not match")] * 29 + [(0, "")]
+    server.answer("restic", "check", ..., **DAMAGED)
+    assert corvctl(server, "offsite", "check", "--all")[0] == 1
+    server.answer("restic", "check", ..., out="")
+    assert corvctl(server, "offsite", "check", "--all")[0] == 0
+    assert read_part(server, 2) == (0, "")
+
+
+FORGETS = "the place no longer refuses to forget: a break-in here can take away all backups"
+
+
+def test_a_place_that_begins_to_forget_is_told_until_it_refuses_again(server):
+    server.settings("[offsite]\nrepository=\"rest:https://backup.example:8000/web1/\"\nappend_only=true\n")
+    probe = snapshot("/probe", "probe", backup="probe")
+    server.answer("restic", *SNAPSHOTS, out=json.dumps([probe]))
+    server.answer("restic", "forget", ..., exit=1, err="403 Forbidden\n")
+    assert read_part(server, 1) == (0, "")
+    server.answer("restic", "check", ..., **DAMAGED)
+    assert read_part(server, 2) == (1, "restic: pack 17 does not match")
+    # What is wrong with a part already does not hide it.
+    server.answer("restic", "forget", ..., shell="touch /root/forgot")
+    server.answer("restic", *SNAPSHOTS, shell=f"[ -e /root/forgot ] && echo '[]' || echo '{json.dumps([probe])}'")
+    assert read_part(server, 2) == (1, f"restic: pack 17 does not match; {FORGETS}")
+    for _ in range(2):
+        server.path("/root/forgot").unlink(missing_ok=True)
+        server.answer("restic", "check", ..., out="")
+        assert read_part(server, 2) == (1, FORGETS)
+    server.answer("restic", "forget", ..., exit=1, err="403 Forbidden\n")
+    server.path("/root/forgot").unlink()
+    assert [read_part(server, part) for part in (2, 3)] == [(0, "")] * 2
+
+
 @pytest.mark.parametrize("file, mode", [("key", 0o640), ("key", 0o604), ("credentials", 0o644)])
 def test_a_secret_that_others_can_read_is_refused(server, file, mode):
     server.path(f"{FOLDER}/{file}").chmod(mode)

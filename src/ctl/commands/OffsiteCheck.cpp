@@ -35,6 +35,24 @@ QString forgettingProblem(const Repository &repository)
     return u"whether the place refuses to forget cannot be told: "_s + problem;
 }
 
+// Whether the part that was read last is read once more: the next one says nothing of what was wrong with it.
+bool isTriedAgain(const OffsiteState &state)
+{
+    return !state.checkProblem.isEmpty() && state.unread == 0 && state.part > 0;
+}
+
+// Keeps what a check has found. What one of everything found lies in a part that nobody knows: it stands until all
+// parts have been well since, or one of them tells more.
+void noteOutcome(const QString &problem, bool isAll, bool isWhole, OffsiteState *state)
+{
+    if (isAll)
+        state->unread = isWhole ? 0 : kCheckParts;
+    else
+        state->unread = problem.isEmpty() && state->unread > 0 ? state->unread - 1 : 0;
+    if (!problem.isEmpty() || state->unread == 0)
+        state->checkProblem = problem;
+}
+
 int check(Session &session, const Given &given)
 {
     int status = kDone;
@@ -51,19 +69,24 @@ int check(Session &session, const Given &given)
         return fail(kRefused, problem);
     OffsiteState state = readOffsite();
     const bool isAll = given.has("--all");
-    const int part = isAll ? state.part : state.part % kCheckParts + 1;
+    const bool hasFailed = !state.checkProblem.isEmpty();
+    const int part = isAll || isTriedAgain(state) ? state.part : state.part % kCheckParts + 1;
     boundCache(*repository);
     (void)restic(*repository, {u"unlock"_s, u"--quiet"_s}, kAskMs);
     const QString read = isAll ? u"--read-data"_s : u"--read-data-subset=%1/%2"_s.arg(part).arg(kCheckParts);
-    problem = restic(*repository, {u"check"_s, u"--quiet"_s, read}, kCheckMs).problem;
+    QStringList problems = {restic(*repository, {u"check"_s, u"--quiet"_s, read}, kCheckMs).problem};
     if (interrupted())
         return fail(interruptedStatus(), u"the check was interrupted"_s);
-    if (problem.isEmpty() && (isAll || part % kProbeEvery == 1))
-        problem = forgettingProblem(*repository);
+    const bool isWhole = problems.first().isEmpty();
+    // While anything is wrong each time: data that stays damaged must not hide that the place has begun to forget.
+    if (hasFailed || (isWhole && (isAll || part % kProbeEvery == 1)))
+        problems.append(forgettingProblem(*repository));
+    problems.removeAll(QString());
+    problem = problems.join("; "_L1);
 
     state.checkedAt = QDateTime::currentSecsSinceEpoch();
     state.part = part;
-    state.checkProblem = problem;
+    noteOutcome(problem, isAll, isWhole, &state);
     if (const QString unkept = keepOffsite(state); problem.isEmpty())
         problem = unkept;
     if (!problem.isEmpty()) {

@@ -39,6 +39,7 @@ QJsonObject objectOf(const OffsiteState &state)
             {u"checkedAt"_s, state.checkedAt},
             {u"part"_s, state.part},
             {u"checkProblem"_s, state.checkProblem},
+            {u"unread"_s, state.unread},
             {u"prunedAt"_s, state.prunedAt},
             {u"drilled"_s, state.drilled},
             {u"drilledAt"_s, state.drilledAt},
@@ -60,6 +61,7 @@ OffsiteState stateOf(const QJsonObject &object)
     state.checkedAt = object.value("checkedAt"_L1).toInteger();
     state.part = object.value("part"_L1).toInt();
     state.checkProblem = object.value("checkProblem"_L1).toString();
+    state.unread = object.value("unread"_L1).toInt();
     state.prunedAt = object.value("prunedAt"_L1).toInteger();
     state.drilled = object.value("drilled"_L1).toString();
     state.drilledAt = object.value("drilledAt"_L1).toInteger();

@@ -20,6 +20,7 @@ struct OffsiteState
     qint64 checkedAt = 0; // the end of the last check
     int part = 0;         // which part of the data that read
     QString checkProblem; // what was wrong
+    int unread = 0;       // parts still to be read before what a check of all found is known to be well
     qint64 prunedAt = 0;  // when what is not needed was last taken away
     QString drilled;      // the account of the last drill
     qint64 drilledAt = 0; // its end
