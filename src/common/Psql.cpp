@@ -9,13 +9,16 @@ namespace {
 
 const auto kSuperuser = u"postgres"_s;
 const auto kVariable = u"PGOPTIONS"_s;
+// A tenant can keep hold of his role and of what is in his database for as long as he likes, and the agent does one
+// thing at a time.
+const auto kLocks = u"-clock_timeout=5s"_s;
 
 } // namespace
 
 QMap<QString, QString> psqlVariables(const QString &settings)
 {
-    const QString names = QString::fromLatin1(kSystemNamesOnly);
-    return {{kVariable, settings.isEmpty() ? names : names + u' ' + settings}};
+    const QString own = QString::fromLatin1(kSystemNamesOnly) + u' ' + kLocks;
+    return {{kVariable, settings.isEmpty() ? own : own + u' ' + settings}};
 }
 
 QStringList psqlAs(const QString &user)

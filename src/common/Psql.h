@@ -12,8 +12,8 @@ namespace corv::hosting {
 // with the superuser's rights. It goes before what a role or a database has been given.
 inline constexpr auto kSystemNamesOnly = "-csearch_path=pg_catalog";
 
-// The variables that psql is started with, whoever runs it: these names only, and settings of PostgreSQL beside that,
-// such as "-cstatement_timeout=0".
+// The variables that psql is started with, whoever runs it: these names only, five seconds at most for a lock, and
+// settings of PostgreSQL beside that, which go before, such as "-cstatement_timeout=0".
 QMap<QString, QString> psqlVariables(const QString &settings = {});
 
 // The arguments with which runuser has psql run quietly as this user, in psqlVariables(); psql's own can follow.

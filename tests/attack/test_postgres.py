@@ -186,6 +186,27 @@ def test_no_account_makes_itself_lasting(host, account, wall):
     assert host.sql(f"SELECT FROM pg_database WHERE datname = '{account.name}'").out == ""
 
 
+@pytest.mark.parametrize("hold", ["ALTER ROLE @ME@ PASSWORD 'y'", "ALTER DATABASE @ME@ SET work_mem = '8MB'", "COMMENT ON DATABASE @ME@ IS 'x'"])
+@pytest.mark.parametrize("command, arguments", [
+    ("suspend", {}), ("resume", {}), ("resetDbPassword", {}), ("dbReadOnly", {"readOnly": True}), ("delete", {"confirm": "@ME@"})])
+def test_no_open_transaction_of_a_tenant_stops_the_agent(host, account, hold, command, arguments):
+    given = {key: account.name if value == "@ME@" else value for key, value in arguments.items()}
+    with session(host, account.name, account.name, "BEGIN; " + hold.replace("@ME@", account.name)):
+        assert host.request(f"hosting.{command}", username=account.name, **given)["ok"] is True
+    if command == "suspend":
+        assert host.sql(f"SELECT rolcanlogin FROM pg_roles WHERE rolname = '{account.name}'").out == "f\n"
+    if command == "delete":
+        assert host.sql(f"SELECT FROM pg_roles WHERE rolname = '{account.name}'").out == ""
+        assert host.sql(f"SELECT FROM pg_database WHERE datname = '{account.name}'").out == ""
+
+
+def test_suspending_an_account_leaves_its_sessions_that_hold_nothing(host, account):
+    with session(host, account.name, account.name, "SELECT 1"):
+        assert host.request("hosting.suspend", username=account.name) == {"ok": True}
+        there = f"SELECT count(*) FROM pg_stat_activity WHERE usename = '{account.name}' AND query LIKE '%pg_sleep(1000)'"
+        assert host.sql(there).out == "1\n"
+
+
 def test_no_sleeping_session_makes_an_account_lasting(host, account):
     assert as_tenant(host, account.name, "CREATE TABLE t (x int)").code == 0
     with session(host, account.name, account.name, "BEGIN; LOCK t"):

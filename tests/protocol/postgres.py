@@ -27,6 +27,8 @@ WELL = {
     "string_agg": "16385,16390",
     "SELECT 'shut'": "shut",
     "SELECT 'back'": "back",
+    "ELSE 'free'": "free",
+    "SELECT 'locked'": "locked",
 }
 
 

@@ -576,7 +576,7 @@ def _given_to(call):
     if call.args[-1:] in (["--version"], ["/dev/null"]):
         return {}
     if program == "psql":
-        return {"PGOPTIONS": "-csearch_path=pg_catalog"}
+        return {"PGOPTIONS": "-csearch_path=pg_catalog -clock_timeout=5s"}
     if program == "pg_restore":
         return {
             "PGHOST": "/run/corvane/restore",

@@ -1,7 +1,7 @@
 #include "agent/backup/Relay.h"
 
-#include "agent/backup/Protocol.h"
-#include "agent/backup/Server.h"
+#include "agent/postgres/Protocol.h"
+#include "agent/postgres/Server.h"
 
 #include <algorithm>
 #include <array>

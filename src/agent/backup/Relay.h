@@ -1,6 +1,6 @@
 #pragma once
 
-#include "agent/backup/Lesser.h"
+#include "agent/postgres/Lesser.h"
 
 #include <QMap>
 #include <QString>

@@ -1,6 +1,6 @@
 #include "agent/backup/Scratch.h"
 
-#include "agent/backup/Server.h"
+#include "agent/postgres/Server.h"
 #include "common/Psql.h"
 
 #include <optional>

@@ -2,6 +2,7 @@
 
 #include "agent/hosting/Existing.h"
 #include "agent/hosting/Hosting.h"
+#include "agent/postgres/Sessions.h"
 #include "common/Psql.h"
 
 #include <QRandomGenerator>
@@ -80,6 +81,7 @@ Reply resetDbPassword(const QJsonObject &args)
         return fail(problem);
 
     const QString password = randomPassword();
+    postgres::endHolders(user);
     if (const QString error = psql(passwordScript(user, password)); !error.isEmpty())
         return fail(error);
     return {{u"ok"_s, true}, {u"dbPassword"_s, password}};
@@ -91,6 +93,7 @@ Reply dbReadOnly(const QJsonObject &args)
     if (const QString problem = checkExisting(args, &user); !problem.isEmpty())
         return fail(problem);
     const bool readOnly = args.value("readOnly"_L1).toBool();
+    postgres::endHolders(user);
     return result(psql(readOnlyScript(user, readOnly)));
 }
 

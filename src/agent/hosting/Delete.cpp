@@ -3,6 +3,7 @@
 #include "agent/hosting/Hosting.h"
 #include "agent/hosting/RemoveUser.h"
 #include "agent/hosting/Web.h"
+#include "agent/postgres/Sessions.h"
 #include "common/Archiver.h"
 #include "common/Archives.h"
 #include "common/Pool.h"
@@ -93,6 +94,7 @@ Reply remove(const QJsonObject &args)
     const QString php = phpVersion();
     removeSite(user);
     const QString webError = reloadWeb(php);
+    postgres::shutOut(user);
     const QString databaseError = psql(dropDatabaseScript(user));
     const QString userError = removeUser(user);
 

@@ -4,6 +4,7 @@
 #include "agent/hosting/Ids.h"
 #include "agent/hosting/Processes.h"
 #include "agent/hosting/Web.h"
+#include "agent/postgres/Sessions.h"
 #include "common/Account.h"
 #include "common/Paths.h"
 #include "common/Pool.h"
@@ -69,6 +70,7 @@ Reply suspend(const QJsonObject &args)
 
     const QString webError = reloadWeb(php);
     const QString userError = run(u"usermod"_s, {u"--lock"_s, u"--expiredate"_s, u"1"_s, user});
+    postgres::lockRole(user);
     const QString databaseError = psql(loginScript(user, false));
     (void)run(u"pkill"_s, {u"-u"_s, user}); // whoever has no process is fine
     if (const std::optional<Ids> ids = idsOf(user))
@@ -94,6 +96,7 @@ Reply resume(const QJsonObject &args)
 
     const QString webError = reloadWeb(php);
     const QString userError = run(u"usermod"_s, {u"--unlock"_s, u"--expiredate"_s, QString(), user});
+    postgres::endHolders(user);
     const QString databaseError = psql(loginScript(user, true));
     return result(joined({webError, userError, databaseError}));
 }

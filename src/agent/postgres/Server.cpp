@@ -1,7 +1,7 @@
-#include "agent/backup/Server.h"
+#include "agent/postgres/Server.h"
 
-#include "agent/backup/Lesser.h"
-#include "agent/backup/Protocol.h"
+#include "agent/postgres/Lesser.h"
+#include "agent/postgres/Protocol.h"
 #include "common/Psql.h"
 
 #include <QDir>

@@ -1,4 +1,4 @@
-#include "agent/backup/Lesser.h"
+#include "agent/postgres/Lesser.h"
 
 #include <QDeadlineTimer>
 

@@ -1,4 +1,4 @@
-#include "agent/backup/Protocol.h"
+#include "agent/postgres/Protocol.h"
 
 #include <QtEndian>
 
