@@ -2,6 +2,7 @@
 
 #include "common/Child.h"
 #include "common/OwnMounts.h"
+#include "common/TenantMounts.h"
 
 #include <QProcess>
 #include <QProcessEnvironment>
@@ -32,6 +33,8 @@ constexpr int kUserMs = 10'000;
 constexpr qsizetype kDetailLength = 400;
 // A tool that floods its standard error must not fill root's memory; the end of it is what matters.
 constexpr qsizetype kKeptErrorBytes = 1'048'576;
+
+constexpr auto kHomes = "/home";
 
 void keepEnd(QByteArray &errors)
 {
@@ -96,11 +99,15 @@ void surround(QProcess &process, const Surroundings &surroundings)
     limitChild(process, RLIMIT_STACK, surroundings.stackBytes);
     limitChild(process, RLIMIT_AS, surroundings.memoryBytes);
     if (surroundings.linksLeadNowhere || !surroundings.loginDefs.isEmpty()) {
+        const QList<MountPlace> foreign = surroundings.linksLeadNowhere ? tenantMounts(kHomes) : QList<MountPlace>();
         process.setChildProcessModifier([=, closed = surroundings.linksLeadNowhere, defs = surroundings.loginDefs,
                                          prepare = process.childProcessModifier()] {
             const bool own = leaveMounts();
+            // Before the homes are covered by a copy of theirs: what is mounted under a cover still holds its folder.
+            if (own)
+                detachMounts(foreign);
             if (own && closed)
-                (void)closeLinks("/home");
+                (void)closeLinks(kHomes);
             if (own && !defs.isEmpty())
                 (void)coverFile("/etc/login.defs", defs.constData());
             prepare();

@@ -7,6 +7,7 @@ import subprocess
 
 import pytest
 
+from ground import MS_NOSUID, mount
 from programs import wait_until
 
 BACKUPS = "/var/backups/corvane"
@@ -367,6 +368,47 @@ def test_links_in_a_home_lead_nowhere_for_root(sandbox, tool):
     assert "Too many levels of symbolic links" in reply["error"]
     assert sandbox.entry("/etc/secret") == "0600 root:root"
     assert not sandbox.has_user("alice")
+
+
+def mount_as(sandbox, user, place):
+    """Mounts what fusermount does for that user: a file system of which he alone may see anything. The descriptor of its server, which
+    never answers."""
+    sandbox.mkdir(place, owner=f"{user}:{user}")
+    server = os.open("/dev/fuse", os.O_RDWR | os.O_CLOEXEC)
+    mount("shop", sandbox.path(place), "fuse", MS_NOSUID, f"fd={server},rootmode=40000,user_id={sandbox.uid(user)},group_id=1000")
+    return server
+
+
+@pytest.mark.parametrize("place", ["", "/mine", "/public_html/my files/deep"])
+def test_what_a_user_mounts_in_the_home_does_not_make_the_account_last(alice, place):
+    alice.write("/home/alice/public_html/page", "text", owner="alice:alice")
+    servers = [mount_as(alice, "alice", f"/home/alice{place}"), mount_as(alice, "bob", "/home/bob/mine")]
+    try:
+        with pytest.raises(PermissionError):
+            os.listdir(alice.path(f"/home/alice{place}"))
+        reply = delete(alice)
+        assert reply["ok"] is True
+        assert not alice.exists("/home/alice") and not alice.has_user("alice")
+        archive = alice.path(reply["archive"].replace("*", "home.tar.gz"))
+        members = subprocess.run(["tar", "-tzf", archive], capture_output=True, text=True, check=True).stdout.splitlines()
+        assert "alice/public_html/page" in members
+        with pytest.raises(PermissionError):
+            os.listdir(alice.path("/home/bob/mine"))
+    finally:
+        for server in servers:
+            os.close(server)
+
+
+def test_what_root_mounts_in_a_home_is_archived(alice):
+    alice.mkdir("/home/alice/volume")
+    alice.small_disk("/home/alice/volume", "64k")
+    alice.write("/home/alice/volume/page", "text")
+    alice.answer("userdel", exit=1, err="not in this test")
+    reply = delete(alice)
+    archive = alice.path(reply["archive"].replace("*", "home.tar.gz"))
+    members = subprocess.run(["tar", "-tzf", archive], capture_output=True, text=True, check=True).stdout.splitlines()
+    assert "alice/volume/page" in members
+    assert alice.read("/home/alice/volume/page") == "text"
 
 
 def test_a_folder_of_homes_that_is_a_link_is_followed(sandbox):
