@@ -189,7 +189,11 @@ FAULTS = {
         "mkdir /home/gone1; chown 4711:4711 /home/gone1", ["the folder /home/gone1 belongs to no user"]),
     "a role and a database are left over": (
         f"runuser -u postgres -- createuser gone1; runuser -u postgres -- createdb -O gone1 gone1; "
-        f"{PSQL} 'REVOKE ALL ON DATABASE gone1 FROM PUBLIC'", ["the role and database gone1 belong to no account"]),
+        f"{PSQL} 'REVOKE ALL ON DATABASE gone1 FROM PUBLIC'; {PSQL} 'ALTER DATABASE gone1 IS_TEMPLATE true'; "
+        f"{PSQL} 'ALTER DATABASE gone1 ALLOW_CONNECTIONS false'", ["the role and database gone1 belong to no account"]),
+    "a change of the firewall was cut off": (
+        "apt-get -qq install ufw >/dev/null; ufw allow 22/tcp >/dev/null; ufw --force enable >/dev/null; iptables -F ufw-user-input",
+        ["the firewall is on, but only a part of its rules is in force: a change was cut off"], None, "ufw disable >/dev/null"),
     "quotas are asked for and off": (
         "cp /etc/fstab /root/fstab; echo 'x / ext4 usrjquota=aquota.user 0 1' >>/etc/fstab",
         ["/etc/fstab asks for disk quotas on /, but the package quota is missing"], "mv /root/fstab /etc/fstab"),
@@ -331,7 +335,7 @@ ROUNDS = [
     ["visitors see 503", "visitors see 502", "visitors see 503 of a program", "two accounts have one domain", "a site outlives its account",
      "a watched service is misspelt"],
     ["a site outlives a suspension", "the disk of the backups is not mounted"],
-    ["PHP has not read an account's pool"],
+    ["PHP has not read an account's pool", "a change of the firewall was cut off"],
     ["a suspended account has no pool"],
 ]
 

@@ -11,7 +11,8 @@ TOLD = "-csearch_path=pg_catalog"
 STARTER = "src/common/Psql.cpp"
 COMMENT = re.compile(r"^\s*(?://|#|\*).*$", re.MULTILINE)
 # What an administrator is to type: such statements name no function, or with its schema, and no operator.
-ADVICE = re.compile(r"psql -c (?:'(?:ALTER (?:DATABASE|ROLE)|REVOKE|GRANT) |\"_s \+ shellWord\(statement\))")
+ADVICE = re.compile(r"psql -c (?:'(?:ALTER (?:DATABASE|ROLE)|REVOKE|GRANT) |\"_s \+ shellWord\(statement\))"
+                    r"|psql\"_s, u\"-qc\"_s, obstacle\.statement\b")
 ASKED_FOR_ITS_VERSION = 'u"pg_restore"_s, u"psql"_s}'
 
 

@@ -224,6 +224,17 @@ private Q_SLOTS:
                    {u"PostgreSQL has a database gone, but there is no such account|runuser -u postgres -- pg_dump "
                     "-Fc gone >/var/backups/corvane/gone-1-db.dump && runuser -u postgres -- dropdb gone"_s,
                     dropRole});
+        QTest::newRow("template that nobody may enter")
+            << facts([&](NameFacts *name) {
+                   name->databases->roles = {role};
+                   name->databases->databases = {{u"gone"_s, u"gone"_s, false, true, true}};
+               })
+            << QStringList(
+                   {u"PostgreSQL has a database gone, but there is no such account|runuser -u postgres -- psql -qc "
+                    "'ALTER DATABASE \"gone\" IS_TEMPLATE false' && runuser -u postgres -- psql -qc 'ALTER DATABASE "
+                    "\"gone\" ALLOW_CONNECTIONS true' && runuser -u postgres -- pg_dump -Fc gone "
+                    ">/var/backups/corvane/gone-1-db.dump && runuser -u postgres -- dropdb gone"_s,
+                    dropRole});
         QTest::newRow("invalid database")
             << facts([&](NameFacts *name) {
                    name->databases->databases = {{u"gone"_s, u"gone"_s}};
@@ -595,19 +606,26 @@ private Q_SLOTS:
         all.databases.append({{u"bob"_s, u"bob"_s, false},
                               {u"erin"_s, u"erin"_s, true},
                               {u"alice__restore"_s, u"alice"_s, false},
-                              {u"alice__old"_s, u"alice"_s, false},
+                              {u"alice__old"_s, u"alice"_s, false, true},
                               {u"X__old"_s, u"postgres"_s, false}});
+        all.roles.append({u"frank"_s, true, true});
+        all.databases.append({u"frank"_s, u"frank"_s, false, true, true});
         QCOMPARE(
             asText(checkLeftovers({}, all, {u"root"_s, u"alice"_s, u"postgres"_s}, {u"alice"_s})),
             QStringList(
                 {u"fault|a restore that was cut off left the database alice__restore|runuser -u postgres -- dropdb "
                  "alice__restore"_s,
-                 u"fault|a restore that was cut off left the database alice__old|runuser -u postgres -- dropdb "
-                 "alice__old"_s,
+                 u"fault|a restore that was cut off left the database alice__old|runuser -u postgres -- psql -qc "
+                 u"'ALTER "
+                 "DATABASE \"alice__old\" IS_TEMPLATE false' && runuser -u postgres -- dropdb alice__old"_s,
                  u"fault|the role and database bob belong to no account|runuser -u postgres -- pg_dump -Fc bob "
                  ">/root/bob-db.dump && runuser -u postgres -- dropdb bob && runuser -u postgres -- dropuser bob"_s,
                  u"note|PostgreSQL has a role carol, but the server has no such user|runuser -u postgres -- dropuser "
-                 "carol"_s}));
+                 "carol"_s,
+                 u"fault|the role and database frank belong to no account|runuser -u postgres -- psql -qc 'ALTER "
+                 "DATABASE \"frank\" IS_TEMPLATE false' && runuser -u postgres -- psql -qc 'ALTER DATABASE \"frank\" "
+                 "ALLOW_CONNECTIONS true' && runuser -u postgres -- pg_dump -Fc frank >/root/frank-db.dump && runuser "
+                 "-u postgres -- dropdb frank && runuser -u postgres -- dropuser frank"_s}));
     }
 
     void knowsTheAccountOfAFile_data()

@@ -1,3 +1,4 @@
+#include "ctl/doctor/Firewall.h"
 #include "ctl/doctor/Services.h"
 #include "ctl/doctor/Settings.h"
 #include "mend_of.h"
@@ -33,6 +34,48 @@ class TestDoctorSettings : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void findsAFirewallThatIsLoadedInPart_data()
+    {
+        QTest::addColumn<bool>("isOn");
+        QTest::addColumn<bool>("isClosed");
+        QTest::addColumn<QByteArray>("loaded");
+        QTest::addColumn<QStringList>("expected");
+        const QByteArray whole =
+            "-P INPUT DROP\n-N ufw6-before-input\n-N ufw6-user-input\n-A INPUT -j ufw6-before-input\n"
+            "-A ufw6-before-input -i lo -j ACCEPT\n-A ufw6-before-input -j ufw6-user-input\n"
+            "-A ufw6-user-input -p tcp -m tcp --dport 22 -j ACCEPT\n";
+        const auto without = [&whole](const QByteArray &line) { return QByteArray(whole).replace(line, ""); };
+        const QByteArray open = QByteArray(whole).replace("INPUT DROP", "INPUT ACCEPT");
+        const QStringList well;
+        const QStringList inPart = {u"fault|the firewall is on, but only a part of its rules is in force: a change was "
+                                    "cut off|ufw reload"_s};
+        const QStringList still = {
+            u"fault|the firewall is off, but still turns visitors away: a change was cut off|ufw disable"_s};
+        QTest::newRow("whole") << true << true << whole << well;
+        QTest::newRow("nothing") << true << true << QByteArray() << inPart;
+        QTest::newRow("a door is missing")
+            << true << true << without("-A ufw6-user-input -p tcp -m tcp --dport 22 -j ACCEPT\n") << inPart;
+        QTest::newRow("nothing leads to the doors")
+            << true << true << without("-A ufw6-before-input -j ufw6-user-input\n") << inPart;
+        QTest::newRow("nothing leads to the rules")
+            << true << true << without("-A INPUT -j ufw6-before-input\n") << inPart;
+        QTest::newRow("the server's own rules are missing")
+            << true << true << without("-A ufw6-before-input -i lo -j ACCEPT\n") << inPart;
+        QTest::newRow("all else is let in") << true << true << open << inPart;
+        QTest::newRow("all else is to be let in") << true << false << open << well;
+        QTest::newRow("off") << false << true << open << well;
+        QTest::newRow("off, with another's rules") << false << true << QByteArray("-P INPUT DROP\n") << well;
+        QTest::newRow("off, and still closed") << false << true << whole << still;
+    }
+    void findsAFirewallThatIsLoadedInPart()
+    {
+        QFETCH(bool, isOn);
+        QFETCH(bool, isClosed);
+        QFETCH(QByteArray, loaded);
+        const QByteArray kept = "### tuple ###\n-A ufw6-user-input -p tcp --dport 22 -j ACCEPT\n";
+        QTEST(asText(checkFirewall({isOn, isClosed, {{"ufw6", loaded, kept}}})), "expected");
+    }
+
     void findsNothingWithKeysThatAreRead()
     {
         QCOMPARE(asText(checkSettings({u"agent/socket"_s, u"agent/socket_group"_s, u"agent/allowed_user"_s,

@@ -43,19 +43,20 @@ QList<Check> examine(const QString &settingsPath, Homes homes)
                            examinePhp(php),
                            examinePostgres(databases, problem),
                            examineAccounts(users, sites, php, databases, began),
-                           examineSites(users, hosts, sites),
-                           examineVisitors(hosts, sites, php),
-                           examineSshd(),
-                           examineFormer(users),
-                           examineQuota(),
-                           examineDisks(),
-                           examineApt(),
-                           examineUpdates(),
-                           examineFolders(settings, backups.value("destination"_L1).toString()),
-                           examineBackups(backups),
-                           examineNotify(settings, backups),
-                           homes == Homes::Measured ? examineHomes(users.accounts, backups)
-                                                    : examineReach(users.accounts)};
+                           examineSites(users, hosts, sites)};
+    checks += examineFirewall();
+    checks +=
+        QList<Check>{examineVisitors(hosts, sites, php),
+                     examineSshd(),
+                     examineFormer(users),
+                     examineQuota(),
+                     examineDisks(),
+                     examineApt(),
+                     examineUpdates(),
+                     examineFolders(settings, backups.value("destination"_L1).toString()),
+                     examineBackups(backups),
+                     examineNotify(settings, backups),
+                     homes == Homes::Measured ? examineHomes(users.accounts, backups) : examineReach(users.accounts)};
     // Who has no such place is not told of it at each look.
     if (const OffsitePlace place = placeIn(settings); !place.repository.isEmpty())
         checks.append(examineOffsite(place));

@@ -8,6 +8,7 @@
 #include "common/TimedRun.h"
 #include "ctl/doctor/Disks.h"
 #include "ctl/doctor/Facts.h"
+#include "ctl/doctor/Firewall.h"
 #include "ctl/doctor/Https.h"
 #include "ctl/doctor/Modules.h"
 #include "ctl/doctor/Notify.h"
@@ -17,6 +18,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QSettings>
+#include <QThread>
 
 #include <grp.h>
 #include <pwd.h>
@@ -28,6 +30,8 @@ namespace {
 
 constexpr int kToolMs = 30'000;
 constexpr qint64 kLargestText = 1'048'576;
+constexpr int kChanges = 6;
+constexpr unsigned long kChangeMs = 500;
 
 } // namespace
 
@@ -68,6 +72,19 @@ Check examineQuota()
 Check examineDisks()
 {
     return {u"disks"_s, u"room for files"_s, checkDisks(readDisks())};
+}
+
+QList<Check> examineFirewall()
+{
+    std::optional<FirewallState> state = readFirewall();
+    // Somebody may be changing it right now.
+    for (int change = 0; state && !isAsKept(*state) && change < kChanges; ++change) {
+        QThread::msleep(kChangeMs);
+        state = readFirewall();
+    }
+    if (!state)
+        return {};
+    return {{u"firewall"_s, state->isOn ? u"on"_s : u"off"_s, checkFirewall(*state)}};
 }
 
 Check examineApt()

@@ -57,6 +57,9 @@ Check examineAccounts(const Accounts &users, const QList<AccountSite> &sites, co
 // The sites as Apache has them.
 Check examineSites(const Accounts &users, const QList<VirtualHost> &hosts, const QList<AccountSite> &sites);
 
+// The firewall, where there is one: one check, or none.
+QList<Check> examineFirewall();
+
 // What visitors of the sites get to see.
 Check examineVisitors(const QList<VirtualHost> &hosts, const QList<AccountSite> &sites, const QString &php);
 

@@ -1,5 +1,6 @@
 #include "common/Account.h"
 #include "ctl/doctor/Accounts.h"
+#include "ctl/doctor/Remainders.h"
 
 #include <QRegularExpression>
 
@@ -23,7 +24,7 @@ QList<Finding> checkScratchDatabases(const Databases &databases)
         if (!hosting::validUsername(account) || (!restoring && !findDatabase(databases, account)))
             continue;
         findings.append({Level::Fault, u"a restore that was cut off left the database %1"_s.arg(database.name),
-                         u"runuser -u postgres -- dropdb %1"_s.arg(database.name)});
+                         shellLine(droppingSteps(database))});
     }
     return findings;
 }
@@ -49,8 +50,8 @@ QList<Finding> checkOrphans(const Databases &databases, const QStringList &users
                  u"runuser -u postgres -- dropdb %1 && runuser -u postgres -- dropuser %1"_s.arg(name)});
         } else if (database->owner == name && !database->isOpen) {
             findings.append({Level::Fault, u"the role and database %1 belong to no account"_s.arg(name),
-                             u"runuser -u postgres -- pg_dump -Fc %1 >/root/%1-db.dump && "
-                             "runuser -u postgres -- dropdb %1 && runuser -u postgres -- dropuser %1"_s.arg(name)});
+                             shellLine(droppingSteps(*database, u"/root/%1-db.dump"_s.arg(name))) +
+                                 u" && runuser -u postgres -- dropuser "_s + name});
         }
     }
     return findings;

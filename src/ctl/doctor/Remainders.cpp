@@ -13,17 +13,25 @@ QStringList asPostgres(const QStringList &command)
     return QStringList{u"runuser"_s, u"-u"_s, u"postgres"_s, u"--"_s} + command;
 }
 
+// Its owner may have made a template of it, which nobody can drop, or have closed it, so that nobody can dump it.
+QList<Step> liftingSteps(const Database &database)
+{
+    QList<Step> steps;
+    for (const Obstacle &obstacle : obstaclesOf(database))
+        steps.append({asPostgres({u"psql"_s, u"-qc"_s, obstacle.statement}), {}});
+    return steps;
+}
+
 Remainder databaseLeft(const QString &name, const Database &database, const Role *role, const QString &stamp)
 {
-    const Step drop = {asPostgres({u"dropdb"_s, name}), {}};
     if (database.isInvalid)
-        return {u"the database %1 is what a drop left that was cut off"_s.arg(name), {drop}};
+        return {u"the database %1 is what a drop left that was cut off"_s.arg(name), droppingSteps(database)};
     if (database.owner != name || database.isOpen || !role || !role->isPlain) {
         return {u"PostgreSQL has a database %1 of %2, which is not what an account leaves"_s.arg(name, database.owner),
                 {}};
     }
-    const Step dump = {asPostgres({u"pg_dump"_s, u"-Fc"_s, name}), u"%1/%2-%3-db.dump"_s.arg(kArchives, name, stamp)};
-    return {u"PostgreSQL has a database %1, but there is no such account"_s.arg(name), {dump, drop}};
+    return {u"PostgreSQL has a database %1, but there is no such account"_s.arg(name),
+            droppingSteps(database, u"%1/%2-%3-db.dump"_s.arg(kArchives, name, stamp))};
 }
 
 Remainder roleLeft(const QString &name, const Role &role)
@@ -35,6 +43,18 @@ Remainder roleLeft(const QString &name, const Role &role)
 }
 
 } // namespace
+
+QList<Step> droppingSteps(const Database &database, const QString &dump)
+{
+    const Step drop = {asPostgres({u"dropdb"_s, database.name}), {}};
+    // What it held is gone, and whatever else was set of it keeps nobody from dropping the rest.
+    if (database.isInvalid)
+        return {drop};
+    QList<Step> steps = liftingSteps(database);
+    if (!dump.isEmpty())
+        steps.append({asPostgres({u"pg_dump"_s, u"-Fc"_s, database.name}), dump});
+    return steps + QList<Step>{drop};
+}
 
 bool isHalfThere(const AccountParts &account, const std::optional<Databases> &databases)
 {

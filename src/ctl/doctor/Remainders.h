@@ -44,6 +44,10 @@ struct NameFacts
 // true.
 QList<Remainder> remaindersOf(const NameFacts &facts, const QString &stamp);
 
+// What drops a database whatever its owner has made of it, after a dump into that file where one is named. The name
+// needs no quotes.
+QList<Step> droppingSteps(const Database &database, const QString &dump = {});
+
 // The steps as one line for the shell.
 QString shellLine(const QList<Step> &steps);
 
