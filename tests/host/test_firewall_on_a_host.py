@@ -208,6 +208,17 @@ def test_a_number_that_is_not_there_is_refused(host, enabled):
         assert host.request("firewall.delete", number=number) == NO_RULE
 
 
+def test_rules_that_a_kill_left_in_part_are_loaded_again(host, account, enabled):
+    def rules_there():
+        return sorted(line for line in host.ok(["iptables", "-S"]).splitlines() if " ufw-" in line)
+    before = rules_there()
+    host.ok(["iptables", "-F", "ufw-before-input"])  # as a run of ufw that ended with the agent leaves it
+    host.ok(["systemctl", "kill", "--signal=SIGKILL", "--kill-whom=main", "corv-agent"])
+    host.wait_for(lambda: rules_there() == before, "all rules")
+    host.wait_for_unit("corv-agent")
+    assert log_in(host, account) == "in\n"
+
+
 def test_disabling_keeps_the_rules_for_the_next_time(host, account, enabled):
     assert host.request("firewall.enable")["ok"] is True
     before = destinations(host)
