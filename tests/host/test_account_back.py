@@ -141,8 +141,8 @@ def test_killed_within_the_switch_it_is_served_again_without_anybody(old, new, s
     assert move(old, shop.name, BACK, "--rehearse").code == 0
     killed_when(old, shop, lambda: MOMENTS[moment](old, new, shop.name), moment, BACK)
     # What was left to do is done by the server itself.
-    old.wait_for(lambda: is_settled(new, shop.name) and page(new, shop) == page(old, shop) == WELL, "the shop being served", timeout=60)
-    assert is_suspended(old, shop.name) != is_suspended(new, shop.name)
+    old.wait_for(lambda: is_settled(new, shop.name) and page(new, shop) == page(old, shop) == WELL
+                 and is_suspended(old, shop.name) != is_suspended(new, shop.name), "the shop being served", timeout=60)
     comes_back(old, new, shop, before)
 
 

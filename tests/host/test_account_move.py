@@ -75,7 +75,7 @@ def test_an_account_that_is_gone_is_not_taken_from_what_was_written_down(old, ne
     old.ok(["corvctl", "account", "delete", shop.name, "--confirm", shop.name])
     assert shop.name in old.get("/var/lib/corvane/accounts.state")
     done = new.run(["corvctl", "account", "move", shop.name, f"root@{OUTSIDE}", "--dry-run"])
-    assert (done.code, done.out) == (3, "")
+    assert (done.code, done.out) == (1, "")
     assert done.err.startswith(f"corvctl: root@{OUTSIDE}: corvctl: no Corvane account named '{shop.name}'")
 
 
@@ -89,6 +89,17 @@ if [ "$*" = "{words}" ] && [ ! -e /run/waits ]; then
     timeout 60 sh -c 'until [ -e /run/go ]; do sleep 0.05; done'
 fi
 exec /usr/bin/{tool} "$@"
+"""
+
+# The same, once the call is done.
+WAITS_AFTER = """#!/bin/sh
+/usr/bin/{tool} "$@"
+code=$?
+if [ "$*" = "{words}" ] && [ ! -e /run/waits ]; then
+    : >/run/waits
+    timeout 60 sh -c 'until [ -e /run/go ]; do sleep 0.05; done'
+fi
+exit $code
 """
 
 
@@ -150,10 +161,10 @@ def test_a_decision_that_cannot_be_written_down_here_is_gone_on_with(old, new, s
 @pytest.mark.long
 def test_an_interrupt_within_the_switch_gives_the_account_back_at_once(old, new, shop):
     before = everything(old, shop.name)
-    # The last question before it would be decided.
-    with stand_in(old, "getent", WAITS.format(tool="getent", words=f"shadow {shop.name}")), moving(new, shop) as process:
+    script = WAITS_AFTER.format(tool="corvctl", words=f"account suspend {shop.name}")
+    with stand_in(old, "corvctl", script), moving(new, shop) as process:
         group = process.stderr.readline().strip()
-        old.wait_for(lambda: old.exists("/run/waits"), "the decision")
+        old.wait_for(lambda: old.exists("/run/waits"), "the suspension")
         assert is_suspended(old, shop.name)
         # All of them have it, as from a terminal: also what has the connections.
         new.ok(["kill", "-INT", "--", f"-{group}"])
