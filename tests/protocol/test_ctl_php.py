@@ -631,6 +631,10 @@ def test_what_a_damaged_journal_says_costs_no_pool(sandbox, fpms, is_served):
     """Names that no account has, a path, and an account that the new version does not have."""
     odd = [{"account": name} for name in ("../alice", "", "nobodyshere", "alice")] + [7, None]
     sandbox.write(JOURNAL, json.dumps({"from": "8.2", "to": "8.4", "pools": odd, "well": ["../x", 3], "isServed": is_served}))
-    assert follow(sandbox)[0] == 0
+    code, _, err = follow(sandbox)
+    assert code == 0, err
     assert (pools(sandbox), sandbox.exists(JOURNAL)) == (BEFORE if is_served else AFTER, False)
+    # What has nothing to let go of is not asked to: nobody would wait for that before the pools come.
+    assert fpms.asked[:1] == [f"reload-or-restart php8.{2 if is_served else 4}-fpm"]
+    assert fpms.asked.count("reload-or-restart php8.4-fpm") == (0 if is_served else 1)
     assert fpms.version_of("alice") == ("8.2" if is_served else "8.4")

@@ -23,6 +23,13 @@ QStringList accountsOf(const MovePlan &plan)
     return accounts;
 }
 
+// Whether the new version can have got any of the pools, or does not run as it did. The reload of one that has nothing
+// to let go of is waited for by nobody: it could still be reading when the next one places the pools, and end of that.
+bool mayHaveTaken(const MovePlan &plan)
+{
+    return isAnyAside(accountsOf(plan)) || !isFpmRunning(plan.from) || !isFpmRunning(plan.to) || !hasPools(plan.to);
+}
+
 } // namespace
 
 void mendNames(const MovePlan &plan)
@@ -44,7 +51,7 @@ QString goBack(MovePlan plan)
     putBack(aside);
     unstagePools(plan);
     unplacePools(plan);
-    QString problem = letGo(plan.to, taken, back);
+    QString problem = mayHaveTaken(plan) ? letGo(plan.to, taken, back) : QString();
     if (!isFpmRunning(plan.from)) {
         if (const QString failed = reloadFpm(plan.from); !failed.isEmpty())
             problem = failed;

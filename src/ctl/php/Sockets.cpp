@@ -8,6 +8,7 @@
 #include <QFile>
 #include <QThread>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -105,6 +106,12 @@ QStringList backAmong(QStringList accounts)
         return numberOf(name) == 0 || numberOf(name) != numberOf(name + kAside);
     });
     return accounts;
+}
+
+bool isAnyAside(const QStringList &accounts)
+{
+    return std::any_of(accounts.cbegin(), accounts.cend(),
+                       [](const QString &account) { return exists(socketOf(account) + kAside); });
 }
 
 void putAside(const QStringList &accounts)

@@ -35,6 +35,9 @@ void putBack(const QStringList &accounts);
 QStringList asideAmong(QStringList accounts);
 QStringList backAmong(QStringList accounts);
 
+// Whether any of these accounts' sockets is aside, still served or not.
+bool isAnyAside(const QStringList &accounts);
+
 // Keeps the sockets that these names lead to, and gives the names back to them where they are lost: an FPM that lets go
 // of a socket removes the name that it once had, whose ever it is by now.
 void keepNames(const QStringList &accounts);
