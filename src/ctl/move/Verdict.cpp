@@ -19,14 +19,15 @@ constexpr int kWordParts = 4;
 // stays there; it has left.
 const auto kPlace = u"cd /var/lib/corvane && mkdir -pm 0700 moves && cd moves || exit 1\n"_s;
 
-// The agent may not answer at once, hence more than one attempt. One that finds the account gone does nothing. At the end
-// the file goes with both of its names, and with no other's that another server may have laid down by now.
+// The agent may not answer at once, hence more than one attempt. One that finds the account gone does nothing. At the
+// end the file goes with both of its names, and with no other's that another server may have laid down by now.
 const auto kTimer = uR"(systemctl stop corv-move-%1.timer corv-move-%1.service 2>/dev/null
 systemctl reset-failed corv-move-%1.service 2>/dev/null
 systemd-run --quiet --collect --unit=corv-move-%1 --on-active=%2 --timer-property=AccuracySec=100ms \
     --property=Restart=on-failure --property=RestartSec=5 -- /bin/sh -c 'cd /var/lib/corvane/moves; )"
                     uR"([ -e %1.stays ] || mv -T %1.undecided %1.stays || exit 0; [ ! -e %1.frozen ] || )"
-                    uR"(corvctl account read-only %1 off && rm -f %1.frozen && corvctl account resume %1 && find . -maxdepth 1 -samefile %1.stays -delete'
+                    uR"(corvctl account read-only %1 off && rm -f %1.frozen && corvctl account resume %1 && )"
+                    uR"(find . -maxdepth 1 -samefile %1.stays -delete'
 )"_s;
 
 // Where it is frozen the database is writable again, for an account that stays or comes back later.
